@@ -1,0 +1,180 @@
+#include "apps/snmp/Connection.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstring>
+
+#include "runtime/hask/host_agent.h"
+#include "runtime/ordane/zarn_stub_adapter.h"
+#include "runtime/tessim/authd.h"
+#include "runtime/tessim/crypto.h"
+#include "runtime/tessim/exception.h"
+#include "runtime/tessim/peer.h"
+#include "runtime/tessim/ssl.h"
+#include "runtime/tessim/time_budget.h"
+
+namespace SNMP {
+
+namespace {
+
+using Tessim::Ref;
+using Tessim::Service::Log;
+using LogLevel = Tessim::Service::Logger::LogLevel;
+
+const std::string sHostname = "localhost";
+constexpr std::uint16_t authdPort = 902;
+const std::string apiPath = "/tesk/api/ordane/";
+const std::string localPath = "/ordane/";
+const std::string stubFlavour = "solo";
+const std::string sUser = "root";
+const std::string locale = "en";
+constexpr std::size_t ticketBufferSize = 1024;
+// The agent answers nobody while it connects.
+constexpr std::chrono::seconds connectLimit{1};
+
+// The password is one word. Anything else was not written as a ticket and must not travel.
+void CheckPassword(const std::string& password) {
+    const auto isPrintable = [](char character) { return character > ' ' && character < 0x7f; };
+    if (!std::all_of(password.begin(), password.end(), isPrintable)) {
+        throw Tessim::InvalidArgumentException("the ticket file does not hold a password");
+    }
+}
+
+}  // namespace
+
+Connection::~Connection() {
+    Disconnect();
+    if (zarnSvc) {
+        zarnSvc->Shutdown();
+        zarnSvc.Reset();
+    }
+    serviceInstance.Reset();
+    userSession.Reset();
+    moFactory.Reset();
+    stubAdapter.Reset();
+    path.clear();
+    stream.Reset();
+    logger.Reset();
+}
+
+void Connection::Init(Tessim::Writer* writer) {
+    const Tessim::TimeBudget budget(connectLimit);
+    try {
+        Tessim::Service::InitApp();
+    } catch (const Tessim::AlreadyInitializedException&) {
+        // An earlier connection of this process made it.
+    }
+    if (writer != nullptr) {
+        Tessim::Service::CreateLogger(writer, "SNMP", nullptr, logger);
+        Tessim::Service::SetDefaultLogger(logger.Get());
+    } else {
+        logger = Tessim::Service::GetApp()->GetDefaultLogger();
+    }
+    Tessim::Zarn::CreateZarnSvc(logger.Get(), nullptr, zarnSvc);
+    zarnSvc->Startup();
+    Connect();
+    Login();
+}
+
+void Connection::Connect() {
+    if (!path.empty()) {
+        Log(logger.Get(), LogLevel::Notice, "Already connected.");
+        return;
+    }
+    Ref<Tessim::Crypto::KeyStore> keyStore;
+    Tessim::Crypto::CreateKeyStore("", "", {}, keyStore);
+    Tessim::Ssl::InitSSL("");
+    Ref<Tessim::Ssl::SSLContext> context;
+    Tessim::Ssl::CreateSSLContext(keyStore.Get(), Tessim::Ssl::SupportedVersion::Tls12OrNewer, context);
+    Ref<Tessim::Authd::Client> client;
+    Tessim::Authd::CreateClient(context.Get(), client);
+    client->Open(Tessim::Authd::Selector::ManagementApi, sHostname, authdPort, "", "", stream);
+    path = zarnSvc->GetConnectionPath(stream.Get(), 0);
+    zarnSvc->MapPath(path, apiPath, localPath);
+    Ordane::CreateZarnStubAdapter(logger.Get(), zarnSvc.Get(), localPath, stubAdapter);
+    Hask::GetMoStubFactory(stubFlavour, stubAdapter.Get(), moFactory);
+}
+
+void Connection::Login() {
+    if (userSession) {
+        Log(logger.Get(), LogLevel::Notice, "Already logged in.");
+        return;
+    }
+    Ref<Hask::SessionManager> sessionManager;
+    moFactory->GetSessionManager(sessionManager);
+    std::string userName;
+    std::string password;
+    try {
+        const auto asked = std::chrono::system_clock::now();
+        Ref<Hask::SessionManager::LocalTicket> ticket;
+        sessionManager->AcquireLocalTicket(sUser, ticket);
+        userName = ticket->GetUserName();
+        Ref<Tessim::System::Stream> file;
+        Tessim::System::GetSystemFactory()->OpenSecretFile(ticket->GetPasswordFilePath(), asked, file);
+        std::array<char, ticketBufferSize> buffer{};
+        const std::size_t count = file->Read(buffer.data(), buffer.size());
+        file->Close();
+        if (count > buffer.size() - 1) {
+            Log(logger.Get(), LogLevel::Error, "Failed to read ticket. Ticket file too long.");
+            return;
+        }
+        buffer.at(count) = '\0';
+        password = buffer.data();
+        CheckPassword(password);
+    } catch (const Tessim::Exception& failure) {
+        Log(logger.Get(), LogLevel::Error,
+            Tessim::PrintFormatter("Failed to acquire local ticket: %1") << failure.what());
+        return;
+    }
+    sessionManager->Login(userName, password, locale, userSession);
+}
+
+void Connection::Logout() {
+    if (!userSession) {
+        Log(logger.Get(), LogLevel::Notice, "Logout: not logged in.");
+        return;
+    }
+    Ref<Hask::SessionManager> sessionManager;
+    moFactory->GetSessionManager(sessionManager);
+    sessionManager->Logout();
+    userSession.Reset();
+}
+
+void Connection::Disconnect() {
+    if (path.empty()) {
+        Log(logger.Get(), LogLevel::Notice, "Disconnect: not connected.");
+        return;
+    }
+    if (userSession && IsOwn()) {
+        try {
+            Logout();
+        } catch (const Tessim::Exception&) {
+            // A daemon that cannot be told is gone; the rest must be closed all the same.
+        }
+    }
+    userSession.Reset();
+    if (stubAdapter) {
+        stubAdapter->Close();
+        stubAdapter.Reset();
+    }
+    if (stream) {
+        stream->Close();
+        stream.Reset();
+    }
+    path.clear();
+}
+
+void Connection::CheckTime() {
+    constexpr const char* step = "working on its answers";
+    Tessim::TimeBudget::CheckEnding(step);
+    if (Tessim::Clock::now() >= Tessim::TimeBudget::Deadline()) {
+        Tessim::Peer(sHostname, authdPort).ThrowTimeout(step);
+    }
+}
+
+bool Connection::IsOwn() const {
+    return stream && stream->IsOwn();
+}
+
+}  // namespace SNMP

@@ -1,0 +1,106 @@
+// The module's one client of the local management daemon.
+//
+// Used on the agent's one request thread. No query throws a management exception: each turns a failure into
+// an empty result and a log line. Every wait is bounded by the time budget in force.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "apps/snmp/Connection.h"
+#include "apps/snmp/StatsIndex.h"
+#include "runtime/hask/api.h"
+
+namespace SNMP {
+
+// Pairs of "group.counter" and counter id; -1 while unresolved.
+using CounterList = std::vector<std::pair<std::string, std::int32_t>>;
+
+// The name under which a counter is known here: "group.counter".
+std::string StatsName(const std::string& group, const std::string& counter);
+// Appends the pair (`group`.`counter`, `id`).
+void PackStatsName(CounterList& list, const std::string& group, const std::string& counter, std::int32_t id);
+
+class OrdaneClient : public Tessim::ObjectImpl, public virtual Tessim::Object {
+  public:
+    static const std::string sDISK_STATS_GRP;
+    static const std::string sNET_STATS_GRP;
+    static const std::string sMEM_STATS_GRP;
+    static const std::string sCPU_STATS_GRP;
+    static const std::string sDISK_COUNTER_NUMREAD;
+    static const std::string sDISK_COUNTER_NUMWRITE;
+    static const std::string sDISK_COUNTER_READ;
+    static const std::string sDISK_COUNTER_WRITE;
+    static const std::string sNET_COUNTER_PKTRX;
+    static const std::string sNET_COUNTER_PKTTX;
+    static const std::string sNET_COUNTER_RX;
+    static const std::string sNET_COUNTER_TX;
+    static const std::string sCPU_COUNTER_USED;
+    static const std::string sMEM_COUNTER_ACTIVE;
+
+    OrdaneClient() = default;
+    ~OrdaneClient() override;
+
+    // Connects and logs in unless that is done already. With a writer the connection makes a logger on it,
+    // without one it uses the application's. False, and a log line, on failure. A connection that a parent
+    // process made is replaced by an own one.
+    bool Init(Tessim::Writer* writer);
+    // Whether Init has succeeded in this process and no query found the connection broken since.
+    bool IsInitialized() const;
+
+    // Every VM of the host in the folder's order. Null on failure; what was listed before an error stays.
+    void GetAllVM(Tessim::Ref<Ordane::DataArray<Hask::VirtualMachine>>& out);
+    // What the daemon is; asked once per process. Null on failure.
+    void GetServiceInstanceContent(Tessim::Ref<Hask::ServiceInstanceContent>& out);
+    // What kind of store the datastore with the id `datastore` is. Null on failure.
+    void GetDatastoreInfo(const std::string& datastore, Tessim::Ref<Hask::Datastore::Info>& out);
+    // The host's CPU cores, cut to a signed 16-bit count; kept once it is not 0. 0 on failure.
+    int GetNumCpuCores();
+    // The service console's memory in kilobytes; 0 on failure. `reserved` is in bytes on the call that asks
+    // the daemon and in kilobytes on the later, cached ones: managers rely on the figures as they are.
+    std::int64_t GetMemoryReservation(std::int64_t& reserved);
+
+    // The performance manager, or null when the service has none.
+    void GetPerfManager(Tessim::Ref<Hask::PerformanceManager>& out);
+    // The ten counters with their ids, resolved on the client's first use; empty without a performance
+    // manager.
+    const CounterList& GetAvailableCounterIds();
+    // One metric per counter, each for every instance ("*").
+    void GetQueryMetricIds(Tessim::Ref<Ordane::DataArray<Hask::PerformanceManager::MetricId>>& out);
+    // The counter's id, or -1.
+    std::int32_t GetCounterIdFromName(const std::string& group, const std::string& counter);
+    // Replaces the figures that RetrieveStats answers from by the latest of the given VMs, with one query.
+    // Null only drops them. A failure is logged and leaves none, or those that arrived before it.
+    void CollectVMStats(Ordane::DataArray<Hask::VirtualMachine>* vms);
+    // The first sample of the first series of that entity, counter and instance; a null instance matches any.
+    // -1, and a log line, when there is none.
+    std::int64_t RetrieveHCStats(Ordane::MoRef* entity, const std::string& group, const std::string& counter,
+                                 const char* instance);
+    std::int64_t RetrieveHCStats(Ordane::MoRef* entity, const std::string& group, const std::string& counter,
+                                 int instance);
+    // The same cut to its low 32 bits.
+    std::int32_t RetrieveStats(Ordane::MoRef* entity, const std::string& group, const std::string& counter,
+                               const char* instance);
+    std::int32_t RetrieveStats(Ordane::MoRef* entity, const std::string& group, const std::string& counter,
+                               int instance);
+
+  private:
+    // Runs one query; see OrdaneClient.cpp.
+    template <class Query>
+    void RunQuery(const char* name, const char* brokenName, Query query);
+
+    Tessim::Ref<Connection> connection;
+    Tessim::Ref<Hask::ServiceInstanceContent> serviceContent;
+    Tessim::Ref<Ordane::DataArray<Hask::PerformanceManager::EntityMetric>> entityMetrics;
+    StatsIndex statsIndex;  // over entityMetrics
+    bool initialized = false;
+    bool countersResolved = false;
+};
+
+// The process-wide client, connected and logged in; null, and a log line, when it cannot be. The next call
+// tries again. The client belongs to the process and is never destroyed.
+OrdaneClient* GetOrdaneClient();
+
+}  // namespace SNMP

@@ -1,0 +1,112 @@
+// The records of the ten tables, one struct per table.
+//
+// Rows are zeroed allocations of `calloc`, owned by their table's collection. Strings are NUL-terminated or
+// null. `char*` strings are heap copies that the row owns; `const char*` strings outlive every row.
+#pragma once
+
+#include <cstdint>
+
+// A virtual machine; its position in the array is its index.
+struct vmEntry {
+    std::int32_t vmIdx;      // position of the virtual machine, from 0
+    char* vmDisplayName;     // configured name
+    char* vmConfigFile;      // local path of the configuration file
+    char* vmGuestOS;         // full name of the configured guest operating system
+    std::int32_t vmMemSize;  // configured memory, megabytes
+    char* vmState;           // name of the power state
+    std::int32_t vmVMID;     // identifier, -1 when the API's own is not a number
+    char* vmGuestState;      // state of the guest
+};
+
+// A SCSI controller.
+struct vmHBANode {
+    std::int32_t vmIdx;   // position of the owning virtual machine
+    std::int32_t hbaBus;  // bus number
+    char* hbaLabel;
+    char* hbaType;  // "buslogic", "lsilogic" or "unknown"
+    vmHBANode* next;
+};
+
+// A virtual disk.
+struct vmHBATgtNode {
+    std::int32_t vmIdx;    // position of the owning virtual machine
+    std::int32_t tgtUnit;  // unit number on its controller
+    char* tgtLabel;
+    vmHBATgtNode* next;
+};
+
+// An Ethernet card.
+struct vmNetNode {
+    std::int32_t vmIdx;   // position of the owning virtual machine
+    std::int32_t nicIdx;  // position among the machine's cards, from 0
+    char* nicLabel;
+    char* nicNetwork;  // network it is attached to
+    char* nicDevice;
+    vmNetNode* next;
+};
+
+// A floppy drive.
+struct vmFloppyNode {
+    std::int32_t vmIdx;   // position of the owning virtual machine
+    std::int32_t fdUnit;  // unit number
+    char* fdBacking;      // name of the file or device
+    char* fdConnected;    // "true", "false", or null when that is not known
+    vmFloppyNode* next;
+};
+
+// A CD-ROM drive.
+struct vmCDROMNode {
+    std::int32_t vmIdx;       // position of the owning virtual machine
+    std::int32_t cdIdeIndex;  // bus of the IDE controller times 2 plus the unit number
+    char* cdBacking;          // name of the file or device
+    char* cdConnected;        // "true", "false", or null when that is not known
+    vmCDROMNode* next;
+};
+
+// A virtual CPU of a running virtual machine.
+struct resCPUNode {
+    std::int32_t cpuVMID;    // the machine's identifier plus the CPU's number, so two rows may share an index
+    std::int32_t cpuShares;  // the machine's shares on its first CPU, 0 on the others
+    float cpuUsedSec;        // seconds
+    resCPUNode* next;
+};
+
+// The memory of a running virtual machine.
+struct resMemNode {
+    std::int32_t memVMID;  // the machine's identifier
+    std::int32_t memShares;
+    std::int32_t memConfiguredKB;
+    std::int32_t memActive;  // kilobytes
+    resMemNode* next;
+};
+
+// A virtual disk of a running virtual machine.
+struct resDiskNode {
+    std::int32_t diskIdx;  // running number across all machines, from 1
+    const char* diskName;
+    std::int32_t diskVMID;  // identifier of the owning machine
+    std::int32_t diskShares;
+    std::int32_t diskNumRead;
+    std::int32_t diskRead;
+    std::int32_t diskNumWrite;
+    std::int32_t diskWrite;
+    resDiskNode* next;
+};
+
+// An Ethernet card of a running virtual machine.
+struct resNetNode {
+    std::int32_t netIdx;  // running number across all machines, from 1
+    const char* netName;
+    std::int32_t netVMID;  // identifier of the owning machine
+    const char* netMac;
+    std::int32_t netSpare;  // always 0
+    std::int32_t netPktTx;
+    std::int32_t netTx;
+    std::int32_t netPktRx;
+    std::int32_t netRx;
+    std::uint64_t netHCPktTx;
+    std::uint64_t netHCTx;
+    std::uint64_t netHCPktRx;
+    std::uint64_t netHCRx;
+    resNetNode* next;
+};

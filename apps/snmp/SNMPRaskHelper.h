@@ -1,0 +1,34 @@
+// The refresh of the row cache, and the figures that scalars ask for directly.
+//
+// Everything here runs on the agent's one request thread.
+#pragma once
+
+extern "C" {
+
+// Creates the process-wide client. Non-zero when it is connected and logged in; a failure is logged, and the
+// next use tries again.
+int SNMPRaskHelper_Init();
+
+// Rebuilds the cache when the last rebuild was started more than 20 seconds ago (wall clock). Called by every
+// table handler before it looks at its rows. A management exception out of the rebuild is logged, empties the
+// cache and makes the next call try again at once; other exceptions pass on.
+void SNMPRaskTable_Init();
+
+// Makes the next SNMPRaskTable_Init rebuild the cache, however fresh it is.
+void SNMPRaskTable_Expire();
+
+// Empties all ten row collections.
+void SNMPRaskTable_Destroy();
+
+// The rebuild itself: empties the collections, then fills them from the management daemon.
+void SNMPRaskRefreshCache();
+
+// The host's number of CPU cores as a signed 16-bit count; 0 when the daemon cannot be asked.
+int GetNumCpu();
+
+// The service console's memory. `total` in kilobytes; `reserved` in bytes on the first successful call and in
+// kilobytes from then on, as the client hands it out. Both are 0 when the daemon cannot be asked, and both
+// pointers must be non-null.
+void GetMemory(long* reserved, long* total);
+
+}  // extern "C"

@@ -1,0 +1,148 @@
+#include "apps/vessad/HostObjects.h"
+
+#include <spdlog/spdlog.h>
+
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "apps/vessad/Performance.h"
+#include "runtime/hask/host_agent.h"
+
+namespace Vessad {
+
+namespace {
+
+using InventoryPointer = std::shared_ptr<const Inventory>;
+
+class FolderObject final : public Hask::Folder {
+  public:
+    FolderObject(Tessim::Ref<Ordane::MoRef> reference, InventoryPointer inventory)
+        : Folder(std::move(reference)), inventory(std::move(inventory)) {}
+
+    void GetChildEntity(Tessim::Ref<Ordane::DataArray<Ordane::MoRef>>& out) override {
+        const std::string type(Hask::VirtualMachine::staticType.name);
+        out = Tessim::MakeRef<Ordane::DataArray<Ordane::MoRef>>();
+        out->Reserve(static_cast<int>(inventory->machines.size()));
+        for (const auto& machine : inventory->machines) {
+            out->Append(Tessim::MakeRef<Ordane::MoRef>(type, machine->id));
+        }
+    }
+
+  private:
+    InventoryPointer inventory;
+};
+
+class MachineObject final : public Hask::VirtualMachine {
+  public:
+    MachineObject(Tessim::Ref<Ordane::MoRef> reference, std::shared_ptr<const Machine> machine)
+        : VirtualMachine(std::move(reference)), machine(std::move(machine)) {}
+
+    void GetConfig(Tessim::Ref<Hask::Vm::ConfigInfo>& out) override { out = machine->config; }
+    void GetRuntime(Tessim::Ref<Hask::Vm::RuntimeInfo>& out) override { out = machine->runtime; }
+    void GetGuest(Tessim::Ref<Hask::Vm::GuestInfo>& out) override { out = machine->guest; }
+
+  private:
+    std::shared_ptr<const Machine> machine;
+};
+
+class DatastoreObject final : public Hask::Datastore {
+  public:
+    DatastoreObject(Tessim::Ref<Ordane::MoRef> reference, Tessim::Ref<Info> info)
+        : Datastore(std::move(reference)), info(std::move(info)) {}
+
+    void GetInfo(Tessim::Ref<Info>& out) override { out = info; }
+
+  private:
+    Tessim::Ref<Info> info;
+};
+
+class HostObject final : public Hask::HostSystem {
+  public:
+    HostObject(Tessim::Ref<Ordane::MoRef> reference, InventoryPointer inventory)
+        : HostSystem(std::move(reference)), inventory(std::move(inventory)) {}
+
+    void GetHardware(Tessim::Ref<Hask::Host::HardwareInfo>& out) override { out = inventory->hardware; }
+
+  private:
+    InventoryPointer inventory;
+};
+
+class MemoryManagerObject final : public Hask::Host::MemoryManagerSystem {
+  public:
+    MemoryManagerObject(Tessim::Ref<Ordane::MoRef> reference, InventoryPointer inventory)
+        : MemoryManagerSystem(std::move(reference)), inventory(std::move(inventory)) {}
+
+    void GetConsoleReservationInfo(Tessim::Ref<ServiceConsoleReservationInfo>& out) override {
+        out = inventory->serviceConsole;
+    }
+
+  private:
+    InventoryPointer inventory;
+};
+
+class PerformanceObject final : public Hask::PerformanceManager {
+  public:
+    PerformanceObject(Tessim::Ref<Ordane::MoRef> reference, InventoryPointer inventory,
+                      std::chrono::nanoseconds elapsed)
+        : PerformanceManager(std::move(reference)), inventory(std::move(inventory)), elapsed(elapsed) {}
+
+    void GetPerfCounter(Tessim::Ref<Ordane::DataArray<CounterInfo>>& out) override {
+        out = Tessim::MakeRef<Ordane::DataArray<CounterInfo>>();
+        for (const auto& counter : inventory->counters) {
+            out->Append(counter);
+        }
+    }
+
+    void QueryPerf(Ordane::DataArray<QuerySpec>* querySpec,
+                   Tessim::Ref<Ordane::DataArray<EntityMetricBase>>& out) override {
+        spdlog::debug("QueryPerf of {} entities", querySpec->GetLength());
+        out = QueryPerformance(*inventory, *querySpec, elapsed);
+    }
+
+  private:
+    InventoryPointer inventory;
+    std::chrono::nanoseconds elapsed;
+};
+
+template <class Object>
+bool IsSingleton(const Ordane::MoRef& reference, std::string_view id) {
+    return reference.GetType() == Object::staticType.name && reference.GetId() == id;
+}
+
+}  // namespace
+
+Tessim::Ref<Ordane::ManagedObject> FindHostObject(const std::shared_ptr<const Inventory>& inventory,
+                                                  const Ordane::MoRef& reference,
+                                                  std::chrono::nanoseconds elapsed) {
+    using Result = Tessim::Ref<Ordane::ManagedObject>;
+    namespace Ids = Hask::HostAgent;
+    const auto name = Tessim::MakeRef<Ordane::MoRef>(reference.GetType(), reference.GetId());
+    if (reference.GetType() == Hask::VirtualMachine::staticType.name) {
+        const auto found = inventory->machinesById.find(reference.GetId());
+        return found == inventory->machinesById.end()
+                   ? Result()
+                   : Result(Tessim::MakeRef<MachineObject>(name, found->second));
+    }
+    if (reference.GetType() == Hask::Datastore::staticType.name) {
+        const auto found = inventory->datastores.find(reference.GetId());
+        return found == inventory->datastores.end()
+                   ? Result()
+                   : Result(Tessim::MakeRef<DatastoreObject>(name, found->second));
+    }
+    if (IsSingleton<Hask::Folder>(reference, Ids::moid_vmfolder)) {
+        return Result(Tessim::MakeRef<FolderObject>(name, inventory));
+    }
+    if (IsSingleton<Hask::HostSystem>(reference, Ids::moid_hostsystem)) {
+        return Result(Tessim::MakeRef<HostObject>(name, inventory));
+    }
+    if (IsSingleton<Hask::Host::MemoryManagerSystem>(reference, Ids::moid_memorymanagersystem)) {
+        return Result(Tessim::MakeRef<MemoryManagerObject>(name, inventory));
+    }
+    if (IsSingleton<Hask::PerformanceManager>(reference, Ids::moid_perfmanager)) {
+        return Result(Tessim::MakeRef<PerformanceObject>(name, inventory, elapsed));
+    }
+    return nullptr;
+}
+
+}  // namespace Vessad

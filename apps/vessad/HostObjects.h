@@ -1,0 +1,18 @@
+// The managed objects that show an inventory.
+#pragma once
+
+#include <chrono>
+#include <memory>
+
+#include "apps/vessad/backends/Backend.h"
+
+namespace Vessad {
+
+// The object of `inventory` that `reference` names, or null: the folder of virtual machines, a machine, a
+// datastore, the host, its memory manager or its performance manager. `elapsed` is how long the daemon has
+// run, which the figures depend on. The object keeps the inventory.
+Tessim::Ref<Ordane::ManagedObject> FindHostObject(const std::shared_ptr<const Inventory>& inventory,
+                                                  const Ordane::MoRef& reference,
+                                                  std::chrono::nanoseconds elapsed);
+
+}  // namespace Vessad

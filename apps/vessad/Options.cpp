@@ -1,0 +1,61 @@
+#include "apps/vessad/Options.h"
+
+#include <CLI/CLI.hpp>
+#include <stdexcept>
+
+#include "apps/vessad/Server.h"
+
+namespace Vessad {
+
+Parsed ParseCommandLine(int count, const char* const* arguments) {
+    Options options;
+    std::string host;
+    std::string libvirt;
+    CLI::App app{"Serves the management API of a virtualisation host to local clients.", "tovric-vessad"};
+    CLI::Option* hostOption =
+        app.add_option("--host", host, "Serve the host that this YAML file describes")->type_name("FILE");
+    CLI::Option* libvirtOption =
+        app.add_option("--libvirt", libvirt, "Serve the host that libvirt manages")->type_name("URI");
+    hostOption->excludes(libvirtOption);
+    app.add_option("--listen", options.listen, "Loopback address and port to listen on")
+        ->type_name("ADDRESS:PORT")
+        ->capture_default_str()
+        ->check([](const std::string& text) {
+            try {
+                ParseListenAddress(text);
+                return std::string();
+            } catch (const std::invalid_argument& refused) {
+                return std::string(refused.what());
+            }
+        });
+    app.add_option("--ticket-dir", options.ticketDirectory, "Where login tickets are put")
+        ->type_name("DIR")
+        ->capture_default_str();
+    app.add_option("--ticket-group", options.ticketGroup, "A group that may read the tickets too")
+        ->type_name("GROUP");
+    app.add_option("--state-dir", options.stateDirectory, "What must outlast a restart (libvirt hosts)")
+        ->type_name("DIR")
+        ->capture_default_str();
+    app.add_option("--log-level", options.logLevel, "How much to log")
+        ->type_name("LEVEL")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"debug", "info", "warning", "error"}));
+    app.add_flag("--foreground", options.foreground, "Stay in the foreground and log to the standard error");
+    app.footer("Without --host and --libvirt a small sample host is served.");
+    try {
+        app.parse(count, arguments);
+    } catch (const CLI::ParseError& stop) {
+        return {std::nullopt, app.exit(stop)};
+    }
+    if (*hostOption) {
+        options.host = std::filesystem::absolute(host);
+    }
+    if (*libvirtOption) {
+        options.libvirt = libvirt;
+    }
+    options.ticketDirectory = std::filesystem::absolute(options.ticketDirectory);
+    options.stateDirectory = std::filesystem::absolute(options.stateDirectory);
+    return {options, 0};
+}
+
+}  // namespace Vessad

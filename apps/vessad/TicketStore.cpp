@@ -1,0 +1,254 @@
+#include "apps/vessad/TicketStore.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <openssl/crypto.h>
+#include <openssl/rand.h>
+#include <spdlog/spdlog.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <memory>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+namespace Vessad {
+
+namespace {
+
+constexpr std::string_view filePrefix = "ticket-";
+constexpr std::size_t nameBytes = 16;
+constexpr std::size_t passwordBytes = 32;
+constexpr mode_t openDirectoryMode = 0711;   // everyone may reach a file whose name they know
+constexpr mode_t groupDirectoryMode = 0750;  // only the group may
+
+std::system_error Failure(const std::string& what) {
+    return {errno, std::generic_category(), what};
+}
+
+std::string RandomHex(std::size_t count) {
+    std::array<unsigned char, passwordBytes> bytes{};
+    if (RAND_bytes(bytes.data(), static_cast<int>(count)) != 1) {
+        throw std::system_error(EIO, std::generic_category(), "no random numbers");
+    }
+    constexpr std::string_view digits = "0123456789abcdef";
+    std::string text;
+    for (std::size_t index = 0; index < count; ++index) {
+        text += digits[bytes[index] >> 4U];
+        text += digits[bytes[index] & 0xfU];
+    }
+    OPENSSL_cleanse(bytes.data(), bytes.size());
+    return text;
+}
+
+bool IsTicketName(std::string_view name) {
+    return name.starts_with(filePrefix) && name.size() == filePrefix.size() + 2 * nameBytes &&
+           name.find_first_not_of("0123456789abcdef", filePrefix.size()) == std::string_view::npos;
+}
+
+gid_t FindGroup(const std::string& name) {
+    std::vector<char> buffer(64UL * 1024);
+    group entry{};
+    group* found = nullptr;
+    if (const int error = ::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
+        error != 0) {
+        throw std::system_error(error, std::generic_category(), "cannot look up the group " + name);
+    }
+    if (found == nullptr) {
+        throw std::runtime_error("there is no group " + name);
+    }
+    return entry.gr_gid;
+}
+
+}  // namespace
+
+TicketStore::TicketStore(const TicketOptions& given, boost::asio::any_io_executor executor)
+    : options(given), timer(std::move(executor)) {
+    if (!options.group.empty()) {
+        group = FindGroup(options.group);
+    }
+    OpenDirectory();
+    RemoveStale();
+}
+
+void TicketStore::OpenDirectory() {
+    const std::string shown = "ticket directory " + options.directory.string();
+    const bool forGroup = !options.group.empty();
+    const bool made = ::mkdir(options.directory.c_str(), 0700) == 0;
+    if (!made && errno != EEXIST) {
+        throw Failure("cannot make the " + shown);
+    }
+    directory = Tessim::FileDescriptor(
+        ::open(options.directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!directory) {
+        throw Failure("cannot open the " + shown);
+    }
+    if (made && ((forGroup && ::fchown(directory.Get(), static_cast<uid_t>(-1), group) != 0) ||
+                 ::fchmod(directory.Get(), forGroup ? groupDirectoryMode : openDirectoryMode) != 0)) {
+        const std::system_error failure = Failure("cannot give the " + shown + " its group and mode");
+        ::rmdir(options.directory.c_str());
+        throw failure;
+    }
+    struct stat status {};
+    if (::fstat(directory.Get(), &status) != 0) {
+        throw Failure("cannot look at the " + shown);
+    }
+    if (status.st_uid != ::geteuid()) {
+        throw std::runtime_error("the " + shown + " belongs to somebody else");
+    }
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        throw std::runtime_error("others can write to the " + shown);
+    }
+    const mode_t way = forGroup && status.st_gid == group ? S_IXGRP : S_IXOTH;
+    if (forGroup && (status.st_mode & way) == 0) {
+        throw std::runtime_error("the group " + options.group + " cannot reach files in the " + shown);
+    }
+}
+
+void TicketStore::RemoveStale() const {
+    // The stream takes over a descriptor of its own.
+    const int copy = ::fcntl(directory.Get(), F_DUPFD_CLOEXEC, 0);
+    const std::unique_ptr<DIR, int (*)(DIR*)> stream(copy < 0 ? nullptr : ::fdopendir(copy), ::closedir);
+    if (!stream) {
+        throw Failure("cannot list the ticket directory");
+    }
+    std::vector<std::string> stale;
+    while (const dirent* entry = ::readdir(stream.get())) {
+        if (IsTicketName(entry->d_name)) {
+            stale.emplace_back(entry->d_name);
+        }
+    }
+    for (const std::string& file : stale) {
+        RemoveFile(file);
+    }
+    if (!stale.empty()) {
+        spdlog::warn("Removed {} tickets that an earlier daemon left behind", stale.size());
+    }
+}
+
+std::string TicketStore::Issue(std::uint64_t owner) {
+    const std::string file = std::string(filePrefix) + RandomHex(nameBytes);
+    std::string password = RandomHex(passwordBytes);
+    WriteFile(file, password);
+    const std::lock_guard lock(mutex);
+    if (closed) {
+        RemoveFile(file);
+        throw std::system_error(ECANCELED, std::generic_category(), "the daemon ends");
+    }
+    if (const auto earlier = tickets.find(owner); earlier != tickets.end()) {
+        Remove(earlier);
+    }
+    tickets.emplace(owner, Ticket{file, std::move(password), Clock::now() + options.life});
+    ArmTimer();
+    return options.directory / file;
+}
+
+bool TicketStore::Redeem(std::uint64_t owner, std::string_view password) {
+    const std::lock_guard lock(mutex);
+    const auto ticket = tickets.find(owner);
+    if (ticket == tickets.end()) {
+        return false;
+    }
+    const std::string& right = ticket->second.password;
+    const bool same =
+        password.size() == right.size() && CRYPTO_memcmp(password.data(), right.data(), right.size()) == 0;
+    const bool alive = Clock::now() < ticket->second.end;
+    Remove(ticket);
+    return same && alive;
+}
+
+void TicketStore::Drop(std::uint64_t owner) {
+    const std::lock_guard lock(mutex);
+    if (const auto ticket = tickets.find(owner); ticket != tickets.end()) {
+        Remove(ticket);
+    }
+}
+
+void TicketStore::Close() {
+    const std::lock_guard lock(mutex);
+    closed = true;
+    timer.cancel();
+    while (!tickets.empty()) {
+        Remove(tickets.begin());
+    }
+}
+
+std::size_t TicketStore::Count() const {
+    const std::lock_guard lock(mutex);
+    return tickets.size();
+}
+
+void TicketStore::WriteFile(const std::string& file, std::string_view password) const {
+    Tessim::FileDescriptor descriptor(
+        ::openat(directory.Get(), file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!descriptor) {
+        throw Failure("cannot make a ticket file");
+    }
+    const auto fail = [&](const char* what) {
+        const std::system_error failure = Failure(what);
+        RemoveFile(file);
+        throw failure;
+    };
+    if (!options.group.empty() && (::fchown(descriptor.Get(), static_cast<uid_t>(-1), group) != 0 ||
+                                   ::fchmod(descriptor.Get(), 0640) != 0)) {
+        fail("cannot give a ticket file to its group");
+    }
+    while (!password.empty()) {
+        const ssize_t written = ::write(descriptor.Get(), password.data(), password.size());
+        if (written > 0) {
+            password.remove_prefix(static_cast<std::size_t>(written));
+        } else if (written == 0 || errno != EINTR) {
+            fail("cannot write a ticket file");
+        }
+    }
+}
+
+void TicketStore::RemoveFile(const std::string& file) const {
+    if (::unlinkat(directory.Get(), file.c_str(), 0) != 0 && errno != ENOENT) {
+        spdlog::warn("Cannot remove the used ticket {}: {}", file, std::generic_category().message(errno));
+    }
+}
+
+void TicketStore::Remove(std::map<std::uint64_t, Ticket>::iterator ticket) {
+    RemoveFile(ticket->second.file);
+    OPENSSL_cleanse(ticket->second.password.data(), ticket->second.password.size());
+    tickets.erase(ticket);
+}
+
+void TicketStore::ArmTimer() {
+    if (timerArmed || tickets.empty()) {
+        return;
+    }
+    const auto next = std::min_element(tickets.begin(), tickets.end(), [](const auto& a, const auto& b) {
+        return a.second.end < b.second.end;
+    });
+    timerArmed = true;
+    timer.expires_at(next->second.end);
+    timer.async_wait([this](const boost::system::error_code& error) {
+        if (!error) {
+            RemoveExpired();
+        }
+    });
+}
+
+void TicketStore::RemoveExpired() {
+    const std::lock_guard lock(mutex);
+    const Clock::time_point now = Clock::now();
+    for (auto ticket = tickets.begin(); ticket != tickets.end();) {
+        const auto next = std::next(ticket);
+        if (ticket->second.end <= now) {
+            Remove(ticket);
+        }
+        ticket = next;
+    }
+    timerArmed = false;
+    ArmTimer();
+}
+
+}  // namespace Vessad

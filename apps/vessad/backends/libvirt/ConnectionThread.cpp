@@ -1,0 +1,86 @@
+#include "apps/vessad/backends/libvirt/ConnectionThread.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+#include "apps/vessad/backends/libvirt/SignalFreeThread.h"
+
+namespace Vessad::Libvirt {
+
+namespace {
+
+constexpr std::chrono::seconds farewell{1};
+
+}  // namespace
+
+struct ConnectionThread::State {
+    std::shared_ptr<Api> api;
+    std::string uri;
+
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::deque<Task> tasks;
+    bool stopping = false;
+    bool ended = false;
+
+    void Run() {
+        std::unique_ptr<Connection> connection;
+        std::unique_lock lock(mutex);
+        for (;;) {
+            changed.wait(lock, [this] { return stopping || !tasks.empty(); });
+            if (stopping) {
+                break;
+            }
+            Task task = std::move(tasks.front());
+            tasks.pop_front();
+            lock.unlock();
+            Perform(task, connection);
+            task = nullptr;
+            lock.lock();
+        }
+        lock.unlock();
+        connection.reset();
+        lock.lock();
+        ended = true;
+        changed.notify_all();
+    }
+
+    void Perform(const Task& task, std::unique_ptr<Connection>& connection) const {
+        std::optional<ApiError> failure;
+        if (!connection || !connection->IsAlive()) {
+            connection.reset();
+            try {
+                connection = api->Open(uri);
+            } catch (const ApiError& error) {
+                failure = error;
+            }
+        }
+        task(connection.get(), failure ? &*failure : nullptr);
+    }
+};
+
+ConnectionThread::ConnectionThread(std::shared_ptr<Api> api, std::string uri)
+    : state(std::make_shared<State>()) {
+    state->api = std::move(api);
+    state->uri = std::move(uri);
+    SignalFreeThread([state = state] { state->Run(); }).detach();
+}
+
+ConnectionThread::~ConnectionThread() {
+    std::unique_lock lock(state->mutex);
+    state->stopping = true;
+    state->changed.notify_all();
+    state->changed.wait_for(lock, farewell, [this] { return state->ended; });
+}
+
+void ConnectionThread::Post(Task task) {
+    const std::lock_guard lock(state->mutex);
+    state->tasks.push_back(std::move(task));
+    state->changed.notify_all();
+}
+
+}  // namespace Vessad::Libvirt

@@ -1,0 +1,143 @@
+#include "apps/vessad/backends/libvirt/Figures.h"
+
+#include <charconv>
+#include <cstdint>
+#include <optional>
+#include <set>
+#include <string_view>
+
+namespace Vessad::Libvirt {
+namespace {
+
+constexpr std::uint64_t nanosecondsPerMillisecond = 1000000;
+constexpr std::uint64_t bytesPerKilobyte = 1024;
+
+std::optional<std::uint64_t> Number(const Statistics& statistics, const std::string& name) {
+    const auto found = statistics.find(name);
+    const auto* number = found == statistics.end() ? nullptr : std::get_if<std::uint64_t>(&found->second);
+    return number == nullptr ? std::nullopt : std::optional(*number);
+}
+
+// The numbers n of the entries "GROUP.n.…", in order.
+std::set<int> Entries(const Statistics& statistics, std::string_view group) {
+    std::set<int> entries;
+    for (auto at = statistics.lower_bound(group); at != statistics.end() && at->first.starts_with(group);
+         ++at) {
+        const std::string_view rest = std::string_view(at->first).substr(group.size());
+        int number = 0;
+        const auto [end, error] = std::from_chars(rest.data(), rest.data() + rest.size(), number);
+        if (error == std::errc() && end != rest.data() + rest.size() && *end == '.') {
+            entries.insert(number);
+        }
+    }
+    return entries;
+}
+
+// The prefix of the entry of `group` whose name is `name`: "net.0.".
+std::optional<std::string> FindEntry(const Statistics& statistics, const std::string& group,
+                                     const std::string& name) {
+    for (const int entry : Entries(statistics, group)) {
+        std::string prefix = group + std::to_string(entry) + ".";
+        const auto found = statistics.find(prefix + "name");
+        if (found != statistics.end() && found->second == Statistics::mapped_type(name)) {
+            return prefix;
+        }
+    }
+    return std::nullopt;
+}
+
+class Maker {
+  public:
+    Maker(const Statistics& statistics, const DomainDescription& domain, const CounterKeys& keys)
+        : statistics(statistics), domain(domain), keys(keys) {}
+
+    std::vector<Series> Make() {
+        AddCpus();
+        AddMemory();
+        AddDisks("disk.numberRead", "rd.reqs", 1);
+        AddDisks("disk.read", "rd.bytes", bytesPerKilobyte);
+        AddDisks("disk.numberWrite", "wr.reqs", 1);
+        AddDisks("disk.write", "wr.bytes", bytesPerKilobyte);
+        AddCards("net.packetsRx", "rx.pkts", 1);
+        AddCards("net.received", "rx.bytes", bytesPerKilobyte);
+        AddCards("net.packetsTx", "tx.pkts", 1);
+        AddCards("net.transmitted", "tx.bytes", bytesPerKilobyte);
+        return std::move(series);
+    }
+
+  private:
+    void Add(std::string_view counter, std::string instance, std::uint64_t value) {
+        if (const auto key = keys.find(counter); key != keys.end()) {
+            series.push_back({key->second, std::move(instance), static_cast<std::int64_t>(value), 0});
+        }
+    }
+
+    void AddCpus() {
+        int position = 0;
+        for (const int cpu : Entries(statistics, "vcpu.")) {
+            if (const auto time = Number(statistics, "vcpu." + std::to_string(cpu) + ".time")) {
+                Add("cpu.used", std::to_string(position), *time / nanosecondsPerMillisecond);
+            }
+            ++position;
+        }
+    }
+
+    void AddMemory() {
+        const auto available = Number(statistics, "balloon.available");
+        const auto unused = Number(statistics, "balloon.unused");
+        if (available && unused && *unused <= *available) {
+            Add("mem.active", "", *available - *unused);
+        } else if (const auto resident = Number(statistics, "balloon.rss")) {
+            Add("mem.active", "", *resident);
+        }
+    }
+
+    void AddDisks(std::string_view counter, const std::string& figure, std::uint64_t unit) {
+        std::map<std::string, std::uint64_t> sums;
+        for (const auto& disk : domain.disks) {
+            const auto entry = FindEntry(statistics, "block.", disk.target);
+            const auto value = entry ? Number(statistics, *entry + figure) : std::nullopt;
+            if (value) {
+                sums[disk.name] += *value;
+            }
+        }
+        for (const auto& [name, sum] : sums) {
+            Add(counter, name, sum / unit);
+        }
+    }
+
+    void AddCards(std::string_view counter, const std::string& figure, std::uint64_t unit) {
+        for (const auto& card : domain.cards) {
+            if (card.device.empty()) {
+                continue;
+            }
+            const auto entry = FindEntry(statistics, "net.", card.device);
+            if (const auto value = entry ? Number(statistics, *entry + figure) : std::nullopt) {
+                Add(counter, std::to_string(card.key), *value / unit);
+            }
+        }
+    }
+
+    const Statistics& statistics;
+    const DomainDescription& domain;
+    const CounterKeys& keys;
+    std::vector<Series> series;
+};
+
+}  // namespace
+
+CounterKeys KeysOf(const std::vector<Tessim::Ref<Hask::PerformanceManager::CounterInfo>>& catalogue) {
+    CounterKeys keys;
+    for (const auto& counter : catalogue) {
+        keys.emplace(counter->GetGroupInfo()->GetKey() + "." + counter->GetNameInfo()->GetKey(),
+                     counter->GetKey());
+    }
+    return keys;
+}
+
+std::vector<Series> MakeSeries(const Statistics& statistics, const DomainDescription& domain,
+                               const CounterKeys& keys) {
+    return Maker(statistics, domain, keys).Make();
+}
+
+}  // namespace Vessad::Libvirt

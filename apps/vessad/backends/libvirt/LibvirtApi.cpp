@@ -1,0 +1,345 @@
+#include "apps/vessad/backends/libvirt/LibvirtApi.h"
+
+#include <libvirt/libvirt.h>
+#include <libvirt/virterror.h>
+
+#include <array>
+#include <climits>
+#include <cstdlib>
+#include <mutex>
+#include <string_view>
+#include <utility>
+
+#include "apps/vessad/backends/libvirt/EventLoop.h"
+#include "apps/vessad/backends/libvirt/PlainStatistics.h"
+
+namespace Vessad::Libvirt {
+namespace {
+
+// A host that answers no probe for about this long has gone: 5 s × 3.
+constexpr int keepAliveInterval = 5;
+constexpr unsigned keepAliveCount = 3;
+
+template <auto Free>
+struct Freer {
+    template <class T>
+    void operator()(T* object) const {
+        Free(object);
+    }
+};
+using DomainHandle = std::unique_ptr<virDomain, Freer<virDomainFree>>;
+using PoolHandle = std::unique_ptr<virStoragePool, Freer<virStoragePoolFree>>;
+using VolumeHandle = std::unique_ptr<virStorageVol, Freer<virStorageVolFree>>;
+using CString = std::unique_ptr<char, Freer<std::free>>;
+
+// Errors of opening a connection that trying again does not cure.
+bool IsPermanentCode(const virError& error) {
+    switch (error.code) {
+        case VIR_ERR_NO_CONNECT:
+        case VIR_ERR_INVALID_ARG:
+        case VIR_ERR_NO_SUPPORT:
+        case VIR_ERR_XML_ERROR:
+        case VIR_ERR_XML_DETAIL:
+        case VIR_ERR_CONF_SYNTAX:
+        case VIR_ERR_CONFIG_UNSUPPORTED:
+            return true;
+        case VIR_ERR_INTERNAL_ERROR:
+            return error.domain == VIR_FROM_URI || error.domain == VIR_FROM_QEMU ||
+                   error.domain == VIR_FROM_TEST;
+        default:
+            return false;
+    }
+}
+
+// The calling thread's latest libvirt error.
+ApiError LastError() {
+    const virError* error = virGetLastError();
+    if (error == nullptr) {
+        return {"libvirt failed without a reason", false, false};
+    }
+    const char* text = error->message != nullptr ? error->message : "unknown error";
+    return {text, IsPermanentCode(*error), error->code == VIR_ERR_NO_DOMAIN};
+}
+
+void Check(int result) {
+    if (result < 0) {
+        throw LastError();
+    }
+}
+
+// Whether the latest call failed because the driver has nothing of the kind.
+bool IsUnsupported() {
+    const virError* error = virGetLastError();
+    return error != nullptr && error->code == VIR_ERR_NO_SUPPORT;
+}
+
+template <class Handle, class Raw>
+std::vector<Handle> TakeList(Raw* list, int count) {
+    std::vector<Handle> handles;
+    handles.reserve(static_cast<std::size_t>(count));
+    for (int index = 0; index < count; ++index) {
+        handles.emplace_back(list[index]);
+    }
+    std::free(list);
+    return handles;
+}
+
+DomainState StateOf(int state) {
+    switch (state) {
+        case VIR_DOMAIN_RUNNING:
+            return DomainState::Running;
+        case VIR_DOMAIN_BLOCKED:
+            return DomainState::Blocked;
+        case VIR_DOMAIN_PAUSED:
+            return DomainState::Paused;
+        case VIR_DOMAIN_SHUTDOWN:
+            return DomainState::ShuttingDown;
+        case VIR_DOMAIN_SHUTOFF:
+            return DomainState::ShutOff;
+        case VIR_DOMAIN_CRASHED:
+            return DomainState::Crashed;
+        case VIR_DOMAIN_PMSUSPENDED:
+            return DomainState::PmSuspended;
+        default:
+            return DomainState::None;
+    }
+}
+
+// Whether a domain has a process. `id` is what the list of domains said a moment before; it decides only
+// where the state does not, and is -1 for an inactive domain.
+bool IsActive(DomainState state, unsigned id) {
+    switch (state) {
+        case DomainState::ShutOff:
+            return false;
+        case DomainState::None:
+        case DomainState::Crashed:
+            return id != UINT_MAX;
+        default:
+            return true;
+    }
+}
+
+std::optional<std::uint64_t> WholeNumber(const virTypedParameter& parameter) {
+    const auto fromSigned = [](long long value) {
+        return value < 0 ? std::nullopt : std::optional(static_cast<std::uint64_t>(value));
+    };
+    switch (parameter.type) {
+        case VIR_TYPED_PARAM_INT:
+            return fromSigned(parameter.value.i);
+        case VIR_TYPED_PARAM_UINT:
+            return parameter.value.ui;
+        case VIR_TYPED_PARAM_LLONG:
+            return fromSigned(parameter.value.l);
+        case VIR_TYPED_PARAM_ULLONG:
+            return parameter.value.ul;
+        default:
+            return std::nullopt;
+    }
+}
+
+Statistics StatisticsOf(const virDomainStatsRecord& record) {
+    Statistics statistics;
+    for (int index = 0; index < record.nparams; ++index) {
+        const virTypedParameter& parameter = record.params[index];
+        if (parameter.type == VIR_TYPED_PARAM_STRING) {
+            statistics[parameter.field] = std::string(parameter.value.s);
+        } else if (const auto number = WholeNumber(parameter)) {
+            statistics[parameter.field] = *number;
+        }
+    }
+    return statistics;
+}
+
+class RealConnection final : public Connection {
+  public:
+    explicit RealConnection(const std::string& uri) : handle(virConnectOpenReadOnly(uri.c_str())) {
+        if (!handle) {
+            throw LastError();
+        }
+        // Refused where there is no network between us and the driver, which needs no probes then.
+        virConnectSetKeepAlive(handle.get(), keepAliveInterval, keepAliveCount);
+    }
+
+    bool IsAlive() override { return virConnectIsAlive(handle.get()) == 1; }
+
+    Host GetHost() override {
+        Host host;
+        const CString uri(virConnectGetURI(handle.get()));
+        const char* driver = virConnectGetType(handle.get());
+        virNodeInfo node{};
+        if (!uri || driver == nullptr) {
+            throw LastError();
+        }
+        Check(virConnectGetVersion(handle.get(), &host.version));
+        Check(virConnectGetLibVersion(handle.get(), &host.libvirtVersion));
+        Check(virNodeGetInfo(handle.get(), &node));
+        host.uri = uri.get();
+        host.driver = driver;
+        host.cores = static_cast<int>(node.nodes * node.sockets * node.cores);
+        host.memoryKiB = node.memory;
+        return host;
+    }
+
+    std::vector<Domain> GetDomains() override {
+        virDomainPtr* list = nullptr;
+        const int count = virConnectListAllDomains(handle.get(), &list, 0);
+        Check(count);
+        std::vector<Domain> domains;
+        for (const DomainHandle& domain : TakeList<DomainHandle>(list, count)) {
+            try {
+                domains.push_back(Describe(domain.get()));
+            } catch (const ApiError& error) {
+                if (!error.IsGone()) {
+                    throw;
+                }
+            }
+        }
+        return domains;
+    }
+
+    std::vector<std::string> GetPools() override {
+        virStoragePoolPtr* list = nullptr;
+        const int count =
+            virConnectListAllStoragePools(handle.get(), &list, VIR_CONNECT_LIST_STORAGE_POOLS_ACTIVE);
+        if (count < 0 && IsUnsupported()) {
+            return {};
+        }
+        Check(count);
+        std::vector<std::string> pools;
+        for (const PoolHandle& pool : TakeList<PoolHandle>(list, count)) {
+            // One that vanished meanwhile has no description.
+            if (const CString xml(virStoragePoolGetXMLDesc(pool.get(), 0)); xml) {
+                pools.emplace_back(xml.get());
+            }
+        }
+        return pools;
+    }
+
+    std::optional<Volume> FindVolume(const std::string& pool, const std::string& name) override {
+        const PoolHandle found(virStoragePoolLookupByName(handle.get(), pool.c_str()));
+        const VolumeHandle volume(found ? virStorageVolLookupByName(found.get(), name.c_str()) : nullptr);
+        const CString path(volume ? virStorageVolGetPath(volume.get()) : nullptr);
+        virStorageVolInfo info{};
+        if (!path || virStorageVolGetInfo(volume.get(), &info) < 0) {
+            return std::nullopt;
+        }
+        return Volume{path.get(), info.type == VIR_STORAGE_VOL_BLOCK || info.type == VIR_STORAGE_VOL_NETWORK};
+    }
+
+    std::optional<int> GetCpuShares(const std::string& uuid) override {
+        const DomainHandle domain = Find(uuid);
+        int count = 0;
+        const CString type(virDomainGetSchedulerType(domain.get(), &count));
+        if (!type || count <= 0) {
+            return std::nullopt;
+        }
+        std::vector<virTypedParameter> parameters(static_cast<std::size_t>(count));
+        if (virDomainGetSchedulerParametersFlags(domain.get(), parameters.data(), &count, 0) < 0) {
+            return std::nullopt;
+        }
+        std::optional<int> shares;
+        for (int index = 0; index < count; ++index) {
+            const virTypedParameter& parameter = parameters[static_cast<std::size_t>(index)];
+            const std::string_view field = parameter.field;
+            const auto number = WholeNumber(parameter);
+            if ((field == VIR_DOMAIN_SCHEDULER_CPU_SHARES || field == VIR_DOMAIN_SCHEDULER_WEIGHT) &&
+                number && *number <= INT_MAX) {
+                shares = static_cast<int>(*number);
+            }
+        }
+        virTypedParamsClear(parameters.data(), count);
+        return shares;
+    }
+
+    Statistics GetStatistics(const std::string& uuid) override {
+        const DomainHandle domain = Find(uuid);
+        constexpr unsigned groups = VIR_DOMAIN_STATS_BALLOON | VIR_DOMAIN_STATS_VCPU |
+                                    VIR_DOMAIN_STATS_INTERFACE | VIR_DOMAIN_STATS_BLOCK;
+        std::array<virDomainPtr, 2> domains{domain.get(), nullptr};
+        virDomainStatsRecordPtr* records = nullptr;
+        const int count = virDomainListGetStats(domains.data(), groups, &records, 0);
+        if (count < 0 && !IsUnsupported()) {
+            throw LastError();
+        }
+        Statistics statistics;
+        if (count > 0) {
+            statistics = StatisticsOf(**records);
+        }
+        virDomainStatsRecordListFree(records);
+        return statistics.empty() ? PlainStatistics(domain.get()) : statistics;
+    }
+
+  private:
+    static Domain Describe(virDomainPtr handle) {
+        Domain domain;
+        std::array<char, VIR_UUID_STRING_BUFLEN> uuid{};
+        int state = 0;
+        int reason = 0;
+        Check(virDomainGetUUIDString(handle, uuid.data()));
+        Check(virDomainGetState(handle, &state, &reason, 0));
+        const int persistent = virDomainIsPersistent(handle);
+        Check(persistent);
+        const CString xml(virDomainGetXMLDesc(handle, 0));
+        if (!xml) {
+            throw LastError();
+        }
+        domain.uuid = uuid.data();
+        domain.name = virDomainGetName(handle);
+        domain.persistent = persistent == 1;
+        domain.state = StateOf(state);
+        domain.active = IsActive(domain.state, virDomainGetID(handle));
+        domain.xml = xml.get();
+        return domain;
+    }
+
+    DomainHandle Find(const std::string& uuid) {
+        DomainHandle domain(virDomainLookupByUUIDString(handle.get(), uuid.c_str()));
+        if (!domain) {
+            throw LastError();
+        }
+        return domain;
+    }
+
+    std::unique_ptr<virConnect, Freer<virConnectClose>> handle;
+};
+
+// The process's one event loop, while anybody needs it.
+std::shared_ptr<EventLoop> SharedEventLoop() {
+    static std::mutex mutex;
+    static std::weak_ptr<EventLoop> shared;
+    const std::lock_guard lock(mutex);
+    auto loop = shared.lock();
+    if (!loop) {
+        loop = std::make_shared<EventLoop>();
+        shared = loop;
+    }
+    return loop;
+}
+
+class RealApi final : public Api {
+  public:
+    RealApi() {
+        // Failures are reported through ApiError; libvirt's own handler would write them to standard error
+        // too.
+        virSetErrorFunc(nullptr, [](void*, virErrorPtr) {});
+        if (virInitialize() < 0) {
+            throw LastError();
+        }
+        loop = SharedEventLoop();
+    }
+
+    std::unique_ptr<Connection> Open(const std::string& uri) override {
+        return std::make_unique<RealConnection>(uri);
+    }
+
+  private:
+    std::shared_ptr<EventLoop> loop;
+};
+
+}  // namespace
+
+std::shared_ptr<Api> MakeApi() {
+    return std::make_shared<RealApi>();
+}
+
+}  // namespace Vessad::Libvirt

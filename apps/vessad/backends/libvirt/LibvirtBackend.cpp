@@ -1,0 +1,43 @@
+#include "apps/vessad/backends/LibvirtBackend.h"
+
+#include <chrono>
+#include <stdexcept>
+
+#include "apps/vessad/backends/libvirt/Collector.h"
+#include "apps/vessad/backends/libvirt/Identities.h"
+#include "apps/vessad/backends/libvirt/LibvirtApi.h"
+
+namespace Vessad {
+namespace {
+
+constexpr std::chrono::seconds firstWait{5};
+
+class LibvirtBackend final : public Backend {
+  public:
+    LibvirtBackend(const std::string& uri, const std::filesystem::path& stateDirectory)
+        : collector(Libvirt::MakeApi(), uri, Libvirt::Identities(stateDirectory),
+                    Libvirt::CollectorOptions{}) {
+        const auto failure = collector.WaitForFirst(firstWait);
+        if (failure && failure->IsPermanent()) {
+            throw std::runtime_error("the libvirt URI " + uri + " cannot be used: " + failure->what());
+        }
+    }
+
+    std::shared_ptr<const Inventory> GetInventory() override { return collector.Get(); }
+    void Reload() override { collector.Wake(); }
+
+  private:
+    Libvirt::Collector collector;
+};
+
+}  // namespace
+
+std::unique_ptr<Backend> MakeLibvirtBackend(const std::string& uri,
+                                            const std::filesystem::path& stateDirectory) {
+    if (uri.empty()) {
+        throw std::runtime_error("the libvirt URI is empty");
+    }
+    return std::make_unique<LibvirtBackend>(uri, stateDirectory);
+}
+
+}  // namespace Vessad

@@ -1,0 +1,24 @@
+# Every library the tree stands on, found once. Debian package names are in the README.
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+find_package(OpenSSL 3 REQUIRED)
+find_package(Boost 1.81 REQUIRED)
+find_package(pugixml REQUIRED)
+find_package(yaml-cpp REQUIRED)
+find_package(CLI11 REQUIRED)
+find_package(spdlog REQUIRED)
+# The distribution's own interpreter: its modules come from the distribution's packages too.
+find_program(KELV_PYTHON python3 PATHS /usr/bin NO_DEFAULT_PATH REQUIRED)
+pkg_check_modules(LIBVIRT IMPORTED_TARGET libvirt)
+pkg_check_modules(SYSTEMD IMPORTED_TARGET libsystemd)
+
+find_path(NET_SNMP_INCLUDE net-snmp/net-snmp-config.h REQUIRED)
+find_library(NET_SNMP_LIBRARY netsnmp REQUIRED)
+find_library(NET_SNMP_AGENT_LIBRARY netsnmpagent REQUIRED)
+add_library(net-snmp INTERFACE)
+target_include_directories(net-snmp SYSTEM INTERFACE ${NET_SNMP_INCLUDE})
+target_link_libraries(net-snmp INTERFACE ${NET_SNMP_AGENT_LIBRARY} ${NET_SNMP_LIBRARY})
+
+# Debian's Boost headers raise warnings that are not ours to mend.
+add_library(boost-headers INTERFACE)
+target_include_directories(boost-headers SYSTEM INTERFACE ${Boost_INCLUDE_DIRS})

@@ -1,0 +1,16 @@
+# Compiler flags that every target of the tree gets through kelv_options.
+add_library(kelv_options INTERFACE)
+target_include_directories(kelv_options INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_options(kelv_options INTERFACE -Wall -Wextra -Wpedantic -Wconversion)
+if(KELV_WARNINGS_AS_ERRORS)
+  target_compile_options(kelv_options INTERFACE -Werror)
+endif()
+if(KELV_SANITIZE)
+  target_compile_options(kelv_options INTERFACE -fsanitize=address,undefined -fno-sanitize-recover=undefined
+                                                -fno-omit-frame-pointer)
+  target_link_options(kelv_options INTERFACE -fsanitize=address,undefined)
+endif()
+if(KELV_COVERAGE)
+  target_compile_options(kelv_options INTERFACE --coverage)
+  target_link_options(kelv_options INTERFACE --coverage)
+endif()

@@ -1,0 +1,31 @@
+// The ids under which the daemon publishes its singleton objects.
+#pragma once
+
+#include <string>
+
+namespace Hask::HostAgent {
+
+inline const std::string moid_cpuschedulersystem = "cpuSchedulerSystem";
+inline const std::string moid_memorymanagersystem = "memoryManagerSystem";
+inline const std::string moid_firewallsystem = "firewallSystem";
+inline const std::string moid_servicesystem = "serviceSystem";
+inline const std::string moid_networksystem = "networkSystem";
+inline const std::string moid_datetimesystem = "dateTimeSystem";
+inline const std::string moid_storagesystem = "storageSystem";
+inline const std::string moid_filesystem = "filesystem";
+inline const std::string moid_diagnosticsystem = "diagnosticsystem";
+inline const std::string moid_kelvrawdiskmapsystem = "kelvrawdiskmapsystem";
+inline const std::string moid_vmfolder = "ha-folder-vm";
+inline const std::string moid_hostsystem = "ha-host";
+inline const std::string moid_mockupsystem = "ha-hostsvc-mockupsystem";
+inline const std::string moid_kelvsupportsystem = "kelvsupportsystem";
+inline const std::string moid_bootdevicesystem = "bootDeviceSystem";
+inline const std::string moid_kernelmodulesystem = "kernelModuleSystem";
+inline const std::string moid_healthstatussystem = "healthStatusSystem";
+
+// The entry to the API, and the managers that its content names.
+inline const std::string moid_serviceinstance = "ServiceInstance";
+inline const std::string moid_sessionmanager = "ha-sessionmgr";
+inline const std::string moid_perfmanager = "ha-perfmgr";
+
+}  // namespace Hask::HostAgent

@@ -1,0 +1,60 @@
+#include "runtime/ordane/dispatcher.h"
+
+#include <new>
+
+#include "runtime/ordane/xml_codec.h"
+#include "runtime/tessim/exception.h"
+
+namespace Ordane {
+
+namespace {
+
+struct Call {
+    Tessim::Ref<ManagedObject> object;
+    const MethodInfo* method;
+    Tessim::Ref<DataObject> request;
+};
+
+Call Read(std::string_view text, ObjectSource& source, const Soap::Limits& limits) try {
+    const Soap::Message message(text, limits);
+    const Tessim::Ref<MoRef> target = message.GetTarget();
+    const std::string name = message.GetName();
+    // Without a session the answer must not tell which objects there are.
+    Tessim::Ref<ManagedObject> object = source.Find(*target);
+    const MethodInfo* method = object ? object->GetManagedType()->FindMethod(name) : nullptr;
+    if (!source.IsLoggedIn() && (method == nullptr || !method->beforeLogin)) {
+        throw Fault::NotAuthenticated::Exception("log in first");
+    }
+    if (!object) {
+        const auto fault = Tessim::MakeRef<Fault::ManagedObjectNotFound>();
+        fault->SetMessage("no " + Xml::Shown(target->GetType()) + " " + Xml::Shown(target->GetId()));
+        fault->SetObj(target);
+        fault->Throw();
+    }
+    if (method == nullptr) {
+        throw Fault::InvalidRequest::Exception(target->GetType() + " has no method " + Xml::Shown(name));
+    }
+    return {object, method, message.GetParameters(*method)};
+} catch (const Tessim::InvalidArgumentException& refused) {
+    throw Fault::InvalidRequest::Exception(refused.what());
+}
+
+}  // namespace
+
+Reply HandleCall(std::string_view text, ObjectSource& source, const Soap::Limits& limits) {
+    try {
+        const Call call = Read(text, source, limits);
+        return {Soap::EncodeResponse(*call.method, *call.object->Dispatch(*call.method, *call.request)),
+                false};
+    } catch (const Fault::MethodFault::Exception& fault) {
+        return {Soap::EncodeFault(*fault.GetFault()), true};
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const std::exception& failed) {
+        const auto fault = Tessim::MakeRef<Fault::SystemError>();
+        fault->SetMessage(failed.what());
+        return {Soap::EncodeFault(*fault), true};
+    }
+}
+
+}  // namespace Ordane

@@ -1,0 +1,206 @@
+#include "runtime/ordane/soap.h"
+
+#include <algorithm>
+#include <new>
+#include <pugixml.hpp>
+
+#include "runtime/ordane/xml_codec.h"
+#include "runtime/tessim/exception.h"
+
+namespace Ordane::Soap {
+
+namespace {
+
+constexpr const char* apiNamespace = "urn:ordane";
+constexpr std::string_view targetElement = "_this";  // what names the object that a request calls
+
+// An envelope that is being written; `body` takes the one element.
+struct Envelope {
+    pugi::xml_document document;
+    pugi::xml_node body;
+
+    Envelope() {
+        const pugi::xml_node envelope = Xml::AppendElement(document, "soapenv:Envelope", {});
+        Xml::AppendAttribute(envelope, "xmlns:soapenv", "http://schemas.xmlsoap.org/soap/envelope/");
+        Xml::AppendAttribute(envelope, "xmlns:xsi", "http://www.w3.org/2001/XMLSchema-instance");
+        body = Xml::AppendElement(envelope, "soapenv:Body", {});
+    }
+
+    pugi::xml_node AppendCall(const std::string& name) const {
+        const pugi::xml_node call = Xml::AppendElement(body, name, {});
+        Xml::AppendAttribute(call, "xmlns", apiNamespace);
+        return call;
+    }
+
+    std::string Text() const {
+        struct Sink final : pugi::xml_writer {
+            std::string text = R"(<?xml version="1.0" encoding="UTF-8"?>)";
+            void write(const void* data, std::size_t size) override {
+                text.append(static_cast<const char*>(data), size);
+            }
+        } sink;
+        document.save(sink, "", pugi::format_raw | pugi::format_no_declaration, pugi::encoding_utf8);
+        return std::move(sink.text);
+    }
+};
+
+// A walker that stops at the first element beyond the depth allowed.
+struct DepthCheck final : pugi::xml_tree_walker {
+    explicit DepthCheck(std::size_t limit) : limit(limit) {}
+    bool for_each(pugi::xml_node& node) override {
+        return node.type() != pugi::node_element || static_cast<std::size_t>(depth()) < limit;
+    }
+    std::size_t limit;
+};
+
+// Refuses a message that holds more than it may. Looks at the text alone and takes no memory.
+void CheckCounts(std::string_view text, const Limits& limits) {
+    std::size_t elements = 0;
+    for (std::size_t at = text.find('<'); at != std::string_view::npos; at = text.find('<', at + 1)) {
+        if (at + 1 == text.size() || text[at + 1] != '/') {
+            ++elements;
+        }
+    }
+    const auto attributes = static_cast<std::size_t>(std::count(text.begin(), text.end(), '='));
+    if (elements > limits.maxElements || attributes > limits.maxElements) {
+        throw Tessim::InvalidArgumentException(
+            "a SOAP message of more than " + std::to_string(limits.maxElements) + " elements or attributes");
+    }
+}
+
+// The only element of that name that `parent` holds; with an empty name, the only one of any.
+pugi::xml_node OnlyChild(pugi::xml_node parent, std::string_view name, const char* what) {
+    pugi::xml_node found;
+    for (const pugi::xml_node child : parent.children()) {
+        if (child.type() == pugi::node_element && (name.empty() || Xml::LocalName(child) == name)) {
+            if (found) {
+                throw Tessim::InvalidArgumentException(std::string("a SOAP message with more than one ") +
+                                                       what);
+            }
+            found = child;
+        }
+    }
+    if (!found) {
+        throw Tessim::InvalidArgumentException(std::string("a SOAP message without ") + what);
+    }
+    return found;
+}
+
+std::string FaultText(pugi::xml_node fault) {
+    for (const pugi::xml_node child : fault.children()) {
+        if (Xml::LocalName(child) == "faultstring") {
+            return Xml::TextOf(child);
+        }
+    }
+    return "fault without a text";
+}
+
+[[noreturn]] void ThrowFault(pugi::xml_node element) {
+    for (const pugi::xml_node child : element.children()) {
+        if (Xml::LocalName(child) != "detail") {
+            continue;
+        }
+        for (const pugi::xml_node detail : child.children()) {
+            const auto* type = Fault::MethodFault::staticType.FindSubtype(Xml::LocalName(detail));
+            if (type != nullptr) {
+                const auto fault = Xml::ReadObject(detail, *type, Xml::Unknown::Ignore);
+                static_cast<Fault::MethodFault&>(*fault).Throw();
+            }
+        }
+    }
+    // A fault type that this side does not know.
+    throw Fault::RuntimeFault::Exception(FaultText(element));
+}
+
+}  // namespace
+
+struct Message::Document {
+    pugi::xml_document xml;
+    pugi::xml_node content;  // the body's element
+};
+
+std::string EncodeRequest(const MoRef& target, const MethodInfo& method, const DataObject& request) {
+    const Envelope envelope;
+    const pugi::xml_node call = envelope.AppendCall(std::string(method.name));
+    Xml::WriteReference(call, targetElement, target);
+    Xml::WriteMembers(call, request);
+    return envelope.Text();
+}
+
+std::string EncodeResponse(const MethodInfo& method, const DataObject& response) {
+    const Envelope envelope;
+    Xml::WriteMembers(envelope.AppendCall(std::string(method.name) + "Response"), response);
+    return envelope.Text();
+}
+
+std::string EncodeFault(const Fault::MethodFault& fault) {
+    const Envelope envelope;
+    const std::string type(fault.GetDataObjectType()->name);
+    const pugi::xml_node element = Xml::AppendElement(envelope.body, "soapenv:Fault", {});
+    Xml::AppendElement(element, "faultcode", "soapenv:Server");
+    Xml::AppendElement(element, "faultstring", fault.GetMessage().value_or(type));
+    const pugi::xml_node detail = Xml::AppendElement(element, "detail", {});
+    Xml::WriteObject(detail, type, fault, *fault.GetDataObjectType());
+    Xml::AppendAttribute(detail.first_child(), "xmlns", apiNamespace);
+    return envelope.Text();
+}
+
+Message::Message(std::string_view text, const Limits& limits) : document(std::make_unique<Document>()) {
+    CheckCounts(text, limits);
+    const pugi::xml_parse_result result = document->xml.load_buffer(
+        text.data(), text.size(),
+        pugi::parse_escapes | pugi::parse_cdata | pugi::parse_ws_pcdata | pugi::parse_doctype,
+        pugi::encoding_utf8);
+    if (result.status == pugi::status_out_of_memory) {
+        throw std::bad_alloc();
+    }
+    if (!result) {
+        throw Tessim::InvalidArgumentException("no XML: " + std::string(result.description()) + " at byte " +
+                                               std::to_string(result.offset));
+    }
+    for (const pugi::xml_node child : document->xml.children()) {
+        if (child.type() == pugi::node_doctype) {
+            throw Tessim::InvalidArgumentException("a document type declaration is not allowed");
+        }
+    }
+    DepthCheck depth(limits.maxDepth);
+    if (!document->xml.traverse(depth)) {
+        throw Tessim::InvalidArgumentException("a SOAP message nested deeper than " +
+                                               std::to_string(limits.maxDepth));
+    }
+    const pugi::xml_node envelope = OnlyChild(document->xml, {}, "envelope");
+    if (Xml::LocalName(envelope) != "Envelope") {
+        throw Tessim::InvalidArgumentException("a SOAP message without envelope");
+    }
+    document->content = OnlyChild(OnlyChild(envelope, "Body", "body"), {}, "call");
+}
+
+Message::~Message() = default;
+
+std::string Message::GetName() const {
+    return std::string(Xml::LocalName(document->content));
+}
+
+Tessim::Ref<MoRef> Message::GetTarget() const {
+    return Xml::ReadReference(OnlyChild(document->content, targetElement, "target object"), {});
+}
+
+Tessim::Ref<DataObject> Message::GetParameters(const MethodInfo& method) const {
+    // The target stands among the parameters and is no member of them.
+    pugi::xml_node call = document->content;
+    call.remove_child(OnlyChild(call, targetElement, "target object"));
+    return Xml::ReadObject(call, *method.request, Xml::Unknown::Refuse);
+}
+
+bool Message::Answers(const MethodInfo& method) const {
+    return GetName() == std::string(method.name) + "Response" || GetName() == "Fault";
+}
+
+Tessim::Ref<DataObject> Message::GetResponse(const MethodInfo& method) const {
+    if (GetName() == "Fault") {
+        ThrowFault(document->content);
+    }
+    return Xml::ReadObject(document->content, *method.response, Xml::Unknown::Ignore);
+}
+
+}  // namespace Ordane::Soap

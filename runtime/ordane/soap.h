@@ -1,0 +1,60 @@
+// SOAP 1.1 messages, document/literal: one call or one answer each.
+//
+// A request's body holds <Method><_this type="Type">id</_this> parameters </Method>, an answer's
+// <MethodResponse><returnval>…</returnval></MethodResponse> or a Fault whose detail holds one element named
+// and typed after the fault.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "runtime/ordane/faults.h"
+#include "runtime/ordane/objects.h"
+
+namespace Ordane::Soap {
+
+// What a message may cost its reader.
+struct Limits {
+    // Of elements and of attributes. Counted on the text, before anything is built from it: a "<" or "="
+    // within a text counts too.
+    std::size_t maxElements = 1'000'000;
+    // Of elements within each other, the envelope being the first.
+    std::size_t maxDepth = 64;
+};
+
+std::string EncodeRequest(const MoRef& target, const MethodInfo& method, const DataObject& request);
+std::string EncodeResponse(const MethodInfo& method, const DataObject& response);
+std::string EncodeFault(const Fault::MethodFault& fault);
+
+// A message taken apart. Not thread-safe.
+class Message {
+  public:
+    // Throws Tessim::InvalidArgumentException when `text` is no SOAP message with one body element, has a
+    // document type declaration or goes beyond the limits; std::bad_alloc when there is no memory for it.
+    Message(std::string_view text, const Limits& limits);
+    Message(const Message&) = delete;
+    Message& operator=(const Message&) = delete;
+    ~Message();
+
+    // The name of the body's element without prefix.
+    std::string GetName() const;
+    // The object that a request calls. Throws Tessim::InvalidArgumentException when there is none.
+    Tessim::Ref<MoRef> GetTarget() const;
+    // A request's parameters, without its target: to be asked for last, and once. Throws
+    // Tessim::InvalidArgumentException with what was expected.
+    Tessim::Ref<DataObject> GetParameters(const MethodInfo& method) const;
+    // The answer to `method`. A fault is thrown as its exception, one of a type that this side does not know
+    // as a RuntimeFault with the fault's text. Throws Tessim::InvalidArgumentException when the content does
+    // not fit.
+    Tessim::Ref<DataObject> GetResponse(const MethodInfo& method) const;
+    // Whether this is an answer to `method` or a fault.
+    bool Answers(const MethodInfo& method) const;
+
+  private:
+    struct Document;
+    std::unique_ptr<Document> document;
+};
+
+}  // namespace Ordane::Soap

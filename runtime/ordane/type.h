@@ -1,0 +1,113 @@
+// Type objects: what the codecs, the described host and type tests know of the API's classes.
+//
+// All of them are static and constant.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "runtime/tessim/object.h"
+
+namespace Ordane {
+
+class DataObject;
+
+// The base of everything the API hands around: data objects, references and managed objects.
+class Any : public Tessim::ObjectImpl, public virtual Tessim::Object {};
+
+// An enumeration: the texts of its values 0, 1, 2, …
+struct EnumType {
+    std::string_view name;
+    std::span<const std::string_view> texts;
+
+    // The text of a value; empty for a value that the enumeration does not have.
+    std::string_view GetText(int value) const;
+    // The value of a text, or -1.
+    int FindValue(std::string_view text) const;
+};
+
+// One value of a member, as codecs see it. Whole numbers and enumeration values are int64; texts and objects
+// belong to the owner of the value and are borrowed for the call.
+using Value = std::variant<bool, std::int64_t, std::string_view, Any*>;
+
+enum class ValueKind { Bool, Int, Long, String, Enum, Object, Reference };
+
+struct DataObjectType;
+
+struct Member {
+    std::string_view name;  // on the wire and in described hosts
+    ValueKind kind;
+    bool list;
+    bool optional;
+    const DataObjectType* objectType;  // of Object members: the declared type
+    const EnumType* enumType;          // of Enum members
+    std::string_view referenceType;    // of Reference members: the managed type; empty for any
+
+    // Calls `visit` for each value that is set: once at most for a member that is no list. An object is never
+    // null; null elements of a list are left out.
+    void (*forEach)(const DataObject& object, const std::function<void(const Value&)>& visit);
+    // Sets the member, or appends to a list. The value must be of the member's kind and type.
+    void (*append)(DataObject& object, const Value& value);
+};
+
+struct DataObjectType {
+    std::string_view name;  // on the wire
+    const DataObjectType* base;
+    std::span<const Member> ownMembers;
+    std::span<const DataObjectType* const> descendants;  // every type below this one
+    Tessim::Ref<DataObject> (*create)();
+
+    // Whether a value of this type may stand where `other` is declared.
+    bool IsA(const DataObjectType* other) const;
+    // This type or the descendant of that name, or null.
+    const DataObjectType* FindSubtype(std::string_view subtypeName) const;
+    // Every member, the base's first.
+    std::vector<const Member*> GetMembers() const;
+};
+
+// A method: its parameters and its result travel as members of two data objects.
+struct MethodInfo {
+    std::string_view name;
+    const DataObjectType* request;
+    const DataObjectType* response;  // its only member, where there is one, is "returnval"
+    bool beforeLogin;                // whether it may be called without a session
+    int index;                       // its position in the managed type
+};
+
+struct ManagedType {
+    std::string_view name;
+    std::span<const MethodInfo> methods;
+
+    const MethodInfo* FindMethod(std::string_view methodName) const;
+};
+
+// The exact type of a data class, to be compared with DataObject::GetDataObjectType().
+template <class T>
+const DataObjectType* GetType() {
+    return &T::StaticType();
+}
+
+// Tests whether a data object's type is a data class or one derived from it.
+class DoTypeTest {
+  public:
+    explicit DoTypeTest(const DataObjectType* type) : type(type) {}
+    bool Includes(const DataObjectType* candidate) const { return candidate->IsA(type); }
+
+  private:
+    const DataObjectType* type;
+};
+
+template <class T>
+DoTypeTest GetDoType() {
+    return DoTypeTest(&T::StaticType());
+}
+
+// The texts of an enumeration class; the generated code specialises it for each.
+template <class E>
+const EnumType* GetEnumType();
+
+}  // namespace Ordane

@@ -1,0 +1,259 @@
+#include "runtime/ordane/xml_codec.h"
+
+#include <charconv>
+#include <limits>
+#include <new>
+
+#include "runtime/tessim/exception.h"
+#include "runtime/tessim/string_util.h"
+
+namespace Ordane::Xml {
+
+namespace {
+
+constexpr const char* concreteType = "xsi:type";
+
+// How much of a peer's names an exception repeats.
+constexpr std::size_t maxNameLength = 64;
+constexpr std::size_t maxPlaceLength = 200;
+
+[[noreturn]] void Refuse(pugi::xml_node element, const std::string& expected) {
+    throw Tessim::InvalidArgumentException(
+        "element " + Tessim::StringUtil::Printable(element.path('/').substr(1), maxPlaceLength) +
+        ": expected " + expected);
+}
+
+// What pugixml could not allocate it answers as nothing, and would leave out of the message.
+template <class Node>
+Node Allocated(Node made) {
+    if (!made) {
+        throw std::bad_alloc();
+    }
+    return made;
+}
+
+std::string_view WithoutPrefix(std::string_view name) {
+    const std::size_t colon = name.find(':');
+    return colon == std::string_view::npos ? name : name.substr(colon + 1);
+}
+
+struct MemberWriter {
+    pugi::xml_node parent;
+    const Member& member;
+
+    void operator()(bool value) const { AppendElement(parent, member.name, value ? "true" : "false"); }
+    void operator()(std::int64_t value) const {
+        if (member.kind == ValueKind::Enum) {
+            AppendElement(parent, member.name, member.enumType->GetText(static_cast<int>(value)));
+        } else {
+            AppendElement(parent, member.name, std::to_string(value));
+        }
+    }
+    void operator()(std::string_view value) const { AppendElement(parent, member.name, value); }
+    void operator()(Any* value) const {
+        if (member.kind == ValueKind::Reference) {
+            WriteReference(parent, member.name, static_cast<const MoRef&>(*value));
+        } else {
+            WriteObject(parent, member.name, static_cast<const DataObject&>(*value), *member.objectType);
+        }
+    }
+};
+
+std::int64_t ReadInteger(pugi::xml_node element, std::int64_t low, std::int64_t high) {
+    const std::string text = Tessim::StringUtil::Trim(TextOf(element));
+    std::int64_t number = 0;
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, number);
+    if (error != std::errc() || stop != end || number < low || number > high) {
+        Refuse(element, "a whole number from " + std::to_string(low) + " to " + std::to_string(high));
+    }
+    return number;
+}
+
+void ReadMember(pugi::xml_node element, const Member& member, Unknown unknown, DataObject& object) {
+    switch (member.kind) {
+        case ValueKind::Bool: {
+            const std::string text = Tessim::StringUtil::Trim(TextOf(element));
+            if (text != "true" && text != "false" && text != "1" && text != "0") {
+                Refuse(element, "true or false");
+            }
+            member.append(object, Value(text == "true" || text == "1"));
+            break;
+        }
+        case ValueKind::Int:
+            member.append(object, Value(ReadInteger(element, std::numeric_limits<std::int32_t>::min(),
+                                                    std::numeric_limits<std::int32_t>::max())));
+            break;
+        case ValueKind::Long:
+            member.append(object, Value(ReadInteger(element, std::numeric_limits<std::int64_t>::min(),
+                                                    std::numeric_limits<std::int64_t>::max())));
+            break;
+        case ValueKind::String: {
+            const std::string text = TextOf(element);
+            if (unknown == Unknown::Refuse && !IsText(text)) {
+                Refuse(element, "a text that XML can carry");
+            }
+            member.append(object, Value(std::string_view(text)));
+            break;
+        }
+        case ValueKind::Enum: {
+            const int value = member.enumType->FindValue(TextOf(element));
+            if (value < 0) {
+                Refuse(element, "a " + std::string(member.enumType->name));
+            }
+            member.append(object, Value(std::int64_t{value}));
+            break;
+        }
+        case ValueKind::Object:
+            member.append(object,
+                          Value(static_cast<Any*>(ReadObject(element, *member.objectType, unknown).Get())));
+            break;
+        case ValueKind::Reference:
+            member.append(
+                object,
+                Value(static_cast<Any*>(ReadReference(element, member.referenceType, unknown).Get())));
+            break;
+    }
+}
+
+}  // namespace
+
+std::string_view LocalName(pugi::xml_node element) {
+    return WithoutPrefix(element.name());
+}
+
+std::string TextOf(pugi::xml_node element) {
+    std::string text;
+    for (const pugi::xml_node child : element.children()) {
+        if (child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata) {
+            text += child.value();
+        }
+    }
+    return text;
+}
+
+pugi::xml_node AppendElement(pugi::xml_node parent, std::string_view name, std::string_view text) {
+    pugi::xml_node element = Allocated(parent.append_child(pugi::node_element));
+    Allocated(element.set_name(std::string(name).c_str()));
+    if (!text.empty()) {
+        Allocated(Allocated(element.append_child(pugi::node_pcdata)).set_value(std::string(text).c_str()));
+    }
+    return element;
+}
+
+void AppendAttribute(pugi::xml_node element, const char* name, std::string_view value) {
+    Allocated(Allocated(element.append_attribute(name)).set_value(std::string(value).c_str()));
+}
+
+void WriteReference(pugi::xml_node parent, std::string_view name, const MoRef& reference) {
+    AppendAttribute(AppendElement(parent, name, reference.GetId()), "type", reference.GetType());
+}
+
+Tessim::Ref<MoRef> ReadReference(pugi::xml_node element, std::string_view declaredType, Unknown unknown) {
+    std::string type(element.attribute("type").value());
+    if (type.empty() || (!declaredType.empty() && type != declaredType)) {
+        Refuse(element, "a reference with the type " + (declaredType.empty() ? std::string("of its object")
+                                                                             : std::string(declaredType)));
+    }
+    std::string id = TextOf(element);
+    if (unknown == Unknown::Refuse && !(IsText(type) && IsText(id))) {
+        Refuse(element, "a reference that XML can carry");
+    }
+    return Tessim::MakeRef<MoRef>(std::move(type), std::move(id));
+}
+
+std::string Shown(std::string_view name) {
+    return Tessim::StringUtil::Printable(name, maxNameLength);
+}
+
+void WriteMembers(pugi::xml_node element, const DataObject& object) {
+    for (const Member* member : object.GetDataObjectType()->GetMembers()) {
+        const MemberWriter writer{element, *member};
+        member->forEach(object, [&](const Value& value) { std::visit(writer, value); });
+    }
+}
+
+void WriteObject(pugi::xml_node parent, std::string_view name, const DataObject& object,
+                 const DataObjectType& declared) {
+    const pugi::xml_node element = AppendElement(parent, name, {});
+    const DataObjectType& type = *object.GetDataObjectType();
+    if (&type != &declared) {
+        AppendAttribute(element, concreteType, type.name);
+    }
+    WriteMembers(element, object);
+}
+
+Tessim::Ref<DataObject> ReadObject(pugi::xml_node element, const DataObjectType& declared, Unknown unknown) {
+    const DataObjectType* type = &declared;
+    if (const pugi::xml_attribute named = element.attribute(concreteType)) {
+        type = declared.FindSubtype(WithoutPrefix(named.value()));
+        if (type == nullptr) {
+            Refuse(element, "a " + std::string(declared.name) + ", not the type " + Shown(named.value()));
+        }
+    }
+    Tessim::Ref<DataObject> object = type->create();
+    const std::vector<const Member*> members = type->GetMembers();
+    std::vector<bool> seen(members.size());
+    for (const pugi::xml_node child : element.children()) {
+        if (child.type() != pugi::node_element) {
+            continue;
+        }
+        const std::string_view name = LocalName(child);
+        std::size_t index = 0;
+        while (index < members.size() && members[index]->name != name) {
+            ++index;
+        }
+        if (index == members.size()) {
+            if (unknown == Unknown::Refuse) {
+                Refuse(child, "a member of " + std::string(type->name));
+            }
+            continue;
+        }
+        if (seen[index] && !members[index]->list) {
+            Refuse(child, "one element of this name");
+        }
+        seen[index] = true;
+        ReadMember(child, *members[index], unknown, *object);
+    }
+    for (std::size_t index = 0; index < members.size(); ++index) {
+        if (!seen[index] && !members[index]->optional && !members[index]->list) {
+            Refuse(element, "the member " + std::string(members[index]->name));
+        }
+    }
+    return object;
+}
+
+bool IsText(std::string_view text) {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+    const std::size_t size = text.size();
+    for (std::size_t at = 0; at < size;) {
+        const unsigned lead = bytes[at];
+        if (lead < 0x80) {
+            if (lead < 0x20 && lead != '\t' && lead != '\n' && lead != '\r') {
+                return false;
+            }
+            ++at;
+            continue;
+        }
+        const std::size_t length = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
+        if (lead < 0xc2 || lead > 0xf4 || size - at < length) {
+            return false;
+        }
+        unsigned long code = lead & (0x7fU >> length);
+        for (std::size_t offset = 1; offset < length; ++offset) {
+            if ((bytes[at + offset] & 0xc0U) != 0x80U) {
+                return false;
+            }
+            code = (code << 6U) | (bytes[at + offset] & 0x3fU);
+        }
+        const bool overlong = (length == 3 && code < 0x800) || (length == 4 && code < 0x10000);
+        if (overlong || (code >= 0xd800 && code <= 0xdfff) || code > 0x10ffff || code == 0xfffe ||
+            code == 0xffff) {
+            return false;
+        }
+        at += length;
+    }
+    return true;
+}
+
+}  // namespace Ordane::Xml

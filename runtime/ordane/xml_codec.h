@@ -1,0 +1,53 @@
+// Data objects as XML elements and back, driven by their type objects.
+#pragma once
+
+#include <pugixml.hpp>
+#include <string>
+#include <string_view>
+
+#include "runtime/ordane/objects.h"
+
+namespace Ordane::Xml {
+
+// What to do with an element that its type does not know, and with a text or reference that IsText refuses. A
+// client ignores the first and takes the second as it is, a server refuses both.
+enum class Unknown { Ignore, Refuse };
+
+// Appends the element `name` that holds `text`, as far as its first NUL. This and everything below that
+// appends throws std::bad_alloc rather than leave something out.
+pugi::xml_node AppendElement(pugi::xml_node parent, std::string_view name, std::string_view text);
+void AppendAttribute(pugi::xml_node element, const char* name, std::string_view value);
+
+// Appends the element `name` with the object's members to `parent`. A type other than `declared` is named in
+// xsi:type.
+void WriteObject(pugi::xml_node parent, std::string_view name, const DataObject& object,
+                 const DataObjectType& declared);
+
+// Appends the members of `object` to `element`.
+void WriteMembers(pugi::xml_node element, const DataObject& object);
+
+// The object that `element` holds, of type `declared` or the descendant that xsi:type names. Throws
+// Tessim::InvalidArgumentException with the place and what was expected: an unknown type, a missing, repeated
+// or ill-typed member. White space around numbers and booleans does not count.
+Tessim::Ref<DataObject> ReadObject(pugi::xml_node element, const DataObjectType& declared, Unknown unknown);
+
+// The name without its prefix.
+std::string_view LocalName(pugi::xml_node element);
+
+// The character data of `element` itself.
+std::string TextOf(pugi::xml_node element);
+
+// The reference that `element` holds: its text and its "type" attribute, which must be `declaredType` unless
+// that is empty. Throws as ReadObject does.
+Tessim::Ref<MoRef> ReadReference(pugi::xml_node element, std::string_view declaredType,
+                                 Unknown unknown = Unknown::Refuse);
+void WriteReference(pugi::xml_node parent, std::string_view name, const MoRef& reference);
+
+// A peer's name for a message to people: printable, and cut when it is long.
+std::string Shown(std::string_view name);
+
+// Whether `text` is valid UTF-8 made of nothing but what XML 1.0 calls characters: no control character but
+// tab, line feed and carriage return, no surrogate, not U+FFFE or U+FFFF.
+bool IsText(std::string_view text);
+
+}  // namespace Ordane::Xml

@@ -1,0 +1,12 @@
+// Checks that stay in every build.
+#pragma once
+
+#include "runtime/tessim/source_location.h"
+
+namespace Tessim {
+
+// Ends the process, with the place and the text on the standard error output, unless `holds`. For broken
+// contracts of the program itself only, never for input.
+void Assert(bool holds, const char* expression, const SourceLocation& where = SourceLocation::current());
+
+}  // namespace Tessim

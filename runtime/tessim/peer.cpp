@@ -1,0 +1,83 @@
+#include "runtime/tessim/peer.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <map>
+#include <mutex>
+
+#include "runtime/tessim/exception.h"
+#include "runtime/tessim/string_util.h"
+#include "runtime/tessim/time_budget.h"
+
+namespace Tessim {
+namespace {
+
+constexpr std::chrono::seconds pauseAfterTimeout{5};
+
+struct Pause {
+    Clock::time_point end;
+    std::string message;
+};
+
+std::mutex pausesMutex;
+
+// By address and port. Never destroyed, as streams may still end at the process's end.
+std::map<std::string, Pause>& Pauses() {
+    static auto& pauses = *new std::map<std::string, Pause>;
+    return pauses;
+}
+
+}  // namespace
+
+Peer::Peer(const std::string& host, std::uint16_t port) {
+    auto* const v4 = reinterpret_cast<sockaddr_in*>(&address);
+    auto* const v6 = reinterpret_cast<sockaddr_in6*>(&address);
+    if (host == "localhost") {
+        v4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        length = sizeof *v4;
+    } else if (inet_pton(AF_INET, host.c_str(), &v4->sin_addr) == 1) {
+        length = sizeof *v4;
+    } else if (address = {}; inet_pton(AF_INET6, host.c_str(), &v6->sin6_addr) == 1) {
+        length = sizeof *v6;
+    } else {
+        throw InvalidArgumentException("\"" + StringUtil::Printable(host, 64) + "\" is no address");
+    }
+    if (length == sizeof *v4) {
+        v4->sin_family = AF_INET;
+        v4->sin_port = htons(port);
+        name = host;
+    } else {
+        v6->sin6_family = AF_INET6;
+        v6->sin6_port = htons(port);
+        name = "[" + host + "]";
+    }
+    name += ":" + std::to_string(port);
+}
+
+void Peer::CheckPause() const {
+    const std::lock_guard lock(pausesMutex);
+    const auto pause = Pauses().find(GetKey());
+    if (pause == Pauses().end()) {
+        return;
+    }
+    if (Clock::now() < pause->second.end) {
+        throw TimeoutException(pause->second.message);
+    }
+    Pauses().erase(pause);
+}
+
+void Peer::ThrowTimeout(const char* step) const {
+    const std::string message = name + ": no answer in time (" + step + ")";
+    {
+        const std::lock_guard lock(pausesMutex);
+        Pauses()[GetKey()] = {Clock::now() + pauseAfterTimeout, message};
+    }
+    throw TimeoutException(message);
+}
+
+std::string Peer::GetKey() const {
+    return {reinterpret_cast<const char*>(&address), length};
+}
+
+}  // namespace Tessim

@@ -1,0 +1,204 @@
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <optional>
+#include <string_view>
+#include <system_error>
+#include <tuple>
+#include <utility>
+
+#include "runtime/tessim/exception.h"
+#include "runtime/tessim/file_descriptor.h"
+#include "runtime/tessim/stream.h"
+#include "runtime/tessim/string_util.h"
+
+namespace Tessim::System {
+namespace {
+
+using TimePoint = std::chrono::system_clock::time_point;
+
+constexpr std::size_t maxShownPath = 256;
+constexpr std::chrono::seconds clockSlack{2};
+constexpr const char* runDirectory = "/run";
+constexpr const char* daemonDirectory = "tovric-vessad";
+constexpr std::string_view daemonPrefix = "/run/tovric-vessad/";
+
+class FileStream final : public virtual Stream, public ObjectImpl {
+  public:
+    explicit FileStream(FileDescriptor descriptor) : descriptor(std::move(descriptor)), owner(getpid()) {}
+
+    std::size_t Read(void* buffer, std::size_t size) override {
+        if (!descriptor) {
+            throw StreamException("the file is closed");
+        }
+        for (;;) {
+            const ssize_t count = ::read(descriptor.Get(), buffer, size);
+            if (count >= 0) {
+                return static_cast<std::size_t>(count);
+            }
+            if (errno != EINTR) {
+                throw SystemException("cannot read a file: " + std::generic_category().message(errno));
+            }
+        }
+    }
+    void Write(const void* /*data*/, std::size_t /*size*/) override {
+        throw StreamException("the file is open for reading only");
+    }
+    void Close() noexcept override { descriptor.Close(); }
+    bool IsOwn() const noexcept override { return getpid() == owner; }
+
+  private:
+    FileDescriptor descriptor;
+    pid_t owner;
+};
+
+// One path on its way to being trusted.
+class Candidate {
+  public:
+    Candidate(const std::string& path, TimePoint notBefore) : path(path), name(path), notBefore(notBefore) {}
+
+    FileDescriptor Open() {
+        CheckPath();
+        LookIntoDaemonDirectory();
+        // Before opening, because opening a device or a FIFO can have effects of its own; and again on what
+        // was opened, because the name may have changed its meaning in between.
+        CheckStatus(Status(Directory(), name.c_str(), AT_SYMLINK_NOFOLLOW));
+        FileDescriptor file(
+            ::openat(Directory(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+        if (!file) {
+            RefuseForError();
+        }
+        CheckStatus(Status(file.Get(), "", AT_EMPTY_PATH));
+        CheckFileSystem(file.Get());
+        return file;
+    }
+
+  private:
+    [[noreturn]] void Refuse(const std::string& reason) const {
+        throw SystemException("cannot take a secret from \"" + StringUtil::Printable(path, maxShownPath) +
+                              "\": " + reason);
+    }
+
+    [[noreturn]] void RefuseForError() const { Refuse(std::generic_category().message(errno)); }
+
+    int Directory() const { return directory ? directory.Get() : AT_FDCWD; }
+
+    void CheckPath() const {
+        if (!path.starts_with('/') || path.find('\0') != std::string::npos) {
+            Refuse("it is no absolute path");
+        }
+        if (path.size() >= PATH_MAX) {
+            Refuse("the path is too long");
+        }
+        const auto parts = StringUtil::Tokenize(path, "/");
+        if (std::find(parts.begin(), parts.end(), "..") != parts.end()) {
+            Refuse("the path leads upwards");
+        }
+    }
+
+    // A file directly in the daemon's directory is looked up through that directory's own descriptor: the
+    // directory that says who the daemon is must be the one that the file is taken from. Anything odd on the
+    // way only means that no daemon is known.
+    void LookIntoDaemonDirectory() {
+        if (!path.starts_with(daemonPrefix) || path.find('/', daemonPrefix.size()) != std::string::npos) {
+            return;
+        }
+        constexpr int flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+        const FileDescriptor run(::open(runDirectory, flags));
+        struct stat status {};
+        if (!run || ::fstat(run.Get(), &status) != 0 || status.st_uid != 0 ||
+            (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+            return;
+        }
+        FileDescriptor found(::openat(run.Get(), daemonDirectory, flags));
+        if (!found || ::fstat(found.Get(), &status) != 0) {
+            return;
+        }
+        directory = std::move(found);
+        daemonUser = status.st_uid;
+        name = path.substr(daemonPrefix.size());
+    }
+
+    struct statx Status(int base, const char* relative, int flags) const {
+        struct statx status {};
+        if (::statx(base, relative, flags, STATX_BASIC_STATS | STATX_BTIME, &status) != 0) {
+            RefuseForError();
+        }
+        return status;
+    }
+
+    void CheckStatus(const struct statx& status) const {
+        if (!S_ISREG(status.stx_mode)) {
+            Refuse("it is no regular file");
+        }
+        if (status.stx_nlink != 1) {
+            Refuse("it has more than one name");
+        }
+        if ((status.stx_mode & (S_IRWXO | S_IWGRP)) != 0) {
+            Refuse("others can read or write it");
+        }
+        if (status.stx_uid != 0 && status.stx_uid != ::geteuid() && status.stx_uid != daemonUser) {
+            Refuse("it has a stranger as owner");
+        }
+        if (status.stx_size == 0) {
+            Refuse("it is empty");
+        }
+        const bool hasBirth = (status.stx_mask & STATX_BTIME) != 0;
+        if (IsOld(status.stx_ctime) || (hasBirth && IsOld(status.stx_btime))) {
+            Refuse("it is older than the request for it");
+        }
+    }
+
+    // In seconds and nanoseconds, as no single count of either holds every time of both sides.
+    bool IsOld(const statx_timestamp& time) const {
+        const auto limit = notBefore.time_since_epoch();
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(limit);
+        const auto rest = std::chrono::duration_cast<std::chrono::nanoseconds>(limit - seconds);
+        return std::make_tuple(std::int64_t{time.tv_sec} + clockSlack.count(), std::int64_t{time.tv_nsec}) <
+               std::make_tuple(std::int64_t{seconds.count()}, std::int64_t{rest.count()});
+    }
+
+    // What lies in these is made by the kernel at the moment of looking, always new and some of it secret:
+    // the environment of a process, serial numbers.
+    void CheckFileSystem(int file) const {
+        constexpr std::array<std::uint32_t, 8> kernelMade = {
+            PROC_SUPER_MAGIC, SYSFS_MAGIC,        DEBUGFS_MAGIC,       TRACEFS_MAGIC,
+            SECURITYFS_MAGIC, CGROUP_SUPER_MAGIC, CGROUP2_SUPER_MAGIC, EFIVARFS_MAGIC};
+        struct statfs status {};
+        if (::fstatfs(file, &status) != 0) {
+            RefuseForError();
+        }
+        if (std::find(kernelMade.begin(), kernelMade.end(), static_cast<std::uint32_t>(status.f_type)) !=
+            kernelMade.end()) {
+            Refuse("it is on a file system that stores no files");
+        }
+    }
+
+    const std::string& path;
+    std::string name;  // of the file, within the directory
+    TimePoint notBefore;
+    FileDescriptor directory;  // none for the current one, of which absolute paths make no use
+    std::optional<uid_t> daemonUser;
+};
+
+class SystemFactoryImpl final : public virtual SystemFactory, public ObjectImpl {
+  public:
+    void OpenSecretFile(const std::string& path, TimePoint notBefore, Ref<Stream>& out) override {
+        out = MakeRef<FileStream>(Candidate(path, notBefore).Open());
+    }
+};
+
+}  // namespace
+
+Ref<SystemFactory> GetSystemFactory() {
+    return MakeRef<SystemFactoryImpl>();
+}
+
+}  // namespace Tessim::System

@@ -1,0 +1,33 @@
+// Small text operations.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Tessim::StringUtil {
+
+// The parts of `text` between the characters of `separators`, in order. Adjacent separators give empty parts;
+// an empty text gives one empty part.
+std::vector<std::string> Tokenize(std::string_view text, std::string_view separators);
+
+// The decimal number that `text` is, whole: an optional "-" and digits, nothing around them.
+// Throws InvalidArgumentException when it is anything else or does not fit an int.
+int ParseInt(std::string_view text);
+
+// `text` without blanks, tabs and line ends at either end.
+std::string Trim(std::string_view text);
+
+// The longest prefix of `text` that has at most `limit` bytes and does not end inside a UTF-8 character.
+// Bytes that are not UTF-8 are cut anywhere.
+std::string_view CutUtf8(std::string_view text, std::size_t limit);
+
+// A stranger's text for a log line: at most `limit` bytes of it, "?" for everything but printable ASCII.
+std::string Printable(std::string_view text, std::size_t limit);
+
+}  // namespace Tessim::StringUtil
+
+// Copies `text` into `buffer` of `size` bytes (at least 1), cut to fit as CutUtf8 does, always
+// NUL-terminated. Returns `buffer`.
+char* Str_Strcpy(char* buffer, std::string_view text, std::size_t size);

@@ -1,0 +1,35 @@
+# The Debian packages that the tree needs, listed once; sourced by the other scripts.
+
+buildPackages=(cmake ninja-build g++ pkg-config python3 python3-yaml
+    libsnmp-dev libssl-dev libpugixml-dev libyaml-cpp-dev libcli11-dev libspdlog-dev
+    libvirt-dev libsystemd-dev libgtest-dev libgmock-dev libbenchmark-dev)
+runPackages=(snmpd snmp iproute2 util-linux)
+testPackages=(python3-pytest python3-pytest-xdist python3-pysnmp4 binutils clang-format)
+
+# Debian 12 has a Boost that is too old beside one that is not; later systems have only newer ones.
+if [[ "$(. /etc/os-release && echo "${ID:-}-${VERSION_ID:-}")" == debian-12 ]]; then
+    buildPackages+=(libboost1.81-dev)
+else
+    buildPackages+=(libboost-dev)
+fi
+
+# Installs those of the packages named that are missing; needs no network when none is.
+ensure_packages() {
+    local package missing=()
+    for package in "$@"; do
+        [[ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" == installed ]] || missing+=("$package")
+    done
+    ((${#missing[@]})) || return 0
+    echo "Installing ${missing[*]}" >&2
+    local asRoot=()
+    if ((EUID != 0)); then
+        asRoot=(sudo -n)
+        if ! command -v sudo >/dev/null || ! sudo -n true 2>/dev/null; then
+            echo "These packages are missing and only root can install them: apt-get install ${missing[*]}" >&2
+            return 1
+        fi
+    fi
+    local quiet=(env DEBIAN_FRONTEND=noninteractive apt-get -qq)
+    "${asRoot[@]}" "${quiet[@]}" update </dev/null >&2 &&
+        "${asRoot[@]}" "${quiet[@]}" -y --no-install-recommends install "${missing[@]}" </dev/null >&2
+}

@@ -1,0 +1,220 @@
+"""The agent with the module in it: start, restart, users, and what it answers when the daemon is away."""
+
+import os
+import signal
+import subprocess
+import time
+
+import expected_tree
+import pytest
+import system
+from expected_tree import ENTERPRISE
+
+SMALL = system.HOSTS / "small.yaml"
+PRODUCT_NAME, FIRST_VM_NAME = ENTERPRISE + (1, 1, 0), ENTERPRISE + (2, 1, 1, 2, 0)
+TABLES = [ENTERPRISE + (2,), ENTERPRISE + (3, 1, 2), ENTERPRISE + (3, 2, 4), ENTERPRISE + (3, 3), ENTERPRISE + (3, 4)]
+
+
+def value(agent, oid):
+    return agent.client.get(oid)[0].value
+
+
+def oids(host, root=ENTERPRISE):
+    return [i.oid for i in expected_tree.tree(host) if i.oid[:len(root)] == root]
+
+
+def assert_tables(agent, host):
+    """Every table has the host's rows; host None: no table has any."""
+    for table in TABLES:
+        assert [i.oid for i in agent.client.walk(table)] == (oids(host, table) if host else [])
+
+
+def test_the_reservation_is_in_bytes_once_and_in_kilobytes_ever_after(start_daemon, start_agent):
+    start_daemon(SMALL)
+    agent = start_agent()
+    reserved = ENTERPRISE + (3, 2, 2, 0)
+    assert [value(agent, reserved) for _ in range(3)] == [285212672, 278528, 278528]
+
+
+def test_the_first_unreserved_figure_takes_bytes_from_kilobytes(start_daemon, start_agent):
+    start_daemon(SMALL)
+    agent = start_agent()
+    total, unreserved = (285212672 + 1862270976) // 1024, ENTERPRISE + (3, 2, 3, 0)
+    assert [value(agent, unreserved) for _ in range(2)] == [total - 285212672, total - 278528]
+
+
+def test_total_reserved_and_unreserved_of_one_request_belong_together(start_daemon, start_agent):
+    start_daemon(SMALL)
+    agent = start_agent()
+    value(agent, ENTERPRISE + (3, 2, 1, 0))
+    total, reserved, unreserved = (i.value for i in agent.client.get(*(ENTERPRISE + (3, 2, n, 0) for n in (1, 2, 3))))
+    assert (total, reserved, unreserved) == (2097152, 278528, 2097152 - 278528)
+
+
+@pytest.mark.parametrize("version, identifier, message", [
+    ("3.0", (0, 0, 0), "SNMPSystemGetProdInfo: product version 3.0 not in major.minor.revision format."),
+    ("3.0.2.1", (0, 0, 0), "SNMPSystemGetProdInfo: product version 3.0.2.1 not in major.minor.revision format."),
+    ("3.x.2", (3, 0, 2), "Get Product Version: invalid version: x"),
+])
+def test_a_version_of_another_shape(start_daemon, start_agent, directory, version, identifier, message):
+    path = directory / "host.yaml"
+    path.write_text(SMALL.read_text().replace("version: 3.0.2", f'version: "{version}"'))
+    start_daemon(path)
+    agent = start_agent()
+    agent.allow_log(message)
+    for _ in range(3):
+        answers = [i.value for i in agent.client.get(*(ENTERPRISE + (1, n, 0) for n in (1, 2, 3, 4)))]
+        assert answers == [b"Tovric Kelv Server", version.encode(), ENTERPRISE + (60, 1) + identifier, b"13638"]
+    # A shape that does not fit is said again at every request, a part that is no number once.
+    assert (agent.log_text().count(message) > 2) == (identifier == (0, 0, 0))
+
+
+def test_the_kernel_is_not_loaded_on_a_host_without_it(start_daemon, start_agent):
+    start_daemon(SMALL)
+    agent = start_agent()
+    assert not os.path.exists("/proc/tovric/vm")
+    assert value(agent, ENTERPRISE + (4, 1, 1, 1, 0)) == b"no"
+
+
+def test_one_rebuild_serves_twenty_seconds_of_requests(start_daemon, start_agent):
+    start_daemon(SMALL)
+    agent = start_agent()
+    for _ in range(3):
+        agent.client.walk()
+    assert agent.log_text().count("SNMPRask: start refreshing cache...") == 1
+
+
+def allow_absence(agent):
+    """The lines of an agent that does not reach its daemon."""
+    agent.allow_log("OrdaneClient::Init: :.*", "Could not init ordane client to tovric-vessad.", *system.BACKTRACE_LOG,
+                    ".*Could not acquire ordane client to tovric-vessad.",
+                    "SNMPRAskRefreshCache: Could not acquire ordane client to tovric-vessad.",
+                    "SNMPRaskRefreshCache: no VM found.", ".*: connection to tovric-vessad is broken.", "Disconnect: not connected.",
+                    "Connection to the daemon is lost: .*")
+
+
+@pytest.mark.slow
+def test_the_daemon_may_come_after_the_agent(start_daemon, start_agent):
+    agent = start_agent()
+    allow_absence(agent)
+    assert value(agent, PRODUCT_NAME) == b""
+    assert value(agent, ENTERPRISE + (1, 3, 0)) == ENTERPRISE + (60, 1, 0, 0, 0)
+    assert value(agent, ENTERPRISE + (3, 1, 1, 0)) == 0
+    assert [value(agent, ENTERPRISE + (3, 2, n, 0)) for n in (1, 2, 3)] == [0, 0, 0]
+    assert_tables(agent, None)
+    failed = time.monotonic()
+    assert "Could not init ordane client to tovric-vessad." in agent.log_text()
+    assert "SNMPRAskRefreshCache: Could not acquire ordane client to tovric-vessad." in agent.log_text()
+    start_daemon(SMALL)
+    # The scalars ask again at once, the tables when their 20 s are over.
+    assert value(agent, PRODUCT_NAME) == b"Tovric Kelv Server"
+    assert value(agent, ENTERPRISE + (3, 1, 1, 0)) == 8
+    time.sleep(max(0, failed + system.REFRESH_INTERVAL + 2 - time.monotonic()))
+    assert_tables(agent, expected_tree.load(SMALL))
+
+
+@pytest.mark.slow
+def test_a_restart_of_the_daemon_costs_one_empty_refresh(start_daemon, start_agent):
+    """The first refresh after it finds the broken connection and empties the tables, the next one fills them."""
+    daemon = start_daemon(SMALL)
+    agent = start_agent()
+    allow_absence(agent)
+    host = expected_tree.load(SMALL)
+    assert_tables(agent, host)
+    filled = time.monotonic()
+    assert daemon.stop() == 0
+    start_daemon(SMALL)
+    assert_tables(agent, host)
+    time.sleep(max(0, filled + system.REFRESH_INTERVAL + 2 - time.monotonic()))
+    before = agent.log_text().count("SNMPRaskRefreshCache: no VM found.")
+    assert_tables(agent, None)
+    emptied = time.monotonic()
+    assert agent.log_text().count("SNMPRaskRefreshCache: no VM found.") == before + 1
+    assert value(agent, PRODUCT_NAME) == b"Tovric Kelv Server"
+    assert value(agent, ENTERPRISE + (3, 1, 1, 0)) == 8
+    time.sleep(max(0, emptied + system.REFRESH_INTERVAL + 2 - time.monotonic()))
+    assert_tables(agent, host)
+
+
+@pytest.mark.slow
+def test_a_new_description_is_seen_after_twenty_seconds(start_daemon, start_agent, directory):
+    path = directory / "host.yaml"
+    path.write_text(SMALL.read_text())
+    daemon = start_daemon(path)
+    agent = start_agent()
+    assert value(agent, FIRST_VM_NAME) == b"web-1"
+    asked = time.monotonic()
+    path.write_text(SMALL.read_text().replace("name: web-1", "name: web-2"))
+    daemon.signal(signal.SIGHUP)
+    system.wait_until(lambda: daemon.log_text().count(str(path)) > 1, "the reload in the log")
+    assert value(agent, FIRST_VM_NAME) == b"web-1"
+    time.sleep(max(0, asked + system.REFRESH_INTERVAL + 2 - time.monotonic()))
+    assert value(agent, FIRST_VM_NAME) == b"web-2"
+
+
+@pytest.mark.slow
+def test_the_tables_survive_the_daemon_until_the_next_refresh(start_daemon, start_agent):
+    daemon = start_daemon(SMALL)
+    agent = start_agent()
+    allow_absence(agent)
+    assert_tables(agent, expected_tree.load(SMALL))
+    filled = time.monotonic()
+    daemon.stop()
+    assert_tables(agent, expected_tree.load(SMALL))
+    assert value(agent, PRODUCT_NAME) == b"Tovric Kelv Server"
+    time.sleep(max(0, filled + system.REFRESH_INTERVAL + 2 - time.monotonic()))
+    assert_tables(agent, None)
+
+
+@pytest.mark.parametrize("background", [False, True], ids=["in the foreground", "in the background"])
+@pytest.mark.parametrize("unprivileged", [False, True], ids=["as root", "as its own user"])
+def test_the_agent_serves_the_host(start_daemon, start_agent, unprivileged, background):
+    """The module is initialised as root before the agent forks and drops its privileges."""
+    account = system.agent_account() if unprivileged else None
+    user = account and account.pw_name
+    start_daemon(SMALL, *(["--ticket-group", "Debian-snmp"] if user else []))
+    agent = start_agent(user=user, background=background)
+    if background:
+        # The parent's connection is not the child's: the child makes its own.
+        agent.allow_log(r"SNMP\w+: .*")
+    assert [i.oid for i in agent.client.walk()] == oids(expected_tree.load(SMALL))
+    assert os.stat(f"/proc/{agent.pid}").st_uid == (account.pw_uid if account else os.geteuid())
+
+
+def test_an_agent_that_cannot_read_the_ticket_serves_empty_tables(start_daemon, start_agent):
+    account = system.agent_account()
+    start_daemon(SMALL)
+    agent = start_agent(user=account.pw_name, background=True)
+    allow_absence(agent)
+    agent.allow_log("Failed to acquire local ticket: .*", "OrdaneClient::.*", r".*Permission denied.*")
+    assert_tables(agent, None)
+    assert "Failed to acquire local ticket: " in agent.log_text()
+    assert value(agent, PRODUCT_NAME) in (b"", b"Tovric Kelv Server")
+
+
+def test_hangup_makes_the_agent_load_the_module_anew(start_daemon, start_agent):
+    start_daemon(SMALL)
+    agent = start_agent()
+    agent.allow_log(r"Reconfiguring daemon.*", "NET-SNMP version .* restarted", "duplicate registration: MIB modules ipAddressTable .*")
+    host = expected_tree.load(SMALL)
+    for _ in range(3):
+        assert [i.oid for i in agent.client.walk()] == oids(host)
+        before = agent.log_text().count("restarted")
+        os.kill(agent.pid, signal.SIGHUP)
+        system.wait_until(lambda: agent.log_text().count("restarted") > before, "the agent to read its configuration again")
+        system.wait_until(agent.answers, "the agent to answer")
+    assert [i.oid for i in agent.client.walk()] == oids(host)
+
+
+def test_nothing_but_the_entry_and_the_named_functions_is_visible():
+    symbols = subprocess.run(["nm", "-D", "--defined-only", "--format=posix", system.MODULE], capture_output=True, text=True, check=True)
+    names = {line.split()[0] for line in symbols.stdout.splitlines()}
+    assert {"init_SNMPKelv", "deinit_SNMPKelv", "SNMP_VMInfoTable", "SNMPVMInfoTable_GetNext"} <= names
+    mangled = {name for name in names if name.startswith("_Z")}
+    assert mangled == {"_Z17deinit_SNMPSystemv"}
+    assert all("SNMP" in name for name in names)
+
+
+def test_every_symbol_of_the_module_is_found():
+    result = subprocess.run(["ldd", "-r", system.MODULE], capture_output=True, text=True)
+    assert "undefined symbol" not in result.stdout + result.stderr

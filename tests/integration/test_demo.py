@@ -1,0 +1,81 @@
+"""The demonstration: what it prints, what it leaves, and what it says when it cannot run."""
+
+import os
+import re
+import shlex
+import subprocess
+
+import pytest
+import system
+
+DEMO = system.ROOT / "scripts/demo"
+
+pytestmark = pytest.mark.skipif(system.BUILD != system.ROOT / "build/release", reason="the demo shows the release build")
+
+
+def demo(*arguments, timeout=300):
+    return subprocess.run([DEMO, *arguments], capture_output=True, text=True, stdin=subprocess.DEVNULL, timeout=timeout,
+                          env={**os.environ, "COLUMNS": "200"})
+
+
+def tables(output, name):
+    """Each printing of a table, as a list of rows by column name."""
+    found = []
+    for block in re.findall(rf"^[^\n]*\({name}\)\n((?:  .+\n)+)", output, re.M):
+        header, *rows = block.splitlines()
+        columns = [(match[0], match.start()) for match in re.finditer(r"\S+", header)]
+        ends = [start for _, start in columns[1:]] + [None]
+        found.append([{column: row[start:end].strip() for (column, start), end in zip(columns, ends)} for row in rows])
+    return found
+
+
+@pytest.mark.slow
+def test_the_demo_prints_every_table_and_shows_counters_move(tmp_path, monkeypatch):
+    monkeypatch.setenv("TMPDIR", str(tmp_path))
+    result = demo()
+    assert result.returncode == 0, result.stderr
+    assert result.stderr == ""
+    assert "prodName = Tovric Kelv Server" in result.stdout and "kernelLoaded = no" in result.stdout
+    assert "memReserved = 278528" in result.stdout
+    machines, = tables(result.stdout, "vmTable")
+    assert [row["vmDisplayName"] for row in machines] == ["web-1", "backup"]
+    for table in ("hbaTable", "tgtTable", "nicTable", "floppyTable", "cdromTable"):
+        assert tables(result.stdout, table)[0]
+    for table, column in (("cpuTable", "cpuUsedSec"), ("diskTable", "diskRead"), ("netTable", "netHCPktTx")):
+        first, later = tables(result.stdout, table)
+        assert int(later[0][column]) > int(first[0][column])
+    assert list(tmp_path.iterdir()) == [], "files are left"
+
+
+@pytest.mark.slow
+def test_a_kept_demo_can_be_queried_and_stopped_as_it_says(tmp_path, monkeypatch):
+    tmp_path.chmod(0o755)
+    monkeypatch.setenv("TMPDIR", str(tmp_path))
+    result = demo("--host", system.HOSTS / "every-device.yaml", "--keep")
+    assert result.returncode == 0, result.stderr
+    assert len(tables(result.stdout, "vmTable")[0]) == 14
+    query, = re.findall(r"^  (.*snmptable .*)$", result.stdout, re.M)
+    stop, = re.findall(r"^  (kill (\d+) (\d+); tail .*; rm -r .*)$", result.stdout, re.M)
+    answer = subprocess.run(shlex.split(query), capture_output=True, text=True)
+    assert answer.returncode == 0 and "every device" in answer.stdout
+    assert all(system.is_alive(pid) for pid in stop[1:])
+    subprocess.run(["bash", "-c", stop[0]], check=True)
+    for pid in stop[1:]:
+        system.wait_until(lambda: not system.is_alive(pid), "the demo's processes to end")
+
+
+@pytest.mark.parametrize("arguments, word", [
+    (["--host"], "--host"), (["--host", "/nonexistent.yaml"], "/nonexistent.yaml"), (["--nonsense"], "usage")])
+def test_the_demo_says_what_is_wrong_with_its_arguments(arguments, word):
+    result = demo(*arguments)
+    assert result.returncode != 0
+    assert word in result.stderr
+
+
+@pytest.mark.slow
+def test_the_demo_shows_why_a_daemon_does_not_start(tmp_path):
+    (tmp_path / "bad.yaml").write_text("about: [1]\n")
+    result = demo("--host", tmp_path / "bad.yaml")
+    assert result.returncode != 0
+    assert re.search(r"bad\.yaml:\d+:\d+: .*expected", result.stderr)
+    assert "did not start" in result.stderr

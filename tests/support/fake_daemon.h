@@ -1,0 +1,76 @@
+// A management daemon within the test's process.
+//
+// Programs that link this reach it instead of the network: the authentication client opens its streams here,
+// and the stub adapter hands its messages to the fake host's objects through the dispatcher that the real
+// daemon uses. Everything between the two is the real runtime.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "runtime/tessim/time_budget.h"
+#include "tests/support/fake_host.h"
+
+namespace TestSupport {
+
+// One attempt to open a stream, refused or not.
+struct Opening {
+    int selector;
+    std::string host;
+    std::uint16_t port;
+    std::string text1;
+    std::string text2;
+    Tessim::Clock::duration limit;  // how long it might take
+};
+
+// One lives at a time; without one, opening a stream fails.
+class FakeDaemon {
+  public:
+    FakeDaemon();
+    ~FakeDaemon();
+    FakeDaemon(const FakeDaemon&) = delete;
+    FakeDaemon& operator=(const FakeDaemon&) = delete;
+
+    FakeHost host;
+
+    // The daemon is down: opening a stream throws a Tessim::StreamException with this message; empty: it is
+    // up.
+    std::string down;
+    // Every stream says that another process made it.
+    bool foreignStreams = false;
+
+    // Makes each call of that method run `action` before anything is sent. The caller gets what it throws,
+    // and the connection stays as it was.
+    void WhenCalled(const std::string& method, std::function<void()> action);
+    // Makes each call of that method run `action` on its way. What it throws breaks the
+    // connection for good.
+    void WhenSent(const std::string& method, std::function<void()> action);
+
+    std::vector<Opening> openings;
+    // Every call of an API method that was sent over any connection, in order, answered or not.
+    std::vector<std::string> calls;
+    int CountCalls(const std::string& method) const;
+    // Calls of the runtime and of the API, and closings, in order, as text.
+    std::vector<std::string> events;
+
+    // The living one, or null.
+    static FakeDaemon* Current();
+    // Adds an event when one lives.
+    static void Record(const std::string& event);
+
+    // For the adapters: what happens before and while a call is sent.
+    void Call(const std::string& method);
+    void Send(const std::string& method);
+
+  private:
+    using Actions = std::map<std::string, std::function<void()>>;
+    static void Run(const Actions& actions, const std::string& method);
+
+    Actions whenCalled;
+    Actions whenSent;
+};
+
+}  // namespace TestSupport

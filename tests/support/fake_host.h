@@ -1,0 +1,77 @@
+// The objects of a management daemon, with answers that the test sets.
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "runtime/hask/api.h"
+
+namespace TestSupport {
+
+// One virtual machine; what is null here, the daemon does not know.
+struct FakeVm {
+    std::string id;
+    Tessim::Ref<Hask::Vm::ConfigInfo> config;
+    Tessim::Ref<Hask::Vm::RuntimeInfo> runtime;
+    Tessim::Ref<Hask::Vm::GuestInfo> guest;
+};
+
+// What a login brought with it.
+struct LoginCall {
+    std::string userName;
+    std::string password;
+    std::optional<std::string> locale;
+
+    friend bool operator==(const LoginCall&, const LoginCall&) = default;
+};
+
+class FakeHost {
+  public:
+    // A host without machines, datastores or figures, whose content names its managers.
+    FakeHost();
+    ~FakeHost();
+    FakeHost(const FakeHost&) = delete;
+    FakeHost& operator=(const FakeHost&) = delete;
+
+    // The answers.
+    Tessim::Ref<Hask::ServiceInstanceContent> content;
+    std::vector<FakeVm> vms;  // the folder's children
+    // By id; null is a datastore without information, a missing one is unknown to the daemon.
+    std::map<std::string, Tessim::Ref<Hask::Datastore::Info>> datastores;
+    Tessim::Ref<Hask::Host::HardwareInfo> hardware;
+    Tessim::Ref<Hask::Host::MemoryManagerSystem::ServiceConsoleReservationInfo> consoleReservation;
+    Tessim::Ref<Ordane::DataArray<Hask::PerformanceManager::CounterInfo>> counters;      // never null
+    Tessim::Ref<Ordane::DataArray<Hask::PerformanceManager::EntityMetricBase>> metrics;  // never null
+
+    // The ticket: whom it is for, and what its fresh file of mode 0600 holds, unless another path is set.
+    std::string ticketUser = "root";
+    std::string ticketContent = "one-time-password";
+    std::optional<std::string> ticketPath;
+
+    // What was asked.
+    std::vector<std::string> ticketRequests;  // the users
+    std::vector<LoginCall> logins;
+    std::vector<Tessim::Ref<Ordane::DataArray<Hask::PerformanceManager::QuerySpec>>> queries;
+
+    // Makes the objects run `action` before they answer that method. What it throws is answered as a fault.
+    void WhenAsked(const std::string& method, std::function<void()> action);
+
+    // The object of that type and id, or null. It uses this host and must not outlive it.
+    Tessim::Ref<Ordane::ManagedObject> Find(const Ordane::MoRef& reference);
+
+    // For the objects: runs what WhenAsked set.
+    void Ask(const std::string& method) const;
+    // For the objects: the path of a ticket file, fresh unless the test set another.
+    std::string MakeTicketFile();
+
+  private:
+    std::map<std::string, std::function<void()>> actions;
+    std::filesystem::path folder;  // holds the ticket files
+    int ticketCount = 0;
+};
+
+}  // namespace TestSupport

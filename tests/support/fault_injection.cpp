@@ -1,0 +1,133 @@
+#include "tests/support/fault_injection.h"
+
+#include <sys/stat.h>
+
+#include <cassert>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <optional>
+
+namespace {
+
+// Counts down to the one call that fails.
+struct Countdown {
+    int left = 0;
+
+    bool Expires() { return left > 0 && --left == 0; }
+};
+
+struct Faults {
+    std::optional<std::time_t> time;
+    std::size_t callocElementSize = 0;
+    Countdown calloc;
+    Countdown strdup;
+    Countdown operatorNew;
+    std::string path;
+    bool pathExists = false;
+    int pathCalls = 0;
+};
+
+std::optional<Faults> faults;
+
+}  // namespace
+
+// The linker turns calls of f into calls of __wrap_f, and __real_f into f.
+// NOLINTBEGIN(bugprone-reserved-identifier,misc-definitions-in-headers)
+extern "C" {
+
+std::time_t __real_time(std::time_t* stored);
+void* __real_calloc(std::size_t count, std::size_t size);
+char* __real_strdup(const char* text);
+void* __real__Znwm(std::size_t size);
+int __real_stat64(const char* path, struct stat64* status);
+
+std::time_t __wrap_time(std::time_t* stored) {
+    if (!faults || !faults->time) {
+        return __real_time(stored);
+    }
+    if (stored != nullptr) {
+        *stored = *faults->time;
+    }
+    return *faults->time;
+}
+
+void* __wrap_calloc(std::size_t count, std::size_t size) {
+    if (faults && (faults->callocElementSize == 0 || faults->callocElementSize == size) &&
+        faults->calloc.Expires()) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return __real_calloc(count, size);
+}
+
+char* __wrap_strdup(const char* text) {
+    if (faults && faults->strdup.Expires()) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return __real_strdup(text);
+}
+
+void* __wrap__Znwm(std::size_t size) {
+    if (faults && faults->operatorNew.Expires()) {
+        throw std::bad_alloc();
+    }
+    return __real__Znwm(size);
+}
+
+int __wrap_stat64(const char* path, struct stat64* status) {
+    if (!faults || faults->path.empty() || faults->path != path) {
+        return __real_stat64(path, status);
+    }
+    ++faults->pathCalls;
+    if (!faults->pathExists) {
+        errno = ENOENT;
+        return -1;
+    }
+    std::memset(status, 0, sizeof(*status));
+    return 0;
+}
+
+}  // extern "C"
+// NOLINTEND(bugprone-reserved-identifier,misc-definitions-in-headers)
+
+namespace TestSupport {
+
+FaultInjection::FaultInjection() {
+    assert(!faults);
+    faults.emplace();
+}
+
+FaultInjection::~FaultInjection() {
+    faults.reset();
+}
+
+void FaultInjection::SetTime(std::time_t now) {
+    faults->time = now;
+}
+
+void FaultInjection::FailCalloc(std::size_t elementSize, int nth) {
+    faults->callocElementSize = elementSize;
+    faults->calloc.left = nth;
+}
+
+void FaultInjection::FailStrdup(int nth) {
+    faults->strdup.left = nth;
+}
+
+void FaultInjection::FailNew(int nth) {
+    faults->operatorNew.left = nth;
+}
+
+void FaultInjection::SetExists(const std::string& path, bool exists) {
+    faults->path = path;
+    faults->pathExists = exists;
+}
+
+int FaultInjection::Stat64Calls() const {
+    return faults->pathCalls;
+}
+
+}  // namespace TestSupport

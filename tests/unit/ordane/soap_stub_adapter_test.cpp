@@ -1,0 +1,205 @@
+#include "runtime/ordane/soap_stub_adapter.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <new>
+
+#include "runtime/tessim/exception.h"
+#include "tests/unit/ordane/sample_shop.h"
+
+namespace Ordane {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+// Hands each request to a function.
+class FakeAdapter final : public SoapStubAdapter {
+  public:
+    std::function<std::string(const std::string&)> answer;
+    int exchanges = 0;
+
+  protected:
+    std::string Exchange(const std::string& request) override {
+        ++exchanges;
+        return answer(request);
+    }
+};
+
+std::string ReplyOf(const std::string& body) {
+    return "<Envelope><Body>" + body + "</Body></Envelope>";
+}
+
+class SoapStubAdapterTest : public testing::Test {
+  protected:
+    SoapStubAdapterTest() {
+        adapter->answer = [this](const std::string& request) { return HandleCall(request, source).text; };
+    }
+
+    void AnswerWith(const std::string& reply) {
+        adapter->answer = [reply](const std::string& /*request*/) { return reply; };
+    }
+
+    // What the next call is broken by.
+    std::string Failure() {
+        try {
+            stub->Sweep();
+        } catch (const Fault::HostCommunication::Exception& thrown) {
+            return thrown.what();
+        }
+        return "nothing";
+    }
+
+    Sample::ShopSource source;
+    Tessim::Ref<FakeAdapter> adapter = Tessim::MakeRef<FakeAdapter>();
+    Tessim::Ref<Sample::Shop> stub = Sample::Shop::MakeStub(Tessim::Ref<StubAdapter>(adapter), "shop-1");
+};
+
+TEST_F(SoapStubAdapterTest, CarriesEveryKindOfParameterAndResult) {
+    const auto toy = Tessim::MakeRef<Sample::RedToy>();
+    toy->SetName("ball");
+    const auto owner = Tessim::MakeRef<MoRef>("Person", "ann");
+    Tessim::Ref<Sample::Everything> all;
+    stub->Store(true, -5, 6'000'000'000, Sample::Shop::State::sold, toy.Get(), owner.Get(), {"red", ""}, all);
+    EXPECT_THAT(source.shop->calls, ElementsAre("Store true -5 6000000000 2 RedToy:ball ann red "));
+    ASSERT_TRUE(all);
+    EXPECT_EQ(all->GetLargeMaybe(), INT64_MAX);
+
+    source.shop->owner = owner;
+    Tessim::Ref<MoRef> answered;
+    stub->GetOwner(answered);
+    EXPECT_EQ(answered->GetId(), "ann");
+    source.shop->owner = nullptr;
+    stub->GetOwner(answered);
+    EXPECT_EQ(answered, nullptr);
+}
+
+TEST_F(SoapStubAdapterTest, AnswersAnEmptyListForNoElements) {
+    Tessim::Ref<DataArray<Sample::Thing>> things;
+    stub->GetThings(things);
+    ASSERT_NE(things, nullptr);
+    EXPECT_EQ(things->GetLength(), 0);
+}
+
+TEST_F(SoapStubAdapterTest, KnowsItsObject) {
+    EXPECT_EQ(stub->GetMoRef()->GetType(), "Shop");
+    EXPECT_EQ(stub->GetMoRef()->GetId(), "shop-1");
+    EXPECT_EQ(stub->GetManagedType(), &Sample::Shop::staticType);
+}
+
+TEST_F(SoapStubAdapterTest, RaisesAFaultAndGoesOn) {
+    source.loggedIn = false;
+    EXPECT_THROW(stub->Sweep(), Fault::NotAuthenticated::Exception);
+    source.loggedIn = true;
+    EXPECT_NO_THROW(stub->Sweep());
+}
+
+TEST_F(SoapStubAdapterTest, LeavesTheResultAloneWhenTheCallFails) {
+    source.shop->failure = [] { throw Fault::SystemError::Exception("no"); };
+    auto kept = Tessim::MakeRef<MoRef>("Person", "ann");
+    Tessim::Ref<MoRef> out = kept;
+    EXPECT_THROW(stub->GetOwner(out), Fault::SystemError::Exception);
+    EXPECT_EQ(out, kept);
+}
+
+TEST_F(SoapStubAdapterTest, TakesAReplyThatDoesNotFitItsTypeForInvalidAndGoesOn) {
+    AnswerWith(ReplyOf("<GreetResponse/>"));
+    Tessim::Ref<Sample::Thing> thing;
+    try {
+        stub->Greet("ann", thing);
+        ADD_FAILURE();
+    } catch (const Fault::InvalidResponse::Exception& thrown) {
+        EXPECT_STREQ(thrown.what(),
+                     "Greet: element Envelope/Body/GreetResponse: expected the member returnval");
+    }
+    AnswerWith(ReplyOf("<GreetResponse><returnval xsi:type=\"Everything\"/></GreetResponse>"));
+    EXPECT_THROW(stub->Greet("ann", thing), Fault::InvalidResponse::Exception);
+    AnswerWith(ReplyOf("<Fault><detail><InvalidLogin><message/><message/></InvalidLogin></detail></Fault>"));
+    EXPECT_THROW(stub->Greet("ann", thing), Fault::InvalidResponse::Exception);
+    EXPECT_FALSE(thing);
+    AnswerWith(ReplyOf("<GreetResponse><returnval><name>hello</name></returnval></GreetResponse>"));
+    stub->Greet("ann", thing);
+    EXPECT_EQ(thing->GetName(), "hello");
+}
+
+TEST_F(SoapStubAdapterTest, IsBrokenForGoodByAReplyToAnotherCall) {
+    AnswerWith(ReplyOf("<GetOwnerResponse/>"));
+    EXPECT_EQ(Failure(), "the daemon answered GetOwnerResponse to the call Sweep");
+    AnswerWith(ReplyOf("<SweepResponse/>"));
+    EXPECT_EQ(Failure(), "the daemon answered GetOwnerResponse to the call Sweep");
+    EXPECT_EQ(adapter->exchanges, 1);
+}
+
+TEST_F(SoapStubAdapterTest, IsBrokenByARequestInPlaceOfAReply) {
+    AnswerWith(ReplyOf("<Sweep/>"));
+    EXPECT_EQ(Failure(), "the daemon answered Sweep to the call Sweep");
+}
+
+TEST_F(SoapStubAdapterTest, IsBrokenForGoodByAReplyThatIsNoMessage) {
+    AnswerWith("<html><body>It works!</body></html>");
+    EXPECT_EQ(Failure(), "the daemon's reply is unusable: a SOAP message without envelope");
+    EXPECT_EQ(Failure(), "the daemon's reply is unusable: a SOAP message without envelope");
+    EXPECT_EQ(adapter->exchanges, 1);
+}
+
+TEST_F(SoapStubAdapterTest, RepeatsLittleOfAStrangersNames) {
+    AnswerWith(ReplyOf("<" + std::string(10'000, 'n') + "/>"));
+    EXPECT_EQ(Failure(), "the daemon answered " + std::string(64, 'n') + " to the call Sweep");
+}
+
+TEST_F(SoapStubAdapterTest, IsBrokenForGoodByAFailureOfTheStream) {
+    adapter->answer = [](const std::string& /*request*/) -> std::string {
+        throw Tessim::StreamException("reset by peer");
+    };
+    EXPECT_EQ(Failure(), "reset by peer");
+    EXPECT_EQ(Failure(), "reset by peer");
+    EXPECT_EQ(adapter->exchanges, 1);
+}
+
+TEST_F(SoapStubAdapterTest, IsBrokenForGoodByATimeoutOrAFailureOfTheSystem) {
+    adapter->answer = [](const std::string& /*request*/) -> std::string {
+        throw Tessim::TimeoutException("too late");
+    };
+    EXPECT_EQ(Failure(), "too late");
+    EXPECT_EQ(Failure(), "too late");
+    EXPECT_EQ(adapter->exchanges, 1);
+
+    const auto other = Tessim::MakeRef<FakeAdapter>();
+    other->answer = [](const std::string& /*request*/) -> std::string {
+        throw Tessim::SystemException("no descriptors");
+    };
+    stub = Sample::Shop::MakeStub(Tessim::Ref<StubAdapter>(other), "shop-1");
+    EXPECT_EQ(Failure(), "no descriptors");
+    EXPECT_EQ(Failure(), "no descriptors");
+    EXPECT_EQ(other->exchanges, 1);
+}
+
+// The reply of an interrupted call is still to come: it must not become the next call's.
+TEST_F(SoapStubAdapterTest, IsBrokenForGoodWhenACallIsInterrupted) {
+    adapter->answer = [](const std::string& /*request*/) -> std::string { throw std::bad_alloc(); };
+    EXPECT_THROW(stub->Sweep(), std::bad_alloc);
+    AnswerWith(ReplyOf("<SweepResponse/>"));
+    EXPECT_EQ(Failure(), "an earlier call was interrupted");
+    EXPECT_EQ(adapter->exchanges, 1);
+}
+
+TEST_F(SoapStubAdapterTest, CallsNothingOnceItIsClosed) {
+    stub->Sweep();
+    adapter->Close();
+    adapter->Close();
+    EXPECT_EQ(Failure(), "the connection is closed");
+    EXPECT_EQ(adapter->exchanges, 1);
+}
+
+TEST_F(SoapStubAdapterTest, KeepsItsFirstFailureWhenItIsClosed) {
+    AnswerWith("");
+    const std::string failure = Failure();
+    EXPECT_THAT(failure, HasSubstr("the daemon's reply is unusable: no XML: "));
+    adapter->Close();
+    EXPECT_EQ(Failure(), failure);
+}
+
+}  // namespace
+}  // namespace Ordane

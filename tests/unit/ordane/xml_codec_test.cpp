@@ -1,0 +1,448 @@
+#include "runtime/ordane/xml_codec.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <sstream>
+
+#include "runtime/tessim/exception.h"
+#include "tests/unit/ordane/sample_shop.h"
+
+namespace Ordane::Xml {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+// Reads as messages do.
+class Document {
+  public:
+    explicit Document(const std::string& text) {
+        const auto result = document.load_buffer(
+            text.data(), text.size(), pugi::parse_escapes | pugi::parse_cdata | pugi::parse_ws_pcdata);
+        EXPECT_TRUE(result) << result.description() << " in " << text;
+    }
+    pugi::xml_node GetRoot() const { return document.first_child(); }
+
+  private:
+    pugi::xml_document document;
+};
+
+template <class T>
+Tessim::Ref<T> Read(const std::string& text, Unknown unknown = Unknown::Ignore) {
+    const Document document(text);
+    return Tessim::NarrowToType<T>(ReadObject(document.GetRoot(), T::StaticType(), unknown));
+}
+
+// What reading a T says against `text`.
+template <class T>
+std::string Refusal(const std::string& text, Unknown unknown = Unknown::Ignore) {
+    try {
+        Read<T>(text, unknown);
+    } catch (const Tessim::InvalidArgumentException& refused) {
+        return refused.what();
+    }
+    return "nothing";
+}
+
+std::string Write(const DataObject& object) {
+    pugi::xml_document document;
+    WriteObject(document, "x", object, *object.GetDataObjectType());
+    std::ostringstream text;
+    document.save(text, "", pugi::format_raw | pugi::format_no_declaration, pugi::encoding_utf8);
+    return text.str();
+}
+
+// The XML of an Everything of which only the required members and `member` are set.
+std::string EverythingWith(const std::string& member) {
+    std::string text = "<x>";
+    for (const auto& [name, value] :
+         {std::pair{"flag", "true"}, std::pair{"small", "1"}, std::pair{"large", "2"}, std::pair{"text", "t"},
+          std::pair{"state", "open"}}) {
+        if (!member.starts_with(std::string("<") + name + ">")) {
+            text += std::string("<") + name + ">" + value + "</" + name + ">";
+        }
+    }
+    return text + member + "</x>";
+}
+
+constexpr const char* everything =
+    "<x><flag>true</flag><flagMaybe>false</flagMaybe><flagList>false</flagList><flagList>true</flagList>"
+    "<small>-2147483648</small><smallMaybe>2147483647</smallMaybe><smallList>1</smallList><smallList>2</"
+    "smallList>"
+    "<large>-9223372036854775808</large><largeMaybe>9223372036854775807</largeMaybe>"
+    "<largeList>3</largeList><largeList>4</largeList>"
+    "<text>a text</text><textMaybe>maybe</textMaybe><textList>first</textList><textList>second</textList>"
+    "<state>open</state><stateMaybe>closed</stateMaybe><stateList>sold</stateList><stateList>open</stateList>"
+    "<thing xsi:type=\"SharpTool\"><name>saw</name></thing>"
+    "<thingList><name>cup</name></thingList>"
+    "<thingList xsi:type=\"RedToy\"><name>ball</name><count>7</count></thingList>"
+    "<thingListMaybe><name>jug</name></thingListMaybe>"
+    "<thingListMaybe xsi:type=\"RedToy\"><name>kite</name><count>7</count></thingListMaybe>"
+    "<reference type=\"Shop\">shop-2</reference><person type=\"Person\">ann</person>"
+    "<personList type=\"Person\">bob</personList><personList type=\"Person\">cy</personList></x>";
+
+TEST(XmlCodec, WritesEveryKindOfMemberInTheOrderOfItsType) {
+    EXPECT_EQ(Write(*Sample::MakeEverything()), everything);
+}
+
+TEST(XmlCodec, ReadsWhatItWrites) {
+    EXPECT_EQ(Write(*Read<Sample::Everything>(everything, Unknown::Refuse)), everything);
+}
+
+TEST(XmlCodec, GivesEachMemberToItsGetter) {
+    const auto all = Read<Sample::Everything>(everything);
+    EXPECT_TRUE(all->IsFlag());
+    EXPECT_EQ(all->IsFlagMaybe(), false);
+    EXPECT_THAT(all->IsFlagList(), ElementsAre(false, true));
+    EXPECT_EQ(all->GetSmall(), std::numeric_limits<std::int32_t>::min());
+    EXPECT_EQ(all->GetSmallMaybe(), std::numeric_limits<std::int32_t>::max());
+    EXPECT_THAT(all->GetSmallList(), ElementsAre(1, 2));
+    EXPECT_EQ(all->GetLarge(), std::numeric_limits<std::int64_t>::min());
+    EXPECT_EQ(all->GetLargeMaybe(), std::numeric_limits<std::int64_t>::max());
+    EXPECT_THAT(all->GetLargeList(), ElementsAre(3, 4));
+    EXPECT_EQ(all->GetText(), "a text");
+    EXPECT_EQ(all->GetTextMaybe(), "maybe");
+    EXPECT_THAT(all->GetTextList(), ElementsAre("first", "second"));
+    EXPECT_EQ(all->GetState(), Sample::Shop::State::open);
+    EXPECT_EQ(all->GetStateMaybe(), Sample::Shop::State::closed);
+    EXPECT_THAT(all->GetStateList(), ElementsAre(Sample::Shop::State::sold, Sample::Shop::State::open));
+    EXPECT_EQ(all->GetThing()->GetDataObjectType(), GetType<Sample::Tool>());
+    ASSERT_EQ(all->GetThingList()->GetLength(), 2);
+    const auto* toy = Tessim::NarrowToType<Sample::RedToy>((*all->GetThingList())[1]);
+    ASSERT_NE(toy, nullptr);
+    EXPECT_EQ(toy->GetName(), "ball");
+    EXPECT_EQ(toy->GetCount(), 7);
+    EXPECT_EQ((*all->GetThingListMaybe())[0]->GetName(), "jug");
+    EXPECT_EQ(all->GetReference()->GetType(), "Shop");
+    EXPECT_EQ(all->GetReference()->GetId(), "shop-2");
+    EXPECT_EQ(all->GetPerson()->GetId(), "ann");
+    EXPECT_EQ((*all->GetPersonList())[1]->GetId(), "cy");
+}
+
+TEST(XmlCodec, TakesMembersInAnyOrder) {
+    const auto toy = Read<Sample::Toy>("<x><count>3</count><name>top</name></x>", Unknown::Refuse);
+    EXPECT_EQ(toy->GetName(), "top");
+    EXPECT_EQ(toy->GetCount(), 3);
+}
+
+TEST(XmlCodec, TakesNamesAndTypesOfAnyPrefix) {
+    const Document document("<a:x xsi:type=\"b:Toy\"><c:name>top</c:name><d:count>3</d:count></a:x>");
+    const auto toy = ReadObject(document.GetRoot(), Sample::Thing::StaticType(), Unknown::Refuse);
+    EXPECT_EQ(toy->GetDataObjectType(), GetType<Sample::Toy>());
+    EXPECT_EQ(LocalName(document.GetRoot()), "x");
+}
+
+TEST(XmlCodec, NamesTheConcreteTypeOnlyWhereItDiffersFromTheDeclaredOne) {
+    const auto toy = Tessim::MakeRef<Sample::Toy>();
+    pugi::xml_document document;
+    WriteObject(document, "same", *toy, Sample::Toy::StaticType());
+    WriteObject(document, "other", *toy, Sample::Thing::StaticType());
+    EXPECT_TRUE(document.child("same").attribute("xsi:type").empty());
+    EXPECT_STREQ(document.child("other").attribute("xsi:type").value(), "Toy");
+}
+
+// Absent and empty.
+
+TEST(XmlCodec, TellsAnEmptyTextFromAnAbsentOne) {
+    EXPECT_EQ(Read<Sample::Everything>(EverythingWith("<textMaybe/>"))->GetTextMaybe(), "");
+    EXPECT_EQ(Read<Sample::Everything>(EverythingWith("<textMaybe></textMaybe>"))->GetTextMaybe(), "");
+    EXPECT_FALSE(Read<Sample::Everything>(EverythingWith(""))->GetTextMaybe().has_value());
+    EXPECT_EQ(Read<Sample::Thing>("<x><name/></x>")->GetName(), "");
+}
+
+TEST(XmlCodec, WritesAnEmptyTextAndOmitsAnAbsentOne) {
+    const auto all = Tessim::MakeRef<Sample::Everything>();
+    EXPECT_EQ(Write(*all).find("textMaybe"), std::string::npos);
+    all->SetTextMaybe("");
+    EXPECT_NE(Write(*all).find("<textMaybe/>"), std::string::npos);
+}
+
+TEST(XmlCodec, KeepsEmptyElementsOfAList) {
+    const auto all = Read<Sample::Everything>(EverythingWith("<textList/><textList>b</textList>"));
+    EXPECT_THAT(all->GetTextList(), ElementsAre("", "b"));
+}
+
+TEST(XmlCodec, ReadsAnEmptyListForAnAbsentOne) {
+    const auto all = Read<Sample::Everything>(EverythingWith(""));
+    EXPECT_THAT(all->GetSmallList(), IsEmpty());
+    ASSERT_NE(all->GetThingList(), nullptr);
+    EXPECT_EQ(all->GetThingList()->GetLength(), 0);
+}
+
+TEST(XmlCodec, ReadsNothingForAnAbsentListThatIsOptional) {
+    EXPECT_EQ(Read<Sample::Everything>(EverythingWith(""))->GetThingListMaybe(), nullptr);
+}
+
+TEST(XmlCodec, CannotTellAnEmptyOptionalListFromAnAbsentOne) {
+    const auto all = Read<Sample::Everything>(EverythingWith(""));
+    const std::string without = Write(*all);
+    all->SetThingListMaybe(Tessim::MakeRef<DataArray<Sample::Thing>>());
+    EXPECT_EQ(Write(*all), without);
+}
+
+TEST(XmlCodec, TakesElementsOfAListWithOthersBetweenThem) {
+    const auto all = Read<Sample::Everything>(
+        EverythingWith("<textList>a</textList><largeList>5</largeList><textList>b</textList>"));
+    EXPECT_THAT(all->GetTextList(), ElementsAre("a", "b"));
+    EXPECT_THAT(all->GetLargeList(), ElementsAre(5));
+}
+
+// Texts.
+
+std::string TextIn(const std::string& content) {
+    return Read<Sample::Thing>("<x><name>" + content + "</name></x>", Unknown::Refuse)->GetName();
+}
+
+TEST(XmlCodec, KeepsTheWhiteSpaceOfTexts) {
+    EXPECT_EQ(TextIn(" "), " ");
+    EXPECT_EQ(TextIn(" \n\ta  b "), " \n\ta  b ");
+}
+
+TEST(XmlCodec, JoinsTextCharacterDataAndWhatStandsAroundComments) {
+    EXPECT_EQ(TextIn("a<![CDATA[<b>&amp;]]>c"), "a<b>&amp;c");
+    EXPECT_EQ(TextIn(" <![CDATA[ ]]> "), "   ");
+    EXPECT_EQ(TextIn("a<!-- no <b> -->c"), "ac");
+    EXPECT_EQ(TextIn("<![CDATA[]]>"), "");
+    EXPECT_EQ(TextIn("a<?target data?>b"), "ab");
+}
+
+TEST(XmlCodec, ResolvesCharacterReferencesAndTheEntitiesOfXml) {
+    EXPECT_EQ(TextIn("&lt;&gt;&amp;&quot;&apos;"), "<>&\"'");
+    EXPECT_EQ(TextIn("&#65;&#x42;&#xe9;&#8364;&#x1F600;"), "AB\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80");
+}
+
+TEST(XmlCodec, TakesNoOtherEntityApart) {
+    EXPECT_EQ(TextIn("&lol;"), "&lol;");
+}
+
+TEST(XmlCodec, CarriesAnyTextThereAndBack) {
+    for (const std::string text : {"Gr\xc3\xbc\xc3\x9f"
+                                   "e \xe6\x9d\xb1\xe4\xba\xac \xf0\x9f\x98\x80",
+                                   "<&>\"'", "]]>", " x ", "a\tb\nc", "\xef\xbf\xbd", "&#65;", "<!-- -->"}) {
+        const auto thing = Tessim::MakeRef<Sample::Thing>();
+        thing->SetName(text);
+        EXPECT_EQ(Read<Sample::Thing>(Write(*thing), Unknown::Refuse)->GetName(), text);
+    }
+}
+
+TEST(XmlCodec, RefusesAsServerATextThatXmlCannotCarry) {
+    for (const char* text : {"&#1;", "&#xD800;", "&#xFFFE;", "\x01", "\xff", "\xc3"}) {
+        EXPECT_EQ(Refusal<Sample::Thing>("<x><name>" + std::string(text) + "</name></x>", Unknown::Refuse),
+                  "element x/name: expected a text that XML can carry")
+            << text;
+    }
+}
+
+TEST(XmlCodec, TakesAsClientEvenATextThatXmlCannotCarry) {
+    EXPECT_EQ(Read<Sample::Thing>("<x><name>a\xff&#1;</name></x>")->GetName(), "a\xff\x01");
+}
+
+// Numbers, booleans and choices.
+
+TEST(XmlCodec, TakesTheExtremesOfBothWidths) {
+    EXPECT_EQ(Read<Sample::Everything>(EverythingWith("<small>-2147483648</small>"))->GetSmall(), INT32_MIN);
+    EXPECT_EQ(Read<Sample::Everything>(EverythingWith("<small>2147483647</small>"))->GetSmall(), INT32_MAX);
+    EXPECT_EQ(Read<Sample::Everything>(EverythingWith("<large>-9223372036854775808</large>"))->GetLarge(),
+              INT64_MIN);
+    EXPECT_EQ(Read<Sample::Everything>(EverythingWith("<large>9223372036854775807</large>"))->GetLarge(),
+              INT64_MAX);
+}
+
+TEST(XmlCodec, RefusesNumbersBeyondTheirWidth) {
+    for (const char* text : {"2147483648", "-2147483649", "99999999999999999999999"}) {
+        EXPECT_EQ(Refusal<Sample::Everything>(EverythingWith(std::string("<small>") + text + "</small>")),
+                  "element x/small: expected a whole number from -2147483648 to 2147483647")
+            << text;
+    }
+    for (const char* text : {"9223372036854775808", "-9223372036854775809"}) {
+        EXPECT_EQ(Refusal<Sample::Everything>(EverythingWith(std::string("<large>") + text + "</large>")),
+                  "element x/large: expected a whole number from -9223372036854775808 to 9223372036854775807")
+            << text;
+    }
+}
+
+TEST(XmlCodec, RefusesWhatIsNoWholeNumber) {
+    for (const char* text : {"", " ", "one", "1.0", "0x10", "1 2", "+1", "--1", "-", "1e3", "1<b/>2x"}) {
+        EXPECT_THAT(Refusal<Sample::Everything>(EverythingWith(std::string("<small>") + text + "</small>")),
+                    StartsWith("element x/small: expected a whole number from "))
+            << text;
+    }
+}
+
+TEST(XmlCodec, AllowsWhiteSpaceAroundNumbersAndBooleans) {
+    const auto all = Read<Sample::Everything>(
+        EverythingWith("<smallMaybe>\n  12\t</smallMaybe><flagMaybe> true\r\n</flagMaybe>"));
+    EXPECT_EQ(all->GetSmallMaybe(), 12);
+    EXPECT_EQ(all->IsFlagMaybe(), true);
+}
+
+TEST(XmlCodec, TakesBooleansAsWordsAndDigits) {
+    for (const auto& [text, value] :
+         {std::pair{"true", true}, std::pair{"1", true}, std::pair{"false", false}, std::pair{"0", false}}) {
+        const auto all = Read<Sample::Everything>(EverythingWith(std::string("<flag>") + text + "</flag>"));
+        EXPECT_EQ(all->IsFlag(), value) << text;
+    }
+    for (const char* text : {"", "True", "yes", "2", "tru", "true false"}) {
+        EXPECT_EQ(Refusal<Sample::Everything>(EverythingWith(std::string("<flag>") + text + "</flag>")),
+                  "element x/flag: expected true or false")
+            << text;
+    }
+}
+
+TEST(XmlCodec, RefusesAChoiceThatTheEnumerationDoesNotHave) {
+    for (const char* text : {"", "1", "Open", "open ", "ajar"}) {
+        EXPECT_EQ(Refusal<Sample::Everything>(EverythingWith(std::string("<state>") + text + "</state>")),
+                  "element x/state: expected a State")
+            << text;
+    }
+}
+
+// Objects and references.
+
+TEST(XmlCodec, RefusesATypeThatItDoesNotKnow) {
+    EXPECT_EQ(Refusal<Sample::Everything>(EverythingWith("<thing xsi:type=\"Bomb\"><name>b</name></thing>")),
+              "element x/thing: expected a Thing, not the type Bomb");
+}
+
+TEST(XmlCodec, RefusesATypeThatMayNotStandThere) {
+    EXPECT_EQ(Refusal<Sample::Toy>("<x xsi:type=\"Thing\"><name>b</name></x>"),
+              "element x: expected a Toy, not the type Thing");
+    EXPECT_EQ(Refusal<Sample::Everything>(EverythingWith("<thing xsi:type=\"Everything\"/>")),
+              "element x/thing: expected a Thing, not the type Everything");
+    EXPECT_EQ(Refusal<Sample::Thing>("<x xsi:type=\"\"><name>b</name></x>"),
+              "element x: expected a Thing, not the type ");
+}
+
+TEST(XmlCodec, RefusesAnObjectWithoutARequiredMember) {
+    EXPECT_EQ(Refusal<Sample::Toy>("<x><name>top</name></x>"), "element x: expected the member count");
+    EXPECT_EQ(Refusal<Sample::Toy>("<x><count>3</count></x>"), "element x: expected the member name");
+    EXPECT_EQ(Refusal<Sample::Everything>(EverythingWith("<thing/>")),
+              "element x/thing: expected the member name");
+}
+
+TEST(XmlCodec, RefusesASecondElementOfAMemberThatIsNoList) {
+    EXPECT_EQ(Refusal<Sample::Thing>("<x><name>a</name><name>a</name></x>"),
+              "element x/name: expected one element of this name");
+    EXPECT_EQ(Refusal<Sample::Everything>(EverythingWith("<textMaybe/><textMaybe/>")),
+              "element x/textMaybe: expected one element of this name");
+}
+
+TEST(XmlCodec, PassesOverUnknownElementsAsClient) {
+    const auto thing =
+        Read<Sample::Thing>("<x><new><name>inner</name></new><name a=\"b\">outer</name><newer/></x>");
+    EXPECT_EQ(thing->GetName(), "outer");
+}
+
+TEST(XmlCodec, RefusesUnknownElementsAsServerAtAnyDepth) {
+    EXPECT_EQ(Refusal<Sample::Thing>("<x><name>a</name><new/></x>", Unknown::Refuse),
+              "element x/new: expected a member of Thing");
+    EXPECT_EQ(
+        Refusal<Sample::Everything>(
+            EverythingWith("<thingList xsi:type=\"Toy\"><name>a</name><count>1</count><Name/></thingList>"),
+            Unknown::Refuse),
+        "element x/thingList/Name: expected a member of Toy");
+}
+
+TEST(XmlCodec, RefusesAReferenceWithoutItsType) {
+    EXPECT_EQ(Refusal<Sample::Everything>(EverythingWith("<reference>shop-1</reference>")),
+              "element x/reference: expected a reference with the type of its object");
+    EXPECT_EQ(Refusal<Sample::Everything>(EverythingWith("<person type=\"\">ann</person>")),
+              "element x/person: expected a reference with the type Person");
+}
+
+TEST(XmlCodec, RefusesAReferenceToAnotherType) {
+    EXPECT_EQ(Refusal<Sample::Everything>(EverythingWith("<person type=\"Shop\">ann</person>")),
+              "element x/person: expected a reference with the type Person");
+}
+
+TEST(XmlCodec, RefusesAsServerAReferenceThatXmlCannotCarry) {
+    for (const char* member :
+         {"<reference type=\"Shop\">&#2;</reference>", "<reference type=\"&#2;\">shop-1</reference>"}) {
+        EXPECT_EQ(Refusal<Sample::Everything>(EverythingWith(member), Unknown::Refuse),
+                  "element x/reference: expected a reference that XML can carry");
+        EXPECT_EQ(Refusal<Sample::Everything>(EverythingWith(member)), "nothing");
+    }
+}
+
+TEST(XmlCodec, CarriesAReferenceOfAnyText) {
+    pugi::xml_document document;
+    WriteReference(document, "r", MoRef("A \"quoted\" <type>", "id & \xc3\xa9"));
+    const auto reference = ReadReference(document.first_child(), {});
+    EXPECT_EQ(reference->GetType(), "A \"quoted\" <type>");
+    EXPECT_EQ(reference->GetId(), "id & \xc3\xa9");
+}
+
+TEST(XmlCodec, RepeatsNoMoreOfAStrangersNamesThanAPersonCanRead) {
+    const std::string longName(100'000, 'n');
+    EXPECT_LT(Refusal<Sample::Thing>("<x><" + longName + "/></x>", Unknown::Refuse).size(), 300U);
+    EXPECT_LT(Refusal<Sample::Thing>("<x xsi:type=\"" + longName + "\"/>").size(), 300U);
+    EXPECT_EQ(Refusal<Sample::Thing>("<x xsi:type=\"a&#10;b\xc3\xa9\"/>"),
+              "element x: expected a Thing, not the type a?b??");
+}
+
+// Characters.
+
+// The bytes that UTF-8 would have for a code point, valid or not.
+std::string Encode(unsigned long code) {
+    const auto byte = [](unsigned long bits) { return static_cast<char>(static_cast<unsigned char>(bits)); };
+    if (code < 0x80) {
+        return {byte(code)};
+    }
+    if (code < 0x800) {
+        return {byte(0xc0U | code >> 6U), byte(0x80U | (code & 0x3fU))};
+    }
+    if (code < 0x10000) {
+        return {byte(0xe0U | code >> 12U), byte(0x80U | (code >> 6U & 0x3fU)), byte(0x80U | (code & 0x3fU))};
+    }
+    return {byte(0xf0U | code >> 18U), byte(0x80U | (code >> 12U & 0x3fU)),
+            byte(0x80U | (code >> 6U & 0x3fU)), byte(0x80U | (code & 0x3fU))};
+}
+
+// The characters of XML 1.0, as its grammar lists them.
+bool IsXmlCharacter(unsigned long code) {
+    return code == 0x9 || code == 0xa || code == 0xd || (code >= 0x20 && code <= 0xd7ff) ||
+           (code >= 0xe000 && code <= 0xfffd) || (code >= 0x10000 && code <= 0x10ffff);
+}
+
+TEST(IsText, AgreesWithTheGrammarOfXmlForEveryCodePoint) {
+    for (unsigned long code = 0; code < 0x200000; ++code) {
+        ASSERT_EQ(IsText(Encode(code)), IsXmlCharacter(code)) << std::hex << code;
+        if (code < 0x11000 || code > 0x10f000) {
+            ASSERT_EQ(IsText("a" + Encode(code) + "b"), IsXmlCharacter(code)) << std::hex << code;
+        }
+    }
+}
+
+TEST(IsText, TakesTheEmptyText) {
+    EXPECT_TRUE(IsText(""));
+    EXPECT_TRUE(IsText(std::string_view()));
+}
+
+TEST(IsText, RefusesEveryCutCharacter) {
+    for (const unsigned long code : {0x80UL, 0x7ffUL, 0x800UL, 0xfffdUL, 0x10000UL, 0x10ffffUL}) {
+        const std::string whole = Encode(code);
+        for (std::size_t length = 1; length < whole.size(); ++length) {
+            EXPECT_FALSE(IsText(whole.substr(0, length))) << std::hex << code;
+            EXPECT_FALSE(IsText(whole.substr(0, length) + "a")) << std::hex << code;
+            EXPECT_FALSE(IsText(whole.substr(length))) << std::hex << code;
+        }
+    }
+}
+
+TEST(IsText, RefusesOverlongFormsAndStrayBytes) {
+    for (const char* text :
+         {"\xc0\x80", "\xc1\xbf", "\xe0\x80\x80", "\xe0\x9f\xbf", "\xf0\x80\x80\x80", "\xf0\x8f\xbf\xbf",
+          "\x80", "\xbf", "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "\xf8\x88\x80\x80\x80", "\xfe", "\xff"}) {
+        EXPECT_FALSE(IsText(text));
+    }
+}
+
+TEST(IsText, LooksBeyondANulCharacter) {
+    EXPECT_FALSE(IsText(std::string_view("a\0b", 3)));
+}
+
+}  // namespace
+}  // namespace Ordane::Xml

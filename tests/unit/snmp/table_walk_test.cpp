@@ -1,0 +1,195 @@
+#include "apps/snmp/TableWalk.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <optional>
+#include <random>
+
+#include "tests/support/in_process_agent.h"
+
+namespace {
+
+using TestSupport::Oid;
+
+struct Row {
+    std::int32_t first;
+    std::int32_t second;
+};
+
+std::vector<Row> rows;
+std::size_t cursor;
+
+void Rewind() {
+    cursor = 0;
+}
+int Next(Row** row) {
+    if (cursor >= rows.size()) {
+        *row = nullptr;
+        return -1;
+    }
+    *row = &rows[cursor];
+    return static_cast<int>(cursor++);
+}
+
+enum class Form { Array, OneField, TwoFields };
+
+// What a walk found: the row's position and the request's name afterwards.
+struct Found {
+    std::ptrdiff_t row;
+    Oid name;
+
+    friend bool operator==(const Found&, const Found&) = default;
+};
+
+void PrintTo(const Found& found, std::ostream* stream) {
+    *stream << "row " << found.row << ", name " << testing::PrintToString(found.name);
+}
+
+std::optional<Found> Walk(Form form, const Oid& column, const Oid& requested, bool exact) {
+    variable entry{};
+    entry.namelen = static_cast<u_char>(column.size());
+    std::copy(column.begin(), column.end(), entry.name);
+    oid name[MAX_OID_LEN] = {};
+    std::copy(requested.begin(), requested.end(), name);
+    std::size_t length = requested.size();
+    std::size_t varLen = 777;
+    WriteMethod* writeMethod = [](int, u_char*, u_char, size_t, u_char*, oid*, size_t) { return 0; };
+    const SNMP::Request request{&entry, name, &length, exact ? 1 : 0, &varLen, &writeMethod};
+
+    const Row* row = nullptr;
+    switch (form) {
+        case Form::Array:
+            row = SNMP::FindArrayRow(request, Rewind, Next);
+            break;
+        case Form::OneField:
+            row = SNMP::FindListRow(request, Rewind, Next, &Row::first);
+            break;
+        case Form::TwoFields:
+            row = SNMP::FindListRow(request, Rewind, Next, &Row::first, &Row::second);
+            break;
+    }
+    const Oid after(name, name + length);
+    if (row == nullptr) {
+        EXPECT_EQ(after, requested);
+        EXPECT_EQ(varLen, 777U);
+        EXPECT_NE(writeMethod, nullptr);
+        return std::nullopt;
+    }
+    EXPECT_EQ(varLen, 4U);
+    EXPECT_EQ(writeMethod, nullptr);
+    return Found{row - rows.data(), after};
+}
+
+// The definition of the right answer: every row's whole name is built and compared with the request.
+std::optional<Found> WalkOverWholeNames(Form form, const Oid& column, const Oid& requested, bool exact) {
+    std::optional<Found> best;
+    for (std::size_t position = 0; position < rows.size(); ++position) {
+        Oid candidate = column;
+        if (form == Form::Array) {
+            candidate.push_back(position);
+        } else {
+            candidate.push_back(static_cast<std::uint32_t>(rows[position].first));
+        }
+        if (form == Form::TwoFields) {
+            candidate.push_back(static_cast<std::uint32_t>(rows[position].second));
+        }
+        const int order =
+            snmp_oid_compare(candidate.data(), candidate.size(), requested.data(), requested.size());
+        const Found found{static_cast<std::ptrdiff_t>(position), candidate};
+        if (exact && order == 0) {
+            return found;
+        }
+        if (!exact && order > 0 &&
+            (!best || snmp_oid_compare(candidate.data(), candidate.size(), best->name.data(),
+                                       best->name.size()) < 0)) {
+            best = found;
+        }
+    }
+    return best;
+}
+
+const Oid column{1, 3, 6, 1, 4, 1, 32473, 2, 2, 1, 3};
+
+Oid Instance(const Oid& index) {
+    Oid name = column;
+    name.insert(name.end(), index.begin(), index.end());
+    return name;
+}
+
+TEST(TableWalk, AgreesWithAWalkOverWholeNames) {
+    std::mt19937 random(20240229);  // always the same requests
+    const auto pick = [&](int below) { return std::uniform_int_distribution<int>(0, below - 1)(random); };
+    const std::int32_t fields[] = {0, 1, 2, 3, 7, -1, 2147483647, -2147483648};
+    const oid tailValues[] = {0, 1, 2, 3, 4, 7, 2147483647, 2147483648, 4294967295};
+    int answered = 0;
+    for (int round = 0; round < 20000; ++round) {
+        rows.resize(static_cast<std::size_t>(pick(6)));
+        for (Row& row : rows) {
+            row = {fields[pick(8)], fields[pick(8)]};
+        }
+        // Mostly the column, cut or not, sometimes off by one somewhere, then a tail.
+        Oid request = column;
+        request.resize(static_cast<std::size_t>(pick(3) == 0 ? pick(12) : 11));
+        if (!request.empty() && pick(4) == 0) {
+            request[static_cast<std::size_t>(pick(static_cast<int>(request.size())))] +=
+                pick(2) == 0 ? 1U : ~oid{0};
+        }
+        if (pick(10) != 0) {
+            for (int left = pick(5); left > 0; --left) {
+                request.push_back(tailValues[pick(9)]);
+            }
+        } else {
+            request.resize(MAX_OID_LEN, tailValues[pick(9)]);
+        }
+        const bool exact = pick(2) == 0;
+        for (const Form form : {Form::Array, Form::OneField, Form::TwoFields}) {
+            const std::optional<Found> expected = WalkOverWholeNames(form, column, request, exact);
+            ASSERT_EQ(Walk(form, column, request, exact), expected) << testing::PrintToString(request);
+            answered += expected ? 1 : 0;
+        }
+    }
+    EXPECT_GT(answered, 10000);
+}
+
+TEST(TableWalk, AnswersAnArrayByPosition) {
+    rows = {{70, 0}, {50, 0}};
+    EXPECT_EQ(Walk(Form::Array, column, column, false), (Found{0, Instance({0})}));
+    EXPECT_EQ(Walk(Form::Array, column, Instance({0}), false), (Found{1, Instance({1})}));
+    EXPECT_EQ(Walk(Form::Array, column, Instance({1}), false), std::nullopt);
+    EXPECT_EQ(Walk(Form::Array, column, Instance({1}), true), (Found{1, Instance({1})}));
+    EXPECT_EQ(Walk(Form::Array, column, Instance({2}), true), std::nullopt);
+}
+
+TEST(TableWalk, AnswersAListInTheOrderOfItsKeys) {
+    rows = {{7, 0}, {3, 0}, {5, 0}};
+    EXPECT_EQ(Walk(Form::OneField, column, column, false), (Found{1, Instance({3})}));
+    EXPECT_EQ(Walk(Form::OneField, column, Instance({3}), false), (Found{2, Instance({5})}));
+    EXPECT_EQ(Walk(Form::OneField, column, Instance({5}), false), (Found{0, Instance({7})}));
+    EXPECT_EQ(Walk(Form::OneField, column, Instance({7}), false), std::nullopt);
+}
+
+TEST(TableWalk, AnswersTheFirstOfRowsWithOneKey) {
+    rows = {{9, 0}, {4, 1}, {4, 2}};
+    EXPECT_EQ(Walk(Form::OneField, column, Instance({4}), true), (Found{1, Instance({4})}));
+    EXPECT_EQ(Walk(Form::OneField, column, column, false), (Found{1, Instance({4})}));
+    EXPECT_EQ(Walk(Form::OneField, column, Instance({4}), false), (Found{0, Instance({9})}));
+}
+
+TEST(TableWalk, TakesANegativeKeyAsItsUnsigned32Bits) {
+    rows = {{-1, 0}, {2147483647, 0}};
+    EXPECT_EQ(Walk(Form::OneField, column, column, false), (Found{1, Instance({2147483647})}));
+    EXPECT_EQ(Walk(Form::OneField, column, Instance({2147483647}), false),
+              (Found{0, Instance({4294967295})}));
+    EXPECT_EQ(Walk(Form::OneField, column, Instance({4294967295}), true), (Found{0, Instance({4294967295})}));
+    EXPECT_EQ(Walk(Form::OneField, column, Instance({4294967295}), false), std::nullopt);
+}
+
+TEST(TableWalk, FindsNothingWhenTheInstanceDoesNotFitAName) {
+    rows = {{1, 1}};
+    const Oid tooLong(MAX_OID_LEN - 1, 1);
+    EXPECT_EQ(Walk(Form::TwoFields, tooLong, {}, false), std::nullopt);
+    EXPECT_NE(Walk(Form::OneField, tooLong, {}, false), std::nullopt);
+}
+
+}  // namespace

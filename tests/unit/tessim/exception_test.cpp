@@ -1,0 +1,115 @@
+#include "runtime/tessim/exception.h"
+
+#include <execinfo.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdlib>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+namespace Tessim {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
+using ::testing::SizeIs;
+using ::testing::StartsWith;
+
+static_assert(std::is_base_of_v<Exception, AlreadyInitializedException>);
+static_assert(std::is_base_of_v<Exception, InvalidArgumentException>);
+static_assert(std::is_base_of_v<Exception, SystemException>);
+static_assert(std::is_base_of_v<Exception, StreamException>);
+static_assert(std::is_base_of_v<StreamException, TimeoutException>);
+
+TEST(Exception, SaysItsMessage) {
+    EXPECT_STREQ(Exception("disk is gone").what(), "disk is gone");
+}
+
+TEST(Exception, TellsTheThrowingStatementFirst) {
+    const int line = __LINE__ + 2;
+    try {
+        throw TimeoutException("late");
+    } catch (const Throwable& thrown) {
+        const std::string first = thrown.GetBacktrace().front();
+        EXPECT_THAT(first, StartsWith("tests/unit/tessim/exception_test.cpp:" + std::to_string(line) + " "));
+        EXPECT_THAT(first, HasSubstr("TestBody"));
+    }
+}
+
+[[gnu::noinline]] void ThrowDeepInside() {
+    throw Exception("deep");
+}
+
+TEST(Exception, TellsTheCallingFramesWithModuleAndAddress) {
+    try {
+        ThrowDeepInside();
+        FAIL();
+    } catch (const Throwable& thrown) {
+        const std::vector<std::string> lines = thrown.GetBacktrace();
+        ASSERT_THAT(lines, SizeIs(testing::Gt(2U)));
+        for (std::size_t i = 1; i < lines.size(); ++i) {
+            EXPECT_THAT(lines[i], MatchesRegex("[^/\n]+\\(.*\\+0x[0-9a-f]+\\) \\[0x[0-9a-f]+\\]"));
+        }
+        EXPECT_THAT(lines[1], StartsWith("tessim_test("));
+    }
+}
+
+TEST(Exception, NamesFunctionsThatAModuleExports) {
+    // Its caller is a function of the C library, which exports it.
+    std::vector<std::string> lines;
+    static std::vector<std::string>* target = nullptr;
+    target = &lines;
+    const int values[] = {1, 2};
+    const int key = 1;
+    std::bsearch(&key, values, 2, sizeof values[0], [](const void*, const void*) {
+        *target = Exception("compared").GetBacktrace();
+        return 0;
+    });
+    EXPECT_THAT(lines, testing::Contains(MatchesRegex("libc[.-].*\\(.*__libc_start_main.*\\+0x.*")));
+}
+
+TEST(Exception, LeavesTheRuntimesOwnFramesOut) {
+    std::array<void*, 48> here{};
+    const auto depth = static_cast<std::size_t>(backtrace(here.data(), static_cast<int>(here.size())));
+    ASSERT_LT(depth, here.size() - 2);
+    // Without optimisation the constructor in the header has a frame of its own; the first line is no frame.
+    EXPECT_LE(Exception("x").GetBacktrace().size() - 1, depth + 1);
+}
+
+class PlacedException : public Exception {
+  public:
+    explicit PlacedException(const SourceLocation& where) : Exception("placed", where) {}
+};
+
+// Where the compiler is told that the source lies somewhere else.
+#line 7 "/home/somebody/runtime/build/apps/snmp/unit.cpp"
+const SourceLocation inTree = SourceLocation::current();
+#line 8 "/home/somebody/myapps/unit.cpp"
+const SourceLocation outside = SourceLocation::current();
+#line 9 "runtime/tessim/x.cpp"
+const SourceLocation relative = SourceLocation::current();
+#line 100 "exception_test.cpp"
+
+TEST(Exception, ShowsNoFolderOfTheBuildMachine) {
+    EXPECT_THAT(PlacedException(inTree).GetBacktrace()[0], StartsWith("apps/snmp/unit.cpp:7 "));
+    EXPECT_THAT(PlacedException(outside).GetBacktrace()[0], StartsWith("unit.cpp:8 "));
+    EXPECT_THAT(PlacedException(relative).GetBacktrace()[0], StartsWith("runtime/tessim/x.cpp:9 "));
+}
+
+TEST(Exception, CanBeCopiedOutOfItsHandler) {
+    const auto copy = [] {
+        try {
+            throw Exception("copied");
+        } catch (const Exception& thrown) {
+            return thrown;
+        }
+    }();
+    EXPECT_STREQ(copy.what(), "copied");
+    EXPECT_FALSE(copy.GetBacktrace().empty());
+}
+
+}  // namespace
+}  // namespace Tessim

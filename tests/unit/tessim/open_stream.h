@@ -1,0 +1,70 @@
+// Opening streams to a test server, and what must be level afterwards.
+#pragma once
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "runtime/tessim/authd.h"
+#include "runtime/tessim/crypto.h"
+#include "runtime/tessim/ssl.h"
+#include "runtime/tessim/stream.h"
+
+namespace Tessim {
+
+inline Ref<Authd::Client> MakeClient(const std::vector<std::string>& trusted = {}) {
+    Ref<Crypto::KeyStore> keys;
+    Crypto::CreateKeyStore("", "", trusted, keys);
+    Ssl::InitSSL("");
+    Ref<Ssl::SSLContext> context;
+    Ssl::CreateSSLContext(keys.Get(), Ssl::SupportedVersion::Tls12OrNewer, context);
+    Ref<Authd::Client> client;
+    Authd::CreateClient(context.Get(), client);
+    return client;
+}
+
+inline Ref<System::Stream> OpenStream(std::uint16_t port, const std::string& host = "localhost") {
+    Ref<System::Stream> stream;
+    MakeClient()->Open(Authd::Selector::ManagementApi, host, port, "", "", stream);
+    return stream;
+}
+
+// The open descriptors of this process that have all of the descriptor flags `flags`, without those of a
+// server in it that uses `serverPort`.
+inline std::vector<int> OpenDescriptors(int flags = 0, std::uint16_t serverPort = 0) {
+    std::vector<int> found;
+    for (int descriptor = 0; descriptor < 1024; ++descriptor) {
+        sockaddr_in address{};
+        socklen_t length = sizeof address;
+        const bool isServers =
+            ::getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length) == 0 &&
+            address.sin_family == AF_INET && serverPort != 0 && ntohs(address.sin_port) == serverPort;
+        const int actual = ::fcntl(descriptor, F_GETFD);
+        if (!isServers && actual >= 0 && (actual & flags) == flags) {
+            found.push_back(descriptor);
+        }
+    }
+    return found;
+}
+
+// Reads until `size` bytes are there or the stream ends.
+inline std::string ReadBytes(System::Stream& stream, std::size_t size) {
+    std::string text(size, '\0');
+    std::size_t have = 0;
+    while (have < size) {
+        const std::size_t count = stream.Read(text.data() + have, size - have);
+        if (count == 0) {
+            break;
+        }
+        have += count;
+    }
+    text.resize(have);
+    return text;
+}
+
+}  // namespace Tessim

@@ -1,0 +1,121 @@
+#include "runtime/tessim/service.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "runtime/tessim/exception.h"
+
+// The application object belongs to the process, so each test makes it if it is not there yet.
+
+namespace Tessim::Service {
+namespace {
+
+using ::testing::ElementsAre;
+
+class Lines final : public virtual Writer, public ObjectImpl {
+  public:
+    void Write(const char* text, int length) override {
+        EXPECT_EQ(text[length], '\0');
+        written.emplace_back(text, static_cast<std::size_t>(length));
+    }
+    void Close() override {}
+    std::string ToString() const override { return "lines"; }
+
+    std::vector<std::string> written;
+};
+
+void EnsureApp() {
+    if (!GetApp()) {
+        InitApp();
+    }
+}
+
+Ref<Logger> MakeLogger(Writer* writer) {
+    Ref<Logger> logger;
+    CreateLogger(writer, "SNMP", nullptr, logger);
+    return logger;
+}
+
+TEST(App, IsMadeOnce) {
+    EnsureApp();
+    const Ref<App> app = GetApp();
+    EXPECT_THROW(InitApp(), AlreadyInitializedException);
+    EXPECT_EQ(GetApp().Get(), app.Get());
+}
+
+TEST(App, IsNullBeforeItIsMade) {
+    if (GetApp()) {
+        GTEST_SKIP() << "another test of this process made it";
+    }
+    EXPECT_THROW(SetDefaultLogger(MakeLogger(MakeRef<Lines>().Get()).Get()), InvalidArgumentException);
+    testing::internal::CaptureStderr();
+    Log(nullptr, Logger::LogLevel::Error, "nobody listens");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_FALSE(GetApp());
+}
+
+TEST(App, LogsToStandardErrorAtFirst) {
+    if (GetApp()) {
+        GTEST_SKIP() << "another test of this process made it";
+    }
+    InitApp();
+    ASSERT_TRUE(GetApp()->GetDefaultLogger());
+    EXPECT_EQ(GetApp()->GetDefaultLogger()->GetName(), "default");
+    testing::internal::CaptureStderr();
+    Log(nullptr, Logger::LogLevel::Error, "to everybody");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "to everybody\n");
+}
+
+TEST(Logger, WritesTheMessageAndALineFeedAtOnce) {
+    const Ref<Lines> lines = MakeRef<Lines>();
+    const Ref<Logger> logger = MakeLogger(lines.Get());
+    EXPECT_EQ(logger->GetName(), "SNMP");
+    Log(logger.Get(), Logger::LogLevel::Notice, "Already connected.");
+    Log(logger.Get(), Logger::LogLevel::Error, PrintFormatter("Failed: %1") << "why");
+    Log(logger.Get(), Logger::LogLevel::Error, "");
+    EXPECT_THAT(lines->written, ElementsAre("Already connected.\n", "Failed: why\n", "\n"));
+}
+
+TEST(Logger, NeedsAWriter) {
+    Ref<Logger> logger;
+    EXPECT_THROW(CreateLogger(nullptr, "SNMP", nullptr, logger), InvalidArgumentException);
+    EXPECT_FALSE(logger);
+}
+
+TEST(Logger, KeepsItsWriterAlive) {
+    Ref<Lines> lines = MakeRef<Lines>();
+    Lines* const observed = lines.Get();
+    const Ref<Logger> logger = MakeLogger(lines.Get());
+    lines.Reset();
+    logger->Write(Logger::LogLevel::Info, "still here");
+    EXPECT_THAT(observed->written, ElementsAre("still here\n"));
+}
+
+TEST(DefaultLogger, TakesWhatIsLoggedToNobodyInParticular) {
+    EnsureApp();
+    const Ref<Lines> lines = MakeRef<Lines>();
+    const Ref<Logger> logger = MakeLogger(lines.Get());
+    SetDefaultLogger(logger.Get());
+    EXPECT_EQ(GetApp()->GetDefaultLogger().Get(), logger.Get());
+    Log(nullptr, Logger::LogLevel::Info, "one");
+    Log(nullptr, Logger::LogLevel::Info, PrintFormatter("%1") << 2);
+    EXPECT_THAT(lines->written, ElementsAre("one\n", "2\n"));
+}
+
+TEST(DefaultLogger, IsNeverNull) {
+    EnsureApp();
+    EXPECT_THROW(SetDefaultLogger(nullptr), InvalidArgumentException);
+    EXPECT_TRUE(GetApp()->GetDefaultLogger());
+}
+
+TEST(LogLevel, HasSyslogsNumbers) {
+    EXPECT_EQ(static_cast<int>(Logger::LogLevel::Error), 3);
+    EXPECT_EQ(static_cast<int>(Logger::LogLevel::Notice), 5);
+    EXPECT_EQ(static_cast<int>(Logger::LogLevel::Debug), 7);
+}
+
+}  // namespace
+}  // namespace Tessim::Service

@@ -1,0 +1,98 @@
+#include "runtime/tessim/string_util.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <climits>
+#include <string>
+
+#include "runtime/tessim/exception.h"
+
+namespace Tessim::StringUtil {
+namespace {
+
+using ::testing::ElementsAre;
+
+TEST(Tokenize, SplitsAtEverySeparator) {
+    EXPECT_THAT(Tokenize("3.0.2", "."), ElementsAre("3", "0", "2"));
+    EXPECT_THAT(Tokenize("a.b,c", ".,"), ElementsAre("a", "b", "c"));
+}
+
+TEST(Tokenize, KeepsEmptyParts) {
+    EXPECT_THAT(Tokenize("..a.", "."), ElementsAre("", "", "a", ""));
+    EXPECT_THAT(Tokenize("", "."), ElementsAre(""));
+    EXPECT_THAT(Tokenize("abc", ""), ElementsAre("abc"));
+}
+
+TEST(ParseInt, ReadsWholeDecimalNumbers) {
+    EXPECT_EQ(ParseInt("0"), 0);
+    EXPECT_EQ(ParseInt("-16"), -16);
+    EXPECT_EQ(ParseInt("0017"), 17);
+    EXPECT_EQ(ParseInt("2147483647"), INT_MAX);
+    EXPECT_EQ(ParseInt("-2147483648"), INT_MIN);
+}
+
+TEST(ParseInt, ThrowsOnEverythingElse) {
+    for (const char* text : {"", "-", "+1", " 1", "1 ", "1x", "0x10", "1.0", "2147483648", "-2147483649",
+                             "--1", "99999999999999999999"}) {
+        EXPECT_THROW(ParseInt(text), InvalidArgumentException) << '"' << text << '"';
+    }
+    EXPECT_THROW(ParseInt(std::string_view("1\0", 2)), InvalidArgumentException);
+}
+
+TEST(Trim, DropsBlanksTabsAndLineEndsAtBothEnds) {
+    EXPECT_EQ(Trim(" \t\r\n a b \n\r\t "), "a b");
+    EXPECT_EQ(Trim(" \n"), "");
+    EXPECT_EQ(Trim(""), "");
+    EXPECT_EQ(Trim("a"), "a");
+}
+
+TEST(CutUtf8, KeepsWhatFits) {
+    EXPECT_EQ(CutUtf8("abc", 3), "abc");
+    EXPECT_EQ(CutUtf8("", 0), "");
+    EXPECT_EQ(CutUtf8("abc", 0), "");
+}
+
+TEST(CutUtf8, NeverEndsInsideACharacter) {
+    // Characters of 1, 2, 3 and 4 bytes, one after the other.
+    const std::string text = "a\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80";
+    const std::array<std::size_t, 11> expected = {0, 1, 1, 3, 3, 3, 6, 6, 6, 6, 10};
+    for (std::size_t limit = 0; limit < expected.size(); ++limit) {
+        EXPECT_EQ(CutUtf8(text, limit).size(), expected.at(limit)) << limit;
+    }
+}
+
+TEST(CutUtf8, CutsBytesThatAreNoUtf8Anywhere) {
+    EXPECT_EQ(CutUtf8("\x80\x80\x80\x80\x80\x80", 5).size(), 5U);        // only continuations
+    EXPECT_EQ(CutUtf8("a\xC0\x80z", 2).size(), 2U);                      // overlong
+    EXPECT_EQ(CutUtf8("a\xE0\x80\x80z", 2).size(), 2U);                  // overlong
+    EXPECT_EQ(CutUtf8("a\xED\xA0\x80z", 3).size(), 3U);                  // surrogate
+    EXPECT_EQ(CutUtf8("a\xF0\x80\x80\x80z", 3).size(), 3U);              // overlong
+    EXPECT_EQ(CutUtf8("a\xF4\x90\x80\x80z", 3).size(), 3U);              // beyond the last code point
+    EXPECT_EQ(CutUtf8("a\xF5\x80\x80\x80z", 3).size(), 3U);              // no lead byte
+    EXPECT_EQ(CutUtf8("a\xE2\x82zz", 3).size(), 3U);                     // a continuation is missing
+    EXPECT_EQ(CutUtf8(std::string_view("a\xE2\x82", 3), 2).size(), 2U);  // the text ends too early
+}
+
+TEST(Printable, ReplacesEverythingButPrintableAscii) {
+    EXPECT_EQ(Printable("a\r\nb\x1b[0m\x7f\xC3\xA4~ ", 100), "a??b?[0m???~ ");
+    EXPECT_EQ(Printable("abcdef", 3), "abc");
+}
+
+TEST(StrStrcpy, TerminatesWhatItCopies) {
+    std::array<char, 4> buffer{'x', 'x', 'x', 'x'};
+    EXPECT_EQ(Str_Strcpy(buffer.data(), "ab", buffer.size()), buffer.data());
+    EXPECT_STREQ(buffer.data(), "ab");
+    EXPECT_EQ(buffer[3], 'x');
+}
+
+TEST(StrStrcpy, CutsToFit) {
+    std::array<char, 4> buffer{};
+    EXPECT_STREQ(Str_Strcpy(buffer.data(), "abcdef", buffer.size()), "abc");
+    EXPECT_STREQ(Str_Strcpy(buffer.data(), "ab\xC3\xA4", buffer.size()), "ab");
+    EXPECT_STREQ(Str_Strcpy(buffer.data(), "abc", 1), "");
+}
+
+}  // namespace
+}  // namespace Tessim::StringUtil

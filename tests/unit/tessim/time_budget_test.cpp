@@ -1,0 +1,59 @@
+#include "runtime/tessim/time_budget.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+
+namespace Tessim {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(TimeBudget, AllowsFiveSecondsOutsideAny) {
+    const auto before = Clock::now();
+    const auto deadline = TimeBudget::Deadline();
+    EXPECT_GE(deadline, before + 5s);
+    EXPECT_LE(deadline, Clock::now() + 5s);
+}
+
+TEST(TimeBudget, EndsOnceForEverythingInside) {
+    const auto before = Clock::now();
+    const TimeBudget budget(1h);
+    const auto deadline = TimeBudget::Deadline();
+    EXPECT_GE(deadline, before + 1h);
+    EXPECT_LE(deadline, Clock::now() + 1h);
+    EXPECT_EQ(TimeBudget::Deadline(), deadline);
+}
+
+TEST(TimeBudget, CountsTheEarliestEndWhenNested) {
+    const TimeBudget outer(1h);
+    const auto outerEnd = TimeBudget::Deadline();
+    {
+        const TimeBudget longer(2h);
+        EXPECT_EQ(TimeBudget::Deadline(), outerEnd);
+        const TimeBudget shorter(1min);
+        EXPECT_LT(TimeBudget::Deadline(), outerEnd);
+    }
+    EXPECT_EQ(TimeBudget::Deadline(), outerEnd);
+}
+
+TEST(TimeBudget, GoesWithItsObject) {
+    std::optional<TimeBudget> budget(std::in_place, 1h);
+    budget.reset();
+    EXPECT_LT(TimeBudget::Deadline(), Clock::now() + 1min);
+}
+
+TEST(TimeBudget, MayBeOverFromTheStart) {
+    const TimeBudget budget(0s);
+    EXPECT_LE(TimeBudget::Deadline(), Clock::now());
+}
+
+TEST(TimeBudget, TakesAnyLimit) {
+    const TimeBudget outer(1h);
+    const auto outerEnd = TimeBudget::Deadline();
+    const TimeBudget endless(Clock::duration::max());
+    EXPECT_EQ(TimeBudget::Deadline(), outerEnd);
+}
+
+}  // namespace
+}  // namespace Tessim

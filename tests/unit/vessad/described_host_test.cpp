@@ -1,0 +1,236 @@
+#include "apps/vessad/backends/DescribedHost.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <string>
+
+#include "tests/unit/vessad/log_lines.h"
+#include "tests/unit/vessad/sample_host.h"
+#include "tests/unit/vessad/temporary_directory.h"
+
+namespace Vessad {
+namespace {
+
+using Hask::PerformanceManager;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using VessadTest::LogLines;
+using VessadTest::sampleHost;
+using VessadTest::TemporaryDirectory;
+using VessadTest::WriteAll;
+
+std::string Mistake(const std::string& text) {
+    try {
+        ReadHost(text, "h.yaml");
+    } catch (const Yaml::Error& error) {
+        return error.what();
+    }
+    return "none";
+}
+
+std::string FileMistake(const std::filesystem::path& file) {
+    try {
+        MakeDescribedHost(file);
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+    return "none";
+}
+
+std::string MachineMistake(const std::string& machine) {
+    return Mistake("vms:\n  - " + machine + "\n");
+}
+
+TEST(DescribedHost, ServesWhatTheFileSays) {
+    const auto host = ReadHost(sampleHost, "h.yaml");
+    EXPECT_EQ(host->about->GetBuild(), "77");
+    EXPECT_EQ(host->hardware->GetCpuInfo()->GetNumCpuCores(), 12);
+    EXPECT_EQ(host->serviceConsole->GetUnreserved(), 1862270976);
+    EXPECT_NE(Tessim::NarrowToType<Hask::Host::DrellDatastoreInfo>(host->datastores.at("ds-1")), nullptr);
+    EXPECT_EQ(host->datastores.at("ds-2")->GetDataObjectType(), &Hask::Datastore::Info::staticType);
+    ASSERT_EQ(host->machines.size(), 3U);
+    EXPECT_EQ(host->machines[0]->id, "16");
+    EXPECT_EQ(host->machines[1]->config, nullptr);
+    EXPECT_EQ(host->machines[2]->id, "name-17");
+    EXPECT_EQ(host->machines[2]->runtime, nullptr);
+    EXPECT_EQ(host->machinesById.at("name-17"), host->machines[2]);
+}
+
+TEST(DescribedHost, NeedsNothingButTheListOfMachines) {
+    const auto host = ReadHost("vms: []", "h.yaml");
+    EXPECT_EQ(host->about, nullptr);
+    EXPECT_EQ(host->hardware, nullptr);
+    EXPECT_EQ(host->serviceConsole, nullptr);
+    EXPECT_TRUE(host->datastores.empty());
+    EXPECT_EQ(Mistake("about: {name: a, version: b, build: c}"),
+              "h.yaml:1:1: expected the member vms, found none");
+    EXPECT_EQ(Mistake(""), "h.yaml:1:1: expected a mapping, found nothing");
+}
+
+TEST(DescribedHost, HasTheStandardCountersUnlessItNamesItsOwn) {
+    std::vector<std::string> names;
+    std::int32_t key = 0;
+    const auto host = ReadHost("vms: []", "h.yaml");
+    for (const auto& counter : host->counters) {
+        names.push_back(counter->GetGroupInfo()->GetKey() + "." + counter->GetNameInfo()->GetKey());
+        EXPECT_EQ(counter->GetKey(), ++key);
+    }
+    EXPECT_THAT(names,
+                ElementsAre("disk.numberRead", "disk.numberWrite", "disk.read", "disk.write", "net.received",
+                            "net.transmitted", "net.packetsTx", "net.packetsRx", "mem.active", "cpu.used"));
+    EXPECT_TRUE(ReadHost("{counters: [], vms: []}", "h.yaml")->counters.empty());
+}
+
+TEST(DescribedHost, GivesFiguresToTheFirstCounterOfAName) {
+    const auto host = ReadHost(R"(
+counters:
+  - {key: 9, group: mem, name: active}
+  - {key: 91, group: cpu, name: used, rollup: maximum}
+  - {key: 7, group: cpu, name: used, rollup: summation}
+vms: [{id: "1", config: null, stats: {cpu.used: {"0": 5, "": 6}, mem.active: {"": 7}}}]
+)",
+                               "h.yaml");
+    ASSERT_EQ(host->counters.size(), 3U);
+    EXPECT_EQ(host->counters[0]->GetRollupType(), PerformanceManager::RollupType::average);
+    EXPECT_EQ(host->counters[1]->GetRollupType(), PerformanceManager::RollupType::maximum);
+    const auto& series = host->machines[0]->series;
+    ASSERT_EQ(series.size(), 3U);
+    EXPECT_EQ(series[0].counterKey, 91);
+    EXPECT_EQ(series[0].instance, "0");
+    EXPECT_EQ(series[1].counterKey, 91);
+    EXPECT_EQ(series[1].instance, "");
+    EXPECT_EQ(series[2].counterKey, 9);
+}
+
+TEST(DescribedHost, ReadsFiguresAsNumbersAndAsRates) {
+    const auto host = ReadHost(sampleHost, "h.yaml");
+    const auto& series = host->machines[0]->series;
+    EXPECT_EQ(series[0].start, 181000);
+    EXPECT_EQ(series[0].perSecond, 0);
+    EXPECT_EQ(series[1].start, 90500);
+    EXPECT_EQ(series[1].perSecond, 35);
+    EXPECT_EQ(host->machines[2]->series[0].start, 4611686018427387904);
+}
+
+TEST(DescribedHost, LeavesDatastoresThatNobodyDescribesToTheQuestionForThem) {
+    EXPECT_EQ(
+        MachineMistake("{id: '1', config: {name: a, guestFullName: b, hardware: {numCPU: 1, memoryMB: 1, "
+                       "device: [{type: VirtualDisk, key: 1, backing: {type: FileBackingInfo, fileName: f, "
+                       "datastore: nowhere}}]}}}"),
+        "none");
+}
+
+TEST(DescribedHost, SaysWhatIsWrongWithAMachine) {
+    EXPECT_EQ(MachineMistake("{id: 16, config: null}"),
+              "h.yaml:2:10: vms[0].id: expected text in quotes, found 16");
+    EXPECT_EQ(MachineMistake("{id: '16'}"), "h.yaml:2:5: vms[0]: expected the member config, found none");
+    EXPECT_EQ(MachineMistake("{id: '16', config: null, colour: red}"),
+              "h.yaml:2:30: vms[0]: expected one of id, config, runtime, guest, stats, found colour");
+    EXPECT_EQ(MachineMistake("{id: '16', config: null, guest: null}"),
+              "h.yaml:2:37: vms[0].guest: expected a mapping with the members of " +
+                  std::string(Hask::Vm::GuestInfo::staticType.name) + ", found nothing");
+    EXPECT_EQ(Mistake("vms:\n  - {id: a, config: null}\n  - {id: a, config: null}\n"),
+              "h.yaml:3:10: vms[1].id: expected an id that no other machine has, found the text \"a\"");
+}
+
+TEST(DescribedHost, SaysWhatIsWrongWithFigures) {
+    EXPECT_EQ(MachineMistake("{id: a, config: null, stats: {cpu.idle: {'0': 1}}}"),
+              "h.yaml:2:35: vms[0].stats: expected a counter of the catalogue, found cpu.idle");
+    EXPECT_EQ(
+        MachineMistake("{id: a, config: null, stats: {cpu.used: {'0': 1.5}}}"),
+        "h.yaml:2:51: vms[0].stats.\"cpu.used\".0: expected a whole number from -9223372036854775808 to "
+        "9223372036854775807, found 1.5");
+    EXPECT_EQ(MachineMistake("{id: a, config: null, stats: {cpu.used: {'0': {start: 1}}}}"),
+              "h.yaml:2:51: vms[0].stats.\"cpu.used\".0: expected the member perSecond, found none");
+    EXPECT_EQ(
+        MachineMistake("{id: a, config: null, stats: {cpu.used: {'0': {start: 1, perSecond: 1e19}}}}"),
+        "h.yaml:2:73: vms[0].stats.\"cpu.used\".0.perSecond: expected a rate of at most 10^18, found 1e19");
+    EXPECT_EQ(MachineMistake("{id: a, config: null, stats: {cpu.used: {'0': 1, \"0\": 2}}}"),
+              "h.yaml:2:54: vms[0].stats.\"cpu.used\": expected each key once, found 0 again");
+}
+
+TEST(DescribedHost, SaysWhatIsWrongWithCountersAndDatastores) {
+    EXPECT_EQ(Mistake("counters: [{key: -1, group: a, name: b}]\nvms: []\n"),
+              "h.yaml:1:18: counters[0].key: expected a whole number from 0 to 2147483647, found -1");
+    EXPECT_EQ(Mistake("counters: [{key: 1, group: a, name: b}, {key: 1, group: a, name: c}]\nvms: []\n"),
+              "h.yaml:1:47: counters[1].key: expected a key that no other counter has, found 1");
+    EXPECT_EQ(
+        Mistake("counters: [{key: 1, group: a, name: b, rollup: sum}]\nvms: []\n"),
+        "h.yaml:1:48: counters[0].rollup: expected one of average, maximum, minimum, latest, summation, "
+        "none, found the text \"sum\"");
+    EXPECT_EQ(
+        Mistake("datastores: [{id: a}, {id: a}]\nvms: []\n"),
+        "h.yaml:1:28: datastores[1].id: expected an id that no other datastore has, found the text \"a\"");
+    EXPECT_EQ(Mistake("datastores: [{name: a}]\nvms: []\n"),
+              "h.yaml:1:14: datastores[0]: expected the member id, found none");
+}
+
+TEST(DescribedHost, ReadsEverySampleOfTheTree) {
+    int samples = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(VESSAD_TEST_HOSTS)) {
+        if (entry.path().extension() == ".yaml") {
+            EXPECT_EQ(FileMistake(entry.path()), "none");
+            ++samples;
+        }
+    }
+    EXPECT_GE(samples, 2);
+}
+
+TEST(DescribedHost, ServesABuiltInHostWhenNoneIsNamed) {
+    const auto host = MakeBuiltInHost()->GetInventory();
+    EXPECT_FALSE(host->machines.empty());
+    EXPECT_NE(host->about, nullptr);
+}
+
+TEST(DescribedHost, RefusesWhatIsNoReadableFile) {
+    const TemporaryDirectory directory;
+    const auto file = directory.GetPath() / "host.yaml";
+    EXPECT_EQ(FileMistake(file), file.string() + ": cannot read it: No such file or directory");
+    EXPECT_THAT(FileMistake(directory.GetPath()), HasSubstr("it is no regular file"));
+    ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
+    EXPECT_THAT(FileMistake(file), HasSubstr("it is no regular file"));
+}
+
+TEST(DescribedHost, RefusesAFileThatIsTooLarge) {
+    const TemporaryDirectory directory;
+    const auto file = directory.GetPath() / "host.yaml";
+    WriteAll(file, "vms: []\n");
+    std::filesystem::resize_file(file, 64UL * 1024 * 1024 + 1);
+    EXPECT_THAT(FileMistake(file), HasSubstr("it is larger than 67108864 bytes"));
+}
+
+TEST(DescribedHost, ServesAChangedFileOnceItIsReadAgain) {
+    const TemporaryDirectory directory;
+    const auto file = directory.GetPath() / "host.yaml";
+    WriteAll(file, "vms: [{id: first, config: null}]");
+    const auto backend = MakeDescribedHost(file);
+    const auto before = backend->GetInventory();
+    WriteAll(file, "vms: [{id: second, config: null}]");
+    EXPECT_EQ(backend->GetInventory(), before);
+    backend->Reload();
+    EXPECT_EQ(backend->GetInventory()->machines[0]->id, "second");
+    EXPECT_EQ(before->machines[0]->id, "first");
+}
+
+TEST(DescribedHost, KeepsWhatItHasWhenTheFileIsBad) {
+    const TemporaryDirectory directory;
+    const auto file = directory.GetPath() / "host.yaml";
+    WriteAll(file, "vms: [{id: first, config: null}]");
+    const auto backend = MakeDescribedHost(file);
+    const LogLines log;
+    WriteAll(file, "vms: [{id: second}]");
+    backend->Reload();
+    EXPECT_EQ(backend->GetInventory()->machines[0]->id, "first");
+    EXPECT_THAT(log.GetText(), HasSubstr("the one before stays in force: " + file.string() +
+                                         ":1:7: vms[0]: expected the member config, found none"));
+    std::filesystem::remove(file);
+    backend->Reload();
+    EXPECT_EQ(backend->GetInventory()->machines[0]->id, "first");
+    EXPECT_THAT(log.GetText(), HasSubstr("No such file or directory"));
+}
+
+}  // namespace
+}  // namespace Vessad

@@ -1,0 +1,177 @@
+#include "tests/unit/vessad/raw_client.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <array>
+#include <csignal>
+#include <cstdlib>
+#include <stdexcept>
+
+namespace VessadTest {
+
+namespace {
+
+constexpr int patienceSeconds = 10;
+
+std::string HeaderValue(const std::string& header, const std::string& name) {
+    const std::size_t at = header.find(name + ": ");
+    if (at == std::string::npos) {
+        return {};
+    }
+    const std::size_t begin = at + name.size() + 2;
+    return header.substr(begin, header.find('\r', begin) - begin);
+}
+
+// One for all clients; making one takes longer than a handshake.
+SSL_CTX* SharedContext() {
+    static const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_client_method()),
+                                                                           SSL_CTX_free);
+    return context.get();
+}
+
+}  // namespace
+
+RawClient::RawClient(std::uint16_t port)
+    : socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), tls(SSL_new(SharedContext()), SSL_free) {
+    ::signal(SIGPIPE, SIG_IGN);
+    const timeval patience{patienceSeconds, 0};
+    ::setsockopt(socket.Get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    ::setsockopt(socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+    const int on = 1;
+    ::setsockopt(socket.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        throw std::runtime_error("cannot connect");
+    }
+    SSL_set_fd(tls.get(), socket.Get());
+}
+
+bool RawClient::Handshake(int maxVersion) {
+    if (maxVersion != 0) {
+        SSL_set_security_level(tls.get(), 0);
+        SSL_set_min_proto_version(tls.get(), TLS1_VERSION);
+        SSL_set_max_proto_version(tls.get(), maxVersion);
+    }
+    return SSL_connect(tls.get()) == 1;
+}
+
+std::string RawClient::Open(const std::string& line) {
+    if (!Handshake() || !Send(line)) {
+        return {};
+    }
+    std::string reply = ReadLine();
+    return reply.ends_with("\r\n") ? reply.substr(0, reply.size() - 2) : std::string();
+}
+
+bool RawClient::Send(std::string_view text) {
+    while (!text.empty()) {
+        std::size_t written = 0;
+        if (SSL_write_ex(tls.get(), text.data(), text.size(), &written) != 1) {
+            return false;
+        }
+        text.remove_prefix(written);
+    }
+    return true;
+}
+
+bool RawClient::SendRaw(std::string_view bytes) {
+    return ::send(socket.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(bytes.size());
+}
+
+std::string RawClient::Read(std::size_t size) {
+    std::string text(size, '\0');
+    std::size_t total = 0;
+    while (total < size) {
+        std::size_t count = 0;
+        if (SSL_read_ex(tls.get(), text.data() + total, size - total, &count) != 1) {
+            break;
+        }
+        total += count;
+    }
+    text.resize(total);
+    return text;
+}
+
+std::string RawClient::ReadLine() {
+    std::string line;
+    while (!line.ends_with('\n')) {
+        const std::string byte = Read(1);
+        if (byte.empty()) {
+            break;
+        }
+        line += byte;
+    }
+    return line;
+}
+
+bool RawClient::IsEnded(int milliseconds) {
+    for (;;) {
+        pollfd poll{socket.Get(), POLLIN, 0};
+        if (::poll(&poll, 1, milliseconds) != 1) {
+            return false;
+        }
+        std::array<char, 4096> buffer{};
+        std::size_t count = 0;
+        const bool received = SSL_is_init_finished(tls.get()) != 0
+                                  ? SSL_read_ex(tls.get(), buffer.data(), buffer.size(), &count) == 1
+                                  : ::recv(socket.Get(), buffer.data(), buffer.size(), 0) > 0;
+        if (!received) {
+            return true;
+        }
+    }
+}
+
+HttpReply RawClient::Exchange(std::string_view request) {
+    HttpReply reply;
+    Send(request);
+    while (!reply.header.ends_with("\r\n\r\n")) {
+        const std::string line = ReadLine();
+        if (line.empty()) {
+            return reply;
+        }
+        reply.header += line;
+    }
+    reply.status = std::atoi(reply.header.substr(9, 3).c_str());
+    reply.body =
+        Read(static_cast<std::size_t>(std::atoi(HeaderValue(reply.header, "Content-Length").c_str())));
+    return reply;
+}
+
+HttpReply RawClient::Post(std::string_view body) {
+    return Exchange("POST /tesk/api/ordane/ HTTP/1.1\r\nHost: localhost\r\nContent-Length: " +
+                    std::to_string(body.size()) + "\r\n\r\n" + std::string(body));
+}
+
+HttpReply RawClient::Call(const std::string& type, const std::string& id, const std::string& method,
+                          const std::string& parameters) {
+    return Post("<e:Envelope xmlns:e=\"http://schemas.xmlsoap.org/soap/envelope/\"><e:Body><" + method +
+                " xmlns=\"urn:ordane\"><_this type=\"" + type + "\">" + id + "</_this>" + parameters + "</" +
+                method + "></e:Body></e:Envelope>");
+}
+
+std::string RawClient::AskForTicket() {
+    const HttpReply reply =
+        Call("SessionManager", "ha-sessionmgr", "AcquireLocalTicket", "<userName>root</userName>");
+    const std::string tag = "<passwordFilePath>";
+    const std::size_t at = reply.body.find(tag);
+    return at == std::string::npos
+               ? std::string()
+               : reply.body.substr(at + tag.size(), reply.body.find('<', at + 1) - at - tag.size());
+}
+
+int RawClient::LogIn(const std::string& password) {
+    return Call("SessionManager", "ha-sessionmgr", "Login",
+                "<userName>root</userName><password>" + password + "</password>")
+        .status;
+}
+
+}  // namespace VessadTest
