@@ -4,7 +4,9 @@ buildPackages=(cmake ninja-build g++ pkg-config python3 python3-yaml
     libsnmp-dev libssl-dev libpugixml-dev libyaml-cpp-dev libcli11-dev libspdlog-dev
     libvirt-dev libsystemd-dev libgtest-dev libgmock-dev libbenchmark-dev)
 runPackages=(snmpd snmp iproute2 util-linux)
-testPackages=(python3-pytest python3-pytest-xdist python3-pysnmp4 binutils clang-format)
+testPackages=(python3-pytest python3-pytest-xdist python3-pysnmp4 binutils clang-format libvirt-clients)
+# The tests with live guests are skipped without these.
+livePackages=(libvirt-daemon-system qemu-system-x86)
 
 # Debian 12 has a Boost that is too old beside one that is not; later systems have only newer ones.
 if [[ "$(. /etc/os-release && echo "${ID:-}-${VERSION_ID:-}")" == debian-12 ]]; then

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <cstring>
+#include <cstdint>
+#include <exception>
 
-#include "runtime/hask/host_agent.h"
 #include "runtime/ordane/zarn_stub_adapter.h"
 #include "runtime/tessim/authd.h"
 #include "runtime/tessim/crypto.h"
@@ -44,9 +44,18 @@ void CheckPassword(const std::string& password) {
 }  // namespace
 
 Connection::~Connection() {
-    Disconnect();
+    // Logging and saying goodbye take memory; a lack of it must not end the agent here.
+    try {
+        Disconnect();
+    } catch (const std::exception&) {
+        path.clear();
+    }
     if (zarnSvc) {
-        zarnSvc->Shutdown();
+        try {
+            zarnSvc->Shutdown();
+        } catch (const std::exception&) {
+            // It goes with its last reference.
+        }
         zarnSvc.Reset();
     }
     serviceInstance.Reset();
@@ -149,7 +158,7 @@ void Connection::Disconnect() {
     if (userSession && IsOwn()) {
         try {
             Logout();
-        } catch (const Tessim::Exception&) {
+        } catch (const std::exception&) {
             // A daemon that cannot be told is gone; the rest must be closed all the same.
         }
     }
@@ -165,7 +174,7 @@ void Connection::Disconnect() {
     path.clear();
 }
 
-void Connection::CheckTime() {
+void Connection::CheckTimeLeft() {
     constexpr const char* step = "working on its answers";
     Tessim::TimeBudget::CheckEnding(step);
     if (Tessim::Clock::now() >= Tessim::TimeBudget::Deadline()) {

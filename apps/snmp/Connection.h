@@ -4,6 +4,7 @@
 #include <string>
 
 #include "runtime/hask/api.h"
+#include "runtime/hask/host_agent.h"
 #include "runtime/hask/mo_factory.h"
 #include "runtime/tessim/service.h"
 #include "runtime/tessim/stream.h"
@@ -36,7 +37,7 @@ class Connection : public Tessim::ObjectImpl, public virtual Tessim::Object {
     // For work on a daemon's answers that takes long without waiting for it. Throws Tessim::TimeoutException
     // when the time budget in force is spent, and starts the pause in which the daemon is not tried again;
     // Tessim::StreamException when the process is told to end.
-    static void CheckTime();
+    static void CheckTimeLeft();
 
     // Whether this process opened the connection.
     bool IsOwn() const;

@@ -1,5 +1,6 @@
 #include "apps/snmp/OrdaneClient.h"
 
+#include "apps/snmp/Backtrace.h"
 #include "apps/snmp/NetSnmp.h"
 #include "apps/snmp/SNMPWriter.h"
 #include "runtime/ordane/faults.h"
@@ -43,11 +44,14 @@ bool OrdaneClient::Init(Tessim::Writer* writer) {
     } catch (const Tessim::Exception& failure) {
         connection.Reset();
         snmp_log(LOG_WARNING, "OrdaneClient::Init: :%s\n", failure.what());
-        for (const std::string& line : failure.GetBacktrace()) {
-            snmp_log(LOG_DEBUG, "%s\n", line.c_str());
-        }
+        LogBacktrace(failure, LOG_DEBUG);
     }
     return initialized;
+}
+
+void OrdaneClient::DropConnection() {
+    initialized = false;
+    connection.Reset();
 }
 
 // Runs `query` on the connection's factory. A management exception becomes a log line that names `name`; a
@@ -60,13 +64,10 @@ void OrdaneClient::RunQuery(const char* name, const char* brokenName, Query quer
         if (brokenName != nullptr) {
             snmp_log(LOG_WARNING, "%s: connection to tovric-vessad is broken.\n", brokenName);
         }
-        initialized = false;
-        connection.Reset();
+        DropConnection();
     } catch (const Tessim::Exception& failure) {
         snmp_log(LOG_WARNING, "OrdaneClient::%s: :%s\n", name, failure.what());
-        for (const std::string& line : failure.GetBacktrace()) {
-            snmp_log(LOG_DEBUG, "%s\n", line.c_str());
-        }
+        LogBacktrace(failure, LOG_DEBUG);
     }
 }
 

@@ -1,7 +1,8 @@
 // The module's one client of the local management daemon.
 //
-// Used on the agent's one request thread. No query throws a management exception: each turns a failure into
-// an empty result and a log line. Every wait is bounded by the time budget in force.
+// Used on the agent's one request thread. A query turns a management exception into an empty result and a log
+// line; of the statistics, those that resolve counters let one pass where the catalogue cannot be read. Every
+// wait is bounded by the time budget in force.
 #pragma once
 
 #include <cstdint>
@@ -65,14 +66,15 @@ class OrdaneClient : public Tessim::ObjectImpl, public virtual Tessim::Object {
     // The performance manager, or null when the service has none.
     void GetPerfManager(Tessim::Ref<Hask::PerformanceManager>& out);
     // The ten counters with their ids, resolved on the client's first use; empty without a performance
-    // manager.
+    // manager. Throws Tessim::Exception when the daemon's catalogue cannot be read; so do the next three.
     const CounterList& GetAvailableCounterIds();
     // One metric per counter, each for every instance ("*").
     void GetQueryMetricIds(Tessim::Ref<Ordane::DataArray<Hask::PerformanceManager::MetricId>>& out);
     // The counter's id, or -1.
     std::int32_t GetCounterIdFromName(const std::string& group, const std::string& counter);
     // Replaces the figures that RetrieveStats answers from by the latest of the given VMs, with one query.
-    // Null only drops them. A failure is logged and leaves none, or those that arrived before it.
+    // Null only drops them. A failure of the query is logged and leaves none, or those that arrived before
+    // it.
     void CollectVMStats(Ordane::DataArray<Hask::VirtualMachine>* vms);
     // The first sample of the first series of that entity, counter and instance; a null instance matches any.
     // -1, and a log line, when there is none.
@@ -87,6 +89,8 @@ class OrdaneClient : public Tessim::ObjectImpl, public virtual Tessim::Object {
                                int instance);
 
   private:
+    // The next query makes a new connection.
+    void DropConnection();
     // Runs one query; see OrdaneClient.cpp.
     template <class Query>
     void RunQuery(const char* name, const char* brokenName, Query query);

@@ -25,6 +25,8 @@ class Registration {
           function(function),
           unit(unit),
           line(line) {}
+    Registration(const Registration&) = delete;
+    Registration& operator=(const Registration&) = delete;
 
     // Offers the variables to the agent. The agent takes them in order up to the first column that somebody
     // else holds; a refusal is nothing but a debug trace. May be repeated.

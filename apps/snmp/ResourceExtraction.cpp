@@ -89,14 +89,15 @@ resCPUNode* SetCPUResource(OrdaneClient* client, Hask::VirtualMachine* vm, Hask:
     ListFiller<resCPUNode> list(cursor);
     const Hask::Vm::VirtualHardware* hardware = config->GetHardware();
     const std::int32_t count = std::min(hardware != nullptr ? hardware->GetNumCPU() : 0, maxVirtualCpus);
+    const std::int32_t vmId = GetVMID(vm);
     for (std::int32_t cpu = 0; cpu < count; ++cpu) {
-        SNMP::Connection::CheckTime();
+        SNMP::Connection::CheckTimeLeft();
         auto* row = list.AppendNew();
         if (row == nullptr) {
             snmp_log(LOG_WARNING, "SetCPUResource: Out of memory?\n");
             break;
         }
-        row->cpuVMID = WrappingSum(GetVMID(vm), cpu);
+        row->cpuVMID = WrappingSum(vmId, cpu);
         row->cpuShares = cpu == 0 ? SharesOf(config->GetCpuAllocation()) : 0;
         const std::int32_t used = client->RetrieveStats(vm->GetMoRef(), OrdaneClient::sCPU_STATS_GRP,
                                                         OrdaneClient::sCPU_COUNTER_USED, cpu);
@@ -127,8 +128,9 @@ resDiskNode* SetDiskResource(OrdaneClient* client, Hask::VirtualMachine* vm,
                              Ordane::DataArray<Device::VirtualDisk>* disks, resDiskNode** cursor) {
     ListFiller<resDiskNode> list(cursor);
     std::int32_t nextIndex = list.Last() != nullptr ? list.Last()->diskIdx + 1 : 1;
+    const std::int32_t vmId = GetVMID(vm);
     for (const auto& disk : *disks) {
-        SNMP::Connection::CheckTime();
+        SNMP::Connection::CheckTimeLeft();
         SNMP::RowPtr<resDiskNode> row = SNMP::AllocateRow<resDiskNode>();
         if (!row) {
             snmp_log(LOG_WARNING, "SetDiskResource: Out of memory?\n");
@@ -140,7 +142,7 @@ resDiskNode* SetDiskResource(OrdaneClient* client, Hask::VirtualMachine* vm,
         }
         row->diskIdx = nextIndex++;
         row->diskName = name.text != nullptr ? name.text : SNMPLastingString("unknown");
-        row->diskVMID = GetVMID(vm);
+        row->diskVMID = vmId;
         row->diskShares = SharesOf(disk->GetShares());
         const auto figure = [&](const std::string& counter) {
             return client->RetrieveStats(vm->GetMoRef(), OrdaneClient::sDISK_STATS_GRP, counter,
@@ -159,8 +161,9 @@ resNetNode* SetNetResource(OrdaneClient* client, Hask::VirtualMachine* vm,
                            Ordane::DataArray<Device::VirtualEthernetCard>* nics, resNetNode** cursor) {
     ListFiller<resNetNode> list(cursor);
     std::int32_t nextIndex = list.Last() != nullptr ? list.Last()->netIdx + 1 : 1;
+    const std::int32_t vmId = GetVMID(vm);
     for (const auto& nic : *nics) {
-        SNMP::Connection::CheckTime();
+        SNMP::Connection::CheckTimeLeft();
         auto* row = list.AppendNew();
         if (row == nullptr) {
             snmp_log(LOG_WARNING, "SetNetResource: Out of memory?\n");
@@ -169,7 +172,7 @@ resNetNode* SetNetResource(OrdaneClient* client, Hask::VirtualMachine* vm,
         row->netIdx = nextIndex++;
         const Hask::Description* info = nic->GetDeviceInfo();
         row->netName = SNMPLastingString(info != nullptr ? info->GetSummary().c_str() : "unknown");
-        row->netVMID = GetVMID(vm);
+        row->netVMID = vmId;
         row->netMac = SNMPLastingString(nic->GetMacAddress() ? nic->GetMacAddress()->c_str() : nullptr);
         row->netSpare = 0;
         const std::int32_t instance = nic->GetKey();

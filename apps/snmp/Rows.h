@@ -67,7 +67,7 @@ struct vmCDROMNode {
 struct resCPUNode {
     std::int32_t cpuVMID;    // the machine's identifier plus the CPU's number, so two rows may share an index
     std::int32_t cpuShares;  // the machine's shares on its first CPU, 0 on the others
-    float cpuUsedSec;        // seconds
+    float cpuUsedSec;        // seconds used
     resCPUNode* next;
 };
 
@@ -75,38 +75,38 @@ struct resCPUNode {
 struct resMemNode {
     std::int32_t memVMID;  // the machine's identifier
     std::int32_t memShares;
-    std::int32_t memConfiguredKB;
-    std::int32_t memActive;  // kilobytes
+    std::int32_t memConfiguredKB;  // kilobytes, the low 32 bits
+    std::int32_t memActive;        // kilobytes
     resMemNode* next;
 };
 
 // A virtual disk of a running virtual machine.
 struct resDiskNode {
-    std::int32_t diskIdx;  // running number across all machines, from 1
-    const char* diskName;
+    std::int32_t diskIdx;   // running number across all machines, from 1
+    const char* diskName;   // its name among the figures, or "unknown"
     std::int32_t diskVMID;  // identifier of the owning machine
     std::int32_t diskShares;
-    std::int32_t diskNumRead;
-    std::int32_t diskRead;
-    std::int32_t diskNumWrite;
-    std::int32_t diskWrite;
+    std::int32_t diskNumRead;   // requests
+    std::int32_t diskRead;      // kilobytes
+    std::int32_t diskNumWrite;  // requests
+    std::int32_t diskWrite;     // kilobytes
     resDiskNode* next;
 };
 
-// An Ethernet card of a running virtual machine.
+// An Ethernet card of a running virtual machine. The first four figures are the low 32 bits of the last four.
 struct resNetNode {
-    std::int32_t netIdx;  // running number across all machines, from 1
-    const char* netName;
+    std::int32_t netIdx;   // running number across all machines, from 1
+    const char* netName;   // summary of the card, or "unknown"
     std::int32_t netVMID;  // identifier of the owning machine
     const char* netMac;
-    std::int32_t netSpare;  // always 0
-    std::int32_t netPktTx;
-    std::int32_t netTx;
-    std::int32_t netPktRx;
-    std::int32_t netRx;
-    std::uint64_t netHCPktTx;
-    std::uint64_t netHCTx;
-    std::uint64_t netHCPktRx;
-    std::uint64_t netHCRx;
+    std::int32_t netSpare;     // always 0
+    std::int32_t netPktTx;     // packets transmitted
+    std::int32_t netTx;        // kilobytes transmitted
+    std::int32_t netPktRx;     // packets received
+    std::int32_t netRx;        // kilobytes received
+    std::uint64_t netHCPktTx;  // packets transmitted
+    std::uint64_t netHCTx;     // kilobytes transmitted
+    std::uint64_t netHCPktRx;  // packets received
+    std::uint64_t netHCRx;     // kilobytes received
     resNetNode* next;
 };

@@ -6,6 +6,7 @@
 #include <ctime>
 #include <exception>
 
+#include "apps/snmp/Backtrace.h"
 #include "apps/snmp/ExaminedVMs.h"
 #include "apps/snmp/Guard.h"
 #include "apps/snmp/ListFiller.h"
@@ -42,6 +43,25 @@ constexpr std::chrono::seconds rebuildLimit{5};
 
 // When the last rebuild was started, in wall-clock seconds; 0: none, or the last one failed.
 std::time_t lastRefresh = 0;
+
+// Half a cache must not be served: unless the rebuild comes to its end, the tables are emptied and the next
+// request tries again.
+class RebuildGuard {
+  public:
+    RebuildGuard() = default;
+    RebuildGuard(const RebuildGuard&) = delete;
+    RebuildGuard& operator=(const RebuildGuard&) = delete;
+    ~RebuildGuard() {
+        if (!complete) {
+            SNMPRaskTable_Destroy();
+            lastRefresh = 0;
+        }
+    }
+    void Complete() { complete = true; }
+
+  private:
+    bool complete = false;
+};
 
 // Fills every table, VM by VM.
 class CacheFiller {
@@ -89,9 +109,9 @@ class CacheFiller {
 }  // namespace
 
 int SNMPRaskHelper_Init() {
-    // The C library ends the process when there is no memory for a thread's own data at its first use. The
-    // exceptions' is used for the first time here, while there is memory.
-    static_cast<void>(std::uncaught_exceptions());
+    // Touches the C++ runtime's per-thread exception data now: its first use allocates, and the C library
+    // ends the process when that fails. (Volatile, as the compiler takes the call for one without effects.)
+    [[maybe_unused]] const volatile int exceptions = std::uncaught_exceptions();
     Tessim::TimeBudget::EndWaitsWhen([] { return netsnmp_running == 0; });
     // The pointer's low half could be 0 for a client that exists.
     return SNMP::Guard(__func__, [] { return SNMP::GetOrdaneClient() != nullptr ? 1 : 0; });
@@ -121,20 +141,13 @@ void SNMPRaskTable_Init() {
     }
     lastRefresh = now;
     const Tessim::TimeBudget budget(rebuildLimit);
+    RebuildGuard guard;
     try {
         SNMPRaskRefreshCache();
+        guard.Complete();
     } catch (const Tessim::Exception& failure) {
         snmp_log(LOG_WARNING, "SNMPRaskRefreshCache exception:%s\n", failure.what());
-        for (const std::string& line : failure.GetBacktrace()) {
-            snmp_log(LOG_WARNING, "%s\n", line.c_str());
-        }
-        SNMPRaskTable_Destroy();
-        lastRefresh = 0;
-    } catch (...) {
-        // Not ours to report, but half a cache must not be served.
-        SNMPRaskTable_Destroy();
-        lastRefresh = 0;
-        throw;
+        SNMP::LogBacktrace(failure, LOG_WARNING);
     }
 }
 

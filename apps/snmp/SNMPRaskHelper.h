@@ -10,8 +10,8 @@ extern "C" {
 int SNMPRaskHelper_Init();
 
 // Rebuilds the cache when the last rebuild was started more than 20 seconds ago (wall clock). Called by every
-// table handler before it looks at its rows. A management exception out of the rebuild is logged, empties the
-// cache and makes the next call try again at once; other exceptions pass on.
+// table handler before it looks at its rows. Any exception out of the rebuild empties the cache and makes the
+// next call try again at once; a management exception is logged, others pass on.
 void SNMPRaskTable_Init();
 
 // Makes the next SNMPRaskTable_Init rebuild the cache, however fresh it is.
@@ -20,7 +20,9 @@ void SNMPRaskTable_Expire();
 // Empties all ten row collections.
 void SNMPRaskTable_Destroy();
 
-// The rebuild itself: empties the collections, then fills them from the management daemon.
+// The rebuild itself: empties the collections, then fills them from the management daemon. No client, no VM
+// and no memory for the VM rows are logged and leave the collections empty. Throws Tessim::Exception when the
+// daemon fails in between.
 void SNMPRaskRefreshCache();
 
 // The host's number of CPU cores as a signed 16-bit count; 0 when the daemon cannot be asked.

@@ -28,8 +28,8 @@ FindVarMethod SNMP_ResMem;
 FindVarMethod SNMP_ResMemTable;
 
 // Init starts again at the first row. GetNext stores the next row and answers its position in the list, or
-// stores null and answers -1. Destroy releases the rows. GetPtr is the head variable, through
-// which the refresh links rows in; the collection owns them.
+// stores null and answers -1. Destroy releases the rows. GetPtr is the head variable, through which the
+// refresh links rows in; the collection owns them.
 void SNMPResMemTable_Init();
 int SNMPResMemTable_GetNext(resMemNode** row);
 void SNMPResMemTable_Destroy();

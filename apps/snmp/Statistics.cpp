@@ -1,7 +1,9 @@
 // The performance figures of the client: what the counters stood at in the last collection.
 
+#include "apps/snmp/Backtrace.h"
 #include "apps/snmp/NetSnmp.h"
 #include "apps/snmp/OrdaneClient.h"
+#include "runtime/ordane/faults.h"
 #include "runtime/tessim/exception.h"
 
 namespace SNMP {
@@ -55,8 +57,9 @@ void OrdaneClient::CollectVMStats(Ordane::DataArray<Hask::VirtualMachine>* vms) 
         }
     } catch (const Tessim::Exception& failure) {
         snmp_log(LOG_WARNING, "OrdaneClient::CollectVMStats: :%s\n", failure.what());
-        for (const std::string& line : failure.GetBacktrace()) {
-            snmp_log(LOG_WARNING, "%s\n", line.c_str());
+        LogBacktrace(failure, LOG_WARNING);
+        if (dynamic_cast<const Ordane::Fault::HostCommunication::Exception*>(&failure) != nullptr) {
+            DropConnection();
         }
     }
 }

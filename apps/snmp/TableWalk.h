@@ -74,8 +74,8 @@ class RequestedIndex {
   private:
     bool exact;
     bool reachable = false;
-    std::span<const oid>
-        tail;  // the request beyond the column's name; empty when it ends within or before it
+    // The request beyond the column's name; empty when it ends within that or lies before it.
+    std::span<const oid> tail;
 };
 
 // Whether rows come in ascending order of their index, so that the first beyond a request is the next.

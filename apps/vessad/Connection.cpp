@@ -52,6 +52,7 @@ constexpr SizeLimits afterLogin{8 * 1024, 8UL * 1024 * 1024, {.maxElements = 400
 
 // All of it runs on the socket's strand. Each operation holds the connection; with the last it goes.
 class Connection final : public ConnectionTable::Entry, public std::enable_shared_from_this<Connection> {
+    // A handler that goes on with `method`. Stands before its users because its type is deduced.
     template <class Method>
     auto Then(Method method) {
         return beast::bind_front_handler(method, shared_from_this());
@@ -126,7 +127,7 @@ class Connection final : public ConnectionTable::Entry, public std::enable_share
         const std::optional<OpenRequest> request =
             ParseOpenRequest(std::string_view(line).substr(0, size - lineEnd.size()));
         if (!request) {
-            RefusePreamble("400 expected OPEN <selector> \"<text>\" \"<text>\"");
+            RefusePreamble(R"(400 expected OPEN <selector> "<text>" "<text>")");
         } else if (request->selector != static_cast<int>(Tessim::Authd::Selector::ManagementApi)) {
             RefusePreamble("404 no service " + std::to_string(request->selector));
         } else {

@@ -3,7 +3,6 @@
 #include <spdlog/spdlog.h>
 
 #include <string>
-#include <string_view>
 #include <utility>
 
 #include "apps/vessad/Performance.h"
@@ -105,42 +104,38 @@ class PerformanceObject final : public Hask::PerformanceManager {
     std::chrono::nanoseconds elapsed;
 };
 
-template <class Object>
-bool IsSingleton(const Ordane::MoRef& reference, std::string_view id) {
-    return reference.GetType() == Object::staticType.name && reference.GetId() == id;
-}
-
 }  // namespace
 
 Tessim::Ref<Ordane::ManagedObject> FindHostObject(const std::shared_ptr<const Inventory>& inventory,
                                                   const Ordane::MoRef& reference,
                                                   std::chrono::nanoseconds elapsed) {
-    using Result = Tessim::Ref<Ordane::ManagedObject>;
     namespace Ids = Hask::HostAgent;
     const auto name = Tessim::MakeRef<Ordane::MoRef>(reference.GetType(), reference.GetId());
     if (reference.GetType() == Hask::VirtualMachine::staticType.name) {
         const auto found = inventory->machinesById.find(reference.GetId());
-        return found == inventory->machinesById.end()
-                   ? Result()
-                   : Result(Tessim::MakeRef<MachineObject>(name, found->second));
+        if (found == inventory->machinesById.end()) {
+            return nullptr;
+        }
+        return Tessim::MakeRef<MachineObject>(name, found->second);
     }
     if (reference.GetType() == Hask::Datastore::staticType.name) {
         const auto found = inventory->datastores.find(reference.GetId());
-        return found == inventory->datastores.end()
-                   ? Result()
-                   : Result(Tessim::MakeRef<DatastoreObject>(name, found->second));
+        if (found == inventory->datastores.end()) {
+            return nullptr;
+        }
+        return Tessim::MakeRef<DatastoreObject>(name, found->second);
     }
-    if (IsSingleton<Hask::Folder>(reference, Ids::moid_vmfolder)) {
-        return Result(Tessim::MakeRef<FolderObject>(name, inventory));
+    if (Names<Hask::Folder>(reference, Ids::moid_vmfolder)) {
+        return Tessim::MakeRef<FolderObject>(name, inventory);
     }
-    if (IsSingleton<Hask::HostSystem>(reference, Ids::moid_hostsystem)) {
-        return Result(Tessim::MakeRef<HostObject>(name, inventory));
+    if (Names<Hask::HostSystem>(reference, Ids::moid_hostsystem)) {
+        return Tessim::MakeRef<HostObject>(name, inventory);
     }
-    if (IsSingleton<Hask::Host::MemoryManagerSystem>(reference, Ids::moid_memorymanagersystem)) {
-        return Result(Tessim::MakeRef<MemoryManagerObject>(name, inventory));
+    if (Names<Hask::Host::MemoryManagerSystem>(reference, Ids::moid_memorymanagersystem)) {
+        return Tessim::MakeRef<MemoryManagerObject>(name, inventory);
     }
-    if (IsSingleton<Hask::PerformanceManager>(reference, Ids::moid_perfmanager)) {
-        return Result(Tessim::MakeRef<PerformanceObject>(name, inventory, elapsed));
+    if (Names<Hask::PerformanceManager>(reference, Ids::moid_perfmanager)) {
+        return Tessim::MakeRef<PerformanceObject>(name, inventory, elapsed);
     }
     return nullptr;
 }

@@ -3,10 +3,17 @@
 
 #include <chrono>
 #include <memory>
+#include <string_view>
 
 #include "apps/vessad/backends/Backend.h"
 
 namespace Vessad {
+
+// Whether `reference` is the managed object of class Object with that id.
+template <class Object>
+bool Names(const Ordane::MoRef& reference, std::string_view id) {
+    return reference.GetType() == Object::staticType.name && reference.GetId() == id;
+}
 
 // The object of `inventory` that `reference` names, or null: the folder of virtual machines, a machine, a
 // datastore, the host, its memory manager or its performance manager. `elapsed` is how long the daemon has

@@ -27,11 +27,6 @@ Tessim::Ref<Ordane::MoRef> MakeReference(const std::string& id) {
     return Tessim::MakeRef<Ordane::MoRef>(std::string(Object::staticType.name), id);
 }
 
-template <class Object>
-bool Names(const Ordane::MoRef& reference, const std::string& id) {
-    return reference.GetType() == Object::staticType.name && reference.GetId() == id;
-}
-
 }  // namespace
 
 class Session::ServiceInstanceObject final : public Hask::ServiceInstance {

@@ -68,8 +68,8 @@ gid_t FindGroup(const std::string& name) {
 
 }  // namespace
 
-TicketStore::TicketStore(const TicketOptions& given, boost::asio::any_io_executor executor)
-    : options(given), timer(std::move(executor)) {
+TicketStore::TicketStore(TicketOptions given, const boost::asio::any_io_executor& executor)
+    : options(std::move(given)), timer(executor) {
     if (!options.group.empty()) {
         group = FindGroup(options.group);
     }

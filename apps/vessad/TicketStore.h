@@ -32,7 +32,7 @@ class TicketStore {
     // Makes the directory where there is none (mode 0711, or 0750 for the group), removes the files that a
     // killed daemon left in it, and removes tickets that expire on `executor`. Throws std::runtime_error when
     // the directory cannot be made or does not belong to this user alone, or when there is no such group.
-    TicketStore(const TicketOptions& options, boost::asio::any_io_executor executor);
+    TicketStore(TicketOptions options, const boost::asio::any_io_executor& executor);
     TicketStore(const TicketStore&) = delete;
     TicketStore& operator=(const TicketStore&) = delete;
     // Removes every ticket. Nothing may run on the executor any more.

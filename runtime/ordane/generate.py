@@ -15,8 +15,39 @@ SCALARS = {"bool": ("bool", "Bool"), "int": ("std::int32_t", "Int"), "long": ("s
 TYPE_PATTERN = re.compile(r"^(?P<base>[A-Za-z.]+)(?:\((?P<target>[A-Za-z.]+)\))?(?P<list>\[\])?(?P<optional>\?)?$")
 
 
+# What each kind of entry must say, and what it may.
+FIELDS = {"description": ({"namespace"}, {"types", "managed"}),
+          "type": ({"name", "doc"}, {"wire", "base", "fault", "members"}),
+          "managed type": ({"name", "doc"}, {"wire", "enums", "methods"}),
+          "enumeration": ({"name", "doc", "values"}, set()),
+          "method": ({"name", "doc"}, {"beforeLogin", "parameters", "returns"}),
+          "member": ({"name", "type", "doc"}, set())}
+
+
 class SchemaError(Exception):
     pass
+
+
+def check_fields(kind, entry, where):
+    """A misspelt field must not be passed over: what it says would vanish from the wire."""
+    required, optional = FIELDS[kind]
+    kind = f"an {kind}" if kind[0] in "aeiou" else f"a {kind}"
+    for field in sorted(required - entry.keys()):
+        raise SchemaError(f"{where}: {kind} without '{field}'")
+    for field in sorted(entry.keys() - required - optional):
+        raise SchemaError(f"{where}: {kind} has no '{field}'")
+
+
+def by_name(kind, entries, path):
+    """The entries by their names, in their order."""
+    named = {}
+    for entry in entries:
+        where = f"{path}: {entry.get('name', 'without a name')}"
+        check_fields(kind, entry, where)
+        if entry["name"] in named:
+            raise SchemaError(f"{where}: declared twice")
+        named[entry["name"]] = entry
+    return named
 
 
 class MemberType:
@@ -108,23 +139,24 @@ class Schema:
     def __init__(self, path):
         with open(path, encoding="utf-8") as file:
             document = yaml.safe_load(file)
+        check_fields("description", document, path)
         self.namespace = document["namespace"].split(".")
-        self.types = {entry["name"]: entry for entry in document.get("types", [])}
-        self.managed = {entry["name"]: entry for entry in document.get("managed", [])}
+        self.types = by_name("type", document.get("types", []), path)
+        self.managed = by_name("managed type", document.get("managed", []), path)
         self.enums = {}
-        for entry in self.managed.values():
-            for enum in entry.get("enums", []):
-                self.enums[f"{entry['name']}.{enum['name']}"] = enum
+        for name, entry in self.managed.items():
+            for enum in by_name("enumeration", entry.get("enums", []), f"{path}: {name}").values():
+                self.enums[f"{name}.{enum['name']}"] = enum
         for name, entry in self.types.items():
-            for member in entry.get("members", []):
+            for member in by_name("member", entry.get("members", []), f"{path}: {name}").values():
                 member["parsed"] = MemberType(member["type"], self, f"{path}: {name}.{member['name']}")
             base = entry.get("base")
             if base is not None and base not in self.types:
                 raise SchemaError(f"{path}: {name}: base '{base}' is no type of this description")
         for name, entry in self.managed.items():
-            for method in entry.get("methods", []):
+            for method in by_name("method", entry.get("methods", []), f"{path}: {name}").values():
                 where = f"{path}: {name}.{method['name']}"
-                for parameter in method.get("parameters", []):
+                for parameter in by_name("member", method.get("parameters", []), where).values():
                     parameter["parsed"] = MemberType(parameter["type"], self, where)
                 method["result"] = MemberType(method["returns"], self, where) if "returns" in method else None
                 if method["result"] and not method["result"].is_object:
@@ -562,7 +594,7 @@ def main(arguments):
             write(arguments[2], source(Schema(arguments[1]), arguments[3]))
         else:
             sys.exit(__doc__)
-    except (SchemaError, KeyError, yaml.YAMLError) as error:
+    except (SchemaError, yaml.YAMLError) as error:
         sys.exit(f"generate.py: {error}")
 
 

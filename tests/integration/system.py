@@ -141,10 +141,12 @@ class Daemon:
 class Agent:
     """snmpd with the module loaded by dlmod, as root or as `user`; background: it forks, as it does by default.
 
-    `module`: another file to load in its place; `configuration`: further lines of its configuration file.
+    `module`: another file to load in its place, or None; `access`: who may read what; `configuration`: further lines of
+    its configuration file.
     """
 
-    def __init__(self, directory, user=None, background=False, timeout=10, module=MODULE, configuration=""):
+    def __init__(self, directory, user=None, background=False, timeout=10, module=MODULE,
+                 access="rocommunity public 127.0.0.1", configuration=""):
         self.log = directory / "snmpd.log"
         self.allowed = []
         persistent = directory / "persistent"
@@ -153,10 +155,10 @@ class Agent:
         configuration_file.write_text(f"""
 agentaddress udp:127.0.0.1:161
 dontLogTCPWrappersConnects yes
-rocommunity public 127.0.0.1
+{access}
 createUser kelv SHA authentication AES encryption
 rouser kelv priv
-dlmod SNMPKelv {module}
+{f"dlmod SNMPKelv {module}" if module else ""}
 {configuration}
 """)
         self.pid_file = directory / "snmpd.pid"
@@ -170,7 +172,8 @@ dlmod SNMPKelv {module}
             command += ["-f"]
         self.process = subprocess.Popen(
             command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-            env={**os.environ, "SNMP_PERSISTENT_DIR": str(persistent), "SNMPCONFPATH": str(directory), "MIBS": ""},
+            env={**os.environ, "SNMP_PERSISTENT_DIR": str(persistent), "SNMPCONFPATH": str(directory), "MIBS": "",
+                 "SNMPDLMODPATH": str(MODULE.parent)},
             preexec_fn=None if background else _die_with_parent)
         if background:
             assert self.process.wait(timeout) == 0

@@ -206,6 +206,16 @@ def test_hangup_makes_the_agent_load_the_module_anew(start_daemon, start_agent):
     assert [i.oid for i in agent.client.walk()] == oids(host)
 
 
+@pytest.mark.parametrize("with_snippet", [True, False])
+def test_the_packaged_snippet_opens_the_host_to_managers(start_daemon, start_agent, with_snippet):
+    """Debian's agent shows a view of its own; without the snippet nothing of ours is in it."""
+    start_daemon(SMALL)
+    snippet = (system.ROOT / "packaging/snmpd-kelv.conf").read_text()
+    debian = "view systemonly included .1.3.6.1.2.1.1\nrocommunity public 127.0.0.1 -V systemonly"
+    agent = start_agent(module=None, access=debian, configuration=snippet if with_snippet else "")
+    assert [i.oid for i in agent.client.walk()] == (oids(expected_tree.load(SMALL)) if with_snippet else [])
+
+
 def test_nothing_but_the_entry_and_the_named_functions_is_visible():
     symbols = subprocess.run(["nm", "-D", "--defined-only", "--format=posix", system.MODULE], capture_output=True, text=True, check=True)
     names = {line.split()[0] for line in symbols.stdout.splitlines()}

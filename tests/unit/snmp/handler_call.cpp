@@ -18,6 +18,10 @@ Oid Enterprise(const Oid& rest) {
     return Joined({1, 3, 6, 1, 4, 1, 32473}, rest);
 }
 
+std::string Answer::BytesNow() const {
+    return {reinterpret_cast<const char*>(address), bytes.size()};
+}
+
 int Answer::Integer() const {
     if (bytes.size() != 4) {
         throw std::length_error("an INTEGER has four bytes");
@@ -100,6 +104,7 @@ Answer Column::Call(const Oid& request, int exact) const {
     answer.writeMethodNull = writeMethod == nullptr;
     if (bytes != nullptr) {
         answer.answered = true;
+        answer.address = bytes;
         answer.bytes.assign(reinterpret_cast<const char*>(bytes), varLen);
     }
     return answer;

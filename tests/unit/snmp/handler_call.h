@@ -17,6 +17,10 @@ struct Answer {
     Oid name;           // the request's name afterwards
     std::string bytes;  // as many as the answer's length says
     bool writeMethodNull = false;
+    const u_char* address = nullptr;  // where the handler put it
+
+    // The bytes that stand at the answer's address now.
+    std::string BytesNow() const;
 
     // The answer as the agent reads it. INTEGER is one `int`; a Counter64 is high and low half together.
     int Integer() const;

@@ -188,6 +188,18 @@ TEST(Product, CutsTextsToItsBuffers) {
     });
 }
 
+TEST(Product, NamesAWrongVersionAsItAnswersIt) {
+    InOwnProcess([] {
+        TestSupport::LogCapture log;
+        SetProduct("name", "1234567890.1234567890", "build");
+        EXPECT_EQ(prodVersion.Get({0}).bytes, "1234567890.1234");
+        EXPECT_EQ(log.Take(),
+                  (std::vector<LogLine>{{4,
+                                         "SNMPSystemGetProdInfo: product version 1234567890.1234 not in "
+                                         "major.minor.revision format.\n"}}));
+    });
+}
+
 TEST(Product, MatchesItsScalarsOnly) {
     InOwnProcess([] {
         SetProduct("name", "3.0.2", "build");

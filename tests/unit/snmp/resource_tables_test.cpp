@@ -387,6 +387,27 @@ TEST_F(ResourceTables, RefreshBeforeTheyLookAtTheirRows) {
     }
 }
 
+TEST_F(ResourceTables, KeepAnAnswerUntilTheNextOfTheSameKind) {
+    FakeRefresh::Get().numCpu = [] { return 8; };
+    SetMemory(100, 1000);
+    AddCpu(16, 0, 0);
+    AddMemory(17);
+    AddDisk(1).diskName = SNMPLastingString("disk");
+    resNetNode& card = AddCard(2);
+    card.netName = SNMPLastingString("card");
+    card.netHCTx = 4294967296;
+    // Scalars and tables keep theirs apart, and so do numbers, counters and texts; no two are alike.
+    const Answer answers[] = {
+        numCpuCores.Get({0}),   CpuColumn(5).Get({16}), memTotal.Get({0}),
+        MemColumn(7).Get({17}), DiskColumn(3).Get({1}), DiskColumn(4).Get({1}),
+        NetColumn(3).Get({2}),  NetColumn(4).Get({2}),  NetColumn(13).Get({2}),
+    };
+    for (const Answer& answer : answers) {
+        ASSERT_TRUE(answer.answered);
+        EXPECT_EQ(answer.BytesNow(), answer.bytes);
+    }
+}
+
 TEST_F(ResourceTables, KeepExceptionsFromTheAgent) {
     FakeRefresh::Get().onRefresh = [] { throw std::runtime_error("stop"); };
     const char* const names[] = {"SNMP_ResCPUTable", "SNMP_ResMemTable", "SNMP_ResDiskTable",

@@ -124,7 +124,10 @@ TEST_F(VmTables, AnUnknownColumnOfMachinesLeavesADetail) {
     MakeTwoMachines();
     for (const int magic : {0, 1, 2, 11, 255}) {
         const Column column{SNMP_VMInfoTable, magic, {2, 1, 1, 1}};
-        EXPECT_FALSE(column.Get({0}).answered);
+        const Answer answer = column.GetNext({});
+        EXPECT_FALSE(answer.answered);
+        EXPECT_EQ(answer.name, Enterprise({2, 1, 1, 1, 0}));
+        EXPECT_TRUE(answer.writeMethodNull);
         EXPECT_EQ(TakeDetail(), "SNMPVMInfo_Table: Unknown variable requested.\n");
     }
     EXPECT_TRUE(VmColumn(3).Get({0}).answered);
@@ -381,32 +384,19 @@ TEST_F(VmTables, KeepExceptionsFromTheAgent) {
 }
 
 TEST_F(VmTables, KeepAnAnswerUntilTheNextOfTheSameHandler) {
-    AddDisk(0, 0, "disk");
-    AddAdapter(0, 0).hbaLabel = SNMPAllocString("adapter");
-    AddFloppy(0, 0).fdBacking = SNMPAllocString("floppy");
-    AddCdrom(0, 0).cdBacking = SNMPAllocString("cdrom");
-    struct Kept {
-        Column column;
-        const char* text;
-        const u_char* bytes;
-    } kept[] = {{HbaColumn(5), "adapter", nullptr},
-                {TgtColumn(11), "disk", nullptr},
-                {FloppyColumn(5), "floppy", nullptr},
-                {CdromColumn(5), "cdrom", nullptr}};
-    for (Kept& each : kept) {
-        variable entry{};
-        const Oid name = Enterprise(each.column.name);
-        entry.magic = static_cast<u_char>(each.column.magic);
-        entry.namelen = static_cast<u_char>(name.size());
-        std::copy(name.begin(), name.end(), entry.name);
-        oid request[MAX_OID_LEN] = {};
-        std::size_t length = 0;
-        std::size_t varLen = 0;
-        WriteMethod* writeMethod = nullptr;
-        each.bytes = each.column.handler(&entry, request, &length, 0, &varLen, &writeMethod);
-    }
-    for (const Kept& each : kept) {
-        EXPECT_STREQ(reinterpret_cast<const char*>(each.bytes), each.text);
+    AddAdapter(0, 1).hbaLabel = SNMPAllocString("adapter");
+    AddDisk(0, 2, "disk");
+    AddFloppy(0, 3).fdBacking = SNMPAllocString("floppy");
+    AddCdrom(0, 4).cdBacking = SNMPAllocString("cdrom");
+    // A number and a text of each handler, no two alike.
+    const Answer answers[] = {
+        HbaColumn(4).Get({0, 1}),   HbaColumn(5).Get({0, 1}),    TgtColumn(10).Get({0, 2}),
+        TgtColumn(11).Get({0, 2}),  FloppyColumn(4).Get({0, 3}), FloppyColumn(5).Get({0, 3}),
+        CdromColumn(4).Get({0, 4}), CdromColumn(5).Get({0, 4}),
+    };
+    for (const Answer& answer : answers) {
+        ASSERT_TRUE(answer.answered);
+        EXPECT_EQ(answer.BytesNow(), answer.bytes);
     }
 }
 

@@ -378,9 +378,9 @@ TEST_F(ConnectionTest, SaysNothingToTheDaemonOfAnotherProcess) {
 // Work on a daemon's answers.
 
 TEST(LongWork, GoesOnWhileThereIsTime) {
-    EXPECT_NO_THROW(Connection::CheckTime());
+    EXPECT_NO_THROW(Connection::CheckTimeLeft());
     const Tessim::TimeBudget plenty(1h);
-    EXPECT_NO_THROW(Connection::CheckTime());
+    EXPECT_NO_THROW(Connection::CheckTimeLeft());
 }
 
 TEST(LongWork, EndsWithTheTimeBudgetAndStartsThePause) {
@@ -388,10 +388,10 @@ TEST(LongWork, EndsWithTheTimeBudgetAndStartsThePause) {
     EXPECT_NO_THROW(daemon.CheckPause());
     {
         const Tessim::TimeBudget spent(0s);
-        EXPECT_THROW(Connection::CheckTime(), Tessim::TimeoutException);
+        EXPECT_THROW(Connection::CheckTimeLeft(), Tessim::TimeoutException);
     }
     EXPECT_THROW(daemon.CheckPause(), Tessim::TimeoutException);
-    EXPECT_NO_THROW(Connection::CheckTime());
+    EXPECT_NO_THROW(Connection::CheckTimeLeft());
 }
 
 TEST(HostAgentIds, AreThoseThatTheDaemonPublishes) {

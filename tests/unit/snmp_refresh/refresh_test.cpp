@@ -3,11 +3,13 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <exception>
 #include <memory>
 #include <new>
 #include <ostream>
 #include <stdexcept>
 
+#include "apps/snmp/NetSnmp.h"
 #include "apps/snmp/SNMPRaskHelper.h"
 #include "runtime/tessim/exception.h"
 #include "runtime/tessim/time_budget.h"
@@ -710,6 +712,25 @@ TEST_F(RefreshTest, LetsAnAllocationFailurePassAndKeepsNoHalfCache) {
     daemon.WhenCalled("GetGuest", [] { throw std::bad_alloc(); });
     EXPECT_THROW(RequestAt(0), std::bad_alloc);
     EXPECT_EQ(TestRows::Counts(), noRows);
+}
+
+// Without the log capture, which needs memory itself.
+TEST(RefreshWithoutMemory, KeepsNoHalfCacheWhenNotEvenTheReportCanBeMade) {
+    FakeDaemon daemon;
+    daemon.host.vms = {Vm("16", FullConfig("web"))};
+    const auto failure = std::make_exception_ptr(Tessim::Exception("it failed"));
+    FaultInjection faults;
+    daemon.WhenCalled("GetGuest", [&] {
+        faults.FailNew();
+        std::rethrow_exception(failure);
+    });
+    snmp_disable_log();
+    EXPECT_THROW(SNMPRaskTable_Init(), std::bad_alloc);
+    EXPECT_EQ(TestRows::Counts(), noRows);
+    daemon.WhenCalled("GetGuest", nullptr);
+    SNMPRaskTable_Init();
+    EXPECT_EQ(TestRows::Vms().size(), 1U);
+    SNMPRaskTable_Destroy();
 }
 
 TEST_F(RefreshTest, LetsExceptionsOutOfABareRebuildPass) {

@@ -330,5 +330,35 @@ TEST(TlsStream, HasFiveSecondsForAnOperationOutsideABudget) {
     EXPECT_LT(Clock::now() - start, soon);
 }
 
+TEST(TlsStream, StopsWaitingWhenASignalTellsTheProcessToEnd) {
+    static volatile sig_atomic_t ending = 0;
+    TlsTestServer server([](ServedConnection& connection) {
+        connection.Serve();
+        connection.StaySilent();
+    });
+    const auto stream = OpenStream(server.GetPort());
+    struct sigaction action {};
+    struct sigaction before {};
+    action.sa_handler = [](int) { ending = 1; };
+    ASSERT_EQ(sigaction(SIGUSR1, &action, &before), 0);
+    TimeBudget::EndWaitsWhen([] { return ending != 0; });
+
+    const auto start = Clock::now();
+    std::thread sender([waiting = pthread_self()] {
+        std::this_thread::sleep_for(100ms);
+        pthread_kill(waiting, SIGUSR1);
+    });
+    const TimeBudget budget(2 * soon);
+    char byte = 0;
+    EXPECT_THAT(MessageOf<StreamException>([&] { stream->Read(&byte, 1); }), HasSubstr("told to end"));
+    EXPECT_LT(Clock::now() - start, soon);
+    sender.join();
+    // And does not start another wait.
+    EXPECT_THROW(OpenStream(server.GetPort()), StreamException);
+
+    TimeBudget::EndWaitsWhen(nullptr);
+    sigaction(SIGUSR1, &before, nullptr);
+}
+
 }  // namespace
 }  // namespace Tessim

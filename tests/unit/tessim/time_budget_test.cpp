@@ -4,6 +4,8 @@
 
 #include <optional>
 
+#include "runtime/tessim/exception.h"
+
 namespace Tessim {
 namespace {
 
@@ -53,6 +55,22 @@ TEST(TimeBudget, TakesAnyLimit) {
     const auto outerEnd = TimeBudget::Deadline();
     const TimeBudget endless(Clock::duration::max());
     EXPECT_EQ(TimeBudget::Deadline(), outerEnd);
+}
+
+TEST(TimeBudget, EndsWaitsOnlyWhenTheProcessIsToldToEnd) {
+    static bool ending = false;
+    EXPECT_NO_THROW(TimeBudget::CheckEnding("waiting"));
+    TimeBudget::EndWaitsWhen([] { return ending; });
+    EXPECT_NO_THROW(TimeBudget::CheckEnding("waiting"));
+    ending = true;
+    try {
+        TimeBudget::CheckEnding("waiting");
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const StreamException& thrown) {
+        EXPECT_STREQ(thrown.what(), "waiting: the process is told to end");
+    }
+    TimeBudget::EndWaitsWhen(nullptr);
+    EXPECT_NO_THROW(TimeBudget::CheckEnding("waiting"));
 }
 
 }  // namespace

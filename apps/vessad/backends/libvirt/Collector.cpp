@@ -144,13 +144,15 @@ void Collector::FetchPools() {
             shared->changed.notify_all();
         });
     }
-    const auto wait = poolsLate ? std::chrono::milliseconds(0) : options.poolWait;
+    const auto patience = poolsKnown ? options.poolWait : options.firstPoolWait;
+    const auto wait = poolsLate ? std::chrono::milliseconds(0) : patience;
     const bool answered =
         shared->changed.wait_for(lock, wait, [this] { return shared->stopping || !shared->askingPools; });
     if (!answered && !poolsLate) {
         spdlog::warn("the list of storage pools does not come; the last one serves until it does");
     }
     poolsLate = !answered;
+    poolsKnown = poolsKnown || answered;
 }
 
 // The host as it is now, or nothing when it does not tell; a reading that comes late serves the next call.

@@ -18,10 +18,11 @@
 namespace Vessad::Libvirt {
 
 struct CollectorOptions {
-    std::chrono::milliseconds interval{5000};  // between the starts of two collections
-    std::chrono::milliseconds patience{2000};  // for a machine's figures
-    std::chrono::milliseconds poolWait{1000};  // for the list of storage pools; the last one serves meanwhile
-    std::chrono::milliseconds keep{60000};     // for how long the last inventory outlives the host's answers
+    std::chrono::milliseconds interval{5000};       // between the starts of two collections
+    std::chrono::milliseconds patience{2000};       // for a machine's figures
+    std::chrono::milliseconds poolWait{1000};       // for the storage pools; the last ones serve meanwhile
+    std::chrono::milliseconds firstPoolWait{5000};  // for the first time, when there are none
+    std::chrono::milliseconds keep{60000};  // for how long the last inventory outlives the host's answers
     std::vector<std::filesystem::path> osinfoDirectories = OsinfoDirectories();
 };
 
@@ -61,6 +62,7 @@ class Collector {
     ConnectionThread poolThread;
     ConnectionThread readingThread;
     FigureWorkers workers;
+    bool poolsKnown = false;
     bool poolsLate = false;  // as the log says
     bool reachable = true;   // as the log says
     std::thread thread;

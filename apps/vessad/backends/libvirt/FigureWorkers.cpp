@@ -248,6 +248,9 @@ class FigureWorkers::State : public std::enable_shared_from_this<State> {
     bool Finish(int id, Answer answer) {
         const Call call = calls[id];
         calls.erase(id);
+        if (stopping) {
+            return false;
+        }
         progress = Clock::now();
         if (answer.statistics) {
             Recovered(call.domain.uuid);

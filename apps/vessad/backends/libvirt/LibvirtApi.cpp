@@ -234,7 +234,7 @@ class RealConnection final : public Connection {
             return std::nullopt;
         }
         std::vector<virTypedParameter> parameters(static_cast<std::size_t>(count));
-        if (virDomainGetSchedulerParametersFlags(domain.get(), parameters.data(), &count, 0) < 0) {
+        if (virDomainGetSchedulerParameters(domain.get(), parameters.data(), &count) < 0) {
             return std::nullopt;
         }
         std::optional<int> shares;

@@ -10,7 +10,7 @@
 namespace Vessad {
 namespace {
 
-constexpr std::chrono::seconds firstWait{5};
+constexpr std::chrono::seconds firstWait{10};
 
 class LibvirtBackend final : public Backend {
   public:

@@ -1,0 +1,3 @@
+/* A module that does nothing, to measure what loading and unloading costs the agent itself. */
+void init_SNMPKelv(void) {}
+void deinit_SNMPKelv(void) {}

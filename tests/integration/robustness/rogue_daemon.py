@@ -1,0 +1,324 @@
+"""A TLS server on the daemon's port that can speak every layer of the wire as badly as a test wants.
+
+A connection runs through the steps of `Behaviour`: handshake, preamble, calls. A test overrides the step that it wants
+to break; the others stay as `recorded_session.GoodDaemon` has them. A change of behaviour holds from the next step on,
+of connections that stand already too.
+"""
+
+import contextlib
+import dataclasses
+import functools
+import os
+import socket
+import ssl
+import struct
+import subprocess
+import tempfile
+import threading
+import time
+import xml.etree.ElementTree as xml
+
+from system import DAEMON_ADDRESS
+
+# How a connection may end.
+GOODBYE, END, RESET = "goodbye", "end", "reset"
+
+# Between two bytes of a peer that trickles.
+TRICKLE = 0.5
+
+
+class Gone(Exception):
+    """The agent, the test or a cut has ended the connection."""
+
+
+@functools.lru_cache(None)
+def tls_context(newest=None):
+    """The server's context; newest: the newest TLS version that it offers, with every old cipher it still knows."""
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    with tempfile.TemporaryDirectory() as folder:
+        key, certificate = os.path.join(folder, "key.pem"), os.path.join(folder, "certificate.pem")
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days", "2",
+                        "-subj", "/CN=localhost", "-keyout", key, "-out", certificate], check=True, capture_output=True)
+        context.load_cert_chain(certificate, key)
+    if newest is not None:
+        context.set_ciphers("ALL:@SECLEVEL=0")
+        context.minimum_version = ssl.TLSVersion.MINIMUM_SUPPORTED
+        context.maximum_version = newest
+    return context
+
+
+@dataclasses.dataclass(frozen=True)
+class Call:
+    """A call as it came in."""
+    method: str
+    type: str
+    id: str
+    parameters: dict
+
+
+def _local(tag):
+    return tag.rpartition("}")[2]
+
+
+def parse_call(text):
+    body = next(element for element in xml.fromstring(text) if _local(element.tag) == "Body")
+    target = next(element for element in body[0] if _local(element.tag) == "_this")
+    parameters = {_local(element.tag): element.text or "" for element in body[0] if element is not target}
+    return Call(_local(body[0].tag), target.get("type"), target.text, parameters)
+
+
+class Stream:
+    """One accepted connection, from the server's side. Every operation raises Gone when the connection has ended."""
+
+    def __init__(self, daemon, plain):
+        self.daemon = daemon
+        self.plain = plain
+        self.tls = None
+        self.received = bytearray()     # plain text that waits to be read
+        self.request = b""              # the last call's message
+        self.sent = 0                   # bytes of plain text
+        self.raw_sent = 0               # bytes on the socket
+        self.limit = None               # so many bytes of plain text are sent, then the connection ends
+        self.raw_limit = None           # the same for bytes on the socket
+        self.ending = END               # how it ends at a limit
+        self.raw_interval = 0           # seconds between two bytes on the socket
+        self.interval = 0               # seconds between two bytes of plain text
+
+    # The socket
+
+    def _check(self):
+        if self.daemon.stopping.is_set() or self.plain.fileno() < 0:
+            raise Gone
+
+    def send_raw(self, data):
+        """Bytes outside of TLS."""
+        pieces = [data[n:n + 1] for n in range(len(data))] if self.raw_interval else [data]
+        for piece in pieces:
+            self._check()
+            end = self.raw_limit is not None and self.raw_sent + len(piece) >= self.raw_limit
+            if end:
+                piece = piece[:max(0, self.raw_limit - self.raw_sent)]
+            try:
+                self.plain.sendall(piece)
+            except OSError as error:
+                raise Gone from error
+            self.raw_sent += len(piece)
+            if end:
+                self.end(self.ending)
+            if self.raw_interval:
+                self.wait(self.raw_interval)
+
+    def _receive_raw(self):
+        try:
+            data = self.plain.recv(65536)
+        except OSError as error:
+            raise Gone from error
+        if not data:
+            raise Gone
+        return data
+
+    def wait(self, seconds=None):
+        """Does nothing for so long; without a number, until the connection or the daemon ends."""
+        until = None if seconds is None else time.monotonic() + seconds
+        while until is None or time.monotonic() < until:
+            self._check()
+            left = 0.05 if until is None else min(0.05, until - time.monotonic())
+            if left > 0 and self.daemon.stopping.wait(left):
+                raise Gone
+            if until is None:
+                self._raise_if_peer_left()
+
+    def _raise_if_peer_left(self):
+        try:
+            if self.plain.recv(1, socket.MSG_PEEK | socket.MSG_DONTWAIT) == b"":
+                raise Gone
+        except BlockingIOError:
+            pass
+        except OSError as error:
+            raise Gone from error
+
+    def end(self, how=END):
+        """Ends the connection, and with it the behaviour that runs."""
+        if how == GOODBYE and self.tls:
+            with contextlib.suppress(ssl.SSLError, OSError):
+                self.raw_limit, self.raw_interval = None, 0
+                with contextlib.suppress(ssl.SSLWantReadError):
+                    self.tls.unwrap()
+                self.plain.sendall(self.outgoing.read())
+        if how == RESET:
+            self.plain.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        self.plain.close()
+        raise Gone
+
+    # TLS
+
+    def handshake(self, context=None):
+        self.incoming, self.outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
+        self.tls = (context or tls_context()).wrap_bio(self.incoming, self.outgoing, server_side=True)
+        self._drive(self.tls.do_handshake)
+
+    def _drive(self, operation, *arguments):
+        while True:
+            try:
+                result = operation(*arguments)
+            except ssl.SSLWantReadError:
+                self._flush()
+                self.incoming.write(self._receive_raw())
+                continue
+            except ssl.SSLError as error:
+                with contextlib.suppress(Gone):
+                    self._flush()
+                raise Gone from error
+            self._flush()
+            return result
+
+    def _flush(self):
+        if self.outgoing.pending:
+            self.send_raw(self.outgoing.read())
+
+    def send(self, data):
+        """Plain text, in records of its own; a piece at a time when it is long, so that the agent's refusal is noticed."""
+        step = 1 if self.interval else 1 << 18
+        for at in range(0, len(data), step):
+            piece = data[at:at + step]
+            self._check()
+            end = self.limit is not None and self.sent + len(piece) >= self.limit
+            if end:
+                piece = piece[:max(0, self.limit - self.sent)]
+            if piece:
+                self._drive(self.tls.write, piece)
+            self.sent += len(piece)
+            self.daemon.sent += piece if self.daemon.recording else b""
+            if end:
+                self.end(self.ending)
+            if self.interval:
+                self.wait(self.interval)
+
+    def _fill(self):
+        data = self._drive(self.tls.read, 65536)
+        if not data:
+            raise Gone
+        self.received += data
+        self.daemon.received += data
+
+    def read_until(self, mark):
+        while mark not in self.received:
+            self._fill()
+        at = self.received.index(mark) + len(mark)
+        result = bytes(self.received[:at])
+        del self.received[:at]
+        return result
+
+    def read_exactly(self, count):
+        while len(self.received) < count:
+            self._fill()
+        result = bytes(self.received[:count])
+        del self.received[:count]
+        return result
+
+    def read_call(self):
+        head = self.read_until(b"\r\n\r\n").decode()
+        length = next(int(line.partition(":")[2]) for line in head.splitlines() if line.lower().startswith("content-length:"))
+        body = self.read_exactly(length)
+        self.request = head.encode() + body
+        call = parse_call(body)
+        self.daemon.calls.append(call)
+        return call
+
+
+class Behaviour:
+    """What the daemon does at each step of a connection. A subclass answers calls with the bytes of a whole HTTP reply."""
+
+    def greet(self, stream):
+        stream.handshake()
+
+    def preamble(self, stream):
+        assert stream.read_until(b"\r\n") == b'OPEN 2 "" ""\r\n'
+        stream.send(b"200 /connection/1\r\n")
+
+    def reply(self, stream, call):
+        stream.send(self.answer(call))
+
+    def answer(self, call):
+        raise NotImplementedError
+
+
+class RogueDaemon:
+    """The server. `behave` changes what it does from the next step of any connection on."""
+
+    def __init__(self, behaviour):
+        self.behaviour = behaviour
+        self.calls = []                 # of all connections, in order
+        self.received = bytearray()     # all plain text
+        self.sent = bytearray()         # all plain text while recording
+        self.recording = False
+        self.accepted = 0
+        self.errors = []                # what went wrong in the server itself
+        self.stopping = threading.Event()
+        self.streams = []
+        self.lock = threading.Lock()
+        self.listener = None
+        self.listen()
+
+    def listen(self):
+        self.listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self.listener.bind(DAEMON_ADDRESS)
+        self.listener.listen(64)
+        self.thread = threading.Thread(target=self._accept, args=(self.listener,), daemon=True)
+        self.thread.start()
+
+    def close_port(self):
+        """From now on connecting is refused."""
+        listener, self.listener = self.listener, None
+        if listener:
+            listener.shutdown(socket.SHUT_RDWR)
+            self.thread.join()
+            listener.close()
+
+    def _accept(self, listener):
+        while True:
+            try:
+                plain, _ = listener.accept()
+            except OSError:
+                return
+            plain.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+            self.accepted += 1
+            stream = Stream(self, plain)
+            with self.lock:
+                self.streams = [s for s in self.streams if s.plain.fileno() >= 0] + [stream]
+            threading.Thread(target=self._serve, args=(stream,), daemon=True).start()
+
+    def _serve(self, stream):
+        try:
+            self.behaviour.greet(stream)
+            self.behaviour.preamble(stream)
+            while True:
+                call = stream.read_call()
+                self.behaviour.reply(stream, call)
+        except Gone:
+            pass
+        except Exception as error:      # a mistake of the test, told at its end
+            if not self.stopping.is_set():
+                self.errors.append(error)
+        finally:
+            stream.plain.close()
+
+    def behave(self, behaviour):
+        self.behaviour = behaviour
+
+    def drop_connections(self):
+        with self.lock:
+            streams, self.streams = self.streams, []
+        for stream in streams:
+            with contextlib.suppress(OSError):
+                stream.plain.shutdown(socket.SHUT_RDWR)
+
+    def count(self, method):
+        return sum(call.method == method for call in self.calls)
+
+    def stop(self):
+        self.stopping.set()
+        self.close_port()
+        self.drop_connections()
+        assert not self.errors, self.errors

@@ -1,0 +1,293 @@
+"""A daemon that names a file of its choice as the ticket: the agent neither waits for it nor gives its content away."""
+
+import grp
+import os
+import pathlib
+import socket
+import threading
+import time
+
+import pytest
+import system
+import watch
+from recorded_session import GoodDaemon, element
+
+SECRET = "do-not-give-this-away"
+STRANGER = 12345
+
+# What the agent may take for a ticket, and how long.
+CONNECT = 1.0
+
+
+def write(path, text=SECRET, mode=0o600, owner=None):
+    path.write_text(text)
+    path.chmod(mode)
+    if owner is not None:
+        os.chown(path, owner, owner)
+    return path
+
+
+def fifo(folder):
+    os.mkfifo(folder / "fifo", 0o600)
+    return folder / "fifo"
+
+
+def fifo_with_writer(folder):
+    path = fifo(folder)
+    os.write(os.open(path, os.O_RDWR | os.O_NONBLOCK), SECRET.encode())
+    return path
+
+
+def device(folder):
+    path = folder / "device"
+    try:
+        os.mknod(path, 0o600 | 0o020000, os.makedev(1, 5))      # zeroes without end
+    except PermissionError:
+        return pathlib.Path("/dev/zero")
+    return path
+
+
+def unix_socket(folder):
+    listener = socket.socket(socket.AF_UNIX)
+    listener.bind(str(folder / "socket"))
+    return folder / "socket"
+
+
+def directory_as_file(folder):
+    (folder / "folder").mkdir(mode=0o700)
+    return folder / "folder"
+
+
+def symbolic_link(folder):
+    write(folder / "real")
+    (folder / "link").symlink_to(folder / "real")
+    return folder / "link"
+
+
+def hard_link(folder):
+    os.link(write(folder / "real"), folder / "other-name")
+    return folder / "real"
+
+
+def readable_by_others(folder):
+    return write(folder / "open", mode=0o644)
+
+
+def writable_by_the_group(folder):
+    return write(folder / "open", mode=0o660)
+
+
+def strangers(folder):
+    try:
+        return write(folder / "strangers", owner=STRANGER)
+    except (PermissionError, OSError):
+        pytest.skip("cannot give files away here")
+
+
+def old(folder):
+    path = write(folder / "old")
+    time.sleep(3)
+    return path
+
+
+def upwards(folder):
+    write(folder / "real")
+    (folder / "sub").mkdir()
+    return f"{folder}/sub/../real"
+
+
+def relative(folder):
+    return os.path.relpath(write(folder / "real"), "/")
+
+
+def too_long(folder):
+    return str(folder) + "/" + "x" * 5000
+
+
+def very_long(folder):
+    return str(folder) + "/" + "y" * 1_000_000
+
+
+def name_too_long(folder):
+    return str(folder) + "/" + "z" * 300
+
+
+def control_characters(folder):
+    return str(folder) + "/\x1b[2J\nroot: all is well\r"
+
+
+def missing(folder):
+    return folder / "missing"
+
+
+def several_lines(folder):
+    return write(folder / "lines", f"first line\n{SECRET}\n")
+
+
+def binary(folder):
+    path = write(folder / "binary")
+    path.write_bytes(b"\x7fELF" + SECRET.encode() + bytes(range(256)))
+    return path
+
+
+def large(folder):
+    return write(folder / "large", SECRET * 500_000)
+
+
+def empty(folder):
+    return write(folder / "empty", "")
+
+
+HOSTILE = {
+    "a FIFO": fifo, "a FIFO with content": fifo_with_writer, "a device": device, "a socket": unix_socket, "a directory": directory_as_file,
+    "a symbolic link": symbolic_link, "a hard link": hard_link, "a file that others can read": readable_by_others,
+    "a file that the group can write": writable_by_the_group, "a file of somebody else": strangers, "an old file": old,
+    "/etc/shadow": lambda _: "/etc/shadow", "/etc/passwd": lambda _: "/etc/passwd", "the agent's environment": lambda _: "/proc/self/environ",
+    "the agent's memory": lambda _: "/proc/self/mem", "a serial number": lambda _: "/sys/class/dmi/id/product_uuid",
+    "the terminal": lambda _: "/dev/tty", "a descriptor of the agent": lambda _: "/proc/self/fd/4", "a path with ..": upwards,
+    "a relative path": relative, "a path longer than PATH_MAX": too_long, "a path of 1 MB": very_long, "a name too long": name_too_long,
+    "a path of control characters": control_characters, "an empty path": lambda _: "", "the root": lambda _: "/",
+    "a missing file": missing, "a text of several lines": several_lines, "a binary file": binary, "a file of 10 MB": large,
+    "an empty file": empty,
+}
+
+
+class NamesFile(GoodDaemon):
+    """A daemon that names `path` as the ticket and takes any login."""
+
+    def __init__(self, host, directory, path):
+        super().__init__(host, directory)
+        self.path = path
+
+    def write_ticket(self, secret):
+        del secret
+        return self.path() if callable(self.path) else self.path
+
+    def Login(self, call):
+        return element("returnval", {"key": "session", "userName": call.parameters["userName"]})
+
+
+def contents_of(path):
+    """What must not travel."""
+    try:
+        if os.path.isfile(path) and not str(path).startswith(("/proc", "/sys")):
+            with open(path, "rb") as stream:
+                return [line for line in stream.read(4096).splitlines() if len(line) > 8]
+    except OSError:
+        pass
+    return []
+
+
+@pytest.mark.parametrize("name", HOSTILE)
+def test_the_content_of_no_other_file_is_given_away(name, directory, rogue, good, host, shifted_agent):
+    folder = directory / "hostile"
+    folder.mkdir(mode=0o755)
+    made = []
+
+    def path():
+        # Made anew for each ticket, so that its age is never what saves it.
+        if name != "an old file" or not made:
+            for entry in folder.iterdir():
+                entry.rename(directory / f"used-{len(list(directory.iterdir()))}")
+            made.append(HOSTILE[name](folder))
+        return made[-1]
+
+    if name == "an old file":
+        path()
+    agent = shifted_agent()
+    agent.refresh()
+    before = watch.descriptors(agent.pid)
+    logins = rogue.count("Login")
+    rogue.behave(NamesFile(host, directory, path))
+    received = len(rogue.received)
+    with watch.Prober() as prober:
+        held = 0
+        for _ in range(3):
+            rogue.drop_connections()
+            agent.refresh()
+            held = max(held, agent.refresh()[0])
+    assert rogue.count("AcquireLocalTicket") >= 3 and made
+    assert held < CONNECT + watch.SLACK
+    prober.check(CONNECT)
+    assert rogue.count("Login") == logins, "the agent tried to log in with it"
+    sent = bytes(rogue.received[received:])
+    assert SECRET.encode() not in sent
+    for line in contents_of(made[-1]):
+        assert line not in sent
+    rogue.behave(good)
+    rogue.drop_connections()
+    agent.recover(host)
+    assert watch.descriptors(agent.pid) == before
+    assert "\x1b" not in agent.log_text()
+    watch.report(f"the ticket is {name}", "does not open or does not send it, goes without a session", held, prober)
+
+
+def test_a_good_file_is_given(rogue, directory, host, shifted_agent):
+    """What the other tests rely on: with a file that is fit, the agent does log in."""
+    rogue.behave(NamesFile(host, directory, lambda: write(directory / f"ticket-{len(rogue.calls)}")))
+    shifted_agent()
+    assert rogue.calls[-1].parameters["password"] == SECRET
+
+
+def test_an_unreadable_file_is_no_ticket_for_an_unprivileged_agent(rogue, good, directory, host, shifted_agent):
+    account = system.agent_account()
+    tickets = []
+
+    def ticket(mode, owner, group):
+        def make():
+            path = write(directory / f"file-{len(tickets)}", mode=mode)
+            os.chown(path, owner, group)
+            tickets.append(path)
+            return path
+        return make
+
+    rogue.behave(NamesFile(host, directory, ticket(0o640, 0, account.pw_gid)))
+    agent = shifted_agent(user="Debian-snmp")
+    # The agent was root when it connected first.
+    rogue.drop_connections()
+    agent.refresh()
+    agent.refresh()
+    assert rogue.count("Login") == 2 and rogue.calls[-1].method != "Login"
+    for mode, owner, group in ((0o600, 0, 0), (0o000, account.pw_uid, account.pw_gid), (0o640, 0, grp.getgrnam("shadow").gr_gid)):
+        rogue.behave(NamesFile(host, directory, ticket(mode, owner, group)))
+        rogue.drop_connections()
+        agent.refresh()
+        assert agent.refresh()[0] < CONNECT + watch.SLACK
+    assert rogue.count("Login") == 2
+    assert len(tickets) == 5
+
+
+def test_a_file_that_changes_while_it_is_checked_gives_nothing_away(rogue, good, directory, host, agent):
+    """The name stands for a good file and for a link to another by turns, as fast as the test can."""
+    folder = directory / "hostile"
+    folder.mkdir()
+    secret = write(folder / "secret", SECRET, mode=0o600, owner=None)
+    os.link(secret, folder / "second-name")
+    stopping = threading.Event()
+
+    def juggle():
+        number = 0
+        while not stopping.is_set():
+            number += 1
+            other = folder / f"fit-{number}"
+            write(other, "fit")
+            os.replace(other, folder / "name")
+            (folder / "link").symlink_to(secret)
+            os.replace(folder / "link", folder / "name")
+
+    juggler = threading.Thread(target=juggle, daemon=True)
+    juggler.start()
+    rogue.behave(NamesFile(host, directory, folder / "name"))
+    try:
+        for _ in range(300):
+            rogue.drop_connections()
+            agent.refresh()
+            assert agent.refresh()[0] < CONNECT + watch.SLACK
+    finally:
+        stopping.set()
+        juggler.join()
+    assert SECRET.encode() not in bytes(rogue.received)
+    rogue.behave(good)
+    rogue.drop_connections()
+    agent.recover(host)
+    watch.report("the ticket's name changes its meaning 300 times", "sends a fit file's content or nothing", 0, faults=300)

@@ -1,0 +1,123 @@
+"""The real daemon behind a relay that breaks its sessions: what it says is cut at any byte, and the agent recovers."""
+
+import time
+
+import expected_tree
+import pytest
+import rogue_daemon
+import system
+import watch
+from wire import Connection
+
+SMALL = system.HOSTS / "small.yaml"
+BEHIND = ("127.0.0.2", 902)     # where the daemon listens; the agent meets the relay on the usual address
+CONNECT = 1.0
+STEP = 23
+
+
+class Relay(rogue_daemon.Behaviour):
+    """Passes everything on to the daemon and back; the connection to the agent ends after `limit` bytes."""
+
+    def __init__(self, limit=None, ending=rogue_daemon.END):
+        self.limit, self.ending = limit, ending
+
+    def greet(self, stream):
+        stream.limit, stream.ending = self.limit, self.ending
+        stream.handshake()
+
+    def preamble(self, stream):
+        line = stream.read_until(b"\r\n").decode().rstrip()
+        stream.upstream = Connection(BEHIND, preamble=line)
+        stream.send(f"{stream.upstream.status} {stream.upstream.path}\r\n".encode())
+
+    def reply(self, stream, call):
+        del call
+        upstream = stream.upstream.stream
+        upstream.sendall(stream.request)
+        message = b""
+        while b"\r\n\r\n" not in message:
+            message += self._receive(upstream)
+        head, _, body = message.partition(b"\r\n\r\n")
+        length = next(int(line.partition(b":")[2]) for line in head.splitlines() if line.lower().startswith(b"content-length:"))
+        while len(body) < length:
+            body += self._receive(upstream)
+        stream.send(head + b"\r\n\r\n" + body)
+
+    @staticmethod
+    def _receive(upstream):
+        data = upstream.recv(65536)
+        if not data:
+            raise rogue_daemon.Gone
+        return data
+
+
+@pytest.fixture
+def relayed(start_daemon, monkeypatch):
+    monkeypatch.setattr(system, "DAEMON_ADDRESS", BEHIND)
+    daemon = start_daemon(SMALL)
+    relay = rogue_daemon.RogueDaemon(Relay())
+    yield relay, daemon
+    relay.stop()
+
+
+def assert_right(agent, daemon):
+    agent.client.get(expected_tree.ENTERPRISE + (3, 2, 1, 0))
+    found = agent.client.bulk_walk()
+    expected = expected_tree.tree(expected_tree.load(SMALL), elapsed=daemon.elapsed())
+    assert [i.oid for i in found] == [i.oid for i in expected]
+    assert all(f.type == e.type and e.value == f.value for f, e in zip(found, expected))
+
+
+def recover(agent, daemon):
+    system.wait_until(lambda: agent.refresh()[1] or agent.refresh()[1], "the agent to recover")
+    assert_right(agent, daemon)
+
+
+@pytest.mark.slow
+def test_a_session_with_the_daemon_may_break_at_any_byte(relayed, shifted_agent):
+    relay, daemon = relayed
+    agent = shifted_agent()
+    recover(agent, daemon)
+    before = watch.descriptors(agent.pid)
+    relay.recording = True
+    relay.drop_connections()
+    agent.refresh()
+    agent.refresh()
+    relay.recording = False
+    length = len(relay.sent)
+    offsets = range(0, length, STEP)
+    started = time.monotonic()
+    with watch.Prober() as prober:
+        for offset in offsets:
+            relay.behave(Relay(offset, rogue_daemon.RESET if offset % 2 else rogue_daemon.END))
+            relay.drop_connections()
+            agent.refresh()
+            assert agent.refresh()[0] < CONNECT + watch.SLACK
+    prober.check(CONNECT)
+    seconds = (time.monotonic() - started) / len(offsets)
+    relay.behave(Relay())
+    relay.drop_connections()
+    recover(agent, daemon)
+    assert watch.descriptors(agent.pid) == before
+    watch.report(f"connection ends at every {STEP}th of {length} bytes of a session with tovric-vessad",
+                 "closes the connection, empties the tables, tries again at the next rebuild", seconds, prober, faults=len(offsets))
+
+
+@pytest.mark.slow
+def test_a_daemon_that_is_killed_and_started_again_is_found_again(start_daemon, shifted_agent):
+    daemon = start_daemon(SMALL)
+    agent = shifted_agent()
+    recover(agent, daemon)
+    before = watch.descriptors(agent.pid)
+    with watch.Prober() as prober:
+        for _ in range(5):
+            daemon.process.kill()
+            daemon.process.wait()
+            assert agent.refresh()[0] < CONNECT + watch.SLACK
+            for ticket in daemon.tickets.iterdir():
+                ticket.unlink()
+            daemon = start_daemon(SMALL)
+            recover(agent, daemon)
+    prober.check(CONNECT)
+    assert watch.descriptors(agent.pid) == before
+    watch.report("tovric-vessad is killed and started again, 5 times", "empty tables once, then as before", prober.figures()["max"], prober, faults=5)

@@ -1,0 +1,117 @@
+"""Texts of every length and every byte in every string column: answered whole or cut, the agent alive."""
+
+import expected_tree
+import pytest
+import watch
+from expected_tree import ENTERPRISE
+from recorded_session import GoodDaemon
+
+# The most bytes of a column; the product's have less.
+LONGEST = 2559
+SHORTER = {ENTERPRISE + (1, 1): 255, ENTERPRISE + (1, 2): 15, ENTERPRISE + (1, 4): 15}
+
+# Texts as they stand in the XML, bytes that are no UTF-8 as lone surrogates; and, where it differs, what they mean.
+TEXTS = {
+    "2559 bytes": "x" * 2559,
+    "2560 bytes": "x" * 2560,
+    "100,000 bytes": "y" * 100_000,
+    "1280 characters of two bytes": "é" * 1280,
+    "a character of three bytes over the end": "x" * 2558 + "€",
+    "a character of four bytes over the end": "x" * 2557 + "\U0001F427",
+    "100,000 characters of four bytes": "\U0001F427" * 100_000,
+    "bytes that start nothing": "\udcff\udcfe\udc80" * 10,
+    "an unfinished character": "abc\udce2\udc82",
+    "3,000 bytes that start nothing": "\udcff" * 3000,
+    "3,000 continuation bytes": "\udc80" * 3000,
+    "2,600 starts of characters": "\udcf0" * 2600,
+    "an overlong slash": "\udcc0\udcaf",
+    "a lone surrogate's bytes": "\udced\udca0\udc80",
+    "beyond Unicode": "\udcf4\udc90\udc80\udc80",
+    "control characters": "".join(map(chr, range(1, 32))) + "\x7f",
+    "terminal sequences": "\x1b[2J\x1b]0;title\x07\r\n",
+    "C1 controls": "".join(map(chr, range(0x80, 0xa0))),
+    "formats": "%s%n%d%x%%" * 20,
+    "white space": " \t\n ",
+    "a single space": " ",
+    "nothing": "",
+    "direction marks": "\u202eabc\u200f\ufeff",
+}
+
+
+def host_of(text):
+    """A host with the text in every place that a string column shows."""
+    device = {"type": "DeviceBackingInfo", "deviceName": text}
+    info = {"label": text, "summary": text}
+    devices = [
+        {"type": "VirtualLsiLogicController", "key": "1", "deviceInfo": info, "busNumber": "0"},
+        {"type": "VirtualDisk", "key": "2", "deviceInfo": info, "unitNumber": "0", "backing": device},
+        {"type": "VirtualEthernetCard", "key": "4", "deviceInfo": info, "backing": device, "macAddress": text},
+        {"type": "VirtualIDEController", "key": "5", "deviceInfo": info, "busNumber": "0"},
+        {"type": "VirtualCdrom", "key": "6", "deviceInfo": info, "controllerKey": "5", "unitNumber": "0", "connectable": {"connected": "true"},
+         "backing": device},
+        {"type": "VirtualFloppy", "key": "7", "deviceInfo": info, "unitNumber": "0", "connectable": {"connected": "false"}, "backing": device},
+    ]
+    return {
+        "about": {"name": text, "version": text, "build": text},
+        "hardware": {"cpuInfo": {"numCpuCores": "8"}},
+        "serviceConsole": {"serviceConsoleReserved": "1048576", "unreserved": "1048576"},
+        "datastores": [],
+        "vms": [{"id": "16", "config": {"name": text, "guestFullName": text, "files": {"vmPathName": text},
+                                        "hardware": {"numCPU": "1", "memoryMB": "1", "device": devices}},
+                 "runtime": {"powerState": "poweredOn"}, "guest": {"guestState": text},
+                 "stats": {f"disk.{name}": {text: "1"} for name in ("read", "write")}}],
+    }
+
+
+# Every string column that takes its text from the daemon, with the words that stand in for an empty one.
+COLUMNS = {
+    (1, 1, 0): b"", (1, 2, 0): b"", (1, 4, 0): b"",
+    (2, 1, 1, 2, 0): b"", (2, 1, 1, 3, 0): b"", (2, 1, 1, 4, 0): b"", (2, 1, 1, 8, 0): b"",
+    (2, 2, 1, 3, 0, 0): b"", (2, 3, 1, 3, 0, 0): b"", (2, 4, 1, 3, 0, 0): b"", (2, 4, 1, 4, 0, 0): b"",
+    (2, 5, 1, 3, 0, 0): b"unknown", (2, 6, 1, 3, 0, 0): b"unknown", (3, 3, 1, 2, 1): b"", (3, 4, 1, 2, 1): b"", (3, 4, 1, 4, 1): b"",
+}
+
+
+def cut(text, most):
+    """The first `most` bytes at most, not ending inside a character; what is no character stands for itself."""
+    if len(text) <= most:
+        return {text}
+    # Inside well-formed text there is one right place. Elsewhere the last few bytes are the agent's choice.
+    try:
+        text.decode()
+        return {text[:most].decode(errors="ignore").encode()}
+    except UnicodeDecodeError:
+        return {text[:length] for length in range(most - 3, most + 1)}
+
+
+@pytest.mark.parametrize("name", TEXTS)
+def test_every_string_column_bears_every_text(name, shifted_agent, rogue, directory):
+    text = TEXTS[name]
+    rogue.behave(GoodDaemon(host_of(text), directory))
+    agent = shifted_agent()
+    before = watch.descriptors(agent.pid)
+    sent = text.encode(errors="surrogateescape")
+    with watch.Prober() as prober:
+        for _ in range(3):
+            agent.refresh()
+            for suffix, empty in COLUMNS.items():
+                oid = ENTERPRISE + suffix
+                answer, = agent.client.get(oid)
+                assert answer.type == "OCTET STRING", (oid, answer)
+                most = SHORTER.get(oid[:-1], LONGEST)
+                assert answer.value in cut(sent or empty, most), (oid, answer.value[:80], len(answer.value))
+        walked = [i for i in agent.client.walk()]
+        bulked = agent.client.bulk_walk(repetitions=3)
+        assert [i.oid for i in walked] == [i.oid for i in bulked]
+        assert {ENTERPRISE + suffix for suffix in COLUMNS} <= {i.oid for i in walked}
+    prober.check(1)
+    assert watch.descriptors(agent.pid) == before
+    watch.report(f"every string is {name}", "answers it, cut to 2559 bytes (product: 255 and 15) before a character that does not fit",
+                 prober.figures()["max"], prober)
+
+
+def test_the_columns_are_all_there_are(host):
+    """A string column of the tree that the test above leaves out is one whose text the daemon cannot choose."""
+    fixed = {(2, 1, 1, 6, 0), (2, 2, 1, 4, 0, 0), (2, 4, 1, 5, 0, 0), (2, 5, 1, 4, 0, 0), (2, 6, 1, 4, 0, 0), (4, 1, 1, 1, 0)}
+    strings = {i.oid[len(ENTERPRISE):] for i in expected_tree.tree(host) if i.type == "OCTET STRING"}
+    assert strings == fixed | set(COLUMNS)

@@ -1,0 +1,156 @@
+#include "apps/vessad/backends/libvirt/Identities.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
+
+#include "tests/unit/vessad/log_lines.h"
+#include "tests/unit/vessad/temporary_directory.h"
+
+namespace Vessad::Libvirt {
+namespace {
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::UnorderedElementsAre;
+using VessadTest::FilesIn;
+using VessadTest::ReadAll;
+using VessadTest::WriteAll;
+
+const std::string a = "00000000-0000-4000-8000-00000000000a";
+const std::string b = "00000000-0000-4000-8000-00000000000b";
+const std::string c = "00000000-0000-4000-8000-00000000000c";
+
+class IdentitiesTest : public testing::Test {
+  protected:
+    std::filesystem::path File() const { return directory.GetPath() / "identities"; }
+
+    VessadTest::TemporaryDirectory directory;
+    VessadTest::LogLines log;
+};
+
+TEST_F(IdentitiesTest, AreGivenInTheOrderOfAskingFarEnoughApartForVirtualCpus) {
+    Identities identities(directory.GetPath());
+    identities.Admit({b, a});
+    EXPECT_EQ(identities.Find(b), 1000);
+    EXPECT_EQ(identities.Find(a), 2000);
+    EXPECT_EQ(identities.Find(c), 0);
+}
+
+TEST_F(IdentitiesTest, StayTheSameAfterARestart) {
+    Identities(directory.GetPath()).Admit({a, b});
+    Identities identities(directory.GetPath());
+    EXPECT_EQ(identities.Find(a), 1000);
+    EXPECT_EQ(identities.Find(b), 2000);
+    identities.Admit({c, b, a});
+    EXPECT_EQ(identities.Find(a), 1000);
+    EXPECT_EQ(identities.Find(c), 3000);
+    EXPECT_THAT(log.GetText(), IsEmpty());
+}
+
+TEST_F(IdentitiesTest, AreWrittenAsTextThatOnlyTheOwnerReads) {
+    Identities(directory.GetPath()).Admit({a});
+    EXPECT_EQ(ReadAll(File()), "tovric-vessad identities 1\nnext 2000\n1000 " + a + "\n");
+    struct stat status {};
+    ASSERT_EQ(::stat(File().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0600U);
+}
+
+TEST_F(IdentitiesTest, MakeTheirDirectory) {
+    const auto below = directory.GetPath() / "state" / "vessad";
+    Identities(below).Admit({a});
+    EXPECT_EQ(Identities(below).Find(a), 1000);
+}
+
+TEST_F(IdentitiesTest, RefuseADirectoryThatIsAFile) {
+    WriteAll(directory.GetPath() / "file", "");
+    EXPECT_THROW(Identities(directory.GetPath() / "file"), std::runtime_error);
+}
+
+TEST_F(IdentitiesTest, RefuseAFileThatCannotBeRead) {
+    std::filesystem::create_directory(File());
+    EXPECT_THROW(Identities(directory.GetPath()), std::runtime_error);
+}
+
+// A directory in the way of the new file makes every write fail, also as root.
+TEST_F(IdentitiesTest, ShowNoNumberThatIsNotSafeAndTryAgain) {
+    Identities identities(directory.GetPath());
+    identities.Admit({a});
+    const auto obstacle = directory.GetPath() / "identities.new";
+    std::filesystem::create_directory(obstacle);
+    identities.Admit({a, b});
+    identities.Admit({a, b, c});
+    EXPECT_EQ(identities.Find(a), 1000);
+    EXPECT_EQ(identities.Find(b), 0);
+    EXPECT_EQ(identities.Find(c), 0);
+    EXPECT_THAT(log.GetText(), HasSubstr("error cannot write " + obstacle.string()));
+    EXPECT_EQ(log.GetText().find("cannot write"), log.GetText().rfind("cannot write")) << "told once";
+
+    std::filesystem::remove(obstacle);
+    identities.Admit({a, b});
+    EXPECT_EQ(identities.Find(b), 2000);
+    EXPECT_EQ(Identities(directory.GetPath()).Find(b), 2000);
+}
+
+TEST_F(IdentitiesTest, OfADamagedFileAreTakenOverAsFarAsTheyCanBeReadAndTheFileIsKept) {
+    const std::string damaged = "tovric-vessad identities 1\nnext 7000\n1000 " + a + "\n2000 0000\n3000 " + b;
+    WriteAll(File(), damaged);
+    Identities identities(directory.GetPath());
+    EXPECT_EQ(ReadAll(directory.GetPath() / "identities.damaged-1"), damaged);
+    EXPECT_EQ(identities.Find(a), 1000);
+    EXPECT_EQ(identities.Find(b), 3000);
+    identities.Admit({c});
+    EXPECT_EQ(identities.Find(c), 1007000);
+    EXPECT_THAT(log.GetText(), HasSubstr("error " + File().string() + " is damaged and kept as " +
+                                         File().string() + ".damaged-1: 2 machines keep their ids"));
+    EXPECT_EQ(Identities(directory.GetPath()).Find(c), 1007000);
+}
+
+TEST_F(IdentitiesTest, NeverOverwriteADamagedFileThatIsKept) {
+    WriteAll(File(), "first");
+    Identities(directory.GetPath());
+    WriteAll(File(), "second");
+    Identities(directory.GetPath());
+    EXPECT_EQ(ReadAll(directory.GetPath() / "identities.damaged-1"), "first");
+    EXPECT_EQ(ReadAll(directory.GetPath() / "identities.damaged-2"), "second");
+    EXPECT_THAT(FilesIn(directory.GetPath()),
+                UnorderedElementsAre("identities", "identities.damaged-1", "identities.damaged-2"));
+}
+
+TEST_F(IdentitiesTest, AreSoundOnlyWithoutRepetitions) {
+    const std::string head = "tovric-vessad identities 1\n";
+    const std::vector<std::string> texts{head + "next 3000\n1000 " + a + "\n1000 " + b + "\n",
+                                         head + "next 3000\n1000 " + a + "\n2000 " + a + "\n",
+                                         head + "next 1000\n1000 " + a + "\n",
+                                         head + "1000 " + a + "\n",
+                                         head + "next 2000\n-5 " + a + "\n",
+                                         head + "next 2000\n1000 0000000000000-4000-8000-00000000000a\n",
+                                         "other heading\nnext 1000\n",
+                                         ""};
+    for (const std::string& text : texts) {
+        const VessadTest::LogLines own;
+        const VessadTest::TemporaryDirectory fresh;
+        WriteAll(fresh.GetPath() / "identities", text);
+        Identities identities(fresh.GetPath());
+        EXPECT_THAT(own.GetText(), HasSubstr("is damaged")) << text;
+        EXPECT_EQ(ReadAll(fresh.GetPath() / "identities.damaged-1"), text);
+    }
+}
+
+TEST_F(IdentitiesTest, EndWithTheLargestNumberThatAnAgentCanShow) {
+    WriteAll(File(), "tovric-vessad identities 1\nnext 2147483000\n");
+    Identities identities(directory.GetPath());
+    identities.Admit({a, b});
+    EXPECT_EQ(identities.Find(a), 2147483000);
+    EXPECT_EQ(identities.Find(b), 0);
+    EXPECT_THAT(log.GetText(), HasSubstr("no machine id is left"));
+    EXPECT_THAT(log.GetText(), Not(HasSubstr("damaged")));
+    EXPECT_EQ(Identities(directory.GetPath()).Find(a), 2147483000);
+    EXPECT_THAT(log.GetText(), Not(HasSubstr("damaged")));
+}
+
+}  // namespace
+}  // namespace Vessad::Libvirt
