@@ -1,0 +1,55 @@
+"""Fixtures of the libvirt tests.
+
+What needs a libvirtd starts one of its own (libvirt_host.Libvirtd) and is skipped, with the reason, where that is not
+possible: it takes root, libvirt-daemon-system and qemu-system-x86. The tests on libvirt's test driver take neither.
+"""
+
+import contextlib
+import pathlib
+import shutil
+import tempfile
+
+import pytest
+
+for helper in ("libvirt_host", "domain_tree"):
+    pytest.register_assert_rewrite(helper)
+
+import libvirt_host  # noqa: E402
+
+
+@pytest.fixture(scope="session")
+def shared_libvirtd():
+    reason = libvirt_host.why_not()
+    if reason:
+        pytest.skip(f"no live guests: {reason}")
+    folder = pathlib.Path(tempfile.mkdtemp(prefix="kelv-libvirt-"))
+    libvirtd = libvirt_host.Libvirtd(folder)
+    yield libvirtd
+    libvirtd.stop()
+    shutil.rmtree(folder)
+
+
+@pytest.fixture
+def libvirtd(shared_libvirtd):
+    """A libvirtd without guests."""
+    yield shared_libvirtd
+    if shared_libvirtd.process.poll() is not None:
+        shared_libvirtd.start()
+    shared_libvirtd.end_guests()
+
+
+@pytest.fixture
+def start_libvirt_daemon(directory):
+    """start_libvirt_daemon(uri) starts the daemon on a libvirt host; it must stop cleanly at the end."""
+    with contextlib.ExitStack() as stack:
+        def start(uri, *options):
+            daemon = libvirt_host.Daemon(uri, directory, *options)
+            stack.callback(check_stop, daemon)
+            return daemon
+
+        def check_stop(daemon):
+            was_stopped = daemon.process.poll() is not None
+            code = daemon.stop()
+            assert was_stopped or code == 0, f"the daemon ended with {code}: {daemon.log_text()}"
+
+        yield start

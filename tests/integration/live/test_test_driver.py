@@ -1,0 +1,103 @@
+"""Hosts of libvirt's own test driver: the walk of the agent equals what virsh says of them."""
+
+import re
+import subprocess
+
+import domain_tree
+import libvirt_host
+import pytest
+import system
+
+
+def figures(uri, machines):
+    """The figures of the machines under the names of domstats, from virsh's older commands."""
+    questions = []
+    for domain in machines:
+        if domain_tree.POWER[domain.state] == "poweredOff":
+            continue
+        questions += [(domain, "vcpuinfo", ""), (domain, "dommemstat", "")]
+        questions += [(domain, "domblkstat", drive.find("target").get("dev")) for drive in domain.disks()]
+        questions += [(domain, "domifstat", card.find("target").get("dev")) for card in domain.cards
+                      if card.find("target") is not None]
+    found = {domain.uuid: {} for domain in machines}
+    answers = libvirt_host.virsh(uri, *(f"{command} {domain.uuid} {device}" for domain, command, device in questions))
+    for (domain, command, device), answer in zip(questions, answers):
+        found[domain.uuid].update(_READERS[command](answer, device))
+    return found
+
+
+def _cpus(answer, _):
+    times = re.findall(r"^VCPU:\s+(\d+)$.*?^CPU time:\s+([\d.]+)s$", answer, re.MULTILINE | re.DOTALL)
+    return {f"vcpu.{cpu}.time": int(float(seconds) * 10 ** 9) for cpu, seconds in times}
+
+
+def _memory(answer, _):
+    numbers = dict(line.split() for line in answer.splitlines() if line)
+    return {"active": int(numbers["available"]) - int(numbers["unused"])}
+
+
+def _disk(answer, device):
+    names = {"rd_req": "rd.reqs", "rd_bytes": "rd.bytes", "wr_req": "wr.reqs", "wr_bytes": "wr.bytes"}
+    numbers = [line.split()[1:] for line in answer.splitlines() if line]
+    return {f"block.{device}.{names[name]}": int(number) for name, number in numbers if name in names}
+
+
+def _card(answer, device):
+    names = {"rx_packets": "rx.pkts", "rx_bytes": "rx.bytes", "tx_packets": "tx.pkts", "tx_bytes": "tx.bytes"}
+    numbers = [line.split()[1:] for line in answer.splitlines() if line]
+    return {f"net.{device}.{names[name]}": int(number) for name, number in numbers if name in names}
+
+
+_READERS = {"vcpuinfo": _cpus, "dommemstat": _memory, "domblkstat": _disk, "domifstat": _card}
+
+
+@pytest.fixture(params=[1, 50, 1000])
+def uri(request, directory):
+    file = directory / "host.xml"
+    file.write_text(libvirt_host.host_file(request.param))
+    return f"test://{file}"
+
+
+def test_the_walk_equals_what_virsh_says(uri, start_libvirt_daemon, start_agent):
+    machines = domain_tree.domains(uri)
+    before = figures(uri, machines)
+    daemon = start_libvirt_daemon(uri)
+    agent = start_agent(timeout=20)
+    agent.allow_log(*system.DATA_LOG)
+    found = agent.client.bulk_walk(repetitions=50)
+    after = figures(uri, machines)
+    identities = daemon.identities()
+    assert sorted(identities) == sorted(domain.uuid for domain in machines)
+    assert len(set(identities.values())) == len(machines)
+    domain_tree.assert_equal(found, domain_tree.tree(uri, identities, before, after, cpu_shares=50))
+
+
+def test_machines_keep_their_numbers_over_a_restart(directory, start_libvirt_daemon, start_agent):
+    file = directory / "host.xml"
+    file.write_text(libvirt_host.host_file(5))
+    daemon = start_libvirt_daemon(f"test://{file}")
+    before = daemon.identities()
+    daemon.stop()
+    file.write_text(libvirt_host.host_file(9))
+    after = start_libvirt_daemon(f"test://{file}").identities()
+    assert len(before) == 5 and len(after) == 9
+    assert {uuid: after[uuid] for uuid in before} == before
+
+
+@pytest.mark.parametrize("uri, reason", [("nonsense", "does not include a driver name"), ("test:///no/such.xml", "failed to parse"),
+                                         (":::", "Unable to parse URI")])
+def test_a_uri_that_cannot_work_ends_the_daemon_with_the_reason(uri, reason, directory):
+    run = subprocess.run([system.DAEMON, "--libvirt", uri, "--listen", "127.0.0.1:902", "--ticket-dir", directory / "tickets",
+                          "--state-dir", directory / "state", "--foreground"], capture_output=True, text=True, timeout=20,
+                         check=False)
+    assert run.returncode != 0
+    assert f"the libvirt URI {uri} cannot be used" in run.stderr and reason in run.stderr
+
+
+def test_a_host_that_is_down_is_served_empty(directory, start_libvirt_daemon, start_agent):
+    daemon = start_libvirt_daemon(f"qemu+unix:///system?socket={directory}/none")
+    agent = start_agent()
+    agent.allow_log("SNMPRaskRefreshCache: no VM found.", *system.DATA_LOG)
+    found = agent.client.walk(root=(1, 3, 6, 1, 4, 1, 32473, 2))
+    assert found == []
+    assert "libvirt cannot be reached" in daemon.log_text()
