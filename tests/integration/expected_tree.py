@@ -69,11 +69,16 @@ def cut(text, most=LONGEST_TEXT):
     return text.encode()[:most].decode(errors="ignore").encode()
 
 
+def whole_number(text, otherwise):
+    """The 32-bit number that the text is, else `otherwise`."""
+    if re.fullmatch(r"-?[0-9]+", text) and -(1 << 31) <= int(text) < 1 << 31:
+        return int(text)
+    return otherwise
+
+
 def vm_id(vm):
-    """The machine's identifier: its id where that is a 32-bit number, else -1."""
-    if re.fullmatch(r"[+-]?[0-9]+", vm["id"]) and -(1 << 31) <= int(vm["id"]) < 1 << 31:
-        return int(vm["id"])
-    return -1
+    """The machine's identifier."""
+    return whole_number(vm["id"], -1)
 
 
 def single(number):
@@ -194,7 +199,7 @@ def product(host):
     version = about["version"].split(".")
     parts = [0, 0, 0]
     if len(version) == 3:
-        parts = [int(part) if re.fullmatch(r"[+-]?[0-9]+", part) else 0 for part in version]
+        parts = [whole_number(part, 0) for part in version]
     base = ENTERPRISE + (1,)
     yield Instance(base + (1, 0), "OCTET STRING", cut(about["name"], 255))
     yield Instance(base + (2, 0), "OCTET STRING", cut(about["version"], 15))

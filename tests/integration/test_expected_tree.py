@@ -80,7 +80,7 @@ def test_processor_time_is_whole_seconds_toward_zero(milliseconds, expected):
 
 
 @pytest.mark.parametrize("text, expected", [
-    ("16", 16), ("-7", -7), ("web", -1), ("", -1), ("1x", -1), ("2147483647", 2147483647), ("2147483648", -1)])
+    ("16", 16), ("-7", -7), ("web", -1), ("", -1), ("1x", -1), ("2147483647", 2147483647), ("2147483648", -1), ("+16", -1)])
 def test_identifiers_are_32_bit_numbers_or_minus_one(text, expected):
     assert expected_tree.vm_id({"id": text}) == expected
 

@@ -4,11 +4,14 @@ import os
 import re
 import subprocess
 
-import expected_tree
 import pytest
 import system
+from expected_tree import ENTERPRISE
 
 INTEGER, TEXT, IDENTIFIER, COUNTER = "Integer32", "OCTET STRING", "OBJECT IDENTIFIER", "Counter64"
+
+# The names of the agent's own table of registrations, indexed by where each is.
+NS_MODULE_NAME = (1, 3, 6, 1, 4, 1, 8072, 1, 2, 1, 1, 4)
 
 # What the module registers: name, place under the enterprise, syntax.
 SCALARS = [
@@ -94,16 +97,28 @@ def test_a_negative_index_can_be_named():
     assert translate(".1.3.6.1.4.1.32473.3.1.2.1.2.4294967295").strip() == "TOVRIC-KELV-MIB::cpuShares.4294967295"
 
 
-@pytest.mark.parametrize("host", ["every-device", "resources"])
-def test_every_instance_of_a_host_has_the_type_and_the_index_of_its_object(host):
-    """The MIB against the answers: together with the walks of the hosts, against what the module registers."""
+def registered(agent):
+    """The places under the enterprise that the agent has a handler for, by its own table of registrations."""
+    rests = [i.oid[len(NS_MODULE_NAME) + 1:] for i in agent.client.walk(NS_MODULE_NAME)]     # the context's name is empty
+    names = [rest[1:1 + rest[0]] for rest in rests]
+    return {".".join(map(str, name[len(ENTERPRISE):])) for name in names if name[:len(ENTERPRISE)] == ENTERPRISE}
+
+
+def test_the_agent_registers_and_answers_what_the_file_defines(start_daemon, start_agent):
+    start_daemon(system.HOSTS / "every-device.yaml")
+    agent = start_agent()
+    agent.allow_log(*system.DATA_LOG, *system.NO_DATASTORE_LOG)
     types = {INTEGER: "INTEGER", TEXT: "OCTET STRING", IDENTIFIER: "OBJECT IDENTIFIER", COUNTER: "Counter64"}
     arity = {f"{place}.{column}": len(index) for _, place, index, columns in TABLES for column in range(1, len(columns) + 1)}
     places = {place: (types[syntax], arity.get(place)) for _, place, syntax in OBJECTS}
-    for instance in expected_tree.tree(expected_tree.load(system.HOSTS / f"{host}.yaml")):
-        rest = instance.oid[len(expected_tree.ENTERPRISE):]
+    assert registered(agent) == set(places)
+    seen = set()
+    for instance in agent.client.walk():
+        rest = instance.oid[len(ENTERPRISE):]
         place = next(p for p in (".".join(map(str, rest[:n])) for n in range(1, len(rest))) if p in places)
         kind, width = places[place]
         assert instance.type == kind
-        instance_part = rest[place.count(".") + 1:]
-        assert instance_part == (0,) if width is None else len(instance_part) == width
+        part = rest[place.count(".") + 1:]
+        assert part == (0,) if width is None else len(part) == width
+        seen.add(place)
+    assert seen == set(places)

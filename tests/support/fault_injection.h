@@ -1,6 +1,6 @@
 // Makes calls of the C library fail, or answer what a test wants.
 //
-// Works on the calls that the linked objects themselves make, in programs linked with the `fault_injection`
+// Works on the calls that the linked objects themselves make, in programs linked with the `snmp_test_support`
 // target; shared libraries keep calling the real functions.
 #pragma once
 
