@@ -5,8 +5,15 @@
 
 namespace Tessim {
 
-// Ends the process, with the place and the text on the standard error output, unless `holds`. For broken
-// contracts of the program itself only, never for input.
-void Assert(bool holds, const char* expression, const SourceLocation& where = SourceLocation::current());
+// Ends the process, with the place and the text on the standard error output.
+[[noreturn]] void AssertionFailed(const char* expression, const SourceLocation& where);
+
+// Ends the process that way unless `holds`. For broken contracts of the program itself only, never for input.
+inline void Assert(bool holds, const char* expression,
+                   const SourceLocation& where = SourceLocation::current()) {
+    if (!holds) {
+        AssertionFailed(expression, where);
+    }
+}
 
 }  // namespace Tessim

@@ -77,6 +77,8 @@ class Ref {
     }
     void Release() noexcept {
         if (held != nullptr) {
+            // The analyzer does not follow the atomic count.
+            // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete)
             held->DecRef();
         }
     }

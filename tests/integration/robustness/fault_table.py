@@ -26,6 +26,8 @@ def main(path):
         took = milliseconds(line["seconds"]) if line["seconds"] else "–"
         delays = f"{milliseconds(line['p50'])} / {milliseconds(line['p99'])}" if "p50" in line else "–"
         memory = f" (peak {line['megabytes']} MB)" if "megabytes" in line else ""
+        if "processor" in line:
+            took += f" (processor {milliseconds(line['processor'])})"
         print(f"| {cell(line['fault'])} | {cell(line['does'])}{memory} | {took} | {delays} | `{cell(line['test'])}` |")
     print(f"\n{sum(line.get('faults', 1) for line in lines)} faults in {len(lines)} lines.")
 

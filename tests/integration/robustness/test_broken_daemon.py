@@ -363,17 +363,19 @@ def test_a_large_reply_costs_neither_the_time_nor_the_memory_of_the_agent(method
     for name, message in bad_replies.large(method).items():
         rogue.behave(Replaced(good, **{method: lambda stream, call, m=message: (stream.send(m), stream.end(END))}))
         rogue.drop_connections()
+        used = watch.processor_seconds(agent.pid)
         with watch.Prober() as prober:
             held = ask_everything(agent)
-        budget = CONNECT if method == "AcquireLocalTicket" else REFRESH
-        assert held < budget + watch.SLACK, name
-        prober.check(budget)
+        # Taking a reply apart is work, not waiting: how long it takes depends on who else works.
+        used = watch.processor_seconds(agent.pid) - used
+        assert used < CONNECT + watch.SLACK, name
+        prober.check(REFRESH + watch.SLACK)
         rogue.behave(good)
         rogue.drop_connections()
         agent.recover(host)
         peak = watch.memory(agent.pid, "VmHWM") // 1024
         assert peak < 1024, f"{name}: {peak} MB"
-        watch.report(f"{name}, in reply to {method}", REFUSES, held, prober, megabytes=peak)
+        watch.report(f"{name}, in reply to {method}", REFUSES, held, prober, megabytes=peak, processor=used)
     assert watch.descriptors(agent.pid) == before
 
 

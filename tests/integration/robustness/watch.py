@@ -131,6 +131,12 @@ def descriptors(pid):
     return sorted(found)
 
 
+def processor_seconds(pid):
+    """The processor time that a process has used."""
+    fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
 def memory(pid, key="VmRSS"):
     """A figure of a process's memory in kilobytes."""
     return int(re.search(rf"^{key}:\s+(\d+)", pathlib.Path(f"/proc/{pid}/status").read_text(), re.MULTILINE)[1])

@@ -93,7 +93,7 @@ void FakeShop::GetOwner(Tessim::Ref<Ordane::MoRef>& out) {
 
 Tessim::Ref<Ordane::ManagedObject> ShopSource::Find(const Ordane::MoRef& reference) {
     if (reference.GetType() == "Shop" && reference.GetId() == "shop-1") {
-        return Tessim::Ref<Ordane::ManagedObject>(shop);
+        return shop;
     }
     return nullptr;
 }

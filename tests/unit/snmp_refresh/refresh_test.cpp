@@ -688,6 +688,20 @@ TEST_F(RefreshTest, ReportsAConnectionThatBreaksInTheMiddle) {
     EXPECT_EQ(daemon.openings.size(), 2U);
 }
 
+TEST_F(RefreshTest, ReconnectsAtOnceWhenTheFiguresBreakTheConnection) {
+    AddFullVm("16");
+    daemon.WhenSent("QueryPerf", [] { throw Tessim::StreamException("reset by peer"); });
+    RequestAt(0);
+    const std::vector<std::string> texts = TextsOf(log.Take(), 4);
+    EXPECT_THAT(texts, Contains("OrdaneClient::CollectVMStats: :reset by peer\n"));
+    EXPECT_EQ(TestRows::Counts(), noRows);
+    daemon.WhenSent("QueryPerf", nullptr);
+    RequestAt(0);
+    EXPECT_EQ(TestRows::Vms().size(), 1U);
+    EXPECT_EQ(TestRows::Memories().at(0)->memActive, 9);
+    EXPECT_EQ(daemon.openings.size(), 2U);
+}
+
 TEST_F(RefreshTest, LetsStrangeExceptionsPassAndKeepsNoHalfCache) {
     AddFullVm("16");
     AddFullVm("32");

@@ -265,6 +265,7 @@ TEST_F(StatisticsTest, ReportsAFailedQueryAndGoesOnWithoutResults) {
     EXPECT_NO_THROW(client->CollectVMStats(AllVms().Get()));
     EXPECT_THAT(log.Take(),
                 ElementsAreArray(Report("OrdaneClient::CollectVMStats: :it failed\n", failure, 4)));
+    EXPECT_TRUE(client->IsInitialized());
     EXPECT_EQ(Retrieve("16", "cpu", "used", "0"), -1);
     EXPECT_THAT(log.Take(), ElementsAre(LogLine{4, "OrdaneClient::RetrieveStats: no stats available."}));
 }
@@ -277,6 +278,12 @@ TEST_F(StatisticsTest, ReportsABrokenConnectionOfTheQueryToo) {
     EXPECT_EQ(lines[0], (LogLine{4, "OrdaneClient::CollectVMStats: :reset\n"}));
     EXPECT_EQ(lines[1].priority, 4);
     EXPECT_EQ(lines[1].text.back(), '\n');
+    // The next query makes a new connection.
+    EXPECT_FALSE(client->IsInitialized());
+    daemon.WhenSent("QueryPerf", nullptr);
+    client->CollectVMStats(AllVms().Get());
+    EXPECT_EQ(daemon.openings.size(), 2U);
+    EXPECT_EQ(host.queries.size(), 1U);
 }
 
 TEST_F(StatisticsTest, LetsAFailedCatalogueReachTheRefresh) {
