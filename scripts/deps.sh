@@ -31,7 +31,8 @@ ensure_packages() {
             return 1
         fi
     fi
-    local quiet=(env DEBIAN_FRONTEND=noninteractive apt-get -qq)
-    "${asRoot[@]}" "${quiet[@]}" update </dev/null >&2 &&
-        "${asRoot[@]}" "${quiet[@]}" -y --no-install-recommends install "${missing[@]}" </dev/null >&2
+    local quiet=(env DEBIAN_FRONTEND=noninteractive apt-get -qq -o Dpkg::Use-Pty=0)
+    # Errors come on the other stream.
+    "${asRoot[@]}" "${quiet[@]}" update </dev/null >/dev/null &&
+        "${asRoot[@]}" "${quiet[@]}" -y --no-install-recommends install "${missing[@]}" </dev/null >/dev/null
 }
