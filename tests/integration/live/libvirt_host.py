@@ -83,7 +83,7 @@ class Libvirtd:
              f"ip link add {BRIDGE} type bridge && ip addr add 10.77.0.1/24 dev {BRIDGE} && ip link set {BRIDGE} up && "
              f"touch {folder}/ready && exec sleep infinity"],
             stdin=subprocess.DEVNULL, preexec_fn=_die_with_parent)
-        system.wait_until((folder / "ready").exists, "the namespaces of libvirtd")
+        system.wait_until((folder / "ready").exists, "the namespaces of libvirtd", 60)
         self.uri = f"qemu+unix:///system?socket={folder}/sock/libvirt-sock"
         self.process = None
         self.start()
@@ -94,7 +94,7 @@ class Libvirtd:
             self._inside(LIBVIRTD, "-f", f"{self.folder}/etc/libvirtd.conf", "-p", f"{self.folder}/libvirtd.pid"),
             stdin=subprocess.DEVNULL, stdout=log, stderr=log, preexec_fn=_die_with_parent)
         log.close()
-        system.wait_until(self._answers, "libvirtd to answer", 30)
+        system.wait_until(self._answers, "libvirtd to answer", 120)
 
     def _answers(self):
         assert self.process.poll() is None, (self.folder / "libvirtd.log").read_text(errors="replace")
@@ -262,7 +262,8 @@ class Daemon(system.Daemon):
             [system.DAEMON, "--libvirt", uri, "--listen", "{}:{}".format(*system.DAEMON_ADDRESS), "--ticket-dir",
              self.tickets, "--state-dir", self.state, "--foreground", *options],
             stdin=subprocess.DEVNULL, stdout=self.output, stderr=subprocess.STDOUT, preexec_fn=_die_with_parent)
-        system.wait_until(self.is_listening, "the daemon to listen")
+        # It asks the host first.
+        system.wait_until(self.is_listening, "the daemon to listen", 60)
 
     def identities(self):
         """UUID → the machine's number, as the daemon keeps them."""

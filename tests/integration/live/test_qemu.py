@@ -7,6 +7,7 @@ import threading
 import time
 
 import domain_tree
+import fresh_agent
 import libvirt_host
 import pytest
 import system
@@ -16,10 +17,13 @@ from libvirt_host import card_xml, disk_xml, guest_xml
 from snmp_client import Client
 
 CONFIG = "/etc/libvirt/qemu"
-# The daemon collects every 5 s; a machine that does not answer costs one collection 2 s.
-COLLECTED = 20
-# How long a guest may take to start working on a machine that has other things to do.
+# The daemon collects every 5 s, but rests for four times as long as it worked; a machine that does not answer costs one
+# collection 2 s. Deadlines are for a machine that has other things to do.
+COLLECTED = 120
+# How long a guest may take to start working.
 PATIENCE = 180
+# For how long the inventory outlives libvirtd.
+KEPT = 60
 
 VM = ENTERPRISE + (2, 1, 1)
 VM_NAME = 2
@@ -194,12 +198,16 @@ def test_the_life_of_a_guest_shows_while_a_manager_walks(libvirtd, start_libvirt
     walker = Walker()
     number = None
 
-    def shows(name, *expected):
+    def comes(name, *expected):
         system.wait_until(lambda: now.machines().get(name, (0,))[1:] == expected, f"{name} to be {expected}", COLLECTED)
+
+    def shows(name, *expected):
+        daemon.signal(signal.SIGHUP)    # not to wait for the next collection
+        comes(name, *expected)
 
     try:
         libvirtd.define(guest_xml("guest", disk_xml(libvirtd.image("d1"), "vda", "virtio") + card_xml("52:54:00:cc:00:01")))
-        shows("guest", "poweredOff", 1, 1)
+        comes("guest", "poweredOff", 1, 1)
         number = now.machines()["guest"][0]
         libvirtd.virsh("start guest")
         shows("guest", "poweredOn", 1, 1)
@@ -227,60 +235,76 @@ def test_the_life_of_a_guest_shows_while_a_manager_walks(libvirtd, start_libvirt
         assert now.machines()["renamed"][0] == number
         assert set(now.machines()) == {"other", "renamed"}
         libvirtd.virsh("undefine renamed")
+        daemon.signal(signal.SIGHUP)
         system.wait_until(lambda: set(now.machines()) == {"other"}, "the machine to go", COLLECTED)
     finally:
         walker.stop()
     assert number in daemon.identities().values()
 
 
-def shown_machines(client):
-    return {i.oid[-1]: i.value.decode() for i in client.bulk_walk(root=VM + (VM_NAME,))}
+def shown_machines(instances):
+    """Position → name."""
+    return {i.oid[-1]: i.value.decode() for i in instances if i.oid[:-1] == VM + (VM_NAME,)}
 
 
-@pytest.mark.slow
-def test_a_frozen_guest_holds_up_nobody(libvirtd, start_libvirt_daemon, start_agent):
-    for name in ("frozen", "lively"):
+def disk_reads(instances, numbers):
+    """Name → the number of reads of the machine's only disk, -1 where it is not known; `numbers`: name → the machine's."""
+    found = {instance.oid: instance.value for instance in instances}
+    rows = {found[oid]: oid[-1] for oid in found if oid[:-1] == DISK + (3,)}
+    return {name: found[DISK + (5, rows[number])] for name, number in numbers.items()}
+
+
+def test_frozen_guests_hold_up_nobody(libvirtd, start_libvirt_daemon, directory):
+    frozen, names = ("frozen", "stiff"), ("frozen", "lively", "stiff")
+    for name in names:
         libvirtd.define(guest_xml(name, disk_xml(libvirtd.busy_image(name), "vda", "virtio")))
-    libvirtd.virsh("start frozen", "start lively")
-    system.wait_until(lambda: all(m.get("block.vda.rd.reqs", 0) > 20 for m in figures(libvirtd).values()),
-                      "the guests to read their disks", PATIENCE)
+        libvirtd.virsh(f"start {name}")
+
+    def have_read(more_than=20):
+        return all(machine.get("block.vda.rd.reqs", 0) > more_than for machine in figures(libvirtd).values())
+
+    system.wait_until(have_read, "the guests to read their disks", PATIENCE)
     daemon = start_libvirt_daemon(libvirtd.uri)
-    agent = start_agent()
-    agent.allow_log(*system.DATA_LOG)
-    numbers = daemon.identities()
-    rows = {i.value: i.oid[-1] for i in agent.client.bulk_walk(root=DISK + (3,))}
-    frozen, lively = (rows[numbers[libvirtd.virsh(f"domuuid {name}")[0].strip()]] for name in ("frozen", "lively"))
+    identities = daemon.identities()
+    numbers = {name: identities[libvirtd.virsh(f"domuuid {name}")[0].strip()] for name in names}
 
-    def reads(row):
-        return agent.client.get(DISK + (5, row))[0].value
+    def seen():
+        """The reads and the machines that the first walk of an agent shows, and its seconds with the refresh."""
+        found, took = fresh_agent.ask(directory, lambda client: client.bulk_walk())
+        return disk_reads(found, numbers), shown_machines(found), took
 
-    assert reads(frozen) > 20
-    before = reads(lively)
-    assert before > 20
+    before, machines, _ = seen()
+    assert all(reads > 20 for reads in before.values())
+    assert sorted(machines.values()) == sorted(names)
 
-    pid = libvirtd.qemu_pid("frozen")
-    os.kill(pid, signal.SIGSTOP)
+    pids = [libvirtd.qemu_pid(name) for name in frozen]
+    for pid in pids:
+        os.kill(pid, signal.SIGSTOP)
     try:
-        system.wait_until(lambda: "does not answer since" in daemon.log_text(), "the log to tell it", COLLECTED)
-        line = next(line for line in daemon.log_text().splitlines() if "does not answer" in line)
-        assert re.search(r"machine frozen \([0-9a-f-]{36}\) does not answer since \d{4}-\d\d-\d\d \d\d:\d\d:\d\d", line)
-        slowest = 0
-        deadline = time.monotonic() + 2 * system.REFRESH_INTERVAL + 5
-        # Through at least one refresh of the agent.
-        while reads(frozen) != -1 and time.monotonic() < deadline:
-            begun = time.monotonic()
-            agent.client.bulk_walk()
-            slowest = max(slowest, time.monotonic() - begun)
-            time.sleep(0.2)
-        assert slowest < 1, "seconds that a walk took"
-        assert reads(frozen) == -1, "a figure of a machine that does not answer"
-        assert sorted(shown_machines(agent.client).values()) == ["frozen", "lively"]
-        assert reads(lively) > before
+        for name in frozen:
+            said = rf"machine {name} \([0-9a-f-]{{36}}\) does not answer since \d{{4}}-\d\d-\d\d \d\d:\d\d:\d\d"
+            system.wait_until(lambda: re.search(said, daemon.log_text()), f"the log to tell of {name}", COLLECTED)
+        times = []
+
+        def is_known():
+            reads, shown, took = seen()
+            times.append(took)
+            assert shown == machines, "the machines' rows stay"
+            return all(reads[name] == -1 for name in frozen) and reads["lively"] > before["lively"]
+
+        system.wait_until(is_known, "the figures of the frozen ones alone to be gone", COLLECTED)
+        while min(times) >= 1 and len(times) < 10:
+            times.append(seen()[2])
+        # The best of some, on a machine that has other things to do: a walk that waits for a guest always does.
+        assert min(times) < 1, f"seconds that walks took: {times}"
+        assert "machine lively" not in daemon.log_text()
     finally:
-        os.kill(pid, signal.SIGCONT)
-    system.wait_until(lambda: re.search(r"machine frozen \([0-9a-f-]{36}\) answers again; it did not since", daemon.log_text()),
-                      "the log to tell it", COLLECTED)
-    system.wait_until(lambda: reads(frozen) >= 0, "the figures to come back", 2 * system.REFRESH_INTERVAL)
+        for pid in pids:
+            os.kill(pid, signal.SIGCONT)
+    for name in frozen:
+        system.wait_until(lambda: re.search(rf"machine {name} \([0-9a-f-]{{36}}\) answers again; it did not since",
+                                            daemon.log_text()), f"the log to tell of {name}", COLLECTED)
+    system.wait_until(lambda: all(reads > 20 for reads in seen()[0].values()), "the figures to come back", COLLECTED)
 
 
 @pytest.mark.slow
@@ -288,8 +312,6 @@ def test_the_inventory_outlives_libvirtd_for_a_minute(libvirtd, start_libvirt_da
     libvirtd.define(guest_xml("guest", disk_xml(libvirtd.image("e1"), "vda", "virtio")))
     libvirtd.virsh("start guest")
     daemon = start_libvirt_daemon(libvirtd.uri)
-    agent = start_agent()
-    agent.allow_log(*system.DATA_LOG, "SNMPRaskRefreshCache: no VM found.")
     now = api()
     before = now.machines()
     assert before["guest"][1] == "poweredOn"
@@ -297,14 +319,23 @@ def test_the_inventory_outlives_libvirtd_for_a_minute(libvirtd, start_libvirt_da
     libvirtd.kill()
     killed = time.monotonic()
     system.wait_until(lambda: "libvirt cannot be reached" in daemon.log_text(), "the log to tell it", COLLECTED)
-    while time.monotonic() < killed + 50:
-        assert now.machines() == before
-        time.sleep(2)
-    system.wait_until(lambda: now.machines() == {}, "the inventory to be emptied", 25)
-    system.wait_until(lambda: shown_machines(agent.client) == {}, "the agent to show it", system.REFRESH_INTERVAL + 5)
+    assert now.machines() == before
+
+    def is_emptied():
+        machines = now.machines()
+        assert machines in (before, {}), "the last inventory is kept whole"
+        time.sleep(0.5)
+        return machines == {}
+
+    system.wait_until(is_emptied, "the inventory to be emptied", KEPT + 15)
+    # The minute began with the last collection that came to its end.
+    assert time.monotonic() > killed + KEPT / 2
+    agent = start_agent()
+    agent.allow_log(*system.DATA_LOG, "SNMPRaskRefreshCache: no VM found.")
+    assert shown_machines(agent.client.bulk_walk()) == {}
 
     libvirtd.start()
     system.wait_until(lambda: now.machines() == before, "the machines to come back with their numbers", COLLECTED)
-    system.wait_until(lambda: list(shown_machines(agent.client).values()) == ["guest"], "the agent to show it",
-                      system.REFRESH_INTERVAL + 5)
-    assert "libvirt answers again: 1 machines" in daemon.log_text()
+    system.wait_until(lambda: list(shown_machines(agent.client.bulk_walk()).values()) == ["guest"], "the agent to show it",
+                      2 * system.REFRESH_INTERVAL)
+    system.wait_until(lambda: "libvirt answers again: 1 machines" in daemon.log_text(), "the log to tell it")

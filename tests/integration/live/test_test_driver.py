@@ -4,6 +4,7 @@ import re
 import subprocess
 
 import domain_tree
+import fresh_agent
 import libvirt_host
 import pytest
 import system
@@ -58,13 +59,11 @@ def uri(request, directory):
     return f"test://{file}"
 
 
-def test_the_walk_equals_what_virsh_says(uri, start_libvirt_daemon, start_agent):
+def test_the_walk_equals_what_virsh_says(uri, directory, start_libvirt_daemon):
     machines = domain_tree.domains(uri)
     before = figures(uri, machines)
     daemon = start_libvirt_daemon(uri)
-    agent = start_agent(timeout=20)
-    agent.allow_log(*system.DATA_LOG)
-    found = agent.client.bulk_walk(repetitions=50)
+    found, _ = fresh_agent.ask(directory, lambda client: client.bulk_walk(repetitions=50))
     after = figures(uri, machines)
     identities = daemon.identities()
     assert sorted(identities) == sorted(domain.uuid for domain in machines)

@@ -22,7 +22,7 @@ class CollectorTest : public testing::Test {
   protected:
     CollectorTest() {
         options.interval = milliseconds(10);
-        options.patience = milliseconds(50);
+        options.figures.patience = milliseconds(50);
         options.poolWait = milliseconds(200);
         options.osinfoDirectories.clear();
         host->SetDomains({SmallDomain(a, "vm-a"), SmallDomain(b, "vm-b")});

@@ -43,6 +43,10 @@ class FakeHost {
     void Refuse(const std::string& uuid) {
         Change([&] { refused.insert(uuid); });
     }
+    // Keeps new connections waiting, or lets them in.
+    void HoldOpening(bool given) {
+        Change([&] { openingHeld = given; });
+    }
     void HoldPools(bool given) {
         Change([&] { poolsHeld = given; });
     }
@@ -79,6 +83,7 @@ class FakeHost {
     std::set<std::string> refused;
     bool down = false;
     bool downForEver = false;
+    bool openingHeld = false;
     bool poolsHeld = false;
     bool domainsHeld = false;
     int generation = 0;
@@ -89,7 +94,8 @@ class FakeHost {
 class FakeConnection final : public Connection {
   public:
     explicit FakeConnection(std::shared_ptr<FakeHost> host) : host(std::move(host)) {
-        const std::lock_guard lock(this->host->mutex);
+        std::unique_lock lock(this->host->mutex);
+        this->host->changed.wait(lock, [this] { return !this->host->openingHeld; });
         generation = this->host->generation;
         Check();
     }

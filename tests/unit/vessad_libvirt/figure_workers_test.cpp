@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <future>
+
 #include "tests/unit/vessad/log_lines.h"
 #include "tests/unit/vessad_libvirt/fake_api.h"
 #include "tests/unit/vessad_libvirt/wait_for.h"
@@ -10,6 +12,8 @@
 namespace Vessad::Libvirt {
 namespace {
 
+using std::chrono::hours;
+using std::chrono::milliseconds;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -18,6 +22,7 @@ using testing::SizeIs;
 class FigureWorkersTest : public testing::Test {
   protected:
     ~FigureWorkersTest() override {
+        api->host->HoldOpening(false);
         for (const auto& domain : domains) {
             api->host->Thaw(domain.uuid);
         }
@@ -34,7 +39,7 @@ class FigureWorkersTest : public testing::Test {
     std::shared_ptr<FakeApi> api = std::make_shared<FakeApi>();
     std::vector<FigureWorkers::Domain> domains;
     VessadTest::LogLines log;
-    FigureWorkers workers{api, "fake", std::chrono::milliseconds(100)};
+    FigureWorkers workers{api, "fake", {.patience = milliseconds(100)}};
 };
 
 TEST_F(FigureWorkersTest, BringTheFiguresOfEveryDomain) {
@@ -140,10 +145,59 @@ TEST_F(FigureWorkersTest, BringNothingFromAHostThatIsDownAndEverythingOnceItIsBa
     EXPECT_TRUE(WaitFor([&] { return workers.Ask(domains).size() == 10; }));
 }
 
+TEST_F(FigureWorkersTest, WaitForAHostThatIsSlowToAcceptConnectionsLongerThanForADomain) {
+    MakeDomains(10);
+    FigureWorkers own(api, "fake", {.patience = milliseconds(20), .openWait = hours(1)});
+    api->host->HoldOpening(true);
+    auto figures = std::async(std::launch::async, [&] { return own.Ask(domains); });
+    EXPECT_EQ(figures.wait_for(milliseconds(200)), std::future_status::timeout);
+    api->host->HoldOpening(false);
+    EXPECT_THAT(figures.get(), SizeIs(10));
+    EXPECT_THAT(log.GetText(), IsEmpty());
+}
+
+// Those that take the places of threads that silent domains hold up need connections of their own.
+TEST_F(FigureWorkersTest, AskTheOthersEvenIfTheHostIsSlowToAcceptTheirReplacements) {
+    MakeDomains(40);
+    FigureWorkers own(api, "fake", {.patience = milliseconds(100), .openWait = hours(1)});
+    EXPECT_THAT(own.Ask(domains), SizeIs(40));
+    for (int index = 0; index < 4; ++index) {
+        api->host->Freeze("uuid-" + std::to_string(index));
+    }
+    api->host->HoldOpening(true);
+    auto figures = std::async(std::launch::async, [&] { return own.Ask(domains); });
+    EXPECT_EQ(figures.wait_for(milliseconds(500)), std::future_status::timeout);
+    api->host->HoldOpening(false);
+    EXPECT_THAT(figures.get(), SizeIs(36));
+    EXPECT_THAT(log.GetText(), Not(HasSubstr("no more can be asked")));
+}
+
+TEST_F(FigureWorkersTest, BlameNoDomainForAHostThatAcceptsNoConnection) {
+    MakeDomains(10);
+    FigureWorkers own(api, "fake", {.patience = hours(1), .openWait = milliseconds(50)});
+    api->host->HoldOpening(true);
+    EXPECT_THAT(own.Ask(domains), IsEmpty());
+    EXPECT_THAT(log.GetText(), IsEmpty());
+    api->host->HoldOpening(false);
+    EXPECT_TRUE(WaitFor([&] { return own.Ask(domains).size() == 10; }));
+}
+
+TEST_F(FigureWorkersTest, EndTheirQuestionWhenTheyAreStopped) {
+    MakeDomains(3);
+    FigureWorkers own(api, "fake", {.patience = hours(1)});
+    api->host->Freeze("uuid-0");
+    auto figures = std::async(std::launch::async, [&] { return own.Ask(domains); });
+    ASSERT_TRUE(WaitFor([&] { return api->host->CountWaiting() == 1; }));
+    own.Stop();
+    EXPECT_EQ(figures.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_THAT(own.Ask(domains), IsEmpty());
+    EXPECT_THAT(log.GetText(), IsEmpty());
+}
+
 TEST_F(FigureWorkersTest, AreLeftBehindWhenTheyWaitForADomain) {
     MakeDomains(2);
     {
-        FigureWorkers own(api, "fake", std::chrono::milliseconds(20));
+        FigureWorkers own(api, "fake", {.patience = milliseconds(20)});
         api->host->Freeze("uuid-0");
         own.Ask(domains);
     }

@@ -2,9 +2,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
-#include <fstream>
+#include <csignal>
+#include <optional>
 
 #include "tests/unit/vessad/log_lines.h"
 #include "tests/unit/vessad/temporary_directory.h"
@@ -27,6 +29,13 @@ const std::string c = "00000000-0000-4000-8000-00000000000c";
 class IdentitiesTest : public testing::Test {
   protected:
     std::filesystem::path File() const { return directory.GetPath() / "identities"; }
+
+    // What the next daemon finds.
+    std::int32_t FindAfterRestart(std::optional<Identities>& identities, const std::string& uuid) const {
+        identities.reset();
+        identities.emplace(directory.GetPath());
+        return identities->Find(uuid);
+    }
 
     VessadTest::TemporaryDirectory directory;
     VessadTest::LogLines log;
@@ -77,36 +86,104 @@ TEST_F(IdentitiesTest, RefuseAFileThatCannotBeRead) {
 
 // A directory in the way of the new file makes every write fail, also as root.
 TEST_F(IdentitiesTest, ShowNoNumberThatIsNotSafeAndTryAgain) {
-    Identities identities(directory.GetPath());
-    identities.Admit({a});
+    std::optional<Identities> identities(directory.GetPath());
+    identities->Admit({a});
     const auto obstacle = directory.GetPath() / "identities.new";
     std::filesystem::create_directory(obstacle);
-    identities.Admit({a, b});
-    identities.Admit({a, b, c});
-    EXPECT_EQ(identities.Find(a), 1000);
-    EXPECT_EQ(identities.Find(b), 0);
-    EXPECT_EQ(identities.Find(c), 0);
+    identities->Admit({a, b});
+    identities->Admit({a, b, c});
+    EXPECT_EQ(identities->Find(a), 1000);
+    EXPECT_EQ(identities->Find(b), 0);
+    EXPECT_EQ(identities->Find(c), 0);
     EXPECT_THAT(log.GetText(), HasSubstr("error cannot write " + obstacle.string()));
     EXPECT_EQ(log.GetText().find("cannot write"), log.GetText().rfind("cannot write")) << "told once";
 
     std::filesystem::remove(obstacle);
+    identities->Admit({a, b});
+    EXPECT_EQ(identities->Find(b), 2000);
+    EXPECT_EQ(FindAfterRestart(identities, b), 2000);
+}
+
+TEST_F(IdentitiesTest, OfKnownMachinesNeedNoWrite) {
+    Identities(directory.GetPath()).Admit({a});
+    const auto obstacle = directory.GetPath() / "identities.new";
+    std::filesystem::create_directory(obstacle);
+    Identities identities(directory.GetPath());
+    identities.Admit({a});
+    EXPECT_EQ(identities.Find(a), 1000);
+    EXPECT_THAT(log.GetText(), IsEmpty());
     identities.Admit({a, b});
-    EXPECT_EQ(identities.Find(b), 2000);
-    EXPECT_EQ(Identities(directory.GetPath()).Find(b), 2000);
+    EXPECT_EQ(identities.Find(b), 0);
+    EXPECT_THAT(log.GetText(), HasSubstr("1 new machines stay hidden until their ids are kept"));
+}
+
+TEST_F(IdentitiesTest, KeepTheOldFileWhileTheDiskIsFull) {
+    std::optional<Identities> identities(directory.GetPath());
+    identities->Admit({a});
+    const std::string before = ReadAll(File());
+
+    // A write that stops in the middle, as on a full disk.
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &limit), 0);
+    const rlimit small{before.size() + 5, limit.rlim_max};
+    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+    identities->Admit({a, b});
+    EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+    std::signal(SIGXFSZ, handler);
+
+    EXPECT_EQ(ReadAll(File()), before);
+    EXPECT_EQ(identities->Find(a), 1000);
+    EXPECT_EQ(identities->Find(b), 0);
+    EXPECT_THAT(log.GetText(), HasSubstr("error cannot write "));
+    identities->Admit({a, b});
+    EXPECT_EQ(FindAfterRestart(identities, b), 2000);
+}
+
+TEST_F(IdentitiesTest, AreOneDaemonsAtATime) {
+    std::optional<Identities> first(directory.GetPath());
+    try {
+        Identities second(directory.GetPath());
+        ADD_FAILURE() << "the directory is shared";
+    } catch (const std::runtime_error& error) {
+        EXPECT_THAT(error.what(), HasSubstr("is in use by another daemon"));
+    }
+    first.reset();
+    EXPECT_NO_THROW(Identities(directory.GetPath()));
 }
 
 TEST_F(IdentitiesTest, OfADamagedFileAreTakenOverAsFarAsTheyCanBeReadAndTheFileIsKept) {
     const std::string damaged = "tovric-vessad identities 1\nnext 7000\n1000 " + a + "\n2000 0000\n3000 " + b;
     WriteAll(File(), damaged);
-    Identities identities(directory.GetPath());
+    std::optional<Identities> identities(directory.GetPath());
     EXPECT_EQ(ReadAll(directory.GetPath() / "identities.damaged-1"), damaged);
-    EXPECT_EQ(identities.Find(a), 1000);
-    EXPECT_EQ(identities.Find(b), 3000);
-    identities.Admit({c});
-    EXPECT_EQ(identities.Find(c), 1007000);
+    EXPECT_EQ(identities->Find(a), 1000);
+    EXPECT_EQ(identities->Find(b), 3000);
+    identities->Admit({c});
+    EXPECT_EQ(identities->Find(c), 1007000);
     EXPECT_THAT(log.GetText(), HasSubstr("error " + File().string() + " is damaged and kept as " +
                                          File().string() + ".damaged-1: 2 machines keep their ids"));
-    EXPECT_EQ(Identities(directory.GetPath()).Find(c), 1007000);
+    EXPECT_EQ(FindAfterRestart(identities, c), 1007000);
+}
+
+TEST_F(IdentitiesTest, LeaveADamagedFileInItsPlaceUntilASoundOneTakesIt) {
+    const std::string damaged = "tovric-vessad identities 1\nnext 7000\n5000 " + a + "\nrubbish\n";
+    WriteAll(File(), damaged);
+    const auto obstacle = directory.GetPath() / "identities.new";
+    std::filesystem::create_directory(obstacle);
+    EXPECT_THROW(Identities(directory.GetPath()), std::runtime_error);
+    EXPECT_EQ(ReadAll(File()), damaged);
+    EXPECT_THAT(FilesIn(directory.GetPath()), UnorderedElementsAre("identities", "identities.new"));
+    std::filesystem::remove(obstacle);
+    EXPECT_EQ(Identities(directory.GetPath()).Find(a), 5000);
+    EXPECT_EQ(ReadAll(directory.GetPath() / "identities.damaged-1"), damaged);
+}
+
+TEST_F(IdentitiesTest, StaySoundWhenTheNumbersBehindADamagedFileRunOut) {
+    WriteAll(File(), "tovric-vessad identities 1\nnext 2147483000\nrubbish\n");
+    Identities(directory.GetPath()).Admit({a});
+    EXPECT_EQ(Identities(directory.GetPath()).Find(a), 0);
+    EXPECT_THAT(FilesIn(directory.GetPath()), UnorderedElementsAre("identities", "identities.damaged-1"));
 }
 
 TEST_F(IdentitiesTest, NeverOverwriteADamagedFileThatIsKept) {
@@ -142,13 +219,13 @@ TEST_F(IdentitiesTest, AreSoundOnlyWithoutRepetitions) {
 
 TEST_F(IdentitiesTest, EndWithTheLargestNumberThatAnAgentCanShow) {
     WriteAll(File(), "tovric-vessad identities 1\nnext 2147483000\n");
-    Identities identities(directory.GetPath());
-    identities.Admit({a, b});
-    EXPECT_EQ(identities.Find(a), 2147483000);
-    EXPECT_EQ(identities.Find(b), 0);
+    std::optional<Identities> identities(directory.GetPath());
+    identities->Admit({a, b});
+    EXPECT_EQ(identities->Find(a), 2147483000);
+    EXPECT_EQ(identities->Find(b), 0);
     EXPECT_THAT(log.GetText(), HasSubstr("no machine id is left"));
     EXPECT_THAT(log.GetText(), Not(HasSubstr("damaged")));
-    EXPECT_EQ(Identities(directory.GetPath()).Find(a), 2147483000);
+    EXPECT_EQ(FindAfterRestart(identities, a), 2147483000);
     EXPECT_THAT(log.GetText(), Not(HasSubstr("damaged")));
 }
 

@@ -7,6 +7,7 @@
 #include "apps/vessad/backends/LibvirtBackend.h"
 #include "tests/unit/vessad/log_lines.h"
 #include "tests/unit/vessad/temporary_directory.h"
+#include "tests/unit/vessad_libvirt/wait_for.h"
 
 namespace Vessad {
 namespace {
@@ -146,6 +147,8 @@ TEST_F(TestDriver, ShowsAThousandDomainsOnceEach) {
         domains += HostFileDomain(number);
     }
     const auto backend = Open(domains);
+    // A slow machine has not read them all when the backend is made.
+    ASSERT_TRUE(Libvirt::WaitFor([&] { return !backend->GetInventory()->machines.empty(); }));
     const auto inventory = backend->GetInventory();
     std::set<std::string> names;
     for (const auto& machine : inventory->machines) {

@@ -53,7 +53,7 @@ Collector::Collector(const std::shared_ptr<Api>& api, const std::string& uri, Id
       reader(std::make_shared<HostReader>(this->options.osinfoDirectories)),
       poolThread(api, uri),
       readingThread(api, uri),
-      workers(api, uri, this->options.patience) {
+      workers(api, uri, this->options.figures) {
     thread = SignalFreeThread([this] { Run(); });
 }
 
@@ -63,6 +63,7 @@ Collector::~Collector() {
         shared->stopping = true;
         shared->changed.notify_all();
     }
+    workers.Stop();
     thread.join();
 }
 

@@ -19,7 +19,7 @@ namespace Vessad::Libvirt {
 
 struct CollectorOptions {
     std::chrono::milliseconds interval{5000};       // between the starts of two collections
-    std::chrono::milliseconds patience{2000};       // for a machine's figures
+    FigureWorkers::Waits figures;                   // for a machine's figures
     std::chrono::milliseconds poolWait{1000};       // for the storage pools; the last ones serve meanwhile
     std::chrono::milliseconds firstPoolWait{5000};  // for the first time, when there are none
     std::chrono::milliseconds keep{60000};  // for how long the last inventory outlives the host's answers

@@ -13,7 +13,7 @@ namespace Vessad::Libvirt {
 
 namespace {
 
-constexpr std::chrono::seconds farewell{1};
+constexpr std::chrono::seconds farewell{2};
 
 }  // namespace
 

@@ -23,7 +23,8 @@ using Clock = std::chrono::steady_clock;
 constexpr std::size_t workersWanted = 4;
 // Every call that waits for a domain holds one of the host's own threads too, of which libvirtd has 20.
 constexpr std::size_t mostThreads = 12;
-constexpr std::chrono::seconds farewell{1};
+// For threads that wait for no domain but open a connection: the program's end must not overtake them.
+constexpr std::chrono::seconds farewell{3};
 
 std::string LocalTime(std::chrono::system_clock::time_point moment) {
     const std::time_t seconds = std::chrono::system_clock::to_time_t(moment);
@@ -47,8 +48,8 @@ std::string Shown(const std::string& name) {
 // What the threads share. A thread that is left behind keeps it alive.
 class FigureWorkers::State : public std::enable_shared_from_this<State> {
   public:
-    State(std::shared_ptr<Api> api, std::string uri, std::chrono::milliseconds patience)
-        : api(std::move(api)), uri(std::move(uri)), patience(patience) {}
+    State(std::shared_ptr<Api> api, std::string uri, Waits waits)
+        : api(std::move(api)), uri(std::move(uri)), waits(waits) {}
 
     std::map<std::string, Statistics> Ask(const std::vector<Domain>& domains) {
         std::unique_lock lock(mutex);
@@ -62,20 +63,23 @@ class FigureWorkers::State : public std::enable_shared_from_this<State> {
             }
         }
         for (;;) {
-            const auto wake = WriteOffTheLate();
+            const auto late = WriteOffTheLate();
             Replace();
+            if (stopping) {
+                break;
+            }
             if (IsAnyoneAwaited()) {
                 progress = Clock::now();
-            } else if (queue.empty() || healthy == 0 || Clock::now() - progress > patience) {
+            } else if (queue.empty() || healthy == 0 || Clock::now() >= progress + waits.openWait) {
                 // The last is a host that accepts no connection: it is not the machines that are silent.
                 break;
             }
             changed.notify_all();
-            changed.wait_until(lock, wake);
+            changed.wait_until(lock, std::min<Clock::time_point>(late, progress + waits.openWait));
         }
         if (healthy > 0) {
             shortage = false;
-        } else if (!queue.empty()) {
+        } else if (!queue.empty() && !stopping) {
             ReportShortage();
         }
         queue.clear();
@@ -83,10 +87,15 @@ class FigureWorkers::State : public std::enable_shared_from_this<State> {
     }
 
     void Stop() {
-        std::unique_lock lock(mutex);
+        const std::lock_guard lock(mutex);
         stopping = true;
         queue.clear();
         changed.notify_all();
+    }
+
+    // After Stop().
+    void AwaitThreads() {
+        std::unique_lock lock(mutex);
         changed.wait_for(lock, farewell, [this] { return threads == calls.size(); });
     }
 
@@ -134,13 +143,13 @@ class FigureWorkers::State : public std::enable_shared_from_this<State> {
     // Gives up on calls that took too long; answers when the next one will have.
     Clock::time_point WriteOffTheLate() {
         const auto now = Clock::now();
-        auto next = now + patience;
+        auto next = now + waits.patience;
         for (auto& [id, call] : calls) {
             if (call.writtenOff) {
                 continue;
             }
             // One that is silent already need not prove it again.
-            const auto end = silent.contains(call.domain.uuid) ? now : call.begun + patience;
+            const auto end = silent.contains(call.domain.uuid) ? now : call.begun + waits.patience;
             if (end > now) {
                 next = std::min(next, end);
                 continue;
@@ -281,7 +290,7 @@ class FigureWorkers::State : public std::enable_shared_from_this<State> {
 
     const std::shared_ptr<Api> api;
     const std::string uri;
-    const std::chrono::milliseconds patience;
+    const Waits waits;
 
     std::mutex mutex;
     std::condition_variable changed;
@@ -298,10 +307,15 @@ class FigureWorkers::State : public std::enable_shared_from_this<State> {
     bool stopping = false;
 };
 
-FigureWorkers::FigureWorkers(std::shared_ptr<Api> api, std::string uri, std::chrono::milliseconds patience)
-    : state(std::make_shared<State>(std::move(api), std::move(uri), patience)) {}
+FigureWorkers::FigureWorkers(std::shared_ptr<Api> api, std::string uri, Waits waits)
+    : state(std::make_shared<State>(std::move(api), std::move(uri), waits)) {}
 
 FigureWorkers::~FigureWorkers() {
+    state->Stop();
+    state->AwaitThreads();
+}
+
+void FigureWorkers::Stop() {
     state->Stop();
 }
 

@@ -21,16 +21,24 @@ class FigureWorkers {
         std::string name;  // for the log
     };
 
-    // `patience`: how long a domain may take to answer.
-    FigureWorkers(std::shared_ptr<Api> api, std::string uri, std::chrono::milliseconds patience);
+    struct Waits {
+        std::chrono::milliseconds patience{2000};   // how long a domain may take to answer
+        std::chrono::milliseconds openWait{10000};  // how long the host may take to accept a connection
+    };
+
+    FigureWorkers(std::shared_ptr<Api> api, std::string uri, Waits waits);
     FigureWorkers(const FigureWorkers&) = delete;
     FigureWorkers& operator=(const FigureWorkers&) = delete;
     // Waits a moment for threads that are about to finish; those that wait for a domain are left behind.
     ~FigureWorkers();
 
     // The figures of the domains that answered, by UUID. Takes longer than `patience` only for the work
-    // itself: a domain that is known not to answer delays nobody.
+    // itself, and where the host is slow to accept connections: a domain that is known not to answer delays
+    // nobody.
     std::map<std::string, Statistics> Ask(const std::vector<Domain>& domains);
+
+    // Ends the question that is under way, and every later one, at once. May be called by any thread.
+    void Stop();
 
   private:
     class State;

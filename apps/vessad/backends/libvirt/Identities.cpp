@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <spdlog/spdlog.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,8 +16,6 @@
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
-
-#include "runtime/tessim/file_descriptor.h"
 
 namespace Vessad::Libvirt {
 namespace {
@@ -97,6 +96,22 @@ void Sync(int descriptor, const std::filesystem::path& path) {
     }
 }
 
+// The directory, which no other daemon may use meanwhile: two would give one number to two machines.
+Tessim::FileDescriptor OpenLocked(const std::filesystem::path& directory) {
+    Tessim::FileDescriptor folder(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder) {
+        throw Failure("cannot open the state directory", directory);
+    }
+    if (::flock(folder.Get(), LOCK_EX | LOCK_NB) < 0) {
+        if (errno == EWOULDBLOCK) {
+            throw std::runtime_error("the state directory " + directory.string() +
+                                     " is in use by another daemon");
+        }
+        throw Failure("cannot lock the state directory", directory);
+    }
+    return folder;
+}
+
 // A name beside `file` that is free.
 std::filesystem::path NameAside(const std::filesystem::path& file) {
     for (int number = 1;; ++number) {
@@ -118,23 +133,32 @@ Identities::Identities(const std::filesystem::path& directory)
         throw std::runtime_error("cannot make the state directory " + directory.string() + ": " +
                                  error.message());
     }
-    Load();
-    Save();
+    folder = OpenLocked(directory);
+    const auto text = ReadFile(file);
+    if (!text) {
+        Save();
+    } else if (!Parse(*text)) {
+        Repair();
+    }
 }
 
-void Identities::Load() {
-    const auto text = ReadFile(file);
-    if (!text || Parse(*text)) {
-        return;
-    }
+// The damaged file stays in its place until a sound one takes it, so that no number is given a second time
+// whatever goes wrong between.
+void Identities::Repair() {
     const auto aside = NameAside(file);
     std::error_code error;
-    std::filesystem::rename(file, aside, error);
+    std::filesystem::create_hard_link(file, aside, error);
     if (error) {
         throw std::runtime_error("the damaged file " + file.string() +
                                  " cannot be put aside: " + error.message());
     }
-    next += lostNumbers * step;
+    next = std::min(next + lostNumbers * step, largest + step);
+    try {
+        Save();
+    } catch (const std::runtime_error&) {
+        std::filesystem::remove(aside, error);
+        throw;
+    }
     spdlog::error(
         "{} is damaged and kept as {}: {} machines keep their ids, any other gets a new one, from {} on",
         file.string(), aside.string(), numbers.size(), next);
@@ -225,10 +249,6 @@ void Identities::Save() const {
     Sync(descriptor.Get(), fresh);
     if (::rename(fresh.c_str(), file.c_str()) < 0) {
         throw Failure("cannot write", file);
-    }
-    const Tessim::FileDescriptor folder(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!folder) {
-        throw Failure("cannot write", directory);
     }
     Sync(folder.Get(), directory);
 }

@@ -1,0 +1,80 @@
+"""What a refresh of the agent costs on a live host, against the same machines as a described host."""
+
+import concurrent.futures
+import contextlib
+import os
+import statistics
+
+import described_copy
+import fresh_agent
+import libvirt_host
+import network
+import system
+import wire
+from expected_tree import ENTERPRISE
+
+MACHINES = 1000
+ROUNDS = int(os.environ.get("KELV_REFRESH_ROUNDS", "5"))
+# A refresh of the live host may take this many times as long.
+MOST = 2
+
+CONFIGURATION = ENTERPRISE + (2,)
+FIRST_NAME = CONFIGURATION + (1, 1, 2, 0)
+
+
+class Side:
+    """A daemon in a network of its own. Everything is done in one thread, which lives in that network."""
+
+    def __init__(self, directory, stack):
+        directory.mkdir(mode=0o755)
+        self.directory = directory
+        self.thread = stack.enter_context(concurrent.futures.ThreadPoolExecutor(1))
+        self.run(network.enter_new)
+
+    def run(self, function, *arguments):
+        return self.thread.submit(function, *arguments).result()
+
+    def start(self, daemon, stack):
+        self.daemon = self.run(daemon)
+        stack.callback(self.daemon.stop)
+
+    def describe(self):
+        with wire.Connection(timeout=60) as connection:
+            with open(connection.acquire_ticket(), encoding="ascii") as file:
+                connection.login(file.read())
+            return described_copy.describe(connection)
+
+    def refresh(self):
+        """Seconds that the first answer from a table takes."""
+        name, took = fresh_agent.ask(self.directory, lambda client: client.get(FIRST_NAME)[0].value)
+        assert name.startswith(b"vm-"), name
+        return took
+
+    def configuration(self):
+        return fresh_agent.ask(self.directory, lambda client: client.bulk_walk(CONFIGURATION, repetitions=50))[0]
+
+
+def test_a_refresh_takes_at_most_twice_as_long_as_that_of_a_described_host(directory, record_property):
+    file = directory / "host.xml"
+    file.write_text(libvirt_host.host_file(MACHINES))
+    with contextlib.ExitStack() as stack:
+        live, described = (Side(directory / name, stack) for name in ("live", "described"))
+        live.start(lambda: libvirt_host.Daemon(f"test://{file}", live.directory), stack)
+        description = directory / "host.yaml"
+        description.write_text(live.run(live.describe))
+        described.start(lambda: system.Daemon(description, described.directory), stack)
+        shown = live.run(live.configuration)
+        assert sum(instance.oid[:-1] == FIRST_NAME[:-1] for instance in shown) == MACHINES
+        assert shown == described.run(described.configuration), "these are not the same machines"
+
+        times = {live: [], described: []}
+        for number in range(ROUNDS):
+            for side in (live, described) if number % 2 else (described, live):
+                times[side].append(side.run(side.refresh))
+    medians = [statistics.median(times[side]) for side in (live, described)]
+    ratio = medians[0] / medians[1]
+    told = (f"{MACHINES} machines, median of {ROUNDS}: {medians[0]:.3f} s live, {medians[1]:.3f} s described, "
+            f"ratio {ratio:.2f}")
+    record_property("refresh", told)
+    print(told)
+    assert ratio <= MOST, told
