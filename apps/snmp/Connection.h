@@ -52,6 +52,7 @@ class Connection : public Tessim::ObjectImpl, public virtual Tessim::Object {
     Tessim::Ref<Ordane::StubAdapter> stubAdapter;
     Tessim::Ref<Hask::MoFactory> moFactory;
     Tessim::Ref<Hask::UserSession> userSession;  // set: logged in
+    // Null all along, as queries take theirs from the factory; held and released as part of the session.
     Tessim::Ref<Hask::ServiceInstance> serviceInstance;
 };
 

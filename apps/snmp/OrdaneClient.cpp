@@ -3,6 +3,7 @@
 #include "apps/snmp/Backtrace.h"
 #include "apps/snmp/NetSnmp.h"
 #include "apps/snmp/SNMPWriter.h"
+#include "apps/snmp/WrappingSum.h"
 #include "runtime/ordane/faults.h"
 #include "runtime/tessim/exception.h"
 
@@ -13,11 +14,6 @@ namespace {
 using Tessim::Ref;
 
 constexpr std::int64_t bytesPerKilobyte = 1024;
-
-// The sum as a counter of 64 bits holds it: a daemon's nonsense must not be undefined behaviour here.
-std::int64_t WrappingSum(std::int64_t a, std::int64_t b) {
-    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
-}
 
 }  // namespace
 

@@ -41,6 +41,9 @@ class OrdaneClient : public Tessim::ObjectImpl, public virtual Tessim::Object {
     static const std::string sCPU_COUNTER_USED;
     static const std::string sMEM_COUNTER_ACTIVE;
 
+    // What a figure that is not there is answered as.
+    static constexpr std::int32_t noFigure = -1;
+
     OrdaneClient() = default;
     ~OrdaneClient() override;
 
@@ -77,7 +80,7 @@ class OrdaneClient : public Tessim::ObjectImpl, public virtual Tessim::Object {
     // it.
     void CollectVMStats(Ordane::DataArray<Hask::VirtualMachine>* vms);
     // The first sample of the first series of that entity, counter and instance; a null instance matches any.
-    // -1, and a log line, when there is none.
+    // noFigure, and a log line, when there is none.
     std::int64_t RetrieveHCStats(Ordane::MoRef* entity, const std::string& group, const std::string& counter,
                                  const char* instance);
     std::int64_t RetrieveHCStats(Ordane::MoRef* entity, const std::string& group, const std::string& counter,

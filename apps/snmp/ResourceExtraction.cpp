@@ -6,10 +6,13 @@
 #include "apps/snmp/NetSnmp.h"
 #include "apps/snmp/SNMPStrings.h"
 #include "apps/snmp/VMExtraction.h"
+#include "apps/snmp/WrappingSum.h"
+#include "runtime/tessim/string_util.h"
 
 using SNMP::ListFiller;
 using SNMP::OrdaneClient;
 using Tessim::Ref;
+using Tessim::StringUtil::OneLine;
 namespace Device = Hask::Vm::Device;
 
 namespace {
@@ -27,11 +30,7 @@ std::int32_t SharesOf(const Hask::ResourceAllocationInfo* allocation) {
     return allocation != nullptr ? SharesOf(allocation->GetShares()) : 0;
 }
 
-// Sums and shifts wrap as the 32-bit fields do.
-std::int32_t WrappingSum(std::int32_t a, std::int32_t b) {
-    return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) + static_cast<std::uint32_t>(b));
-}
-
+// The low 32 bits, as the field holds them.
 std::int32_t ToKilobytes(std::int32_t megabytes) {
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(megabytes) << kilobytesPerMegabyteShift);
 }
@@ -70,12 +69,12 @@ DiskName NameDisk(OrdaneClient* client, const Device::VirtualDisk& disk) {
         client->GetDatastoreInfo(file->GetDatastore()->GetId(), info);
     }
     if (!info) {
-        snmp_log(LOG_WARNING, "SetDiskResource: no datastore info for %s.\n", label);
+        snmp_log(LOG_WARNING, "SetDiskResource: no datastore info for %s.\n", OneLine(label).c_str());
         return {};
     }
     const auto* drell = Tessim::NarrowToType<Hask::Host::DrellDatastoreInfo>(info);
     if (drell == nullptr) {
-        snmp_log(LOG_INFO, "SetDiskResource: skipped disk not backed by drell %s.\n", label);
+        snmp_log(LOG_INFO, "SetDiskResource: skipped disk not backed by drell %s.\n", OneLine(label).c_str());
         return {nullptr, true};
     }
     const char* name = FirstExtentName(*drell);
@@ -97,7 +96,7 @@ resCPUNode* SetCPUResource(OrdaneClient* client, Hask::VirtualMachine* vm, Hask:
             snmp_log(LOG_WARNING, "SetCPUResource: Out of memory?\n");
             break;
         }
-        row->cpuVMID = WrappingSum(vmId, cpu);
+        row->cpuVMID = SNMP::WrappingSum(vmId, cpu);
         row->cpuShares = cpu == 0 ? SharesOf(config->GetCpuAllocation()) : 0;
         const std::int32_t used = client->RetrieveStats(vm->GetMoRef(), OrdaneClient::sCPU_STATS_GRP,
                                                         OrdaneClient::sCPU_COUNTER_USED, cpu);
@@ -145,8 +144,11 @@ resDiskNode* SetDiskResource(OrdaneClient* client, Hask::VirtualMachine* vm,
         row->diskVMID = vmId;
         row->diskShares = SharesOf(disk->GetShares());
         const auto figure = [&](const std::string& counter) {
-            return client->RetrieveStats(vm->GetMoRef(), OrdaneClient::sDISK_STATS_GRP, counter,
-                                         row->diskName);
+            // Without memory for its name the disk has no figures: no instance would stand for any.
+            return row->diskName != nullptr
+                       ? client->RetrieveStats(vm->GetMoRef(), OrdaneClient::sDISK_STATS_GRP, counter,
+                                               row->diskName)
+                       : OrdaneClient::noFigure;
         };
         row->diskNumRead = figure(OrdaneClient::sDISK_COUNTER_NUMREAD);
         row->diskRead = figure(OrdaneClient::sDISK_COUNTER_READ);

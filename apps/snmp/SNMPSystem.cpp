@@ -28,7 +28,8 @@ std::int32_t ParseVersionPart(const std::string& part) {
     try {
         return Tessim::StringUtil::ParseInt(part);
     } catch (const Tessim::Exception&) {
-        snmp_log(LOG_WARNING, "Get Product Version: invalid version: %s\n", part.c_str());
+        snmp_log(LOG_WARNING, "Get Product Version: invalid version: %s\n",
+                 Tessim::StringUtil::OneLine(part).c_str());
         return 0;
     }
 }

@@ -5,17 +5,12 @@
 #include "apps/snmp/OrdaneClient.h"
 #include "runtime/ordane/faults.h"
 #include "runtime/tessim/exception.h"
+#include "runtime/tessim/string_util.h"
 
 namespace SNMP {
 
 using Hask::PerformanceManager;
 using Tessim::Ref;
-
-namespace {
-
-constexpr std::int64_t notFound = -1;
-
-}  // namespace
 
 void OrdaneClient::CollectVMStats(Ordane::DataArray<Hask::VirtualMachine>* vms) {
     statsIndex.Clear();
@@ -69,20 +64,20 @@ std::int64_t OrdaneClient::RetrieveHCStats(Ordane::MoRef* entity, const std::str
     // Every message names RetrieveStats, whichever of the two was called: log filters match it.
     if (!entityMetrics) {
         snmp_log(LOG_WARNING, "OrdaneClient::RetrieveStats: no stats available.");
-        return notFound;
+        return noFigure;
     }
     const std::int32_t counterId = GetCounterIdFromName(group, counter);
     if (counterId < 0) {
         snmp_log(LOG_WARNING, "OrdaneClient::RetrieveStats: couldn't find stats for %s.%s\n", group.c_str(),
                  counter.c_str());
-        return notFound;
+        return noFigure;
     }
     if (const auto sample = statsIndex.Find(entity, counterId, instance)) {
         return *sample;
     }
     snmp_log(LOG_WARNING, "OrdaneClient::RetrieveStats: couldn't find stats for %s.%s.%s\n", group.c_str(),
-             counter.c_str(), instance != nullptr ? instance : "any");
-    return notFound;
+             counter.c_str(), Tessim::StringUtil::OneLine(instance != nullptr ? instance : "any").c_str());
+    return noFigure;
 }
 
 std::int64_t OrdaneClient::RetrieveHCStats(Ordane::MoRef* entity, const std::string& group,

@@ -18,7 +18,7 @@ namespace SNMP {
 
 class StatsIndex {
   public:
-    // Adds the next result.
+    // Adds the next result, whose array of values must not be null.
     void Add(const Hask::PerformanceManager::EntityMetric& metric);
     void Clear();
 

@@ -2,7 +2,8 @@
 //
 // `index` is the VM's position among the examined VMs, which every row of it carries. A list filler appends
 // through the list's cursor (see ListFiller.h) and returns the list's last row, null while the list is empty;
-// a row that cannot be allocated is logged and ends that filler. Exceptions of the management API pass on.
+// a row that cannot be allocated is logged and ends that filler. Arrays of devices must not be null, nor may
+// their elements. Exceptions of the management API pass on.
 #pragma once
 
 #include <string>
@@ -28,8 +29,8 @@ bool SetVMInfo(int index, Hask::VirtualMachine* vm, Hask::Vm::ConfigInfo* config
 void GetPathFromDsPath(Ordane::DataArray<Hask::Vm::ConfigInfo::DatastoreUrlPair>* pairs, std::string& dsPath,
                        std::string& result);
 
-// Sorts the devices of `hardware` (may be null) into the six arrays, each in device order. A subtype counts
-// as its base; other devices are left out.
+// Appends the devices of `hardware` (may be null) to the six arrays, which must exist, each in device order.
+// A subtype counts as its base; other devices are left out.
 void FindVirtualDevices(const Hask::Vm::VirtualHardware* hardware,
                         Tessim::Ref<DeviceArray<Hask::Vm::Device::VirtualEthernetCard>>& nics,
                         Tessim::Ref<DeviceArray<Hask::Vm::Device::VirtualSCSIController>>& scsiControllers,

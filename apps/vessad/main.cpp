@@ -13,6 +13,7 @@
 #include <stdexcept>
 
 #include "apps/vessad/Background.h"
+#include "apps/vessad/LogFormat.h"
 #include "apps/vessad/Options.h"
 #include "apps/vessad/Server.h"
 #include "apps/vessad/backends/DescribedHost.h"
@@ -37,14 +38,16 @@ void NotifyServiceManager([[maybe_unused]] const char* state) {
 
 void LogToStandardError(const Options& options) {
     auto logger = spdlog::stderr_logger_mt(programName);
-    logger->set_pattern("%Y-%m-%dT%H:%M:%S.%e %l %v");
+    logger->set_formatter(Vessad::MakeLogFormatter("%Y-%m-%dT%H:%M:%S.%e %l %*", "\n"));
     logger->set_level(spdlog::level::from_str(options.logLevel));
     logger->flush_on(spdlog::level::trace);
     spdlog::set_default_logger(logger);
 }
 
 void LogToSyslog(const Options& options) {
-    auto logger = spdlog::syslog_logger_mt("syslog", programName, LOG_PID, LOG_DAEMON);
+    constexpr bool ownFormat = true;
+    auto logger = spdlog::syslog_logger_mt("syslog", programName, LOG_PID, LOG_DAEMON, ownFormat);
+    logger->set_formatter(Vessad::MakeLogFormatter("%*", ""));
     logger->set_level(spdlog::level::from_str(options.logLevel));
     spdlog::set_default_logger(logger);
 }

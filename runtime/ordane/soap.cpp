@@ -6,6 +6,7 @@
 
 #include "runtime/ordane/xml_codec.h"
 #include "runtime/tessim/exception.h"
+#include "runtime/tessim/string_util.h"
 
 namespace Ordane::Soap {
 
@@ -95,6 +96,7 @@ std::string FaultText(pugi::xml_node fault) {
     return "fault without a text";
 }
 
+// Whoever catches it writes its text into a log.
 [[noreturn]] void ThrowFault(pugi::xml_node element) {
     for (const pugi::xml_node child : element.children()) {
         if (Xml::LocalName(child) != "detail") {
@@ -103,13 +105,17 @@ std::string FaultText(pugi::xml_node fault) {
         for (const pugi::xml_node detail : child.children()) {
             const auto* type = Fault::MethodFault::staticType.FindSubtype(Xml::LocalName(detail));
             if (type != nullptr) {
-                const auto fault = Xml::ReadObject(detail, *type, Xml::Unknown::Ignore);
-                static_cast<Fault::MethodFault&>(*fault).Throw();
+                const auto object = Xml::ReadObject(detail, *type, Xml::Unknown::Ignore);
+                auto& fault = static_cast<Fault::MethodFault&>(*object);
+                if (fault.GetMessage()) {
+                    fault.SetMessage(Tessim::StringUtil::OneLine(*fault.GetMessage()));
+                }
+                fault.Throw();
             }
         }
     }
     // A fault type that this side does not know.
-    throw Fault::RuntimeFault::Exception(FaultText(element));
+    throw Fault::RuntimeFault::Exception(Tessim::StringUtil::OneLine(FaultText(element)));
 }
 
 }  // namespace

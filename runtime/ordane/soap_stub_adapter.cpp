@@ -1,6 +1,7 @@
 #include "runtime/ordane/soap_stub_adapter.h"
 
 #include <memory>
+#include <string_view>
 
 #include "runtime/ordane/xml_codec.h"
 #include "runtime/tessim/exception.h"
@@ -8,6 +9,8 @@
 namespace Ordane {
 
 namespace {
+
+constexpr std::string_view loginMethod = "Login";
 
 // The reply as a message that answers `method`. Anything else means that the two sides are out of step.
 std::unique_ptr<Soap::Message> Parse(const std::string& reply, const MethodInfo& method) {
@@ -48,7 +51,9 @@ Tessim::Ref<DataObject> SoapStubAdapter::Invoke(const MoRef& target, const Metho
     }
     brokenBy.clear();
     try {
-        return message->GetResponse(method);
+        auto response = message->GetResponse(method);
+        loggedIn = loggedIn || method.name == loginMethod;
+        return response;
     } catch (const Tessim::InvalidArgumentException& refused) {
         throw Fault::InvalidResponse::Exception(std::string(method.name) + ": " + refused.what());
     }

@@ -19,7 +19,12 @@ class SoapStubAdapter : public virtual StubAdapter, public Tessim::ObjectImpl {
     // Tessim::SystemException when it cannot; the adapter is then broken for good.
     virtual std::string Exchange(const std::string& request) = 0;
 
+    // Whether the service took a call of its method "Login". Until then it may be anybody's, and no call that
+    // it should answer has a long reply.
+    bool IsLoggedIn() const { return loggedIn; }
+
   private:
+    bool loggedIn = false;
     std::string brokenBy;  // why no call can be made any more; empty while it can
 };
 

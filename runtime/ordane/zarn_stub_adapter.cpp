@@ -19,6 +19,7 @@ namespace http = boost::beast::http;
 
 constexpr std::uint32_t maxHeaderBytes = 8U * 1024;
 constexpr std::uint64_t maxReplyBytes = 32ULL * 1024 * 1024;
+constexpr std::uint64_t maxReplyBytesBeforeLogin = 64ULL * 1024;
 constexpr std::chrono::seconds callLimit{5};
 
 // What is read at once, a TLS record; and the most that may be read but not yet understood, so that no
@@ -124,7 +125,7 @@ class ZarnStubAdapter final : public SoapStubAdapter {
         buffer.reserve(bufferBytes);
         http::response_parser<http::string_body> parser;
         parser.header_limit(maxHeaderBytes);
-        parser.body_limit(maxReplyBytes);
+        parser.body_limit(IsLoggedIn() ? maxReplyBytes : maxReplyBytesBeforeLogin);
         const std::size_t headerBytes = http::read_header(stream, buffer, parser, error);
         HttpStream::Check(error);
         // The parser's own limit leaves out what it understood of the first piece.

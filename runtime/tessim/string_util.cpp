@@ -81,6 +81,31 @@ std::string_view CutUtf8(std::string_view text, std::size_t limit) {
     return text.substr(0, limit);
 }
 
+std::string OneLine(std::string text) {
+    constexpr std::string_view digits = "0123456789abcdef";
+    constexpr char firstOfC1 = '\xC2';  // U+0080 to U+009F are this and a continuation up to 9F
+    const auto isControl = [&](std::size_t at) {
+        const auto byte = static_cast<unsigned char>(text[at]);
+        const bool isC1 = byte >= 0x80 && byte <= 0x9F && at > 0 && text[at - 1] == firstOfC1;
+        return byte < 0x20 || byte == 0x7F || isC1;
+    };
+    std::string result;
+    std::size_t copied = 0;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        if (isControl(at)) {
+            const auto byte = static_cast<unsigned char>(text[at]);
+            const bool isC1 = byte >= 0x80;
+            result.append(text, copied, at - copied - (isC1 ? 1 : 0));
+            result.append(isC1 ? "\\u00" : "\\x").append({digits[byte >> 4U], digits[byte & 0xFU]});
+            copied = at + 1;
+        }
+    }
+    if (copied == 0) {
+        return text;
+    }
+    return result.append(text, copied);
+}
+
 std::string Printable(std::string_view text, std::size_t limit) {
     std::string result(text.substr(0, limit));
     std::replace_if(

@@ -23,6 +23,10 @@ std::string Trim(std::string_view text);
 // Bytes that are not UTF-8 are cut anywhere.
 std::string_view CutUtf8(std::string_view text, std::size_t limit);
 
+// `text` as one line of a log: a control character becomes "\x" and its two hexadecimal digits, one of the
+// second set (U+0080 to U+009F) "\u00" and them. Everything else stays as it is.
+std::string OneLine(std::string text);
+
 // A stranger's text for a log line: at most `limit` bytes of it, "?" for everything but printable ASCII.
 std::string Printable(std::string_view text, std::size_t limit);
 

@@ -51,6 +51,12 @@ DATA_LOG = [
 ]
 
 
+def sanitizer_libraries():
+    """The sanitizers that the module was built with: a program without them must load them before everything else."""
+    listed = subprocess.run(["ldd", MODULE], capture_output=True, text=True, check=True).stdout
+    return re.findall(r"=> (\S*/lib(?:asan|ubsan)\.so\S*)", listed)
+
+
 def wait_until(condition, what, timeout=15.0):
     """Returns the first true result of condition; fails with `what` was waited for."""
     deadline = time.monotonic() + timeout
@@ -142,11 +148,11 @@ class Agent:
     """snmpd with the module loaded by dlmod, as root or as `user`; background: it forks, as it does by default.
 
     `module`: another file to load in its place, or None; `access`: who may read what; `configuration`: further lines of
-    its configuration file.
+    its configuration file; `under`: a command that runs it.
     """
 
     def __init__(self, directory, user=None, background=False, timeout=10, module=MODULE,
-                 access="rocommunity public 127.0.0.1", configuration=""):
+                 access="rocommunity public 127.0.0.1", configuration="", under=()):
         self.log = directory / "snmpd.log"
         self.allowed = []
         persistent = directory / "persistent"
@@ -163,17 +169,22 @@ rouser kelv priv
 """)
         self.pid_file = directory / "snmpd.pid"
         self.pid_file.unlink(missing_ok=True)
-        command = [SNMPD, "-C", "-c", configuration_file, "-Lf", self.log, "-r", "-p", self.pid_file]
+        command = [*under, SNMPD, "-C", "-c", configuration_file, "-Lf", self.log, "-r", "-p", self.pid_file]
         if user:
             entry = pwd.getpwnam(user)
             os.chown(persistent, entry.pw_uid, entry.pw_gid)
             command += ["-u", user, "-g", str(entry.pw_gid)]
         if not background:
             command += ["-f"]
+        # A sanitizer's report ends the agent. What the agent itself leaks at its end is its own affair.
+        self.reports = directory / "sanitizer"
+        options = f"log_path={self.reports}:detect_leaks=0:print_stacktrace=1"
+        preloaded = [*sanitizer_libraries(), *filter(None, [os.environ.get("LD_PRELOAD")])]
         self.process = subprocess.Popen(
             command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
             env={**os.environ, "SNMP_PERSISTENT_DIR": str(persistent), "SNMPCONFPATH": str(directory), "MIBS": "",
-                 "SNMPDLMODPATH": str(MODULE.parent)},
+                 "SNMPDLMODPATH": str(MODULE.parent), "LD_PRELOAD": ":".join(preloaded), "ASAN_OPTIONS": options,
+                 "UBSAN_OPTIONS": options},
             preexec_fn=None if background else _die_with_parent)
         if background:
             assert self.process.wait(timeout) == 0
@@ -194,7 +205,8 @@ rouser kelv priv
         return is_alive(self.pid)
 
     def log_text(self):
-        return self.log.read_text(errors="replace") if self.log.exists() else ""
+        texts = [self.log, *self.reports.parent.glob(self.reports.name + ".*")]
+        return "".join(text.read_text(errors="replace") for text in texts if text.exists())
 
     def allow_log(self, *patterns):
         """Lines that this test may find in the agent's log besides the usual ones."""

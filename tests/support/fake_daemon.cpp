@@ -30,7 +30,8 @@ FakeDaemon& Reach() {
 // Carries no bytes: the adapter does not need any.
 class FakeStream final : public virtual Tessim::Authd::ServiceStream, public Tessim::ObjectImpl {
   public:
-    explicit FakeStream(std::size_t number) : path("/connection/" + std::to_string(number)) {}
+    explicit FakeStream(std::size_t number) : path("/connection/" + std::to_string(number)) { Count(1); }
+    ~FakeStream() override { Count(-1); }
 
     const std::string& GetConnectionPath() const override { return path; }
     std::size_t Read(void* /*buffer*/, std::size_t /*size*/) override {
@@ -45,6 +46,12 @@ class FakeStream final : public virtual Tessim::Authd::ServiceStream, public Tes
     }
 
   private:
+    static void Count(int change) {
+        if (current != nullptr) {
+            current->streams += change;
+        }
+    }
+
     std::string path;
     pid_t owner = getpid();
 };
@@ -54,8 +61,8 @@ class FakeClient final : public virtual Tessim::Authd::Client, public Tessim::Ob
     void Open(Tessim::Authd::Selector selector, const std::string& host, std::uint16_t port,
               const std::string& text1, const std::string& text2, Ref<Tessim::System::Stream>& out) override {
         FakeDaemon& daemon = Reach();
-        daemon.openings.push_back({static_cast<int>(selector), host, port, text1, text2,
-                                   Tessim::TimeBudget::Deadline() - Tessim::Clock::now()});
+        daemon.openings.push_back(
+            {static_cast<int>(selector), host, port, text1, text2, Tessim::TimeBudget::Deadline()});
         FakeDaemon::Record("open stream");
         if (!daemon.down.empty()) {
             throw Tessim::StreamException(daemon.down);
@@ -137,6 +144,13 @@ void FakeDaemon::Record(const std::string& event) {
     }
 }
 
+void FakeDaemon::Step(const std::string& event) {
+    Record(event);
+    if (current != nullptr && !current->failingStep.empty() && event.starts_with(current->failingStep)) {
+        throw Tessim::Exception(event);
+    }
+}
+
 void FakeDaemon::Call(const std::string& method) {
     Run(whenCalled, method);
 }
@@ -168,7 +182,7 @@ void Tessim::Authd::CreateClient(Ssl::SSLContext* context, Ref<Client>& out) {
 void Ordane::CreateZarnStubAdapter(Tessim::Service::Logger* logger, Tessim::Zarn::ZarnSvc* service,
                                    const std::string& path, Tessim::Ref<StubAdapter>& out) {
     const Tessim::Zarn::Route route = service->Resolve(path);
-    TestSupport::FakeDaemon::Record("create adapter on " + path + " to " + route.remotePath + " logging to " +
-                                    (logger != nullptr ? logger->GetName() : "nothing"));
+    TestSupport::FakeDaemon::Step("create adapter on " + path + " to " + route.remotePath + " logging to " +
+                                  (logger != nullptr ? logger->GetName() : "nothing"));
     out = Tessim::MakeRef<TestSupport::FakeAdapter>(TestSupport::Reach());
 }

@@ -23,7 +23,7 @@ struct Opening {
     std::uint16_t port;
     std::string text1;
     std::string text2;
-    Tessim::Clock::duration limit;  // how long it might take
+    Tessim::Clock::time_point deadline;  // when it had to be done
 };
 
 // One lives at a time; without one, opening a stream fails.
@@ -41,6 +41,9 @@ class FakeDaemon {
     std::string down;
     // Every stream says that another process made it.
     bool foreignStreams = false;
+    // A step of connecting whose event starts with this throws a Tessim::Exception with the event as its
+    // message; empty: none does.
+    std::string failingStep;
 
     // Makes each call of that method run `action` before anything is sent. The caller gets what it throws,
     // and the connection stays as it was.
@@ -50,6 +53,8 @@ class FakeDaemon {
     void WhenSent(const std::string& method, std::function<void()> action);
 
     std::vector<Opening> openings;
+    // The streams that exist, closed or not.
+    int streams = 0;
     // Every call of an API method that was sent over any connection, in order, answered or not.
     std::vector<std::string> calls;
     int CountCalls(const std::string& method) const;
@@ -60,6 +65,8 @@ class FakeDaemon {
     static FakeDaemon* Current();
     // Adds an event when one lives.
     static void Record(const std::string& event);
+    // Adds the event of a step of connecting; throws where `failingStep` says so.
+    static void Step(const std::string& event);
 
     // For the adapters: what happens before and while a call is sent.
     void Call(const std::string& method);

@@ -11,11 +11,18 @@
 
 namespace {
 
-// Counts down to the one call that fails.
+// Counts down to the calls that fail.
 struct Countdown {
-    int left = 0;
+    int left = 0;   // calls until the first of them, counting it
+    int times = 0;  // how many fail
 
-    bool Expires() { return left > 0 && --left == 0; }
+    bool Expires() {
+        if (left > 1) {
+            --left;
+            return false;
+        }
+        return left == 1 && times > 0 && times-- > 0;
+    }
 };
 
 struct Faults {
@@ -25,7 +32,7 @@ struct Faults {
     Countdown strdup;
     Countdown operatorNew;
     std::string path;
-    bool pathExists = false;
+    int pathError = 0;  // 0: the path exists
     int pathCalls = 0;
 };
 
@@ -82,8 +89,8 @@ int __wrap_stat64(const char* path, struct stat64* status) {
         return __real_stat64(path, status);
     }
     ++faults->pathCalls;
-    if (!faults->pathExists) {
-        errno = ENOENT;
+    if (faults->pathError != 0) {
+        errno = faults->pathError;
         return -1;
     }
     std::memset(status, 0, sizeof(*status));
@@ -110,20 +117,24 @@ void FaultInjection::SetTime(std::time_t now) {
 
 void FaultInjection::FailCalloc(std::size_t elementSize, int nth) {
     faults->callocElementSize = elementSize;
-    faults->calloc.left = nth;
+    faults->calloc = {nth, 1};
 }
 
 void FaultInjection::FailStrdup(int nth) {
-    faults->strdup.left = nth;
+    faults->strdup = {nth, 1};
 }
 
-void FaultInjection::FailNew(int nth) {
-    faults->operatorNew.left = nth;
+void FaultInjection::FailNew(int nth, int times) {
+    faults->operatorNew = {nth, times};
 }
 
 void FaultInjection::SetExists(const std::string& path, bool exists) {
+    FailStat64(path, exists ? 0 : ENOENT);
+}
+
+void FaultInjection::FailStat64(const std::string& path, int error) {
     faults->path = path;
-    faults->pathExists = exists;
+    faults->pathError = error;
 }
 
 int FaultInjection::Stat64Calls() const {

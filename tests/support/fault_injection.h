@@ -24,10 +24,12 @@ class FaultInjection {
     // The nth call from now on fails, once. For calloc only calls with this element size count; 0 counts all.
     void FailCalloc(std::size_t elementSize, int nth = 1);
     void FailStrdup(int nth = 1);
-    void FailNew(int nth = 1);  // with std::bad_alloc
+    void FailNew(int nth = 1, int times = 1);  // `times` in a row, with std::bad_alloc
 
     // stat64 of exactly this path succeeds, or fails with ENOENT, from now on.
     void SetExists(const std::string& path, bool exists);
+    // stat64 of exactly this path fails with that error number from now on.
+    void FailStat64(const std::string& path, int error);
 
     // The number of stat64 calls for that path.
     int Stat64Calls() const;

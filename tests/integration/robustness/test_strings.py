@@ -1,5 +1,7 @@
 """Texts of every length and every byte in every string column: answered whole or cut, the agent alive."""
 
+import re
+
 import expected_tree
 import pytest
 import watch
@@ -115,3 +117,39 @@ def test_the_columns_are_all_there_are(host):
     fixed = {(2, 1, 1, 6, 0), (2, 2, 1, 4, 0, 0), (2, 4, 1, 5, 0, 0), (2, 5, 1, 4, 0, 0), (2, 6, 1, 4, 0, 0), (4, 1, 1, 1, 0)}
     strings = {i.oid[len(ENTERPRISE):] for i in expected_tree.tree(host) if i.type == "OCTET STRING"}
     assert strings == fixed | set(COLUMNS)
+
+
+FORGED = "\\nSNMPKelv: forged"
+FORGING_HOST = f"""
+about: {{name: Tovric, version: "3{FORGED}.0.2", build: "1"}}
+vms:
+  - id: "vm{FORGED} id"
+    config:
+      name: "name{FORGED} name"
+      guestFullName: Debian
+      hardware:
+        numCPU: 1
+        memoryMB: 512
+        device:
+          - {{type: VirtualDisk, key: 2000, deviceInfo: {{label: "disk{FORGED} label", summary: s}},
+             backing: {{type: DeviceBackingInfo, deviceName: "disk{FORGED} name"}}}}
+          - {{type: VirtualDisk, key: 2001, unitNumber: 1, deviceInfo: {{label: "disk{FORGED} without store", summary: s}},
+             backing: {{type: FileBackingInfo, fileName: "[s] d", datastore: "ds{FORGED} datastore"}}}}
+    runtime: {{powerState: poweredOn}}
+    guest: {{guestState: running}}
+"""
+
+
+def test_no_text_of_a_host_can_forge_a_line_of_a_log(directory, start_daemon, shifted_agent):
+    """Names and messages that hold a line end are quoted in the logs of both sides, but never begin a line there."""
+    file = directory / "forging.yaml"
+    file.write_text(FORGING_HOST)
+    daemon = start_daemon(file, "--log-level", "debug")
+    agent = shifted_agent()
+    assert agent.refresh()[1]
+    agent.client.bulk_walk()
+    log = agent.log_text()
+    for text in ("invalid VM Id: vm", "for disk disk", "stats for disk.numberRead.disk", "no datastore info for disk", "invalid version: 3"):
+        assert re.search(re.escape(text) + r".*\\x0aSNMPKelv: forged", log), text
+    assert "\nSNMPKelv: forged" not in log
+    assert "\nSNMPKelv: forged" not in daemon.log_text()

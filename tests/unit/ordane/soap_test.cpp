@@ -262,6 +262,15 @@ TEST(SoapFault, OfAnUnknownTypeIsARuntimeFaultWithItsText) {
               std::pair(GetType<Fault::RuntimeFault>(), std::string("t")));
 }
 
+TEST(SoapFault, IsToldInOneLine) {
+    EXPECT_EQ(Raised("<faultstring>no\nInitialized.</faultstring>"),
+              std::pair(GetType<Fault::RuntimeFault>(), std::string("no\\x0aInitialized.")));
+    EXPECT_EQ(Raised("<faultstring>t</faultstring>"
+                     "<detail><InvalidLogin><message>no&#13;&#10;\xC2\x9B"
+                     "1m</message></InvalidLogin></detail>"),
+              std::pair(GetType<Fault::InvalidLogin>(), std::string("no\\x0d\\x0a\\u009b1m")));
+}
+
 TEST(SoapFault, WithoutDetailIsARuntimeFaultWithItsText) {
     EXPECT_EQ(Raised("<faultcode>c</faultcode><faultstring>gone</faultstring>"),
               std::pair(GetType<Fault::RuntimeFault>(), std::string("gone")));

@@ -19,6 +19,7 @@ using testing::IsEmpty;
 using testing::StartsWith;
 
 constexpr std::size_t maxReplyBytes = 32UL * 1024 * 1024;
+constexpr std::size_t maxReplyBytesBeforeLogin = 64UL * 1024;
 constexpr std::size_t maxHeaderBytes = 8UL * 1024;
 
 // Keeps what is logged.
@@ -67,8 +68,22 @@ class ZarnStubAdapterTest : public testing::Test {
         stub = Sample::Shop::MakeStub(adapter, "shop-1");
     }
 
-    // What a call that is answered by `reply` on a new connection is broken by.
+    // Makes a call of the method "Login" that is answered with `body`.
+    void LogIn(const std::string& body = "<Envelope><Body><LoginResponse/></Body></Envelope>") {
+        MethodInfo login = *Sample::Shop::staticType.FindMethod("Sweep");
+        login.name = "Login";
+        stream->replies = {WithLength(body)};
+        adapter->Invoke(*stub->GetMoRef(), login, *login.request->create());
+    }
+    // What a call that is answered by `reply` on a new connection after the login is broken by.
     std::string FailureOf(const std::string& reply) {
+        Connect();
+        LogIn();
+        stream->replies = {reply};
+        return Failure();
+    }
+    // The same without a login.
+    std::string FailureBeforeLoginOf(const std::string& reply) {
         Connect();
         stream->replies = {reply};
         return Failure();
@@ -255,6 +270,25 @@ TEST_F(ZarnStubAdapterTest, TakesABodyAsLargeAsTheLimit) {
     EXPECT_EQ(FailureOf(WithLength(body)), "nothing");
     EXPECT_EQ(FailureOf(Chunked(body, 1024 * 1024)), "nothing");
     EXPECT_EQ(FailureOf("HTTP/1.1 200 OK\r\n\r\n" + body), "nothing");
+}
+
+TEST_F(ZarnStubAdapterTest, TakesNoLongReplyBeforeTheLogin) {
+    const std::string fitting = sweepReply + std::string(maxReplyBytesBeforeLogin - sweepReply.size(), ' ');
+    EXPECT_EQ(FailureBeforeLoginOf(WithLength(fitting)), "nothing");
+    EXPECT_EQ(FailureBeforeLoginOf(WithLength(fitting + ' ')),
+              "the daemon's HTTP reply is unusable: body limit exceeded");
+    EXPECT_EQ(FailureBeforeLoginOf(Chunked(fitting + ' ', 1000)),
+              "the daemon's HTTP reply is unusable: body limit exceeded");
+    EXPECT_EQ(FailureOf(WithLength(fitting + ' ')), "nothing");
+}
+
+TEST_F(ZarnStubAdapterTest, TakesNoLongReplyAfterARefusedLogin) {
+    const std::string refusal =
+        "<Envelope><Body><Fault><faultstring>no</faultstring><detail><InvalidLogin/></detail></Fault>"
+        "</Body></Envelope>";
+    EXPECT_THROW(LogIn(refusal), Fault::InvalidLogin::Exception);
+    stream->replies = {WithLength(sweepReply + std::string(maxReplyBytesBeforeLogin, ' '))};
+    EXPECT_EQ(Failure(), "the daemon's HTTP reply is unusable: body limit exceeded");
 }
 
 TEST_F(ZarnStubAdapterTest, RefusesAHeaderWithoutEnd) {

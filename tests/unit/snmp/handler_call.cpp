@@ -1,5 +1,7 @@
 #include "tests/unit/snmp/handler_call.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -57,6 +59,12 @@ Oid Answer::InstanceOf(const Oid& column) const {
         throw std::range_error("the answer is outside its column");
     }
     return {name.begin() + static_cast<std::ptrdiff_t>(column.size()), name.end()};
+}
+
+void ExpectInteger(const Answer& answer, int value) {
+    ASSERT_TRUE(answer.answered);
+    EXPECT_EQ(answer.Integer(), value);
+    EXPECT_TRUE(answer.writeMethodNull);
 }
 
 Answer Column::Get(const Oid& instance) const {

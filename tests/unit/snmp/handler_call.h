@@ -31,6 +31,9 @@ struct Answer {
     Oid InstanceOf(const Oid& column) const;
 };
 
+// Expects an INTEGER of that value, as a read-only instance is answered.
+void ExpectInteger(const Answer& answer, int value);
+
 // A column or scalar under the enterprise, served by `handler` under `magic`.
 struct Column {
     FindVarMethod* handler;

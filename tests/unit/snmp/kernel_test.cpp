@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,19 @@ TEST(KernelLoaded, IsYesExactlyWhileTheProcessDirectoryExists) {
     faults.SetExists(processDirectory, true);
     EXPECT_EQ(kernelLoaded.Get({0}).bytes, "yes");
     EXPECT_EQ(faults.Stat64Calls(), 3);
+    EXPECT_EQ(log.Take(), std::vector<TestSupport::LogLine>{});
+}
+
+TEST(KernelLoaded, IsNoWhateverKeepsTheDirectoryFromBeingSeen) {
+    TestSupport::LogCapture log;
+    TestSupport::FaultInjection faults;
+    for (const int error : {ENOENT, EACCES, EIO, ENOTDIR, ELOOP, ENAMETOOLONG, EOVERFLOW, ENOMEM}) {
+        faults.FailStat64(processDirectory, error);
+        const Answer answer = kernelLoaded.Get({0});
+        ASSERT_TRUE(answer.answered) << error;
+        EXPECT_EQ(answer.bytes, "no") << error;
+    }
+    EXPECT_EQ(faults.Stat64Calls(), 8);
     EXPECT_EQ(log.Take(), std::vector<TestSupport::LogLine>{});
 }
 

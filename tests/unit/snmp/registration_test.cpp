@@ -22,6 +22,7 @@
 #include "tests/support/log_capture.h"
 #include "tests/unit/snmp/fake_refresh.h"
 #include "tests/unit/snmp/handler_call.h"
+#include "tests/unit/snmp/released_blocks.h"
 #include "tests/unit/snmp/rows.h"
 
 namespace {
@@ -330,6 +331,28 @@ TEST_F(Module, TracesEachRefusalWhileTheAgentIsDebugging) {
     }
 }
 
+TEST_F(Module, RegistersItsSubtreesInTheirOrder) {
+    init_SNMPKelv();
+    log.Take();
+    std::vector<std::string> refused;
+    {
+        const Debugging debugging;
+        init_SNMPKelv();
+        const std::string before = "register_mib: ";
+        const std::string trace = log.TakeDebugText();
+        std::size_t end = trace.find(" registration failed\n");
+        for (; end != std::string::npos; end = trace.find(" registration failed\n", end + 1)) {
+            const std::size_t start = trace.rfind(before, end) + before.size();
+            refused.push_back(trace.substr(start, end - start));
+        }
+    }
+    EXPECT_EQ(refused, (std::vector<std::string>{"SNMPVMInfo", "SNMPVMNet", "SNMPVMHBA", "SNMPVMTgt",
+                                                 "floppyTable", "CDROMTable", "SNMPResMem", "SNMPResCPU",
+                                                 "SNMPResDisk", "SNMPResNet", "SNMPKelvNorv", "SNMPSystem"}));
+    deinit_SNMPKelv();
+    deinit_SNMPKelv();
+}
+
 TEST_F(Module, DoesNotTraceWhatTheAgentAccepts) {
     const Debugging debugging;
     init_SNMPKelv();
@@ -486,6 +509,17 @@ TEST_F(Module, EmptiesATableWithItsGroup) {
         group.deinit();
         EXPECT_EQ(FilledTables(), expected);
     }
+}
+
+TEST_F(Module, EmptiesTheTablesInTheOrderOfItsGroups) {
+    FillEveryTable();
+    const std::vector<const void*> order = {vmInfoTable, vmNetList,  vmHBAList,  vmHBATgtList, vmFloppyList,
+                                            vmCDROMList, resMemList, resCPUList, resDiskList,  resNetList};
+    std::vector<const void*> released = ReleasedBlocks(deinit_SNMPKelv);
+    std::erase_if(released, [&](const void* block) {
+        return std::find(order.begin(), order.end(), block) == order.end();
+    });
+    EXPECT_EQ(released, order);
 }
 
 TEST_F(Module, UnloadsWithoutALoad) {

@@ -35,12 +35,6 @@ class ResourceTables : public testing::Test {
     TestSupport::LogCapture log;
 };
 
-void ExpectInteger(const Answer& answer, int value) {
-    ASSERT_TRUE(answer.answered);
-    EXPECT_EQ(answer.Integer(), value);
-    EXPECT_TRUE(answer.writeMethodNull);
-}
-
 // The host's processors.
 
 const Column numCpuCores{SNMP_ResCPU, 2, {3, 1, 1}};
@@ -344,6 +338,18 @@ TEST_F(ResourceTables, ACounterOf2To32HasHighWord1AndLowWord0) {
     bytes.copy(reinterpret_cast<char*>(&counter), sizeof(counter));
     EXPECT_EQ(counter.high, 1U);
     EXPECT_EQ(counter.low, 0U);
+}
+
+TEST_F(ResourceTables, CountersKeepEveryBit) {
+    resNetNode& row = AddCard(1);
+    for (const std::uint64_t value :
+         {std::uint64_t{0}, (std::uint64_t{1} << 31) - 1, std::uint64_t{1} << 31,
+          (std::uint64_t{1} << 32) - 1, (std::uint64_t{1} << 32) + 5, std::uint64_t{1} << 62, UINT64_MAX}) {
+        row.netHCPktTx = row.netHCTx = row.netHCPktRx = row.netHCRx = value;
+        for (const int magic : {12, 13, 14, 15}) {
+            EXPECT_EQ(NetColumn(magic).Get({1}).Counter64(), value) << magic;
+        }
+    }
 }
 
 TEST_F(ResourceTables, TheFifthColumnOfCardsIs0WhateverTheRowHolds) {

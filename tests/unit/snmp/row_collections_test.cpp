@@ -12,6 +12,7 @@
 #include "apps/snmp/SNMPVMFloppyCD.h"
 #include "apps/snmp/SNMPVMInfo.h"
 #include "apps/snmp/SNMPVMNet.h"
+#include "tests/unit/snmp/released_blocks.h"
 #include "tests/unit/snmp/rows.h"
 
 namespace {
@@ -250,30 +251,9 @@ TEST_F(VmRows, AreNothingWhenTheCountIsNegative) {
 // Strings. A string released twice or not at all is found by the sanitizers; here each one is replaced by a
 // text whose release is counted.
 
-int releases = 0;
-bool counting = false;
-
-}  // namespace
-
-// NOLINTBEGIN(bugprone-reserved-identifier)
-extern "C" void __real_free(void* memory);
-extern "C" void __wrap_free(void* memory) {
-    if (counting && memory != nullptr) {
-        ++releases;
-    }
-    __real_free(memory);
-}
-// NOLINTEND(bugprone-reserved-identifier)
-
-namespace {
-
 // The number of blocks that `destroy` releases.
-int CountReleases(void (*destroy)()) {
-    releases = 0;
-    counting = true;
-    destroy();
-    counting = false;
-    return releases;
+std::size_t CountReleases(void (*destroy)()) {
+    return ReleasedBlocks(destroy).size();
 }
 
 TEST(OwnedStrings, OfVirtualMachinesAreReleasedWithTheBlock) {
@@ -285,14 +265,14 @@ TEST(OwnedStrings, OfVirtualMachinesAreReleasedWithTheBlock) {
         row->vmState = SNMPAllocString("state");
         row->vmGuestState = SNMPAllocString("guest state");
     }
-    EXPECT_EQ(CountReleases(SNMPVMInfoTable_Destroy), 11);
+    EXPECT_EQ(CountReleases(SNMPVMInfoTable_Destroy), 11U);
 }
 
 TEST(OwnedStrings, MayBeNull) {
     MakeVmRows(2);
-    EXPECT_EQ(CountReleases(SNMPVMInfoTable_Destroy), 1);
+    EXPECT_EQ(CountReleases(SNMPVMInfoTable_Destroy), 1U);
     Append(SNMPVMCDROMTable_GetPtr());
-    EXPECT_EQ(CountReleases(SNMPVMCDROMTable_Destroy), 1);
+    EXPECT_EQ(CountReleases(SNMPVMCDROMTable_Destroy), 1U);
 }
 
 TEST(OwnedStrings, OfDevicesAreReleasedWithTheirRows) {
@@ -312,18 +292,18 @@ TEST(OwnedStrings, OfDevicesAreReleasedWithTheirRows) {
         cdrom.cdBacking = SNMPAllocString("backing");
         cdrom.cdConnected = SNMPAllocString("false");
     }
-    EXPECT_EQ(CountReleases(SNMPVMHBATable_Destroy), 6);
-    EXPECT_EQ(CountReleases(SNMPVMHBATgtTable_Destroy), 4);
-    EXPECT_EQ(CountReleases(SNMPVMNetTable_Destroy), 8);
-    EXPECT_EQ(CountReleases(SNMPVMFloppyTable_Destroy), 6);
-    EXPECT_EQ(CountReleases(SNMPVMCDROMTable_Destroy), 6);
+    EXPECT_EQ(CountReleases(SNMPVMHBATable_Destroy), 6U);
+    EXPECT_EQ(CountReleases(SNMPVMHBATgtTable_Destroy), 4U);
+    EXPECT_EQ(CountReleases(SNMPVMNetTable_Destroy), 8U);
+    EXPECT_EQ(CountReleases(SNMPVMFloppyTable_Destroy), 6U);
+    EXPECT_EQ(CountReleases(SNMPVMCDROMTable_Destroy), 6U);
 }
 
 TEST(LastingStrings, OfDiskAndNetworkRowsStayAfterTheirRows) {
     resDiskNode& disk = Append(SNMPResDiskTable_GetPtr());
     const char* const diskName = SNMPLastingString("disk-0:0");
     disk.diskName = diskName;
-    EXPECT_EQ(CountReleases(SNMPResDiskTable_Destroy), 1);
+    EXPECT_EQ(CountReleases(SNMPResDiskTable_Destroy), 1U);
     EXPECT_STREQ(diskName, "disk-0:0");
 
     resNetNode& card = Append(SNMPResNetTable_GetPtr());
@@ -331,7 +311,7 @@ TEST(LastingStrings, OfDiskAndNetworkRowsStayAfterTheirRows) {
     const char* const netMac = SNMPLastingString("00:16:3e:00:00:01");
     card.netName = netName;
     card.netMac = netMac;
-    EXPECT_EQ(CountReleases(SNMPResNetTable_Destroy), 1);
+    EXPECT_EQ(CountReleases(SNMPResNetTable_Destroy), 1U);
     EXPECT_STREQ(netName, "VM Network");
     EXPECT_STREQ(netMac, "00:16:3e:00:00:01");
 }
@@ -339,7 +319,7 @@ TEST(LastingStrings, OfDiskAndNetworkRowsStayAfterTheirRows) {
 TEST(LastingStrings, MadeByTheOtherCopierStayToo) {
     char* const copy = SNMPAllocString("disk-0:1");
     Append(SNMPResDiskTable_GetPtr()).diskName = copy;
-    EXPECT_EQ(CountReleases(SNMPResDiskTable_Destroy), 1);
+    EXPECT_EQ(CountReleases(SNMPResDiskTable_Destroy), 1U);
     EXPECT_STREQ(copy, "disk-0:1");
     std::free(copy);
 }

@@ -35,12 +35,6 @@ class VmTables : public testing::Test {
     TestSupport::LogCapture log;
 };
 
-void ExpectInteger(const Answer& answer, int value) {
-    ASSERT_TRUE(answer.answered);
-    EXPECT_EQ(answer.Integer(), value);
-    EXPECT_TRUE(answer.writeMethodNull);
-}
-
 void ExpectText(const Answer& answer, const std::string& text) {
     ASSERT_TRUE(answer.answered);
     EXPECT_EQ(answer.bytes, text);

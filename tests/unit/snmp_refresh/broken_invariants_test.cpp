@@ -3,13 +3,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "apps/snmp/ExaminedVMs.h"
 #include "apps/snmp/OrdaneClient.h"
 #include "apps/snmp/SNMPRaskHelper.h"
 #include "runtime/ordane/faults.h"
+#include "runtime/tessim/exception.h"
+#include "tests/support/api_objects.h"
 #include "tests/support/fake_daemon.h"
 #include "tests/support/log_capture.h"
-#include "tests/unit/snmp_refresh/api_objects.h"
 #include "tests/unit/snmp_refresh/log_lines.h"
 #include "tests/unit/snmp_refresh/rows.h"
 
@@ -18,14 +21,19 @@ namespace {
 using SNMP::CounterList;
 using SNMP::ExaminedVMs;
 using SNMP::OrdaneClient;
+using SNMP::StatsIndex;
 using Tessim::MakeRef;
 using Tessim::Ref;
 using VmArray = Ordane::DataArray<Hask::VirtualMachine>;
+using EntityMetric = Hask::PerformanceManager::EntityMetric;
 using MetricIds = Ordane::DataArray<Hask::PerformanceManager::MetricId>;
 
 bool packNothing = false;
 bool loseAConfiguration = false;
 bool makeNoMetricIds = false;
+// What the second result of a query meets; null: nothing.
+void (*atSecondResult)() = nullptr;
+int results = 0;
 
 #define STRING "NSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE"
 #define PACK_STATS_NAME "_ZN4SNMP13PackStatsNameERSt6vectorISt4pairI" STRING "iESaIS8_EERKS7_SD_i"
@@ -33,6 +41,7 @@ bool makeNoMetricIds = false;
 #define GET_QUERY_METRIC_IDS                                                                         \
     "_ZN4SNMP12OrdaneClient17GetQueryMetricIdsERN6Tessim3RefIN6Ordane9DataArrayIN4Hask18Performance" \
     "Manager8MetricIdEEEEE"
+#define STATS_INDEX_ADD "_ZN4SNMP10StatsIndex3AddERKN4Hask18PerformanceManager12EntityMetricE"
 
 }  // namespace
 
@@ -45,6 +54,8 @@ ExaminedVMs RealExamine(const VmArray& allVms) asm("__real_" EXAMINE);
 ExaminedVMs WrapExamine(const VmArray& allVms) asm("__wrap_" EXAMINE);
 void RealGetQueryMetricIds(OrdaneClient* client, Ref<MetricIds>& out) asm("__real_" GET_QUERY_METRIC_IDS);
 void WrapGetQueryMetricIds(OrdaneClient* client, Ref<MetricIds>& out) asm("__wrap_" GET_QUERY_METRIC_IDS);
+void RealAdd(StatsIndex* index, const EntityMetric& metric) asm("__real_" STATS_INDEX_ADD);
+void WrapAdd(StatsIndex* index, const EntityMetric& metric) asm("__wrap_" STATS_INDEX_ADD);
 
 void WrapPackStatsName(CounterList& list, const std::string& group, const std::string& counter,
                        std::int32_t id) {
@@ -69,6 +80,13 @@ void WrapGetQueryMetricIds(OrdaneClient* client, Ref<MetricIds>& out) {
     }
 }
 
+void WrapAdd(StatsIndex* index, const EntityMetric& metric) {
+    if (atSecondResult != nullptr && ++results == 2) {
+        atSecondResult();
+    }
+    RealAdd(index, metric);
+}
+
 namespace {
 
 using testing::ElementsAre;
@@ -83,6 +101,7 @@ class BrokenInvariantTest : public testing::Test {
     }
     ~BrokenInvariantTest() override {
         packNothing = loseAConfiguration = makeNoMetricIds = false;
+        atSecondResult = nullptr;
         SNMPRaskTable_Destroy();
     }
 
@@ -159,6 +178,67 @@ TEST_F(BrokenInvariantTest, CollectsNothingWithoutMetricIds) {
     EXPECT_THAT(log.Take(),
                 ElementsAre(LogLine{4, "OrdaneClient::CollectVMStats no-op, no metrid Id to query.\n"}));
     EXPECT_THAT(daemon.host.queries, testing::IsEmpty());
+}
+
+// An error between two results of a query.
+class HalfACollectionTest : public BrokenInvariantTest {
+  protected:
+    HalfACollectionTest() {
+        results = 0;
+        daemon.host.vms.push_back(ApiObjects::Vm("32", ApiObjects::Config("web-2")));
+        for (const char* id : {"16", "32"}) {
+            daemon.host.metrics->Append(ApiObjects::Metric(id, {ApiObjects::Series(10, "0", {7000})}));
+        }
+    }
+
+    // Collects the figures of both machines.
+    void Collect() {
+        Ref<VmArray> vms;
+        client->GetAllVM(vms);
+        client->CollectVMStats(vms.Get());
+    }
+    std::int64_t UsedOf(const char* id) {
+        return client->RetrieveHCStats(ApiObjects::Reference("VirtualMachine", id).Get(), "cpu", "used", 0);
+    }
+
+    Ref<OrdaneClient> client = MakeRef<OrdaneClient>();
+};
+
+TEST_F(HalfACollectionTest, KeepsWhatCameBeforeTheError) {
+    client->Init(nullptr);
+    atSecondResult = [] { throw Tessim::InvalidArgumentException("a bad result"); };
+    log.Take();
+    EXPECT_NO_THROW(Collect());
+    const std::vector<LogLine> lines = log.Take();
+    ASSERT_GE(lines.size(), 2U);
+    EXPECT_EQ(lines[0], (LogLine{4, "OrdaneClient::CollectVMStats: :a bad result\n"}));
+    EXPECT_TRUE(std::all_of(lines.begin(), lines.end(), [](const LogLine& line) {
+        return line.priority == 4 && line.text.back() == '\n';
+    }));
+    EXPECT_EQ(UsedOf("16"), 7000);
+    EXPECT_THAT(log.Take(), testing::IsEmpty());
+    EXPECT_EQ(UsedOf("32"), -1);
+    EXPECT_THAT(log.Take(),
+                ElementsAre(LogLine{4, "OrdaneClient::RetrieveStats: couldn't find stats for cpu.used.0\n"}));
+    EXPECT_TRUE(client->IsInitialized());
+}
+
+TEST_F(HalfACollectionTest, DropsTheConnectionThatBrokeAndKeepsWhatCameBefore) {
+    client->Init(nullptr);
+    atSecondResult = [] { throw Ordane::Fault::HostCommunication::Exception("reset"); };
+    log.Take();
+    EXPECT_NO_THROW(Collect());
+    EXPECT_EQ(log.Take().at(0), (LogLine{4, "OrdaneClient::CollectVMStats: :reset\n"}));
+    EXPECT_FALSE(client->IsInitialized());
+    EXPECT_EQ(UsedOf("16"), 7000);
+    EXPECT_EQ(UsedOf("32"), -1);
+    EXPECT_EQ(daemon.openings.size(), 1U);
+    // The next collection connects again and has all.
+    atSecondResult = nullptr;
+    Collect();
+    EXPECT_TRUE(client->IsInitialized());
+    EXPECT_EQ(daemon.openings.size(), 2U);
+    EXPECT_EQ(UsedOf("32"), 7000);
 }
 
 }  // namespace

@@ -10,9 +10,9 @@
 #include "apps/snmp/SNMPWriter.h"
 #include "runtime/ordane/faults.h"
 #include "runtime/tessim/exception.h"
+#include "tests/support/api_objects.h"
 #include "tests/support/fake_daemon.h"
 #include "tests/support/log_capture.h"
-#include "tests/unit/snmp_refresh/api_objects.h"
 #include "tests/unit/snmp_refresh/log_lines.h"
 #include "tests/unit/snmp_refresh/observed_runtime.h"
 
@@ -143,6 +143,15 @@ TEST(ProcessWideClient, SendsTheRuntimesMessagesToTheAgentsLog) {
     EXPECT_THAT(log.Take(), ElementsAre(LogLine{6, "Failed to read ticket. Ticket file too long.\n"}));
 }
 
+TEST(ProcessWideClient, TellsTheAgentsLogWhyThereIsNoTicket) {
+    FakeDaemon daemon;
+    LogCapture log;
+    daemon.host.WhenAsked("AcquireLocalTicket",
+                          [] { throw Ordane::Fault::SystemError::Exception("no tickets today"); });
+    EXPECT_NE(GetOrdaneClient(), nullptr);
+    EXPECT_THAT(log.Take(), ElementsAre(LogLine{6, "Failed to acquire local ticket: no tickets today\n"}));
+}
+
 TEST(ProcessWideClient, MakesNoNewLoggerWhenAQueryReconnects) {
     FakeDaemon daemon;
     LogCapture log;
@@ -268,6 +277,26 @@ TEST_F(ClientTest, LetsStrangeExceptionsOfAConnectionPass) {
     EXPECT_TRUE(client->Init(nullptr));
 }
 
+TEST_F(ClientTest, ConnectsAnewAfterAStepOfConnectingFailed) {
+    for (const char* step : {"get connection path", "map ", "create adapter", "get factory"}) {
+        client = MakeRef<OrdaneClient>();
+        daemon.failingStep = step;
+        EXPECT_FALSE(client->Init(nullptr)) << step;
+        EXPECT_FALSE(client->IsInitialized()) << step;
+        const std::vector<std::string> texts = TextsOf(log.Take(), 4);
+        ASSERT_EQ(texts.size(), 1U) << step;
+        EXPECT_THAT(texts[0], testing::StartsWith(std::string("OrdaneClient::Init: :") + step));
+        EXPECT_EQ(daemon.streams, 0) << step;
+        daemon.failingStep.clear();
+        Ref<VmArray> vms;
+        client->GetAllVM(vms);
+        EXPECT_TRUE(vms) << step;
+        EXPECT_EQ(daemon.streams, 1) << step;
+        client.Reset();
+        EXPECT_EQ(daemon.streams, 0) << step;
+    }
+}
+
 // GetAllVM.
 
 TEST_F(ClientTest, ListsEveryChildOfTheFolderInItsOrder) {
@@ -345,7 +374,7 @@ class OddFolder final : public Hask::Folder {
     Ref<DataArray<Ordane::MoRef>> children;
 };
 
-class OddFactory final : public virtual Hask::MoFactory, public Tessim::ObjectImpl {
+class OddFactory : public virtual Hask::MoFactory, public Tessim::ObjectImpl {
   public:
     OddFactory(FakeHost& host, Ref<DataArray<Ordane::MoRef>> children)
         : host(&host), children(std::move(children)) {}
@@ -373,6 +402,28 @@ class OddFactory final : public virtual Hask::MoFactory, public Tessim::ObjectIm
     Ref<DataArray<Ordane::MoRef>> children;
     Ref<Ordane::ManagedObject> found;
 };
+
+// A factory that has no session manager to give.
+class SessionlessFactory final : public OddFactory {
+  public:
+    SessionlessFactory(FakeHost& host, const Tessim::Exception& failure)
+        : OddFactory(host, nullptr), failure(&failure) {}
+    void GetSessionManager(Ref<Hask::SessionManager>& /*out*/) override { throw Tessim::Exception(*failure); }
+
+  private:
+    const Tessim::Exception* failure;
+};
+
+TEST_F(ClientTest, FailsToConnectWithoutASessionManager) {
+    ObservedRuntime::factory = MakeRef<SessionlessFactory>(host, failure);
+    EXPECT_FALSE(client->Init(nullptr));
+    EXPECT_FALSE(client->IsInitialized());
+    EXPECT_THAT(log.Take(), ElementsAreArray(Report("OrdaneClient::Init: :it failed\n", failure, 7)));
+    EXPECT_THAT(daemon.calls, IsEmpty());
+    ObservedRuntime::factory.Reset();
+    EXPECT_TRUE(client->Init(nullptr));
+    EXPECT_EQ(CountConnections(), 2);
+}
 
 TEST_F(ClientTest, ListsNothingOfAFolderWithoutAnArray) {
     ObservedRuntime::factory = MakeRef<OddFactory>(host, nullptr);
@@ -512,6 +563,19 @@ TEST_F(ClientTest, ReportsABrokenConnectionOfADatastoreQuery) {
     EXPECT_FALSE(client->IsInitialized());
 }
 
+TEST_F(ClientTest, HasNoInformationOfADatastoreWhileTheDaemonIsDown) {
+    host.datastores["ds-1"] = MakeRef<Hask::Datastore::Info>();
+    daemon.down = "connection refused";
+    Ref<Hask::Datastore::Info> info = MakeRef<Hask::Datastore::Info>();
+    client->GetDatastoreInfo("ds-1", info);
+    EXPECT_FALSE(info);
+    EXPECT_THAT(TextsOf(log.Take(), 4), ElementsAre("OrdaneClient::Init: :connection refused\n"));
+    EXPECT_EQ(daemon.CountCalls("GetInfo"), 0);
+    daemon.down.clear();
+    client->GetDatastoreInfo("ds-1", info);
+    EXPECT_TRUE(info);
+}
+
 // GetNumCpuCores.
 
 TEST_F(ClientTest, AsksForTheCoresOnceTheyAreKnown) {
@@ -582,7 +646,7 @@ TEST_F(ClientTest, KnowsNoCoresWhileTheDaemonIsDown) {
 TEST_F(ClientTest, GivesTheReservationInBytesFirstAndInKilobytesAfterwards) {
     SetMemory(285212672, 1862270976);
     std::int64_t reserved = -1;
-    EXPECT_EQ(client->GetMemoryReservation(reserved), 2097152 - 0);
+    EXPECT_EQ(client->GetMemoryReservation(reserved), 2097152);
     EXPECT_EQ(reserved, 285212672);
     EXPECT_EQ(client->GetMemoryReservation(reserved), 2097152);
     EXPECT_EQ(reserved, 278528);
@@ -621,10 +685,17 @@ TEST_F(ClientTest, RoundsKilobytesTowardZero) {
 }
 
 TEST_F(ClientTest, SurvivesAbsurdReservations) {
-    SetMemory(INT64_MAX, INT64_MAX);
+    const std::int64_t largest = INT64_MAX;
     std::int64_t reserved = 0;
-    client->GetMemoryReservation(reserved);
-    EXPECT_EQ(reserved, INT64_MAX);
+    SetMemory(largest, largest);
+    EXPECT_EQ(client->GetMemoryReservation(reserved), 0);  // wrapped to -2 bytes
+    EXPECT_EQ(reserved, largest);
+    // A total of 0 is not kept.
+    SetMemory(largest, 1);
+    EXPECT_EQ(client->GetMemoryReservation(reserved), INT64_MIN / 1024);
+    EXPECT_EQ(reserved, largest);
+    EXPECT_EQ(client->GetMemoryReservation(reserved), INT64_MIN / 1024);
+    EXPECT_EQ(reserved, largest / 1024);
 }
 
 TEST_F(ClientTest, ReportsAFailedReservationUnderItsShortName) {

@@ -14,8 +14,8 @@
 #include "runtime/tessim/peer.h"
 #include "runtime/tessim/service.h"
 #include "runtime/tessim/time_budget.h"
+#include "tests/support/api_objects.h"
 #include "tests/support/fake_daemon.h"
-#include "tests/unit/snmp_refresh/api_objects.h"
 
 namespace SNMP {
 namespace {
@@ -112,9 +112,20 @@ TEST_F(ConnectionTest, OpensTheManagementServiceOnTheLoopbackPort) {
     EXPECT_EQ(daemon.openings[0].text2, "");
 }
 
-TEST_F(ConnectionTest, MayTakeOneSecond) {
+TEST_F(ConnectionTest, MayTakeOneSecondInAll) {
+    std::vector<Tessim::Clock::time_point> deadlines;
+    for (const char* method : {"AcquireLocalTicket", "Login"}) {
+        daemon.WhenSent(method, [&] { deadlines.push_back(Tessim::TimeBudget::Deadline()); });
+    }
+    // The budget of the caller is longer, that of the connection counts.
+    const Tessim::TimeBudget outer(1h);
+    const auto begin = Tessim::Clock::now();
     connection->Init(nullptr);
-    EXPECT_LE(daemon.openings.at(0).limit, 1s);
+    const auto end = Tessim::Clock::now();
+    const auto deadline = daemon.openings.at(0).deadline;
+    EXPECT_GE(deadline, begin + 1s);
+    EXPECT_LE(deadline, end + 1s);
+    EXPECT_THAT(deadlines, ElementsAre(deadline, deadline));
 }
 
 TEST_F(ConnectionTest, UsesTheDefaultLoggerWithoutAWriter) {
@@ -185,6 +196,52 @@ TEST_F(ConnectionTest, NeverSendsWhatIsNoPassword) {
         EXPECT_EQ(logger->messages.back(),
                   (Message{3, TicketFailure("the ticket file does not hold a password")}));
     }
+}
+
+TEST_F(ConnectionTest, SendsPrintableCharactersWithoutBlanksAlone) {
+    for (int byte = 1; byte <= 0xff; ++byte) {
+        daemon.host.logins.clear();
+        const std::string content = std::string("a") + static_cast<char>(byte) + "z";
+        daemon.host.ticketContent = content;
+        connection = MakeRef<Connection>();
+        connection->Init(nullptr);
+        if (byte >= 0x21 && byte <= 0x7e) {
+            EXPECT_THAT(daemon.host.logins, ElementsAre(LoginCall{"root", content, "en"})) << byte;
+        } else {
+            EXPECT_THAT(daemon.host.logins, IsEmpty()) << byte;
+        }
+    }
+}
+
+TEST_F(ConnectionTest, LooksAtEveryByteOfThePassword) {
+    for (const std::string content : {" word", "word ", " ", "\x7f", "word\x7f", "\nword"}) {
+        daemon.host.ticketContent = content;
+        connection = MakeRef<Connection>();
+        connection->Init(nullptr);
+        EXPECT_THAT(daemon.host.logins, IsEmpty()) << content;
+    }
+    // What stands behind the first NUL byte is not of the password.
+    daemon.host.ticketContent = std::string("word\0 \x7f\n", 8);
+    connection = MakeRef<Connection>();
+    connection->Init(nullptr);
+    EXPECT_THAT(daemon.host.logins, ElementsAre(LoginCall{"root", "word", "en"}));
+}
+
+TEST_F(ConnectionTest, TakesNoEmptyTicket) {
+    daemon.host.ticketContent = "";
+    EXPECT_NO_THROW(connection->Init(nullptr));
+    EXPECT_THAT(daemon.host.logins, IsEmpty());
+    ASSERT_EQ(logger->messages.size(), 1U);
+    EXPECT_EQ(logger->messages[0].level, 3);
+    EXPECT_THAT(logger->messages[0].text, testing::StartsWith(TicketFailure("")));
+    EXPECT_THAT(logger->messages[0].text, HasSubstr("empty"));
+}
+
+TEST_F(ConnectionTest, LeavesAPasswordThatEndsAtOnceToTheDaemon) {
+    daemon.host.ticketContent = std::string("\0after", 6);
+    connection->Init(nullptr);
+    EXPECT_THAT(daemon.host.logins, ElementsAre(LoginCall{"root", "", "en"}));
+    EXPECT_THAT(logger->messages, IsEmpty());
 }
 
 TEST_F(ConnectionTest, StaysConnectedWithoutASessionWhenTheTicketCannotBeRead) {
@@ -265,6 +322,60 @@ TEST_F(ConnectionTest, LetsAFailedOpeningPass) {
     connection.Reset();
     EXPECT_THAT(logger->messages, ElementsAre(Message{5, "Disconnect: not connected."}));
     EXPECT_THAT(daemon.events, ElementsAre("shut service down"));
+}
+
+// Each step that follows the opening of the stream.
+class FailingStepTest : public ConnectionTest, public testing::WithParamInterface<const char*> {};
+
+TEST_P(FailingStepTest, PassesAndLeavesNothingBehind) {
+    daemon.failingStep = GetParam();
+    try {
+        connection->Init(nullptr);
+        ADD_FAILURE() << "the connection was made";
+    } catch (const Tessim::Exception& failure) {
+        EXPECT_THAT(failure.what(), testing::StartsWith(GetParam()));
+    }
+    EXPECT_THAT(daemon.calls, IsEmpty());
+    EXPECT_EQ(daemon.streams, 1);
+    connection.Reset();
+    EXPECT_EQ(daemon.streams, 0);
+    EXPECT_EQ(daemon.events.back(), "shut service down");
+}
+
+TEST_P(FailingStepTest, DoesNotKeepTheNextConnectionFromWorking) {
+    daemon.failingStep = GetParam();
+    EXPECT_THROW(connection->Init(nullptr), Tessim::Exception);
+    daemon.failingStep.clear();
+    connection = MakeRef<Connection>();
+    EXPECT_NO_THROW(connection->Init(nullptr));
+    EXPECT_EQ(daemon.host.logins.size(), 1U);
+    EXPECT_EQ(daemon.streams, 1);
+    connection.Reset();
+    EXPECT_EQ(daemon.streams, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Steps, FailingStepTest,
+                         testing::Values("get connection path", "map ", "create adapter", "get factory"),
+                         [](const auto& info) { return "Step" + std::to_string(info.index); });
+
+TEST_F(ConnectionTest, KeepsWhatItMadeBeforeAStepFailed) {
+    for (const char* step : {"map ", "create adapter", "get factory"}) {
+        daemon.failingStep = step;
+        connection = MakeRef<Connection>();
+        EXPECT_THROW(connection->Init(nullptr), Tessim::Exception);
+        EXPECT_TRUE(connection->IsOwn());
+        // It has its path, so it takes itself for connected until it is told to disconnect.
+        daemon.failingStep.clear();
+        logger->messages.clear();
+        connection->Connect();
+        EXPECT_THAT(logger->messages, ElementsAre(Message{5, "Already connected."})) << step;
+        logger->messages.clear();
+        connection->Disconnect();
+        connection->Connect();
+        connection->Login();
+        EXPECT_THAT(logger->messages, IsEmpty()) << step;
+    }
+    EXPECT_EQ(daemon.host.logins.size(), 3U);
 }
 
 TEST_F(ConnectionTest, LogsWhenItIsAlreadyConnected) {

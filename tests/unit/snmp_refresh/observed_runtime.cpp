@@ -30,7 +30,7 @@ class ObservedZarnSvc final : public virtual ZarnSvc, public Tessim::ObjectImpl 
     explicit ObservedZarnSvc(Ref<ZarnSvc> service) : service(std::move(service)) {}
 
     void Startup() override {
-        FakeDaemon::Record("start service");
+        FakeDaemon::Step("start service");
         service->Startup();
     }
     void Shutdown() override {
@@ -38,12 +38,12 @@ class ObservedZarnSvc final : public virtual ZarnSvc, public Tessim::ObjectImpl 
         service->Shutdown();
     }
     std::string GetConnectionPath(Tessim::System::Stream* stream, int flags) override {
-        FakeDaemon::Record("get connection path, flags " + std::to_string(flags));
+        FakeDaemon::Step("get connection path, flags " + std::to_string(flags));
         return service->GetConnectionPath(stream, flags);
     }
     void MapPath(const std::string& connectionPath, const std::string& remotePath,
                  const std::string& localPath) override {
-        FakeDaemon::Record("map " + connectionPath + ", " + remotePath + ", " + localPath);
+        FakeDaemon::Step("map " + connectionPath + ", " + remotePath + ", " + localPath);
         service->MapPath(connectionPath, remotePath, localPath);
     }
     Tessim::Zarn::Route Resolve(const std::string& localPath) const override {
@@ -87,24 +87,24 @@ OBSERVED(GetMoStubFactory, RealGetMoStubFactory,
          (const std::string& flavour, Ordane::StubAdapter* adapter, Ref<Hask::MoFactory>& out))
 
 void InitApp() {
-    FakeDaemon::Record("init app");
+    FakeDaemon::Step("init app");
     RealInitApp();
 }
 
 void CreateLogger(Tessim::Writer* writer, const std::string& name, Tessim::Service::LogManager* logManager,
                   Ref<Logger>& out) {
-    FakeDaemon::Record("create logger " + name + (logManager != nullptr ? " with manager" : ""));
+    FakeDaemon::Step("create logger " + name + (logManager != nullptr ? " with manager" : ""));
     RealCreateLogger(writer, name, logManager, out);
 }
 
 void SetDefaultLogger(Logger* logger) {
-    FakeDaemon::Record("set default logger " + NameOf(logger));
+    FakeDaemon::Step("set default logger " + NameOf(logger));
     RealSetDefaultLogger(logger);
 }
 
 void CreateZarnSvc(Logger* logger, Tessim::Object* parent, Ref<ZarnSvc>& out) {
-    FakeDaemon::Record("create service logging to " + NameOf(logger) +
-                       (parent != nullptr ? " with parent" : ""));
+    FakeDaemon::Step("create service logging to " + NameOf(logger) +
+                     (parent != nullptr ? " with parent" : ""));
     Ref<ZarnSvc> service;
     RealCreateZarnSvc(logger, parent, service);
     out = Tessim::MakeRef<ObservedZarnSvc>(service);
@@ -112,23 +112,23 @@ void CreateZarnSvc(Logger* logger, Tessim::Object* parent, Ref<ZarnSvc>& out) {
 
 void CreateKeyStore(const std::string& privateKey, const std::string& certificate,
                     const std::vector<std::string>& trustedCertificates, Ref<KeyStore>& out) {
-    FakeDaemon::Record("create key store '" + privateKey + "', '" + certificate + "', " +
-                       std::to_string(trustedCertificates.size()));
+    FakeDaemon::Step("create key store '" + privateKey + "', '" + certificate + "', " +
+                     std::to_string(trustedCertificates.size()));
     RealCreateKeyStore(privateKey, certificate, trustedCertificates, out);
 }
 
 void InitSSL(const std::string& options) {
-    FakeDaemon::Record("init SSL '" + options + "'");
+    FakeDaemon::Step("init SSL '" + options + "'");
     RealInitSSL(options);
 }
 
 void CreateSSLContext(KeyStore* keys, Tessim::Ssl::SupportedVersion version, Ref<SSLContext>& out) {
-    FakeDaemon::Record("create context, version " + std::to_string(static_cast<int>(version)));
+    FakeDaemon::Step("create context, version " + std::to_string(static_cast<int>(version)));
     RealCreateSSLContext(keys, version, out);
 }
 
 void GetMoStubFactory(const std::string& flavour, Ordane::StubAdapter* adapter, Ref<Hask::MoFactory>& out) {
-    FakeDaemon::Record("get factory " + flavour);
+    FakeDaemon::Step("get factory " + flavour);
     if (factory) {
         out = factory;
         return;

@@ -8,15 +8,16 @@
 #include <new>
 #include <ostream>
 #include <stdexcept>
+#include <thread>
 
 #include "apps/snmp/NetSnmp.h"
 #include "apps/snmp/SNMPRaskHelper.h"
 #include "runtime/tessim/exception.h"
 #include "runtime/tessim/time_budget.h"
+#include "tests/support/api_objects.h"
 #include "tests/support/fake_daemon.h"
 #include "tests/support/fault_injection.h"
 #include "tests/support/log_capture.h"
-#include "tests/unit/snmp_refresh/api_objects.h"
 #include "tests/unit/snmp_refresh/log_lines.h"
 #include "tests/unit/snmp_refresh/rows.h"
 
@@ -188,15 +189,31 @@ TEST_F(RefreshTest, CountsFromTheStartOfARebuildNotFromItsEnd) {
 
 TEST_F(RefreshTest, MayTakeFiveSeconds) {
     AddFullVm("16");
-    std::chrono::steady_clock::duration left{};
-    daemon.WhenSent("GetConfig", [&] { left = Tessim::TimeBudget::Deadline() - Tessim::Clock::now(); });
+    std::vector<Tessim::Clock::time_point> deadlines;
+    for (const char* method : {"GetChildEntity", "GetConfig", "QueryPerf", "GetGuest"}) {
+        daemon.WhenSent(method, [&] { deadlines.push_back(Tessim::TimeBudget::Deadline()); });
+    }
     // The budget of the caller is longer, that of the rebuild counts.
     const Tessim::TimeBudget outer(1h);
+    const auto begin = Tessim::Clock::now();
     RequestAt(0);
-    EXPECT_LE(left, 5s);
-    EXPECT_GT(left, 0s);
-    EXPECT_LE(daemon.openings.at(0).limit, 1s);
+    const auto end = Tessim::Clock::now();
+    ASSERT_EQ(deadlines.size(), 4U);
+    EXPECT_GE(deadlines[0], begin + 5s);
+    EXPECT_LE(deadlines[0], end + 5s);
+    EXPECT_THAT(deadlines, Each(deadlines[0]));
+    // One of them for the connection.
+    EXPECT_GE(daemon.openings.at(0).deadline, begin + 1s);
+    EXPECT_LE(daemon.openings.at(0).deadline, end + 1s);
     EXPECT_GT(Tessim::TimeBudget::Deadline() - Tessim::Clock::now(), 10s);
+}
+
+TEST_F(RefreshTest, WaitsForADaemonThatIsSlowButInTime) {
+    AddFullVm("16");
+    daemon.WhenSent("QueryPerf", [] { std::this_thread::sleep_for(1500ms); });
+    RequestAt(0);
+    EXPECT_THAT(log.Take(), ElementsAre(startLine, ExaminingLine(1), completedLine));
+    EXPECT_THAT(TestRows::Counts(), ElementsAre(1, 2, 2, 2, 2, 2, 2, 1, 2, 2));
 }
 
 TEST_F(RefreshTest, EndsWhenItsTimeIsUpWhileItFillsTheTables) {
@@ -417,6 +434,21 @@ TEST_F(RefreshTest, LogsABadVmIdOncePerRebuild) {
     EXPECT_THAT(TextsOf(log.Take(), 4), ElementsAre("SetVMInfo: invalid VM Id: vm-x\n"));
 }
 
+TEST_F(RefreshTest, LogsEachBadVmIdOncePerRebuild) {
+    AddFullVm("vm-x");
+    AddFullVm("16");
+    AddFullVm("99999999999");
+    for (const int seconds : {0, 21}) {
+        RequestAt(seconds);
+        EXPECT_THAT(TextsOf(log.Take(), 4), ElementsAre("SetVMInfo: invalid VM Id: vm-x\n",
+                                                        "SetVMInfo: invalid VM Id: 99999999999\n"));
+        ASSERT_EQ(TestRows::Memories().size(), 3U);
+        EXPECT_EQ(TestRows::Memories()[0]->memVMID, -1);
+        EXPECT_EQ(TestRows::Memories()[1]->memVMID, 16);
+        EXPECT_EQ(TestRows::Memories()[2]->memVMID, -1);
+    }
+}
+
 TEST_F(RefreshTest, HasNoFiguresOfAVmThatTheQueryDidNotAnswer) {
     AddFullVm("16");
     host.vms.push_back(Vm("64", Config("late", 1, 64)));
@@ -498,6 +530,32 @@ TEST_F(RefreshTest, EmptiesTheTablesWithoutAClient) {
     EXPECT_EQ(log.Take().back(),
               (LogLine{4, "SNMPRAskRefreshCache: Could not acquire ordane client to tovric-vessad.\n"}));
     EXPECT_EQ(TestRows::Counts(), noRows);
+}
+
+TEST_F(RefreshTest, EmptiesFilledTablesWhenTheConnectionIsNotItsOwnAndTheDaemonIsDown) {
+    AddFullVm("16");
+    RequestAt(0);
+    ASSERT_THAT(TestRows::Counts(), ElementsAre(1, 2, 2, 2, 2, 2, 2, 1, 2, 2));
+    log.Take();
+    daemon.foreignStreams = true;
+    daemon.down = "connection refused";
+    RequestAt(20);
+    EXPECT_EQ(TestRows::Vms().size(), 1U);
+    RequestAt(21);
+    EXPECT_EQ(TestRows::Counts(), noRows);
+    EXPECT_EQ(vmInfoTableNumEnt, 0);
+    EXPECT_EQ(
+        TextsOf(log.Take(), 4),
+        (std::vector<std::string>{
+            "OrdaneClient::Init: :connection refused\n", "Could not init ordane client to tovric-vessad.\n",
+            "SNMPRAskRefreshCache: Could not acquire ordane client to tovric-vessad.\n"}));
+    // No failure of the rebuild: it is tried again in its turn.
+    daemon.foreignStreams = false;
+    daemon.down.clear();
+    RequestAt(41);
+    EXPECT_EQ(TestRows::Counts(), noRows);
+    RequestAt(42);
+    EXPECT_EQ(TestRows::Vms().size(), 1U);
 }
 
 TEST_F(RefreshTest, FindsNoVmWhenTheConnectionBreaksAndReconnectsInTheNextTurn) {

@@ -3,11 +3,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
+#include "apps/snmp/NetSnmp.h"
 #include "runtime/tessim/exception.h"
+#include "tests/support/api_objects.h"
 #include "tests/support/fake_daemon.h"
 #include "tests/support/fault_injection.h"
 #include "tests/support/log_capture.h"
-#include "tests/unit/snmp_refresh/api_objects.h"
 #include "tests/unit/snmp_refresh/log_lines.h"
 #include "tests/unit/snmp_refresh/rows.h"
 
@@ -106,6 +109,26 @@ TEST_F(ResourceTest, CountsTheCpusOfAVmWithABadIdFromMinusOne) {
     EXPECT_EQ(TestRows::Cpus().at(1)->cpuVMID, 0);
 }
 
+TEST_F(ResourceTest, MakesAtMost65536CpuRowsOfAVm) {
+    constexpr std::int32_t most = 65536;
+    for (const std::int32_t cpus : {most - 1, most, most + 1, INT32_MAX}) {
+        resCPUNode* const last =
+            SetCPUResource(client.Get(), vm, Config("x", cpus).Get(), SNMPResCPUTable_GetPtr());
+        log.Take();
+        EXPECT_EQ(TestRows::Cpus().size(), static_cast<std::size_t>(std::min(cpus, most))) << cpus;
+        EXPECT_EQ(last->cpuVMID, 16 + std::min(cpus, most) - 1) << cpus;
+        SNMPResCPUTable_Destroy();
+    }
+}
+
+TEST_F(ResourceTest, LetsTheKeysOfCpusWrap) {
+    host.vms = {Vm("2147483647", Config("x"))};
+    client->GetAllVM(vms);
+    SetCPUResource(client.Get(), (*vms)[0], Config("x", 2).Get(), SNMPResCPUTable_GetPtr());
+    EXPECT_EQ(TestRows::Cpus().at(0)->cpuVMID, INT32_MAX);
+    EXPECT_EQ(TestRows::Cpus().at(1)->cpuVMID, INT32_MIN);
+}
+
 TEST_F(ResourceTest, StoresAMissingFigureAsItIs) {
     Collect({Series(10, "1", {1000})});
     SetCPUResource(client.Get(), vm, Config("x").Get(), SNMPResCPUTable_GetPtr());
@@ -159,6 +182,8 @@ TEST_F(ResourceTest, CutsConfiguredMemoryTo32Bits) {
     resMemNode* last =
         SetMemResource(client.Get(), vm, Config("x", 1, 2097152).Get(), SNMPResMemTable_GetPtr());
     EXPECT_EQ(last->memConfiguredKB, INT32_MIN);
+    last = SetMemResource(client.Get(), vm, Config("x", 1, 3000000).Get(), &last);
+    EXPECT_EQ(last->memConfiguredKB, 3072000000 - (std::int64_t{1} << 32));
     last = SetMemResource(client.Get(), vm, Config("x", 1, 4194305).Get(), &last);
     EXPECT_EQ(last->memConfiguredKB, 1024);
 }
@@ -258,6 +283,14 @@ TEST_F(DiskTest, NamesDisksByTheirBacking) {
     EXPECT_THAT(TextsOf(lines, 6), IsEmpty());
 }
 
+TEST_F(DiskTest, SaysThatADiskHasNoLabel) {
+    Fill({Disk("", 0, FileBacking("[s] a", "plain")), Disk("", 1, FileBacking("[s] b", "mute"))});
+    EXPECT_THAT(
+        OtherLines(),
+        ElementsAre(LogLine{6, "SetDiskResource: skipped disk not backed by drell disk without label.\n"},
+                    LogLine{4, "SetDiskResource: no datastore info for disk without label.\n"}));
+}
+
 TEST_F(DiskTest, SkipsDisksOfOtherDatastoresAndTakesTheirNumberBack) {
     Fill({Disk("Hard Disk 1", 0, FileBacking("[s] a", "drell")),
           Disk("Hard Disk 2", 1, FileBacking("[s] b", "plain"))});
@@ -321,6 +354,38 @@ TEST_F(DiskTest, KeepsNamesWhenTheRowsAreGone) {
     Fill({Disk("A", 0, DeviceBacking("raw-lasting")), Disk("B", 1, DeviceBacking("raw-lasting"))});
     EXPECT_EQ(TestRows::Disks().at(0)->diskName, name);
     EXPECT_EQ(TestRows::Disks().at(1)->diskName, name);
+}
+
+// Without the log capture, which needs memory itself.
+TEST(DiskWithoutMemoryForItsName, HasNoFigures) {
+    FakeDaemon daemon;
+    daemon.host.counters = AllCounters();
+    daemon.host.vms = {Vm("16", Config("web-1"))};
+    // Figures that a question for any instance would find.
+    daemon.host.metrics->Append(Metric("16", {Series(1, "raw-1", {101}), Series(2, "raw-1", {102}),
+                                              Series(3, "raw-1", {103}), Series(4, "raw-1", {104})}));
+    const auto client = MakeRef<OrdaneClient>();
+    Ref<Ordane::DataArray<Hask::VirtualMachine>> vms;
+    client->GetAllVM(vms);
+    client->CollectVMStats(vms.Get());
+    const auto disks = Array<Device::VirtualDisk>({Disk("Hard Disk 1", 0, DeviceBacking("raw-1"), 1000)});
+    snmp_disable_log();
+    resDiskNode* row = nullptr;
+    {
+        FaultInjection faults;
+        faults.FailNew(1, 2);  // for the disk's own name, and for the one that takes its place
+        row = SetDiskResource(client.Get(), (*vms)[0], disks.Get(), SNMPResDiskTable_GetPtr());
+    }
+    ASSERT_NE(row, nullptr);
+    EXPECT_EQ(row->diskName, nullptr);
+    EXPECT_EQ(row->diskIdx, 1);
+    EXPECT_EQ(row->diskVMID, 16);
+    EXPECT_EQ(row->diskShares, 1000);
+    EXPECT_EQ(row->diskNumRead, -1);
+    EXPECT_EQ(row->diskRead, -1);
+    EXPECT_EQ(row->diskNumWrite, -1);
+    EXPECT_EQ(row->diskWrite, -1);
+    SNMPResDiskTable_Destroy();
 }
 
 // Network cards.

@@ -5,9 +5,9 @@
 
 #include "apps/snmp/OrdaneClient.h"
 #include "runtime/ordane/faults.h"
+#include "tests/support/api_objects.h"
 #include "tests/support/fake_daemon.h"
 #include "tests/support/log_capture.h"
-#include "tests/unit/snmp_refresh/api_objects.h"
 #include "tests/unit/snmp_refresh/log_lines.h"
 
 namespace SNMP {
@@ -361,6 +361,35 @@ TEST_F(StatisticsTest, CutsASampleToItsLow32Bits) {
     EXPECT_EQ(client->RetrieveHCStats(vm.Get(), "cpu", "used", "0"), beyond32Bits);
     EXPECT_EQ(client->RetrieveStats(vm.Get(), "mem", "active", nullptr), -1);
     EXPECT_EQ(client->RetrieveHCStats(vm.Get(), "mem", "active", nullptr), 0xffffffff);
+    EXPECT_THAT(log.Take(), IsEmpty());
+}
+
+TEST_F(StatisticsTest, KeepsEveryBitOfASampleOrItsLow32) {
+    const struct {
+        std::int64_t sample;
+        std::int32_t low;
+    } cases[] = {{0, 0},
+                 {INT32_MAX, INT32_MAX},
+                 {std::int64_t{1} << 31, INT32_MIN},
+                 {(std::int64_t{1} << 32) - 1, -1},
+                 {std::int64_t{1} << 32, 0},
+                 {(std::int64_t{1} << 32) + 5, 5},
+                 {std::int64_t{1} << 62, 0},
+                 {INT64_MAX, -1},
+                 {-1, -1},
+                 {INT64_MIN, 0}};
+    std::vector<Ref<Performance::MetricSeries>> series;
+    for (const auto& each : cases) {
+        series.push_back(Series(10, std::to_string(series.size()), {each.sample}));
+    }
+    Collect({Metric("16", series)});
+    const auto vm = Reference("VirtualMachine", "16");
+    int instance = 0;
+    for (const auto& each : cases) {
+        EXPECT_EQ(client->RetrieveHCStats(vm.Get(), "cpu", "used", instance), each.sample);
+        EXPECT_EQ(client->RetrieveStats(vm.Get(), "cpu", "used", instance), each.low) << each.sample;
+        ++instance;
+    }
     EXPECT_THAT(log.Take(), IsEmpty());
 }
 

@@ -5,7 +5,7 @@
 #include <array>
 #include <random>
 
-#include "tests/unit/snmp_refresh/api_objects.h"
+#include "tests/support/api_objects.h"
 
 namespace SNMP {
 namespace {

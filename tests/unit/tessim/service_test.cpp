@@ -79,6 +79,14 @@ TEST(Logger, WritesTheMessageAndALineFeedAtOnce) {
     EXPECT_THAT(lines->written, ElementsAre("Already connected.\n", "Failed: why\n", "\n"));
 }
 
+TEST(Logger, WritesOneLineWhateverTheMessageQuotes) {
+    const Ref<Lines> lines = MakeRef<Lines>();
+    const Ref<Logger> logger = MakeLogger(lines.Get());
+    Log(logger.Get(), Logger::LogLevel::Error,
+        PrintFormatter("Failed: %1") << "why\nroot logged in\x1b[2K" + std::string(1, '\0') + "end");
+    EXPECT_THAT(lines->written, ElementsAre("Failed: why\\x0aroot logged in\\x1b[2K\\x00end\n"));
+}
+
 TEST(Logger, NeedsAWriter) {
     Ref<Logger> logger;
     EXPECT_THROW(CreateLogger(nullptr, "SNMP", nullptr, logger), InvalidArgumentException);

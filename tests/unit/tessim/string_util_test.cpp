@@ -75,6 +75,22 @@ TEST(CutUtf8, CutsBytesThatAreNoUtf8Anywhere) {
     EXPECT_EQ(CutUtf8(std::string_view("a\xE2\x82", 3), 2).size(), 2U);  // the text ends too early
 }
 
+TEST(OneLine, ShowsControlCharacters) {
+    EXPECT_EQ(OneLine("a\r\nb\t\x1b[0m\x7f"), "a\\x0d\\x0ab\\x09\\x1b[0m\\x7f");
+    EXPECT_EQ(OneLine(std::string("a\0b", 3)), "a\\x00b");
+    EXPECT_EQ(OneLine("\n"), "\\x0a");
+    EXPECT_EQ(OneLine("\xC2\x9B"
+                      "31m\xC2\x80"),
+              "\\u009b31m\\u0080");
+    EXPECT_EQ(OneLine("a\xC2\x85\n"), "a\\u0085\\x0a");
+}
+
+TEST(OneLine, LeavesEverythingElse) {
+    const std::string text = " ~\\\"\xC2\xA0\xC3\xA4\xC4\x80\xE2\x82\xAC\xF0\x9F\x98\x80\xff\x80 ";
+    EXPECT_EQ(OneLine(text), text);
+    EXPECT_EQ(OneLine(""), "");
+}
+
 TEST(Printable, ReplacesEverythingButPrintableAscii) {
     EXPECT_EQ(Printable("a\r\nb\x1b[0m\x7f\xC3\xA4~ ", 100), "a??b?[0m???~ ");
     EXPECT_EQ(Printable("abcdef", 3), "abc");

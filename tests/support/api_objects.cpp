@@ -1,4 +1,4 @@
-#include "tests/unit/snmp_refresh/api_objects.h"
+#include "tests/support/api_objects.h"
 
 #include <array>
 #include <utility>

@@ -1,0 +1,96 @@
+#include <algorithm>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "apps/vessad/Preamble.h"
+#include "runtime/tessim/assertion.h"
+#include "runtime/tessim/exception.h"
+#include "runtime/tessim/preamble.h"
+#include "tests/fuzz/fuzz.h"
+
+namespace Authd = Tessim::Authd;
+
+namespace {
+
+constexpr std::string_view lineEnd = "\r\n";
+
+// What the client makes of a service that sends `stream`.
+void CheckReply(std::string_view stream) {
+    std::size_t read = 0;
+    std::optional<std::string> path;
+    try {
+        path = Authd::ReadReplyLine("localhost:902", [&](char& byte) {
+            if (read == stream.size()) {
+                return false;
+            }
+            byte = stream[read++];
+            return true;
+        });
+    } catch (const Tessim::StreamException& refused) {
+        Tessim::Assert(std::all_of(refused.what(), refused.what() + std::string_view(refused.what()).size(),
+                                   [](char c) { return c >= ' ' && c <= '~'; }),
+                       "a refusal can be shown to people");
+    }
+    const std::size_t end = stream.find(lineEnd);
+    const std::size_t length = end == std::string_view::npos ? stream.size() : end + lineEnd.size();
+    Tessim::Assert(read == std::min(length, Authd::maxPreambleLine),
+                   "the line is read to its end or its limit, and nothing behind it is");
+    const std::string_view line = stream.substr(0, end);
+    Tessim::Assert(path.has_value() ==
+                       (length <= Authd::maxPreambleLine && end != std::string_view::npos &&
+                        line.starts_with("200 ") && line.size() > 4 &&
+                        std::all_of(line.begin(), line.end(), [](char c) { return c >= ' ' && c <= '~'; })),
+                   "a path is taken when there is one");
+    Tessim::Assert(!path || *path == line.substr(4), "the path is what follows the status");
+}
+
+// What the daemon makes of a client that sends `line`.
+void CheckRequest(std::string_view line) {
+    const auto request = Vessad::ParseOpenRequest(line);
+    if (!request) {
+        return;
+    }
+    std::string written;
+    try {
+        written = Authd::MakeRequestLine(static_cast<Authd::Selector>(request->selector), request->text1,
+                                         request->text2);
+    } catch (const Tessim::InvalidArgumentException&) {
+        Tessim::Assert(line.size() + lineEnd.size() > Authd::maxPreambleLine,
+                       "what the daemon takes a client can say, unless it is too long");
+        return;
+    }
+    written.resize(written.size() - lineEnd.size());
+    const auto again = Vessad::ParseOpenRequest(written);
+    Tessim::Assert(again && again->selector == request->selector && again->text1 == request->text1 &&
+                       again->text2 == request->text2,
+                   "the daemon understands what a client says");
+}
+
+// The line that asks for any texts.
+void CheckTexts(std::string_view text) {
+    const std::size_t cut = std::min(text.find('\n'), text.size());
+    const std::string first(text.substr(0, cut));
+    const std::string second(text.substr(std::min(cut + 1, text.size())));
+    try {
+        const std::string line = Authd::MakeRequestLine(Authd::Selector::ManagementApi, first, second);
+        Tessim::Assert(line.size() <= Authd::maxPreambleLine && line.ends_with(lineEnd),
+                       "a line has its end and keeps to its limit");
+        const auto request =
+            Vessad::ParseOpenRequest(std::string_view(line).substr(0, line.size() - lineEnd.size()));
+        Tessim::Assert(request && request->text1 == first && request->text2 == second,
+                       "the daemon is told what the client was");
+    } catch (const Tessim::InvalidArgumentException&) {
+        return;
+    }
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string_view text(reinterpret_cast<const char*>(data), size);
+    CheckReply(text);
+    CheckRequest(text);
+    CheckTexts(text);
+    return 0;
+}
