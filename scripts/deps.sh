@@ -4,7 +4,7 @@ buildPackages=(cmake ninja-build g++ pkg-config python3 python3-yaml
     libsnmp-dev libssl-dev libpugixml-dev libyaml-cpp-dev libcli11-dev libspdlog-dev
     libvirt-dev libsystemd-dev libgtest-dev libgmock-dev libbenchmark-dev)
 runPackages=(snmpd snmp iproute2 util-linux)
-testPackages=(python3-pytest python3-pytest-xdist python3-pysnmp4 binutils clang-format libvirt-clients openssl)
+testPackages=(python3-pytest python3-pytest-xdist python3-pysnmp4 binutils clang-format libvirt-clients openssl valgrind)
 # The tests with live guests are skipped without these.
 livePackages=(libvirt-daemon-system qemu-system-x86)
 

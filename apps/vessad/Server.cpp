@@ -83,20 +83,31 @@ tcp::endpoint ParseListenAddress(const std::string& text) {
 class Server::Implementation {
   public:
     Implementation(const ServerOptions& options, Backend& backend)
-        : acceptor(Listen(asio::make_strand(io), options.listen)),
-          acceptTimer(acceptor.get_executor()),
+        : acceptStrand(asio::make_strand(io)),
+          acceptor(Listen(acceptStrand, options.listen)),
+          acceptTimer(acceptStrand),
           tls(MakeTlsContext()),
           tickets(options.tickets, io.get_executor()),
           table(options.connections),
           services{backend, tickets},
           context{services, table, tls, options.times} {}
 
-    ~Implementation() { Stop(); }
+    Implementation(const Implementation&) = delete;
+    Implementation& operator=(const Implementation&) = delete;
+    ~Implementation() {
+        try {
+            Stop();
+        } catch (...) {
+            // No memory to stop in order: the threads must not outlive what they use.
+            io.stop();
+            Join();
+        }
+    }
 
     tcp::endpoint GetEndpoint() const { return acceptor.local_endpoint(); }
 
     void Start() {
-        asio::post(acceptor.get_executor(), [this] { Accept(); });
+        asio::post(acceptStrand, [this] { Accept(); });
         const unsigned count = std::clamp(std::thread::hardware_concurrency(), minThreads, maxThreads);
         for (unsigned index = 0; index < count; ++index) {
             threads.emplace_back([this] { Run(); });
@@ -108,20 +119,24 @@ class Server::Implementation {
             return;
         }
         // Then nothing is left to do, and the threads end. Connections are gone before what they use.
-        asio::post(acceptor.get_executor(), [this] {
+        asio::post(acceptStrand, [this] {
             stopping = true;
             acceptor.close();
             acceptTimer.cancel();
             table.Close("the daemon ends");
             tickets.Close();
         });
+        Join();
+    }
+
+  private:
+    void Join() {
         for (std::thread& thread : threads) {
             thread.join();
         }
         threads.clear();
     }
 
-  private:
     void Run() {
         // What escapes a handler ends that handler's connection, and nothing else.
         for (;;) {
@@ -180,7 +195,8 @@ class Server::Implementation {
     }
 
     asio::io_context io;
-    tcp::acceptor acceptor;  // its strand runs all that concerns accepting
+    asio::strand<asio::io_context::executor_type> acceptStrand;  // runs all that concerns accepting
+    tcp::acceptor acceptor;
     asio::steady_timer acceptTimer;
     asio::ssl::context tls;
     TicketStore tickets;

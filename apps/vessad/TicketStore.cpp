@@ -77,6 +77,14 @@ TicketStore::TicketStore(TicketOptions given, const boost::asio::any_io_executor
     RemoveStale();
 }
 
+TicketStore::~TicketStore() {
+    try {
+        Close();
+    } catch (...) {
+        // A file that stays behind opens nothing, and the next daemon removes it.
+    }
+}
+
 void TicketStore::OpenDirectory() {
     const std::string shown = "ticket directory " + options.directory.string();
     const bool forGroup = !options.group.empty();
@@ -91,9 +99,10 @@ void TicketStore::OpenDirectory() {
     }
     if (made && ((forGroup && ::fchown(directory.Get(), static_cast<uid_t>(-1), group) != 0) ||
                  ::fchmod(directory.Get(), forGroup ? groupDirectoryMode : openDirectoryMode) != 0)) {
-        const std::system_error failure = Failure("cannot give the " + shown + " its group and mode");
+        const int reason = errno;
         ::rmdir(options.directory.c_str());
-        throw failure;
+        errno = reason;
+        throw Failure("cannot give the " + shown + " its group and mode");
     }
     struct stat status {};
     if (::fstat(directory.Get(), &status) != 0) {
@@ -191,9 +200,10 @@ void TicketStore::WriteFile(const std::string& file, std::string_view password) 
         throw Failure("cannot make a ticket file");
     }
     const auto fail = [&](const char* what) {
-        const std::system_error failure = Failure(what);
+        const int reason = errno;
         RemoveFile(file);
-        throw failure;
+        errno = reason;
+        throw Failure(what);
     };
     if (!options.group.empty() && (::fchown(descriptor.Get(), static_cast<uid_t>(-1), group) != 0 ||
                                    ::fchmod(descriptor.Get(), 0640) != 0)) {

@@ -36,7 +36,7 @@ class TicketStore {
     TicketStore(const TicketStore&) = delete;
     TicketStore& operator=(const TicketStore&) = delete;
     // Removes every ticket. Nothing may run on the executor any more.
-    ~TicketStore() { Close(); }
+    ~TicketStore();
 
     // Makes a ticket for the connection `owner` and answers the path of its file, whose content is the
     // password without a line end. It replaces the connection's earlier ticket. Throws std::system_error when

@@ -28,11 +28,8 @@ class Object {
 class ObjectImpl : public virtual Object {
   public:
     void IncRef() const noexcept final { references.fetch_add(1, std::memory_order_relaxed); }
-    void DecRef() const noexcept final {
-        if (references.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-            delete this;
-        }
-    }
+    // Out of line: an analyzer does not follow the atomic count, and would take every release for the last.
+    void DecRef() const noexcept final;
 
   private:
     mutable std::atomic<std::size_t> references{0};
@@ -77,8 +74,6 @@ class Ref {
     }
     void Release() noexcept {
         if (held != nullptr) {
-            // The analyzer does not follow the atomic count.
-            // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete)
             held->DecRef();
         }
     }

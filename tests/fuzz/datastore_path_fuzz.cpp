@@ -26,7 +26,7 @@ std::string Expected(const std::vector<std::pair<std::string, std::string>>& pai
         return std::string(path);
     }
     const std::string_view name = WithoutBlanks(path.substr(open + 1, close - open - 1));
-    const std::string relative(WithoutBlanks(path.substr(close + 1)));
+    std::string relative(WithoutBlanks(path.substr(close + 1)));
     if (name.empty()) {
         return relative;
     }

@@ -53,6 +53,7 @@ std::vector<Tessim::Ref<CounterInfo>> StandardCounters() {
         {"cpu", "used", RollupType::summation},
     }};
     std::vector<Tessim::Ref<CounterInfo>> counters;
+    counters.reserve(entries.size());
     std::int32_t key = 0;
     for (const Entry& entry : entries) {
         counters.push_back(MakeCounter(++key, entry.group, entry.name, entry.rollup));

@@ -88,31 +88,31 @@ bool LooksLikeNumber(std::string_view text) {
            Parse<double>(text).has_value();
 }
 
-bool IsNothing(const Node& node) {
-    return node.kind == Node::Kind::Null || (node.kind == Node::Kind::Scalar && !node.quoted &&
-                                             IsOneOf(node.text, {"", "~", "null", "Null", "NULL"}));
+bool IsNothing(const Value& value) {
+    return value.kind == Value::Kind::Null || (value.kind == Value::Kind::Scalar && !value.quoted &&
+                                               IsOneOf(value.text, {"", "~", "null", "Null", "NULL"}));
 }
 
-bool IsTextScalar(const Node& node) {
-    return node.kind == Node::Kind::Scalar &&
-           (node.quoted || !(IsNothing(node) || LooksLikeNumber(node.text) ||
-                             IsOneOf(node.text, {"true", "True", "TRUE", "false", "False", "FALSE"})));
+bool IsTextScalar(const Value& value) {
+    return value.kind == Value::Kind::Scalar &&
+           (value.quoted || !(IsNothing(value) || LooksLikeNumber(value.text) ||
+                              IsOneOf(value.text, {"true", "True", "TRUE", "false", "False", "FALSE"})));
 }
 
-std::string Describe(const Node& node) {
-    if (IsNothing(node)) {
+std::string Describe(const Value& value) {
+    if (IsNothing(value)) {
         return "nothing";
     }
-    switch (node.kind) {
-        case Node::Kind::Sequence:
+    switch (value.kind) {
+        case Value::Kind::Sequence:
             return "a list";
-        case Node::Kind::Map:
+        case Value::Kind::Map:
             return "a mapping";
         default:
             break;
     }
-    const std::string shown = Tessim::StringUtil::Printable(node.text, maxShown);
-    return IsTextScalar(node) ? "the text \"" + shown + "\"" : shown;
+    const std::string shown = Tessim::StringUtil::Printable(value.text, maxShown);
+    return IsTextScalar(value) ? "the text \"" + shown + "\"" : shown;
 }
 
 }  // namespace
@@ -120,7 +120,7 @@ std::string Describe(const Node& node) {
 // Builds the tree from the parser's events.
 class Document::Builder final : public YAML::EventHandler {
   public:
-    Builder(Document& document, std::size_t maxNodes) : document(document), left(maxNodes) {}
+    Builder(Document& document, std::size_t maxValues) : document(document), left(maxValues) {}
 
     void OnDocumentStart(const YAML::Mark& mark) override {
         if (document.root != nullptr) {
@@ -130,33 +130,33 @@ class Document::Builder final : public YAML::EventHandler {
     void OnDocumentEnd() override {}
 
     void OnNull(const YAML::Mark& mark, YAML::anchor_t anchor) override {
-        Close(Make(mark, Node::Kind::Null, anchor));
+        Close(Make(mark, Value::Kind::Null, anchor));
     }
 
     void OnScalar(const YAML::Mark& mark, const std::string& tag, YAML::anchor_t anchor,
-                  const std::string& value) override {
+                  const std::string& text) override {
         // The parser's own tags: "?" for plain and "!" for quoted scalars.
         const bool quoted = tag == "!" || tag == "tag:yaml.org,2002:str";
         if (!quoted) {
             CheckTag(mark, tag);
         }
-        Node& node = Make(mark, Node::Kind::Scalar, anchor);
-        node.quoted = quoted;
-        node.text = value;
-        Close(node);
+        Value& value = Make(mark, Value::Kind::Scalar, anchor);
+        value.quoted = quoted;
+        value.text = text;
+        Close(value);
     }
 
     void OnSequenceStart(const YAML::Mark& mark, const std::string& tag, YAML::anchor_t anchor,
                          YAML::EmitterStyle::value /*style*/) override {
         CheckTag(mark, tag);
-        Open(Make(mark, Node::Kind::Sequence, anchor));
+        Open(Make(mark, Value::Kind::Sequence, anchor));
     }
     void OnSequenceEnd() override { CloseCollection(); }
 
     void OnMapStart(const YAML::Mark& mark, const std::string& tag, YAML::anchor_t anchor,
                     YAML::EmitterStyle::value /*style*/) override {
         CheckTag(mark, tag);
-        Open(Make(mark, Node::Kind::Map, anchor));
+        Open(Make(mark, Value::Kind::Map, anchor));
     }
     void OnMapEnd() override { CloseCollection(); }
 
@@ -164,7 +164,7 @@ class Document::Builder final : public YAML::EventHandler {
         const auto found = anchors.find(anchor);
         const bool isOpen = found != anchors.end() &&
                             std::any_of(open.begin(), open.end(),
-                                        [&](const Frame& frame) { return frame.node == found->second; });
+                                        [&](const Frame& frame) { return frame.value == found->second; });
         if (found == anchors.end() || isOpen) {
             Fail(mark, "expected the name of a value that is complete");
         }
@@ -175,8 +175,8 @@ class Document::Builder final : public YAML::EventHandler {
 
   private:
     struct Frame {
-        Node* node;
-        const Node* key = nullptr;  // of a map: the key whose value comes next
+        Value* value;
+        const Value* key = nullptr;  // of a map: the key whose value comes next
     };
 
     [[noreturn]] void Fail(const YAML::Mark& mark, const std::string& what) const {
@@ -197,56 +197,56 @@ class Document::Builder final : public YAML::EventHandler {
         left -= count;
     }
 
-    Node& Make(const YAML::Mark& mark, Node::Kind kind, YAML::anchor_t anchor) {
+    Value& Make(const YAML::Mark& mark, Value::Kind kind, YAML::anchor_t anchor) {
         Take(mark, 1);
-        Node& node = document.nodes.emplace_back();
-        node.kind = kind;
-        node.place = PlaceOf(mark);
+        Value& value = document.values.emplace_back();
+        value.kind = kind;
+        value.place = PlaceOf(mark);
         if (anchor != YAML::NullAnchor) {
-            anchors[anchor] = &node;
+            anchors[anchor] = &value;
         }
-        return node;
+        return value;
     }
 
-    void Open(Node& node) { open.push_back({&node}); }
+    void Open(Value& value) { open.push_back({&value}); }
 
     void CloseCollection() {
-        Node& node = *open.back().node;
+        Value& value = *open.back().value;
         open.pop_back();
-        Close(node);
+        Close(value);
     }
 
-    void Close(const Node& node) { Append(node, node.place); }
+    void Close(const Value& value) { Append(value, value.place); }
 
-    // Hands a whole node to the collection around it.
-    void Append(const Node& node, const Place& place) {
+    // Hands a whole value to the collection around it.
+    void Append(const Value& value, const Place& place) {
         if (open.empty()) {
-            document.root = &node;
+            document.root = &value;
             return;
         }
         Frame& parent = open.back();
-        parent.node->weight += node.weight;
-        if (parent.node->kind == Node::Kind::Sequence) {
-            parent.node->items.push_back(&node);
+        parent.value->weight += value.weight;
+        if (parent.value->kind == Value::Kind::Sequence) {
+            parent.value->items.push_back(&value);
         } else if (parent.key != nullptr) {
-            parent.node->entries.push_back({std::exchange(parent.key, nullptr), &node});
-        } else if (node.kind == Node::Kind::Scalar) {
-            parent.key = &node;
+            parent.value->entries.push_back({std::exchange(parent.key, nullptr), &value});
+        } else if (value.kind == Value::Kind::Scalar) {
+            parent.key = &value;
         } else {
-            throw Error(Format(document.name, place, "expected a key, found " + Describe(node)));
+            throw Error(Format(document.name, place, "expected a key, found " + Describe(value)));
         }
     }
 
     Document& document;
     std::size_t left;
     std::vector<Frame> open;
-    std::map<YAML::anchor_t, Node*> anchors;
+    std::map<YAML::anchor_t, Value*> anchors;
 };
 
-Document::Document(std::string_view text, std::string name, std::size_t maxNodes) : name(std::move(name)) {
+Document::Document(std::string_view text, std::string name, std::size_t maxValues) : name(std::move(name)) {
     CheckCharacters(text, this->name);
     std::istringstream stream{std::string(text)};
-    Builder builder(*this, maxNodes);
+    Builder builder(*this, maxValues);
     try {
         YAML::Parser parser(stream);
         while (parser.HandleNextDocument(builder)) {
@@ -255,63 +255,63 @@ Document::Document(std::string_view text, std::string name, std::size_t maxNodes
         throw Error(Format(this->name, PlaceOf(failure.mark), failure.msg));
     }
     if (root == nullptr) {
-        root = &nodes.emplace_back();
+        root = &values.emplace_back();
     }
 }
 
 bool Cursor::IsNull() const {
-    return IsNothing(*node);
+    return IsNothing(*value);
 }
 
 const std::string& Cursor::Text() const {
-    if (!IsTextScalar(*node)) {
-        Refuse(node->kind == Node::Kind::Scalar && !IsNull() ? "text in quotes" : "text");
+    if (!IsTextScalar(*value)) {
+        Refuse(value->kind == Value::Kind::Scalar && !IsNull() ? "text in quotes" : "text");
     }
-    if (!Ordane::Xml::IsText(node->text)) {
+    if (!Ordane::Xml::IsText(value->text)) {
         Refuse("text without control characters");
     }
-    return node->text;
+    return value->text;
 }
 
 bool Cursor::Bool() const {
-    if (node->kind != Node::Kind::Scalar || node->quoted || !IsOneOf(node->text, {"true", "false"})) {
+    if (value->kind != Value::Kind::Scalar || value->quoted || !IsOneOf(value->text, {"true", "false"})) {
         Refuse("true or false");
     }
-    return node->text == "true";
+    return value->text == "true";
 }
 
 std::int64_t Cursor::Whole(std::int64_t low, std::int64_t high) const {
-    std::optional<std::int64_t> value;
-    if (node->kind == Node::Kind::Scalar && !node->quoted) {
+    std::optional<std::int64_t> number;
+    if (value->kind == Value::Kind::Scalar && !value->quoted) {
         // A leading zero means base 8 to some readers and base 10 to others.
-        const std::string_view digits = std::string_view(node->text).substr(node->text.starts_with('-'));
+        const std::string_view digits = std::string_view(value->text).substr(value->text.starts_with('-'));
         if (!digits.starts_with('0') || digits == "0") {
-            value = Parse<std::int64_t>(node->text);
+            number = Parse<std::int64_t>(value->text);
         }
     }
-    if (!value || *value < low || *value > high) {
+    if (!number || *number < low || *number > high) {
         Refuse("a whole number from " + std::to_string(low) + " to " + std::to_string(high));
     }
-    return *value;
+    return *number;
 }
 
 double Cursor::Number() const {
-    if (node->kind == Node::Kind::Scalar && !node->quoted && LooksLikeNumber(node->text)) {
-        const std::optional<double> value = Parse<double>(node->text);
-        if (value && std::isfinite(*value)) {
-            return *value;
+    if (value->kind == Value::Kind::Scalar && !value->quoted && LooksLikeNumber(value->text)) {
+        const std::optional<double> number = Parse<double>(value->text);
+        if (number && std::isfinite(*number)) {
+            return *number;
         }
     }
     Refuse("a number");
 }
 
 std::vector<Cursor> Cursor::Items() const {
-    if (node->kind != Node::Kind::Sequence) {
+    if (value->kind != Value::Kind::Sequence) {
         Refuse("a list");
     }
     std::vector<Cursor> items;
-    items.reserve(node->items.size());
-    for (const Node* item : node->items) {
+    items.reserve(value->items.size());
+    for (const Value* item : value->items) {
         items.push_back(Cursor(*this, *item, path + "[" + std::to_string(items.size()) + "]"));
     }
     return items;
@@ -325,7 +325,7 @@ void Cursor::RequireMap() const {
 
 void Cursor::RefuseRepeated() const {
     std::unordered_set<std::string_view> seen;
-    for (const Node::Entry& entry : node->entries) {
+    for (const Value::Entry& entry : value->entries) {
         if (!seen.insert(entry.key->text).second) {
             RefuseAt(entry.key->place, "each key once",
                      Tessim::StringUtil::Printable(entry.key->text, maxShown) + " again");
@@ -337,7 +337,7 @@ void Cursor::ForEachMember(
     const std::function<void(const std::string& key, const Cursor& value)>& visit) const {
     RequireMap();
     RefuseRepeated();
-    for (const Node::Entry& entry : node->entries) {
+    for (const Value::Entry& entry : value->entries) {
         if (!Ordane::Xml::IsText(entry.key->text)) {
             RefuseKey(entry.key->text, "a key without control characters");
         }
@@ -348,7 +348,7 @@ void Cursor::ForEachMember(
 void Cursor::CheckKeys(std::span<const std::string_view> known) const {
     RequireMap();
     RefuseRepeated();
-    for (const Node::Entry& entry : node->entries) {
+    for (const Value::Entry& entry : value->entries) {
         if (std::find(known.begin(), known.end(), entry.key->text) == known.end()) {
             std::string expected;
             for (const std::string_view key : known) {
@@ -361,7 +361,7 @@ void Cursor::CheckKeys(std::span<const std::string_view> known) const {
 
 std::optional<Cursor> Cursor::Find(std::string_view key) const {
     RequireMap();
-    for (const Node::Entry& entry : node->entries) {
+    for (const Value::Entry& entry : value->entries) {
         if (entry.key->text == key) {
             return Member(entry);
         }
@@ -372,26 +372,25 @@ std::optional<Cursor> Cursor::Find(std::string_view key) const {
 Cursor Cursor::Require(std::string_view key) const {
     std::optional<Cursor> found = Find(key);
     if (!found) {
-        RefuseAt(node->place, "the member " + std::string(key), "none");
+        RefuseAt(value->place, "the member " + std::string(key), "none");
     }
     return *std::move(found);
 }
 
-Cursor Cursor::Member(const Node::Entry& entry) const {
+Cursor Cursor::Member(const Value::Entry& entry) const {
     const std::string& key = entry.key->text;
     // Keys with points of their own, and empty ones, are told apart by quotes.
     const bool plain = !key.empty() && key.find_first_of(".[]\"") == std::string::npos;
     const std::string shown = Tessim::StringUtil::Printable(key, maxShown);
-    return Cursor(*this, *entry.value,
-                  path + (path.empty() ? "" : ".") + (plain ? shown : "\"" + shown + "\""));
+    return {*this, *entry.value, path + (path.empty() ? "" : ".") + (plain ? shown : "\"" + shown + "\"")};
 }
 
 void Cursor::Refuse(const std::string& expected) const {
-    RefuseAt(node->place, expected, Describe(*node));
+    RefuseAt(value->place, expected, Describe(*value));
 }
 
 void Cursor::RefuseKey(std::string_view key, const std::string& expected) const {
-    for (const Node::Entry& entry : node->entries) {
+    for (const Value::Entry& entry : value->entries) {
         if (entry.key->text == key) {
             RefuseAt(entry.key->place, expected, Tessim::StringUtil::Printable(key, maxShown));
         }

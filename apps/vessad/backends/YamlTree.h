@@ -30,48 +30,48 @@ struct Place {
     std::size_t column = 1;
 };
 
-struct Node {
+struct Value {
     enum class Kind { Null, Scalar, Sequence, Map };
     struct Entry {
-        const Node* key;  // always a scalar
-        const Node* value;
+        const Value* key;  // always a scalar
+        const Value* value;
     };
 
     Kind kind = Kind::Null;
     bool quoted = false;  // of scalars: text whatever it looks like
     Place place;
     std::string text;
-    std::vector<const Node*> items;  // of a sequence
-    std::vector<Entry> entries;      // of a map, in the order of the file
-    std::size_t weight = 1;          // how many nodes this is with aliases written out
+    std::vector<const Value*> items;  // of a sequence
+    std::vector<Entry> entries;       // of a map, in the order of the file
+    std::size_t weight = 1;           // how many values this is with aliases written out
 };
 
 class Document {
   public:
     // Parses `text`, which must hold exactly one document; `name` is what messages call it. Throws Error: not
-    // YAML, not UTF-8, or of more than `maxNodes` values when its aliases are written out.
-    Document(std::string_view text, std::string name, std::size_t maxNodes = 4'000'000);
+    // YAML, not UTF-8, or of more than `maxValues` values when its aliases are written out.
+    Document(std::string_view text, std::string name, std::size_t maxValues = 4'000'000);
 
     const std::string& GetName() const { return name; }
-    const Node& GetRoot() const { return *root; }
+    const Value& GetRoot() const { return *root; }
 
   private:
     class Builder;
 
     std::string name;
-    std::deque<Node> nodes;
-    const Node* root = nullptr;
+    std::deque<Value> values;
+    const Value* root = nullptr;
 };
 
 // One value of a document, reached by a path. The document must outlive it.
 class Cursor {
   public:
-    explicit Cursor(const Document& document) : document(&document), node(&document.GetRoot()) {}
+    explicit Cursor(const Document& document) : document(&document), value(&document.GetRoot()) {}
 
     const std::string& GetPath() const { return path; }
 
     bool IsNull() const;
-    bool IsMap() const { return node->kind == Node::Kind::Map; }
+    bool IsMap() const { return value->kind == Value::Kind::Map; }
 
     // Each of these throws Error when the value is something else.
     const std::string& Text() const;
@@ -95,17 +95,17 @@ class Cursor {
     [[noreturn]] void RefuseKey(std::string_view key, const std::string& expected) const;
 
   private:
-    Cursor(const Cursor& parent, const Node& node, std::string path)
-        : document(parent.document), node(&node), path(std::move(path)) {}
+    Cursor(const Cursor& parent, const Value& value, std::string path)
+        : document(parent.document), value(&value), path(std::move(path)) {}
 
-    Cursor Member(const Node::Entry& entry) const;
+    Cursor Member(const Value::Entry& entry) const;
     [[noreturn]] void RefuseAt(const Place& place, const std::string& expected,
                                const std::string& found) const;
     void RequireMap() const;
     void RefuseRepeated() const;
 
     const Document* document;
-    const Node* node;
+    const Value* value;
     std::string path;  // empty: the whole document
 };
 

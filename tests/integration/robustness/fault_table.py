@@ -26,6 +26,8 @@ def main(path):
         took = milliseconds(line["seconds"]) if line["seconds"] else "–"
         delays = f"{milliseconds(line['p50'])} / {milliseconds(line['p99'])}" if "p50" in line else "–"
         memory = f" (peak {line['megabytes']} MB)" if "megabytes" in line else ""
+        if "resident_kilobytes" in line:
+            memory = f" ({line['resident_kilobytes'][0]} kB, {line['resident_kilobytes'][-1]} kB)"
         if "processor" in line:
             took += f" (processor {milliseconds(line['processor'])})"
         print(f"| {cell(line['fault'])} | {cell(line['does'])}{memory} | {took} | {delays} | `{cell(line['test'])}` |")

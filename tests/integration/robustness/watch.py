@@ -114,7 +114,7 @@ class Prober:
 def report(fault, does, seconds, delays=None, **more):
     """Notes a fault, what the agent does, how long that took, and the delays (of a Prober, or Delays) meanwhile."""
     if REPORT:
-        test = os.environ["PYTEST_CURRENT_TEST"].rpartition(" ")[0].rpartition("/")[2]
+        test = os.environ["PYTEST_CURRENT_TEST"].rpartition(" ")[0].removeprefix("tests/integration/robustness/")
         line = {"fault": fault, "does": does, "seconds": seconds, "test": test, **(delays.figures() if delays else {}), **more}
         with open(REPORT, "a", encoding="utf-8") as stream:
             stream.write(json.dumps(line) + "\n")

@@ -27,9 +27,9 @@ std::string Mistake(const std::string& text, const std::function<void(const Curs
     return "none";
 }
 
-std::string ParseMistake(const std::string& text, std::size_t maxNodes = 1000) {
+std::string ParseMistake(const std::string& text, std::size_t maxValues = 1000) {
     try {
-        const Document document(text, "h.yaml", maxNodes);
+        const Document document(text, "h.yaml", maxValues);
     } catch (const Error& error) {
         return error.what();
     }
