@@ -10,32 +10,29 @@
 
 namespace {
 
-class Replay final : public testing::Test {
-  public:
-    explicit Replay(std::filesystem::path file) : file(std::move(file)) {}
-
-    void TestBody() override {
-        const std::string input = TestSupport::ReadFile(file);
-        EXPECT_EQ(LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(input.data()), input.size()),
-                  0);
+std::vector<std::filesystem::path> Corpus() {
+    std::vector<std::filesystem::path> corpus;
+    for (const std::string& folder : Tessim::StringUtil::Tokenize(FUZZ_CORPUS, ":")) {
+        const std::vector<std::filesystem::path> files = TestSupport::ListFiles(folder);
+        corpus.insert(corpus.end(), files.begin(), files.end());
     }
+    return corpus;
+}
 
-  private:
-    std::filesystem::path file;
-};
+std::string Name(const testing::TestParamInfo<std::filesystem::path>& file) {
+    std::string name = (file.param.parent_path().filename() / file.param.filename()).string();
+    std::replace_if(
+        name.begin(), name.end(), [](unsigned char c) { return std::isalnum(c) == 0; }, '_');
+    return name;
+}
+
+class Replay : public testing::TestWithParam<std::filesystem::path> {};
+
+TEST_P(Replay, DoesNoHarm) {
+    const std::string input = TestSupport::ReadFile(GetParam());
+    EXPECT_EQ(LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(input.data()), input.size()), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Corpus, Replay, testing::ValuesIn(Corpus()), Name);
 
 }  // namespace
-
-int main(int argc, char** argv) {
-    testing::InitGoogleTest(&argc, argv);
-    for (const std::string& folder : Tessim::StringUtil::Tokenize(FUZZ_CORPUS, ":")) {
-        for (const std::filesystem::path& file : TestSupport::ListFiles(folder)) {
-            std::string name = file.filename().string();
-            std::replace_if(
-                name.begin(), name.end(), [](unsigned char c) { return std::isalnum(c) == 0; }, '_');
-            testing::RegisterTest("Replay_" FUZZ_TARGET, name.c_str(), nullptr, nullptr, __FILE__, __LINE__,
-                                  [file]() -> testing::Test* { return new Replay(file); });
-        }
-    }
-    return RUN_ALL_TESTS();
-}

@@ -128,7 +128,7 @@ class PerformanceManager final : public FakeObject<Hask::PerformanceManager> {
         out = host->counters;
     }
     void QueryPerf(DataArray<QuerySpec>* querySpec, Ref<DataArray<EntityMetricBase>>& out) override {
-        host->queries.push_back(querySpec);
+        host->queries.emplace_back(querySpec);
         host->Ask("QueryPerf");
         out = host->metrics;
     }

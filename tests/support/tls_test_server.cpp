@@ -10,13 +10,13 @@
 #include <openssl/x509.h>
 #include <poll.h>
 #include <pthread.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <stdexcept>
 #include <utility>
 

@@ -4,11 +4,11 @@
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <iterator>
 #include <string>
 #include <thread>
