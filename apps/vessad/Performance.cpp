@@ -67,12 +67,13 @@ const Machine* FindMachine(const Inventory& inventory, const Ordane::MoRef& enti
 std::int64_t ValueAt(const Series& series, std::chrono::nanoseconds elapsed) {
     const double seconds = std::chrono::duration<double>(elapsed).count();
     // Kept within 64 bits before it becomes a whole number, which is defined for no other.
-    const double moved = std::fmod(std::floor(series.perSecond * seconds), 0x1p63);
+    const double moved = std::fmod(std::floor(series.perSecond * seconds), 0x1p64);
     if (!std::isfinite(moved)) {
         return series.start;
     }
-    return static_cast<std::int64_t>(static_cast<std::uint64_t>(series.start) +
-                                     static_cast<std::uint64_t>(static_cast<std::int64_t>(moved)));
+    const auto start = static_cast<std::uint64_t>(series.start);
+    const auto distance = static_cast<std::uint64_t>(std::abs(moved));
+    return static_cast<std::int64_t>(moved < 0 ? start - distance : start + distance);
 }
 
 Tessim::Ref<Ordane::DataArray<PerformanceManager::EntityMetricBase>> QueryPerformance(

@@ -147,8 +147,13 @@ TEST(Performance, LetsRatesRunFromTheStartOfTheDaemon) {
 
 TEST(Performance, WrapsAtSixtyFourBits) {
     constexpr std::int64_t high = std::numeric_limits<std::int64_t>::max();
-    EXPECT_EQ(ValueAt({1, "", high, 1}, seconds(1)), std::numeric_limits<std::int64_t>::min());
-    // 10^24 as a double, without what goes beyond 63 bits.
+    constexpr std::int64_t low = std::numeric_limits<std::int64_t>::min();
+    EXPECT_EQ(ValueAt({1, "", high, 1}, seconds(1)), low);
+    EXPECT_EQ(ValueAt({1, "", low, -1}, seconds(1)), high);
+    // 10^19 lies between 2^63 and 2^64: it becomes 10^19 - 2^64, and its negative the opposite.
+    EXPECT_EQ(ValueAt({1, "", 0, 1e18}, seconds(10)), -8446744073709551616);
+    EXPECT_EQ(ValueAt({1, "", 0, -1e18}, seconds(10)), 8446744073709551616);
+    // 10^24 as a double, without what goes beyond 64 bits.
     EXPECT_EQ(ValueAt({1, "", 5, 1e18}, seconds(1'000'000)), 2003764205190119429);
 }
 
