@@ -179,6 +179,7 @@ TEST_F(ResourceTables, UnreservedMemoryIsComputedAfreshEachTime) {
     ExpectInteger(memReserved.Get({0}), 100);
     SetMemory(400, 1000);
     ExpectInteger(memUnreserved.Get({0}), 600);
+    EXPECT_EQ(FakeRefresh::Get().refreshes, 0);
 }
 
 TEST_F(ResourceTables, MemoryIs0WhileTheDaemonCannotBeAsked) {

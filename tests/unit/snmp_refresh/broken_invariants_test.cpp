@@ -173,11 +173,17 @@ TEST_F(BrokenInvariantTest, LetsAWrongNumberOfCountersEndTheRebuild) {
 
 TEST_F(BrokenInvariantTest, CollectsNothingWithoutMetricIds) {
     const auto client = MakeRef<OrdaneClient>();
+    client->CollectVMStats(MakeRef<VmArray>().Get());
+    log.Take();
     makeNoMetricIds = true;
     client->CollectVMStats(MakeRef<VmArray>().Get());
     EXPECT_THAT(log.Take(),
                 ElementsAre(LogLine{4, "OrdaneClient::CollectVMStats no-op, no metrid Id to query.\n"}));
-    EXPECT_THAT(daemon.host.queries, testing::IsEmpty());
+    EXPECT_EQ(daemon.host.queries.size(), 1U);
+    // What the collection before had is gone.
+    EXPECT_EQ(client->RetrieveHCStats(ApiObjects::Reference("VirtualMachine", "16").Get(), "cpu", "used", 0),
+              -1);
+    EXPECT_THAT(log.Take(), ElementsAre(LogLine{4, "OrdaneClient::RetrieveStats: no stats available."}));
 }
 
 // An error between two results of a query.

@@ -75,6 +75,13 @@ TEST_F(ResourceTest, MakesARowPerVirtualCpu) {
     EXPECT_THAT(log.Take(), IsEmpty());
 }
 
+TEST_F(ResourceTest, RoundsCpuTimeToAFloatBeforeItDivides) {
+    constexpr std::int32_t used = 1080715965;  // as a float: 1080715904
+    Collect({Series(10, "0", {used})});
+    SetCPUResource(client.Get(), vm, Config("x").Get(), SNMPResCPUTable_GetPtr());
+    EXPECT_EQ(TestRows::Cpus().at(0)->cpuUsedSec, 1080715.875F);
+}
+
 TEST_F(ResourceTest, MakesNoCpuRowsOfAVmWithoutCpus) {
     for (const int cpus : {0, -1}) {
         EXPECT_EQ(SetCPUResource(client.Get(), vm, Config("x", cpus).Get(), SNMPResCPUTable_GetPtr()),

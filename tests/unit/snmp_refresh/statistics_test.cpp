@@ -56,6 +56,12 @@ class StatisticsTest : public testing::Test {
         }
         client->CollectVMStats(AllVms().Get());
     }
+    void BreakTheConnection() {
+        daemon.WhenSent("GetChildEntity", [] { throw Tessim::StreamException("reset"); });
+        AllVms();
+        daemon.WhenSent("GetChildEntity", nullptr);
+        ASSERT_FALSE(client->IsInitialized());
+    }
     std::int64_t Retrieve(const std::string& id, const char* group, const char* counter,
                           const char* instance) {
         return client->RetrieveHCStats(Reference("VirtualMachine", id).Get(), group, counter, instance);
@@ -167,6 +173,30 @@ TEST_F(StatisticsTest, ResolvesTheCountersAnewForEachClient) {
     EXPECT_EQ(other->GetAvailableCounterIds().size(), 10U);
 }
 
+TEST_F(StatisticsTest, SharesOneListAmongAllClients) {
+    Collect({Metric("16", {Series(10, "0", {1})})});
+    const auto other = MakeRef<OrdaneClient>();
+    EXPECT_EQ(&other->GetAvailableCounterIds(), &client->GetAvailableCounterIds());
+    // One that finds no performance manager empties it, and the others take it as it stands.
+    host.content->SetPerfManager(nullptr);
+    EXPECT_THAT(MakeRef<OrdaneClient>()->GetAvailableCounterIds(), IsEmpty());
+    EXPECT_THAT(client->GetAvailableCounterIds(), IsEmpty());
+    EXPECT_EQ(Retrieve("16", "cpu", "used", "0"), -1);
+    EXPECT_THAT(log.Take(),
+                ElementsAre(LogLine{4, "OrdaneClient::RetrieveStats: couldn't find stats for cpu.used\n"}));
+}
+
+TEST_F(StatisticsTest, KeepsTheIdsOverAReconnect) {
+    client->CollectVMStats(AllVms().Get());
+    BreakTheConnection();
+    host.counters = ApiObjects::Array<Performance::CounterInfo>({Counter(33, "cpu", "used")});
+    client->CollectVMStats(AllVms().Get());
+    EXPECT_EQ(daemon.openings.size(), 2U);
+    EXPECT_EQ(daemon.CountCalls("QueryPerf"), 2);
+    EXPECT_EQ(daemon.CountCalls("GetPerfCounter"), 1);
+    EXPECT_EQ(client->GetCounterIdFromName("cpu", "used"), 10);
+}
+
 TEST_F(StatisticsTest, FindsThePerformanceManagerThatTheContentNames) {
     Ref<Performance> manager;
     client->GetPerfManager(manager);
@@ -180,9 +210,7 @@ TEST_F(StatisticsTest, FindsThePerformanceManagerThatTheContentNames) {
 TEST_F(StatisticsTest, FindsThePerformanceManagerAgainAfterABrokenConnection) {
     Ref<Performance> manager;
     client->GetPerfManager(manager);
-    daemon.WhenSent("GetChildEntity", [] { throw Tessim::StreamException("reset"); });
-    AllVms();
-    ASSERT_FALSE(client->IsInitialized());
+    BreakTheConnection();
     client->GetPerfManager(manager);
     ASSERT_TRUE(manager);
     EXPECT_EQ(daemon.openings.size(), 2U);
@@ -255,6 +283,17 @@ TEST_F(StatisticsTest, CollectsNothingWithoutAPerformanceManager) {
     EXPECT_THAT(log.Take(),
                 ElementsAre(LogLine{4, "OrdaneClient::CollectVMStats failed, no perf manager.\n"}));
     EXPECT_THAT(host.queries, IsEmpty());
+    EXPECT_EQ(Retrieve("16", "cpu", "used", "0"), -1);
+    EXPECT_THAT(log.Take(), ElementsAre(LogLine{4, "OrdaneClient::RetrieveStats: no stats available."}));
+}
+
+TEST_F(StatisticsTest, DropsTheResultsAlsoWhenItEndsWithoutAPerformanceManager) {
+    Collect({Metric("16", {Series(10, "0", {1})})});
+    const Ref<VmArray> vms = AllVms();
+    BreakTheConnection();
+    daemon.down = "connection refused";
+    client->CollectVMStats(vms.Get());
+    EXPECT_EQ(log.Take().back(), (LogLine{4, "OrdaneClient::CollectVMStats failed, no perf manager.\n"}));
     EXPECT_EQ(Retrieve("16", "cpu", "used", "0"), -1);
     EXPECT_THAT(log.Take(), ElementsAre(LogLine{4, "OrdaneClient::RetrieveStats: no stats available."}));
 }
@@ -410,6 +449,17 @@ TEST_F(StatisticsTest, NamesTheCounterThatIsNotResolved) {
                             LogLine{4, "OrdaneClient::RetrieveStats: couldn't find stats for no.such\n"}));
 }
 
+TEST_F(StatisticsTest, TakesANegativeIdOfTheCatalogueForNone) {
+    host.counters = ApiObjects::Array<Performance::CounterInfo>(
+        {Counter(-5, "cpu", "used"), Counter(0, "mem", "active")});
+    Collect({Metric("16", {Series(-5, "0", {1}), Series(0, "", {2})})});
+    EXPECT_EQ(Retrieve("16", "mem", "active", nullptr), 2);
+    EXPECT_THAT(log.Take(), IsEmpty());
+    EXPECT_EQ(Retrieve("16", "cpu", "used", "0"), -1);
+    EXPECT_THAT(log.Take(),
+                ElementsAre(LogLine{4, "OrdaneClient::RetrieveStats: couldn't find stats for cpu.used\n"}));
+}
+
 TEST_F(StatisticsTest, NamesTheFigureThatIsNotThere) {
     Collect({Metric("16", {Series(10, "0", {1})})});
     const auto stranger = Reference("VirtualMachine", "64");
@@ -434,9 +484,7 @@ TEST_F(StatisticsTest, GivesNoFigureOfAVmThatTheQueryDidNotAnswer) {
 
 TEST_F(StatisticsTest, KeepsFiguresAcrossABrokenConnection) {
     Collect({Metric("16", {Series(10, "0", {1})})});
-    daemon.WhenSent("GetChildEntity", [] { throw Tessim::StreamException("reset"); });
-    AllVms();
-    EXPECT_FALSE(client->IsInitialized());
+    BreakTheConnection();
     EXPECT_EQ(Retrieve("16", "cpu", "used", "0"), 1);
 }
 
