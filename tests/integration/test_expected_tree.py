@@ -47,6 +47,37 @@ def test_the_first_row_of_an_index_stands():
     assert values(host, 3, 2, 4, 1, 2)[(0xffffffff,)] == 11
 
 
+def test_the_sample_hosts_hold_the_edges_of_the_figures():
+    host = expected_tree.load(system.HOSTS / "resources.yaml")
+    assert values(host, 3, 1, 1) == {(0,): 40000 - 65536}
+    assert values(expected_tree.load(system.HOSTS / "many-cores.yaml"), 3, 1, 1) == {(0,): 0}
+    # Machines 3, 16, suspended 17 and the two without a number; 15 is powered off.
+    assert values(host, 3, 1, 2, 1, 3) == {(0,): 2, (1,): 3, (3,): 0, (16,): 2, (17,): 2147483, (18,): 0, (0xffffffff,): 1}
+    assert values(host, 3, 2, 4, 1, 3) == {(0,): 2047 * 1024, (3,): -2147483648, (16,): 524288, (17,): 3000000 * 1024 - (1 << 32),
+                                           (2147483647,): 4096, (0xffffffff,): 1024}
+    assert values(host, 3, 2, 4, 1, 4) == {(0,): -1, (3,): 0, (16,): -2147483648, (17,): 5, (2147483647,): -1, (0xffffffff,): 13}
+    # On a device, on the cluster datastore, six of unknown name, then another machine's; one on another datastore has no row.
+    assert values(host, 3, 3, 1, 2) == {(n,): name for n, name in enumerate([b"disk-1:0", b"disk-0:0", *[b"unknown"] * 6, b"disk-0:0"], 1)}
+    assert values(host, 3, 3, 1, 4) == {(n,): s for n, s in enumerate([1000, 2000, 4000, 0, 6000, 7000, 8000, 9000, 12], 1)}
+    assert [values(host, 3, 3, 1, n)[(2,)] for n in (5, 6, 7, 8)] == [-1, 0, 5, 0]
+    assert values(host, 3, 4, 1, 2)[(3,)] == b"unknown" and values(host, 3, 4, 1, 6)[(3,)] == 1
+    assert values(host, 3, 4, 1, 4)[(4,)] == b"SNMP Error"
+    assert set(values(host, 3, 4, 1, 5).values()) == {0}
+    narrow = [values(host, 3, 4, 1, n)[(card,)] for card in (1, 2, 7) for n in (6, 7, 8, 9)]
+    assert narrow == [0, 2147483647, -2147483648, 1, -1, 0, 5, 0, -1, -1, -1, -1]
+    wide = [values(host, 3, 4, 1, n)[(card,)] for card in (1, 2, 7) for n in (10, 11, 12, 13)]
+    assert wide == [0, 2**31 - 1, 2**31, 1, 2**32 - 1, 2**32, 2**32 + 5, 2**62, *[2**64 - 1] * 4]
+
+
+def test_the_first_counter_of_a_name_in_the_catalogue_has_the_figures():
+    host = expected_tree.load(system.HOSTS / "catalogue.yaml")
+    names = [f"{c['group']}.{c['name']}" for c in host["counters"]]
+    keys = [int(c["key"]) for c in host["counters"] if (c["group"], c["name"]) == ("cpu", "used")]
+    assert keys == [91, 7] and "disk.numberWrite" not in names
+    assert values(host, 3, 1, 2, 1, 3) == {(5,): 5, (6,): 6}
+    assert [values(host, 3, 3, 1, n)[(1,)] for n in (5, 6, 7, 8)] == [11, 22, -1, 44]
+
+
 def test_a_machine_without_a_configuration_is_passed_over():
     host = expected_tree.load(system.HOSTS / "every-device.yaml")
     assert len(expected_tree.machines(host)) == len(host["vms"]) - 1

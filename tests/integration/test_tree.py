@@ -80,9 +80,6 @@ datastores: []
 vms:{"".join(entries)}"""
 
 
-# What is left of a log line that a text with line ends was put into.
-TEXT_LOG = [r"(OrdaneClient::RetrieveStats: couldn't find stats for .*|SetDiskResource: .*)?\r?", r"b\.?"]
-
 GENERATED = {"texts": describe_texts, "forty machines": lambda: describe_many(40)}
 
 
@@ -102,7 +99,6 @@ def running(described, start_daemon, start_agent):
     daemon = start_daemon(described)
     agent = start_agent()
     agent.allow_log(*system.DATA_LOG)
-    agent.allow_log(*(TEXT_LOG if "x" * 2559 in described.read_text() else []))
     host = expected_tree.load(described)
     if not host["vms"]:
         agent.allow_log("SNMPRaskRefreshCache: no VM found.")
