@@ -9,7 +9,9 @@ find_package(CLI11 REQUIRED)
 find_package(spdlog REQUIRED)
 # The distribution's own interpreter: its modules come from the distribution's packages too.
 find_program(KELV_PYTHON python3 PATHS /usr/bin NO_DEFAULT_PATH REQUIRED)
-pkg_check_modules(LIBVIRT IMPORTED_TARGET libvirt)
+if(KELV_LIBVIRT)
+  pkg_check_modules(LIBVIRT IMPORTED_TARGET libvirt)
+endif()
 pkg_check_modules(SYSTEMD IMPORTED_TARGET libsystemd)
 
 find_path(NET_SNMP_INCLUDE net-snmp/net-snmp-config.h REQUIRED)

@@ -35,7 +35,7 @@ class DaemonTest : public ::testing::Test {
 
     // Starts the daemon with its messages going to the log file, and answers its process.
     pid_t Run(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), {VESSAD_TEST_DAEMON, "--ticket-dir", ticketPath.string()});
+        arguments.insert(arguments.begin(), {program, "--ticket-dir", ticketPath.string()});
         std::vector<char*> pointers;
         for (std::string& argument : arguments) {
             pointers.push_back(argument.data());
@@ -46,7 +46,7 @@ class DaemonTest : public ::testing::Test {
             const int log = ::open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
             ::dup2(log, STDERR_FILENO);
             ::dup2(log, STDOUT_FILENO);
-            ::execv(VESSAD_TEST_DAEMON, pointers.data());
+            ::execv(program, pointers.data());
             ::_exit(127);
         }
         return child;
@@ -89,6 +89,7 @@ class DaemonTest : public ::testing::Test {
         return client.Call("ServiceInstance", "ServiceInstance", "RetrieveContent").body;
     }
 
+    const char* program = VESSAD_TEST_DAEMON;
     TemporaryDirectory directory;
     std::filesystem::path hostPath = directory.GetPath() / "host.yaml";
     std::filesystem::path logPath = directory.GetPath() / "log";
@@ -108,6 +109,21 @@ TEST_F(DaemonTest, ServesTheDescribedHostUntilItIsTerminated) {
     EXPECT_EQ(Stop(SIGTERM), 0);
     EXPECT_TRUE(FilesIn(ticketPath).empty());
     EXPECT_THAT(ReadAll(logPath), HasSubstr("SIGTERM: ending"));
+}
+
+TEST_F(DaemonTest, SaysSoWhenItWasBuiltWithoutLibvirt) {
+    program = VESSAD_TEST_DAEMON_WITHOUT_LIBVIRT;
+    EXPECT_EQ(ExitCodeOf(Run({"--libvirt", "test:///default", "--listen", "127.0.0.1:0", "--foreground"})),
+              1);
+    EXPECT_THAT(ReadAll(logPath), HasSubstr("critical this build of the daemon has no libvirt"));
+}
+
+TEST_F(DaemonTest, WithoutLibvirtServesADescribedHost) {
+    program = VESSAD_TEST_DAEMON_WITHOUT_LIBVIRT;
+    WriteAll(hostPath, sampleHost);
+    Start({"--host", hostPath});
+    EXPECT_THAT(ServedVersion(), HasSubstr("1.2.3"));
+    EXPECT_EQ(Stop(SIGTERM), 0);
 }
 
 TEST_F(DaemonTest, EndsOnAnInterruptToo) {
