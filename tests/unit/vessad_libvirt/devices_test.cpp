@@ -302,9 +302,9 @@ TEST(NetworkCards, AreOnTheNetworkThatTheirConnectionNames) {
     EXPECT_TRUE(cards[5]->GetConnectable()->IsConnected());
     EXPECT_FALSE(cards[6]->GetConnectable()->IsConnected());
     EXPECT_THAT(KeysOf<VirtualEthernetCard>(description),
-                ElementsAre(4000, 4001, 4002, 4003, 4004, 4005, 4006));
+                ElementsAre(0x1000001, 4001, 4002, 4003, 4004, 4005, 4006));
     EXPECT_EQ(description.cards[0].device, "vnet0");
-    EXPECT_EQ(description.cards[0].key, 4000);
+    EXPECT_EQ(description.cards[0].key, 0x1000001);
     EXPECT_EQ(description.cards[1].device, "");
 }
 
@@ -314,6 +314,23 @@ TEST(NetworkCards, KeepTheirKeyWhenAnotherGoes) {
     EXPECT_THAT(KeysOf<VirtualEthernetCard>(Describer()(DomainXmlWith(first + second))),
                 ElementsAre(4024, 4256));
     EXPECT_THAT(KeysOf<VirtualEthernetCard>(Describer()(DomainXmlWith(second))), ElementsAre(4256));
+}
+
+TEST(NetworkCards, WithoutAPciSlotKeepTheirKeyToo) {
+    const auto card = [](const std::string& mac, const std::string& address = "") {
+        return "<interface type='user'><mac address='" + mac + "'/>" + address + "</interface>";
+    };
+    const std::string second = card("52:54:00:00:01:0a");
+    EXPECT_THAT(KeysOf<VirtualEthernetCard>(Describer()(DomainXmlWith(card("52:54:00:ff:ff:ff") + second))),
+                ElementsAre(0x1ffffff, 0x100010a));
+    EXPECT_THAT(KeysOf<VirtualEthernetCard>(Describer()(DomainXmlWith(second))), ElementsAre(0x100010a));
+    const std::string onAnotherBus = "<address type='ccw' cssid='0xfe' ssid='0x0' devno='0x0001'/>";
+    EXPECT_THAT(
+        KeysOf<VirtualEthernetCard>(Describer()(DomainXmlWith(card("52:54:00:00:00:02", onAnotherBus)))),
+        ElementsAre(0x1000002));
+    EXPECT_THAT(KeysOf<VirtualEthernetCard>(Describer()(DomainXmlWith(
+                    card("52:54:00:00:00:g2") + card("52:54:00:-1:00:02") + card("52:54") + card("")))),
+                ElementsAre(4000, 4001, 4002, 4003));
 }
 
 TEST(Devices, HaveKeysOfTheirOwnInEveryMachine) {

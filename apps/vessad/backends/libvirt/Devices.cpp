@@ -1,6 +1,7 @@
 #include "apps/vessad/backends/libvirt/Devices.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <map>
 #include <set>
@@ -25,6 +26,7 @@ constexpr int cdromKeys = 3000;
 constexpr int cardKeys = 4000;
 constexpr int floppyKeys = 8000;
 constexpr int sataKeys = 15000;
+constexpr int macKeys = 1 << 24;
 constexpr int busesPerIdeController = 2;
 constexpr int unitsPerBus = 1 << 14;  // logical units that a SCSI target may have
 
@@ -101,6 +103,25 @@ std::string FirstOf(pugi::xml_node node, std::initializer_list<const char*> attr
         }
     }
     return "";
+}
+
+// The last three bytes of a MAC address, which tell the cards of one maker apart.
+std::optional<int> CardNumber(std::string_view mac) {
+    constexpr std::size_t length = 17;
+    if (mac.size() != length) {
+        return std::nullopt;
+    }
+    int number = 0;
+    for (const std::size_t at : {9U, 12U, 15U}) {
+        constexpr int hexadecimal = 16;
+        int byte = 0;
+        const char* const end = mac.data() + at + 2;
+        if (std::from_chars(mac.data() + at, end, byte, hexadecimal).ptr != end || byte < 0) {
+            return std::nullopt;
+        }
+        number = number << 8 | byte;
+    }
+    return number;
 }
 
 // The network that a card is on, by the name that its kind of connection has for it.
@@ -441,12 +462,14 @@ class Builder {
         Add(device, TakeKey(DriveKey(keyBase, drive)), label, source.name);
     }
 
-    // A card on a PCI bus is known by its slot, so that it keeps its key when another card goes.
+    // A card is known by its slot on the PCI bus, or where there is none by its MAC address, so that it keeps
+    // its key when another card goes.
     static int CardKey(pugi::xml_node card, int position) {
         const pugi::xml_node address = card.child("address");
         if (std::string_view(address.attribute("type").value()) != "pci" ||
             address.attribute("domain").as_int() != 0) {
-            return cardKeys + position;
+            const auto number = CardNumber(card.child("mac").attribute("address").value());
+            return number ? macKeys + *number : cardKeys + position;
         }
         constexpr int slotsPerBus = 32;
         constexpr int functionsPerSlot = 8;
