@@ -60,6 +60,20 @@ TEST_F(IdentitiesTest, StayTheSameAfterARestart) {
     EXPECT_THAT(log.GetText(), IsEmpty());
 }
 
+TEST_F(IdentitiesTest, OfAMachineThatHasGoneAreNeverGivenToAnother) {
+    std::optional<Identities> identities(directory.GetPath());
+    identities->Admit({a, b});
+    identities->Admit({});
+    identities->Admit({c});
+    EXPECT_EQ(identities->Find(c), 3000);
+    const std::string d = "00000000-0000-4000-8000-00000000000d";
+    EXPECT_EQ(FindAfterRestart(identities, c), 3000);
+    identities->Admit({d});
+    EXPECT_EQ(identities->Find(d), 4000);
+    identities->Admit({b, d});
+    EXPECT_EQ(identities->Find(b), 2000) << "it came back";
+}
+
 TEST_F(IdentitiesTest, AreWrittenAsTextThatOnlyTheOwnerReads) {
     Identities(directory.GetPath()).Admit({a});
     EXPECT_EQ(ReadAll(File()), "tovric-vessad identities 1\nnext 2000\n1000 " + a + "\n");

@@ -121,6 +121,32 @@ TEST_F(TestDriver, TellsTheSchedulersWeightAsShares) {
               50);
 }
 
+TEST_F(TestDriver, FindsTheVolumesOfItsPools) {
+    const auto backend = Open(
+        HostFileDomain(1, "",
+                       "<disk type='volume' device='disk'><source pool='images' volume='web.img'/><target "
+                       "dev='vda' bus='virtio'/></disk>"
+                       "<disk type='volume' device='disk'><source pool='images' volume='missing'/><target "
+                       "dev='vdb' bus='virtio'/></disk>") +
+        "<pool type='dir'><name>images</name><target><path>/kelv/images</path></target>"
+        "<volume type='file'><name>web.img</name><capacity>1048576</capacity>"
+        "<target><path>/kelv/images/web.img</path></target></volume></pool>");
+    const auto inventory = backend->GetInventory();
+    std::vector<const VirtualDevice*> disks;
+    for (const auto& device : *inventory->machines.at(0)->config->GetHardware()->GetDevice()) {
+        if (const auto* disk = Tessim::NarrowToType<VirtualDisk>(device)) {
+            disks.push_back(disk);
+        }
+    }
+    ASSERT_EQ(disks.size(), 2U);
+    const auto* file = Tessim::NarrowToType<VirtualDevice::FileBackingInfo>(disks[0]->GetBacking());
+    ASSERT_NE(file, nullptr);
+    EXPECT_EQ(file->GetFileName(), "[images] web.img");
+    const auto* device = Tessim::NarrowToType<VirtualDevice::DeviceBackingInfo>(disks[1]->GetBacking());
+    ASSERT_NE(device, nullptr);
+    EXPECT_EQ(device->GetDeviceName(), "images/missing");
+}
+
 TEST_F(TestDriver, ShowsStates) {
     const auto backend =
         Open(HostFileDomain(1,
