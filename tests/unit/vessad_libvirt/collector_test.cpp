@@ -103,6 +103,28 @@ TEST_F(CollectorTest, HasNoFiguresOfAMachineThatIsShutOff) {
     EXPECT_EQ(CpuOf("2000"), 2);
 }
 
+// libvirt keeps the process of one that crashed where it is told to.
+TEST_F(CollectorTest, HasNoFiguresOfAMachineThatCrashedButHasAProcess) {
+    Domain crashed = SmallDomain(a, "vm-a", DomainState::Crashed);
+    ASSERT_TRUE(crashed.active);
+    host->SetDomains({crashed, SmallDomain(b, "vm-b")});
+    Start();
+    EXPECT_EQ(CpuOf("1000"), -1);
+    EXPECT_EQ(CpuOf("2000"), 2);
+}
+
+TEST_F(CollectorTest, KeepsTheDescriptionOfAMachineThatTheHostDoesNotDescribe) {
+    Start();
+    const auto before = collector->Get();
+    Domain silent = SmallDomain(a, "vm-a", DomainState::None);
+    silent.xml.clear();
+    host->SetDomains({silent, SmallDomain(b, "renamed")});
+    ASSERT_TRUE(WaitFor([&] { return collector->Get()->machines[1]->config->GetName() == "renamed"; }));
+    EXPECT_EQ(collector->Get()->machines[0]->config, before->machines[0]->config);
+    EXPECT_EQ(CpuOf("1000"), 1);
+    EXPECT_THAT(log.GetText(), Not(HasSubstr("cannot be read")));
+}
+
 TEST_F(CollectorTest, KeepsTheRowAndDropsTheFiguresOfAMachineThatDoesNotAnswer) {
     Start();
     host->Freeze(a);
@@ -138,12 +160,41 @@ TEST_F(CollectorTest, KeepsTheLastInventoryForAWhileAndThenEmptiesIt) {
 }
 
 TEST_F(CollectorTest, EmptiesTheInventoryAlsoWhileACallHangs) {
+    options.readingWait = milliseconds(100);
     options.keep = milliseconds(300);
     Start();
     host->HoldDomains(true);
+    ASSERT_TRUE(
+        WaitFor([&] { return log.GetText().find("libvirt cannot be reached") != std::string::npos; }));
+    EXPECT_EQ(CountMachines(), 2U);
     EXPECT_TRUE(WaitFor([&] { return CountMachines() == 0; }));
+    EXPECT_THAT(log.GetText(), HasSubstr("warning libvirt cannot be reached: it does not answer"));
     host->HoldDomains(false);
     EXPECT_TRUE(WaitFor([&] { return CountMachines() == 2; }));
+}
+
+// A host that takes long to collect is collected seldom.
+TEST_F(CollectorTest, KeepsTheInventoryHoweverLongTheNextCollectionIsAway) {
+    options.interval = std::chrono::hours(1);
+    options.keep = milliseconds(50);
+    Start();
+    std::this_thread::sleep_for(milliseconds(300));
+    EXPECT_EQ(CountMachines(), 2U);
+}
+
+TEST_F(CollectorTest, TakesInAnAnswerThatComesLate) {
+    options.interval = std::chrono::hours(1);
+    options.readingWait = milliseconds(20);
+    host->HoldDomains(true);
+    collector = std::make_unique<Collector>(api, "fake", Identities(directory.GetPath()), options);
+    const auto failure = collector->WaitForFirst(std::chrono::seconds(30));
+    ASSERT_TRUE(failure);
+    EXPECT_FALSE(failure->IsPermanent());
+    host->HoldDomains(false);
+    EXPECT_TRUE(WaitFor([&] { return CountMachines() == 2; }));
+    EXPECT_TRUE(WaitFor(
+        [&] { return log.GetText().find("libvirt answers again: 2 machines") != std::string::npos; }));
+    EXPECT_EQ(collector->WaitForFirst(milliseconds(0)), std::nullopt);
 }
 
 TEST_F(CollectorTest, DoesNotWaitForTheStoragePools) {

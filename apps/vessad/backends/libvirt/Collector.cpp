@@ -15,9 +15,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// For how long a reading is waited for before the silence is reported.
-constexpr std::chrono::seconds readingWait{10};
-
 // The collector rests at least this many times as long as it works.
 constexpr int restPerWork = 4;
 
@@ -30,7 +27,7 @@ struct Collector::Shared {
 
     std::shared_ptr<const Inventory> newest = UnknownHost();
     std::shared_ptr<const Inventory> emptied = newest;
-    Clock::time_point published = Clock::now();
+    std::optional<Clock::time_point> lost;  // since when the host is known to be silent
 
     std::vector<std::string> pools;  // the XML of the active ones, as last heard
     bool askingPools = false;
@@ -69,7 +66,7 @@ Collector::~Collector() {
 
 std::shared_ptr<const Inventory> Collector::Get() {
     const std::lock_guard lock(shared->mutex);
-    return Clock::now() - shared->published > options.keep ? shared->emptied : shared->newest;
+    return shared->lost && Clock::now() - *shared->lost > options.keep ? shared->emptied : shared->newest;
 }
 
 void Collector::Wake() {
@@ -107,20 +104,19 @@ void Collector::Collect() {
         return;
     }
     std::vector<std::string> uuids;
-    std::vector<FigureWorkers::Domain> active;
+    std::vector<FigureWorkers::Domain> running;
     for (const DescribedDomain& domain : reading->domains) {
         uuids.push_back(domain.uuid);
-        if (domain.active) {
-            active.push_back({domain.uuid, domain.name});
+        // One that crashed may still have a process, but shows as powered off: it has no figures.
+        if (PowerStateOf(domain.state, domain.active) != Hask::VirtualMachine::PowerState::poweredOff) {
+            running.push_back({domain.uuid, domain.name});
         }
     }
     identities.Admit(uuids);
-    const auto figures = workers.Ask(active);
-    Publish(BuildInventory(*reading, identities, figures, *Get()));
-    if (!reachable) {
+    const auto figures = workers.Ask(running);
+    if (Publish(BuildInventory(*reading, identities, figures, *Get()))) {
         spdlog::info("libvirt answers again: {} machines", reading->domains.size());
     }
-    reachable = true;
 }
 
 // Asks for the pools, and waits for them a little.
@@ -156,67 +152,63 @@ void Collector::FetchPools() {
     poolsKnown = poolsKnown || answered;
 }
 
-// The host as it is now, or nothing when it does not tell; a reading that comes late serves the next call.
+// The host as it is now; nothing when it cannot be reached, or at the end. A host that takes long is
+// reported, and waited for all the same: the answer of a slow one is worth no less.
 std::optional<HostReading> Collector::FetchReading() {
     std::unique_lock lock(shared->mutex);
-    if (!shared->readingHost) {
-        shared->readingHost = true;
-        shared->reading.reset();
-        shared->refusal.reset();
-        readingThread.Post([shared = shared, reader = reader, pools = shared->pools](
-                               Connection* connection, const ApiError* failure) {
-            std::optional<HostReading> reading;
-            std::optional<ApiError> refusal;
-            if (failure != nullptr) {
-                refusal = *failure;
-            } else {
-                try {
-                    reading = reader->Read(*connection, pools);
-                } catch (const ApiError& error) {
-                    refusal = error;
-                }
+    shared->readingHost = true;
+    readingThread.Post([shared = shared, reader = reader, pools = shared->pools](Connection* connection,
+                                                                                 const ApiError* failure) {
+        std::optional<HostReading> reading;
+        std::optional<ApiError> refusal;
+        if (failure != nullptr) {
+            refusal = *failure;
+        } else {
+            try {
+                reading = reader->Read(*connection, pools);
+            } catch (const ApiError& error) {
+                refusal = error;
             }
-            const std::lock_guard guard(shared->mutex);
-            shared->reading = std::move(reading);
-            shared->refusal = std::move(refusal);
-            shared->readingHost = false;
-            shared->changed.notify_all();
-        });
+        }
+        const std::lock_guard guard(shared->mutex);
+        shared->reading = std::move(reading);
+        shared->refusal = std::move(refusal);
+        shared->readingHost = false;
+        shared->changed.notify_all();
+    });
+    const auto ended = [this] { return shared->stopping || !shared->readingHost; };
+    if (!shared->changed.wait_for(lock, options.readingWait, ended)) {
+        Lose({"it does not answer", false, false});
+        shared->changed.wait(lock, ended);
     }
-    const bool answered = shared->changed.wait_for(
-        lock, readingWait, [this] { return shared->stopping || !shared->readingHost; });
     if (shared->stopping) {
         return std::nullopt;
     }
-    auto reading = answered ? std::exchange(shared->reading, std::nullopt) : std::nullopt;
-    shared->failure.reset();
-    if (!answered) {
-        shared->failure.emplace("it does not answer", false, false);
-    } else if (!reading) {
-        shared->failure = shared->refusal;
+    if (shared->refusal) {
+        Lose(*shared->refusal);
+    } else {
+        shared->failure.reset();
     }
-    const auto failure = shared->failure;
-    lock.unlock();
-    if (failure) {
-        Report(*failure);
-    }
-    return reading;
+    return std::exchange(shared->reading, std::nullopt);
 }
 
-void Collector::Publish(std::shared_ptr<const Inventory> inventory) {
+bool Collector::Publish(std::shared_ptr<const Inventory> inventory) {
     auto empty = WithoutMachines(*inventory);
     const std::lock_guard lock(shared->mutex);
     shared->newest = std::move(inventory);
     shared->emptied = std::move(empty);
-    shared->published = Clock::now();
+    return std::exchange(shared->lost, std::nullopt).has_value();
 }
 
-void Collector::Report(const ApiError& failure) {
-    if (reachable) {
+void Collector::Lose(const ApiError& failure) {
+    if (!shared->lost) {
         spdlog::warn("libvirt cannot be reached: {}; the last inventory serves for {} seconds",
                      failure.what(), std::chrono::duration_cast<std::chrono::seconds>(options.keep).count());
+        shared->lost = Clock::now();
     }
-    reachable = false;
+    shared->failure = failure;
+    shared->attempted = true;
+    shared->changed.notify_all();
 }
 
 }  // namespace Vessad::Libvirt

@@ -22,7 +22,8 @@ struct CollectorOptions {
     FigureWorkers::Waits figures;                   // for a machine's figures
     std::chrono::milliseconds poolWait{1000};       // for the storage pools; the last ones serve meanwhile
     std::chrono::milliseconds firstPoolWait{5000};  // for the first time, when there are none
-    std::chrono::milliseconds keep{60000};  // for how long the last inventory outlives the host's answers
+    std::chrono::milliseconds readingWait{10000};   // for the domains, before the host counts as silent
+    std::chrono::milliseconds keep{60000};          // for how long a silent host's last inventory serves
     std::vector<std::filesystem::path> osinfoDirectories = OsinfoDirectories();
 };
 
@@ -52,8 +53,10 @@ class Collector {
     void Collect();
     void FetchPools();
     std::optional<HostReading> FetchReading();
-    void Publish(std::shared_ptr<const Inventory> inventory);
-    void Report(const ApiError& failure);
+    // Whether the host was silent until now.
+    bool Publish(std::shared_ptr<const Inventory> inventory);
+    // Takes in that the host is silent; with the shared mutex held.
+    void Lose(const ApiError& failure);
 
     const CollectorOptions options;
     const std::shared_ptr<Shared> shared;
@@ -64,7 +67,6 @@ class Collector {
     FigureWorkers workers;
     bool poolsKnown = false;
     bool poolsLate = false;  // as the log says
-    bool reachable = true;   // as the log says
     std::thread thread;
 };
 

@@ -49,7 +49,9 @@ HostReading HostReader::Read(Connection& connection, const std::vector<std::stri
 std::shared_ptr<const DomainDescription> HostReader::Describe(Connection& connection, Domain& domain,
                                                               std::optional<std::string> configFile) {
     const auto found = known.find(domain.uuid);
-    if (found != known.end() && found->second.xml == domain.xml && found->second.configFile == configFile) {
+    // One that the host does not describe is what it was.
+    if (found != known.end() &&
+        (domain.xml.empty() || (found->second.xml == domain.xml && found->second.configFile == configFile))) {
         return found->second.description;
     }
     const Surroundings surroundings{

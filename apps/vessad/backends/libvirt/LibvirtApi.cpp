@@ -2,6 +2,7 @@
 
 #include <libvirt/libvirt.h>
 #include <libvirt/virterror.h>
+#include <spdlog/spdlog.h>
 
 #include <array>
 #include <climits>
@@ -186,13 +187,19 @@ class RealConnection final : public Connection {
         Check(count);
         std::vector<Domain> domains;
         for (const DomainHandle& domain : TakeList<DomainHandle>(list, count)) {
+            Domain described = Name(domain.get());
             try {
-                domains.push_back(Describe(domain.get()));
+                Describe(domain.get(), described);
             } catch (const ApiError& error) {
-                if (!error.IsGone()) {
+                if (error.IsGone()) {
+                    continue;
+                }
+                if (!IsAlive()) {
                     throw;
                 }
+                spdlog::debug("machine {} is not told of: {}", described.uuid, error.what());
             }
+            domains.push_back(std::move(described));
         }
         return domains;
     }
@@ -270,12 +277,21 @@ class RealConnection final : public Connection {
     }
 
   private:
-    static Domain Describe(virDomainPtr handle) {
+    // What the list of domains tells.
+    static Domain Name(virDomainPtr handle) {
         Domain domain;
         std::array<char, VIR_UUID_STRING_BUFLEN> uuid{};
+        Check(virDomainGetUUIDString(handle, uuid.data()));
+        domain.uuid = uuid.data();
+        domain.name = virDomainGetName(handle);
+        domain.active = IsActive(domain.state, virDomainGetID(handle));
+        return domain;
+    }
+
+    // Fills in the rest, or nothing.
+    static void Describe(virDomainPtr handle, Domain& domain) {
         int state = 0;
         int reason = 0;
-        Check(virDomainGetUUIDString(handle, uuid.data()));
         Check(virDomainGetState(handle, &state, &reason, 0));
         const int persistent = virDomainIsPersistent(handle);
         Check(persistent);
@@ -283,13 +299,10 @@ class RealConnection final : public Connection {
         if (!xml) {
             throw LastError();
         }
-        domain.uuid = uuid.data();
-        domain.name = virDomainGetName(handle);
         domain.persistent = persistent == 1;
         domain.state = StateOf(state);
         domain.active = IsActive(domain.state, virDomainGetID(handle));
         domain.xml = xml.get();
-        return domain;
     }
 
     DomainHandle Find(const std::string& uuid) {

@@ -35,7 +35,7 @@ struct Domain {
     bool active = false;
     bool persistent = false;
     DomainState state = DomainState::None;
-    std::string xml;  // the live description of an active domain, else the persistent one
+    std::string xml;  // the live description of an active domain, else the persistent one; empty: refused
 };
 
 struct Host {
@@ -69,7 +69,8 @@ class Connection {
     virtual bool IsAlive() = 0;
 
     virtual Host GetHost() = 0;
-    // Every domain; one that vanishes meanwhile is left out. Asks nothing of the domains' own processes.
+    // Every domain; one that vanishes meanwhile is left out, and one that the host refuses to tell of has
+    // neither state nor XML. Asks nothing of the domains' own processes.
     virtual std::vector<Domain> GetDomains() = 0;
     // The XML of the active storage pools; none where the driver knows no storage.
     virtual std::vector<std::string> GetPools() = 0;
