@@ -47,6 +47,15 @@ TABLES = [
         ("netHCTx", COUNTER), ("netHCPktRx", COUNTER), ("netHCRx", COUNTER)]),
 ]
 
+# What the figures count. Every other number is a position, an identifier, or changes its unit (memReserved, memUnreserved).
+UNITS = {
+    "numCpuCores": "cores", "cpuShares": "shares", "cpuUsedSec": "seconds",
+    "vmMemSize": "megabytes", "memTotal": "kilobytes", "memShares": "shares", "memConfiguredKB": "kilobytes", "memActive": "kilobytes",
+    "diskShares": "shares", "diskNumRead": "requests", "diskRead": "kilobytes", "diskNumWrite": "requests", "diskWrite": "kilobytes",
+    "netPktTx": "packets", "netTx": "kilobytes", "netPktRx": "packets", "netRx": "kilobytes",
+    "netHCPktTx": "packets", "netHCTx": "kilobytes", "netHCPktRx": "packets", "netHCRx": "kilobytes",
+}
+
 OBJECTS = SCALARS + [(name, f"{place}.{column}", syntax)
                      for _, place, _, columns in TABLES for column, (name, syntax) in enumerate(columns, 1)]
 
@@ -69,6 +78,13 @@ def test_object_is_defined_as_it_is_registered(name, place, syntax):
     assert re.search(r"^  MAX-ACCESS\s+(\S+)$", details, re.M)[1] == "read-only"
     assert re.search(r"^  STATUS\s+(\S+)$", details, re.M)[1] == "current"
     assert len(re.search(r'^  DESCRIPTION\s+"(.*?)"', details, re.M | re.S)[1]) > 10
+
+
+@pytest.mark.parametrize("name", [name for name, _, syntax in OBJECTS if syntax in (INTEGER, COUNTER)])
+def test_a_figure_states_its_unit(name):
+    described = translate("-Td", f"TOVRIC-KELV-MIB::{name}")
+    units = re.findall(r'^\s*UNITS\s+"(\w+)"$', described, re.MULTILINE)
+    assert units == ([UNITS[name]] if name in UNITS else [])
 
 
 @pytest.mark.parametrize("table, place, index, columns", TABLES, ids=[t[0] for t in TABLES])
