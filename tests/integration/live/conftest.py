@@ -2,6 +2,9 @@
 
 What needs a libvirtd starts one of its own (libvirt_host.Libvirtd) and is skipped, with the reason, where that is not
 possible: it takes root, libvirt-daemon-system and qemu-system-x86. The tests on libvirt's test driver take neither.
+
+With xdist's `--dist loadgroup` the tests that compute, one group, run one after the other; those that only wait, another
+group, run beside them with a libvirtd of their own.
 """
 
 import contextlib
@@ -10,6 +13,12 @@ import shutil
 import tempfile
 
 import pytest
+
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "xdist_group(name): the tests of a group run one after the other")
+
 
 for helper in ("libvirt_host", "domain_tree"):
     pytest.register_assert_rewrite(helper)

@@ -25,6 +25,8 @@ PATIENCE = 180
 # For how long the inventory outlives libvirtd.
 KEPT = 60
 
+pytestmark = pytest.mark.xdist_group("computes")
+
 VM = ENTERPRISE + (2, 1, 1)
 VM_NAME = 2
 DISK, NET = ENTERPRISE + (3, 3, 1), ENTERPRISE + (3, 4, 1)
@@ -308,6 +310,7 @@ def test_frozen_guests_hold_up_nobody(libvirtd, start_libvirt_daemon, directory)
 
 
 @pytest.mark.slow
+@pytest.mark.xdist_group("waits")
 def test_the_inventory_outlives_libvirtd_for_a_minute(libvirtd, start_libvirt_daemon, start_agent, api):
     libvirtd.define(guest_xml("guest", disk_xml(libvirtd.image("e1"), "vda", "virtio")))
     libvirtd.virsh("start guest")

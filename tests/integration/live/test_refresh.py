@@ -9,9 +9,12 @@ import described_copy
 import fresh_agent
 import libvirt_host
 import network
+import pytest
 import system
 import wire
 from expected_tree import ENTERPRISE
+
+pytestmark = pytest.mark.xdist_group("computes")
 
 MACHINES = 1000
 ROUNDS = int(os.environ.get("KELV_REFRESH_ROUNDS", "5"))

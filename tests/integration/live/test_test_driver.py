@@ -9,6 +9,8 @@ import libvirt_host
 import pytest
 import system
 
+pytestmark = pytest.mark.xdist_group("computes")
+
 
 def figures(uri, machines):
     """The figures of the machines under the names of domstats, from virsh's older commands."""
