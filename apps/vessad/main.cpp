@@ -1,4 +1,5 @@
 // tovric-vessad: the local management daemon of a virtualisation host.
+#include <spdlog/sinks/dist_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/sinks/syslog_sink.h>
 #include <spdlog/spdlog.h>
@@ -36,20 +37,27 @@ void NotifyServiceManager([[maybe_unused]] const char* state) {
 #endif
 }
 
-void LogToStandardError(const Options& options) {
-    auto logger = spdlog::stderr_logger_mt(programName);
-    logger->set_formatter(Vessad::MakeLogFormatter("%Y-%m-%dT%H:%M:%S.%e %l %*", "\n"));
+// Where the log goes. There is one logger as long as the program runs, for others may be using it at any
+// time; what is behind it can be changed meanwhile.
+using LogDestination = spdlog::sinks::dist_sink_mt;
+
+std::shared_ptr<LogDestination> LogToStandardError(const Options& options) {
+    auto sink = std::make_shared<spdlog::sinks::stderr_sink_mt>();
+    sink->set_formatter(Vessad::MakeLogFormatter("%Y-%m-%dT%H:%M:%S.%e %l %*", "\n"));
+    auto destination = std::make_shared<LogDestination>();
+    destination->set_sinks({sink});
+    auto logger = std::make_shared<spdlog::logger>(programName, destination);
     logger->set_level(spdlog::level::from_str(options.logLevel));
     logger->flush_on(spdlog::level::trace);
     spdlog::set_default_logger(logger);
+    return destination;
 }
 
-void LogToSyslog(const Options& options) {
+void LogToSyslog(LogDestination& destination) {
     constexpr bool ownFormat = true;
-    auto logger = spdlog::syslog_logger_mt("syslog", programName, LOG_PID, LOG_DAEMON, ownFormat);
-    logger->set_formatter(Vessad::MakeLogFormatter("%*", ""));
-    logger->set_level(spdlog::level::from_str(options.logLevel));
-    spdlog::set_default_logger(logger);
+    auto sink = std::make_shared<spdlog::sinks::syslog_sink_mt>(programName, LOG_PID, LOG_DAEMON, ownFormat);
+    sink->set_formatter(Vessad::MakeLogFormatter("%*", ""));
+    destination.set_sinks({sink});
 }
 
 std::unique_ptr<Vessad::Backend> MakeBackend(const Options& options) {
@@ -78,7 +86,7 @@ sigset_t TakeSignals() {
     return signals;
 }
 
-void Serve(const Options& options) {
+void Serve(const Options& options, LogDestination& log) {
     ::umask(077);
     const sigset_t signals = TakeSignals();
     Vessad::ServerOptions serverOptions;
@@ -95,7 +103,7 @@ void Serve(const Options& options) {
     Vessad::Server server(serverOptions, *backend);
     server.Start();
     if (background) {
-        LogToSyslog(options);
+        LogToSyslog(log);
         background->Ready();
     }
     const auto endpoint = server.GetEndpoint();
@@ -126,9 +134,9 @@ int main(int argc, char** argv) {
     if (!parsed.options) {
         return parsed.exitCode;
     }
-    LogToStandardError(*parsed.options);
+    const auto log = LogToStandardError(*parsed.options);
     try {
-        Serve(*parsed.options);
+        Serve(*parsed.options, *log);
     } catch (const std::exception& failure) {
         spdlog::critical("{}", failure.what());
         return EXIT_FAILURE;
