@@ -136,7 +136,7 @@ TEST(SoapMessage, HasNoTargetWithoutThis) {
 
 TEST(SoapMessage, HasNoTargetWithTwoOfThem) {
     const Message message(
-        Enveloped("<Sweep><_this type=\"Shop\">a</_this><_this type=\"Shop\">b</_this></Sweep>"), {});
+        Enveloped(R"(<Sweep><_this type="Shop">a</_this><_this type="Shop">b</_this></Sweep>)"), {});
     EXPECT_THROW(message.GetTarget(), Tessim::InvalidArgumentException);
     EXPECT_THROW(message.GetParameters(Method("Sweep")), Tessim::InvalidArgumentException);
 }
@@ -340,7 +340,7 @@ TEST(SoapMessage, RefusesADocumentTypeAnywhere) {
 
 TEST(SoapMessage, ExpandsNoEntity) {
     const std::string text =
-        "<!DOCTYPE l [<!ENTITY a \"lol\"><!ENTITY b \"&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;\">]>" +
+        R"(<!DOCTYPE l [<!ENTITY a "lol"><!ENTITY b "&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;">]>)" +
         Enveloped("<Sweep>&b;</Sweep>");
     EXPECT_EQ(Refusal(text), "a document type declaration is not allowed");
 }

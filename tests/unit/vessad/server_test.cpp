@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <boost/system/error_code.hpp>
+#include <cerrno>
 #include <chrono>
 #include <deque>
 #include <memory>
@@ -506,6 +508,8 @@ TEST_F(ServerUnderCrowdTest, ServesTheAgentAgainAfterItRanOutOfFiles) {
     for (int count = 0; count < 40; ++count) {
         crowd.push_back(std::make_unique<RawClient>(port));
     }
+    // A sanitizer needs a descriptor to look at an object whose type it sees for the first time.
+    ASSERT_TRUE(boost::system::error_code(EMFILE, boost::system::system_category()).failed());
     // As many as are open now, so that connecting takes the last one and accepting finds none.
     const int next = ::dup(0);
     ::close(next);
