@@ -7,6 +7,7 @@
 #include <optional>
 #include <utility>
 
+#include "apps/vessad/backends/libvirt/LeftBehind.h"
 #include "apps/vessad/backends/libvirt/SignalFreeThread.h"
 
 namespace Vessad::Libvirt {
@@ -74,7 +75,9 @@ ConnectionThread::~ConnectionThread() {
     std::unique_lock lock(state->mutex);
     state->stopping = true;
     state->changed.notify_all();
-    state->changed.wait_for(lock, farewell, [this] { return state->ended; });
+    if (!state->changed.wait_for(lock, farewell, [this] { return state->ended; })) {
+        LeaveThreadBehind();
+    }
 }
 
 void ConnectionThread::Post(Task task) {

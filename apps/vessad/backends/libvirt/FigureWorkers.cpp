@@ -12,6 +12,7 @@
 #include <sstream>
 #include <utility>
 
+#include "apps/vessad/backends/libvirt/LeftBehind.h"
 #include "apps/vessad/backends/libvirt/SignalFreeThread.h"
 #include "apps/vessad/backends/libvirt/Text.h"
 
@@ -97,6 +98,9 @@ class FigureWorkers::State : public std::enable_shared_from_this<State> {
     void AwaitThreads() {
         std::unique_lock lock(mutex);
         changed.wait_for(lock, farewell, [this] { return threads == calls.size(); });
+        if (threads > 0) {
+            LeaveThreadBehind();
+        }
     }
 
   private:
