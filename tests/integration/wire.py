@@ -89,3 +89,11 @@ class Connection:
     def children(self):
         """The ids of the machines."""
         return [child.text for child in self.call("Folder", "ha-folder-vm", "GetChildEntity")]
+
+
+def logged_in(**how):
+    """A connection that may ask for everything."""
+    connection = Connection(**how)
+    with open(connection.acquire_ticket(), encoding="ascii") as file:
+        connection.login(file.read())
+    return connection

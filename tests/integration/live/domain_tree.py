@@ -235,10 +235,10 @@ def scalars(uri, kernel_loaded=False):
     yield Instance(ENTERPRISE + (4, 1, 1, 1, 0), "OCTET STRING", b"yes" if kernel_loaded else b"no")
 
 
-def tree(uri, identities, before, after, config_directory=None, cpu_shares=1024):
-    """Every instance under the enterprise, in the order of a walk."""
+def tree(uri, identities, before, after, machines=None, config_directory=None, cpu_shares=1024):
+    """Every instance under the enterprise, in the order of a walk; `machines`: where they have not changed since then."""
     storage = Storage(uri)
-    machines = sorted(domains(uri), key=lambda domain: identities[domain.uuid])
+    machines = sorted(machines or domains(uri), key=lambda domain: identities[domain.uuid])
     instances = [*scalars(uri), *inventory(machines, identities, config_directory, storage),
                  *resources(machines, identities, storage, before, after, cpu_shares)]
     return sorted(instances, key=lambda instance: instance.oid)

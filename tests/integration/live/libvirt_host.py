@@ -14,6 +14,7 @@ import textwrap
 import time
 
 import system
+import wire
 
 QEMU = shutil.which("qemu-system-x86_64")
 LIBVIRTD = shutil.which("libvirtd", path=os.environ["PATH"] + ":/usr/sbin:/sbin")
@@ -264,6 +265,11 @@ class Daemon(system.Daemon):
             stdin=subprocess.DEVNULL, stdout=self.output, stderr=subprocess.STDOUT, preexec_fn=_die_with_parent)
         # It asks the host first.
         system.wait_until(self.is_listening, "the daemon to listen", 60)
+
+    def wait_for_machines(self, number):
+        """Until it serves so many. A large host on a busy machine is not read yet when the daemon begins to listen."""
+        with wire.logged_in(timeout=60) as connection:
+            system.wait_until(lambda: len(connection.children()) == number, f"{number} machines", 120)
 
     def identities(self):
         """UUID → the machine's number, as the daemon keeps them."""

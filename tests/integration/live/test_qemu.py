@@ -60,7 +60,7 @@ def figures(libvirtd):
 
 def compare(libvirtd, daemon, agent, before):
     found = agent.client.bulk_walk()
-    expected = domain_tree.tree(libvirtd.uri, daemon.identities(), before, figures(libvirtd), CONFIG)
+    expected = domain_tree.tree(libvirtd.uri, daemon.identities(), before, figures(libvirtd), config_directory=CONFIG)
     domain_tree.assert_equal(found, expected)
     return found
 
@@ -154,9 +154,7 @@ class Api:
     """The daemon's answers of now, past the agent's cache."""
 
     def __init__(self):
-        self.connection = wire.Connection()
-        with open(self.connection.acquire_ticket(), encoding="ascii") as file:
-            self.connection.login(file.read())
+        self.connection = wire.logged_in()
 
     def close(self):
         self.connection.close()
