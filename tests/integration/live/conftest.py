@@ -15,7 +15,6 @@ import tempfile
 import pytest
 
 
-
 def pytest_configure(config):
     config.addinivalue_line("markers", "xdist_group(name): the tests of a group run one after the other")
 

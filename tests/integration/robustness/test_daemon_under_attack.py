@@ -237,6 +237,7 @@ OVERSIZED = {
 @pytest.mark.slow
 @pytest.mark.parametrize("logged_in", [False, True], ids=["before the login", "after the login"])
 @pytest.mark.parametrize("name", OVERSIZED)
+@system.needs_plain_build
 def test_oversized_requests_cost_constant_memory(name, logged_in, served):
     daemon, agent = served()
     head, piece, times = OVERSIZED[name]()

@@ -7,6 +7,7 @@ import os
 
 import expected_tree
 import pytest
+import system
 import watch
 
 REBUILDS = int(os.environ.get("KELV_REBUILDS", "500"))
@@ -47,6 +48,7 @@ HOST = ('about: {name: Tovric Kelv Server, version: 3.0.2, build: "13638"}\nhard
 
 
 @pytest.mark.slow
+@system.needs_plain_build
 def test_rebuilds_cost_no_memory_and_one_statistics_query_each(directory, start_daemon, shifted_agent):
     file = directory / "host.yaml"
     file.write_text(HOST)

@@ -25,6 +25,7 @@ STARVATIONS = [("rebuild", "once", first, 4) for first in range(4)] + [
 
 @pytest.mark.slow
 @pytest.mark.parametrize("scenario, which, first, step", STARVATIONS, ids=lambda value: str(value))
+@system.needs_plain_build
 def test_any_allocation_may_fail(scenario, which, first, step, built, rogue, directory):
     """In a process that loads the module as the agent does and calls the handlers that it registered."""
     started = time.monotonic()
@@ -37,6 +38,7 @@ def test_any_allocation_may_fail(scenario, which, first, step, built, rogue, dir
                  "logs, answers what it has or nothing, the next rebuild is whole", (time.monotonic() - started) / tried, faults=tried)
 
 
+@system.needs_plain_build
 def test_a_request_allocates_nothing(built, rogue, directory):
     result = subprocess.run([built("starved_module", program=True), system.MODULE, "request", "once", "0", "1"],
                             cwd=directory, capture_output=True, text=True, timeout=60)
@@ -52,6 +54,7 @@ def limit(agent, what, value):
     resource.prlimit(agent.pid, what, (soft, hard))
 
 
+@system.needs_plain_build
 def test_without_descriptors_the_rebuild_says_so(built, rogue, directory):
     """In a process of its own, as the agent itself answers nobody without one more descriptor (it reads /etc/hosts.allow)."""
     result = subprocess.run([built("starved_module", program=True), system.MODULE, "descriptors", "once", "0", "1"],
@@ -60,6 +63,7 @@ def test_without_descriptors_the_rebuild_says_so(built, rogue, directory):
     watch.report("0 to 4 descriptors are left", "says so, goes without connection or session, the next rebuild is whole", 0, faults=5)
 
 
+@system.needs_plain_build
 def test_without_memory_the_agent_answers_the_rest(agent, rogue, good, host):
     """Replies of 30 MB to an agent that may take 16 MB more than it has."""
     before = watch.descriptors(agent.pid)

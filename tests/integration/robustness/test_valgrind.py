@@ -25,7 +25,7 @@ def findings(report):
 
 @pytest.mark.slow
 @pytest.mark.skipif(not shutil.which("valgrind"), reason="there is no valgrind")
-@pytest.mark.skipif(bool(system.sanitizer_libraries()), reason="a sanitized module does not run under valgrind")
+@system.needs_plain_build
 def test_a_load_a_hundred_refreshes_and_an_unload_lose_nothing(directory, rogue, host, shifted_agent):
     report = directory / "valgrind.xml"
     valgrind = ["valgrind", "--quiet", "--leak-check=full", "--show-leak-kinds=all", "--num-callers=40", "--keep-debuginfo=yes",

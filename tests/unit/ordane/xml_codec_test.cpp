@@ -219,9 +219,8 @@ TEST(XmlCodec, TakesNoOtherEntityApart) {
 }
 
 TEST(XmlCodec, CarriesAnyTextThereAndBack) {
-    for (const std::string text : {"Gr\xc3\xbc\xc3\x9f"
-                                   "e \xe6\x9d\xb1\xe4\xba\xac \xf0\x9f\x98\x80",
-                                   "<&>\"'", "]]>", " x ", "a\tb\nc", "\xef\xbf\xbd", "&#65;", "<!-- -->"}) {
+    for (const std::string text : {"Gr\xc3\xbcn \xe6\x9d\xb1\xe4\xba\xac \xf0\x9f\x98\x80", "<&>\"'", "]]>",
+                                   " x ", "a\tb\nc", "\xef\xbf\xbd", "&#65;", "<!-- -->"}) {
         const auto thing = Tessim::MakeRef<Sample::Thing>();
         thing->SetName(text);
         EXPECT_EQ(Read<Sample::Thing>(Write(*thing), Unknown::Refuse)->GetName(), text);

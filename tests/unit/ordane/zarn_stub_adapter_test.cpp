@@ -51,7 +51,7 @@ std::string Chunked(const std::string& body, std::size_t size, const std::string
         for (std::size_t left = chunk.size(); left > 0; left /= 16) {
             length.insert(length.begin(), digits[left % 16]);
         }
-        reply += length + "\r\n" + chunk + "\r\n";
+        reply.append(length).append("\r\n").append(chunk).append("\r\n");
     }
     return reply + "0\r\n" + trailer + "\r\n";
 }
@@ -219,8 +219,9 @@ TEST_F(ZarnStubAdapterTest, RefusesAReplyWithLengthAndChunks) {
     const std::string both = "Content-Length: " + std::to_string(sweepReply.size()) + "\r\n";
     const std::string chunked = "Transfer-Encoding: chunked\r\n";
     for (const std::string& fields : {both + chunked, chunked + both}) {
-        EXPECT_THAT(FailureOf("HTTP/1.1 200 OK\r\n" + fields + "\r\n" + sweepReply),
-                    StartsWith("the daemon's HTTP reply is unusable: "));
+        const std::string reply =
+            std::string("HTTP/1.1 200 OK\r\n").append(fields).append("\r\n").append(sweepReply);
+        EXPECT_THAT(FailureOf(reply), StartsWith("the daemon's HTTP reply is unusable: "));
     }
 }
 
@@ -255,7 +256,7 @@ TEST_F(ZarnStubAdapterTest, RefusesALengthBeyondTheLimitBeforeItReadsTheBody) {
 
 TEST_F(ZarnStubAdapterTest, RefusesABodyBeyondTheLimitHoweverItComes) {
     const std::string body(maxReplyBytes + 1, ' ');
-    EXPECT_EQ(FailureOf(Chunked(body, 1024 * 1024)),
+    EXPECT_EQ(FailureOf(Chunked(body, 1024UL * 1024)),
               "the daemon's HTTP reply is unusable: body limit exceeded");
     EXPECT_EQ(FailureOf(Chunked(body, body.size())),
               "the daemon's HTTP reply is unusable: body limit exceeded");
@@ -268,7 +269,7 @@ TEST_F(ZarnStubAdapterTest, RefusesABodyBeyondTheLimitHoweverItComes) {
 TEST_F(ZarnStubAdapterTest, TakesABodyAsLargeAsTheLimit) {
     const std::string body = sweepReply + std::string(maxReplyBytes - sweepReply.size(), ' ');
     EXPECT_EQ(FailureOf(WithLength(body)), "nothing");
-    EXPECT_EQ(FailureOf(Chunked(body, 1024 * 1024)), "nothing");
+    EXPECT_EQ(FailureOf(Chunked(body, 1024UL * 1024)), "nothing");
     EXPECT_EQ(FailureOf("HTTP/1.1 200 OK\r\n\r\n" + body), "nothing");
 }
 

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -92,14 +93,18 @@ class ServerTest : public ::testing::Test {
         port = server->GetEndpoint().port();
     }
 
-    bool AwaitLog(const std::string& text) const {
+    static bool Await(const std::function<bool()>& condition) {
         for (int tries = 0; tries < 500; ++tries) {
-            if (log.GetText().find(text) != std::string::npos) {
+            if (condition()) {
                 return true;
             }
             std::this_thread::sleep_for(10ms);
         }
         return false;
+    }
+
+    bool AwaitLog(const std::string& text) const {
+        return Await([&] { return log.GetText().find(text) != std::string::npos; });
     }
 
     std::vector<std::string> TicketFiles() const { return FilesIn(directory.GetPath() / "tickets"); }
@@ -453,6 +458,8 @@ class ServerUnderCrowdTest : public ServerTest {
         EXPECT_EQ(agent.CountMachines(), 3);
     }
 
+    static std::size_t OpenFiles() { return FilesIn("/proc/self/fd").size(); }
+
     std::vector<std::unique_ptr<RawClient>> crowd;
 };
 
@@ -502,12 +509,16 @@ TEST_F(ServerUnderCrowdTest, ServesTheAgentWhileOthersConnectWithoutEnd) {
 }
 
 TEST_F(ServerUnderCrowdTest, ServesTheAgentAgainAfterItRanOutOfFiles) {
+    constexpr std::size_t crowdSize = 40;
+    const std::size_t before = OpenFiles();
     ExpectAgentServed();
     rlimit files{};
     ::getrlimit(RLIMIT_NOFILE, &files);
-    for (int count = 0; count < 40; ++count) {
+    for (std::size_t count = 0; count < crowdSize; ++count) {
         crowd.push_back(std::make_unique<RawClient>(port));
     }
+    // Both ends of each are open, and those of the agent no more.
+    ASSERT_TRUE(Await([&] { return OpenFiles() == before + 2 * crowdSize; }));
     // A sanitizer needs a descriptor to look at an object whose type it sees for the first time.
     ASSERT_TRUE(boost::system::error_code(EMFILE, boost::system::system_category()).failed());
     // As many as are open now, so that connecting takes the last one and accepting finds none.
