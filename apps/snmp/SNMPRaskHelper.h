@@ -28,9 +28,9 @@ void SNMPRaskRefreshCache();
 // The host's number of CPU cores as a signed 16-bit count; 0 when the daemon cannot be asked.
 int GetNumCpu();
 
-// The service console's memory. `total` in kilobytes; `reserved` in bytes on the first successful call and in
-// kilobytes from then on, as the client hands it out. Both are 0 when the daemon cannot be asked, and both
-// pointers must be non-null.
+// The service console's memory, the low 32 bits of what the client hands out: `total` in kilobytes,
+// `reserved` in bytes on a call that asks the daemon and in kilobytes on a later, cached one. Both are 0 when
+// the daemon cannot be asked, and both pointers must be non-null.
 void GetMemory(long* reserved, long* total);
 
 }  // extern "C"
