@@ -298,6 +298,13 @@ TEST_F(DiskTest, SaysThatADiskHasNoLabel) {
                     LogLine{4, "SetDiskResource: no datastore info for disk without label.\n"}));
 }
 
+TEST_F(DiskTest, KeepsALabelOnOneLineOfTheLog) {
+    Fill({Disk("A\nB", 0, FileBacking("[s] a", "plain")), Disk("C\nD", 1, FileBacking("[s] b", "mute"))});
+    EXPECT_THAT(OtherLines(),
+                ElementsAre(LogLine{6, "SetDiskResource: skipped disk not backed by drell A\\x0aB.\n"},
+                            LogLine{4, "SetDiskResource: no datastore info for C\\x0aD.\n"}));
+}
+
 TEST_F(DiskTest, SkipsDisksOfOtherDatastoresAndTakesTheirNumberBack) {
     Fill({Disk("Hard Disk 1", 0, FileBacking("[s] a", "drell")),
           Disk("Hard Disk 2", 1, FileBacking("[s] b", "plain"))});

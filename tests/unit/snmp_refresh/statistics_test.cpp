@@ -475,6 +475,15 @@ TEST_F(StatisticsTest, NamesTheFigureThatIsNotThere) {
                     LogLine{4, "OrdaneClient::RetrieveStats: couldn't find stats for disk.read.disk-0:0\n"}));
 }
 
+TEST_F(StatisticsTest, KeepsAnInstanceOnOneLineOfTheLog) {
+    Collect({Metric("16", {Series(3, "a\nb", {1})})});
+    EXPECT_EQ(Retrieve("16", "disk", "read", "a\nb"), 1);
+    EXPECT_EQ(Retrieve("16", "disk", "write", "a\nb"), -1);
+    EXPECT_THAT(
+        log.Take(),
+        ElementsAre(LogLine{4, "OrdaneClient::RetrieveStats: couldn't find stats for disk.write.a\\x0ab\n"}));
+}
+
 TEST_F(StatisticsTest, GivesNoFigureOfAVmThatTheQueryDidNotAnswer) {
     Collect({});
     EXPECT_EQ(Retrieve("16", "cpu", "used", "0"), -1);
