@@ -5,7 +5,6 @@
 // instance that has a sample, the first sample.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -33,17 +32,13 @@ class StatsIndex {
         std::int64_t value;
     };
     // What is known of one entity, in the order of the results.
-    struct Entity {
-        std::string id;
-        std::vector<Sample> samples;
-    };
+    using Samples = std::vector<Sample>;
 
-    const Entity* FindEntity(const Ordane::MoRef* entity) const;
+    // Null for an entity that has no result.
+    const Samples* FindSamples(const Ordane::MoRef* entity) const;
 
-    std::vector<Entity> entities;
-    std::unordered_map<std::string, std::size_t> positions;  // in entities, by id
-    std::optional<std::size_t> nameless;                     // position of the results without an entity
-    mutable std::size_t latest = 0;  // position of the last one found: figures are asked for VM by VM
+    std::unordered_map<std::string, Samples> samplesById;
+    Samples nameless;  // of the results without an entity
 };
 
 }  // namespace SNMP
