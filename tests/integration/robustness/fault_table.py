@@ -1,6 +1,6 @@
 """Prints the table of faults from the file that KELV_FAULT_REPORT named during a run of the tests.
 
-    KELV_FAULT_REPORT=/tmp/faults.jsonl /usr/bin/python3 -m pytest -n 4 tests/integration/robustness
+    KELV_FAULT_REPORT=/tmp/faults.jsonl /usr/bin/python3 -m pytest -n 3 tests/integration/robustness
     /usr/bin/python3 tests/integration/robustness/fault_table.py /tmp/faults.jsonl
 """
 

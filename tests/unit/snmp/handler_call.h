@@ -13,11 +13,11 @@ Oid Enterprise(const Oid& rest);
 
 // What a handler answered, copied at once.
 struct Answer {
-    bool answered = false;
-    Oid name;           // the request's name afterwards
-    std::string bytes;  // as many as the answer's length says
-    bool writeMethodNull = false;
+    Oid name;                         // the request's name afterwards
+    std::string bytes;                // as many as the answer's length says
     const u_char* address = nullptr;  // where the handler put it
+    bool answered = false;
+    bool writeMethodNull = false;
 
     // The bytes that stand at the answer's address now.
     std::string BytesNow() const;

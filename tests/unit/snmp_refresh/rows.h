@@ -29,6 +29,7 @@ std::vector<const Row*> List(const Row* head) {
 
 inline auto Vms() {
     std::vector<const vmEntry*> rows;
+    rows.reserve(static_cast<std::size_t>(vmInfoTableNumEnt));
     for (int i = 0; i < vmInfoTableNumEnt; ++i) {
         rows.push_back(*SNMPVMInfoTable_GetPtr() + i);
     }
