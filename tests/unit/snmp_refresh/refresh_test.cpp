@@ -34,7 +34,7 @@ std::vector<std::string> emptied;
 #define OBSERVED_DESTROY(table)                       \
     extern "C" void __real_##table##Table_Destroy();  \
     extern "C" void __wrap_##table##Table_Destroy() { \
-        emptied.push_back(#table);                    \
+        emptied.emplace_back(#table);                 \
         __real_##table##Table_Destroy();              \
     }
 // NOLINTBEGIN(bugprone-reserved-identifier)
@@ -276,16 +276,18 @@ TEST_F(RefreshTest, FillsEveryTableOfTwoVms) {
         const auto vm = static_cast<int>(i / 2);
         const auto device = static_cast<int>(i % 2);
         const std::string name = vm == 0 ? "vm-16" : "vm-32";
-        const std::string number = std::to_string(device + 1);
+        const auto labelled = [&](const char* kind, int count) {
+            return std::string(name).append(kind).append(std::to_string(count));
+        };
         EXPECT_EQ(TestRows::Nics()[i]->vmIdx, vm);
         EXPECT_EQ(TestRows::Nics()[i]->nicIdx, device);
-        EXPECT_EQ(TestRows::Nics()[i]->nicLabel, name + " Adapter " + number);
+        EXPECT_EQ(TestRows::Nics()[i]->nicLabel, labelled(" Adapter ", device + 1));
         EXPECT_EQ(TestRows::Hbas()[i]->vmIdx, vm);
         EXPECT_EQ(TestRows::Hbas()[i]->hbaBus, device);
-        EXPECT_EQ(TestRows::Hbas()[i]->hbaLabel, name + " SCSI " + std::to_string(device));
+        EXPECT_EQ(TestRows::Hbas()[i]->hbaLabel, labelled(" SCSI ", device));
         EXPECT_EQ(TestRows::Targets()[i]->vmIdx, vm);
         EXPECT_EQ(TestRows::Targets()[i]->tgtUnit, device);
-        EXPECT_EQ(TestRows::Targets()[i]->tgtLabel, name + " Disk " + number);
+        EXPECT_EQ(TestRows::Targets()[i]->tgtLabel, labelled(" Disk ", device + 1));
         EXPECT_EQ(TestRows::Floppies()[i]->vmIdx, vm);
         EXPECT_EQ(TestRows::Floppies()[i]->fdUnit, device);
         EXPECT_EQ(TestRows::Cdroms()[i]->vmIdx, vm);
@@ -296,7 +298,7 @@ TEST_F(RefreshTest, FillsEveryTableOfTwoVms) {
         EXPECT_EQ(TestRows::Cpus()[i]->cpuShares, device == 0 ? 2000 : 0);
         EXPECT_EQ(TestRows::Disks()[i]->diskIdx, static_cast<int>(i) + 1);
         EXPECT_EQ(TestRows::Disks()[i]->diskVMID, id);
-        EXPECT_EQ(TestRows::Disks()[i]->diskName, "raw-" + number);
+        EXPECT_EQ(TestRows::Disks()[i]->diskName, "raw-" + std::to_string(device + 1));
         EXPECT_EQ(TestRows::Disks()[i]->diskWrite, 4);
         EXPECT_EQ(TestRows::Cards()[i]->netIdx, static_cast<int>(i) + 1);
         EXPECT_EQ(TestRows::Cards()[i]->netVMID, id);

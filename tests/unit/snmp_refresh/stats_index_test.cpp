@@ -77,7 +77,7 @@ class RandomResults {
         for (int i = Number(0, 3); i > 0; --i) {
             samples.push_back(++nextSample);
         }
-        const auto series =
+        auto series =
             Series(Number(firstCounter, lastCounter),
                    instances.at(static_cast<std::size_t>(Number(0, instances.size() - 1))), samples);
         if (Number(0, 19) == 0) {

@@ -20,7 +20,6 @@ using Tessim::MakeRef;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::IsNull;
-using testing::StrEq;
 using TestSupport::FakeHost;
 using TestSupport::FaultInjection;
 using TestSupport::LogCapture;
