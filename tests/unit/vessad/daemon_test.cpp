@@ -22,7 +22,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using ::testing::HasSubstr;
-using ::testing::Not;
 
 class DaemonTest : public ::testing::Test {
   protected:
@@ -37,6 +36,7 @@ class DaemonTest : public ::testing::Test {
     pid_t Run(std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), {program, "--ticket-dir", ticketPath.string()});
         std::vector<char*> pointers;
+        pointers.reserve(arguments.size() + 1);
         for (std::string& argument : arguments) {
             pointers.push_back(argument.data());
         }

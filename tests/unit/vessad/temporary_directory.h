@@ -1,8 +1,7 @@
 // A directory of the test's own that goes with the test.
 #pragma once
 
-#include <stdlib.h>
-
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
