@@ -21,7 +21,7 @@ namespace KelvTest {
 struct Wire {
     std::size_t limit = SIZE_MAX;               // so many bytes are sent, then the connection is cut
     bool reset = false;                         // cut by a reset instead of an orderly end
-    std::chrono::milliseconds byteInterval{0};  // when not 0: one byte at a time, this far apart
+    std::chrono::microseconds byteInterval{0};  // when not 0: one byte at a time, this far apart
 };
 
 // One accepted connection, as the script sees it. The operations return quietly once the connection is gone

@@ -112,7 +112,7 @@ TEST(AuthdClient, LosesNothingThatComesRightBehindTheAnswer) {
 
 TEST(AuthdClient, TakesAnAnswerThatComesByteByByte) {
     TlsTestServer server([](ServedConnection& connection) {
-        connection.SetWire({.byteInterval = 1ms});
+        connection.SetWire({.byteInterval = 100us});
         connection.Serve();
     });
     EXPECT_EQ(Try(server.GetPort()).kind, Outcome::Opened);

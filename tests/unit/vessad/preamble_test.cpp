@@ -8,7 +8,7 @@ namespace Vessad {
 namespace {
 
 TEST(Preamble, TakesASelectorAndTwoTexts) {
-    const auto request = ParseOpenRequest("OPEN 2 \"\" \"a text\"");
+    const auto request = ParseOpenRequest(R"(OPEN 2 "" "a text")");
     ASSERT_TRUE(request.has_value());
     EXPECT_EQ(request->selector, 2);
     EXPECT_EQ(request->text1, "");
@@ -16,28 +16,28 @@ TEST(Preamble, TakesASelectorAndTwoTexts) {
 }
 
 TEST(Preamble, TakesAnySelector) {
-    EXPECT_EQ(ParseOpenRequest("OPEN 2147483647 \"\" \"\"")->selector, 2147483647);
-    EXPECT_EQ(ParseOpenRequest("OPEN 0 \"\" \"\"")->selector, 0);
+    EXPECT_EQ(ParseOpenRequest(R"(OPEN 2147483647 "" "")")->selector, 2147483647);
+    EXPECT_EQ(ParseOpenRequest(R"(OPEN 0 "" "")")->selector, 0);
 }
 
 TEST(Preamble, RefusesEverythingElse) {
     for (const char* line : {"",
                              "OPEN",
                              "OPEN ",
-                             "open 2 \"\" \"\"",
-                             " OPEN 2 \"\" \"\"",
-                             "OPEN  2 \"\" \"\"",
-                             "OPEN x \"\" \"\"",
-                             "OPEN -2 \"\" \"\"",
-                             "OPEN 2147483648 \"\" \"\"",
-                             "OPEN 2x \"\" \"\"",
+                             R"(open 2 "" "")",
+                             R"( OPEN 2 "" "")",
+                             R"(OPEN  2 "" "")",
+                             R"(OPEN x "" "")",
+                             R"(OPEN -2 "" "")",
+                             R"(OPEN 2147483648 "" "")",
+                             R"(OPEN 2x "" "")",
                              "OPEN 2",
-                             "OPEN 2 \"\"",
-                             "OPEN 2 \"\"\"\"",
-                             "OPEN 2 \"\" \"",
-                             "OPEN 2 \"\" x",
-                             "OPEN 2 \"\" \"\" ",
-                             "OPEN 2 \"\" \"\" \"\"",
+                             R"(OPEN 2 "")",
+                             R"(OPEN 2 """")",
+                             R"(OPEN 2 "" ")",
+                             R"(OPEN 2 "" x)",
+                             R"(OPEN 2 "" "" )",
+                             R"(OPEN 2 "" "" "")",
                              "OPEN 2 \"a\tb\" \"\"",
                              "OPEN 2 \"\" \"\x80\"",
                              "OPEN 2 \"\" \"a\nb\"",

@@ -153,9 +153,9 @@ HttpReply RawClient::Post(std::string_view body) {
 
 HttpReply RawClient::Call(const std::string& type, const std::string& id, const std::string& method,
                           const std::string& parameters) {
-    return Post("<e:Envelope xmlns:e=\"http://schemas.xmlsoap.org/soap/envelope/\"><e:Body><" + method +
-                " xmlns=\"urn:ordane\"><_this type=\"" + type + "\">" + id + "</_this>" + parameters + "</" +
-                method + "></e:Body></e:Envelope>");
+    return Post(R"(<e:Envelope xmlns:e="http://schemas.xmlsoap.org/soap/envelope/"><e:Body><)" + method +
+                R"( xmlns="urn:ordane"><_this type=")" + type + R"(">)" + id + "</_this>" + parameters +
+                "</" + method + "></e:Body></e:Envelope>");
 }
 
 std::string RawClient::AskForTicket() {

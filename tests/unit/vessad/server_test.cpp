@@ -149,7 +149,9 @@ TEST_F(ServerTest, ServesManyAgentsAtOnce) {
     StartServer();
     std::atomic<int> served{0};
     std::vector<std::thread> agents;
-    for (int count = 0; count < 8; ++count) {
+    constexpr std::size_t agentCount = 8;
+    agents.reserve(agentCount);
+    while (agents.size() < agentCount) {
         agents.emplace_back([&] {
             for (int round = 0; round < 5; ++round) {
                 AgentClient agent(port);
@@ -361,6 +363,7 @@ TEST_F(ServerTest, AnswersARefusedLoginLateWithoutHoldingOthersUp) {
         guessers.back()->Open();
     }
     const auto agent = LoggedIn();
+    threads.reserve(guessers.size());
     for (const auto& guesser : guessers) {
         threads.emplace_back([&, client = guesser.get()] {
             const auto start = steady_clock::now();
@@ -554,7 +557,9 @@ TEST_F(ServerTest, StopsWhileClientsAreBusy) {
     StartServer();
     std::atomic<bool> stop{false};
     std::vector<std::thread> clients;
-    for (int count = 0; count < 4; ++count) {
+    constexpr std::size_t clientCount = 4;
+    clients.reserve(clientCount);
+    while (clients.size() < clientCount) {
         clients.emplace_back([&] {
             while (!stop) {
                 try {

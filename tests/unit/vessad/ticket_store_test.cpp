@@ -155,7 +155,9 @@ TEST_F(TicketStoreTest, LetsExactlyOneOfManyAttemptsWin) {
         const std::string password = ReadAll(store.Issue(1));
         std::atomic<int> winners{0};
         std::vector<std::thread> attempts;
-        for (int count = 0; count < 4; ++count) {
+        constexpr std::size_t attemptCount = 4;
+        attempts.reserve(attemptCount);
+        while (attempts.size() < attemptCount) {
             attempts.emplace_back([&] { winners += store.Redeem(1, password) ? 1 : 0; });
         }
         for (std::thread& attempt : attempts) {
