@@ -201,10 +201,10 @@ TEST_F(IdentitiesTest, StaySoundWhenTheNumbersBehindADamagedFileRunOut) {
 }
 
 TEST_F(IdentitiesTest, NeverOverwriteADamagedFileThatIsKept) {
-    WriteAll(File(), "first");
-    Identities(directory.GetPath());
-    WriteAll(File(), "second");
-    Identities(directory.GetPath());
+    for (const char* const damaged : {"first", "second"}) {
+        WriteAll(File(), damaged);
+        const Identities started(directory.GetPath());
+    }
     EXPECT_EQ(ReadAll(directory.GetPath() / "identities.damaged-1"), "first");
     EXPECT_EQ(ReadAll(directory.GetPath() / "identities.damaged-2"), "second");
     EXPECT_THAT(FilesIn(directory.GetPath()),
