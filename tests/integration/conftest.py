@@ -23,6 +23,16 @@ def pytest_collection_modifyitems(items):
     items.sort(key=lambda item: item.get_closest_marker("slow") is None)
 
 
+@pytest.fixture(scope="session", autouse=True)
+def tools_folder(tmp_path_factory):
+    """Where net-snmp's tools keep their notes. The first one on a new machine would make it, and say so."""
+    folder = tmp_path_factory.mktemp("net-snmp")
+    (folder / "cert_indexes").mkdir()
+    with pytest.MonkeyPatch.context() as patch:
+        patch.setenv("SNMP_PERSISTENT_DIR", str(folder))
+        yield
+
+
 @pytest.fixture(autouse=True)
 def own_network():
     network.enter_new()
