@@ -248,17 +248,26 @@ def test_an_unreadable_file_is_no_ticket_for_an_unprivileged_agent(rogue, good, 
     agent.refresh()
     agent.refresh()
     assert rogue.count("Login") == 2 and rogue.calls[-1].method != "Login"
-    for mode, owner, group in ((0o600, 0, 0), (0o000, account.pw_uid, account.pw_gid), (0o640, 0, grp.getgrnam("shadow").gr_gid)):
-        rogue.behave(NamesFile(host, directory, ticket(mode, owner, group)))
-        rogue.drop_connections()
-        agent.refresh()
-        assert agent.refresh()[0] < CONNECT + watch.SLACK
+    before = watch.descriptors(agent.pid)
+    with watch.Prober() as prober:
+        for mode, owner, group in ((0o600, 0, 0), (0o000, account.pw_uid, account.pw_gid), (0o640, 0, grp.getgrnam("shadow").gr_gid)):
+            rogue.behave(NamesFile(host, directory, ticket(mode, owner, group)))
+            rogue.drop_connections()
+            agent.refresh()
+            held, rows = agent.refresh()
+            assert held < CONNECT + watch.SLACK and not rows
+    prober.check(CONNECT)
     assert rogue.count("Login") == 2
     assert len(tickets) == 5
+    rogue.behave(NamesFile(host, directory, ticket(0o640, 0, account.pw_gid)))
+    agent.recover(host)
+    assert watch.descriptors(agent.pid) == before
+    watch.report("the ticket cannot be read by the agent's account", "goes without a session", held, prober, faults=3)
 
 
 def test_a_file_that_changes_while_it_is_checked_gives_nothing_away(rogue, good, directory, host, agent):
     """The name stands for a good file and for a link to another by turns, as fast as the test can."""
+    before = watch.descriptors(agent.pid)
     folder = directory / "hostile"
     folder.mkdir()
     secret = write(folder / "secret", SECRET, mode=0o600, owner=None)
@@ -278,16 +287,22 @@ def test_a_file_that_changes_while_it_is_checked_gives_nothing_away(rogue, good,
     juggler = threading.Thread(target=juggle, daemon=True)
     juggler.start()
     rogue.behave(NamesFile(host, directory, folder / "name"))
+    slowest = 0
     try:
-        for _ in range(300):
-            rogue.drop_connections()
-            agent.refresh()
-            assert agent.refresh()[0] < CONNECT + watch.SLACK
+        with watch.Prober() as prober:
+            for _ in range(300):
+                rogue.drop_connections()
+                agent.refresh()
+                held, _ = agent.refresh()
+                assert held < CONNECT + watch.SLACK
+                slowest = max(slowest, held)
     finally:
         stopping.set()
         juggler.join()
+    prober.check(CONNECT)
     assert SECRET.encode() not in bytes(rogue.received)
     rogue.behave(good)
     rogue.drop_connections()
     agent.recover(host)
-    watch.report("the ticket's name changes its meaning 300 times", "sends a fit file's content or nothing", 0, faults=300)
+    assert watch.descriptors(agent.pid) == before
+    watch.report("the ticket's name changes its meaning 300 times", "sends a fit file's content or nothing", slowest, prober, faults=300)

@@ -163,12 +163,13 @@ def test_an_unloaded_module_answers_nothing(shifted_agent, rogue, host):
     agent = shifted_agent(configuration=WRITABLE)
     agent.refresh()
     agent.assert_right(host)
-    assert set_module((5, 1, "i", UNLOAD)).returncode == 0
-    assert status(agent, 1) == UNLOADED
-    assert agent.client.bulk_walk() == []
-    assert set_module((5, 1, "i", LOAD)).returncode == 0
-    agent.refresh()
-    agent.assert_right(host)
+    with watch.unharmed(agent, 1):
+        assert set_module((5, 1, "i", UNLOAD)).returncode == 0
+        assert status(agent, 1) == UNLOADED
+        assert agent.client.bulk_walk() == []
+        assert set_module((5, 1, "i", LOAD)).returncode == 0
+        agent.refresh()
+        agent.assert_right(host)
 
 
 @pytest.mark.slow
@@ -245,13 +246,14 @@ def test_an_agent_that_drops_its_privileges_goes_on_as_before(background, group_
 def test_a_daemonising_agent_makes_its_own_connection(shifted_agent, rogue, host):
     agent = shifted_agent(background=True)
     assert agent.pid != agent.process.pid
-    agent.refresh()
-    agent.assert_right(host)
+    with watch.unharmed(agent, 1) as prober:    # the parent's connection is open in the child until it makes its own
+        agent.refresh()
+        agent.assert_right(host)
     assert rogue.accepted == 2 and rogue.count("Login") == 2
     assert rogue.count("Logout") == 0, "the child said goodbye on its parent's connection"
     connected = subprocess.run(["ss", "-Htnp", "dport = :902"], capture_output=True, text=True, check=True).stdout
     assert connected.count(f"pid={agent.pid},") == 1, connected
-    watch.report("daemonising start", "the child makes a connection of its own and says nothing on its parent's", 0)
+    watch.report("daemonising start", "the child makes a connection of its own and says nothing on its parent's", 0, prober)
 
 
 def test_a_second_load_changes_nothing(shifted_agent, rogue, host, directory):
@@ -260,6 +262,7 @@ def test_a_second_load_changes_nothing(shifted_agent, rogue, host, directory):
     agent = shifted_agent(configuration=WRITABLE)
     agent.refresh()
     agent.assert_right(host)
+    before = watch.descriptors(agent.pid)
     with watch.Prober() as prober, Walker(host):
         load(2, copy)               # another image, every subtree is taken
         assert status(agent, 2) == LOADED
@@ -268,6 +271,8 @@ def test_a_second_load_changes_nothing(shifted_agent, rogue, host, directory):
         assert set_module((5, 2, "i", UNLOAD)).returncode == 0
         assert set_module((5, 3, "i", UNLOAD)).returncode == 0
     prober.check(1)
+    # An image keeps its client, and with it one connection, for the life of the process.
+    assert watch.descriptors(agent.pid) == sorted([*before, "socket:"])
     agent.refresh()
     agent.assert_right(host)
     # The other order: what the first load registered goes with the last unload.
@@ -287,14 +292,15 @@ def test_a_copy_takes_over_when_it_is_loaded_anew(shifted_agent, rogue, host, di
     shutil.copy(system.MODULE, copy)
     agent = shifted_agent(configuration=WRITABLE)
     load(2, copy)
-    for index, change in ((1, UNLOAD), (2, UNLOAD), (2, LOAD)):
-        assert set_module((5, index, "i", change)).returncode == 0
-    agent.refresh()
-    agent.assert_right(host)
-    # The first is loaded over the copy and unloaded again: the copy's subtrees stay.
-    for change in (LOAD, UNLOAD):
-        assert set_module((5, 1, "i", change)).returncode == 0
+    with watch.unharmed(agent, 1):
+        for index, change in ((1, UNLOAD), (2, UNLOAD), (2, LOAD)):
+            assert set_module((5, index, "i", change)).returncode == 0
+        agent.refresh()
         agent.assert_right(host)
+        # The first is loaded over the copy and unloaded again: the copy's subtrees stay.
+        for change in (LOAD, UNLOAD):
+            assert set_module((5, 1, "i", change)).returncode == 0
+            agent.assert_right(host)
 
 
 @pytest.mark.parametrize("keep", [None, 0, 3, 64])
@@ -303,12 +309,14 @@ def test_a_missing_or_truncated_module_leaves_the_agent_alone(keep, shifted_agen
     if keep is not None:
         broken.write_bytes(system.MODULE.read_bytes()[:keep])
     agent = shifted_agent(module=broken, configuration=WRITABLE)
-    assert agent.client.bulk_walk() == []
-    assert f"dlopen({broken}) failed" in agent.log_text()
+    with watch.unharmed(agent, 1) as prober:
+        assert agent.client.bulk_walk() == []
+        assert f"dlopen({broken}) failed" in agent.log_text()
+        hang_up(agent, 1)
     load(2, system.MODULE)
     agent.refresh()
     agent.assert_right(host)
-    watch.report("module missing" if keep is None else f"module cut to {keep} bytes", "the agent says so and serves the rest", 0)
+    watch.report("module missing" if keep is None else f"module cut to {keep} bytes", "the agent says so and serves the rest", 0, prober)
 
 
 @pytest.mark.parametrize("change", ["removed", "cut", "rewritten"])
@@ -326,11 +334,12 @@ def test_a_running_agent_outlives_changes_of_the_module_on_disk(change, shifted_
         whole = system.MODULE.read_bytes()
         new.write_bytes(whole[:4096] if change == "cut" else whole)
         new.rename(installed)
-    for _ in range(3):
-        hang_up(agent, 1)
-        agent.refresh()
-        agent.assert_right(host)
-    watch.report(f"module {change} on disk, then SIGHUP", "goes on with what is loaded", 0)
+    with watch.unharmed(agent, 1) as prober:
+        for _ in range(3):
+            hang_up(agent, 1)
+            agent.refresh()
+            agent.assert_right(host)
+    watch.report(f"module {change} on disk, then SIGHUP", "goes on with what is loaded", 0, prober)
 
 
 @pytest.mark.parametrize("method", ["AcquireLocalTicket", "GetChildEntity", "GetConfig", "QueryPerf"])

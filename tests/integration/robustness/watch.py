@@ -1,5 +1,6 @@
 """Watches an agent while something goes wrong: is it the same process, does it keep its descriptors, how soon does it answer."""
 
+import contextlib
 import json
 import math
 import os
@@ -111,6 +112,18 @@ class Prober:
         delays = Delays()
         delays.add(self)
         return delays.figures()
+
+
+@contextlib.contextmanager
+def unharmed(agent, budget):
+    """Meanwhile the agent answers requests for sysUpTime within the budget; at the end it is the same process, with as much
+    open as before."""
+    before = descriptors(agent.pid)
+    with Prober() as prober:
+        yield prober
+    prober.check(budget)
+    assert agent.is_alive(), "the agent ended"
+    assert descriptors(agent.pid) == before
 
 
 def report(fault, does, seconds, delays=None, **more):
