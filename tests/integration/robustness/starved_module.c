@@ -3,10 +3,11 @@
  *   starved_module MODULE rebuild|request|scalars|descriptors once|on FIRST STEP
  *
  * The module is loaded and everything is read once. Then, for n = FIRST, FIRST + STEP, ..., a child process of its own
- * makes the n-th allocation of the scenario fail ("once"), or that and all later ones ("on"); a rebuild makes a
- * connection of its own there. In the scenario "descriptors" a rebuild can open no more than n. The child then checks, with memory again, what the scenario left behind: rows that are
- * fewer than they should be must have been told in the log, and the next rebuild must be whole. Prints one line per n
- * that failed, and at the end "N allocations, M tried, K failed". */
+ * makes the n-th allocation of the scenario fail ("once"), or that and all later ones ("on"); it makes a connection of
+ * its own there. In the scenario "descriptors" a rebuild can open no more than n. The child then checks, with memory
+ * again, what the scenario left behind: what is not answered as it should be must have been told in the log, the answers
+ * must be whole again soon, and as many descriptors must be open as before. Prints one line per n that failed, and at the
+ * end "N allocations, M tried, K failed". */
 #define _GNU_SOURCE
 #include <net-snmp/net-snmp-config.h>
 /* The configuration comes first. */
@@ -16,6 +17,7 @@
 
 #include <dlfcn.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <malloc.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -147,14 +149,29 @@ static u_char* Next(struct variable* column, oid* name, size_t* length, size_t* 
     return column->findVar(column, name, length, 0, answerLength, &write);
 }
 
-/* The columns from `first` on; tables only, or scalars only. */
+static void AddAnswer(struct Dump* dump, const oid* name, size_t length, const u_char* answer, size_t answerLength) {
+    for (size_t k = 7; k < length; ++k) {
+        Add(dump, ".%lu", (unsigned long)name[k]);
+    }
+    Add(dump, answer != NULL ? "=" : "!");
+    for (size_t k = 0; answer != NULL && k < answerLength; ++k) {
+        Add(dump, "%02x", answer[k]);
+    }
+    Add(dump, "\n");
+}
+
+static void Clear(struct Dump* dump) {
+    dump->length = 0;
+    dump->text[0] = '\0';
+}
+
 static int IsScalar(const struct variable* column) {
     return column->name[7] == 1 || column->name[7] == 4 || (column->name[7] == 3 && column->namelen == 10 && column->name[8] < 3);
 }
 
+/* Tables only, or scalars only. */
 static void DumpAll(struct Dump* dump, int scalars) {
-    dump->length = 0;
-    dump->text[0] = '\0';
+    Clear(dump);
     for (int i = 0; i < columnCount; ++i) {
         if (IsScalar(&columns[i]) != scalars) {
             continue;
@@ -165,14 +182,7 @@ static void DumpAll(struct Dump* dump, int scalars) {
         size_t answerLength;
         for (u_char* answer = Next(&columns[i], name, &length, &answerLength); answer != NULL;
              answer = Next(&columns[i], name, &length, &answerLength)) {
-            for (size_t k = 7; k < length; ++k) {
-                Add(dump, ".%lu", (unsigned long)name[k]);
-            }
-            Add(dump, "=");
-            for (size_t k = 0; k < answerLength; ++k) {
-                Add(dump, "%02x", answer[k]);
-            }
-            Add(dump, "\n");
+            AddAnswer(dump, name, length, answer, answerLength);
         }
     }
 }
@@ -188,14 +198,18 @@ static struct variable* FindColumn(const oid* suffix, size_t count) {
     abort();
 }
 
+/* What the scenario was answered. */
+static struct Dump given;
+
 static void Ask(const oid* suffix, size_t count) {
     struct variable* const column = FindColumn(suffix, count);
     oid name[MAX_OID_LEN];
     size_t length = column->namelen, answerLength;
     memcpy(name, column->name, length * sizeof(oid));
     counting = 1;
-    Next(column, name, &length, &answerLength);
+    const u_char* const answer = Next(column, name, &length, &answerLength);
     counting = 0;
+    AddAnswer(&given, name, length, answer, answerLength);
 }
 
 static void Age(void) {
@@ -236,7 +250,15 @@ static void Scalars(void) {
 
 static struct Dump whole, found, left;
 
-/* 0: fine; else what is wrong. */
+static int OpenDescriptors(void) {
+    int open = 0;
+    for (int descriptor = 0; descriptor < 256; ++descriptor) {
+        open += fcntl(descriptor, F_GETFD) != -1;
+    }
+    return open;
+}
+
+/* Null: fine; else what is wrong. */
 static const char* Check(int scalars) {
     warnings = 0;
     DumpAll(&found, scalars);
@@ -300,8 +322,10 @@ int main(int argc, char** argv) {
         }
         const pid_t child = fork();
         if (child == 0) {
+            const int open = OpenDescriptors();
             allocations = 0;
             failFrom = n;
+            Clear(&given);
             scenario();
             const long made = allocations;
             failFrom = -1;
@@ -319,11 +343,16 @@ int main(int argc, char** argv) {
                     Rebuild();
                 }
             } else {
+                memcpy(&left, &given, sizeof left);
                 Scalars();
+                Clear(&given);
                 Scalars();
+                if (strcmp(left.text, given.text) != 0 && told == 0 && !(failOn && n < made)) {
+                    wrong = "an answer is missing and no line says so";
+                }
             }
             const char* const after = Check(scalars);
-            wrong = after != NULL ? after : wrong;
+            wrong = after != NULL ? after : OpenDescriptors() != open ? "a descriptor is left open, or one too many is closed" : wrong;
             char text[600];
             const int length = snprintf(text, sizeof text, "%ld %s", made, wrong != NULL ? wrong : "");
             if (write(channel[1], text, (size_t)length) != length) {

@@ -17,10 +17,10 @@ from rogue_daemon import TRICKLE
 
 CONNECT = 1.0
 
-# Every allocation of a rebuild (with its connection and login) in turn, in four parts so that they run side by side; and
-# samples of the others, which pass through the same code.
-STARVATIONS = [("rebuild", "once", first, 4) for first in range(4)] + [
-    ("rebuild", "on", 0, 17), ("scalars", "once", 0, 17), ("scalars", "on", 0, 29)]
+# Every allocation of a rebuild and of the requests that the cache has no answer for (each with its connection and login) in
+# turn, in four parts so that they run side by side; and samples where all later allocations fail too.
+STARVATIONS = [(scenario, "once", first, 4) for scenario in ("rebuild", "scalars") for first in range(4)] + [
+    ("rebuild", "on", 0, 17), ("scalars", "on", 0, 29)]
 
 
 @pytest.mark.slow
@@ -132,12 +132,15 @@ def test_interrupted_system_calls_change_nothing(agent, rogue, good, host):
     ("trickling", lambda stream, call: (setattr(stream, "interval", TRICKLE), stream.send(b"HTTP/1.1 200 OK\r\n"))),
 ])
 def test_interrupted_waits_end_in_time(name, behaviour, agent, rogue, good, host):
+    before = watch.descriptors(agent.pid)
     rogue.behave(Replaced(good, AcquireLocalTicket=behaviour))
     rogue.drop_connections()
     agent.refresh()
-    with storm(agent):
+    with watch.Prober() as prober, storm(agent):
         held, _ = agent.refresh()
     assert CONNECT * 0.9 < held < CONNECT + watch.SLACK
+    prober.check(CONNECT)
     rogue.behave(good)
     agent.recover(host)
-    watch.report(f"signals while the daemon is {name}", "gives up in time", held)
+    assert watch.descriptors(agent.pid) == before
+    watch.report(f"signals while the daemon is {name}", "gives up in time", held, prober)
