@@ -59,6 +59,18 @@ class GoodDaemon(rogue_daemon.Behaviour):
         self.secret = None
         self.vms = {vm["id"]: vm for vm in host["vms"]}
 
+    # What is answered without a login.
+    BEFORE_LOGIN = ("RetrieveContent", "AcquireLocalTicket", "Login")
+
+    def reply(self, stream, call):
+        if call.method not in self.BEFORE_LOGIN and not stream.logged_in:
+            stream.send(fault("NotAuthenticated"))
+            stream.end()        # at once what tovric-vessad does when the time for the login is over
+        message = self.answer(call)
+        if call.method == "Login":
+            stream.logged_in = b"LoginResponse" in message
+        stream.send(message)
+
     def answer(self, call):
         if call.type == "VirtualMachine" and call.id not in self.vms:
             return fault("ManagedObjectNotFound")

@@ -75,6 +75,7 @@ class Stream:
         self.plain = plain
         self.tls = None
         self.received = bytearray()     # plain text that waits to be read
+        self.logged_in = False          # for the behaviour to set
         self.request = b""              # the last call's message
         self.sent = 0                   # bytes of plain text
         self.raw_sent = 0               # bytes on the socket
@@ -185,10 +186,11 @@ class Stream:
             end = self.limit is not None and self.sent + len(piece) >= self.limit
             if end:
                 piece = piece[:max(0, self.limit - self.sent)]
+            # Before it goes out: as soon as the agent has the last piece, the test may end the recording.
+            self.daemon.sent += piece if self.daemon.recording else b""
             if piece:
                 self._drive(self.tls.write, piece)
             self.sent += len(piece)
-            self.daemon.sent += piece if self.daemon.recording else b""
             if end:
                 self.end(self.ending)
             if self.interval:
