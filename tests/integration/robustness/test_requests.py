@@ -61,9 +61,8 @@ def report(fault, prober):
 
 def test_get_next_from_every_prefix(agent, model):
     prefixes = {oid[:length] for oid in model.oids for length in range(2, len(oid) + 1)}
-    with watch.Prober() as prober:
+    with watch.unharmed(agent, 1) as prober:
         ask(agent, model, sorted(prefixes))
-    prober.check(1)
     report(f"GET and GETNEXT of {len(prefixes)} prefixes", prober)
 
 
@@ -71,28 +70,25 @@ def test_get_next_beyond_the_last_instance(agent, model):
     last = model.oids[-1]
     beyond = [last, last + (0,), last[:-1] + (last[-1] + 1,), last[:-1] + (LARGEST,), last[:-2] + (2,), ENTERPRISE + (4, 1, 2),
               ENTERPRISE + (5,), ENTERPRISE + (LARGEST,), ENTERPRISE[:-1] + (32474,), (1, 3, 6, 1, 6), (1, 3, LARGEST), (2, 999)]
-    with watch.Prober() as prober:
+    with watch.unharmed(agent, 1) as prober:
         for oid in beyond:
             model.check_next(oid, agent.client.get_next(oid)[0])
-    prober.check(1)
     report("GETNEXT beyond the last instance", prober)
 
 
 def test_names_of_128_sub_identifiers(agent, model):
     long = {(oid[:length] + (fill,) * LONGEST)[:LONGEST] for oid in model.oids for length in range(len(ENTERPRISE), len(oid) + 1)
             for fill in (0, 1, LARGEST)}
-    with watch.Prober() as prober:
+    with watch.unharmed(agent, 1) as prober:
         ask(agent, model, sorted(long))
-    prober.check(1)
     report(f"{len(long)} names of 128 sub-identifiers", prober)
 
 
 def test_the_largest_sub_identifier_anywhere(agent, model):
     names = {oid[:at] + (value,) + rest for oid in model.oids for at in range(len(ENTERPRISE), len(oid) + 1)
              for value in (0, 0x7fffffff, 0x80000000, LARGEST) for rest in ((), oid[at + 1:])}
-    with watch.Prober() as prober:
+    with watch.unharmed(agent, 1) as prober:
         ask(agent, model, sorted(names))
-    prober.check(1)
     report(f"4294967295 and other limits in {len(names)} names", prober)
 
 
@@ -114,15 +110,14 @@ def test_random_names(agent, model):
                 oid += [number] * dice.randrange(1, 10)
         return tuple(oid[:LONGEST])
 
-    with watch.Prober() as prober:
+    with watch.unharmed(agent, 1) as prober:
         ask(agent, model, (name() for _ in range(TRIES)))
-    prober.check(1)
     report(f"{TRIES} random names", prober)
 
 
 @pytest.mark.parametrize("repetitions", [0, 1, 100_000, 2147483647])
 def test_any_number_of_repetitions(repetitions, agent, model):
-    with watch.Prober() as prober:
+    with watch.unharmed(agent, 1) as prober:
         for columns in ((ENTERPRISE,), (ENTERPRISE + (1,),) * 3, tuple(ENTERPRISE + (2, 1, 1, n) for n in range(1, 9)), (ENTERPRISE + (9,),)):
             answers = agent.client.get_bulk(*columns, repetitions=repetitions)
             for start in range(len(columns)):
@@ -132,7 +127,6 @@ def test_any_number_of_repetitions(repetitions, agent, model):
                         model.check_next(oid, answer)
                         oid = answer.oid
             assert (len(answers) > 0) == (repetitions > 0)
-    prober.check(1)
     report(f"GETBULK with {repetitions} repetitions", prober)
 
 
@@ -140,12 +134,11 @@ def test_any_number_of_repetitions(repetitions, agent, model):
 def test_all_columns_at_once_with_100000_repetitions(times, agent, model):
     """The agent may answer with less than was asked for, and does with nothing when not even one repetition fits."""
     columns = [oid[:-1] for oid in model.oids] * times
-    with watch.Prober() as prober:
+    with watch.unharmed(agent, 1) as prober:
         answers = agent.client.get_bulk(*columns, repetitions=100_000)
         for column, answer in zip(columns, answers):
             model.check_next(column, answer)
         assert answers or times > 1
-    prober.check(1)
     report(f"GETBULK of {len(columns)} columns with 100,000 repetitions", prober)
 
 
@@ -157,9 +150,18 @@ def dotted(oid):
     return "." + ".".join(map(str, oid))
 
 
-@pytest.mark.parametrize("version", ["1", "2c"])
-def test_every_set_is_refused(version, shifted_agent, rogue, host):
-    agent = shifted_agent(configuration="rwcommunity private 127.0.0.1")
+def auth_priv(user):
+    return ["-v3", "-l", "authPriv", "-u", user, "-a", "SHA", "-A", "authentication", "-x", "AES", "-X", "encryption"]
+
+
+AUTH_PRIV = auth_priv("kelv")
+
+
+@pytest.mark.parametrize("version, security", [
+    ("1", ["-v1", "-c", "private"]), ("2c", ["-v2c", "-c", "private"]), ("3", auth_priv("writer"))], ids=["1", "2c", "3"])
+def test_every_set_is_refused(version, security, shifted_agent, rogue, host):
+    agent = shifted_agent(configuration="rwcommunity private 127.0.0.1\ncreateUser writer SHA authentication AES encryption\n"
+                                        "rwuser writer priv")
     agent.refresh()
     agent.assert_right(host)
     model = Model(host)
@@ -169,13 +171,12 @@ def test_every_set_is_refused(version, shifted_agent, rogue, host):
     wrong = [(oid, ("i", 1) if kind[0] != "i" else ("s", "x")) for oid, kind in right]
     columns = [(oid[:-1], kind) for oid, kind in right[::7]] + [(ENTERPRISE, ("i", 1)), (ENTERPRISE + (9, 9), ("i", 1))]
     tried = 0
-    with watch.Prober() as prober:
+    with watch.unharmed(agent, 1) as prober:
         for oid, (kind, value) in right + beside + wrong + columns:
-            result = snmp("snmpset", f"-v{version}", "-c", "private", "127.0.0.1", dotted(oid), kind, value)
+            result = snmp("snmpset", *security, "127.0.0.1", dotted(oid), kind, value)
             assert result.returncode != 0, oid
             assert re.search(r"Reason: (\(noSuchName\)|notWritable|noAccess|noCreation|\(readOnly\)|readOnly)", result.stderr), result.stderr
             tried += 1
-    prober.check(1)
     agent.assert_right(host)
     watch.report(f"{tried} SETs in version {version}", "refuses each", prober.figures()["max"], prober)
 
@@ -186,39 +187,38 @@ def printed(tool, *arguments):
     return [tuple(map(int, line.split(" = ")[0].strip(".").split("."))) for line in result.stdout.splitlines() if line.startswith(".1.")]
 
 
-AUTH_PRIV = ["-v3", "-l", "authPriv", "-u", "kelv", "-a", "SHA", "-A", "authentication", "-x", "AES", "-X", "encryption"]
-
-
 @pytest.mark.parametrize("tool, security", [
     ("snmpwalk", ["-v1", "-c", "public"]), ("snmpwalk", ["-v2c", "-c", "public"]), ("snmpbulkwalk", ["-v2c", "-c", "public", "-Cr100000"]),
     ("snmpwalk", AUTH_PRIV), ("snmpbulkwalk", [*AUTH_PRIV, "-Cr1000"])], ids=["v1", "v2c", "v2c-bulk", "v3", "v3-bulk"])
 def test_every_version_walks_the_tree(tool, security, agent, model):
     oids = model.oids if security[0] != "-v1" else [i.oid for i in model.instances if i.type != "Counter64"]
-    assert printed(tool, *security, "127.0.0.1", dotted(ENTERPRISE)) == oids
+    with watch.unharmed(agent, 1):
+        assert printed(tool, *security, "127.0.0.1", dotted(ENTERPRISE)) == oids
 
 
 def test_version_3_gets_and_refuses(agent, model):
-    for oid in model.oids:
-        assert printed("snmpget", *AUTH_PRIV, "127.0.0.1", dotted(oid)) == [oid]
-    for security in (["-v3", "-l", "noAuthNoPriv", "-u", "kelv"], [*AUTH_PRIV[:-1], "wrong-password"], ["-v2c", "-c", "nobody"]):
-        assert snmp("snmpget", *security[:], "-t", "1", "127.0.0.1", dotted(model.oids[0])).returncode != 0
-    assert agent.is_alive()
+    with watch.unharmed(agent, 1):
+        for oid in model.oids:
+            assert printed("snmpget", *AUTH_PRIV, "127.0.0.1", dotted(oid)) == [oid]
+        for security in (["-v3", "-l", "noAuthNoPriv", "-u", "kelv"], [*AUTH_PRIV[:-1], "wrong-password"], ["-v2c", "-c", "nobody"]):
+            assert snmp("snmpget", *security[:], "-t", "1", "127.0.0.1", dotted(model.oids[0])).returncode != 0
 
 
 def test_version_1_random_names(agent, model):
     dice = random.Random(1)
     plain = [i for i in model.instances if i.type != "Counter64"]
     oids = [i.oid for i in plain]
-    for _ in range(500):
-        oid = dice.choice(model.oids)
-        oid = oid[:dice.randrange(len(ENTERPRISE), len(oid) + 1)] + (dice.choice([0, 1, 5, LARGEST]),) * dice.randrange(3)
-        at = bisect.bisect_right(oids, oid)
-        try:
-            answer, = agent.client.get_next(oid, version=V1)
-        except ErrorStatus as error:
-            assert error.status == "noSuchName" and at == len(oids), oid
-        else:
-            assert answer == plain[at] if at < len(oids) else answer.oid > oids[-1], oid
+    with watch.unharmed(agent, 1):
+        for _ in range(500):
+            oid = dice.choice(model.oids)
+            oid = oid[:dice.randrange(len(ENTERPRISE), len(oid) + 1)] + (dice.choice([0, 1, 5, LARGEST]),) * dice.randrange(3)
+            at = bisect.bisect_right(oids, oid)
+            try:
+                answer, = agent.client.get_next(oid, version=V1)
+            except ErrorStatus as error:
+                assert error.status == "noSuchName" and at == len(oids), oid
+            else:
+                assert answer == plain[at] if at < len(oids) else answer.oid > oids[-1], oid
 
 
 def test_the_model_tells_a_wrong_answer(host):
