@@ -26,8 +26,8 @@ SCALARS = [ENTERPRISE + suffix for suffix in ((1, 1, 0), (3, 1, 1, 0), (3, 2, 1,
 # Every call that the module makes.
 CALLS = ["AcquireLocalTicket", "Login", "RetrieveContent", "GetChildEntity", "GetConfig", "GetPerfCounter", "QueryPerf", "GetRuntime",
          "GetGuest", "GetInfo", "GetHardware", "GetConsoleReservationInfo"]
-# Those whose answer the agent keeps for good once it fits its type.
-KEPT = ["RetrieveContent", "GetPerfCounter", "GetHardware", "GetConsoleReservationInfo"]
+# Those whose answer the agent keeps for good once it fits its type, each with an instance that asks for it.
+KEPT = {"RetrieveContent": (1, 1, 0), "GetPerfCounter": (2, 1, 1, 2, 0), "GetHardware": (3, 1, 1, 0), "GetConsoleReservationInfo": (3, 2, 1, 0)}
 
 
 @dataclasses.dataclass(frozen=True)
@@ -126,6 +126,8 @@ FAULTS = [
     Fault("one byte per half second in the body", GIVES_UP, trickle_after(200), REFRESH, times_out=True),
     Fault("silent at the list", GIVES_UP, reply("GetChildEntity", silent), REFRESH, times_out=True, reconnect=False),
     Fault("silent at a configuration", GIVES_UP, reply("GetConfig", silent), REFRESH, times_out=True, reconnect=False),
+    Fault("silent at a machine's state", GIVES_UP, reply("GetRuntime", silent), REFRESH, times_out=True, reconnect=False),
+    Fault("silent at a guest's state", GIVES_UP, reply("GetGuest", silent), REFRESH, times_out=True, reconnect=False),
     Fault("silent at the figures", GIVES_UP, reply("QueryPerf", silent), REFRESH, times_out=True, reconnect=False),
     Fault("silent at a datastore", GIVES_UP, reply("GetInfo", silent), REFRESH, times_out=True, reconnect=False),
     Fault("endless headers, slowly", GIVES_UP, reply("GetConfig", lambda stream, call: (
@@ -187,6 +189,33 @@ def test_a_broken_wire_holds_the_agent_no_longer_than_its_limit(fault, agent, ro
     agent.recover(host)
     assert watch.descriptors(agent.pid) == before
     watch.report(fault.name, fault.does, held, prober)
+
+
+def seconds_of(request, *arguments):
+    started = time.monotonic()
+    request(*arguments)
+    return time.monotonic() - started
+
+
+@pytest.mark.slow
+@pytest.mark.parametrize("method", KEPT)
+def test_silence_at_a_call_that_is_made_once_holds_the_agent_no_longer_than_its_limit(method, shifted_agent, rogue, good, host):
+    agent = shifted_agent()
+    before = watch.descriptors(agent.pid)
+    rogue.behave(Replaced(good, **{method: silent}))
+    with watch.Prober() as prober:
+        held = seconds_of(agent.client.get, ENTERPRISE + KEPT[method])
+        assert REFRESH * 0.9 < held < REFRESH + watch.SLACK
+        seen, quiet_until = (rogue.accepted, len(rogue.calls)), time.monotonic() + PAUSE * 0.8
+        while time.monotonic() < quiet_until:
+            assert seconds_of(agent.client.get, *(ENTERPRISE + suffix for suffix in KEPT.values())) < CONNECT
+            time.sleep(0.2)
+        assert (rogue.accepted, len(rogue.calls)) == seen, "the daemon was tried again during the pause"
+    prober.check(REFRESH)
+    rogue.behave(good)
+    agent.recover(host)
+    assert watch.descriptors(agent.pid) == before
+    watch.report(f"silent at {method}", GIVES_UP, held, prober)
 
 
 def test_a_closed_port_costs_nothing(agent, rogue, host):
@@ -397,10 +426,10 @@ def test_the_connection_may_break_at_every_byte_of_a_session(part, agent, rogue,
     """From the preamble's answer to the last figure; in two parts that run side by side."""
     before = watch.descriptors(agent.pid)
     rogue.recording = True
-    attempt(agent, rogue)
+    assert attempt(agent, rogue)[1]
     rogue.recording = False
     length = len(rogue.sent)
-    assert length > 4000
+    assert rogue.calls[-1].method == "GetInfo", "the session is not recorded to its end"
     complete = 0
 
     def cut_at(offset):
@@ -426,6 +455,42 @@ def test_the_connection_may_break_at_every_byte_of_a_session(part, agent, rogue,
     agent.recover(host)
     assert watch.descriptors(agent.pid) == before
     watch.report(f"connection ends at {len(offsets)} of {length} bytes of a session", REFUSES, seconds, prober, faults=len(offsets))
+
+
+@pytest.mark.slow
+@pytest.mark.parametrize("method", KEPT)
+def test_an_answer_that_breaks_at_any_byte_is_not_kept(method, shifted_agent, rogue, good, host):
+    """Of the calls that the session above is made without, as their answers are known by then."""
+    agent = shifted_agent()
+    before = watch.descriptors(agent.pid)
+    offset, length, tried = 0, 1, 0
+    step = 13 if method == "GetPerfCounter" else 1     # it is long, made of ten like pieces, and asked for by a whole rebuild
+
+    def break_off(stream, call):
+        nonlocal length
+        message = good.answer(call)
+        length = len(message)
+        stream.send(message[:offset])
+        stream.end(ending_at(offset))
+
+    rogue.behave(Replaced(good, **{method: break_off}))
+    slowest = 0
+    with watch.Prober() as prober:
+        while offset < length:
+            asked, deadline = rogue.count(method), time.monotonic() + PAUSE + 2 * watch.SLACK
+            while rogue.count(method) == asked:     # at once, or when the agent has found out that the connection is broken
+                assert time.monotonic() < deadline, f"the answer was kept though it broke at byte {offset} of {length}"
+                agent.age_cache()
+                slowest = max(slowest, seconds_of(agent.client.get, ENTERPRISE + KEPT[method]))
+            offset += step
+            tried += 1
+    assert slowest < CONNECT + watch.SLACK
+    prober.check(CONNECT)
+    rogue.behave(good)
+    rogue.drop_connections()
+    agent.recover(host)
+    assert watch.descriptors(agent.pid) == before
+    watch.report(f"connection ends at {tried} of {length} bytes of the answer to {method}", REFUSES, slowest, prober, faults=tried)
 
 
 def test_the_connection_may_break_at_every_byte_of_the_handshake(agent, rogue, good, host):
