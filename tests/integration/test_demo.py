@@ -79,3 +79,10 @@ def test_the_demo_shows_why_a_daemon_does_not_start(tmp_path):
     assert result.returncode != 0
     assert re.search(r"bad\.yaml:\d+:\d+: .*expected", result.stderr)
     assert "did not start" in result.stderr
+
+
+@pytest.mark.slow
+def test_the_demo_says_that_a_live_host_cannot_be_reached(tmp_path):
+    result = demo("--libvirt", f"qemu+unix:///system?socket={tmp_path}/nobody")
+    assert result.returncode != 0
+    assert re.search("demo: libvirt cannot be reached: .*nobody", result.stderr)

@@ -252,7 +252,7 @@ Document::Document(std::string_view text, std::string name, std::size_t maxValue
         while (parser.HandleNextDocument(builder)) {
         }
     } catch (const YAML::ParserException& failure) {
-        throw Error(Format(this->name, PlaceOf(failure.mark), failure.msg));
+        throw Error(Format(this->name, PlaceOf(failure.mark), "expected well-formed YAML: " + failure.msg));
     }
     if (root == nullptr) {
         root = &values.emplace_back();

@@ -163,6 +163,8 @@ TEST(YamlTree, RefusesAMissingMember) {
 TEST(YamlTree, SaysWhereTheSyntaxIsBroken) {
     EXPECT_THAT(ParseMistake("v: 1\nw: [1, 2\nx: 3\n"), ::testing::StartsWith("h.yaml:3:"));
     EXPECT_THAT(ParseMistake("v: \"open"), ::testing::StartsWith("h.yaml:1:"));
+    EXPECT_THAT(ParseMistake("v:\n\tw: 1\n"),
+                ::testing::StartsWith("h.yaml:2:3: expected well-formed YAML: "));
 }
 
 TEST(YamlTree, RefusesASecondDocument) {
