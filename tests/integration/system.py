@@ -93,7 +93,7 @@ def agent_account():
     # A user namespace maps the one user who made it and nobody else.
     ranges = [tuple(map(int, line.split())) for line in open("/proc/self/uid_map", encoding="ascii")]
     if os.geteuid() != 0 or not any(first <= account.pw_uid < first + count for first, _, count in ranges):
-        pytest.skip("needs to be root, outside a user namespace")
+        pytest.skip("only root, outside a user namespace, can become another user")
     return account
 
 

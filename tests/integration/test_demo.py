@@ -10,7 +10,8 @@ import system
 
 DEMO = system.ROOT / "scripts/demo"
 
-pytestmark = pytest.mark.skipif(system.BUILD != system.ROOT / "build/release", reason="the demo shows the release build")
+pytestmark = pytest.mark.skipif(system.BUILD != system.ROOT / "build/release",
+                                reason="scripts/demo shows the release build, whatever build is under test")
 
 
 def demo(*arguments, timeout=300):

@@ -1,4 +1,5 @@
-/* Loaded into an agent with LD_PRELOAD; shares three words with the test through the file that KELV_PROBE names:
+/* Loaded into an agent with LD_PRELOAD; shares three words with the test through the file that KELV_PROBE
+ * names:
  *  - the seconds by which the wall clock runs ahead, so that a test need not wait for the cache to age;
  *  - the bytes that the heap holds, written each time that the agent goes to sleep;
  *  - the number of signals SIGRTMIN that interrupted the agent. */

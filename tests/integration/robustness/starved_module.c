@@ -2,12 +2,12 @@
  *
  *   starved_module MODULE rebuild|request|scalars|descriptors once|on FIRST STEP
  *
- * The module is loaded and everything is read once. Then, for n = FIRST, FIRST + STEP, ..., a child process of its own
- * makes the n-th allocation of the scenario fail ("once"), or that and all later ones ("on"); it makes a connection of
- * its own there. In the scenario "descriptors" a rebuild can open no more than n. The child then checks, with memory
- * again, what the scenario left behind: what is not answered as it should be must have been told in the log, the answers
- * must be whole again soon, and as many descriptors must be open as before. Prints one line per n that failed, and at the
- * end "N allocations, M tried, K failed". */
+ * The module is loaded and everything is read once. Then, for n = FIRST, FIRST + STEP, ..., a child process
+ * of its own makes the n-th allocation of the scenario fail ("once"), or that and all later ones ("on"); it
+ * makes a connection of its own there. In the scenario "descriptors" a rebuild can open no more than n. The
+ * child then checks, with memory again, what the scenario left behind: what is not answered as it should be
+ * must have been told in the log, the answers must be whole again soon, and as many descriptors must be open
+ * as before. Prints one line per n that failed, and at the end "N allocations, M tried, K failed". */
 #define _GNU_SOURCE
 #include <net-snmp/net-snmp-config.h>
 /* The configuration comes first. */
@@ -113,7 +113,8 @@ struct Dump {
 static void Add(struct Dump* dump, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    dump->length += (size_t)vsnprintf(dump->text + dump->length, sizeof dump->text - dump->length, format, arguments);
+    dump->length +=
+        (size_t)vsnprintf(dump->text + dump->length, sizeof dump->text - dump->length, format, arguments);
     va_end(arguments);
     if (dump->length >= sizeof dump->text) {
         abort();
@@ -149,7 +150,8 @@ static u_char* Next(struct variable* column, oid* name, size_t* length, size_t* 
     return column->findVar(column, name, length, 0, answerLength, &write);
 }
 
-static void AddAnswer(struct Dump* dump, const oid* name, size_t length, const u_char* answer, size_t answerLength) {
+static void AddAnswer(struct Dump* dump, const oid* name, size_t length, const u_char* answer,
+                      size_t answerLength) {
     for (size_t k = 7; k < length; ++k) {
         Add(dump, ".%lu", (unsigned long)name[k]);
     }
@@ -166,7 +168,8 @@ static void Clear(struct Dump* dump) {
 }
 
 static int IsScalar(const struct variable* column) {
-    return column->name[7] == 1 || column->name[7] == 4 || (column->name[7] == 3 && column->namelen == 10 && column->name[8] < 3);
+    return column->name[7] == 1 || column->name[7] == 4 ||
+           (column->name[7] == 3 && column->namelen == 10 && column->name[8] < 3);
 }
 
 /* Tables only, or scalars only. */
@@ -191,7 +194,8 @@ static void DumpAll(struct Dump* dump, int scalars) {
 
 static struct variable* FindColumn(const oid* suffix, size_t count) {
     for (int i = 0; i < columnCount; ++i) {
-        if (columns[i].namelen == 7 + count && snmp_oid_compare(columns[i].name + 7, count, suffix, count) == 0) {
+        if (columns[i].namelen == 7 + count &&
+            snmp_oid_compare(columns[i].name + 7, count, suffix, count) == 0) {
             return &columns[i];
         }
     }
@@ -270,7 +274,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     const int scalars = strcmp(argv[2], "scalars") == 0;
-    void (*const scenario)(void) = scalars                                 ? Scalars
+    void (*const scenario)(void) = scalars                               ? Scalars
                                    : strcmp(argv[2], "request") == 0     ? Request
                                    : strcmp(argv[2], "descriptors") == 0 ? RebuildWithoutDescriptors
                                                                          : Rebuild;
@@ -352,14 +356,17 @@ int main(int argc, char** argv) {
                 }
             }
             const char* const after = Check(scalars);
-            wrong = after != NULL ? after : OpenDescriptors() != open ? "a descriptor is left open, or one too many is closed" : wrong;
+            wrong = after != NULL               ? after
+                    : OpenDescriptors() != open ? "a descriptor is left open, or one too many is closed"
+                                                : wrong;
             char text[600];
             const int length = snprintf(text, sizeof text, "%ld %s", made, wrong != NULL ? wrong : "");
             if (write(channel[1], text, (size_t)length) != length) {
                 _exit(1);
             }
             if (wrong != NULL && getenv("STARVED_SHOW") != NULL) {
-                fprintf(stderr, "%s\n--- then\n%s\n--- instead of\n%s\n--- %s\n", left.text, found.text, whole.text, lastWarning);
+                fprintf(stderr, "%s\n--- then\n%s\n--- instead of\n%s\n--- %s\n", left.text, found.text,
+                        whole.text, lastWarning);
             }
             _exit(0);
         }

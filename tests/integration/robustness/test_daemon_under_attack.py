@@ -72,7 +72,7 @@ def agent_stays_served(agent, daemon, fault, does):
 def as_nobody(action):
     """The result of the action in a process of a user without any rights: a text, or the error's number."""
     if os.geteuid() != 0 or not any(line.split()[0] == "0" and int(line.split()[2]) > NOBODY for line in open("/proc/self/uid_map")):
-        pytest.skip("needs to be root, outside a user namespace")
+        pytest.skip("only root, outside a user namespace, can become another user")
     reader, writer = os.pipe()
     child = os.fork()
     if child == 0:
@@ -270,9 +270,9 @@ def test_oversized_requests_cost_constant_memory(name, logged_in, served):
 def small_disk(folder, size):
     """A disk of so many bytes in the place of the folder, seen by this thread's processes only."""
     if _libc.unshare(_CLONE_NEWNS) != 0 or _libc.mount(b"none", b"/", None, _MS_REC | _MS_PRIVATE, None) != 0:
-        pytest.skip("cannot make a mount namespace")
+        pytest.skip("a small disk takes a mount namespace, which this user or this root folder does not allow")
     if _libc.mount(b"tmpfs", os.fsencode(folder), b"tmpfs", 0, f"size={size},mode=755".encode()) != 0:
-        pytest.skip(f"cannot mount a file system: {os.strerror(ctypes.get_errno())}")
+        pytest.skip(f"a small disk takes a mount, which is refused: {os.strerror(ctypes.get_errno())}")
     try:
         yield
     finally:

@@ -81,7 +81,7 @@ def strangers(folder):
     try:
         return write(folder / "strangers", owner=STRANGER)
     except (PermissionError, OSError):
-        pytest.skip("cannot give files away here")
+        pytest.skip("only root, outside a user namespace, can give files to others")
 
 
 def old(folder):

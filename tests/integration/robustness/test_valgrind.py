@@ -6,7 +6,7 @@ import xml.etree.ElementTree
 
 import pytest
 import system
-from test_lifecycle import DLMOD, UNLOAD, UNLOADED, WRITABLE, load, set_module, status
+from test_lifecycle import UNLOAD, UNLOADED, WRITABLE, load, set_module, status
 
 REFRESHES = 100
 
@@ -24,7 +24,7 @@ def findings(report):
 
 
 @pytest.mark.slow
-@pytest.mark.skipif(not shutil.which("valgrind"), reason="there is no valgrind")
+@pytest.mark.skipif(not shutil.which("valgrind"), reason="valgrind is not installed")
 @system.needs_plain_build
 def test_a_load_a_hundred_refreshes_and_an_unload_lose_nothing(directory, rogue, host, shifted_agent):
     report = directory / "valgrind.xml"
