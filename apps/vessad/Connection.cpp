@@ -73,7 +73,7 @@ class Connection final : public ConnectionTable::Entry, public std::enable_share
 
     void Start() {
         context.table.Place(number, shared_from_this(), Stage::Preamble);
-        Bound(context.times.preamble);
+        SetDeadline(context.times.preamble);
         stream.async_handshake(asio::ssl::stream_base::server, Then(&Connection::OnHandshake));
     }
 
@@ -87,7 +87,7 @@ class Connection final : public ConnectionTable::Entry, public std::enable_share
 
   private:
     // Ends the operations to come after `limit`, or at the end of the time for the login.
-    void Bound(Clock::duration limit) {
+    void SetDeadline(Clock::duration limit) {
         const Clock::time_point end = Clock::now() + limit;
         Lowest().expires_at(session.IsLoggedIn() ? end : std::min(end, loginEnd));
     }
@@ -168,7 +168,7 @@ class Connection final : public ConnectionTable::Entry, public std::enable_share
         if (session.IsLoggedIn()) {
             Lowest().expires_never();
         } else {
-            Bound(context.times.login);
+            SetDeadline(context.times.login);
         }
         stream.async_read_some(buffer.prepare(readSize), Then(&Connection::OnFirstBytes));
     }
@@ -187,7 +187,7 @@ class Connection final : public ConnectionTable::Entry, public std::enable_share
         parser.emplace();
         parser->header_limit(limits.header);
         parser->body_limit(limits.body);
-        Bound(context.times.request);
+        SetDeadline(context.times.request);
         http::async_read(stream, buffer, *parser, Then(&Connection::OnRequest));
     }
 
@@ -273,7 +273,7 @@ class Connection final : public ConnectionTable::Entry, public std::enable_share
     void Send() {
         parser.reset();  // and with it the request's memory
         response.prepare_payload();
-        Bound(context.times.reply);
+        SetDeadline(context.times.reply);
         http::async_write(stream, response, Then(&Connection::OnSent));
     }
 
@@ -293,7 +293,7 @@ class Connection final : public ConnectionTable::Entry, public std::enable_share
 
     void SayGoodbye(const char* why) {
         End(why);
-        Bound(goodbyeLimit);
+        SetDeadline(goodbyeLimit);
         stream.async_shutdown([self = shared_from_this()](const error_code& /*error*/) {});
     }
 

@@ -125,16 +125,16 @@ Tessim::Ref<Ordane::ManagedObject> FindHostObject(const std::shared_ptr<const In
         }
         return Tessim::MakeRef<DatastoreObject>(name, found->second);
     }
-    if (Names<Hask::Folder>(reference, Ids::moid_vmfolder)) {
+    if (IsReferenceTo<Hask::Folder>(reference, Ids::moid_vmfolder)) {
         return Tessim::MakeRef<FolderObject>(name, inventory);
     }
-    if (Names<Hask::HostSystem>(reference, Ids::moid_hostsystem)) {
+    if (IsReferenceTo<Hask::HostSystem>(reference, Ids::moid_hostsystem)) {
         return Tessim::MakeRef<HostObject>(name, inventory);
     }
-    if (Names<Hask::Host::MemoryManagerSystem>(reference, Ids::moid_memorymanagersystem)) {
+    if (IsReferenceTo<Hask::Host::MemoryManagerSystem>(reference, Ids::moid_memorymanagersystem)) {
         return Tessim::MakeRef<MemoryManagerObject>(name, inventory);
     }
-    if (Names<Hask::PerformanceManager>(reference, Ids::moid_perfmanager)) {
+    if (IsReferenceTo<Hask::PerformanceManager>(reference, Ids::moid_perfmanager)) {
         return Tessim::MakeRef<PerformanceObject>(name, inventory, elapsed);
     }
     return nullptr;

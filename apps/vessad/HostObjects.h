@@ -11,7 +11,7 @@ namespace Vessad {
 
 // Whether `reference` is the managed object of class Object with that id.
 template <class Object>
-bool Names(const Ordane::MoRef& reference, std::string_view id) {
+bool IsReferenceTo(const Ordane::MoRef& reference, std::string_view id) {
     return reference.GetType() == Object::staticType.name && reference.GetId() == id;
 }
 

@@ -102,10 +102,10 @@ Session::~Session() {
 }
 
 Tessim::Ref<Ordane::ManagedObject> Session::Find(const Ordane::MoRef& reference) {
-    if (Names<Hask::ServiceInstance>(reference, Hask::HostAgent::moid_serviceinstance)) {
+    if (IsReferenceTo<Hask::ServiceInstance>(reference, Hask::HostAgent::moid_serviceinstance)) {
         return Tessim::MakeRef<ServiceInstanceObject>(*this);
     }
-    if (Names<Hask::SessionManager>(reference, Hask::HostAgent::moid_sessionmanager)) {
+    if (IsReferenceTo<Hask::SessionManager>(reference, Hask::HostAgent::moid_sessionmanager)) {
         return Tessim::MakeRef<SessionManagerObject>(*this);
     }
     return FindHostObject(services.backend.GetInventory(), reference,
