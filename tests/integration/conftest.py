@@ -7,15 +7,33 @@ import tempfile
 
 import pytest
 
-for helper in ("system", "snmp_client", "wire"):
+for helper in ("mib", "system", "snmp_client", "wire"):
     pytest.register_assert_rewrite(helper)
 
-import network  # noqa: E402
-import system   # noqa: E402
+import fault_report  # noqa: E402
+import network       # noqa: E402
+import system        # noqa: E402
+
+
+class FaultCollector:
+    """Writes the report of the robustness tests at the end of a run that had any."""
+
+    def __init__(self):
+        self.lines = []
+
+    def pytest_runtest_logreport(self, report):
+        if report.when == "teardown":
+            self.lines += [value for name, value in report.user_properties if name == "fault"]
+
+    def pytest_sessionfinish(self):
+        if self.lines:
+            fault_report.write(self.lines, system.BUILD / "reports/faults.md")
 
 
 def pytest_configure(config):
     config.addinivalue_line("markers", "slow: waits for the agent's 20 s cache to age")
+    if not hasattr(config, "workerinput"):      # in xdist's workers, whose test reports come here
+        config.pluginmanager.register(FaultCollector())
 
 
 def pytest_collection_modifyitems(items):
@@ -25,7 +43,7 @@ def pytest_collection_modifyitems(items):
 
 @pytest.fixture(scope="session", autouse=True)
 def tools_folder(tmp_path_factory):
-    """Where net-snmp's tools keep their notes. The first one on a new machine would make it, and say so."""
+    """The state of net-snmp's tools: the first one would make the usual folder, and print a line about it."""
     folder = tmp_path_factory.mktemp("net-snmp")
     (folder / "cert_indexes").mkdir()
     with pytest.MonkeyPatch.context() as patch:
@@ -67,7 +85,7 @@ def start_daemon(directory):
 
 @pytest.fixture
 def start_agent(directory):
-    """start_agent(user=, background=) starts snmpd; at the end it must be alive, stop, and have logged no surprise."""
+    """start_agent(user=, background=) starts snmpd; at the end it must be alive, stop, and have logged nothing unexpected."""
     with contextlib.ExitStack() as stack:
         def start(**how):
             agent = system.Agent(directory, **how)

@@ -1,17 +1,18 @@
-"""The tree that the agent must answer for a described host, worked out from the YAML alone.
+"""The tree that the agent must serve for a described host, computed from the YAML alone.
 
-This is a second, separate reading of what the module does: it shares no code with it and asks nothing of it. Scalars are
-read as plain text, so nothing of a description depends on what a YAML library takes for a number or a truth value.
+This is a second implementation of what the module does: it shares no code with it and takes nothing from it. OIDs and types
+come from the MIB file. YAML scalars are read as plain text, so nothing depends on what a YAML library takes for a number or a
+truth value.
 """
 
 import dataclasses
 import re
 import struct
 
+import mib
 import yaml
+from mib import ENTERPRISE  # noqa: F401 (the live tests take it from here)
 
-ENTERPRISE = (1, 3, 6, 1, 4, 1, 32473)
-LONGEST_TEXT = 2559
 COUNTERS = ("disk.numberRead", "disk.numberWrite", "disk.read", "disk.write", "net.received", "net.transmitted",
             "net.packetsTx", "net.packetsRx", "mem.active", "cpu.used")
 ETHERNET = {"VirtualEthernetCard", "VirtualPCNetCard", "VirtualE1000Card", "VirtualVirtioCard"}
@@ -21,7 +22,7 @@ SCSI = {"VirtualSCSIController", "VirtualLsiLogicController", "VirtualBusLogicCo
 
 @dataclasses.dataclass(frozen=True)
 class Between:
-    """A number that runs: anything from low to high, counted up modulo 2^bits (bits 0: it does not wrap)."""
+    """A running number: anything from low to high, counted up modulo 2^bits (bits 0: it does not wrap)."""
     low: int
     high: int
     bits: int = 0
@@ -37,11 +38,20 @@ class Between:
     __hash__ = None
 
 
+class Unread:
+    """A value that this side has no reading of: equal to any."""
+
+    def __eq__(self, other):
+        return True
+
+    __hash__ = None
+
+
 @dataclasses.dataclass(frozen=True)
 class Instance:
     oid: tuple
     type: str           # INTEGER, OCTET STRING, OBJECT IDENTIFIER or Counter64
-    value: object       # int, bytes, tuple of int, or Between
+    value: object       # int, bytes, tuple of int, Between or Unread
 
 
 def load(path):
@@ -64,8 +74,8 @@ def int16(number):
     return number - (1 << 16) if number & 0x8000 else number
 
 
-def cut(text, most=LONGEST_TEXT):
-    """The text in UTF-8, cut to `most` bytes before a character that does not fit whole."""
+def truncate(text, most):
+    """The text in UTF-8, truncated to `most` bytes before a character that does not fit whole."""
     return text.encode()[:most].decode(errors="ignore").encode()
 
 
@@ -77,7 +87,7 @@ def whole_number(text, otherwise):
 
 
 def vm_id(vm):
-    """The machine's identifier."""
+    """The VM's identifier."""
     return whole_number(vm["id"], -1)
 
 
@@ -110,7 +120,7 @@ def path_on_host(config, vm):
 
 
 def backing_name(device):
-    """What a drive shows of its backing."""
+    """The name of a drive's backing."""
     backing = device.get("backing") or {}
     kind = backing.get("type")
     name = ""
@@ -133,17 +143,17 @@ def shares(holder):
 
 
 class Statistics:
-    """The figures of one machine, seen `elapsed` seconds at most after the daemon started."""
+    """The statistics of one VM, `elapsed` seconds at most after the daemon started."""
 
     def __init__(self, host, vm, elapsed):
         catalogue = host.get("counters")
         self.known = {f"{c['group']}.{c['name']}" for c in catalogue} if catalogue is not None else set(COUNTERS)
-        self.figures = vm.get("stats") or {}
+        self.series = vm.get("stats") or {}
         self.elapsed = elapsed
 
     def span(self, counter, instance=None):
-        """The least and the greatest value that a figure can have by now; without an instance, the first that there is."""
-        series = self.figures.get(counter) or {} if counter in self.known else {}
+        """The least and the greatest value that a statistic can have by now; without an instance, that of the first one."""
+        series = self.series.get(counter) or {} if counter in self.known else {}
         value = next(iter(series.values()), None) if instance is None else series.get(instance)
         if value is None:
             return -1, -1
@@ -166,32 +176,39 @@ class Statistics:
         return seconds(low) if low == high else Between(seconds(low), seconds(high))
 
 
-class Table:
-    """Rows under one entry: the first row of an index stands, those after it cannot be reached."""
+def instance(name, value, index=()):
+    """The instance of a scalar, or of a column at an index, with its value as the MIB's type carries it."""
+    declared = mib.objects()[name]
+    if declared.type == "INTEGER" and isinstance(value, int):
+        value = int32(value)
+    elif declared.type == "OCTET STRING" and not isinstance(value, Unread):
+        value = truncate("SNMP Error" if value is None else value, declared.size)
+    return Instance(mib.oid(name, *index), declared.type, value)
 
-    def __init__(self, *suffix):
-        self.base = ENTERPRISE + suffix
+
+class Table:
+    """Rows of a table of the MIB: the first row of an index stands, those after it cannot be reached.
+
+    partial: columns without a value are Unread; otherwise every column needs one.
+    """
+
+    def __init__(self, name, partial=False):
+        self.declared = mib.tables()[name]
+        self.partial = partial
         self.rows = {}
 
-    def add(self, index, *cells):
-        self.rows.setdefault(tuple(number & 0xffffffff for number in index), cells)
+    def add(self, **cells):
+        """A row, as values by column name."""
+        columns = [column.name for column in self.declared.columns]
+        assert cells.keys() <= set(columns), f"columns that the MIB does not have: {cells.keys() - set(columns)}"
+        assert self.partial or cells.keys() == set(columns), f"columns without a value: {set(columns) - cells.keys()}"
+        index = tuple(cells[name] & 0xffffffff for name in self.declared.index)
+        self.rows.setdefault(index, {name: cells.get(name, Unread()) for name in columns})
 
     def instances(self):
         for index, cells in self.rows.items():
-            for column, (kind, value) in enumerate(cells, 1):
-                yield Instance(self.base + (column,) + index, kind, value)
-
-
-def integer(value):
-    return "INTEGER", value if isinstance(value, Between) else int32(value)
-
-
-def text(value):
-    return "OCTET STRING", cut("SNMP Error" if value is None else value)
-
-
-def counter64(value):
-    return "Counter64", value
+            for name, value in cells.items():
+                yield instance(name, value, index)
 
 
 def product(host):
@@ -200,15 +217,14 @@ def product(host):
     parts = [0, 0, 0]
     if len(version) == 3:
         parts = [whole_number(part, 0) for part in version]
-    base = ENTERPRISE + (1,)
-    yield Instance(base + (1, 0), "OCTET STRING", cut(about["name"], 255))
-    yield Instance(base + (2, 0), "OCTET STRING", cut(about["version"], 15))
-    yield Instance(base + (3, 0), "OBJECT IDENTIFIER", ENTERPRISE + (60, 1) + tuple(part & 0xffffffff for part in parts))
-    yield Instance(base + (4, 0), "OCTET STRING", cut(about["build"], 15))
+    yield instance("prodName", about["name"])
+    yield instance("prodVersion", about["version"])
+    yield instance("prodOID", mib.oids()["kelvServer"] + tuple(part & 0xffffffff for part in parts))
+    yield instance("prodBuild", about["build"])
 
 
-def machines(host):
-    """The machines that are shown, in order: those with a configuration."""
+def vms_shown(host):
+    """The VMs that have rows, in order: those with a configuration."""
     return [vm for vm in host["vms"] if isinstance(vm.get("config"), dict)]
 
 
@@ -228,40 +244,67 @@ def label(device):
     return (device.get("deviceInfo") or {}).get("label")
 
 
+def adapter_model(hba):
+    return {"VirtualLsiLogicController": "lsilogic", "VirtualBusLogicController": "buslogic"}.get(hba["type"], "unknown")
+
+
+def network_of(nic):
+    backing = nic.get("backing") or {}
+    return backing["deviceName"] if backing.get("type") == "DeviceBackingInfo" else "unknown"
+
+
+def ide_position(cdrom, vm):
+    """The drive's place on the VM's IDE buses, 0 where it is not on one."""
+    buses = {ide["key"]: int(ide["busNumber"]) for ide in devices(vm, {"VirtualIDEController"})}
+    if "unitNumber" not in cdrom or cdrom.get("controllerKey") not in buses:
+        return 0
+    return buses[cdrom["controllerKey"]] * 2 + int(cdrom["unitNumber"])
+
+
 def inventory(host):
-    vms, hbas, targets = Table(2, 1, 1), Table(2, 2, 1), Table(2, 3, 1)
-    nics, floppies, cdroms = Table(2, 4, 1), Table(2, 5, 1), Table(2, 6, 1)
-    for k, vm in enumerate(machines(host)):
+    vms, hbas, targets = Table("vmTable"), Table("hbaTable"), Table("tgtTable")
+    nics, floppies, cdroms = Table("nicTable"), Table("floppyTable"), Table("cdromTable")
+    for k, vm in enumerate(vms_shown(host)):
         config = vm["config"]
-        vms.add((k,), integer(k), text(config["name"]), text(path_on_host(config, vm)), text(config["guestFullName"]),
-                integer(int(hardware(vm)["memoryMB"])), text(power_state(vm)), integer(vm_id(vm)),
-                text((vm.get("guest") or {}).get("guestState", "unknown")))
+        vms.add(vmIdx=k,
+                vmDisplayName=config["name"],
+                vmConfigFile=path_on_host(config, vm),
+                vmGuestOS=config["guestFullName"],
+                vmMemSize=int(hardware(vm)["memoryMB"]),
+                vmState=power_state(vm),
+                vmVMID=vm_id(vm),
+                vmGuestState=(vm.get("guest") or {}).get("guestState", "unknown"))
         for hba in devices(vm, SCSI):
-            model = {"VirtualLsiLogicController": "lsilogic", "VirtualBusLogicController": "buslogic"}.get(hba["type"], "unknown")
-            bus = int(hba["busNumber"])
-            hbas.add((k, bus), integer(k), integer(bus), text(label(hba)), text(model))
+            hbas.add(hbaVmIdx=k,
+                     hbaBus=int(hba["busNumber"]),
+                     hbaLabel=label(hba),
+                     hbaType=adapter_model(hba))
         for disk in devices(vm, {"VirtualDisk"}):
-            unit = int(disk.get("unitNumber", 0))
-            targets.add((k, unit), integer(k), integer(unit), text(label(disk)))
+            targets.add(tgtVmIdx=k,
+                        tgtUnit=int(disk.get("unitNumber", 0)),
+                        tgtLabel=label(disk))
         for ordinal, nic in enumerate(devices(vm, ETHERNET)):
-            backing = nic.get("backing") or {}
-            network = backing["deviceName"] if backing.get("type") == "DeviceBackingInfo" else "unknown"
-            nics.add((k, ordinal), integer(k), integer(ordinal), text(label(nic)), text(network), text("monitor_dev"))
+            nics.add(nicVmIdx=k,
+                     nicIdx=ordinal,
+                     nicLabel=label(nic),
+                     nicNetwork=network_of(nic),
+                     nicDevice="monitor_dev")
         for floppy in devices(vm, {"VirtualFloppy"}):
-            unit = int(floppy.get("unitNumber", 0))
-            floppies.add((k, unit), integer(k), integer(unit), text(backing_name(floppy)), text(connected(floppy)))
-        buses = {ide["key"]: int(ide["busNumber"]) for ide in devices(vm, {"VirtualIDEController"})}
+            floppies.add(fdVmIdx=k,
+                         fdUnit=int(floppy.get("unitNumber", 0)),
+                         fdBacking=backing_name(floppy),
+                         fdConnected=connected(floppy))
         for cdrom in devices(vm, {"VirtualCdrom"}):
-            position = 0
-            if "unitNumber" in cdrom and cdrom.get("controllerKey") in buses:
-                position = buses[cdrom["controllerKey"]] * 2 + int(cdrom["unitNumber"])
-            cdroms.add((k, position), integer(k), integer(position), text(backing_name(cdrom)), text(connected(cdrom)))
+            cdroms.add(cdVmIdx=k,
+                       cdIdeIndex=ide_position(cdrom, vm),
+                       cdBacking=backing_name(cdrom),
+                       cdConnected=connected(cdrom))
     for table in (vms, hbas, targets, nics, floppies, cdroms):
         yield from table.instances()
 
 
 def disk_name(host, disk):
-    """The disk's name in the figures; None for a disk that has no row."""
+    """The instance of the disk's statistics; None for a disk that has no row."""
     backing = disk.get("backing") or {}
     if backing.get("type") == "DeviceBackingInfo":
         return backing["deviceName"]
@@ -276,52 +319,68 @@ def disk_name(host, disk):
 
 
 def resources(host, elapsed):
-    cpus, memories, disks, cards = Table(3, 1, 2, 1), Table(3, 2, 4, 1), Table(3, 3, 1), Table(3, 4, 1)
-    for vm in machines(host):
+    cpus, memories, disks, cards = Table("cpuTable"), Table("memTable"), Table("diskTable"), Table("netTable")
+    for vm in vms_shown(host):
         if power_state(vm) not in ("poweredOn", "suspended"):
             continue
         number, config, stats = vm_id(vm), vm["config"], Statistics(host, vm, elapsed)
         for i in range(int(hardware(vm)["numCPU"])):
-            cpus.add((number + i,), integer(number + i), integer(shares(config.get("cpuAllocation")) if i == 0 else 0),
-                     integer(stats.seconds("cpu.used", str(i))))
-        memories.add((number,), integer(number), integer(shares(config.get("memoryAllocation"))),
-                     integer(int(hardware(vm)["memoryMB"]) << 10), integer(stats.int32("mem.active")))
+            cpus.add(cpuVMID=number + i,
+                     cpuShares=shares(config.get("cpuAllocation")) if i == 0 else 0,
+                     cpuUsedSec=stats.seconds("cpu.used", str(i)))
+        memories.add(memVMID=number,
+                     memShares=shares(config.get("memoryAllocation")),
+                     memConfiguredKB=int(hardware(vm)["memoryMB"]) << 10,
+                     memActive=stats.int32("mem.active"))
         for disk in devices(vm, {"VirtualDisk"}):
             name = disk_name(host, disk)
             if name is None:
                 continue
-            index = len(disks.rows) + 1
-            disks.add((index,), integer(index), text(name), integer(number), integer(shares(disk)),
-                      *(integer(stats.int32("disk." + c, name)) for c in ("numberRead", "read", "numberWrite", "write")))
+            disks.add(diskIdx=len(disks.rows) + 1,
+                      diskName=name,
+                      diskVMID=number,
+                      diskShares=shares(disk),
+                      diskNumRead=stats.int32("disk.numberRead", name),
+                      diskRead=stats.int32("disk.read", name),
+                      diskNumWrite=stats.int32("disk.numberWrite", name),
+                      diskWrite=stats.int32("disk.write", name))
         for nic in devices(vm, ETHERNET):
-            index = len(cards.rows) + 1
-            info = nic.get("deviceInfo")
-            figures = ("net.packetsTx", "net.transmitted", "net.packetsRx", "net.received")
-            cards.add((index,), integer(index), text(info["summary"] if info else "unknown"), integer(number),
-                      text(nic.get("macAddress")), integer(0),
-                      *(integer(stats.int32(c, nic["key"])) for c in figures),
-                      *(counter64(stats.counter64(c, nic["key"])) for c in figures))
+            info, key = nic.get("deviceInfo"), nic["key"]
+            cards.add(netIdx=len(cards.rows) + 1,
+                      netName=info["summary"] if info else "unknown",
+                      netVMID=number,
+                      netMac=nic.get("macAddress"),
+                      netSpare=0,
+                      netPktTx=stats.int32("net.packetsTx", key),
+                      netTx=stats.int32("net.transmitted", key),
+                      netPktRx=stats.int32("net.packetsRx", key),
+                      netRx=stats.int32("net.received", key),
+                      netHCPktTx=stats.counter64("net.packetsTx", key),
+                      netHCTx=stats.counter64("net.transmitted", key),
+                      netHCPktRx=stats.counter64("net.packetsRx", key),
+                      netHCRx=stats.counter64("net.received", key))
     for table in (cpus, memories, disks, cards):
         yield from table.instances()
 
 
 def host_scalars(host, first):
-    """The core count and the memory figures; `first`: the agent has not read the memory figures yet."""
-    yield Instance(ENTERPRISE + (3, 1, 1, 0), "INTEGER", int16(int(host["hardware"]["cpuInfo"]["numCpuCores"])))
+    """The core count and the memory scalars; `first`: the agent has not read the memory scalars yet."""
+    yield instance("numCpuCores", int16(int(host["hardware"]["cpuInfo"]["numCpuCores"])))
     reserved_bytes = int(host["serviceConsole"]["serviceConsoleReserved"])
     total = (reserved_bytes + int(host["serviceConsole"]["unreserved"])) // 1024
     # The reservation is in bytes whenever it was just read, which is always while it is less than a kilobyte.
     reserved = reserved_bytes if first or reserved_bytes < 1024 else reserved_bytes // 1024
-    for sub, value in ((1, total), (2, reserved), (3, int32(total) - int32(reserved))):
-        yield Instance(ENTERPRISE + (3, 2, sub, 0), "INTEGER", int32(value))
+    yield instance("memTotal", total)
+    yield instance("memReserved", reserved)
+    yield instance("memUnreserved", int32(total) - int32(reserved))
 
 
 def tree(host, elapsed=0, kernel_loaded=False, first=False):
     """Every instance under the enterprise, in the order of a walk.
 
-    elapsed: how many seconds at most the daemon has run when it is asked, for figures that run.
+    elapsed: how many seconds at most the daemon has run at the time of the request, for running statistics.
     first: the memory scalars as they are until the agent has read them once, with the reservation in bytes.
     """
     instances = [*product(host), *inventory(host), *host_scalars(host, first), *resources(host, elapsed),
-                 Instance(ENTERPRISE + (4, 1, 1, 1, 0), "OCTET STRING", b"yes" if kernel_loaded else b"no")]
+                 instance("kernelLoaded", "yes" if kernel_loaded else "no")]
     return sorted(instances, key=lambda instance: instance.oid)

@@ -1,4 +1,4 @@
-"""A manager that is not net-snmp: one socket, messages made and read by pysnmp."""
+"""A manager that is not net-snmp: one socket, messages encoded by pysnmp."""
 
 import itertools
 import socket
@@ -7,7 +7,8 @@ import time
 from pyasn1.codec.ber import decoder, encoder
 from pysnmp.proto import api
 
-from expected_tree import ENTERPRISE, Instance
+from expected_tree import Instance
+from mib import ENTERPRISE
 
 V1, V2C = api.protoVersion1, api.protoVersion2c
 
@@ -42,7 +43,7 @@ def _instance(oid, value):
 
 
 class Client:
-    """Asks the agent at address; every call waits for its own answer, `timeout` seconds at most."""
+    """Sends requests to the agent at address; every call waits for its own answer, `timeout` seconds at most."""
 
     def __init__(self, address=("127.0.0.1", 161), community="public", timeout=10):
         self.community = community
@@ -54,7 +55,7 @@ class Client:
     def close(self):
         self.socket.close()
 
-    def _ask(self, version, pdu, oids, prepare=None):
+    def _request(self, version, pdu, oids, prepare=None):
         module = api.protoModules[version]
         (prepare or module.apiPDU.setDefaults)(pdu)
         request_id = next(self.ids)
@@ -79,10 +80,10 @@ class Client:
         return [_instance(oid, value) for oid, value in module.apiPDU.getVarBinds(answer_pdu)]
 
     def get(self, *oids, version=V2C):
-        return self._ask(version, api.protoModules[version].GetRequestPDU(), oids)
+        return self._request(version, api.protoModules[version].GetRequestPDU(), oids)
 
     def get_next(self, *oids, version=V2C):
-        return self._ask(version, api.protoModules[version].GetNextRequestPDU(), oids)
+        return self._request(version, api.protoModules[version].GetNextRequestPDU(), oids)
 
     def get_bulk(self, *oids, repetitions=10):
         module = api.protoModules[V2C]
@@ -93,10 +94,10 @@ class Client:
             module.apiBulkPDU.setNonRepeaters(pdu, 0)
             module.apiBulkPDU.setMaxRepetitions(pdu, repetitions)
 
-        return self._ask(V2C, pdu, oids, prepare)
+        return self._request(V2C, pdu, oids, prepare)
 
     def walk(self, root=ENTERPRISE, version=V2C, step=None):
-        """All instances under root in the agent's order; a version 1 walk passes over every Counter64."""
+        """All instances under root in the agent's order; a version 1 walk skips every Counter64."""
         step = step or (lambda oid: self.get_next(oid, version=version))
         found, at = [], root
         while True:

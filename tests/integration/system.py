@@ -33,13 +33,13 @@ _USUAL_LOG = [
     r"SNMPRaskRefreshCache: Examining \d+ VMs found\.",
 ]
 
-# The back-trace of an exception: where it was raised, then its frames.
+# The back-trace of an exception: where it was thrown, then its frames.
 BACKTRACE_LOG = [r"\S+:\d+ .*", r".*\[0x[0-9a-f]+\]"]
 
 # A disk on a datastore that the host does not know.
 NO_DATASTORE_LOG = [r"OrdaneClient::GetDatastoreInfo: :.*", *BACKTRACE_LOG]
 
-# What a described host that leaves things out makes the module say of it.
+# What the module logs about a described host that leaves things out.
 DATA_LOG = [
     r"SetVMInfo: invalid VM Id: .*", r"SetNicInfo: Null device backing\.", r"SetStorageInfo: cannot find unit number for disk .*",
     r"SetCdromInfo:  No unit number for cdrom\.", r"SetCdromInfo:  No controller key for cdrom\.",
@@ -52,7 +52,7 @@ DATA_LOG = [
 
 
 def sanitizer_libraries():
-    """The sanitizers that the module was built with: a program without them must load them before everything else."""
+    """The sanitizers that the module was built with: a program built without them must preload them."""
     listed = subprocess.run(["ldd", MODULE], capture_output=True, text=True).stdout
     return re.findall(r"=> (\S*/lib(?:asan|ubsan)\.so\S*)", listed)
 
@@ -62,7 +62,7 @@ needs_plain_build = pytest.mark.skipif(bool(sanitizer_libraries()), reason="the 
 
 
 def wait_until(condition, what, timeout=15.0):
-    """Returns the first true result of condition; fails with `what` was waited for."""
+    """Returns the first true result of condition; fails after `timeout` seconds with `what` in the message."""
     deadline = time.monotonic() + timeout
     while True:
         result = condition()
@@ -98,7 +98,7 @@ def agent_account():
 
 
 class Daemon:
-    """tovric-vessad on the loopback port that the module asks."""
+    """tovric-vessad on the loopback port that the module connects to."""
 
     def __init__(self, host, directory, *options, ready=True):
         self.tickets = directory / "tickets"
@@ -217,12 +217,12 @@ rouser kelv priv
         self.allowed += patterns
 
     def surprises(self):
-        """The lines of the log that nobody expected."""
+        """The lines of the log that are not expected."""
         expected = [re.compile(pattern) for pattern in _USUAL_LOG + self.allowed]
         return [line for line in self.log_text().splitlines() if not any(p.fullmatch(line) for p in expected)]
 
     def stop(self):
-        """Ends the agent; it must have lived until now and must go when it is told to."""
+        """Ends the agent; it must have run until now and must end on SIGTERM."""
         self.client.close()
         alive = self.is_alive()
         if alive:

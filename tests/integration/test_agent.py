@@ -1,21 +1,28 @@
-"""The agent with the module in it: start, restart, users, and what it answers when the daemon is away."""
+"""The agent with the module in it: start, restart, users, and what it serves without the daemon."""
 
 import os
 import signal
 import time
 
 import expected_tree
+import mib
 import pytest
 import system
-from expected_tree import ENTERPRISE
+from mib import ENTERPRISE
 
 SMALL = system.HOSTS / "small.yaml"
-PRODUCT_NAME, FIRST_VM_NAME = ENTERPRISE + (1, 1, 0), ENTERPRISE + (2, 1, 1, 2, 0)
-TABLES = [ENTERPRISE + (2,), ENTERPRISE + (3, 1, 2), ENTERPRISE + (3, 2, 4), ENTERPRISE + (3, 3), ENTERPRISE + (3, 4)]
+PRODUCT = ["prodName", "prodVersion", "prodOID", "prodBuild"]
+MEMORY = ["memTotal", "memReserved", "memUnreserved"]
+VERSION_OID = mib.oids()["kelvServer"]
 
 
-def value(agent, oid):
-    return agent.client.get(oid)[0].value
+def values(agent, *names):
+    """The values of scalars, read in one request."""
+    return [instance.value for instance in agent.client.get(*map(mib.oid, names))]
+
+
+def value(agent, name, *index):
+    return agent.client.get(mib.oid(name, *index))[0].value
 
 
 def oids(host, root=ENTERPRISE):
@@ -24,30 +31,28 @@ def oids(host, root=ENTERPRISE):
 
 def assert_tables(agent, host):
     """Every table has the host's rows; host None: no table has any."""
-    for table in TABLES:
-        assert [i.oid for i in agent.client.walk(table)] == (oids(host, table) if host else [])
+    for table in mib.tables().values():
+        assert [i.oid for i in agent.client.walk(table.oid)] == (oids(host, table.oid) if host else [])
 
 
 def test_the_reservation_is_in_bytes_once_and_in_kilobytes_ever_after(start_daemon, start_agent):
     start_daemon(SMALL)
     agent = start_agent()
-    reserved = ENTERPRISE + (3, 2, 2, 0)
-    assert [value(agent, reserved) for _ in range(3)] == [285212672, 278528, 278528]
+    assert [value(agent, "memReserved") for _ in range(3)] == [285212672, 278528, 278528]
 
 
-def test_the_first_unreserved_figure_takes_bytes_from_kilobytes(start_daemon, start_agent):
+def test_the_first_unreserved_value_takes_bytes_from_kilobytes(start_daemon, start_agent):
     start_daemon(SMALL)
     agent = start_agent()
-    total, unreserved = (285212672 + 1862270976) // 1024, ENTERPRISE + (3, 2, 3, 0)
-    assert [value(agent, unreserved) for _ in range(2)] == [total - 285212672, total - 278528]
+    total = (285212672 + 1862270976) // 1024
+    assert [value(agent, "memUnreserved") for _ in range(2)] == [total - 285212672, total - 278528]
 
 
 def test_total_reserved_and_unreserved_of_one_request_belong_together(start_daemon, start_agent):
     start_daemon(SMALL)
     agent = start_agent()
-    value(agent, ENTERPRISE + (3, 2, 1, 0))
-    total, reserved, unreserved = (i.value for i in agent.client.get(*(ENTERPRISE + (3, 2, n, 0) for n in (1, 2, 3))))
-    assert (total, reserved, unreserved) == (2097152, 278528, 2097152 - 278528)
+    value(agent, "memTotal")
+    assert values(agent, *MEMORY) == [2097152, 278528, 2097152 - 278528]
 
 
 @pytest.mark.parametrize("version, identifier, message", [
@@ -62,9 +67,8 @@ def test_a_version_of_another_shape(start_daemon, start_agent, directory, versio
     agent = start_agent()
     agent.allow_log(message)
     for _ in range(3):
-        answers = [i.value for i in agent.client.get(*(ENTERPRISE + (1, n, 0) for n in (1, 2, 3, 4)))]
-        assert answers == [b"Tovric Kelv Server", version.encode(), ENTERPRISE + (60, 1) + identifier, b"13638"]
-    # A shape that does not fit is said again at every request, a part that is no number once.
+        assert values(agent, *PRODUCT) == [b"Tovric Kelv Server", version.encode(), VERSION_OID + identifier, b"13638"]
+    # A shape that does not fit is logged at every request, a part that is no number once.
     assert (agent.log_text().count(message) > 2) == (identifier == (0, 0, 0))
 
 
@@ -72,7 +76,7 @@ def test_the_kernel_is_not_loaded_on_a_host_without_it(start_daemon, start_agent
     start_daemon(SMALL)
     agent = start_agent()
     assert not os.path.exists("/proc/tovric/vm")
-    assert value(agent, ENTERPRISE + (4, 1, 1, 1, 0)) == b"no"
+    assert value(agent, "kernelLoaded") == b"no"
 
 
 def test_one_rebuild_serves_twenty_seconds_of_requests(start_daemon, start_agent):
@@ -96,18 +100,18 @@ def allow_absence(agent):
 def test_the_daemon_may_come_after_the_agent(start_daemon, start_agent):
     agent = start_agent()
     allow_absence(agent)
-    assert value(agent, PRODUCT_NAME) == b""
-    assert value(agent, ENTERPRISE + (1, 3, 0)) == ENTERPRISE + (60, 1, 0, 0, 0)
-    assert value(agent, ENTERPRISE + (3, 1, 1, 0)) == 0
-    assert [value(agent, ENTERPRISE + (3, 2, n, 0)) for n in (1, 2, 3)] == [0, 0, 0]
+    assert value(agent, "prodName") == b""
+    assert value(agent, "prodOID") == VERSION_OID + (0, 0, 0)
+    assert value(agent, "numCpuCores") == 0
+    assert values(agent, *MEMORY) == [0, 0, 0]
     assert_tables(agent, None)
     failed = time.monotonic()
     assert "Could not init ordane client to tovric-vessad." in agent.log_text()
     assert "SNMPRAskRefreshCache: Could not acquire ordane client to tovric-vessad." in agent.log_text()
     start_daemon(SMALL)
     # The scalars ask again at once, the tables when their 20 s are over.
-    assert value(agent, PRODUCT_NAME) == b"Tovric Kelv Server"
-    assert value(agent, ENTERPRISE + (3, 1, 1, 0)) == 8
+    assert value(agent, "prodName") == b"Tovric Kelv Server"
+    assert value(agent, "numCpuCores") == 8
     time.sleep(max(0, failed + system.REFRESH_INTERVAL + 2 - time.monotonic()))
     assert_tables(agent, expected_tree.load(SMALL))
 
@@ -129,8 +133,8 @@ def test_a_restart_of_the_daemon_costs_one_empty_refresh(start_daemon, start_age
     assert_tables(agent, None)
     emptied = time.monotonic()
     assert agent.log_text().count("SNMPRaskRefreshCache: no VM found.") == before + 1
-    assert value(agent, PRODUCT_NAME) == b"Tovric Kelv Server"
-    assert value(agent, ENTERPRISE + (3, 1, 1, 0)) == 8
+    assert value(agent, "prodName") == b"Tovric Kelv Server"
+    assert value(agent, "numCpuCores") == 8
     time.sleep(max(0, emptied + system.REFRESH_INTERVAL + 2 - time.monotonic()))
     assert_tables(agent, host)
 
@@ -141,14 +145,14 @@ def test_a_new_description_is_seen_after_twenty_seconds(start_daemon, start_agen
     path.write_text(SMALL.read_text())
     daemon = start_daemon(path)
     agent = start_agent()
-    assert value(agent, FIRST_VM_NAME) == b"web-1"
-    asked = time.monotonic()
+    assert value(agent, "vmDisplayName", 0) == b"web-1"
+    read = time.monotonic()
     path.write_text(SMALL.read_text().replace("name: web-1", "name: web-2"))
     daemon.signal(signal.SIGHUP)
     system.wait_until(lambda: daemon.log_text().count(str(path)) > 1, "the reload in the log")
-    assert value(agent, FIRST_VM_NAME) == b"web-1"
-    time.sleep(max(0, asked + system.REFRESH_INTERVAL + 2 - time.monotonic()))
-    assert value(agent, FIRST_VM_NAME) == b"web-2"
+    assert value(agent, "vmDisplayName", 0) == b"web-1"
+    time.sleep(max(0, read + system.REFRESH_INTERVAL + 2 - time.monotonic()))
+    assert value(agent, "vmDisplayName", 0) == b"web-2"
 
 
 @pytest.mark.slow
@@ -160,7 +164,7 @@ def test_the_tables_survive_the_daemon_until_the_next_refresh(start_daemon, star
     filled = time.monotonic()
     daemon.stop()
     assert_tables(agent, expected_tree.load(SMALL))
-    assert value(agent, PRODUCT_NAME) == b"Tovric Kelv Server"
+    assert value(agent, "prodName") == b"Tovric Kelv Server"
     time.sleep(max(0, filled + system.REFRESH_INTERVAL + 2 - time.monotonic()))
     assert_tables(agent, None)
 
@@ -188,7 +192,7 @@ def test_an_agent_that_cannot_read_the_ticket_serves_empty_tables(start_daemon, 
     agent.allow_log("Failed to acquire local ticket: .*", "OrdaneClient::.*", r".*Permission denied.*")
     assert_tables(agent, None)
     assert "Failed to acquire local ticket: " in agent.log_text()
-    assert value(agent, PRODUCT_NAME) in (b"", b"Tovric Kelv Server")
+    assert value(agent, "prodName") in (b"", b"Tovric Kelv Server")
 
 
 def test_hangup_makes_the_agent_load_the_module_anew(start_daemon, start_agent):

@@ -1,4 +1,4 @@
-"""The daemon as an operator and an attacker meet it: command line, signals, log, tickets."""
+"""The daemon as operators and attackers see it: command line, signals, log, tickets."""
 
 import os
 import re
@@ -8,7 +8,7 @@ import subprocess
 
 import pytest
 import system
-from wire import Connection, Fault
+from wire import Connection, Fault, logged_in, read_ticket
 
 SMALL = system.HOSTS / "small.yaml"
 
@@ -25,18 +25,13 @@ def run(*arguments):
     return subprocess.run([system.DAEMON, *arguments], capture_output=True, text=True, timeout=20, stdin=subprocess.DEVNULL)
 
 
-def read_secret(path):
-    with open(path, encoding="ascii") as stream:
-        return stream.read()
-
-
 # Tickets and login
 
 def test_a_ticket_is_a_private_file_with_a_name_that_cannot_be_guessed(start_daemon):
     daemon = start_daemon(SMALL)
     connections = [Connection() for _ in range(3)]
     paths = [connection.acquire_ticket() for connection in connections]
-    # 16 characters or more are left to chance once what all names share is taken away.
+    # 16 characters or more are random: those after what all names share.
     assert min(map(len, paths)) - len(os.path.commonprefix(paths)) >= 16
     for path in paths:
         assert os.path.dirname(path) == str(daemon.tickets)
@@ -44,7 +39,7 @@ def test_a_ticket_is_a_private_file_with_a_name_that_cannot_be_guessed(start_dae
         assert stat.S_ISREG(information.st_mode) and stat.S_IMODE(information.st_mode) == 0o600
         assert information.st_uid == os.geteuid() and information.st_nlink == 1
         assert 16 <= information.st_size < 1024
-    assert len({read_secret(path) for path in paths}) == 3
+    assert len({read_ticket(path) for path in paths}) == 3
     for connection, path in zip(connections, paths):
         connection.close()
         system.wait_until(lambda: not os.path.exists(path), "the ticket of a closed connection to go")
@@ -54,7 +49,7 @@ def test_a_ticket_opens_one_session_and_its_file_goes(start_daemon):
     start_daemon(SMALL)
     with Connection() as connection, Connection() as other:
         path = connection.acquire_ticket()
-        secret = read_secret(path)
+        secret = read_ticket(path)
         connection.login(secret)
         assert not os.path.exists(path)
         assert connection.children() == ["16", "32"]
@@ -80,7 +75,7 @@ def test_a_wrong_password_is_refused(start_daemon):
     with Connection() as connection:
         for spoil in (lambda s: "", lambda s: s[:-1], lambda s: s[1:] + s[0]):
             path = connection.acquire_ticket()
-            secret = read_secret(path)
+            secret = read_ticket(path)
             with pytest.raises(Fault) as refused:
                 connection.login(spoil(secret))
             assert refused.value.type == "InvalidLogin"
@@ -93,11 +88,11 @@ def test_a_wrong_password_is_refused(start_daemon):
         assert refused.value.type == "NotAuthenticated"
     with Connection() as connection:
         with pytest.raises(Fault) as refused:
-            connection.login(read_secret(connection.acquire_ticket()), user="somebody")
+            connection.login(read_ticket(connection.acquire_ticket()), user="somebody")
         assert refused.value.type == "InvalidLogin"
 
 
-def test_nothing_but_ticket_login_and_service_content_is_answered_before_login(start_daemon):
+def test_only_ticket_login_and_service_content_are_served_before_login(start_daemon):
     start_daemon(SMALL)
     with Connection() as connection:
         content, = connection.call("ServiceInstance", "ServiceInstance", "RetrieveContent")
@@ -106,7 +101,7 @@ def test_nothing_but_ticket_login_and_service_content_is_answered_before_login(s
             with pytest.raises(Fault) as refused:
                 connection.call(*call)
             assert refused.value.type == "NotAuthenticated", call
-        connection.login(read_secret(connection.acquire_ticket()))
+        connection.login(read_ticket(connection.acquire_ticket()))
         for call in GUARDED:
             connection.call(*call)
         connection.call("SessionManager", "ha-sessionmgr", "Logout")
@@ -136,30 +131,27 @@ def test_another_first_line_is_refused(start_daemon, preamble):
 @pytest.mark.parametrize("body", [
     "", "no xml", "<a/>", "<!DOCTYPE a [<!ENTITY b 'c'>]><a>&b;</a>", "<a>" * 10000,
     '<Envelope><Body><NoSuchMethod xmlns="urn:ordane"><_this type="Folder">ha-folder-vm</_this></NoSuchMethod></Body></Envelope>'])
-def test_a_message_that_is_no_call_is_answered_with_an_error(start_daemon, body):
+def test_the_reply_to_a_message_that_is_no_call_is_an_error(start_daemon, body):
     start_daemon(SMALL)
     with Connection() as connection:
         status, _ = connection.post(body)
         assert status >= 400
-    with Connection() as connection:
-        connection.login(read_secret(connection.acquire_ticket()))
+    with logged_in() as connection:
         assert connection.children() == ["16", "32"]
 
 
 def test_many_clients_are_served_at_once(start_daemon):
     start_daemon(SMALL)
-    connections = [Connection() for _ in range(20)]
-    for connection in connections:
-        connection.login(read_secret(connection.acquire_ticket()))
+    connections = [logged_in() for _ in range(20)]
     for connection in reversed(connections):
         assert connection.children() == ["16", "32"]
         connection.close()
 
 
-def test_the_log_says_what_happened_and_never_a_password(start_daemon):
+def test_the_log_tells_what_happened_and_never_a_password(start_daemon):
     daemon = start_daemon(SMALL)
     with Connection() as connection:
-        secret = read_secret(connection.acquire_ticket())
+        secret = read_ticket(connection.acquire_ticket())
         connection.login(secret)
     daemon.stop()
     log = daemon.log_text()
@@ -171,7 +163,7 @@ def test_the_log_says_what_happened_and_never_a_password(start_daemon):
 
 # Signals
 
-def machine_names(connection):
+def vm_names(connection):
     names = []
     for id in connection.children():
         config = connection.call("VirtualMachine", id, "GetConfig")
@@ -179,21 +171,15 @@ def machine_names(connection):
     return names
 
 
-def logged_in():
-    connection = Connection()
-    connection.login(read_secret(connection.acquire_ticket()))
-    return connection
-
-
 def test_hangup_reads_the_description_again(start_daemon, directory):
     path = directory / "host.yaml"
     path.write_text(SMALL.read_text())
     daemon = start_daemon(path)
     with logged_in() as connection:
-        assert machine_names(connection) == ["web-1", "backup"]
+        assert vm_names(connection) == ["web-1", "backup"]
         path.write_text(SMALL.read_text().replace("name: backup", "name: restored"))
         daemon.signal(signal.SIGHUP)
-        system.wait_until(lambda: machine_names(connection) == ["web-1", "restored"], "the new description")
+        system.wait_until(lambda: vm_names(connection) == ["web-1", "restored"], "the new description")
 
 
 def test_hangup_with_a_bad_description_keeps_the_old_one(start_daemon, directory):
@@ -207,29 +193,27 @@ def test_hangup_with_a_bad_description_keeps_the_old_one(start_daemon, directory
         complaint = system.wait_until(
             lambda: re.search(rf"{re.escape(str(path))}:{line}:\d+: .*expected.*", daemon.log_text()), "a log line")
         assert "number" in complaint[0]
-        assert machine_names(connection) == ["web-1", "backup"]
+        assert vm_names(connection) == ["web-1", "backup"]
         path.unlink()
         before = len(daemon.log_text())
         daemon.signal(signal.SIGHUP)
         system.wait_until(lambda: str(path) in daemon.log_text()[before:], "a log line about the missing file")
-        assert machine_names(connection) == ["web-1", "backup"]
+        assert vm_names(connection) == ["web-1", "backup"]
 
 
 def test_counters_keep_counting_over_a_hangup(start_daemon, directory):
     path = directory / "host.yaml"
     path.write_text(SMALL.read_text().replace("perSecond: 90", "perSecond: 100000"))
     daemon = start_daemon(path)
-    query = ('<soapenv:Envelope xmlns:soapenv="http://schemas.xmlsoap.org/soap/envelope/"><soapenv:Body>'
-             '<QueryPerf xmlns="urn:ordane"><_this type="PerformanceManager">ha-perfmgr</_this><querySpec>'
-             '<entity type="VirtualMachine">16</entity><metricId><counterId>{}</counterId><instance>*</instance></metricId>'
-             '<intervalId>0</intervalId></querySpec></QueryPerf></soapenv:Body></soapenv:Envelope>')
     with logged_in() as connection:
         catalogue = connection.call("PerformanceManager", "ha-perfmgr", "GetPerfCounter")
         name = "{urn:ordane}groupInfo/{urn:ordane}key", "{urn:ordane}nameInfo/{urn:ordane}key"
         key, = (c.findtext("{urn:ordane}key") for c in catalogue if (c.findtext(name[0]), c.findtext(name[1])) == ("net", "packetsTx"))
 
         def read():
-            return int(re.findall(r"<value>(-?\d+)</value>", connection.post(query.format(key))[1])[0])
+            metric, = connection.call("PerformanceManager", "ha-perfmgr", "QueryPerf", querySpec={
+                "entity": "16", "metricId": {"counterId": key, "instance": "*"}, "intervalId": "0"})
+            return int(metric.findtext("{urn:ordane}value/{urn:ordane}value"))
 
         system.wait_until(lambda: read() > 4294967301 + 50000, "the counter to run")
         before = read()
@@ -261,13 +245,13 @@ MISTAKES = {
     "no truth value": ("connected: true", "connected: maybe", "maybe"),
     "list instead of a map": ("hardware: {cpuInfo: {numCpuCores: 8}}", "hardware: [1]", "hardware: [1]"),
     "rate without a start": ("{start: 181000, perSecond: 350}", "{perSecond: 350}", "{perSecond: 350}"),
-    "two machines of one id": ('- id: "32"', '- id: "16"', None),
+    "two VMs of one id": ('- id: "32"', '- id: "16"', None),
     "no YAML": ("vms:\n", "vms: [\n", None),
 }
 
 
 @pytest.mark.parametrize("old, new, line", MISTAKES.values(), ids=MISTAKES.keys())
-def test_a_mistake_in_the_description_is_told_with_its_place(directory, old, new, line):
+def test_a_mistake_in_the_description_is_logged_with_its_place(directory, old, new, line):
     text = SMALL.read_text().replace(old, new, 1)
     assert text != SMALL.read_text()
     path = directory / "mistaken.yaml"
@@ -300,7 +284,7 @@ def test_help_names_every_option():
         assert option in result.stdout
 
 
-def test_a_port_that_is_taken_is_told(start_daemon, directory):
+def test_a_port_that_is_taken_is_logged(start_daemon, directory):
     start_daemon(SMALL)
     result = run("--host", SMALL, "--listen", "127.0.0.1:902", "--ticket-dir", directory, "--state-dir", directory, "--foreground")
     assert result.returncode > 0
@@ -308,7 +292,7 @@ def test_a_port_that_is_taken_is_told(start_daemon, directory):
 
 
 def test_only_this_host_is_served(start_daemon):
-    """The daemon hears loopback alone, whatever other addresses the machine has."""
+    """The daemon listens on loopback alone, whatever other addresses the host has."""
     start_daemon(SMALL)
     listening = subprocess.run(["ss", "-Hltn"], capture_output=True, text=True, check=True).stdout
     assert re.findall(r"(\S+):902\s", listening) == ["127.0.0.1"]

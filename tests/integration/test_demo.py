@@ -1,4 +1,4 @@
-"""The demonstration: what it prints, what it leaves, and what it says when it cannot run."""
+"""The demonstration: what it prints, what it leaves, and its messages when it cannot run."""
 
 import os
 import re
@@ -38,8 +38,8 @@ def test_the_demo_prints_every_table_and_shows_counters_move(tmp_path, monkeypat
     assert result.stderr == ""
     assert "prodName = Tovric Kelv Server" in result.stdout and "kernelLoaded = no" in result.stdout
     assert "memReserved = 278528" in result.stdout
-    machines, = tables(result.stdout, "vmTable")
-    assert [row["vmDisplayName"] for row in machines] == ["web-1", "backup"]
+    vms, = tables(result.stdout, "vmTable")
+    assert [row["vmDisplayName"] for row in vms] == ["web-1", "backup"]
     for table in ("hbaTable", "tgtTable", "nicTable", "floppyTable", "cdromTable"):
         assert tables(result.stdout, table)[0]
     for table, column in (("cpuTable", "cpuUsedSec"), ("diskTable", "diskRead"), ("netTable", "netHCPktTx")):
@@ -57,8 +57,8 @@ def test_a_kept_demo_can_be_queried_and_stopped_as_it_says(tmp_path, monkeypatch
     assert len(tables(result.stdout, "vmTable")[0]) == 14
     query, = re.findall(r"^  (.*snmptable .*)$", result.stdout, re.M)
     stop, = re.findall(r"^  (kill (\d+) (\d+); tail .*; rm -r .*)$", result.stdout, re.M)
-    answer = subprocess.run(shlex.split(query), capture_output=True, text=True)
-    assert answer.returncode == 0 and "every device" in answer.stdout
+    reply = subprocess.run(shlex.split(query), capture_output=True, text=True)
+    assert reply.returncode == 0 and "every device" in reply.stdout
     assert all(system.is_alive(pid) for pid in stop[1:])
     subprocess.run(["bash", "-c", stop[0]], check=True)
     for pid in stop[1:]:
@@ -67,7 +67,7 @@ def test_a_kept_demo_can_be_queried_and_stopped_as_it_says(tmp_path, monkeypatch
 
 @pytest.mark.parametrize("arguments, word", [
     (["--host"], "--host"), (["--host", "/nonexistent.yaml"], "/nonexistent.yaml"), (["--nonsense"], "usage")])
-def test_the_demo_says_what_is_wrong_with_its_arguments(arguments, word):
+def test_the_demo_names_what_is_wrong_with_its_arguments(arguments, word):
     result = demo(*arguments)
     assert result.returncode != 0
     assert word in result.stderr
@@ -83,7 +83,7 @@ def test_the_demo_shows_why_a_daemon_does_not_start(tmp_path):
 
 
 @pytest.mark.slow
-def test_the_demo_says_that_a_live_host_cannot_be_reached(tmp_path):
+def test_the_demo_reports_that_a_live_host_cannot_be_reached(tmp_path):
     result = demo("--libvirt", f"qemu+unix:///system?socket={tmp_path}/nobody")
     assert result.returncode != 0
     assert re.search("demo: libvirt cannot be reached: .*nobody", result.stderr)

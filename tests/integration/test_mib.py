@@ -1,140 +1,110 @@
-"""The MIB file against what the module registers, as net-snmp's own parser reads the file."""
+"""The MIB file by itself, and against what the agent registers and serves."""
 
-import os
 import re
-import subprocess
 
+import mib
 import pytest
 import system
-from expected_tree import ENTERPRISE
-
-INTEGER, TEXT, IDENTIFIER, COUNTER = "Integer32", "OCTET STRING", "OBJECT IDENTIFIER", "Counter64"
+from mib import ENTERPRISE
+from net_snmp import dotted, parse_oid
 
 # The names of the agent's own table of registrations, indexed by where each is.
 NS_MODULE_NAME = (1, 3, 6, 1, 4, 1, 8072, 1, 2, 1, 1, 4)
 
-# What the module registers: name, place under the enterprise, syntax.
-SCALARS = [
-    ("prodName", "1.1", TEXT), ("prodVersion", "1.2", TEXT), ("prodOID", "1.3", IDENTIFIER), ("prodBuild", "1.4", TEXT),
-    ("numCpuCores", "3.1.1", INTEGER),
-    ("memTotal", "3.2.1", INTEGER), ("memReserved", "3.2.2", INTEGER), ("memUnreserved", "3.2.3", INTEGER),
-    ("kernelLoaded", "4.1.1.1", TEXT),
-]
+# What changes its unit while the agent runs.
+OF_CHANGING_UNIT = {"memReserved", "memUnreserved"}
 
-# Table, place of its entry, columns from 1 on, and the columns that it is indexed by.
-TABLES = [
-    ("vmTable", "2.1.1", ["vmIdx"], [
-        ("vmIdx", INTEGER), ("vmDisplayName", TEXT), ("vmConfigFile", TEXT), ("vmGuestOS", TEXT), ("vmMemSize", INTEGER),
-        ("vmState", TEXT), ("vmVMID", INTEGER), ("vmGuestState", TEXT)]),
-    ("hbaTable", "2.2.1", ["hbaVmIdx", "hbaBus"], [
-        ("hbaVmIdx", INTEGER), ("hbaBus", INTEGER), ("hbaLabel", TEXT), ("hbaType", TEXT)]),
-    ("tgtTable", "2.3.1", ["tgtVmIdx", "tgtUnit"], [("tgtVmIdx", INTEGER), ("tgtUnit", INTEGER), ("tgtLabel", TEXT)]),
-    ("nicTable", "2.4.1", ["nicVmIdx", "nicIdx"], [
-        ("nicVmIdx", INTEGER), ("nicIdx", INTEGER), ("nicLabel", TEXT), ("nicNetwork", TEXT), ("nicDevice", TEXT)]),
-    ("floppyTable", "2.5.1", ["fdVmIdx", "fdUnit"], [
-        ("fdVmIdx", INTEGER), ("fdUnit", INTEGER), ("fdBacking", TEXT), ("fdConnected", TEXT)]),
-    ("cdromTable", "2.6.1", ["cdVmIdx", "cdIdeIndex"], [
-        ("cdVmIdx", INTEGER), ("cdIdeIndex", INTEGER), ("cdBacking", TEXT), ("cdConnected", TEXT)]),
-    ("cpuTable", "3.1.2.1", ["cpuVMID"], [("cpuVMID", INTEGER), ("cpuShares", INTEGER), ("cpuUsedSec", INTEGER)]),
-    ("memTable", "3.2.4.1", ["memVMID"], [
-        ("memVMID", INTEGER), ("memShares", INTEGER), ("memConfiguredKB", INTEGER), ("memActive", INTEGER)]),
-    ("diskTable", "3.3.1", ["diskIdx"], [
-        ("diskIdx", INTEGER), ("diskName", TEXT), ("diskVMID", INTEGER), ("diskShares", INTEGER), ("diskNumRead", INTEGER),
-        ("diskRead", INTEGER), ("diskNumWrite", INTEGER), ("diskWrite", INTEGER)]),
-    ("netTable", "3.4.1", ["netIdx"], [
-        ("netIdx", INTEGER), ("netName", TEXT), ("netVMID", INTEGER), ("netMac", TEXT), ("netSpare", INTEGER),
-        ("netPktTx", INTEGER), ("netTx", INTEGER), ("netPktRx", INTEGER), ("netRx", INTEGER), ("netHCPktTx", COUNTER),
-        ("netHCTx", COUNTER), ("netHCPktRx", COUNTER), ("netHCRx", COUNTER)]),
-]
-
-# What the figures count. Every other number is a position, an identifier, or changes its unit (memReserved, memUnreserved).
-UNITS = {
-    "numCpuCores": "cores", "cpuShares": "shares", "cpuUsedSec": "seconds",
-    "vmMemSize": "megabytes", "memTotal": "kilobytes", "memShares": "shares", "memConfiguredKB": "kilobytes", "memActive": "kilobytes",
-    "diskShares": "shares", "diskNumRead": "requests", "diskRead": "kilobytes", "diskNumWrite": "requests", "diskWrite": "kilobytes",
-    "netPktTx": "packets", "netTx": "kilobytes", "netPktRx": "packets", "netRx": "kilobytes",
-    "netHCPktTx": "packets", "netHCTx": "kilobytes", "netHCPktRx": "packets", "netHCRx": "kilobytes",
-}
-
-OBJECTS = SCALARS + [(name, f"{place}.{column}", syntax)
-                     for _, place, _, columns in TABLES for column, (name, syntax) in enumerate(columns, 1)]
+OBJECTS = mib.objects().values()
+NUMBERS = [o for o in OBJECTS if o.type in ("INTEGER", "Counter64")]
+ALL_UNITS = {o.units for o in NUMBERS} - {None}
 
 
-def translate(*arguments, module="TOVRIC-KELV-MIB"):
-    """snmptranslate with our folders only; it must have nothing to complain of."""
-    folders = f"{system.ROOT}/mibs:{system.ROOT}/mibs/smi"
-    result = subprocess.run(["snmptranslate", "-M", folders, "-m", module, "-Pw", *arguments],
-                            capture_output=True, text=True, env={**os.environ, "SNMPCONFPATH": "/nonexistent"})
-    complaints = [line for line in result.stderr.splitlines() if "MACRO (lines" not in line]
-    assert not complaints and result.returncode == 0
-    return result.stdout
+def test_the_file_is_read_whole():
+    """So that no test below passes because the parser was misunderstood."""
+    defined = re.findall(r"^(\w+) OBJECT-TYPE\n(.*?)\n    ::= \{ (\w+) (\d+) \}", mib.FILE.read_text(), re.M | re.S)
+    assert [name for name, clauses, *_ in defined if "not-accessible" not in clauses] == list(mib.objects())
+    assert {name: int(number) for name, _, _, number in defined} == {name: mib.oids()[name][-1] for name, *_ in defined}
+    assert [table.entry for table in mib.tables().values()] == [mib.oids()[name] for name, *_ in defined if name.endswith("Entry")]
+    assert sum(len(table.columns) for table in mib.tables().values()) + len(mib.scalars()) == len(mib.objects())
 
 
-@pytest.mark.parametrize("name, place, syntax", OBJECTS, ids=[o[0] for o in OBJECTS])
-def test_object_is_defined_as_it_is_registered(name, place, syntax):
-    details = translate("-Td", f"TOVRIC-KELV-MIB::{name}")
-    assert translate("-On", f"TOVRIC-KELV-MIB::{name}").split() == [f".1.3.6.1.4.1.32473.{place}"]
-    assert re.search(r"^  SYNTAX\s+([A-Za-z0-9]+(?: STRING| IDENTIFIER)?)", details, re.M)[1] == syntax
-    assert re.search(r"^  MAX-ACCESS\s+(\S+)$", details, re.M)[1] == "read-only"
-    assert re.search(r"^  STATUS\s+(\S+)$", details, re.M)[1] == "current"
-    assert len(re.search(r'^  DESCRIPTION\s+"(.*?)"', details, re.M | re.S)[1]) > 10
+@pytest.mark.parametrize("declared", OBJECTS, ids=lambda o: o.name)
+def test_object_is_current_read_only_and_described(declared):
+    assert declared.access == "read-only"
+    assert declared.status == "current"
+    assert len(declared.description) > 10
+    assert (declared.size is not None) == (declared.type == "OCTET STRING")
 
 
-@pytest.mark.parametrize("name", [name for name, _, syntax in OBJECTS if syntax in (INTEGER, COUNTER)])
-def test_a_figure_states_its_unit(name):
-    described = translate("-Td", f"TOVRIC-KELV-MIB::{name}")
-    units = re.findall(r'^\s*UNITS\s+"(\w+)"$', described, re.MULTILINE)
-    assert units == ([UNITS[name]] if name in UNITS else [])
+def units_described(number):
+    """The units that a number's description names; that of a number's low 32 bits stands for that of the whole number."""
+    whole = re.match(r"The low 32 bits of (\w+)\.$", number.description)
+    return units_described(mib.objects()[whole[1]]) if whole else {unit for unit in ALL_UNITS if re.search(rf"\b{unit}\b", number.description)}
 
 
-@pytest.mark.parametrize("table, place, index, columns", TABLES, ids=[t[0] for t in TABLES])
-def test_table_is_indexed_as_its_instances_are_formed(table, place, index, columns):
-    entry = translate("-Td", f".1.3.6.1.4.1.32473.{place}")
-    assert re.search(r"INDEX\s+\{ (.*?) \}", entry)[1].split(", ") == index
-    assert translate("-On", f"TOVRIC-KELV-MIB::{table}").strip() == f".1.3.6.1.4.1.32473.{place[:-2]}"
+@pytest.mark.parametrize("number", NUMBERS, ids=lambda o: o.name)
+def test_number_states_its_unit_where_its_description_names_one(number):
+    if number.name in OF_CHANGING_UNIT:
+        assert number.units is None
+    elif number.units:
+        assert number.units in units_described(number)
+    else:
+        assert units_described(number) == set()
+
+
+@pytest.mark.parametrize("table", mib.tables().values(), ids=lambda t: t.name)
+def test_columns_are_numbered_from_one_and_the_index_is_the_first_of_them(table):
+    assert [column.oid for column in table.columns] == [table.entry + (n,) for n in range(1, len(table.columns) + 1)]
+    assert tuple(column.name for column in table.columns[:len(table.index)]) == table.index
+    assert table.entry == table.oid + (1,)
 
 
 def test_the_file_defines_nothing_else_that_can_be_read():
-    tree = translate("-Tp", "TOVRIC-KELV-MIB::tovric")
-    assert sorted(re.findall(r"-- -R-- \S+\s+(\w+)\(\d+\)", tree)) == sorted(name for name, *_ in OBJECTS)
+    tree = mib.translate("-Tp", f"{mib.NAME}::tovric")
+    assert re.findall(r"-- -R-- \S+\s+(\w+)\(\d+\)", tree) == list(mib.objects())
+    assert "-W-" not in tree and "-RW" not in tree
 
 
 def test_every_object_belongs_to_a_group_of_the_compliance_statement():
-    text = (system.ROOT / "mibs/TOVRIC-KELV-MIB.txt").read_text()
+    text = mib.FILE.read_text()
     groups = dict(re.findall(r"^(\w+) OBJECT-GROUP\s+OBJECTS\s+\{(.*?)\}", text, re.M | re.S))
     grouped = [name for names in groups.values() for name in re.findall(r"\w+", names)]
-    assert sorted(grouped) == sorted(name for name, *_ in OBJECTS)
+    assert sorted(grouped) == sorted(mib.objects())
     mandatory = re.search(r"MANDATORY-GROUPS \{(.*?)\}", text, re.S)[1]
     assert sorted(re.findall(r"\w+", mandatory)) == sorted(groups)
 
 
-def test_a_negative_index_can_be_named():
-    assert translate("-On", "TOVRIC-KELV-MIB::memShares.4294967295").strip() == ".1.3.6.1.4.1.32473.3.2.4.1.2.4294967295"
-    assert translate(".1.3.6.1.4.1.32473.3.1.2.1.2.4294967295").strip() == "TOVRIC-KELV-MIB::cpuShares.4294967295"
+@pytest.mark.parametrize("name", ["memShares", "cpuShares"])
+def test_a_negative_index_can_be_named(name):
+    oid = mib.oid(name, -1)
+    assert oid[-1] == 4294967295
+    assert parse_oid(mib.translate("-On", f"{mib.NAME}::{name}.4294967295")) == oid
+    assert mib.translate(dotted(oid)).strip() == f"{mib.NAME}::{name}.4294967295"
 
 
 def registered(agent):
-    """The places under the enterprise that the agent has a handler for, by its own table of registrations."""
+    """The OIDs under the enterprise that the agent has a handler for, by its own table of registrations."""
     rests = [i.oid[len(NS_MODULE_NAME) + 1:] for i in agent.client.walk(NS_MODULE_NAME)]     # the context's name is empty
-    names = [rest[1:1 + rest[0]] for rest in rests]
-    return {".".join(map(str, name[len(ENTERPRISE):])) for name in names if name[:len(ENTERPRISE)] == ENTERPRISE}
+    oids = [rest[1:1 + rest[0]] for rest in rests]
+    return [oid for oid in oids if oid[:len(ENTERPRISE)] == ENTERPRISE]
 
 
-def test_the_agent_registers_and_answers_what_the_file_defines(start_daemon, start_agent):
+def test_the_agent_registers_and_serves_what_the_file_defines(start_daemon, start_agent):
     start_daemon(system.HOSTS / "every-device.yaml")
     agent = start_agent()
     agent.allow_log(*system.DATA_LOG, *system.NO_DATASTORE_LOG)
-    types = {INTEGER: "INTEGER", TEXT: "OCTET STRING", IDENTIFIER: "OBJECT IDENTIFIER", COUNTER: "Counter64"}
-    arity = {f"{place}.{column}": len(index) for _, place, index, columns in TABLES for column in range(1, len(columns) + 1)}
-    places = {place: (types[syntax], arity.get(place)) for _, place, syntax in OBJECTS}
-    assert registered(agent) == set(places)
+    assert sorted(registered(agent)) == [o.oid for o in OBJECTS]
+    walk = agent.client.walk()
+    values = {instance.oid: instance.value for instance in walk}
     seen = set()
-    for instance in agent.client.walk():
-        rest = instance.oid[len(ENTERPRISE):]
-        place = next(p for p in (".".join(map(str, rest[:n])) for n in range(1, len(rest))) if p in places)
-        kind, width = places[place]
-        assert instance.type == kind
-        part = rest[place.count(".") + 1:]
-        assert part == (0,) if width is None else len(part) == width
-        seen.add(place)
-    assert seen == set(places)
+    for instance in walk:
+        declared, = (o for o in OBJECTS if instance.oid[:len(o.oid)] == o.oid)
+        assert instance.type == declared.type
+        index = instance.oid[len(declared.oid):]
+        if declared.table:
+            # Each part of the index is the value of its INDEX column in the same row.
+            assert [values[mib.objects()[name].oid + index] & 0xffffffff for name in declared.table.index] == list(index)
+        else:
+            assert index == (0,)
+        seen.add(declared.name)
+    assert seen == set(mib.objects())

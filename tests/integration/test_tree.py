@@ -1,9 +1,10 @@
-"""A manager's view of whole hosts: every way of reading must give the tree that the description says."""
+"""A manager's view of whole hosts: every way of reading must return the tree that the description gives."""
 
 import expected_tree
+import mib
 import pytest
 import system
-from expected_tree import ENTERPRISE
+from mib import ENTERPRISE
 from snmp_client import V1, ErrorStatus
 
 HOSTS = ["small", "every-device", "resources", "catalogue", "many-cores", "empty"]
@@ -17,11 +18,11 @@ def describe_texts():
     def quoted(text):
         return '"' + "".join(c if c.isalnum() and c.isascii() else f"\\U{ord(c):08x}" for c in text) + '"'
 
-    machines = []
+    vms = []
     for number, text in enumerate(map(quoted, ODD_TEXTS)):
         backing = f"{{type: DeviceBackingInfo, deviceName: {text}}}"
         info = f"{{label: {text}, summary: {text}}}"
-        machines.append(f"""
+        vms.append(f"""
   - id: "{number}"
     config:
       name: {text}
@@ -45,17 +46,17 @@ about: {{name: "{"n" * 300}", version: "1234567.1234567.7", build: "{"b" * 40}"}
 hardware: {{cpuInfo: {{numCpuCores: 32767}}}}
 serviceConsole: {{serviceConsoleReserved: 1048576, unreserved: 1048576}}
 datastores: []
-vms:{"".join(machines)}"""
+vms:{"".join(vms)}"""
 
 
-def describe_many(machines):
-    """A host with many machines, in an order that is not that of their identifiers."""
+def describe_many(count):
+    """A host with many VMs, in an order that is not that of their identifiers."""
     entries = []
-    for k in range(machines):
+    for k in range(count):
         entries.append(f"""
-  - id: "{(k * 37) % machines * 4}"
+  - id: "{(k * 37) % count * 4}"
     config:
-      name: machine {k}
+      name: vm {k}
       guestFullName: Debian GNU/Linux 12 (64-bit)
       files: {{vmPathName: "[] {k}.cfg"}}
       hardware:
@@ -80,7 +81,7 @@ datastores: []
 vms:{"".join(entries)}"""
 
 
-GENERATED = {"texts": describe_texts, "forty machines": lambda: describe_many(40)}
+GENERATED = {"texts": describe_texts, "forty VMs": lambda: describe_many(40)}
 
 
 @pytest.fixture(params=HOSTS + list(GENERATED))
@@ -95,7 +96,7 @@ def described(request, directory):
 
 @pytest.fixture
 def running(described, start_daemon, start_agent):
-    """The daemon and the agent for a host, with the memory figures read once; and the host."""
+    """The daemon and the agent for a host, with the memory scalars read once; and the host."""
     daemon = start_daemon(described)
     agent = start_agent()
     agent.allow_log(*system.DATA_LOG)
@@ -104,7 +105,7 @@ def running(described, start_daemon, start_agent):
         agent.allow_log("SNMPRaskRefreshCache: no VM found.")
     if "ds-gone" in described.read_text():
         agent.allow_log(*system.NO_DATASTORE_LOG)
-    agent.client.get(ENTERPRISE + (3, 2, 1, 0))
+    agent.client.get(mib.oid("memTotal"))
     return daemon, agent, host
 
 
@@ -116,23 +117,23 @@ def assert_equal(found, daemon, host, keep=lambda instance: True):
     assert not wrong, f"{len(wrong)} instances differ (found, expected), the first: {wrong[0]}"
 
 
-def test_get_next_passes_through_the_whole_tree(running):
+def test_get_next_walks_the_whole_tree(running):
     daemon, agent, host = running
     assert_equal(agent.client.walk(), daemon, host)
 
 
 @pytest.mark.parametrize("repetitions", [1, 7, 50])
-def test_get_bulk_passes_through_the_whole_tree(running, repetitions):
+def test_get_bulk_walks_the_whole_tree(running, repetitions):
     daemon, agent, host = running
     assert_equal(agent.client.bulk_walk(repetitions=repetitions), daemon, host)
 
 
-def test_version_1_passes_over_the_64_bit_counters_only(running):
+def test_version_1_skips_the_64_bit_counters_only(running):
     daemon, agent, host = running
     assert_equal(agent.client.walk(version=V1), daemon, host, lambda i: i.type != "Counter64")
 
 
-def test_get_answers_every_instance(running):
+def test_get_reads_every_instance(running):
     daemon, agent, host = running
     found = [agent.client.get(instance.oid)[0] for instance in expected_tree.tree(host)]
     assert_equal(found, daemon, host)
@@ -149,7 +150,7 @@ def test_many_instances_in_one_get_are_answered_each_by_its_own_value(running):
     assert_equal(found, daemon, host, lambda i: i.oid in oids)
 
 
-def test_get_beside_an_instance_answers_nothing(running):
+def test_get_beside_an_instance_finds_nothing(running):
     _, agent, host = running
     oids = {instance.oid for instance in expected_tree.tree(host)}
     for oid in sorted(oids):
@@ -163,7 +164,7 @@ def test_version_1_get_of_a_64_bit_counter_is_refused(start_daemon, start_agent)
     start_daemon(system.HOSTS / "small.yaml")
     agent = start_agent()
     with pytest.raises(ErrorStatus, match="noSuchName"):
-        agent.client.get(ENTERPRISE + (3, 4, 1, 10, 1), version=V1)
+        agent.client.get(mib.oid("netHCPktTx", 1), version=V1)
 
 
 def test_get_next_of_any_place_leads_to_the_next_instance(start_daemon, start_agent):

@@ -1,7 +1,8 @@
-"""The tree that the agent must answer for a libvirt host, worked out from what virsh says.
+"""The tree that the agent must serve for a libvirt host, computed from what virsh says.
 
-A second, separate reading of docs/libvirt.md: it shares no code with the daemon and asks nothing of it, but for the
-numbers that it gave the machines.
+A second, separate reading of docs/libvirt.md: it shares no code with the daemon and takes nothing from it, but for the
+numbers that it gave the VMs. A column that virsh says nothing of is checked for its instances and their type; its values are
+checked on described hosts.
 """
 
 import os
@@ -10,7 +11,7 @@ import string
 import xml.etree.ElementTree as xml
 
 import expected_tree
-from expected_tree import ENTERPRISE, Between, Instance, Table, counter64, int32, integer, text
+from expected_tree import Between, instance, int32
 from libvirt_host import virsh
 
 POWER = {"running": "poweredOn", "idle": "poweredOn", "in shutdown": "poweredOn", "paused": "suspended",
@@ -19,7 +20,7 @@ GUEST = {"running": "running", "idle": "running", "in shutdown": "shuttingDown",
 
 
 class Domain:
-    """What virsh says of one machine at one moment."""
+    """What virsh says of one domain at one moment."""
 
     def __init__(self, uuid, description, state, info):
         self.uuid = uuid
@@ -81,7 +82,7 @@ def full_guest_name(domain):
 
 
 def source(drive, storage):
-    """What a drive shows, and the name of its figures or None."""
+    """The name of a drive's backing, and the instance of its statistics or None."""
     where = drive.find("source")
     if where is None:
         return None, None
@@ -121,37 +122,57 @@ def units(drives):
         yield drive, unit
 
 
-def inventory(machines, identities, config_directory, storage):
-    vms, hbas, targets = Table(2, 1, 1), Table(2, 2, 1), Table(2, 3, 1)
-    nics, floppies, cdroms = Table(2, 4, 1), Table(2, 5, 1), Table(2, 6, 1)
-    for k, domain in enumerate(machines):
+def tables(*names):
+    return [expected_tree.Table(name, partial=True) for name in names]
+
+
+def inventory(listed, identities, config_directory, storage):
+    vms, hbas, targets, nics, floppies, cdroms = every = tables(
+        "vmTable", "hbaTable", "tgtTable", "nicTable", "floppyTable", "cdromTable")
+    for k, domain in enumerate(listed):
         number = identities[domain.uuid]
         file = f"{config_directory}/{domain.name}.xml" if config_directory and domain.persistent else f"Unknown config: {number}"
-        vms.add((k,), integer(k), text(domain.name), text(file), text(full_guest_name(domain)),
-                integer(int(domain.root.findtext("memory")) // 1024), text(POWER[domain.state]), integer(number),
-                text(GUEST.get(domain.state, "notRunning")))
+        vms.add(vmIdx=k,
+                vmDisplayName=domain.name,
+                vmConfigFile=file,
+                vmGuestOS=full_guest_name(domain),
+                vmMemSize=int(domain.root.findtext("memory")) // 1024,
+                vmState=POWER[domain.state],
+                vmVMID=number,
+                vmGuestState=GUEST.get(domain.state, "notRunning"))
         for controller in domain.root.findall("devices/controller[@type='scsi']"):
             model, bus = controller.get("model"), int(controller.get("index"))
-            hbas.add((k, bus), integer(k), integer(bus), text(f"SCSI controller {bus}"),
-                     text(model if model in ("lsilogic", "buslogic") else "unknown"))
+            hbas.add(hbaVmIdx=k,
+                     hbaBus=bus,
+                     hbaLabel=f"SCSI controller {bus}",
+                     hbaType=model if model in ("lsilogic", "buslogic") else "unknown")
         disk = 0
         for drive, unit in units(domain.drives):
             shown, _ = source(drive, storage)
             kind, target = drive.get("device", "disk"), drive.find("target")
-            connected = text("false" if shown is None else "true")
+            connected = "false" if shown is None else "true"
             if kind == "cdrom":
-                place = drive.find("address")
-                position = int(place.get("bus")) * 2 + unit if target.get("bus") == "ide" else 0
-                cdroms.add((k, position), integer(k), integer(position), text(shown or "no medium"), connected)
+                cdroms.add(cdVmIdx=k,
+                           cdIdeIndex=int(drive.find("address").get("bus")) * 2 + unit if target.get("bus") == "ide" else 0,
+                           cdBacking=shown or "no medium",
+                           cdConnected=connected)
             elif kind == "floppy":
-                floppies.add((k, unit), integer(k), integer(unit), text(shown or "no medium"), connected)
+                floppies.add(fdVmIdx=k,
+                             fdUnit=unit,
+                             fdBacking=shown or "no medium",
+                             fdConnected=connected)
             else:
                 disk += 1
-                targets.add((k, unit), integer(k), integer(unit), text(f"Hard disk {disk} ({target.get('dev')})"))
+                targets.add(tgtVmIdx=k,
+                            tgtUnit=unit,
+                            tgtLabel=f"Hard disk {disk} ({target.get('dev')})")
         for ordinal, card in enumerate(domain.cards):
-            nics.add((k, ordinal), integer(k), integer(ordinal), text(f"Network adapter {ordinal + 1}"),
-                     text(network(card)), text("monitor_dev"))
-    for table in (vms, hbas, targets, nics, floppies, cdroms):
+            nics.add(nicVmIdx=k,
+                     nicIdx=ordinal,
+                     nicLabel=f"Network adapter {ordinal + 1}",
+                     nicNetwork=network(card),
+                     nicDevice="monitor_dev")
+    for table in every:
         yield from table.instances()
 
 
@@ -162,22 +183,22 @@ def network(card):
 
 
 def span(before, after, name, scale=1, slack=0):
-    """A figure that was read before and after the walk, in units of `scale`; -1 where there is none."""
+    """A statistic that was read before and after the walk, in units of `scale`; -1 where there is none."""
     if name not in before or name not in after:
         return -1
     low, high = sorted((before[name] // scale, after[name] // scale))
     return Between(int32(low - slack), int32(low - slack) + high - low + 2 * slack, 32)
 
 
-def summed(figures, prefixes, name):
-    present = [figures[prefix + name] for prefix in prefixes if prefix + name in figures]
+def summed(statistics, prefixes, name):
+    present = [statistics[prefix + name] for prefix in prefixes if prefix + name in statistics]
     return {name: sum(present)} if present else {}
 
 
-def resources(machines, identities, storage, before, after, cpu_shares):
-    """`before` and `after`: by UUID, figures under the names of domstats."""
-    cpus, memories, disks, nets = Table(3, 1, 2, 1), Table(3, 2, 4, 1), Table(3, 3, 1), Table(3, 4, 1)
-    for domain in machines:
+def resources(listed, identities, storage, before, after, cpu_shares):
+    """`before` and `after`: by UUID, statistics under the names of domstats."""
+    cpus, memories, disks, nets = every = tables("cpuTable", "memTable", "diskTable", "netTable")
+    for domain in listed:
         if POWER[domain.state] == "poweredOff":
             continue
         number, old, new = identities[domain.uuid], before[domain.uuid], after[domain.uuid]
@@ -185,11 +206,14 @@ def resources(machines, identities, storage, before, after, cpu_shares):
         cpu = domain.root.find("vcpu")
         for i in range(int(cpu.get("current", cpu.text))):
             used = span(old, new, f"vcpu.{i}.time", 10 ** 9, slack=1)
-            cpus.add((number + i,), integer(number + i), integer(int(shares or cpu_shares) if i == 0 else 0),
-                     integer(0 if used == -1 else used))
-        memory = int(domain.root.findtext("memory"))
-        memories.add((number,), integer(number), integer(memory // 1024), integer(memory // 1024 << 10),
-                     integer(span(old, new, "active", slack=16384)))
+            cpus.add(cpuVMID=number + i,
+                     cpuShares=int(shares or cpu_shares) if i == 0 else 0,
+                     cpuUsedSec=0 if used == -1 else used)
+        memory = int(domain.root.findtext("memory")) // 1024
+        memories.add(memVMID=number,
+                     memShares=memory,
+                     memConfiguredKB=memory << 10,
+                     memActive=span(old, new, "active", slack=16384))
         by_name = {}
         for drive in domain.disks():
             entry = f"block.{drive.find('target').get('dev')}."
@@ -198,24 +222,39 @@ def resources(machines, identities, storage, before, after, cpu_shares):
             name = source(drive, storage)[1]
             if name is None and drive.find("source") is not None:
                 continue
-            index = len(disks.rows) + 1
-            figures = [span(summed(old, by_name[name], f), summed(new, by_name[name], f), f, scale)
-                       for f, scale in (("rd.reqs", 1), ("rd.bytes", 1024), ("wr.reqs", 1), ("wr.bytes", 1024))]
-            disks.add((index,), integer(index), text(name or "unknown"), integer(number), integer(100), *map(integer, figures))
+
+            def traffic(statistic, scale=1):
+                return span(summed(old, by_name[name], statistic), summed(new, by_name[name], statistic), statistic, scale)
+
+            disks.add(diskIdx=len(disks.rows) + 1,
+                      diskName=name or "unknown",
+                      diskVMID=number,
+                      diskShares=100,
+                      diskNumRead=traffic("rd.reqs"),
+                      diskRead=traffic("rd.bytes", 1024),
+                      diskNumWrite=traffic("wr.reqs"),
+                      diskWrite=traffic("wr.bytes", 1024))
         for card in domain.cards:
-            index = len(nets.rows) + 1
             target = card.find("target")
             entry = f"net.{target.get('dev') if target is not None else None}."
-            figures = [(entry + f, scale) for f, scale in (("tx.pkts", 1), ("tx.bytes", 1024), ("rx.pkts", 1), ("rx.bytes", 1024))]
-            narrow = [span(old, new, name, scale) for name, scale in figures]
-            long = [wide_span(old, new, name, scale) for name, scale in figures]
-            nets.add((index,), integer(index), text(network(card)), integer(number), text(card.find("mac").get("address")),
-                     integer(0), *map(integer, narrow), *map(counter64, long))
-    for table in (cpus, memories, disks, nets):
+            nets.add(netIdx=len(nets.rows) + 1,
+                     netName=network(card),
+                     netVMID=number,
+                     netMac=card.find("mac").get("address"),
+                     netSpare=0,
+                     netPktTx=span(old, new, entry + "tx.pkts"),
+                     netTx=span(old, new, entry + "tx.bytes", 1024),
+                     netPktRx=span(old, new, entry + "rx.pkts"),
+                     netRx=span(old, new, entry + "rx.bytes", 1024),
+                     netHCPktTx=wide_span(old, new, entry + "tx.pkts"),
+                     netHCTx=wide_span(old, new, entry + "tx.bytes", 1024),
+                     netHCPktRx=wide_span(old, new, entry + "rx.pkts"),
+                     netHCRx=wide_span(old, new, entry + "rx.bytes", 1024))
+    for table in every:
         yield from table.instances()
 
 
-def wide_span(before, after, name, scale):
+def wide_span(before, after, name, scale=1):
     if name not in before or name not in after:
         return (1 << 64) - 1
     low, high = before[name] // scale, after[name] // scale
@@ -230,17 +269,19 @@ def scalars(uri, kernel_loaded=False):
     cores = int(node["NUMA cell(s)"]) * int(node["CPU socket(s)"]) * int(node["Core(s) per socket"])
     yield from expected_tree.product({"about": {"name": product[1], "version": product[2], "build": library}})
     memory = int(node["Memory size"].split()[0])
-    for suffix, value in (((1, 1), cores), ((2, 1), memory), ((2, 2), 0), ((2, 3), memory)):
-        yield Instance(ENTERPRISE + (3, *suffix, 0), "INTEGER", int32(value))
-    yield Instance(ENTERPRISE + (4, 1, 1, 1, 0), "OCTET STRING", b"yes" if kernel_loaded else b"no")
+    yield instance("numCpuCores", cores)
+    yield instance("memTotal", memory)
+    yield instance("memReserved", 0)
+    yield instance("memUnreserved", memory)
+    yield instance("kernelLoaded", "yes" if kernel_loaded else "no")
 
 
-def tree(uri, identities, before, after, machines=None, config_directory=None, cpu_shares=1024):
-    """Every instance under the enterprise, in the order of a walk; `machines`: where they have not changed since then."""
+def tree(uri, identities, before, after, listed=None, config_directory=None, cpu_shares=1024):
+    """Every instance under the enterprise, in the order of a walk; `listed`: the domains, where they have not changed since."""
     storage = Storage(uri)
-    machines = sorted(machines or domains(uri), key=lambda domain: identities[domain.uuid])
-    instances = [*scalars(uri), *inventory(machines, identities, config_directory, storage),
-                 *resources(machines, identities, storage, before, after, cpu_shares)]
+    listed = sorted(listed or domains(uri), key=lambda domain: identities[domain.uuid])
+    instances = [*scalars(uri), *inventory(listed, identities, config_directory, storage),
+                 *resources(listed, identities, storage, before, after, cpu_shares)]
     return sorted(instances, key=lambda instance: instance.oid)
 
 

@@ -71,7 +71,7 @@ def test_the_walk_equals_what_virsh_says(uri, directory, start_libvirt_daemon):
     identities = daemon.identities()
     assert sorted(identities) == sorted(domain.uuid for domain in machines)
     assert len(set(identities.values())) == len(machines)
-    domain_tree.assert_equal(found, domain_tree.tree(uri, identities, before, after, machines=machines, cpu_shares=50))
+    domain_tree.assert_equal(found, domain_tree.tree(uri, identities, before, after, listed=machines, cpu_shares=50))
 
 
 def test_machines_keep_their_numbers_over_a_restart(directory, start_libvirt_daemon, start_agent):

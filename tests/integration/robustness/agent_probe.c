@@ -44,11 +44,11 @@ __attribute__((constructor)) static void MapShared(void) {
 time_t time(time_t* out) {
     struct timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
-    const time_t answer = now.tv_sec + (shared != NULL ? shared->shift : 0);
+    const time_t result = now.tv_sec + (shared != NULL ? shared->shift : 0);
     if (out != NULL) {
-        *out = answer;
+        *out = result;
     }
-    return answer;
+    return result;
 }
 
 int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, struct timeval* timeout) {

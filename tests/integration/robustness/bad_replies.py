@@ -1,15 +1,13 @@
-"""Replies that no daemon should send, as whole HTTP messages. Each is made for the method that it pretends to answer."""
+"""Replies that no daemon should send, as whole HTTP messages, made for the method that they pretend to reply to."""
 
 import copy
 import xml.etree.ElementTree as xml
 
-from recorded_session import envelope, fault, http_reply
+from fake_daemon import fault, http_reply
+from wire import BODY, XSI, envelope
 
 FAULTS = ["MethodFault", "RuntimeFault", "SystemError", "HostCommunication", "InvalidResponse", "InvalidRequest",
           "ManagedObjectNotFound", "NotAuthenticated", "InvalidLogin", "InvalidArgument", "NoSuchFault", "VirtualDisk"]
-
-_XSI = "{http://www.w3.org/2001/XMLSchema-instance}"
-_BODY = "{http://schemas.xmlsoap.org/soap/envelope/}Body"
 
 
 def http(method):
@@ -39,7 +37,7 @@ def http(method):
         "chunk size negative": message("Transfer-Encoding: chunked\r\n", b"-5\r\nabcde\r\n0\r\n\r\n"),
         "chunk size overflows": message("Transfer-Encoding: chunked\r\n", b"fffffffffffffffff\r\nabc\r\n0\r\n\r\n"),
         "chunk size 2^64-1": message("Transfer-Encoding: chunked\r\n", b"ffffffffffffffff\r\nabc\r\n0\r\n\r\n"),
-        "chunk longer than told": message("Transfer-Encoding: chunked\r\n", b"3\r\nabcdef\r\n0\r\n\r\n"),
+        "chunk longer than its size": message("Transfer-Encoding: chunked\r\n", b"3\r\nabcdef\r\n0\r\n\r\n"),
         "chunk extension of 100 kB": message("Transfer-Encoding: chunked\r\n", b"3;" + b"e" * 100_000 + b"\r\nabc\r\n0\r\n\r\n"),
         "chunk trailers of 1 MB": message("Transfer-Encoding: chunked\r\n", chunk + b"0\r\n" + b"T: t\r\n" * 170_000 + b"\r\n"),
         "unknown transfer encoding": message(f"Transfer-Encoding: gzip\r\nContent-Length: {length}\r\n"),
@@ -79,7 +77,7 @@ def xml_texts(method):
         "no envelope": (open_ + close).encode(),
         "no body": b"<Envelope/>",
         "an empty body": envelope(""),
-        "two answers": envelope((open_ + close) * 2),
+        "two results": envelope((open_ + close) * 2),
         "two bodies": good.replace(b"</s:Envelope>", b"<s:Body/></s:Envelope>"),
         "a document type": b'<!DOCTYPE a SYSTEM "file:///etc/shadow">' + good,
         "an entity": b'<!DOCTYPE a [<!ENTITY b "c">]>' + wrapped("&b;"),
@@ -99,7 +97,7 @@ def xml_texts(method):
         "an empty fault": envelope("<Fault/>"),
         "a fault that is ill-typed": envelope('<Fault><detail><ManagedObjectNotFound><obj>1</obj><obj>2</obj></ManagedObjectNotFound></detail></Fault>'),
         "a text for an object": wrapped("<returnval>text</returnval>"),
-        "100 answers for one": wrapped("<returnval/>" * 100),
+        "100 results for one": wrapped("<returnval/>" * 100),
         "unknown elements": wrapped("<unknown><deep>1</deep></unknown>" * 100),
         "a type that is unknown": wrapped('<returnval xsi:type="NoSuchType"/>'),
         "a type that is another": wrapped('<returnval xsi:type="VirtualDisk"/>'),
@@ -110,7 +108,7 @@ def xml_texts(method):
 
 
 def large(method):
-    """Messages that cost much to take apart, by name."""
+    """Messages that cost much to parse, by name."""
     open_, close = f'<{method}Response xmlns="urn:ordane">', f"</{method}Response>"
 
     def wrapped(content):
@@ -122,10 +120,10 @@ def large(method):
         "490,000 attributes": wrapped("<returnval " + " ".join(f'a{n}=""' for n in range(490_000)) + "/>"),
         "1,000,000 elements": wrapped("<a/>" * 1_000_000),
         "2,100,000 elements": wrapped("<a/>" * 2_100_000),
-        "490,000 answers": wrapped("<returnval></returnval>" * 490_000),
+        "490,000 results": wrapped("<returnval></returnval>" * 490_000),
         "a text of 31 MB": wrapped("<returnval>" + "t" * 31_000_000 + "</returnval>"),
         "31 MB of entities": wrapped("<returnval>" + "&amp;" * 6_200_000 + "</returnval>"),
-        "100 MB, told before": http_reply(b"a" * 100_000_000),
+        "100 MB with a content length": http_reply(b"a" * 100_000_000),
         "100 MB in chunks": b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + chunk * 100 + b"0\r\n\r\n",
         "100 MB until the end": b"HTTP/1.1 200 OK\r\n\r\n" + b"a" * 100_000_000,
         "8 MB in chunks of one byte": b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + b"1\r\na\r\n" * 1_400_000 + b"0\r\n\r\n",
@@ -133,7 +131,7 @@ def large(method):
 
 
 def faults(method):
-    """Every kind of fault, by name; HTTP says that it is one, and that it is none."""
+    """Every kind of fault, by name; with the HTTP status of one, and of none."""
     del method
     found = {f"fault {name}": fault(name) for name in FAULTS}
     found["fault with status 200"] = fault("SystemError").replace(b"500 Internal Server Error", b"200 OK")
@@ -141,15 +139,15 @@ def faults(method):
 
 
 def mutations(method, content):
-    """The good answer `content` with one thing changed, for every element of it: pairs of name and message."""
-    # The text is written again by this parser, with prefixes of its own for all but the type's.
-    xml.register_namespace("xsi", _XSI[1:-1])
+    """The good result `content` with one thing changed, for every element of it: pairs of name and message."""
+    # This parser writes the text with prefixes of its own for all but the type's.
+    xml.register_namespace("xsi", XSI[1:-1])
     root = xml.fromstring(envelope(f'<{method}Response>{content}</{method}Response>'))
-    answer = root.find(_BODY)[0]
+    result = root.find(BODY)[0]
 
     def message(changed):
         new = copy.deepcopy(root)
-        body = new.find(_BODY)
+        body = new.find(BODY)
         body[:] = [changed]
         return http_reply(xml.tostring(new))
 
@@ -165,11 +163,11 @@ def mutations(method, content):
 
     texts = ["", "x", "-1", "99999999999999999999", "2147483648", " 1", "true", "[", "\t\n"]
     types = ["NoSuchType", "VirtualDisk", "VmConfigInfo", "s:", "", "FileBackingInfo"]
-    for path in paths(answer):
-        where = f"element {path} ({at(answer, path).tag})"
+    for path in paths(result):
+        where = f"element {path} ({at(result, path).tag})"
 
         def changed(change):
-            copied = copy.deepcopy(answer)
+            copied = copy.deepcopy(result)
             change(at(copied, path[:-1]), at(copied, path), path[-1])
             return message(copied)
 
@@ -182,7 +180,7 @@ def mutations(method, content):
         for text in texts:
             yield f"{where} = {text!r}", changed(lambda parent, element, index, t=text: setattr(element, "text", t))
         for type in types:
-            yield f"{where} of type {type!r}", changed(lambda parent, element, index, t=type: element.set(_XSI + "type", t))
+            yield f"{where} of type {type!r}", changed(lambda parent, element, index, t=type: element.set(XSI + "type", t))
             yield f"{where} referring to {type!r}", changed(lambda parent, element, index, t=type: element.set("type", t))
 
 

@@ -1,4 +1,4 @@
-"""Fixtures of the robustness tests: an agent whose wall clock can be moved, and a rogue daemon on its port."""
+"""Fixtures of the robustness tests: an agent whose wall clock can be moved, and a fake daemon on its port."""
 
 import contextlib
 import itertools
@@ -11,22 +11,25 @@ import unittest.mock
 
 import pytest
 
-for helper in ("rogue_daemon", "recorded_session", "watch"):
+for helper in ("fake_daemon", "watch"):
     pytest.register_assert_rewrite(helper)
 
 import expected_tree        # noqa: E402
-import recorded_session     # noqa: E402
-import rogue_daemon         # noqa: E402
+import fake_daemon          # noqa: E402
+import mib                  # noqa: E402
 import system               # noqa: E402
 import watch                # noqa: E402
 
-# The name of the first machine.
-FIRST_NAME = expected_tree.ENTERPRISE + (2, 1, 1, 2, 0)
+FIRST_NAME = mib.oid("vmDisplayName", 0)
 
 
-def pytest_collection_modifyitems(items):
-    """Tests that mostly wait go first, so that the others run beside them."""
-    items.sort(key=lambda item: item.get_closest_marker("slow") is None)
+@pytest.fixture(autouse=True)
+def reported_faults(request):
+    """Hands what the test reports to the run's report."""
+    watch.reported.clear()
+    yield
+    request.node.user_properties += [("fault", {**line, "test": request.node.nodeid.rpartition("robustness/")[2]})
+                                     for line in watch.reported]
 
 
 @pytest.fixture(scope="session")
@@ -48,9 +51,9 @@ def built(tmp_path_factory):
 
 
 class ShiftedAgent(system.Agent):
-    """An agent whose cache ages when it is told to. Its log may hold anything but what `forbidden` names."""
+    """An agent whose cache a test can age. Its log may hold anything but FORBIDDEN."""
 
-    # Lines that no fault may cause: they mean that something escaped that has a place to be caught.
+    # Lines that no fault may cause: an exception that was caught nowhere but at the last place.
     FORBIDDEN = r"unknown exception|BUG|Assertion|SNMP_\w+: (?!std::bad_alloc)"
 
     def __init__(self, directory, library, user=None, **how):
@@ -76,7 +79,7 @@ class ShiftedAgent(system.Agent):
 
     def heap(self):
         """The bytes that the agent's heap holds."""
-        self.answers()      # which it goes to sleep after
+        self.answers()      # the agent sleeps after that, and writes the size
         time.sleep(0.05)
         return int.from_bytes(self.shared.read_bytes()[8:16], "little")
 
@@ -85,15 +88,15 @@ class ShiftedAgent(system.Agent):
         return int.from_bytes(self.shared.read_bytes()[16:24], "little")
 
     def refresh(self):
-        """Makes the agent rebuild its cache; answers the seconds that the request took and whether there are rows."""
+        """Makes the agent rebuild its cache; returns the seconds that the request took and whether there are rows."""
         self.age_cache()
         started = time.monotonic()
-        answer, = self.client.get(FIRST_NAME)   # one call of one handler; a GETNEXT would go on to other groups
-        return time.monotonic() - started, answer.type == "OCTET STRING"
+        name, = self.client.get(FIRST_NAME)   # one call of one handler; a GETNEXT would go on to other groups
+        return time.monotonic() - started, name.type == "OCTET STRING"
 
     def recover(self, host):
-        """Waits until the agent answers everything right again. It may leave a daemon alone for 5 s that did not answer in
-        time, and on a busy machine even a good one may not."""
+        """Waits until the agent serves the whole tree again. After a timeout it waits 5 s before it connects again, and on a
+        busy computer even a good daemon may time out."""
         deadline = time.monotonic() + 5 + 2 * watch.SLACK
         # The first rebuild may find the broken connection, the second makes a new one.
         while not self.refresh()[1] and not self.refresh()[1]:
@@ -102,7 +105,7 @@ class ShiftedAgent(system.Agent):
         self.assert_right(host)
 
     def assert_right(self, host):
-        self.client.get(expected_tree.ENTERPRISE + (3, 2, 1, 0))    # the reservation is in kilobytes from now on
+        self.client.get(mib.oid("memTotal"))    # the reservation is in kilobytes from now on
         found = self.client.bulk_walk()
         expected = expected_tree.tree(host)
         assert [(i.oid, i.type, i.value) for i in found] == [(i.oid, i.type, i.value) for i in expected]
@@ -120,18 +123,18 @@ class ShiftedAgent(system.Agent):
 
 @pytest.fixture
 def host():
-    return expected_tree.parse(recorded_session.HOST)
+    return expected_tree.load(fake_daemon.HOST)
 
 
 @pytest.fixture
 def good(host, directory):
-    return recorded_session.GoodDaemon(host, directory)
+    return fake_daemon.GoodBehaviour(host, directory)
 
 
 @pytest.fixture
-def rogue(good):
-    """The rogue daemon; it behaves well until it is told otherwise."""
-    daemon = rogue_daemon.RogueDaemon(good)
+def fake(good):
+    """The fake daemon; it serves the host until a test changes its behaviour."""
+    daemon = fake_daemon.FakeDaemon(good)
     yield daemon
     daemon.stop()
 
@@ -149,8 +152,8 @@ def shifted_agent(directory, built):
 
 
 @pytest.fixture
-def agent(rogue, shifted_agent, host):
-    """An agent that has answered everything right once and is connected to the rogue daemon."""
+def agent(fake, shifted_agent, host):
+    """An agent that has served the whole tree once and is connected to the fake daemon."""
     agent = shifted_agent()
     agent.recover(host)
     return agent

@@ -1,13 +1,14 @@
-/* Runs the module's handlers in a process whose memory fails where it is told to.
+/* Runs the module's handlers in a process whose memory fails where a test wants it.
  *
- *   starved_module MODULE rebuild|request|scalars|descriptors once|on FIRST STEP
+ *   starved_module MODULE rebuild|request|scalars|descriptors once|on FIRST STEP COLUMN SCALAR...
  *
- * The module is loaded and everything is read once. Then, for n = FIRST, FIRST + STEP, ..., a child process
- * of its own makes the n-th allocation of the scenario fail ("once"), or that and all later ones ("on"); it
- * makes a connection of its own there. In the scenario "descriptors" a rebuild can open no more than n. The
- * child then checks, with memory again, what the scenario left behind: what is not answered as it should be
- * must have been told in the log, the answers must be whole again soon, and as many descriptors must be open
- * as before. Prints one line per n that failed, and at the end "N allocations, M tried, K failed". */
+ * COLUMN is the OID of a table's column, by which a rebuild is requested; SCALAR... are the OIDs of all
+ * scalars. The module is loaded and everything is read once. Then, for n = FIRST, FIRST + STEP, ..., a child
+ * process of its own makes the n-th allocation of the scenario fail ("once"), or that and all later ones
+ * ("on"); it makes a connection of its own there. In the scenario "descriptors" a rebuild can open no more
+ * than n. The child then checks, with memory again, what the scenario left behind: whatever value is missing
+ * must have a line in the log, all values must be whole again soon, and as many descriptors must be open as
+ * before. Prints one line per n that failed, and at the end "N allocations, M tried, K failed". */
 #define _GNU_SOURCE
 #include <net-snmp/net-snmp-config.h>
 /* The configuration comes first. */
@@ -28,7 +29,7 @@
 #include <time.h>
 #include <unistd.h>
 
-/* Memory and the clock, for this process and everything that it loads. */
+/* Memory and the clock of this process and everything that it loads. */
 
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
@@ -85,7 +86,7 @@ time_t time(time_t* out) {
     return now.tv_sec + clockShift;
 }
 
-/* The log: what is worth a warning is counted, and the last lines are kept for the report. */
+/* The log: warnings are counted, and the last one is kept for the report. */
 
 static int warnings;
 static char lastWarning[200];
@@ -95,7 +96,7 @@ static int TakeLogLine(int major, int minor, void* message, void* argument) {
     (void)minor;
     (void)argument;
     const struct snmp_log_message* const line = message;
-    /* A connection that breaks while the machines are listed is told by this line alone. */
+    /* The only line about a connection that breaks while the VMs are listed. */
     if (line->priority <= LOG_WARNING || strstr(line->msg, "no VM found") != NULL) {
         ++warnings;
         snprintf(lastWarning, sizeof lastWarning, "%s", line->msg);
@@ -103,7 +104,7 @@ static int TakeLogLine(int major, int minor, void* message, void* argument) {
     return 0;
 }
 
-/* Every instance that the module answers, as text. */
+/* Every instance that the module serves, as text. */
 
 struct Dump {
     char text[65536];
@@ -144,20 +145,20 @@ static void FindColumns(void) {
     }
 }
 
-static u_char* Next(struct variable* column, oid* name, size_t* length, size_t* answerLength) {
+static u_char* Next(struct variable* column, oid* name, size_t* length, size_t* valueLength) {
     WriteMethod* write = NULL;
-    *answerLength = 0;
-    return column->findVar(column, name, length, 0, answerLength, &write);
+    *valueLength = 0;
+    return column->findVar(column, name, length, 0, valueLength, &write);
 }
 
-static void AddAnswer(struct Dump* dump, const oid* name, size_t length, const u_char* answer,
-                      size_t answerLength) {
+static void AddInstance(struct Dump* dump, const oid* name, size_t length, const u_char* value,
+                        size_t valueLength) {
     for (size_t k = 7; k < length; ++k) {
         Add(dump, ".%lu", (unsigned long)name[k]);
     }
-    Add(dump, answer != NULL ? "=" : "!");
-    for (size_t k = 0; answer != NULL && k < answerLength; ++k) {
-        Add(dump, "%02x", answer[k]);
+    Add(dump, value != NULL ? "=" : "!");
+    for (size_t k = 0; value != NULL && k < valueLength; ++k) {
+        Add(dump, "%02x", value[k]);
     }
     Add(dump, "\n");
 }
@@ -167,9 +168,32 @@ static void Clear(struct Dump* dump) {
     dump->text[0] = '\0';
 }
 
+/* From the command line: a column of a table, then all scalars. */
+static struct variable* tableColumn;
+static struct variable* scalarColumns[100];
+static int scalarCount;
+
+static struct variable* FindColumn(const char* text) {
+    oid name[MAX_OID_LEN];
+    size_t length = MAX_OID_LEN;
+    if (read_objid(text, name, &length)) {
+        for (int i = 0; i < columnCount; ++i) {
+            if (snmp_oid_compare(columns[i].name, columns[i].namelen, name, length) == 0) {
+                return &columns[i];
+            }
+        }
+    }
+    fprintf(stderr, "%s is not registered\n", text);
+    exit(2);
+}
+
 static int IsScalar(const struct variable* column) {
-    return column->name[7] == 1 || column->name[7] == 4 ||
-           (column->name[7] == 3 && column->namelen == 10 && column->name[8] < 3);
+    for (int i = 0; i < scalarCount; ++i) {
+        if (scalarColumns[i] == column) {
+            return 1;
+        }
+    }
+    return 0;
 }
 
 /* Tables only, or scalars only. */
@@ -182,38 +206,27 @@ static void DumpAll(struct Dump* dump, int scalars) {
         oid name[MAX_OID_LEN];
         size_t length = columns[i].namelen;
         memcpy(name, columns[i].name, length * sizeof(oid));
-        size_t answerLength;
-        for (u_char* answer = Next(&columns[i], name, &length, &answerLength); answer != NULL;
-             answer = Next(&columns[i], name, &length, &answerLength)) {
-            AddAnswer(dump, name, length, answer, answerLength);
+        size_t valueLength;
+        for (u_char* value = Next(&columns[i], name, &length, &valueLength); value != NULL;
+             value = Next(&columns[i], name, &length, &valueLength)) {
+            AddInstance(dump, name, length, value, valueLength);
         }
     }
 }
 
-/* Scenarios. Each ends with what the module answers from then on, without another rebuild. */
+/* Scenarios. Each ends with what the module serves from then on, without another rebuild. */
 
-static struct variable* FindColumn(const oid* suffix, size_t count) {
-    for (int i = 0; i < columnCount; ++i) {
-        if (columns[i].namelen == 7 + count &&
-            snmp_oid_compare(columns[i].name + 7, count, suffix, count) == 0) {
-            return &columns[i];
-        }
-    }
-    abort();
-}
-
-/* What the scenario was answered. */
+/* What the scenario was served. */
 static struct Dump given;
 
-static void Ask(const oid* suffix, size_t count) {
-    struct variable* const column = FindColumn(suffix, count);
+static void Request(struct variable* column) {
     oid name[MAX_OID_LEN];
-    size_t length = column->namelen, answerLength;
+    size_t length = column->namelen, valueLength;
     memcpy(name, column->name, length * sizeof(oid));
     counting = 1;
-    const u_char* const answer = Next(column, name, &length, &answerLength);
+    const u_char* const value = Next(column, name, &length, &valueLength);
     counting = 0;
-    AddAnswer(&given, name, length, answer, answerLength);
+    AddInstance(&given, name, length, value, valueLength);
 }
 
 static void Age(void) {
@@ -221,12 +234,11 @@ static void Age(void) {
 }
 
 static void Rebuild(void) {
-    static const oid vmNames[] = {2, 1, 1, 2};
     Age();
-    Ask(vmNames, 4);
+    Request(tableColumn);
 }
 
-/* A rebuild with no more descriptors than `failFrom`; it never gets along with fewer than two. */
+/* A rebuild with no more descriptors than `failFrom`; fewer than two never suffice. */
 static void RebuildWithoutDescriptors(void) {
     const int lowest = dup(STDERR_FILENO);
     close(lowest);
@@ -239,16 +251,17 @@ static void RebuildWithoutDescriptors(void) {
     allocations = 4;
 }
 
-static void Request(void) {
-    static const oid vmNames[] = {2, 1, 1, 2};
-    Ask(vmNames, 4);
+static void RequestEveryColumn(void) {
+    for (int i = 0; i < columnCount; ++i) {
+        if (!IsScalar(&columns[i])) {
+            Request(&columns[i]);
+        }
+    }
 }
 
-static void Scalars(void) {
-    static const oid suffixes[][3] = {{1, 1}, {1, 3}, {3, 1, 1}, {3, 2, 1}, {3, 2, 3}, {4, 1, 1}};
-    static const size_t counts[] = {2, 2, 3, 3, 3, 0};
-    for (int i = 0; counts[i] != 0; ++i) {
-        Ask(suffixes[i], counts[i]);
+static void RequestEveryScalar(void) {
+    for (int i = 0; i < scalarCount; ++i) {
+        Request(scalarColumns[i]);
     }
 }
 
@@ -266,16 +279,16 @@ static int OpenDescriptors(void) {
 static const char* Check(int scalars) {
     warnings = 0;
     DumpAll(&found, scalars);
-    return strcmp(found.text, whole.text) == 0 ? NULL : "the answers are not whole again";
+    return strcmp(found.text, whole.text) == 0 ? NULL : "the values are not whole again";
 }
 
 int main(int argc, char** argv) {
-    if (argc != 6) {
+    if (argc < 8) {
         return 2;
     }
     const int scalars = strcmp(argv[2], "scalars") == 0;
-    void (*const scenario)(void) = scalars                               ? Scalars
-                                   : strcmp(argv[2], "request") == 0     ? Request
+    void (*const scenario)(void) = scalars                               ? RequestEveryScalar
+                                   : strcmp(argv[2], "request") == 0     ? RequestEveryColumn
                                    : strcmp(argv[2], "descriptors") == 0 ? RebuildWithoutDescriptors
                                                                          : Rebuild;
     failOn = strcmp(argv[3], "on") == 0;
@@ -293,14 +306,18 @@ int main(int argc, char** argv) {
     }
     load();
     FindColumns();
+    tableColumn = FindColumn(argv[6]);
+    for (int i = 7; i < argc; ++i) {
+        scalarColumns[scalarCount++] = FindColumn(argv[i]);
+    }
     if (!scalars) {
-        /* The scalars are left unread, as they are kept once they are. */
+        /* The scalars are left unread: the module keeps them once they are. */
         Rebuild();
         DumpAll(&whole, 0);
     } else {
         const pid_t reader = fork();
         if (reader == 0) {
-            Scalars();
+            RequestEveryScalar();
             DumpAll(&whole, 1);
             FILE* const file = fopen("whole", "w");
             fputs(whole.text, file);
@@ -333,13 +350,13 @@ int main(int argc, char** argv) {
             scenario();
             const long made = allocations;
             failFrom = -1;
-            const int told = warnings;
+            const int logged = warnings;
             const char* wrong = NULL;
             if (!scalars) {
                 /* What the failure left, before another rebuild may hide it. */
                 DumpAll(&left, 0);
-                if (strcmp(left.text, whole.text) != 0 && told == 0 && !(failOn && n < made)) {
-                    wrong = "rows are missing and no line says so";
+                if (strcmp(left.text, whole.text) != 0 && logged == 0 && !(failOn && n < made)) {
+                    wrong = "rows are missing without a line in the log";
                 }
                 Rebuild();
                 if (Check(0) != NULL) {
@@ -348,11 +365,11 @@ int main(int argc, char** argv) {
                 }
             } else {
                 memcpy(&left, &given, sizeof left);
-                Scalars();
+                RequestEveryScalar();
                 Clear(&given);
-                Scalars();
-                if (strcmp(left.text, given.text) != 0 && told == 0 && !(failOn && n < made)) {
-                    wrong = "an answer is missing and no line says so";
+                RequestEveryScalar();
+                if (strcmp(left.text, given.text) != 0 && logged == 0 && !(failOn && n < made)) {
+                    wrong = "a value is missing without a line in the log";
                 }
             }
             const char* const after = Check(scalars);

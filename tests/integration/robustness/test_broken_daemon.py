@@ -1,4 +1,4 @@
-"""A daemon that is rogue or broken: whatever it does on the wire, the agent lives, answers others, and recovers."""
+"""A rogue or broken daemon: whatever it does on the wire, the agent lives, answers other requests, and recovers."""
 
 import dataclasses
 import os
@@ -8,26 +8,27 @@ import ssl
 import time
 
 import bad_replies
+import fake_daemon
+import mib
 import pytest
-import rogue_daemon
 import system
 import watch
-from expected_tree import ENTERPRISE
-from recorded_session import Replaced, element, http_reply, response
-from rogue_daemon import END, GOODBYE, RESET, TRICKLE
+import wire
+from fake_daemon import CLOSE_NOTIFY, END, RESET, TRICKLE, Replaced, http_reply, response
 
-# How long the agent may be held, in seconds.
+# How long the agent may wait, in seconds.
 CONNECT, REFRESH = 1.0, 5.0
-# How long a daemon that did not answer in time is left alone.
-PAUSE = 5.0
+# How long it does not connect after a timeout.
+BACKOFF = 5.0
 
-SCALARS = [ENTERPRISE + suffix for suffix in ((1, 1, 0), (3, 1, 1, 0), (3, 2, 1, 0))]
+SCALARS = list(map(mib.oid, ("prodName", "numCpuCores", "memTotal")))
 
 # Every call that the module makes.
 CALLS = ["AcquireLocalTicket", "Login", "RetrieveContent", "GetChildEntity", "GetConfig", "GetPerfCounter", "QueryPerf", "GetRuntime",
          "GetGuest", "GetInfo", "GetHardware", "GetConsoleReservationInfo"]
-# Those whose answer the agent keeps for good once it fits its type, each with an instance that asks for it.
-KEPT = {"RetrieveContent": (1, 1, 0), "GetPerfCounter": (2, 1, 1, 2, 0), "GetHardware": (3, 1, 1, 0), "GetConsoleReservationInfo": (3, 2, 1, 0)}
+# Those whose result the agent keeps for good once it fits its type, each with an instance that needs it.
+KEPT = {"RetrieveContent": mib.oid("prodName"), "GetPerfCounter": mib.oid("vmDisplayName", 0), "GetHardware": mib.oid("numCpuCores"),
+        "GetConsoleReservationInfo": mib.oid("memTotal")}
 
 
 @dataclasses.dataclass(frozen=True)
@@ -55,7 +56,7 @@ def reply(method, action):
 
 
 def shaped(method=None, **how):
-    """A good daemon whose bytes come slowly, from the answer to `method` on; without a method, from the start."""
+    """A good daemon whose bytes come slowly, from the reply to `method` on; without a method, from the start."""
     def make(good):
         def begin(stream, call=None):
             for name, value in how.items():
@@ -72,9 +73,9 @@ def shaped(method=None, **how):
 
 
 def trickle_after(count):
-    """Trickles the answer to GetChildEntity from its byte `count` on."""
+    """Trickles the reply to GetChildEntity from its byte `count` on."""
     def begin(stream, call, good):
-        message = good.answer(call)
+        message = good.result(call)
         stream.send(message[:count])
         stream.interval = TRICKLE
         stream.send(message[count:])
@@ -92,15 +93,15 @@ def flood_raw(stream):
 
 
 def preamble(line):
-    def answer(stream):
+    def send(stream):
         stream.read_until(b"\r\n")
         stream.send(line)
         stream.wait(0.3)
-    return step("preamble", answer)
+    return step("preamble", send)
 
 
 def old_tls(version):
-    return step("greet", lambda stream: stream.handshake(rogue_daemon.tls_context(version)))
+    return step("greet", lambda stream: stream.handshake(fake_daemon.tls_context(version)))
 
 
 def silent(stream, call=None):
@@ -108,29 +109,29 @@ def silent(stream, call=None):
     stream.wait()
 
 
-GIVES_UP = "gives up at its limit, leaves the daemon alone for 5 s, then tries again"
-REFUSES = "closes the connection, empties the tables, tries again at the next rebuild"
+TIMES_OUT = "times out, does not connect for 5 s, then retries"
+REFUSES = "closes the connection, empties the tables, retries at the next rebuild"
 
 FAULTS = [
-    Fault("accepts and stays silent", GIVES_UP, step("greet", silent), times_out=True),
-    Fault("one byte per half second in the handshake", GIVES_UP, shaped(raw_interval=TRICKLE), times_out=True),
-    Fault("one byte per half second in the preamble", GIVES_UP, step("preamble", lambda stream: (
+    Fault("accepts and stays silent", TIMES_OUT, step("greet", silent), times_out=True),
+    Fault("one byte per half second in the handshake", TIMES_OUT, shaped(raw_interval=TRICKLE), times_out=True),
+    Fault("one byte per half second in the preamble", TIMES_OUT, step("preamble", lambda stream: (
         setattr(stream, "interval", TRICKLE), stream.send(b"200 /connection/1\r\n"))), times_out=True),
-    Fault("silent after the handshake", GIVES_UP, step("preamble", silent), times_out=True),
-    Fault("silent at the ticket", GIVES_UP, reply("AcquireLocalTicket", silent), times_out=True),
-    Fault("one byte per half second at the ticket", GIVES_UP, shaped("AcquireLocalTicket", interval=TRICKLE), times_out=True),
-    Fault("silent at the login", GIVES_UP, reply("Login", silent), times_out=True),
-    Fault("an endless preamble, slowly", GIVES_UP, step("preamble", lambda stream: (
+    Fault("silent after the handshake", TIMES_OUT, step("preamble", silent), times_out=True),
+    Fault("silent at the ticket", TIMES_OUT, reply("AcquireLocalTicket", silent), times_out=True),
+    Fault("one byte per half second at the ticket", TIMES_OUT, shaped("AcquireLocalTicket", interval=TRICKLE), times_out=True),
+    Fault("silent at the login", TIMES_OUT, reply("Login", silent), times_out=True),
+    Fault("an endless preamble, slowly", TIMES_OUT, step("preamble", lambda stream: (
         setattr(stream, "interval", TRICKLE), flood(stream))), times_out=True),
-    Fault("one byte per half second in the header", GIVES_UP, trickle_after(0), REFRESH, times_out=True),
-    Fault("one byte per half second in the body", GIVES_UP, trickle_after(200), REFRESH, times_out=True),
-    Fault("silent at the list", GIVES_UP, reply("GetChildEntity", silent), REFRESH, times_out=True, reconnect=False),
-    Fault("silent at a configuration", GIVES_UP, reply("GetConfig", silent), REFRESH, times_out=True, reconnect=False),
-    Fault("silent at a machine's state", GIVES_UP, reply("GetRuntime", silent), REFRESH, times_out=True, reconnect=False),
-    Fault("silent at a guest's state", GIVES_UP, reply("GetGuest", silent), REFRESH, times_out=True, reconnect=False),
-    Fault("silent at the figures", GIVES_UP, reply("QueryPerf", silent), REFRESH, times_out=True, reconnect=False),
-    Fault("silent at a datastore", GIVES_UP, reply("GetInfo", silent), REFRESH, times_out=True, reconnect=False),
-    Fault("endless headers, slowly", GIVES_UP, reply("GetConfig", lambda stream, call: (
+    Fault("one byte per half second in the header", TIMES_OUT, trickle_after(0), REFRESH, times_out=True),
+    Fault("one byte per half second in the body", TIMES_OUT, trickle_after(200), REFRESH, times_out=True),
+    Fault("silent at the list", TIMES_OUT, reply("GetChildEntity", silent), REFRESH, times_out=True, reconnect=False),
+    Fault("silent at a configuration", TIMES_OUT, reply("GetConfig", silent), REFRESH, times_out=True, reconnect=False),
+    Fault("silent at a VM's state", TIMES_OUT, reply("GetRuntime", silent), REFRESH, times_out=True, reconnect=False),
+    Fault("silent at a guest's state", TIMES_OUT, reply("GetGuest", silent), REFRESH, times_out=True, reconnect=False),
+    Fault("silent at the statistics", TIMES_OUT, reply("QueryPerf", silent), REFRESH, times_out=True, reconnect=False),
+    Fault("silent at a datastore", TIMES_OUT, reply("GetInfo", silent), REFRESH, times_out=True, reconnect=False),
+    Fault("endless headers, slowly", TIMES_OUT, reply("GetConfig", lambda stream, call: (
         stream.send(b"HTTP/1.1 200 OK\r\n"), setattr(stream, "interval", TRICKLE), flood(stream))), REFRESH, times_out=True),
     Fault("random bytes for a handshake", REFUSES, step("greet", flood_raw)),
     Fault("plain HTTP for a handshake", REFUSES, step("greet", lambda stream: (stream.send_raw(http_reply(b"hello")), stream.wait()))),
@@ -139,7 +140,7 @@ FAULTS = [
     Fault("TLS 1.0 at most", REFUSES, old_tls(ssl.TLSVersion.TLSv1)),
     Fault("TLS 1.1 at most", REFUSES, old_tls(ssl.TLSVersion.TLSv1_1)),
     Fault("ends after the handshake", REFUSES, step("preamble", lambda stream: stream.end(END))),
-    Fault("says goodbye after the handshake", REFUSES, step("preamble", lambda stream: stream.end(GOODBYE))),
+    Fault("sends close_notify after the handshake", REFUSES, step("preamble", lambda stream: stream.end(CLOSE_NOTIFY))),
     Fault("resets after the handshake", REFUSES, step("preamble", lambda stream: stream.end(RESET))),
     Fault("refuses the stream", REFUSES, preamble(b"501 no\r\n")),
     Fault("a preamble without a status", REFUSES, preamble(b"hello\r\n")),
@@ -147,10 +148,10 @@ FAULTS = [
     Fault("a preamble of control characters", REFUSES, preamble(b"200 /\x01\x1b[2J\r\n")),
     Fault("a preamble of NULs", REFUSES, preamble(b"\0" * 600)),
     Fault("an endless preamble", REFUSES, step("preamble", flood)),
-    Fault("a preamble that ends by a line feed alone", GIVES_UP, step("preamble", lambda stream: (
+    Fault("a preamble that ends by a line feed alone", TIMES_OUT, step("preamble", lambda stream: (
         stream.read_until(b"\r\n"), stream.send(b"200 /connection/1\n"), stream.wait())), times_out=True),
-    Fault("replies before it is asked", REFUSES, step("preamble", lambda stream: (
-        stream.send(b"200 /connection/1\r\n" + response("Login", element("returnval", {"key": "k", "userName": "root"})) * 3)))),
+    Fault("replies before a request", REFUSES, step("preamble", lambda stream: (
+        stream.send(b"200 /connection/1\r\n" + response("Login", wire.element("returnval", {"key": "k", "userName": "root"})) * 3)))),
     Fault("a new connection for every call", "makes a connection for every rebuild and gets no further than the ticket",
           lambda good: Replaced(good, **{name: lambda stream, call: (good.reply(stream, call), stream.end(END)) for name in CALLS})),
     Fault("an endless body", REFUSES, reply("GetChildEntity", lambda stream, call: (
@@ -162,33 +163,33 @@ FAULTS = [
 
 @pytest.mark.slow
 @pytest.mark.parametrize("fault", FAULTS, ids=lambda fault: fault.name.replace(" ", "-"))
-def test_a_broken_wire_holds_the_agent_no_longer_than_its_limit(fault, agent, rogue, good, host):
+def test_the_agent_waits_for_a_broken_wire_no_longer_than_its_limit(fault, agent, fake, good, host):
     before = watch.descriptors(agent.pid)
     with watch.Prober() as prober:
-        rogue.behave(fault.make(good))
+        fake.behave(fault.make(good))
         if fault.reconnect:
-            rogue.drop_connections()
+            fake.drop_connections()
             agent.refresh()     # finds the broken connection
-        held, _ = agent.refresh()
-        assert held < fault.budget + watch.SLACK
+        took, _ = agent.refresh()
+        assert took < fault.budget + watch.SLACK
         if fault.times_out:
-            assert held > fault.budget * 0.9, "the fault did not hold the agent: the test is broken"
-            seen, quiet_until = (rogue.accepted, len(rogue.calls)), time.monotonic() + PAUSE * 0.8
+            assert took > fault.budget * 0.9, "the agent did not wait: the test is broken"
+            seen, quiet_until = (fake.accepted, len(fake.calls)), time.monotonic() + BACKOFF * 0.8
             while time.monotonic() < quiet_until:
                 again, rows = agent.refresh()
                 assert not rows and again < fault.budget / 2
                 time.sleep(0.2)
-            assert (rogue.accepted, len(rogue.calls)) == seen, "the daemon was tried again during the pause"
+            assert (fake.accepted, len(fake.calls)) == seen, "the agent connected again during the backoff"
         else:
             for _ in range(5):
                 again, _ = agent.refresh()
                 assert again < fault.budget + watch.SLACK
                 time.sleep(0.1)
     prober.check(fault.budget)
-    rogue.behave(good)
+    fake.behave(good)
     agent.recover(host)
     assert watch.descriptors(agent.pid) == before
-    watch.report(fault.name, fault.does, held, prober)
+    watch.report(fault.name, fault.does, took, prober)
 
 
 def seconds_of(request, *arguments):
@@ -199,46 +200,46 @@ def seconds_of(request, *arguments):
 
 @pytest.mark.slow
 @pytest.mark.parametrize("method", KEPT)
-def test_silence_at_a_call_that_is_made_once_holds_the_agent_no_longer_than_its_limit(method, shifted_agent, rogue, good, host):
+def test_the_agent_waits_for_a_call_that_is_made_once_no_longer_than_its_limit(method, shifted_agent, fake, good, host):
     agent = shifted_agent()
     before = watch.descriptors(agent.pid)
-    rogue.behave(Replaced(good, **{method: silent}))
+    fake.behave(Replaced(good, **{method: silent}))
     with watch.Prober() as prober:
-        held = seconds_of(agent.client.get, ENTERPRISE + KEPT[method])
-        assert REFRESH * 0.9 < held < REFRESH + watch.SLACK
-        seen, quiet_until = (rogue.accepted, len(rogue.calls)), time.monotonic() + PAUSE * 0.8
+        took = seconds_of(agent.client.get, KEPT[method])
+        assert REFRESH * 0.9 < took < REFRESH + watch.SLACK
+        seen, quiet_until = (fake.accepted, len(fake.calls)), time.monotonic() + BACKOFF * 0.8
         while time.monotonic() < quiet_until:
-            assert seconds_of(agent.client.get, *(ENTERPRISE + suffix for suffix in KEPT.values())) < CONNECT
+            assert seconds_of(agent.client.get, *KEPT.values()) < CONNECT
             time.sleep(0.2)
-        assert (rogue.accepted, len(rogue.calls)) == seen, "the daemon was tried again during the pause"
+        assert (fake.accepted, len(fake.calls)) == seen, "the agent connected again during the backoff"
     prober.check(REFRESH)
-    rogue.behave(good)
+    fake.behave(good)
     agent.recover(host)
     assert watch.descriptors(agent.pid) == before
-    watch.report(f"silent at {method}", GIVES_UP, held, prober)
+    watch.report(f"silent at {method}", TIMES_OUT, took, prober)
 
 
-def test_a_closed_port_costs_nothing(agent, rogue, host):
+def test_a_closed_port_costs_nothing(agent, fake, host):
     before = watch.descriptors(agent.pid)
-    rogue.close_port()
-    rogue.drop_connections()
+    fake.close_port()
+    fake.drop_connections()
     with watch.Prober() as prober:
         agent.refresh()
         slowest = max(agent.refresh()[0] for _ in range(20))
         time.sleep(0.5)
     prober.check(0)
     assert len(watch.descriptors(agent.pid)) == len(before) - 1
-    rogue.listen()
+    fake.listen()
     agent.recover(host)
     assert watch.descriptors(agent.pid) == before
-    watch.report("port closed", "answers empty tables at once, tries again at the next rebuild", slowest, prober)
+    watch.report("port closed", "serves empty tables at once, retries at the next rebuild", slowest, prober)
 
 
 @pytest.mark.slow
-def test_a_port_that_nobody_accepts_on_is_left_alone_after_a_second(agent, rogue, host):
+def test_connecting_to_a_port_that_nobody_accepts_on_times_out_after_a_second(agent, fake, host):
     before = watch.descriptors(agent.pid)
-    rogue.close_port()
-    rogue.drop_connections()
+    fake.close_port()
+    fake.drop_connections()
     agent.refresh()
     with socket.create_server(system.DAEMON_ADDRESS, backlog=0) as listener:
         # The queue is filled up, so that the agent's connection is not even made.
@@ -247,36 +248,36 @@ def test_a_port_that_nobody_accepts_on_is_left_alone_after_a_second(agent, rogue
             connection.setblocking(False)
             connection.connect_ex(listener.getsockname())
         with watch.Prober() as prober:
-            held, _ = agent.refresh()
-            assert CONNECT * 0.9 < held < CONNECT + watch.SLACK
+            took, _ = agent.refresh()
+            assert CONNECT * 0.9 < took < CONNECT + watch.SLACK
             assert agent.refresh()[0] < CONNECT / 2
         for connection in waiting:
             connection.close()
     prober.check(CONNECT)
-    rogue.listen()
+    fake.listen()
     agent.recover(host)
     assert watch.descriptors(agent.pid) == before
-    watch.report("nobody accepts", GIVES_UP, held, prober)
+    watch.report("nobody accepts", TIMES_OUT, took, prober)
 
 
-def ask_everything(agent):
-    """A rebuild on a connection that stands, and the scalars that have calls of their own; answers the seconds that it took."""
-    held, rows = agent.refresh()
+def read_everything(agent):
+    """A rebuild on an open connection, and the scalars that have calls of their own; returns the seconds that it took."""
+    took, rows = agent.refresh()
     if not rows:
-        held = max(held, agent.refresh()[0])         # the first has only found out that the connection is broken
+        took = max(took, agent.refresh()[0])         # the first has only found the connection broken
     started = time.monotonic()
     agent.client.get(*SCALARS)
-    return max(held, time.monotonic() - started)
+    return max(took, time.monotonic() - started)
 
 
 class Trial:
-    """Gives bad answers to one call, one after the other, to an agent that lives through them all.
+    """Sends bad replies to one call, one after the other, to an agent that must live through them all.
 
-    Where an answer is kept for good, the agent is replaced after each that it took, so that the next is asked for again.
+    Where a result is kept for good, the agent is replaced after each that it took, so that the call is made again.
     """
 
-    def __init__(self, method, rogue, good, start_agent, reconnect):
-        self.method, self.rogue, self.good, self.start_agent, self.reconnect = method, rogue, good, start_agent, reconnect
+    def __init__(self, method, fake, good, start_agent, reconnect):
+        self.method, self.fake, self.good, self.start_agent, self.reconnect = method, fake, good, start_agent, reconnect
         self.agent = None
         self.tried = 0
         self.slowest = 0
@@ -284,39 +285,39 @@ class Trial:
 
     def give(self, name, message):
         agent = self.agent or self._start()
-        asked = self.rogue.count(self.method)
+        calls_before = self.fake.count(self.method)
 
-        def answer(stream, call):
+        def send(stream, call):
             del call
             stream.send(message)
             if self.reconnect:
                 stream.end(END)
 
-        self.rogue.behave(Replaced(self.good, **{self.method: answer}))
+        self.fake.behave(Replaced(self.good, **{self.method: send}))
         if self.reconnect:
-            self.rogue.drop_connections()
-        held = ask_everything(agent)
-        deadline = time.monotonic() + PAUSE + 2 * watch.SLACK
-        while self.rogue.count(self.method) == asked:
-            # On a busy machine the agent may have missed its own limit, and pauses.
+            self.fake.drop_connections()
+        took = read_everything(agent)
+        deadline = time.monotonic() + BACKOFF + 2 * watch.SLACK
+        while self.fake.count(self.method) == calls_before:
+            # On a busy computer the agent may have timed out, and backs off.
             assert time.monotonic() < deadline, f"{name}: {self.method} was not called: the test is broken"
             time.sleep(0.5)
-            held = max(held, ask_everything(agent))
-        assert held < CONNECT + watch.SLACK, name
+            took = max(took, read_everything(agent))
+        assert took < CONNECT + watch.SLACK, name
         self.tried += 1
-        self.slowest = max(self.slowest, held)
+        self.slowest = max(self.slowest, took)
         if self.method in KEPT:
-            asked = self.rogue.count(self.method)
-            self.rogue.drop_connections()
-            ask_everything(agent)
-            if self.rogue.count(self.method) == asked:
+            calls_before = self.fake.count(self.method)
+            self.fake.drop_connections()
+            read_everything(agent)
+            if self.fake.count(self.method) == calls_before:
                 self.check()
 
     def _start(self):
-        self.rogue.behave(self.good)
-        logins = self.rogue.count("Login")
+        self.fake.behave(self.good)
+        logins = self.fake.count("Login")
         self.agent = self.start_agent()
-        while self.rogue.count("Login") == logins:      # on a busy machine it may miss its own limit
+        while self.fake.count("Login") == logins:      # on a busy computer it may time out
             self.agent.stop()
             self.agent = self.start_agent()
         self.before = watch.descriptors(self.agent.pid)
@@ -324,9 +325,9 @@ class Trial:
         return self.agent
 
     def check(self):
-        """The agent lives and has as much open as before; the next answer goes to a new one."""
+        """The agent lives and has as much open as before; the next reply goes to a new one."""
         agent = self._end()
-        assert ask_everything(agent) < CONNECT + watch.SLACK
+        assert read_everything(agent) < CONNECT + watch.SLACK
         assert watch.descriptors(agent.pid) == self.before
         agent.stop()
 
@@ -335,8 +336,8 @@ class Trial:
         self.prober.__exit__()
         self.prober.check(CONNECT)
         self.delays.add(self.prober)
-        self.rogue.behave(self.good)
-        self.rogue.drop_connections()
+        self.fake.behave(self.good)
+        self.fake.drop_connections()
         return agent
 
     def check_recovery(self, host):
@@ -348,8 +349,8 @@ class Trial:
 
 
 @pytest.fixture
-def trial(rogue, good, shifted_agent):
-    return lambda method, reconnect: Trial(method, rogue, good, shifted_agent, reconnect)
+def trial(fake, good, shifted_agent):
+    return lambda method, reconnect: Trial(method, fake, good, shifted_agent, reconnect)
 
 
 @pytest.mark.parametrize("method", CALLS)
@@ -363,21 +364,21 @@ def test_no_bad_reply_to_any_call_does_harm(method, trial, host):
 
 
 @pytest.mark.parametrize("method", CALLS)
-def test_no_change_of_a_good_reply_does_harm(method, rogue, good, trial, shifted_agent, host):
-    """Elements of the answer are left out, doubled, renamed, ill-typed and so on, one at a time."""
-    answers = []
+def test_no_change_of_a_good_reply_does_harm(method, fake, good, trial, shifted_agent, host):
+    """Elements of the result are left out, doubled, renamed, ill-typed and so on, one at a time."""
+    results = []
 
     def remember(stream, call):
-        answers.append(getattr(good, method)(call))
-        stream.send(response(method, answers[-1]))
+        results.append(getattr(good, method)(call))
+        stream.send(response(method, results[-1]))
 
-    rogue.behave(Replaced(good, **{method: remember}))
+    fake.behave(Replaced(good, **{method: remember}))
     teacher = shifted_agent()
-    ask_everything(teacher)
+    read_everything(teacher)
     teacher.stop()
-    changed = list(bad_replies.mutations(method, answers[0]))
+    changed = list(bad_replies.mutations(method, results[0]))
     if method in KEPT and len(changed) > 100:
-        changed = changed[:400:13]       # an agent that keeps an answer is replaced, which takes its time
+        changed = changed[:400:13]       # an agent that keeps a result is replaced, which takes time
     calls = trial(method, reconnect=method in ("AcquireLocalTicket", "Login"))
     for name, message in changed:
         calls.give(name, message)
@@ -387,49 +388,49 @@ def test_no_change_of_a_good_reply_does_harm(method, rogue, good, trial, shifted
 
 
 @pytest.mark.parametrize("method", ["AcquireLocalTicket", "GetChildEntity", "GetConfig", "QueryPerf"])
-def test_a_large_reply_costs_neither_the_time_nor_the_memory_of_the_agent(method, agent, rogue, good, host):
+def test_a_large_reply_costs_neither_the_time_nor_the_memory_of_the_agent(method, agent, fake, good, host):
     before = watch.descriptors(agent.pid)
     for name, message in bad_replies.large(method).items():
-        rogue.behave(Replaced(good, **{method: lambda stream, call, m=message: (stream.send(m), stream.end(END))}))
-        rogue.drop_connections()
+        fake.behave(Replaced(good, **{method: lambda stream, call, m=message: (stream.send(m), stream.end(END))}))
+        fake.drop_connections()
         used = watch.processor_seconds(agent.pid)
         with watch.Prober() as prober:
-            held = ask_everything(agent)
-        # Taking a reply apart is work, not waiting: how long it takes depends on who else works.
+            took = read_everything(agent)
+        # Parsing is work, not waiting: how long it takes depends on what else runs.
         used = watch.processor_seconds(agent.pid) - used
         assert used < CONNECT + watch.SLACK, name
         prober.check(REFRESH + watch.SLACK)
-        rogue.behave(good)
-        rogue.drop_connections()
+        fake.behave(good)
+        fake.drop_connections()
         agent.recover(host)
         peak = watch.memory(agent.pid, "VmHWM") // 1024
         assert peak < 1024, f"{name}: {peak} MB"
-        watch.report(f"{name}, in reply to {method}", REFUSES, held, prober, megabytes=peak, processor=used)
+        watch.report(f"{name}, in reply to {method}", REFUSES, took, prober, megabytes=peak, processor=used)
     assert watch.descriptors(agent.pid) == before
 
 
-def attempt(agent, rogue):
+def attempt(agent, fake):
     """A rebuild on a connection of its own."""
-    rogue.drop_connections()
+    fake.drop_connections()
     agent.refresh()
     return agent.refresh()
 
 
 def ending_at(offset):
-    """How the connection ends there: each way comes near every byte."""
-    return (END, RESET, GOODBYE)[offset % 3]
+    """How the connection ends there: in each way near every byte."""
+    return (END, RESET, CLOSE_NOTIFY)[offset % 3]
 
 
 @pytest.mark.slow
 @pytest.mark.parametrize("part", range(2))
-def test_the_connection_may_break_at_every_byte_of_a_session(part, agent, rogue, good, host):
-    """From the preamble's answer to the last figure; in two parts that run side by side."""
+def test_the_connection_may_break_at_every_byte_of_a_session(part, agent, fake, good, host):
+    """From the preamble's reply to the last statistic; in two parts that run side by side."""
     before = watch.descriptors(agent.pid)
-    rogue.recording = True
-    assert attempt(agent, rogue)[1]
-    rogue.recording = False
-    length = len(rogue.sent)
-    assert rogue.calls[-1].method == "GetInfo", "the session is not recorded to its end"
+    fake.recording = True
+    assert attempt(agent, fake)[1]
+    fake.recording = False
+    length = len(fake.sent)
+    assert fake.calls[-1].method == "GetInfo", "the session is not recorded to its end"
     complete = 0
 
     def cut_at(offset):
@@ -442,16 +443,16 @@ def test_the_connection_may_break_at_every_byte_of_a_session(part, agent, rogue,
     started = time.monotonic()
     with watch.Prober() as prober:
         for offset in offsets:
-            rogue.behave(cut_at(offset))
-            held, rows = attempt(agent, rogue)
-            assert held < CONNECT + watch.SLACK, offset
+            fake.behave(cut_at(offset))
+            took, rows = attempt(agent, fake)
+            assert took < CONNECT + watch.SLACK, offset
             complete += rows
     seconds = (time.monotonic() - started) / len(offsets)
     prober.check(CONNECT)
-    # What is lost at the end of the session concerns single cells of the last machine; before that there are no rows.
+    # What is lost at the end of the session concerns single cells of the last VM; before that there are no rows.
     assert complete < len(offsets) / 2
-    rogue.behave(good)
-    rogue.drop_connections()
+    fake.behave(good)
+    fake.drop_connections()
     agent.recover(host)
     assert watch.descriptors(agent.pid) == before
     watch.report(f"connection ends at {len(offsets)} of {length} bytes of a session", REFUSES, seconds, prober, faults=len(offsets))
@@ -459,41 +460,41 @@ def test_the_connection_may_break_at_every_byte_of_a_session(part, agent, rogue,
 
 @pytest.mark.slow
 @pytest.mark.parametrize("method", KEPT)
-def test_an_answer_that_breaks_at_any_byte_is_not_kept(method, shifted_agent, rogue, good, host):
-    """Of the calls that the session above is made without, as their answers are known by then."""
+def test_a_reply_that_breaks_at_any_byte_is_not_kept(method, shifted_agent, fake, good, host):
+    """For the calls that are not made in the session above, as their results are known by then."""
     agent = shifted_agent()
     before = watch.descriptors(agent.pid)
     offset, length, tried = 0, 1, 0
-    step = 13 if method == "GetPerfCounter" else 1     # it is long, made of ten like pieces, and asked for by a whole rebuild
+    step = 13 if method == "GetPerfCounter" else 1     # it is long, made of ten like pieces, and takes a whole rebuild
 
     def break_off(stream, call):
         nonlocal length
-        message = good.answer(call)
+        message = good.result(call)
         length = len(message)
         stream.send(message[:offset])
         stream.end(ending_at(offset))
 
-    rogue.behave(Replaced(good, **{method: break_off}))
+    fake.behave(Replaced(good, **{method: break_off}))
     slowest = 0
     with watch.Prober() as prober:
         while offset < length:
-            asked, deadline = rogue.count(method), time.monotonic() + PAUSE + 2 * watch.SLACK
-            while rogue.count(method) == asked:     # at once, or when the agent has found out that the connection is broken
-                assert time.monotonic() < deadline, f"the answer was kept though it broke at byte {offset} of {length}"
+            calls_before, deadline = fake.count(method), time.monotonic() + BACKOFF + 2 * watch.SLACK
+            while fake.count(method) == calls_before:     # at once, or when the agent has found the connection broken
+                assert time.monotonic() < deadline, f"the reply was kept though it broke at byte {offset} of {length}"
                 agent.age_cache()
-                slowest = max(slowest, seconds_of(agent.client.get, ENTERPRISE + KEPT[method]))
+                slowest = max(slowest, seconds_of(agent.client.get, KEPT[method]))
             offset += step
             tried += 1
     assert slowest < CONNECT + watch.SLACK
     prober.check(CONNECT)
-    rogue.behave(good)
-    rogue.drop_connections()
+    fake.behave(good)
+    fake.drop_connections()
     agent.recover(host)
     assert watch.descriptors(agent.pid) == before
-    watch.report(f"connection ends at {tried} of {length} bytes of the answer to {method}", REFUSES, slowest, prober, faults=tried)
+    watch.report(f"connection ends at {tried} of {length} bytes of the reply to {method}", REFUSES, slowest, prober, faults=tried)
 
 
-def test_the_connection_may_break_at_every_byte_of_the_handshake(agent, rogue, good, host):
+def test_the_connection_may_break_at_every_byte_of_the_handshake(agent, fake, good, host):
     before = watch.descriptors(agent.pid)
     lengths = []
 
@@ -505,22 +506,22 @@ def test_the_connection_may_break_at_every_byte_of_the_handshake(agent, rogue, g
             stream.raw_limit = None
         return step("greet", greet)(good)
 
-    rogue.behave(cut_at(1 << 30))
-    attempt(agent, rogue)
+    fake.behave(cut_at(1 << 30))
+    attempt(agent, fake)
     started = time.monotonic()
     with watch.Prober() as prober:
         for offset in range(lengths[0]):
-            rogue.behave(cut_at(offset))
-            assert attempt(agent, rogue)[0] < CONNECT + watch.SLACK, offset
+            fake.behave(cut_at(offset))
+            assert attempt(agent, fake)[0] < CONNECT + watch.SLACK, offset
     seconds = (time.monotonic() - started) / lengths[0]
     prober.check(CONNECT)
-    rogue.behave(good)
+    fake.behave(good)
     agent.recover(host)
     assert watch.descriptors(agent.pid) == before
     watch.report(f"connection ends at each of {lengths[0]} bytes of the handshake", REFUSES, seconds, prober, faults=lengths[0])
 
 
-def test_a_handshake_with_any_byte_changed_is_refused(agent, rogue, good, host):
+def test_a_handshake_with_any_byte_changed_is_refused(agent, fake, good, host):
     before = watch.descriptors(agent.pid)
     dice = random.Random(902)
     tries = 300
@@ -535,30 +536,29 @@ def test_a_handshake_with_any_byte_changed_is_refused(agent, rogue, good, host):
                     data = data[:at] + bytes([data[at] ^ dice.randrange(1, 256)]) + data[at + 1:]
                 send_raw(data)
             stream.send_raw = damage
-            # A changed length makes each side wait for the other: the server does not.
+            # A changed length makes each side wait for the other: the server stops here.
             stream.plain.settimeout(0.1)
             stream.handshake()
         return step("greet", greet)(good)
 
     with watch.Prober() as prober:
         for number in range(tries):
-            accepted = rogue.accepted
-            rogue.behave(damaged(dice.randrange(900)))
-            assert attempt(agent, rogue)[0] < CONNECT + watch.SLACK, number
-            assert rogue.accepted > accepted
+            accepted = fake.accepted
+            fake.behave(damaged(dice.randrange(900)))
+            assert attempt(agent, fake)[0] < CONNECT + watch.SLACK, number
+            assert fake.accepted > accepted
     prober.check(CONNECT)
-    rogue.behave(good)
+    fake.behave(good)
     agent.recover(host)
     assert watch.descriptors(agent.pid) == before
     watch.report(f"{tries} handshakes with a changed byte", REFUSES, 0, prober, faults=tries)
 
 
 @pytest.mark.parametrize("version", [ssl.TLSVersion.TLSv1, ssl.TLSVersion.TLSv1_1])
-def test_the_rogue_daemon_does_speak_old_tls(version, rogue):
-    """So that it is the agent that refuses it, and not the server."""
-    rogue.behave(old_tls(version)(rogue.behaviour))
-    context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
-    context.check_hostname, context.verify_mode = False, ssl.CERT_NONE
+def test_the_fake_daemon_does_speak_old_tls(version, fake):
+    """So that the agent refuses it, and not the server."""
+    fake.behave(old_tls(version)(fake.behaviour))
+    context = wire.client_context()
     context.set_ciphers("ALL:@SECLEVEL=0")
     context.minimum_version = ssl.TLSVersion.MINIMUM_SUPPORTED
     with context.wrap_socket(socket.create_connection(system.DAEMON_ADDRESS, 5)) as stream:

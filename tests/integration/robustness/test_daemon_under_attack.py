@@ -1,4 +1,4 @@
-"""What another user of the host, a crowd of clients and a full disk do to the daemon, and what the agent notices of it."""
+"""What another user of the host, a crowd of clients and a full disk do to the daemon, and what they cost the agent."""
 
 import contextlib
 import ctypes
@@ -7,7 +7,6 @@ import os
 import pathlib
 import resource
 import socket
-import ssl
 import subprocess
 import threading
 import time
@@ -18,9 +17,9 @@ import system
 import watch
 from system import DAEMON_ADDRESS
 from test_real_daemon import SMALL, assert_right, recover
-from wire import Connection, Fault
+from wire import Connection, Fault, client_context, read_ticket
 
-# What the agent's requests may take while the daemon is beset, in seconds.
+# What the agent's requests may take meanwhile, in seconds.
 SERVED = 1.0
 
 NOBODY = 65534
@@ -30,14 +29,9 @@ _libc = ctypes.CDLL(None, use_errno=True)
 _CLONE_NEWNS, _MS_PRIVATE, _MS_REC = 0x20000, 0x40000, 0x4000
 
 
-def read_secret(path):
-    return pathlib.Path(path).read_text(encoding="ascii")
-
-
 @pytest.fixture
 def served(start_daemon, shifted_agent):
-    """served(options …) starts the daemon and an agent that has its tables; answers both and a context in which the agent
-    must stay served."""
+    """served(options …) starts the daemon and an agent that has its tables; returns both."""
     def start(*options):
         daemon = start_daemon(SMALL, *options)
         agent = shifted_agent()
@@ -96,15 +90,15 @@ def as_nobody(action):
 @pytest.mark.slow
 def test_another_user_can_neither_read_nor_make_nor_replay_a_ticket(served):
     daemon, agent = served()
-    with agent_stays_served(agent, daemon, "another user goes for the tickets", "is not touched by it"), Connection() as owner:
+    with agent_stays_served(agent, daemon, "another user goes for the tickets", "is not affected"), Connection() as owner:
         path = owner.acquire_ticket()
         assert as_nobody(lambda: open(path).read()) == "EACCES"
         assert as_nobody(lambda: os.open(daemon.tickets / "ticket-mine", os.O_CREAT | os.O_WRONLY)) == "EACCES"
         assert as_nobody(lambda: os.symlink("/etc/passwd", daemon.tickets / "ticket-mine")) == "EACCES"
         assert as_nobody(lambda: os.rename(path, daemon.tickets / "ticket-mine")) == "EACCES"
         assert as_nobody(lambda: os.unlink(path)) == "EACCES"
-        # Even who knows the password has no use for it: it is the owner's connection's, and works there once.
-        secret = read_secret(path)
+        # The password is the owner's connection's, and works there once.
+        secret = read_ticket(path)
         for _ in range(2):
             with Connection() as thief, pytest.raises(Fault) as refused:
                 thief.login(secret)
@@ -117,11 +111,11 @@ def test_another_user_can_neither_read_nor_make_nor_replay_a_ticket(served):
 @pytest.mark.slow
 def test_of_many_uses_of_one_ticket_one_wins(served):
     daemon, agent = served()
-    with agent_stays_served(agent, daemon, "one ticket is used by 24 clients at once, 20 times", "is not touched by it"):
+    with agent_stays_served(agent, daemon, "one ticket is used by 24 clients at once, 20 times", "is not affected"):
         for _ in range(20):
             with contextlib.ExitStack() as stack:
                 clients = [stack.enter_context(Connection()) for _ in range(24)]
-                secret = read_secret(clients[0].acquire_ticket())
+                secret = read_ticket(clients[0].acquire_ticket())
                 won = []
                 together = threading.Barrier(len(clients))
 
@@ -142,10 +136,10 @@ def test_of_many_uses_of_one_ticket_one_wins(served):
 
 
 @pytest.mark.slow
-def test_wrong_passwords_are_slow_for_who_sends_them_and_for_nobody_else(served):
+def test_wrong_passwords_delay_their_sender_and_nobody_else(served):
     daemon, agent = served()
-    attempts, took = 0, []
-    with agent_stays_served(agent, daemon, "32 clients send wrong passwords for 5 s", "is not touched by it") as rebuild:
+    took = []
+    with agent_stays_served(agent, daemon, "32 clients send wrong passwords for 5 s", "is not affected") as rebuild:
         end = time.monotonic() + 5
 
         def guess():
@@ -161,9 +155,9 @@ def test_wrong_passwords_are_slow_for_who_sends_them_and_for_nobody_else(served)
         for thread in threads:
             thread.start()
         while time.monotonic() < end:
-            # One that knows its password gets in meanwhile, without delay.
+            # A client with the right password logs in meanwhile, without delay.
             with Connection() as client:
-                secret = read_secret(client.acquire_ticket())
+                secret = read_ticket(client.acquire_ticket())
                 started = time.monotonic()
                 client.login(secret)
                 assert time.monotonic() - started < 1 + watch.SLACK
@@ -179,12 +173,10 @@ def crowd_of_silent(stack):
 
 
 def crowd_of_slow(stack):
-    context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
-    context.check_hostname = False
-    context.verify_mode = ssl.CERT_NONE
+    context = client_context()
     slow = 0
     for _ in range(CROWD):
-        # The daemon may prefer newer ones to it at any moment.
+        # The daemon may drop it for newer ones at any moment.
         with contextlib.suppress(OSError):
             plain = stack.enter_context(socket.create_connection(DAEMON_ADDRESS, timeout=20))
             stream = stack.enter_context(context.wrap_socket(plain))
@@ -201,14 +193,14 @@ def test_a_crowd_leaves_the_agent_served(name, crowd, served):
     resource.setrlimit(resource.RLIMIT_NOFILE, (min(hard, 3 * CROWD), hard))
     try:
         daemon, agent = served()
-        with contextlib.ExitStack() as stack, agent_stays_served(agent, daemon, name, "is not touched by it") as rebuild:
+        with contextlib.ExitStack() as stack, agent_stays_served(agent, daemon, name, "is not affected") as rebuild:
             crowd(stack)
             for _ in range(10):
                 rebuild()
-            # A new client gets in as well.
+            # A new client can log in as well.
             with Connection() as client:
                 started = time.monotonic()
-                client.login(read_secret(client.acquire_ticket()))
+                client.login(read_ticket(client.acquire_ticket()))
                 assert client.children()
                 assert time.monotonic() - started < SERVED + watch.SLACK
     finally:
@@ -248,15 +240,15 @@ def test_oversized_requests_cost_constant_memory(name, logged_in, served):
     def send():
         with Connection() as client:
             if logged_in:
-                client.login(read_secret(client.acquire_ticket()))
-            # It ends the connection in the middle of what it is sent, or answers.
+                client.login(read_ticket(client.acquire_ticket()))
+            # The daemon closes the connection before it has received all, or replies.
             with contextlib.suppress(OSError):
                 client.stream.sendall(head)
                 for _ in range(times):
                     client.stream.sendall(piece)
                 client.stream.recv(1)
 
-    with agent_stays_served(agent, daemon, f"requests of {name} {'after' if logged_in else 'before'} the login", "is not touched by it"):
+    with agent_stays_served(agent, daemon, f"requests of {name} {'after' if logged_in else 'before'} the login", "is not affected"):
         for _ in range(4):
             send()
         early = watch.memory(daemon.process.pid, "VmHWM")
@@ -280,7 +272,7 @@ def small_disk(folder, size):
 
 
 @pytest.mark.slow
-def test_a_full_disk_gives_no_ticket_and_a_new_one_when_there_is_room(directory, start_daemon, shifted_agent):
+def test_no_ticket_is_written_on_a_full_disk_and_one_when_there_is_room(directory, start_daemon, shifted_agent):
     tickets = directory / "tickets"
     tickets.mkdir()
     with small_disk(tickets, 64 * 1024):
@@ -298,7 +290,7 @@ def test_a_full_disk_gives_no_ticket_and_a_new_one_when_there_is_room(directory,
                     with pytest.raises(Fault):
                         client.acquire_ticket()
                     assert list(tickets.iterdir()) == [filler]
-            # An agent that must log in again goes without its tables.
+            # An agent that must log in again has no rows.
             daemon.process.kill()
             daemon.process.wait()
             daemon = start_daemon(SMALL)
@@ -331,9 +323,9 @@ def test_a_killed_daemon_leaves_nothing_usable(served, start_daemon):
                     thread.join()
             daemon.process.wait()
             secrets = {path.read_text() for path in daemon.tickets.iterdir()}
-            assert read_secret(left[0]) in secrets
+            assert read_ticket(left[0]) in secrets
             daemon = start_daemon(SMALL)
-            # It takes connections a moment before it serves them, and has cleared up by then.
+            # It accepts connections a moment before it serves them, and has removed the tickets by then.
             system.wait_until(lambda: not list(daemon.tickets.iterdir()), "the tickets of the killed daemon to go")
             for secret in secrets:
                 with Connection() as client:

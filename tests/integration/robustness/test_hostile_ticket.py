@@ -1,4 +1,4 @@
-"""A daemon that names a file of its choice as the ticket: the agent neither waits for it nor gives its content away."""
+"""A daemon that names a file of its choice as the ticket: the agent neither waits for it nor sends its content."""
 
 import grp
 import os
@@ -10,10 +10,11 @@ import time
 import pytest
 import system
 import watch
-from recorded_session import GoodDaemon, element
+from fake_daemon import GoodBehaviour
+from wire import element
 
-SECRET = "do-not-give-this-away"
-STRANGER = 12345
+SECRET = "do-not-send-this"
+OTHER_USER = 12345
 
 # What the agent may take for a ticket, and how long.
 CONNECT = 1.0
@@ -77,9 +78,9 @@ def writable_by_the_group(folder):
     return write(folder / "open", mode=0o660)
 
 
-def strangers(folder):
+def of_another_user(folder):
     try:
-        return write(folder / "strangers", owner=STRANGER)
+        return write(folder / "other", owner=OTHER_USER)
     except (PermissionError, OSError):
         pytest.skip("only root, outside a user namespace, can give files to others")
 
@@ -141,7 +142,7 @@ def empty(folder):
 HOSTILE = {
     "a FIFO": fifo, "a FIFO with content": fifo_with_writer, "a device": device, "a socket": unix_socket, "a directory": directory_as_file,
     "a symbolic link": symbolic_link, "a hard link": hard_link, "a file that others can read": readable_by_others,
-    "a file that the group can write": writable_by_the_group, "a file of somebody else": strangers, "an old file": old,
+    "a file that the group can write": writable_by_the_group, "a file of another user": of_another_user, "an old file": old,
     "/etc/shadow": lambda _: "/etc/shadow", "/etc/passwd": lambda _: "/etc/passwd", "the agent's environment": lambda _: "/proc/self/environ",
     "the agent's memory": lambda _: "/proc/self/mem", "a serial number": lambda _: "/sys/class/dmi/id/product_uuid",
     "the terminal": lambda _: "/dev/tty", "a descriptor of the agent": lambda _: "/proc/self/fd/4", "a path with ..": upwards,
@@ -152,7 +153,7 @@ HOSTILE = {
 }
 
 
-class NamesFile(GoodDaemon):
+class NamesFile(GoodBehaviour):
     """A daemon that names `path` as the ticket and takes any login."""
 
     def __init__(self, host, directory, path):
@@ -168,7 +169,7 @@ class NamesFile(GoodDaemon):
 
 
 def contents_of(path):
-    """What must not travel."""
+    """Lines that must not be sent."""
     try:
         if os.path.isfile(path) and not str(path).startswith(("/proc", "/sys")):
             with open(path, "rb") as stream:
@@ -179,13 +180,13 @@ def contents_of(path):
 
 
 @pytest.mark.parametrize("name", HOSTILE)
-def test_the_content_of_no_other_file_is_given_away(name, directory, rogue, good, host, shifted_agent):
+def test_the_content_of_no_other_file_is_sent(name, directory, fake, good, host, shifted_agent):
     folder = directory / "hostile"
     folder.mkdir(mode=0o755)
     made = []
 
     def path():
-        # Made anew for each ticket, so that its age is never what saves it.
+        # Made anew for each ticket, so that its age is never why it is refused.
         if name != "an old file" or not made:
             for entry in folder.iterdir():
                 entry.rename(directory / f"used-{len(list(directory.iterdir()))}")
@@ -197,39 +198,39 @@ def test_the_content_of_no_other_file_is_given_away(name, directory, rogue, good
     agent = shifted_agent()
     agent.refresh()
     before = watch.descriptors(agent.pid)
-    logins = rogue.count("Login")
-    rogue.behave(NamesFile(host, directory, path))
-    received = len(rogue.received)
+    logins = fake.count("Login")
+    fake.behave(NamesFile(host, directory, path))
+    received = len(fake.received)
     with watch.Prober() as prober:
-        held = 0
+        took = 0
         for _ in range(3):
-            rogue.drop_connections()
+            fake.drop_connections()
             agent.refresh()
-            held = max(held, agent.refresh()[0])
-    assert rogue.count("AcquireLocalTicket") >= 3 and made
-    assert held < CONNECT + watch.SLACK
+            took = max(took, agent.refresh()[0])
+    assert fake.count("AcquireLocalTicket") >= 3 and made
+    assert took < CONNECT + watch.SLACK
     prober.check(CONNECT)
-    assert rogue.count("Login") == logins, "the agent tried to log in with it"
-    sent = bytes(rogue.received[received:])
+    assert fake.count("Login") == logins, "the agent tried to log in with it"
+    sent = bytes(fake.received[received:])
     assert SECRET.encode() not in sent
     for line in contents_of(made[-1]):
         assert line not in sent
-    rogue.behave(good)
-    rogue.drop_connections()
+    fake.behave(good)
+    fake.drop_connections()
     agent.recover(host)
     assert watch.descriptors(agent.pid) == before
     assert "\x1b" not in agent.log_text()
-    watch.report(f"the ticket is {name}", "does not open or does not send it, goes without a session", held, prober)
+    watch.report(f"the ticket is {name}", "does not open or does not send it, has no session", took, prober)
 
 
-def test_a_good_file_is_given(rogue, directory, host, shifted_agent):
-    """What the other tests rely on: with a file that is fit, the agent does log in."""
-    rogue.behave(NamesFile(host, directory, lambda: write(directory / f"ticket-{len(rogue.calls)}")))
+def test_a_good_file_is_sent(fake, directory, host, shifted_agent):
+    """What the other tests rely on: the agent does log in with a good file."""
+    fake.behave(NamesFile(host, directory, lambda: write(directory / f"ticket-{len(fake.calls)}")))
     shifted_agent()
-    assert rogue.calls[-1].parameters["password"] == SECRET
+    assert fake.calls[-1].parameters["password"] == SECRET
 
 
-def test_an_unreadable_file_is_no_ticket_for_an_unprivileged_agent(rogue, good, directory, host, shifted_agent):
+def test_an_unreadable_file_is_no_ticket_for_an_unprivileged_agent(fake, good, directory, host, shifted_agent):
     account = system.agent_account()
     tickets = []
 
@@ -241,32 +242,32 @@ def test_an_unreadable_file_is_no_ticket_for_an_unprivileged_agent(rogue, good, 
             return path
         return make
 
-    rogue.behave(NamesFile(host, directory, ticket(0o640, 0, account.pw_gid)))
+    fake.behave(NamesFile(host, directory, ticket(0o640, 0, account.pw_gid)))
     agent = shifted_agent(user="Debian-snmp")
     # The agent was root when it connected first.
-    rogue.drop_connections()
+    fake.drop_connections()
     agent.refresh()
     agent.refresh()
-    assert rogue.count("Login") == 2 and rogue.calls[-1].method != "Login"
+    assert fake.count("Login") == 2 and fake.calls[-1].method != "Login"
     before = watch.descriptors(agent.pid)
     with watch.Prober() as prober:
         for mode, owner, group in ((0o600, 0, 0), (0o000, account.pw_uid, account.pw_gid), (0o640, 0, grp.getgrnam("shadow").gr_gid)):
-            rogue.behave(NamesFile(host, directory, ticket(mode, owner, group)))
-            rogue.drop_connections()
+            fake.behave(NamesFile(host, directory, ticket(mode, owner, group)))
+            fake.drop_connections()
             agent.refresh()
-            held, rows = agent.refresh()
-            assert held < CONNECT + watch.SLACK and not rows
+            took, rows = agent.refresh()
+            assert took < CONNECT + watch.SLACK and not rows
     prober.check(CONNECT)
-    assert rogue.count("Login") == 2
+    assert fake.count("Login") == 2
     assert len(tickets) == 5
-    rogue.behave(NamesFile(host, directory, ticket(0o640, 0, account.pw_gid)))
+    fake.behave(NamesFile(host, directory, ticket(0o640, 0, account.pw_gid)))
     agent.recover(host)
     assert watch.descriptors(agent.pid) == before
-    watch.report("the ticket cannot be read by the agent's account", "goes without a session", held, prober, faults=3)
+    watch.report("the ticket cannot be read by the agent's account", "has no session", took, prober, faults=3)
 
 
-def test_a_file_that_changes_while_it_is_checked_gives_nothing_away(rogue, good, directory, host, agent):
-    """The name stands for a good file and for a link to another by turns, as fast as the test can."""
+def test_a_file_that_changes_while_it_is_checked_is_not_sent(fake, good, directory, host, agent):
+    """The name is a good file and a link to another by turns, as fast as the test can."""
     before = watch.descriptors(agent.pid)
     folder = directory / "hostile"
     folder.mkdir()
@@ -286,23 +287,23 @@ def test_a_file_that_changes_while_it_is_checked_gives_nothing_away(rogue, good,
 
     juggler = threading.Thread(target=juggle, daemon=True)
     juggler.start()
-    rogue.behave(NamesFile(host, directory, folder / "name"))
+    fake.behave(NamesFile(host, directory, folder / "name"))
     slowest = 0
     try:
         with watch.Prober() as prober:
             for _ in range(300):
-                rogue.drop_connections()
+                fake.drop_connections()
                 agent.refresh()
-                held, _ = agent.refresh()
-                assert held < CONNECT + watch.SLACK
-                slowest = max(slowest, held)
+                took, _ = agent.refresh()
+                assert took < CONNECT + watch.SLACK
+                slowest = max(slowest, took)
     finally:
         stopping.set()
         juggler.join()
     prober.check(CONNECT)
-    assert SECRET.encode() not in bytes(rogue.received)
-    rogue.behave(good)
-    rogue.drop_connections()
+    assert SECRET.encode() not in bytes(fake.received)
+    fake.behave(good)
+    fake.drop_connections()
     agent.recover(host)
     assert watch.descriptors(agent.pid) == before
-    watch.report("the ticket's name changes its meaning 300 times", "sends a fit file's content or nothing", slowest, prober, faults=300)
+    watch.report("the ticket's name is another file at each of 300 logins", "sends a good file's content or nothing", slowest, prober, faults=300)

@@ -1,4 +1,4 @@
-"""What an operator does to the agent: reload, unload, load twice, run it as another user, stop it in the middle of a rebuild."""
+"""What an operator does to the agent: reload, unload, load twice, another user, a stop in the middle of a rebuild."""
 
 import os
 import shutil
@@ -9,15 +9,14 @@ import threading
 import time
 
 import expected_tree
+import mib
+import net_snmp
 import pytest
-import recorded_session
 import system
 import watch
-from expected_tree import ENTERPRISE
-from recorded_session import Replaced
+from fake_daemon import Replaced, response
 from snmp_client import Client
 
-SNMPSET = ["snmpset", "-v2c", "-c", "private", "-On", "-m", "", "-t", "10", "-r", "0", "127.0.0.1"]
 WRITABLE = "rwcommunity private 127.0.0.1"
 
 # The table of loaded modules: name, path, error and status of each.
@@ -65,8 +64,8 @@ class Walker:
 
 def set_module(*bindings):
     """SET of the module table's columns: (column, index, type, value) each."""
-    arguments = [part for column, index, kind, value in bindings for part in (f"{DLMOD}{column}.{index}", kind, str(value))]
-    return subprocess.run(SNMPSET + arguments, capture_output=True, text=True)
+    arguments = [part for column, index, kind, value in bindings for part in (f"{DLMOD}{column}.{index}", kind, value)]
+    return net_snmp.run("snmpset", "-v2c", "-c", "private", "-On", "-t", "10", "-r", "0", "127.0.0.1", *arguments, mibs="")
 
 
 def load(index, path, name="SNMPKelv"):
@@ -76,7 +75,7 @@ def load(index, path, name="SNMPKelv"):
 
 
 def status(agent, index):
-    return agent.client.get(tuple(map(int, DLMOD.strip(".").split("."))) + (5, index))[0].value
+    return agent.client.get(net_snmp.parse_oid(DLMOD) + (5, index))[0].value
 
 
 def hang_up(agent, times):
@@ -116,13 +115,13 @@ def test_two_hundred_hangups_under_a_walk_change_nothing(agent, host):
     prober.check(1)
     agent.assert_right(host)
     assert watch.descriptors(agent.pid) == before
-    watch.report("200 SIGHUPs under a walk", "reloads the module, answers as before", (time.monotonic() - started) / 200, prober,
+    watch.report("200 SIGHUPs under a walk", "reloads the module, serves what it did before", (time.monotonic() - started) / 200, prober,
                  walks=walker.walks)
 
 
 @pytest.mark.slow
-def test_a_hangup_leaks_no_more_than_the_agent_does(shifted_agent, built, rogue, host):
-    figures = []
+def test_a_hangup_leaks_no_more_than_the_agent_does(shifted_agent, built, fake, host):
+    bytes_per_cycle = []
     for module in (built("empty_module"), system.MODULE):
         agent = shifted_agent(module=module)
 
@@ -131,16 +130,16 @@ def test_a_hangup_leaks_no_more_than_the_agent_does(shifted_agent, built, rogue,
                 hang_up(agent, 1)
                 agent.refresh()
 
-        figures.append(growth(agent, cycle, 20, 100))
+        bytes_per_cycle.append(growth(agent, cycle, 20, 100))
         agent.stop()
-    without, with_module = figures
+    without, with_module = bytes_per_cycle
     print(f"bytes per hangup: {without} without, {with_module} with the module")
     assert with_module <= without + LEAK
     watch.report("leak per SIGHUP and rebuild, in bytes", f"{with_module - without:.0f} beyond the agent's own {without:.0f}", 0)
 
 
 @pytest.mark.slow
-def test_a_hundred_unloads_and_loads_under_a_walk_change_nothing(shifted_agent, rogue, host):
+def test_a_hundred_unloads_and_loads_under_a_walk_change_nothing(shifted_agent, fake, host):
     agent = shifted_agent(configuration=WRITABLE)
     agent.refresh()
     agent.assert_right(host)
@@ -155,11 +154,11 @@ def test_a_hundred_unloads_and_loads_under_a_walk_change_nothing(shifted_agent, 
     agent.refresh()
     agent.assert_right(host)
     assert watch.descriptors(agent.pid) == before
-    watch.report("100 unloads and loads by SET under a walk", "answers nothing while unloaded, as before when loaded",
+    watch.report("100 unloads and loads by SET under a walk", "serves nothing while unloaded, what it did before when loaded",
                  (time.monotonic() - started) / 100, prober, walks=walker.walks)
 
 
-def test_an_unloaded_module_answers_nothing(shifted_agent, rogue, host):
+def test_an_unloaded_module_serves_nothing(shifted_agent, fake, host):
     agent = shifted_agent(configuration=WRITABLE)
     agent.refresh()
     agent.assert_right(host)
@@ -173,8 +172,8 @@ def test_an_unloaded_module_answers_nothing(shifted_agent, rogue, host):
 
 
 @pytest.mark.slow
-def test_unloading_and_loading_leaks_no_more_than_the_agent_does(shifted_agent, built, rogue, host):
-    figures = []
+def test_unloading_and_loading_leaks_no_more_than_the_agent_does(shifted_agent, built, fake, host):
+    bytes_per_cycle = []
     for module in (built("empty_module"), system.MODULE):
         agent = shifted_agent(module=module, configuration=WRITABLE)
 
@@ -184,23 +183,23 @@ def test_unloading_and_loading_leaks_no_more_than_the_agent_does(shifted_agent, 
                 assert set_module((5, 1, "i", LOAD)).returncode == 0
                 agent.refresh()
 
-        figures.append(growth(agent, cycle, 20, 100))
+        bytes_per_cycle.append(growth(agent, cycle, 20, 100))
         agent.stop()
-    without, with_module = figures
+    without, with_module = bytes_per_cycle
     print(f"bytes per unload and load: {without} without, {with_module} with the module")
     assert with_module <= without + LEAK
     watch.report("leak per unload, load and rebuild, in bytes", f"{with_module - without:.0f} beyond the agent's own {without:.0f}", 0)
 
 
 @pytest.mark.slow
-def test_rebuilds_and_reconnects_leak_nothing(agent, rogue, host):
+def test_rebuilds_and_reconnects_leak_nothing(agent, fake, host):
     def rebuild(times):
         for _ in range(times):
             agent.refresh()
 
     def reconnect(times):
         for _ in range(times):
-            rogue.drop_connections()
+            fake.drop_connections()
             agent.refresh()
             agent.refresh()
 
@@ -227,7 +226,7 @@ def group_tickets(good):
 
 
 @pytest.mark.parametrize("background", [False, True])
-def test_an_agent_that_drops_its_privileges_goes_on_as_before(background, group_tickets, shifted_agent, rogue, host):
+def test_an_agent_that_drops_its_privileges_goes_on_as_before(background, group_tickets, shifted_agent, fake, host):
     agent = shifted_agent(user="Debian-snmp", background=background)
     with open(f"/proc/{agent.pid}/status", encoding="ascii") as stream:
         assert f"Uid:\t{group_tickets.pw_uid}\t{group_tickets.pw_uid}" in stream.read()
@@ -237,26 +236,26 @@ def test_an_agent_that_drops_its_privileges_goes_on_as_before(background, group_
     with watch.Prober() as prober, Walker(host):
         hang_up(agent, 10)
     prober.check(1)
-    rogue.drop_connections()
+    fake.drop_connections()
     agent.recover(host)
     assert watch.descriptors(agent.pid) == before
     watch.report(f"privileges dropped, {'daemonising' if background else 'in the foreground'}", "goes on, logs in again as its account", 0, prober)
 
 
-def test_a_daemonising_agent_makes_its_own_connection(shifted_agent, rogue, host):
+def test_a_daemonising_agent_makes_its_own_connection(shifted_agent, fake, host):
     agent = shifted_agent(background=True)
     assert agent.pid != agent.process.pid
     with watch.unharmed(agent, 1) as prober:    # the parent's connection is open in the child until it makes its own
         agent.refresh()
         agent.assert_right(host)
-    assert rogue.accepted == 2 and rogue.count("Login") == 2
-    assert rogue.count("Logout") == 0, "the child said goodbye on its parent's connection"
+    assert fake.accepted == 2 and fake.count("Login") == 2
+    assert fake.count("Logout") == 0, "the child logged out on its parent's connection"
     connected = subprocess.run(["ss", "-Htnp", "dport = :902"], capture_output=True, text=True, check=True).stdout
     assert connected.count(f"pid={agent.pid},") == 1, connected
-    watch.report("daemonising start", "the child makes a connection of its own and says nothing on its parent's", 0, prober)
+    watch.report("daemonising start", "the child makes a connection of its own and sends nothing on its parent's", 0, prober)
 
 
-def test_a_second_load_changes_nothing(shifted_agent, rogue, host, directory):
+def test_a_second_load_changes_nothing(shifted_agent, fake, host, directory):
     copy = directory / "Copy.so"
     shutil.copy(system.MODULE, copy)
     agent = shifted_agent(configuration=WRITABLE)
@@ -284,10 +283,10 @@ def test_a_second_load_changes_nothing(shifted_agent, rogue, host, directory):
     assert set_module((5, 1, "i", LOAD)).returncode == 0
     agent.refresh()
     agent.assert_right(host)
-    watch.report("a second load, of a copy and of the same file", "registers nothing, answers as before", 0, prober)
+    watch.report("a second load, of a copy and of the same file", "registers nothing, serves what it did before", 0, prober)
 
 
-def test_a_copy_takes_over_when_it_is_loaded_anew(shifted_agent, rogue, host, directory):
+def test_a_copy_takes_over_when_it_is_loaded_anew(shifted_agent, fake, host, directory):
     copy = directory / "Copy.so"
     shutil.copy(system.MODULE, copy)
     agent = shifted_agent(configuration=WRITABLE)
@@ -304,7 +303,7 @@ def test_a_copy_takes_over_when_it_is_loaded_anew(shifted_agent, rogue, host, di
 
 
 @pytest.mark.parametrize("keep", [None, 0, 3, 64])
-def test_a_missing_or_truncated_module_leaves_the_agent_alone(keep, shifted_agent, rogue, host, directory):
+def test_a_missing_or_truncated_module_leaves_the_agent_alone(keep, shifted_agent, fake, host, directory):
     broken = directory / "Broken.so"
     if keep is not None:
         broken.write_bytes(system.MODULE.read_bytes()[:keep])
@@ -316,11 +315,11 @@ def test_a_missing_or_truncated_module_leaves_the_agent_alone(keep, shifted_agen
     load(2, system.MODULE)
     agent.refresh()
     agent.assert_right(host)
-    watch.report("module missing" if keep is None else f"module cut to {keep} bytes", "the agent says so and serves the rest", 0, prober)
+    watch.report("module missing" if keep is None else f"module truncated to {keep} bytes", "the agent logs it and serves the rest", 0, prober)
 
 
-@pytest.mark.parametrize("change", ["removed", "cut", "rewritten"])
-def test_a_running_agent_outlives_changes_of_the_module_on_disk(change, shifted_agent, rogue, host, directory):
+@pytest.mark.parametrize("change", ["removed", "truncated", "rewritten"])
+def test_a_running_agent_outlives_changes_of_the_module_on_disk(change, shifted_agent, fake, host, directory):
     """Files are replaced as package managers do it: by renaming. What is loaded stays loaded."""
     installed = directory / "Installed.so"
     shutil.copy(system.MODULE, installed)
@@ -332,7 +331,7 @@ def test_a_running_agent_outlives_changes_of_the_module_on_disk(change, shifted_
     else:
         new = directory / "New.so"
         whole = system.MODULE.read_bytes()
-        new.write_bytes(whole[:4096] if change == "cut" else whole)
+        new.write_bytes(whole[:4096] if change == "truncated" else whole)
         new.rename(installed)
     with watch.unharmed(agent, 1) as prober:
         for _ in range(3):
@@ -344,7 +343,7 @@ def test_a_running_agent_outlives_changes_of_the_module_on_disk(change, shifted_
 
 @pytest.mark.parametrize("method", ["AcquireLocalTicket", "GetChildEntity", "GetConfig", "QueryPerf"])
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
-def test_the_agent_ends_within_two_seconds_of_a_signal_in_a_rebuild(number, method, shifted_agent, rogue, good):
+def test_the_agent_ends_within_two_seconds_of_a_signal_in_a_rebuild(number, method, shifted_agent, fake, good):
     agent = shifted_agent()
     waiting = threading.Event()
 
@@ -353,14 +352,14 @@ def test_the_agent_ends_within_two_seconds_of_a_signal_in_a_rebuild(number, meth
         waiting.set()
         stream.wait()
 
-    rogue.behave(Replaced(good, **{method: stay_silent}))
+    fake.behave(Replaced(good, **{method: stay_silent}))
     if method == "AcquireLocalTicket":
-        rogue.drop_connections()
+        fake.drop_connections()
         agent.refresh()
     agent.age_cache()
     client = Client(timeout=0.1)
     with pytest.raises(TimeoutError):
-        client.get(ENTERPRISE + (2, 1, 1, 2, 0))
+        client.get(mib.oid("vmDisplayName", 0))
     client.close()
     assert waiting.wait(5)
     started = time.monotonic()
@@ -373,18 +372,17 @@ def test_the_agent_ends_within_two_seconds_of_a_signal_in_a_rebuild(number, meth
     watch.report(f"{number.name} while waiting for {method}", "ends the wait, shuts down", took)
 
 
-def test_the_agent_ends_within_two_seconds_of_a_signal_in_a_busy_rebuild(shifted_agent, rogue, good):
-    """Ten thousand machines, each with answers that come at once: the signal seldom comes while the agent waits."""
-    machines = "".join(f'<returnval type="VirtualMachine">{n}</returnval>' for n in range(100_000))
+def test_the_agent_ends_within_two_seconds_of_a_signal_in_a_busy_rebuild(shifted_agent, fake, good):
+    """A hundred thousand VMs whose replies come at once: the signal seldom comes while the agent waits."""
+    vms = "".join(f'<returnval type="VirtualMachine">{n}</returnval>' for n in range(100_000))
     agent = shifted_agent()
-    rogue.behave(Replaced(good, GetChildEntity=recorded_session.response("GetChildEntity", machines),
-                          GetConfig=recorded_session.response("GetConfig", "")))
+    fake.behave(Replaced(good, GetChildEntity=response("GetChildEntity", vms), GetConfig=response("GetConfig", "")))
     agent.age_cache()
     client = Client(timeout=0.1)
     with pytest.raises(TimeoutError):
-        client.get(ENTERPRISE + (2, 1, 1, 2, 0))
+        client.get(mib.oid("vmDisplayName", 0))
     client.close()
-    system.wait_until(lambda: rogue.count("GetConfig") > 100, "the rebuild to be under way")
+    system.wait_until(lambda: fake.count("GetConfig") > 100, "the rebuild to be under way")
     started = time.monotonic()
     os.kill(agent.pid, signal.SIGTERM)
     assert agent.process.wait(20) == 0

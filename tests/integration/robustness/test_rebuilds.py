@@ -1,4 +1,4 @@
-"""Rebuild after rebuild: what a year of monitoring does to the agent, in minutes.
+"""Rebuild after rebuild: the memory that a year of monitoring costs the agent, in minutes.
 
 KELV_REBUILDS sets how many (500 by default).
 """
@@ -11,12 +11,12 @@ import system
 import watch
 
 REBUILDS = int(os.environ.get("KELV_REBUILDS", "500"))
-MACHINES = 100
+VMS = 100
 
-MACHINE = """
+VM = """
   - id: "{id}"
     config:
-      name: machine {id}
+      name: vm {id}
       guestFullName: Debian GNU/Linux 12 (64-bit)
       files: {{vmPathName: "[storage1] m{id}/m{id}.cfg"}}
       datastoreUrl: [{{name: storage1, url: /volumes/4a5b/}}]
@@ -44,7 +44,7 @@ MACHINE = """
 """
 HOST = ('about: {name: Tovric Kelv Server, version: 3.0.2, build: "13638"}\nhardware: {cpuInfo: {numCpuCores: 8}}\n'
         "serviceConsole: {serviceConsoleReserved: 285212672, unreserved: 1862270976}\nvms:"
-        + "".join(MACHINE.format(id=100 + 10 * n, low=n) for n in range(MACHINES)))
+        + "".join(VM.format(id=100 + 10 * n, low=n) for n in range(VMS)))
 
 
 @pytest.mark.slow
@@ -62,9 +62,9 @@ def test_rebuilds_cost_no_memory_and_one_statistics_query_each(directory, start_
             resident.append(watch.memory(agent.pid))
             heap.append(agent.heap())
     early, late = resident[0], resident[-1]
-    assert daemon.log_text().count(f"QueryPerf of {MACHINES} entities") - queries == REBUILDS
-    watch.report(f"{REBUILDS} rebuilds of {MACHINES} machines", "holds as much memory after the last as after a tenth of them", 0,
+    assert daemon.log_text().count(f"QueryPerf of {VMS} entities") - queries == REBUILDS
+    watch.report(f"{REBUILDS} rebuilds of {VMS} VMs", "holds as much memory after the last as after a tenth of them", 0,
                  resident_kilobytes=resident, heap_bytes=heap)
     assert late <= early * 1.01
-    # The names of disks and cards come from their lasting copies.
+    # The names of disks and cards are lasting strings.
     agent.assert_right(expected_tree.parse(HOST))

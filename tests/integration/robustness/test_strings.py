@@ -1,18 +1,14 @@
-"""Texts of every length and every byte in every string column: answered whole or cut, the agent alive."""
+"""Texts of every length and every byte in every string column: served whole or truncated, the agent alive."""
 
 import re
 
 import expected_tree
+import mib
 import pytest
 import watch
-from expected_tree import ENTERPRISE
-from recorded_session import GoodDaemon
+from fake_daemon import GoodBehaviour
 
-# The most bytes of a column; the product's have less.
-LONGEST = 2559
-SHORTER = {ENTERPRISE + (1, 1): 255, ENTERPRISE + (1, 2): 15, ENTERPRISE + (1, 4): 15}
-
-# Texts as they stand in the XML, bytes that are no UTF-8 as lone surrogates; and, where it differs, what they mean.
+# Texts as they stand in the XML, bytes that are no UTF-8 as lone surrogates.
 TEXTS = {
     "2559 bytes": "x" * 2559,
     "2560 bytes": "x" * 2560,
@@ -65,16 +61,15 @@ def host_of(text):
     }
 
 
-# Every string column that takes its text from the daemon, with the words that stand in for an empty one.
-COLUMNS = {
-    (1, 1, 0): b"", (1, 2, 0): b"", (1, 4, 0): b"",
-    (2, 1, 1, 2, 0): b"", (2, 1, 1, 3, 0): b"", (2, 1, 1, 4, 0): b"", (2, 1, 1, 8, 0): b"",
-    (2, 2, 1, 3, 0, 0): b"", (2, 3, 1, 3, 0, 0): b"", (2, 4, 1, 3, 0, 0): b"", (2, 4, 1, 4, 0, 0): b"",
-    (2, 5, 1, 3, 0, 0): b"unknown", (2, 6, 1, 3, 0, 0): b"unknown", (3, 3, 1, 2, 1): b"", (3, 4, 1, 2, 1): b"", (3, 4, 1, 4, 1): b"",
-}
+MARK = "mark"
 
 
-def cut(text, most):
+def marked(host):
+    """The instances of the string columns that take their text from the host; `host` has MARK in every place for a text."""
+    return [i for i in expected_tree.tree(host) if i.value == MARK.encode()]
+
+
+def truncations(text, most):
     """The first `most` bytes at most, not ending inside a character; what is no character stands for itself."""
     if len(text) <= most:
         return {text}
@@ -87,36 +82,58 @@ def cut(text, most):
 
 
 @pytest.mark.parametrize("name", TEXTS)
-def test_every_string_column_bears_every_text(name, shifted_agent, rogue, directory):
+def test_every_string_column_carries_every_text(name, shifted_agent, fake, directory):
     text = TEXTS[name]
-    rogue.behave(GoodDaemon(host_of(text), directory))
+    fake.behave(GoodBehaviour(host_of(text), directory))
     agent = shifted_agent()
     before = watch.descriptors(agent.pid)
     sent = text.encode(errors="surrogateescape")
+    whole = expected_tree.tree(host_of(MARK))
+    without_text = {i.oid: i.value for i in expected_tree.tree(host_of(""))}
+    sizes = {i.oid: declared.size for i in whole for declared in mib.objects().values() if i.oid[:len(declared.oid)] == declared.oid}
     with watch.Prober() as prober:
         for _ in range(3):
             agent.refresh()
-            for suffix, empty in COLUMNS.items():
-                oid = ENTERPRISE + suffix
-                answer, = agent.client.get(oid)
-                assert answer.type == "OCTET STRING", (oid, answer)
-                most = SHORTER.get(oid[:-1], LONGEST)
-                assert answer.value in cut(sent or empty, most), (oid, answer.value[:80], len(answer.value))
-        walked = [i for i in agent.client.walk()]
-        bulked = agent.client.bulk_walk(repetitions=3)
-        assert [i.oid for i in walked] == [i.oid for i in bulked]
-        assert {ENTERPRISE + suffix for suffix in COLUMNS} <= {i.oid for i in walked}
+            for oid in (i.oid for i in marked(host_of(MARK))):
+                found, = agent.client.get(oid)
+                assert found.type == "OCTET STRING", (oid, found)
+                assert found.value in truncations(sent or without_text[oid], sizes[oid]), (oid, found.value[:80], len(found.value))
+        walked = agent.client.walk()
+        assert [i.oid for i in walked] == [i.oid for i in whole]
+        assert [i.oid for i in agent.client.bulk_walk(repetitions=3)] == [i.oid for i in whole]
+        assert [i for i in walked if i.type == "OCTET STRING" and i.oid not in {m.oid for m in marked(host_of(MARK))}] == \
+            [i for i in whole if i.type == "OCTET STRING" and i.value != MARK.encode()]
     prober.check(1)
     assert watch.descriptors(agent.pid) == before
-    watch.report(f"every string is {name}", "answers it, cut to 2559 bytes (product: 255 and 15) before a character that does not fit",
-                 prober.figures()["max"], prober)
+    watch.report(f"every string is {name}", "serves it, truncated to the size in the MIB before a character that does not fit",
+                 prober.summary()["max"], prober)
 
 
-def test_the_columns_are_all_there_are(host):
-    """A string column of the tree that the test above leaves out is one whose text the daemon cannot choose."""
-    fixed = {(2, 1, 1, 6, 0), (2, 2, 1, 4, 0, 0), (2, 4, 1, 5, 0, 0), (2, 5, 1, 4, 0, 0), (2, 6, 1, 4, 0, 0), (4, 1, 1, 1, 0)}
-    strings = {i.oid[len(ENTERPRISE):] for i in expected_tree.tree(host) if i.type == "OCTET STRING"}
-    assert strings == fixed | set(COLUMNS)
+# Members whose texts the API limits to a few.
+ENUMERATIONS = {"type", "powerState", "connected"}
+
+
+def with_one_text_marked(value):
+    """Copies of a host, each with MARK in the place of one text."""
+    if isinstance(value, str):
+        yield MARK
+        return
+    for key, member in value.items() if isinstance(value, dict) else enumerate(value):
+        if key not in ENUMERATIONS:
+            for changed in with_one_text_marked(member):
+                copy = value.copy()
+                copy[key] = changed
+                yield copy
+
+
+def test_host_of_has_the_text_for_every_column_that_can_take_one(host):
+    taken, found = {i.oid for i in marked(host_of(MARK))}, set()
+    for changed in with_one_text_marked({key: host[key] for key in ("about", "vms", "datastores")}):
+        try:
+            found |= {i.oid for i in marked({**host, **changed})}
+        except ValueError:      # the place was a number's
+            pass
+    assert taken and found == taken
 
 
 FORGED = "\\nSNMPKelv: forged"
@@ -141,7 +158,7 @@ vms:
 
 
 def test_no_text_of_a_host_can_forge_a_line_of_a_log(directory, start_daemon, shifted_agent):
-    """Names and messages that hold a line end are quoted in the logs of both sides, but never begin a line there."""
+    """Names and messages that hold a line end are escaped in the logs of both sides, and never begin a line there."""
     file = directory / "forging.yaml"
     file.write_text(FORGING_HOST)
     daemon = start_daemon(file, "--log-level", "debug")

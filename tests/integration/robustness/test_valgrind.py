@@ -1,4 +1,4 @@
-"""What valgrind says of the module in the real agent: nothing is lost, nothing is read that was never written."""
+"""The module in the real agent under valgrind: nothing is lost, nothing uninitialised is read."""
 
 import shutil
 import time
@@ -15,7 +15,7 @@ NOT_LOST = {"Leak_StillReachable", "Leak_PossiblyLost"}
 
 
 def findings(report):
-    """What valgrind tells of the module: pairs of a kind, and a text with the functions that led there."""
+    """Valgrind's errors in the module: pairs of a kind, and a text with the functions that led there."""
     for error in xml.etree.ElementTree.parse(report).getroot().iter("error"):
         frames = [(frame.findtext("obj") or "", frame.findtext("fn") or "?") for frame in error.iter("frame")]
         if any(library.endswith("SNMPKelv.so") for library, _ in frames):
@@ -26,13 +26,13 @@ def findings(report):
 @pytest.mark.slow
 @pytest.mark.skipif(not shutil.which("valgrind"), reason="valgrind is not installed")
 @system.needs_plain_build
-def test_a_load_a_hundred_refreshes_and_an_unload_lose_nothing(directory, rogue, host, shifted_agent):
+def test_a_load_a_hundred_refreshes_and_an_unload_lose_nothing(directory, fake, host, shifted_agent):
     report = directory / "valgrind.xml"
     valgrind = ["valgrind", "--quiet", "--leak-check=full", "--show-leak-kinds=all", "--num-callers=40", "--keep-debuginfo=yes",
                 "--child-silent-after-fork=yes", "--xml=yes", f"--xml-file={report}"]
     agent = shifted_agent(module=None, configuration=WRITABLE, under=valgrind, timeout=60)
     load(1, system.MODULE)
-    # Under valgrind, on a busy machine, a login may take longer than its limit; then the agent pauses for 5 s.
+    # Under valgrind, on a busy computer, a login may time out; then the agent backs off for 5 s.
     whole, deadline = 0, time.monotonic() + 120
     while whole < REFRESHES:
         assert time.monotonic() < deadline, f"{whole} refreshes: {agent.log_text()}"

@@ -1,7 +1,6 @@
-"""Watches an agent while something goes wrong: is it the same process, does it keep its descriptors, how soon does it answer."""
+"""Watches an agent during a fault: that it is the same process, keeps its descriptors, and how soon it answers sysUpTime."""
 
 import contextlib
-import json
 import math
 import os
 import pathlib
@@ -12,10 +11,10 @@ import time
 
 import system
 
-# Faults, times and delays are appended to this file, one JSON object a line; fault_table.py prints it.
-REPORT = os.environ.get("KELV_FAULT_REPORT")
+# What the running test has reported.
+reported = []
 
-# What a shared machine, or a sanitizer, may add to a budget, in seconds.
+# What a shared computer, or a sanitizer, may add to a budget, in seconds.
 SLACK = 10.0 if system.sanitizer_libraries() else 3.0
 
 _UPTIME = bytes.fromhex("300e300c06082b060102010103000500")
@@ -41,19 +40,19 @@ class Delays:
         ordered = sorted(self.seconds)
         return ordered[max(0, math.ceil(len(ordered) * percent / 100) - 1)]
 
-    def figures(self):
+    def summary(self):
         return {"p50": self.percentile(50), "p99": self.percentile(99), "max": self.percentile(100), "requests": len(self.seconds)}
 
 
 class Prober:
-    """Asks for sysUpTime at a steady pace, whether answers come or not, and notes how long each one took."""
+    """Requests sysUpTime at a steady pace, whether answers come or not, and measures the delay of each answer."""
 
     FIRST = 0x10000000
     INTERVAL = 0.03
 
     def __init__(self, address=("127.0.0.1", 161)):
         self.address = address
-        self.asked, self.delays = {}, {}
+        self.sent, self.delays = {}, {}
 
     def __enter__(self):
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
@@ -69,17 +68,17 @@ class Prober:
         number = self.FIRST
         due = time.monotonic()
         while not self.stopping.is_set():
-            self.asked[number] = due
+            self.sent[number] = due
             try:
                 self.socket.send(_request(number))
             except ConnectionRefusedError:
-                return          # the agent is gone; check() tells
+                return          # the agent has ended; check() fails
             number += 1
             due += self.INTERVAL
             self.stopping.wait(max(0, due - time.monotonic()))
 
     def _listen(self):
-        while not self.stopping.is_set() or len(self.delays) < len(self.asked):
+        while not self.stopping.is_set() or len(self.delays) < len(self.sent):
             try:
                 answer = self.socket.recv(65535)
             except TimeoutError:
@@ -92,7 +91,7 @@ class Prober:
             at = answer.index(b"\xa2") + 2
             assert answer[at:at + 2] == b"\x02\x04", answer
             number = int.from_bytes(answer[at + 2:at + 6], "big")
-            self.delays[number] = now - self.asked[number]
+            self.delays[number] = now - self.sent[number]
 
     def __exit__(self, *_):
         self.last = time.monotonic()
@@ -104,14 +103,14 @@ class Prober:
     def check(self, budget):
         """Every request was answered, each within the budget and the slack."""
         assert self.delays, "sysUpTime was never answered"
-        lost = len(self.asked) - len(self.delays)
-        assert lost == 0, f"{lost} of {len(self.asked)} requests for sysUpTime were never answered"
+        lost = len(self.sent) - len(self.delays)
+        assert lost == 0, f"{lost} of {len(self.sent)} requests for sysUpTime were never answered"
         assert max(self.delays.values()) < budget + SLACK
 
-    def figures(self):
+    def summary(self):
         delays = Delays()
         delays.add(self)
-        return delays.figures()
+        return delays.summary()
 
 
 @contextlib.contextmanager
@@ -127,12 +126,8 @@ def unharmed(agent, budget):
 
 
 def report(fault, does, seconds, delays=None, **more):
-    """Notes a fault, what the agent does, how long that took, and the delays (of a Prober, or Delays) meanwhile."""
-    if REPORT:
-        test = os.environ["PYTEST_CURRENT_TEST"].rpartition(" ")[0].removeprefix("tests/integration/robustness/")
-        line = {"fault": fault, "does": does, "seconds": seconds, "test": test, **(delays.figures() if delays else {}), **more}
-        with open(REPORT, "a", encoding="utf-8") as stream:
-            stream.write(json.dumps(line) + "\n")
+    """Adds a line to the report: a fault, what the agent does, how long that took, the delays (a Prober, or Delays) meanwhile."""
+    reported.append({"fault": fault, "does": does, "seconds": seconds, **(delays.summary() if delays else {}), **more})
 
 
 def descriptors(pid):
@@ -153,5 +148,5 @@ def processor_seconds(pid):
 
 
 def memory(pid, key="VmRSS"):
-    """A figure of a process's memory in kilobytes."""
+    """A line of a process's status: memory in kilobytes."""
     return int(re.search(rf"^{key}:\s+(\d+)", pathlib.Path(f"/proc/{pid}/status").read_text(), re.MULTILINE)[1])

@@ -1,14 +1,15 @@
-"""A TLS server on the daemon's port that can speak every layer of the wire as badly as a test wants.
+"""The fake management daemon: a TLS server on the daemon's port that breaks any layer of the wire that a test names.
 
-A connection runs through the steps of `Behaviour`: handshake, preamble, calls. A test overrides the step that it wants
-to break; the others stay as `recorded_session.GoodDaemon` has them. A change of behaviour holds from the next step on,
-of connections that stand already too.
+A connection runs through the steps of `Behaviour`: handshake, preamble, calls. `GoodBehaviour` serves a described host; a test
+overrides the step that it breaks. A change of behaviour takes effect at the next step, of open connections too.
 """
 
 import contextlib
 import dataclasses
 import functools
 import os
+import pathlib
+import secrets
 import socket
 import ssl
 import struct
@@ -17,18 +18,23 @@ import tempfile
 import threading
 import time
 import xml.etree.ElementTree as xml
+from xml.sax.saxutils import escape
 
+import expected_tree
 from system import DAEMON_ADDRESS
+from wire import PREAMBLE, element, envelope, local_name
 
-# How a connection may end.
-GOODBYE, END, RESET = "goodbye", "end", "reset"
+HOST = pathlib.Path(__file__).parent / "every_row.yaml"
+
+# How a connection may end: TLS's orderly end, without it, by a TCP reset.
+CLOSE_NOTIFY, END, RESET = "close_notify", "end", "reset"
 
 # Between two bytes of a peer that trickles.
 TRICKLE = 0.5
 
 
-class Gone(Exception):
-    """The agent, the test or a cut has ended the connection."""
+class Closed(Exception):
+    """The agent, the test or a limit has ended the connection."""
 
 
 @functools.lru_cache(None)
@@ -47,28 +53,44 @@ def tls_context(newest=None):
     return context
 
 
+# The keys of the counters; the module requests these and no others.
+_KEYS = {name: str(key) for key, name in enumerate(expected_tree.COUNTERS, 101)}
+
+
+def http_reply(body, status="200 OK"):
+    return f"HTTP/1.1 {status}\r\nContent-Length: {len(body)}\r\n\r\n".encode() + body
+
+
+def response(method, content):
+    """The HTTP reply to a call of `method`."""
+    return http_reply(envelope(f'<{method}Response xmlns="urn:ordane">{content}</{method}Response>'))
+
+
+def fault(type, text="no"):
+    """The HTTP reply that is a fault."""
+    return http_reply(envelope(f'<s:Fault><faultcode>s:Server</faultcode><faultstring>{escape(text)}</faultstring>'
+                               f'<detail><{type} xmlns="urn:ordane"><message>{escape(text)}</message></{type}></detail></s:Fault>'),
+                      "500 Internal Server Error")
+
+
 @dataclasses.dataclass(frozen=True)
 class Call:
-    """A call as it came in."""
+    """A call as it was received."""
     method: str
     type: str
     id: str
     parameters: dict
 
 
-def _local(tag):
-    return tag.rpartition("}")[2]
-
-
 def parse_call(text):
-    body = next(element for element in xml.fromstring(text) if _local(element.tag) == "Body")
-    target = next(element for element in body[0] if _local(element.tag) == "_this")
-    parameters = {_local(element.tag): element.text or "" for element in body[0] if element is not target}
-    return Call(_local(body[0].tag), target.get("type"), target.text, parameters)
+    body = next(child for child in xml.fromstring(text) if local_name(child) == "Body")
+    target = next(child for child in body[0] if local_name(child) == "_this")
+    parameters = {local_name(child): child.text or "" for child in body[0] if child is not target}
+    return Call(local_name(body[0]), target.get("type"), target.text, parameters)
 
 
 class Stream:
-    """One accepted connection, from the server's side. Every operation raises Gone when the connection has ended."""
+    """One accepted connection, from the server's side. Every operation raises Closed when the connection has ended."""
 
     def __init__(self, daemon, plain):
         self.daemon = daemon
@@ -89,7 +111,7 @@ class Stream:
 
     def _check(self):
         if self.daemon.stopping.is_set() or self.plain.fileno() < 0:
-            raise Gone
+            raise Closed
 
     def send_raw(self, data):
         """Bytes outside of TLS."""
@@ -102,7 +124,7 @@ class Stream:
             try:
                 self.plain.sendall(piece)
             except OSError as error:
-                raise Gone from error
+                raise Closed from error
             self.raw_sent += len(piece)
             if end:
                 self.end(self.ending)
@@ -113,9 +135,9 @@ class Stream:
         try:
             data = self.plain.recv(65536)
         except OSError as error:
-            raise Gone from error
+            raise Closed from error
         if not data:
-            raise Gone
+            raise Closed
         return data
 
     def wait(self, seconds=None):
@@ -125,22 +147,22 @@ class Stream:
             self._check()
             left = 0.05 if until is None else min(0.05, until - time.monotonic())
             if left > 0 and self.daemon.stopping.wait(left):
-                raise Gone
+                raise Closed
             if until is None:
                 self._raise_if_peer_left()
 
     def _raise_if_peer_left(self):
         try:
             if self.plain.recv(1, socket.MSG_PEEK | socket.MSG_DONTWAIT) == b"":
-                raise Gone
+                raise Closed
         except BlockingIOError:
             pass
         except OSError as error:
-            raise Gone from error
+            raise Closed from error
 
     def end(self, how=END):
         """Ends the connection, and with it the behaviour that runs."""
-        if how == GOODBYE and self.tls:
+        if how == CLOSE_NOTIFY and self.tls:
             with contextlib.suppress(ssl.SSLError, OSError):
                 self.raw_limit, self.raw_interval = None, 0
                 with contextlib.suppress(ssl.SSLWantReadError):
@@ -149,7 +171,7 @@ class Stream:
         if how == RESET:
             self.plain.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         self.plain.close()
-        raise Gone
+        raise Closed
 
     # TLS
 
@@ -167,9 +189,9 @@ class Stream:
                 self.incoming.write(self._receive_raw())
                 continue
             except ssl.SSLError as error:
-                with contextlib.suppress(Gone):
+                with contextlib.suppress(Closed):
                     self._flush()
-                raise Gone from error
+                raise Closed from error
             self._flush()
             return result
 
@@ -178,7 +200,7 @@ class Stream:
             self.send_raw(self.outgoing.read())
 
     def send(self, data):
-        """Plain text, in records of its own; a piece at a time when it is long, so that the agent's refusal is noticed."""
+        """Plain text, in records of its own; a piece at a time when it is long, so that the end of the connection is noticed."""
         step = 1 if self.interval else 1 << 18
         for at in range(0, len(data), step):
             piece = data[at:at + step]
@@ -199,7 +221,7 @@ class Stream:
     def _fill(self):
         data = self._drive(self.tls.read, 65536)
         if not data:
-            raise Gone
+            raise Closed
         self.received += data
         self.daemon.received += data
 
@@ -229,23 +251,126 @@ class Stream:
 
 
 class Behaviour:
-    """What the daemon does at each step of a connection. A subclass answers calls with the bytes of a whole HTTP reply."""
+    """What the daemon does at each step of a connection."""
 
     def greet(self, stream):
         stream.handshake()
 
     def preamble(self, stream):
-        assert stream.read_until(b"\r\n") == b'OPEN 2 "" ""\r\n'
+        assert stream.read_until(b"\r\n") == f"{PREAMBLE}\r\n".encode()
         stream.send(b"200 /connection/1\r\n")
 
     def reply(self, stream, call):
-        stream.send(self.answer(call))
-
-    def answer(self, call):
         raise NotImplementedError
 
 
-class RogueDaemon:
+class GoodBehaviour(Behaviour):
+    """Serves a host (as expected_tree.load returns it); tickets are files in the directory."""
+
+    def __init__(self, host, directory):
+        self.host = host
+        self.directory = directory
+        self.secret = None
+        self.vms = {vm["id"]: vm for vm in host["vms"]}
+
+    # Calls that need no login.
+    BEFORE_LOGIN = ("RetrieveContent", "AcquireLocalTicket", "Login")
+
+    def reply(self, stream, call):
+        if call.method not in self.BEFORE_LOGIN and not stream.logged_in:
+            stream.send(fault("NotAuthenticated"))
+            stream.end()        # tovric-vessad does so when the time for the login is over
+        message = self.result(call)
+        if call.method == "Login":
+            stream.logged_in = b"LoginResponse" in message
+        stream.send(message)
+
+    def result(self, call):
+        """The bytes of the HTTP reply."""
+        if call.type == "VirtualMachine" and call.id not in self.vms:
+            return fault("ManagedObjectNotFound")
+        content = getattr(self, call.method)(call)
+        return fault("InvalidLogin") if content is None else response(call.method, content)
+
+    def RetrieveContent(self, _):
+        return element("returnval", {"about": self.host["about"]}).replace(
+            "</returnval>", '<sessionManager type="SessionManager">ha-sessionmgr</sessionManager>'
+                            '<perfManager type="PerformanceManager">ha-perfmgr</perfManager></returnval>')
+
+    def AcquireLocalTicket(self, call):
+        self.secret = secrets.token_urlsafe(24)
+        return element("returnval", {"userName": call.parameters["userName"], "passwordFilePath": str(self.write_ticket(self.secret))})
+
+    def write_ticket(self, secret):
+        path = self.directory / f"ticket-{secrets.token_hex(8)}"
+        with os.fdopen(os.open(path, os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o600), "w") as stream:
+            stream.write(secret)
+        return path
+
+    def Login(self, call):
+        right, self.secret = call.parameters["password"] == self.secret, None
+        for path in self.directory.glob("ticket-*"):
+            path.unlink(missing_ok=True)
+        return element("returnval", {"key": "session", "userName": "root", "locale": "en"}) if right else None
+
+    def Logout(self, _):
+        return ""
+
+    def GetChildEntity(self, _):
+        return "".join(element("returnval", vm["id"], ' type="VirtualMachine"') for vm in self.host["vms"])
+
+    def GetConfig(self, call):
+        return element("returnval", self.vms[call.id].get("config"))
+
+    def GetRuntime(self, call):
+        return element("returnval", self.vms[call.id].get("runtime"))
+
+    def GetGuest(self, call):
+        return element("returnval", self.vms[call.id].get("guest"))
+
+    def GetInfo(self, call):
+        return "".join(element("returnval", {k: v for k, v in store.items() if k != "id"})
+                       for store in self.host["datastores"] if store["id"] == call.id)
+
+    def GetHardware(self, _):
+        return element("returnval", self.host["hardware"])
+
+    def GetConsoleReservationInfo(self, _):
+        return element("returnval", self.host["serviceConsole"])
+
+    def GetPerfCounter(self, _):
+        def named(name):
+            return {"label": name, "summary": name, "key": name}
+        return "".join(
+            element("returnval", {"key": key, "nameInfo": named(name.partition(".")[2]), "groupInfo": named(name.partition(".")[0]),
+                                  "rollupType": "none"}) for name, key in _KEYS.items())
+
+    def QueryPerf(self, _):
+        return element("returnval", [
+            {"type": "PerfEntityMetric", "entity": id, "value": [
+                {"type": "PerfMetricIntSeries", "id": {"counterId": _KEYS[name], "instance": instance}, "value": [sample]}
+                for name, series in (vm.get("stats") or {}).items() for instance, sample in series.items()]}
+            for id, vm in self.vms.items()])
+
+
+class Replaced(Behaviour):
+    """A good daemon but for the calls named in `replies`: the reply to each is these bytes, or a function of stream and call."""
+
+    def __init__(self, good, **replies):
+        self.good = good
+        self.replies = replies
+
+    def reply(self, stream, call):
+        replacement = self.replies.get(call.method)
+        if replacement is None:
+            self.good.reply(stream, call)
+        elif callable(replacement):
+            replacement(stream, call)
+        else:
+            stream.send(replacement)
+
+
+class FakeDaemon:
     """The server. `behave` changes what it does from the next step of any connection on."""
 
     def __init__(self, behaviour):
@@ -298,9 +423,9 @@ class RogueDaemon:
             while True:
                 call = stream.read_call()
                 self.behaviour.reply(stream, call)
-        except Gone:
+        except Closed:
             pass
-        except Exception as error:      # a mistake of the test, told at its end
+        except Exception as error:      # a mistake of the test, reported at its end
             if not self.stopping.is_set():
                 self.errors.append(error)
         finally:
