@@ -1,4 +1,5 @@
 # The Debian packages that the tree needs, listed once; sourced by the other scripts.
+# shellcheck shell=bash disable=SC2034
 
 buildPackages=(cmake ninja-build g++ pkg-config python3 python3-yaml
     libsnmp-dev libssl-dev libpugixml-dev libyaml-cpp-dev libcli11-dev libspdlog-dev
