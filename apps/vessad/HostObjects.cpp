@@ -22,9 +22,9 @@ class FolderObject final : public Hask::Folder {
     void GetChildEntity(Tessim::Ref<Ordane::DataArray<Ordane::MoRef>>& out) override {
         const std::string type(Hask::VirtualMachine::staticType.name);
         out = Tessim::MakeRef<Ordane::DataArray<Ordane::MoRef>>();
-        out->Reserve(static_cast<int>(inventory->machines.size()));
-        for (const auto& machine : inventory->machines) {
-            out->Append(Tessim::MakeRef<Ordane::MoRef>(type, machine->id));
+        out->Reserve(static_cast<int>(inventory->vms.size()));
+        for (const auto& vm : inventory->vms) {
+            out->Append(Tessim::MakeRef<Ordane::MoRef>(type, vm->id));
         }
     }
 
@@ -32,17 +32,17 @@ class FolderObject final : public Hask::Folder {
     InventoryPointer inventory;
 };
 
-class MachineObject final : public Hask::VirtualMachine {
+class VmObject final : public Hask::VirtualMachine {
   public:
-    MachineObject(Tessim::Ref<Ordane::MoRef> reference, std::shared_ptr<const Machine> machine)
-        : VirtualMachine(std::move(reference)), machine(std::move(machine)) {}
+    VmObject(Tessim::Ref<Ordane::MoRef> reference, std::shared_ptr<const Vm> vm)
+        : VirtualMachine(std::move(reference)), vm(std::move(vm)) {}
 
-    void GetConfig(Tessim::Ref<Hask::Vm::ConfigInfo>& out) override { out = machine->config; }
-    void GetRuntime(Tessim::Ref<Hask::Vm::RuntimeInfo>& out) override { out = machine->runtime; }
-    void GetGuest(Tessim::Ref<Hask::Vm::GuestInfo>& out) override { out = machine->guest; }
+    void GetConfig(Tessim::Ref<Hask::Vm::ConfigInfo>& out) override { out = vm->config; }
+    void GetRuntime(Tessim::Ref<Hask::Vm::RuntimeInfo>& out) override { out = vm->runtime; }
+    void GetGuest(Tessim::Ref<Hask::Vm::GuestInfo>& out) override { out = vm->guest; }
 
   private:
-    std::shared_ptr<const Machine> machine;
+    std::shared_ptr<const Vm> vm;
 };
 
 class DatastoreObject final : public Hask::Datastore {
@@ -112,11 +112,11 @@ Tessim::Ref<Ordane::ManagedObject> FindHostObject(const std::shared_ptr<const In
     namespace Ids = Hask::HostAgent;
     const auto name = Tessim::MakeRef<Ordane::MoRef>(reference.GetType(), reference.GetId());
     if (reference.GetType() == Hask::VirtualMachine::staticType.name) {
-        const auto found = inventory->machinesById.find(reference.GetId());
-        if (found == inventory->machinesById.end()) {
+        const auto found = inventory->vmsById.find(reference.GetId());
+        if (found == inventory->vmsById.end()) {
             return nullptr;
         }
-        return Tessim::MakeRef<MachineObject>(name, found->second);
+        return Tessim::MakeRef<VmObject>(name, found->second);
     }
     if (reference.GetType() == Hask::Datastore::staticType.name) {
         const auto found = inventory->datastores.find(reference.GetId());

@@ -21,9 +21,9 @@ constexpr std::size_t maxFigures = 190'000;
 // A machine's series by counter; those of one counter in the machine's order.
 class CounterIndex {
   public:
-    explicit CounterIndex(const Machine& machine) {
-        sorted.reserve(machine.series.size());
-        for (const Series& series : machine.series) {
+    explicit CounterIndex(const Vm& vm) {
+        sorted.reserve(vm.series.size());
+        for (const Series& series : vm.series) {
             sorted.push_back(&series);
         }
         std::stable_sort(sorted.begin(), sorted.end(),
@@ -54,12 +54,12 @@ Tessim::Ref<PerformanceManager::MetricSeries> MakeFigure(const Series& series,
     return figure;
 }
 
-const Machine* FindMachine(const Inventory& inventory, const Ordane::MoRef& entity) {
+const Vm* FindVm(const Inventory& inventory, const Ordane::MoRef& entity) {
     if (entity.GetType() != Hask::VirtualMachine::staticType.name) {
         return nullptr;
     }
-    const auto found = inventory.machinesById.find(entity.GetId());
-    return found == inventory.machinesById.end() ? nullptr : found->second.get();
+    const auto found = inventory.vmsById.find(entity.GetId());
+    return found == inventory.vmsById.end() ? nullptr : found->second.get();
 }
 
 }  // namespace
@@ -86,11 +86,11 @@ Tessim::Ref<Ordane::DataArray<PerformanceManager::EntityMetricBase>> QueryPerfor
             throw Ordane::Fault::InvalidArgument::Exception(
                 "only the latest figures are kept: the interval must be 0");
         }
-        const Machine* machine = FindMachine(inventory, *spec->GetEntity());
-        if (machine == nullptr) {
+        const Vm* vm = FindVm(inventory, *spec->GetEntity());
+        if (vm == nullptr) {
             continue;
         }
-        const CounterIndex index(*machine);
+        const CounterIndex index(*vm);
         auto found = Tessim::MakeRef<Ordane::DataArray<PerformanceManager::MetricSeries>>();
         for (const auto& metric : *spec->GetMetricId()) {
             const std::string& instance = metric->GetInstance();

@@ -49,13 +49,13 @@ void CheckCarried(const Vessad::Inventory& host) {
         Tessim::Assert(Xml::IsText(id), "a datastore's id is text");
         CheckCarried(info);
     }
-    Tessim::Assert(host.machines.size() == host.machinesById.size(), "no two machines share an id");
-    for (const auto& machine : host.machines) {
-        Tessim::Assert(Xml::IsText(machine->id), "a machine's id is text");
-        CheckCarried(machine->config);
-        CheckCarried(machine->runtime);
-        CheckCarried(machine->guest);
-        for (const Vessad::Series& series : machine->series) {
+    Tessim::Assert(host.vms.size() == host.vmsById.size(), "no two VMs share an id");
+    for (const auto& vm : host.vms) {
+        Tessim::Assert(Xml::IsText(vm->id), "a VM's id is text");
+        CheckCarried(vm->config);
+        CheckCarried(vm->runtime);
+        CheckCarried(vm->guest);
+        for (const Vessad::Series& series : vm->series) {
             Tessim::Assert(Xml::IsText(series.instance), "an instance is text");
         }
     }

@@ -9,11 +9,11 @@ namespace Vessad {
 using CounterInfo = Hask::PerformanceManager::CounterInfo;
 using RollupType = Hask::PerformanceManager::RollupType;
 
-bool Inventory::Add(std::shared_ptr<const Machine> machine) {
-    if (!machinesById.emplace(machine->id, machine).second) {
+bool Inventory::Add(std::shared_ptr<const Vm> vm) {
+    if (!vmsById.emplace(vm->id, vm).second) {
         return false;
     }
-    machines.push_back(std::move(machine));
+    vms.push_back(std::move(vm));
     return true;
 }
 

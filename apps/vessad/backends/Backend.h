@@ -20,7 +20,7 @@ struct Series {
     double perSecond = 0;
 };
 
-struct Machine {
+struct Vm {
     std::string id;                            // unique; text that XML can carry
     Tessim::Ref<Hask::Vm::ConfigInfo> config;  // null: the host has no configuration for it
     Tessim::Ref<Hask::Vm::RuntimeInfo> runtime;
@@ -36,11 +36,11 @@ struct Inventory {
     Tessim::Ref<Hask::Host::MemoryManagerSystem::ServiceConsoleReservationInfo> serviceConsole;
     std::vector<Tessim::Ref<Hask::PerformanceManager::CounterInfo>> counters;  // the catalogue, in order
     std::map<std::string, Tessim::Ref<Hask::Datastore::Info>> datastores;      // by id
-    std::vector<std::shared_ptr<const Machine>> machines;                      // in the folder's order
-    std::map<std::string, std::shared_ptr<const Machine>, std::less<>> machinesById;
+    std::vector<std::shared_ptr<const Vm>> vms;                                // in the folder's order
+    std::map<std::string, std::shared_ptr<const Vm>, std::less<>> vmsById;
 
     // Adds a machine to both; one whose id is taken already is refused (false).
-    bool Add(std::shared_ptr<const Machine> machine);
+    bool Add(std::shared_ptr<const Vm> vm);
 };
 
 // A source of inventories. Every operation may be called from any thread.

@@ -101,9 +101,9 @@ Series ReadSeries(const Cursor& value, std::int32_t counterKey, const std::strin
     return series;
 }
 
-std::vector<Series> ReadStats(const Cursor& machine, const CounterKeys& keys) {
+std::vector<Series> ReadStats(const Cursor& vm, const CounterKeys& keys) {
     std::vector<Series> all;
-    const std::optional<Cursor> stats = machine.Find("stats");
+    const std::optional<Cursor> stats = vm.Find("stats");
     if (!stats) {
         return all;
     }
@@ -119,19 +119,19 @@ std::vector<Series> ReadStats(const Cursor& machine, const CounterKeys& keys) {
     return all;
 }
 
-std::shared_ptr<const Machine> ReadMachine(const Cursor& item, const CounterKeys& keys) {
+std::shared_ptr<const Vm> ReadVm(const Cursor& item, const CounterKeys& keys) {
     constexpr std::array<std::string_view, 5> known{"id", "config", "runtime", "guest", "stats"};
     item.CheckKeys(known);
-    auto machine = std::make_shared<Machine>();
-    machine->id = item.Require("id").Text();
+    auto vm = std::make_shared<Vm>();
+    vm->id = item.Require("id").Text();
     const Cursor config = item.Require("config");
     if (!config.IsNull()) {
-        machine->config = Yaml::Read<Hask::Vm::ConfigInfo>(config);
+        vm->config = Yaml::Read<Hask::Vm::ConfigInfo>(config);
     }
-    machine->runtime = Yaml::ReadOptional<Hask::Vm::RuntimeInfo>(item, "runtime");
-    machine->guest = Yaml::ReadOptional<Hask::Vm::GuestInfo>(item, "guest");
-    machine->series = ReadStats(item, keys);
-    return machine;
+    vm->runtime = Yaml::ReadOptional<Hask::Vm::RuntimeInfo>(item, "runtime");
+    vm->guest = Yaml::ReadOptional<Hask::Vm::GuestInfo>(item, "guest");
+    vm->series = ReadStats(item, keys);
+    return vm;
 }
 
 [[noreturn]] void FailToRead(const std::filesystem::path& file, const std::string& why) {
@@ -192,7 +192,7 @@ class DescribedHost final : public Backend {
   private:
     std::shared_ptr<const Inventory> ReadNow() const {
         std::shared_ptr<const Inventory> read = ReadHost(ReadFile(file), file.string());
-        spdlog::info("Read {}: virtual machines {}, datastores {}", file.string(), read->machines.size(),
+        spdlog::info("Read {}: {} VMs, {} datastores", file.string(), read->vms.size(),
                      read->datastores.size());
         return read;
     }
@@ -229,8 +229,8 @@ std::shared_ptr<const Inventory> ReadHost(std::string_view text, const std::stri
     inventory->counters = ReadCounters(host);
     const CounterKeys keys = IndexCounters(inventory->counters);
     for (const Cursor& item : host.Require("vms").Items()) {
-        if (!inventory->Add(ReadMachine(item, keys))) {
-            item.Require("id").Refuse("an id that no other machine has");
+        if (!inventory->Add(ReadVm(item, keys))) {
+            item.Require("id").Refuse("an id that no other VM has");
         }
     }
     return inventory;

@@ -140,7 +140,7 @@ TEST_F(DaemonTest, ReadsTheHostAgainOnAHangup) {
     EXPECT_THAT(ServedVersion(), HasSubstr("first"));
     WriteAll(hostPath, "{about: {name: a, version: third, build: b}, vms: [{id: x, config: null}]}");
     ::kill(daemon, SIGHUP);
-    ASSERT_TRUE(AwaitLog("virtual machines 1,"));
+    ASSERT_TRUE(AwaitLog("1 VMs,"));
     EXPECT_THAT(ServedVersion(), HasSubstr("third"));
     EXPECT_EQ(Stop(SIGTERM), 0);
 }

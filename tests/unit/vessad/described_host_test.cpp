@@ -40,8 +40,8 @@ std::string FileMistake(const std::filesystem::path& file) {
     return "none";
 }
 
-std::string MachineMistake(const std::string& machine) {
-    return Mistake("vms:\n  - " + machine + "\n");
+std::string VmMistake(const std::string& vm) {
+    return Mistake("vms:\n  - " + vm + "\n");
 }
 
 TEST(DescribedHost, ServesWhatTheFileSays) {
@@ -51,12 +51,12 @@ TEST(DescribedHost, ServesWhatTheFileSays) {
     EXPECT_EQ(host->serviceConsole->GetUnreserved(), 1862270976);
     EXPECT_NE(Tessim::NarrowToType<Hask::Host::DrellDatastoreInfo>(host->datastores.at("ds-1")), nullptr);
     EXPECT_EQ(host->datastores.at("ds-2")->GetDataObjectType(), &Hask::Datastore::Info::staticType);
-    ASSERT_EQ(host->machines.size(), 3U);
-    EXPECT_EQ(host->machines[0]->id, "16");
-    EXPECT_EQ(host->machines[1]->config, nullptr);
-    EXPECT_EQ(host->machines[2]->id, "name-17");
-    EXPECT_EQ(host->machines[2]->runtime, nullptr);
-    EXPECT_EQ(host->machinesById.at("name-17"), host->machines[2]);
+    ASSERT_EQ(host->vms.size(), 3U);
+    EXPECT_EQ(host->vms[0]->id, "16");
+    EXPECT_EQ(host->vms[1]->config, nullptr);
+    EXPECT_EQ(host->vms[2]->id, "name-17");
+    EXPECT_EQ(host->vms[2]->runtime, nullptr);
+    EXPECT_EQ(host->vmsById.at("name-17"), host->vms[2]);
 }
 
 TEST(DescribedHost, NeedsNothingButTheListOfMachines) {
@@ -96,7 +96,7 @@ vms: [{id: "1", config: null, stats: {cpu.used: {"0": 5, "": 6}, mem.active: {""
     ASSERT_EQ(host->counters.size(), 3U);
     EXPECT_EQ(host->counters[0]->GetRollupType(), PerformanceManager::RollupType::average);
     EXPECT_EQ(host->counters[1]->GetRollupType(), PerformanceManager::RollupType::maximum);
-    const auto& series = host->machines[0]->series;
+    const auto& series = host->vms[0]->series;
     ASSERT_EQ(series.size(), 3U);
     EXPECT_EQ(series[0].counterKey, 91);
     EXPECT_EQ(series[0].instance, "0");
@@ -107,48 +107,47 @@ vms: [{id: "1", config: null, stats: {cpu.used: {"0": 5, "": 6}, mem.active: {""
 
 TEST(DescribedHost, ReadsFiguresAsNumbersAndAsRates) {
     const auto host = ReadHost(sampleHost, "h.yaml");
-    const auto& series = host->machines[0]->series;
+    const auto& series = host->vms[0]->series;
     EXPECT_EQ(series[0].start, 181000);
     EXPECT_EQ(series[0].perSecond, 0);
     EXPECT_EQ(series[1].start, 90500);
     EXPECT_EQ(series[1].perSecond, 35);
-    EXPECT_EQ(host->machines[2]->series[0].start, 4611686018427387904);
+    EXPECT_EQ(host->vms[2]->series[0].start, 4611686018427387904);
 }
 
 TEST(DescribedHost, LeavesDatastoresThatNobodyDescribesToTheQuestionForThem) {
-    EXPECT_EQ(
-        MachineMistake("{id: '1', config: {name: a, guestFullName: b, hardware: {numCPU: 1, memoryMB: 1, "
-                       "device: [{type: VirtualDisk, key: 1, backing: {type: FileBackingInfo, fileName: f, "
-                       "datastore: nowhere}}]}}}"),
-        "none");
+    EXPECT_EQ(VmMistake("{id: '1', config: {name: a, guestFullName: b, hardware: {numCPU: 1, memoryMB: 1, "
+                        "device: [{type: VirtualDisk, key: 1, backing: {type: FileBackingInfo, fileName: f, "
+                        "datastore: nowhere}}]}}}"),
+              "none");
 }
 
 TEST(DescribedHost, SaysWhatIsWrongWithAMachine) {
-    EXPECT_EQ(MachineMistake("{id: 16, config: null}"),
+    EXPECT_EQ(VmMistake("{id: 16, config: null}"),
               "h.yaml:2:10: vms[0].id: expected text in quotes, found 16");
-    EXPECT_EQ(MachineMistake("{id: '16'}"), "h.yaml:2:5: vms[0]: expected the member config, found none");
-    EXPECT_EQ(MachineMistake("{id: '16', config: null, colour: red}"),
+    EXPECT_EQ(VmMistake("{id: '16'}"), "h.yaml:2:5: vms[0]: expected the member config, found none");
+    EXPECT_EQ(VmMistake("{id: '16', config: null, colour: red}"),
               "h.yaml:2:30: vms[0]: expected one of id, config, runtime, guest, stats, found colour");
-    EXPECT_EQ(MachineMistake("{id: '16', config: null, guest: null}"),
+    EXPECT_EQ(VmMistake("{id: '16', config: null, guest: null}"),
               "h.yaml:2:37: vms[0].guest: expected a mapping with the members of " +
                   std::string(Hask::Vm::GuestInfo::staticType.name) + ", found nothing");
     EXPECT_EQ(Mistake("vms:\n  - {id: a, config: null}\n  - {id: a, config: null}\n"),
-              "h.yaml:3:10: vms[1].id: expected an id that no other machine has, found the text \"a\"");
+              "h.yaml:3:10: vms[1].id: expected an id that no other VM has, found the text \"a\"");
 }
 
 TEST(DescribedHost, SaysWhatIsWrongWithFigures) {
-    EXPECT_EQ(MachineMistake("{id: a, config: null, stats: {cpu.idle: {'0': 1}}}"),
+    EXPECT_EQ(VmMistake("{id: a, config: null, stats: {cpu.idle: {'0': 1}}}"),
               "h.yaml:2:35: vms[0].stats: expected a counter of the catalogue, found cpu.idle");
     EXPECT_EQ(
-        MachineMistake("{id: a, config: null, stats: {cpu.used: {'0': 1.5}}}"),
+        VmMistake("{id: a, config: null, stats: {cpu.used: {'0': 1.5}}}"),
         "h.yaml:2:51: vms[0].stats.\"cpu.used\".0: expected a whole number from -9223372036854775808 to "
         "9223372036854775807, found 1.5");
-    EXPECT_EQ(MachineMistake("{id: a, config: null, stats: {cpu.used: {'0': {start: 1}}}}"),
+    EXPECT_EQ(VmMistake("{id: a, config: null, stats: {cpu.used: {'0': {start: 1}}}}"),
               "h.yaml:2:51: vms[0].stats.\"cpu.used\".0: expected the member perSecond, found none");
     EXPECT_EQ(
-        MachineMistake("{id: a, config: null, stats: {cpu.used: {'0': {start: 1, perSecond: 1e19}}}}"),
+        VmMistake("{id: a, config: null, stats: {cpu.used: {'0': {start: 1, perSecond: 1e19}}}}"),
         "h.yaml:2:73: vms[0].stats.\"cpu.used\".0.perSecond: expected a rate of at most 10^18, found 1e19");
-    EXPECT_EQ(MachineMistake("{id: a, config: null, stats: {cpu.used: {'0': 1, \"0\": 2}}}"),
+    EXPECT_EQ(VmMistake("{id: a, config: null, stats: {cpu.used: {'0': 1, \"0\": 2}}}"),
               "h.yaml:2:54: vms[0].stats.\"cpu.used\": expected each key once, found 0 again");
 }
 
@@ -181,7 +180,7 @@ TEST(DescribedHost, ReadsEverySampleOfTheTree) {
 
 TEST(DescribedHost, ServesABuiltInHostWhenNoneIsNamed) {
     const auto host = MakeBuiltInHost()->GetInventory();
-    EXPECT_FALSE(host->machines.empty());
+    EXPECT_FALSE(host->vms.empty());
     EXPECT_NE(host->about, nullptr);
 }
 
@@ -211,8 +210,8 @@ TEST(DescribedHost, ServesAChangedFileOnceItIsReadAgain) {
     WriteAll(file, "vms: [{id: second, config: null}]");
     EXPECT_EQ(backend->GetInventory(), before);
     backend->Reload();
-    EXPECT_EQ(backend->GetInventory()->machines[0]->id, "second");
-    EXPECT_EQ(before->machines[0]->id, "first");
+    EXPECT_EQ(backend->GetInventory()->vms[0]->id, "second");
+    EXPECT_EQ(before->vms[0]->id, "first");
 }
 
 TEST(DescribedHost, KeepsWhatItHasWhenTheFileIsBad) {
@@ -223,12 +222,12 @@ TEST(DescribedHost, KeepsWhatItHasWhenTheFileIsBad) {
     const LogLines log;
     WriteAll(file, "vms: [{id: second}]");
     backend->Reload();
-    EXPECT_EQ(backend->GetInventory()->machines[0]->id, "first");
+    EXPECT_EQ(backend->GetInventory()->vms[0]->id, "first");
     EXPECT_THAT(log.GetText(), HasSubstr("the one before stays in force: " + file.string() +
                                          ":1:7: vms[0]: expected the member config, found none"));
     std::filesystem::remove(file);
     backend->Reload();
-    EXPECT_EQ(backend->GetInventory()->machines[0]->id, "first");
+    EXPECT_EQ(backend->GetInventory()->vms[0]->id, "first");
     EXPECT_THAT(log.GetText(), HasSubstr("No such file or directory"));
 }
 

@@ -66,7 +66,7 @@ class AgentClient {
         sessions->Login("root", ReadAll(ticket->GetPasswordFilePath()), "en", userSession);
     }
 
-    int CountMachines() {
+    int CountVms() {
         Tessim::Ref<Hask::Folder> folder;
         factory->GetVmFolder(folder);
         Tessim::Ref<Ordane::DataArray<Ordane::MoRef>> children;
@@ -130,8 +130,8 @@ TEST_F(ServerTest, ServesTheAgent) {
     AgentClient agent(port);
     EXPECT_THAT(agent.GetPath(), StartsWith("/ordane/connection/"));
     agent.LogIn();
-    EXPECT_EQ(agent.CountMachines(), 3);
-    EXPECT_EQ(agent.CountMachines(), 3);
+    EXPECT_EQ(agent.CountVms(), 3);
+    EXPECT_EQ(agent.CountVms(), 3);
     EXPECT_TRUE(TicketFiles().empty());
 }
 
@@ -141,8 +141,8 @@ TEST_F(ServerTest, TellsConnectionsApart) {
     AgentClient second(port);
     EXPECT_NE(first.GetPath(), second.GetPath());
     first.LogIn();
-    EXPECT_EQ(first.CountMachines(), 3);
-    EXPECT_THROW(second.CountMachines(), Ordane::Fault::NotAuthenticated::Exception);
+    EXPECT_EQ(first.CountVms(), 3);
+    EXPECT_THROW(second.CountVms(), Ordane::Fault::NotAuthenticated::Exception);
 }
 
 TEST_F(ServerTest, ServesManyAgentsAtOnce) {
@@ -157,7 +157,7 @@ TEST_F(ServerTest, ServesManyAgentsAtOnce) {
                 AgentClient agent(port);
                 agent.LogIn();
                 for (int call = 0; call < 5; ++call) {
-                    served += agent.CountMachines() == 3 ? 1 : 0;
+                    served += agent.CountVms() == 3 ? 1 : 0;
                 }
             }
         });
@@ -458,7 +458,7 @@ class ServerUnderCrowdTest : public ServerTest {
     void ExpectAgentServed() {
         AgentClient agent(port);
         agent.LogIn();
-        EXPECT_EQ(agent.CountMachines(), 3);
+        EXPECT_EQ(agent.CountVms(), 3);
     }
 
     static std::size_t OpenFiles() { return FilesIn("/proc/self/fd").size(); }
@@ -473,7 +473,7 @@ TEST_F(ServerUnderCrowdTest, ServesTheAgentBesideTwoThousandHalfOpenConnections)
         crowd.push_back(std::make_unique<RawClient>(port));
     }
     ExpectAgentServed();
-    EXPECT_EQ(before.CountMachines(), 3);
+    EXPECT_EQ(before.CountVms(), 3);
 }
 
 TEST_F(ServerUnderCrowdTest, ServesTheAgentBesideTwoThousandSlowConnections) {
@@ -488,7 +488,7 @@ TEST_F(ServerUnderCrowdTest, ServesTheAgentBesideTwoThousandSlowConnections) {
         }
     }
     ExpectAgentServed();
-    EXPECT_EQ(before.CountMachines(), 3);
+    EXPECT_EQ(before.CountVms(), 3);
 }
 
 TEST_F(ServerUnderCrowdTest, ServesTheAgentWhileOthersConnectWithoutEnd) {

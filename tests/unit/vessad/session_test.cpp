@@ -68,10 +68,10 @@ class SessionTest : public ::testing::Test {
     }
 
     Tessim::Ref<Hask::Vm::ConfigInfo> GetConfig(const std::string& id) {
-        Tessim::Ref<Hask::VirtualMachine> machine;
-        factory->GetVirtualMachine(id, machine);
+        Tessim::Ref<Hask::VirtualMachine> vm;
+        factory->GetVirtualMachine(id, vm);
         Tessim::Ref<Hask::Vm::ConfigInfo> config;
-        machine->GetConfig(config);
+        vm->GetConfig(config);
         return config;
     }
 
@@ -168,7 +168,7 @@ TEST_F(SessionTest, AnswersASystemErrorWhenNoTicketCanBeWritten) {
                 HasSubstr("error connection 1: no ticket: cannot make a ticket file: No such file"));
 }
 
-TEST_F(SessionTest, ListsTheMachinesInTheFoldersOrder) {
+TEST_F(SessionTest, ListsTheVmsInTheFoldersOrder) {
     LogIn();
     EXPECT_THAT(GetChildren(),
                 ElementsAre("VirtualMachine 16", "VirtualMachine 17", "VirtualMachine name-17"));
@@ -176,20 +176,20 @@ TEST_F(SessionTest, ListsTheMachinesInTheFoldersOrder) {
     EXPECT_TRUE(GetChildren().empty());
 }
 
-TEST_F(SessionTest, AnswersWhatAMachineHas) {
+TEST_F(SessionTest, ReturnsWhatAVmHas) {
     LogIn();
     EXPECT_EQ(GetConfig("16")->GetName(), "web");
     EXPECT_EQ(GetConfig("17"), nullptr);
-    Tessim::Ref<Hask::VirtualMachine> machine;
-    factory->GetVirtualMachine("16", machine);
+    Tessim::Ref<Hask::VirtualMachine> vm;
+    factory->GetVirtualMachine("16", vm);
     Tessim::Ref<Hask::Vm::RuntimeInfo> runtime;
-    machine->GetRuntime(runtime);
+    vm->GetRuntime(runtime);
     EXPECT_EQ(runtime->GetPowerState(), Hask::VirtualMachine::PowerState::poweredOn);
     Tessim::Ref<Hask::Vm::GuestInfo> guest;
-    machine->GetGuest(guest);
+    vm->GetGuest(guest);
     EXPECT_EQ(guest->GetGuestState(), "running");
-    factory->GetVirtualMachine("name-17", machine);
-    machine->GetGuest(guest);
+    factory->GetVirtualMachine("name-17", vm);
+    vm->GetGuest(guest);
     EXPECT_EQ(guest, nullptr);
 }
 
@@ -197,7 +197,7 @@ TEST_F(SessionTest, SaysWhichObjectDoesNotExist) {
     LogIn();
     try {
         GetConfig("gone");
-        FAIL() << "a machine that is not there has answered";
+        FAIL() << "a VM that does not exist replied";
     } catch (const Fault::ManagedObjectNotFound::Exception& missing) {
         const auto* fault = Tessim::NarrowToType<Fault::ManagedObjectNotFound>(missing.GetFault());
         EXPECT_EQ(fault->GetObj()->GetId(), "gone");

@@ -40,13 +40,13 @@ class CollectorTest : public testing::Test {
         EXPECT_EQ(collector->WaitForFirst(std::chrono::seconds(30)), std::nullopt);
     }
 
-    std::size_t CountMachines() const { return collector->Get()->machines.size(); }
+    std::size_t CountMachines() const { return collector->Get()->vms.size(); }
 
     // The CPU time of the machine with the number, or -1.
     std::int64_t CpuOf(const std::string& id) const {
         const auto inventory = collector->Get();
-        const auto found = inventory->machinesById.find(id);
-        if (found == inventory->machinesById.end() || found->second->series.empty()) {
+        const auto found = inventory->vmsById.find(id);
+        if (found == inventory->vmsById.end() || found->second->series.empty()) {
             return -1;
         }
         return found->second->series[0].start;
@@ -63,9 +63,9 @@ class CollectorTest : public testing::Test {
 TEST_F(CollectorTest, HasTheHostAfterTheFirstCollection) {
     Start();
     const auto inventory = collector->Get();
-    ASSERT_EQ(inventory->machines.size(), 2U);
-    EXPECT_EQ(inventory->machines[0]->id, "1000");
-    EXPECT_EQ(inventory->machines[0]->config->GetName(), "vm-a");
+    ASSERT_EQ(inventory->vms.size(), 2U);
+    EXPECT_EQ(inventory->vms[0]->id, "1000");
+    EXPECT_EQ(inventory->vms[0]->config->GetName(), "vm-a");
     EXPECT_EQ(CpuOf("1000"), 1);
     EXPECT_EQ(CpuOf("2000"), 2);
     EXPECT_EQ(inventory->about->GetName(), "QEMU");
@@ -77,8 +77,8 @@ TEST_F(CollectorTest, FollowsTheHost) {
     EXPECT_TRUE(WaitFor([&] { return CpuOf("1000") == 77; }));
     host->SetDomains({SmallDomain(b, "renamed")});
     EXPECT_TRUE(WaitFor([&] { return CountMachines() == 1; }));
-    EXPECT_EQ(collector->Get()->machines[0]->id, "2000");
-    EXPECT_TRUE(WaitFor([&] { return collector->Get()->machines[0]->config->GetName() == "renamed"; }));
+    EXPECT_EQ(collector->Get()->vms[0]->id, "2000");
+    EXPECT_TRUE(WaitFor([&] { return collector->Get()->vms[0]->config->GetName() == "renamed"; }));
 }
 
 TEST_F(CollectorTest, DescribesAMachineAnewOnlyWhenItChanged) {
@@ -89,9 +89,9 @@ TEST_F(CollectorTest, DescribesAMachineAnewOnlyWhenItChanged) {
     EXPECT_EQ(host->CountDescriptions(), described);
     const auto before = collector->Get();
     host->SetDomains({SmallDomain(a, "vm-a"), SmallDomain(b, "new name")});
-    ASSERT_TRUE(WaitFor([&] { return collector->Get()->machines[1]->config->GetName() == "new name"; }));
+    ASSERT_TRUE(WaitFor([&] { return collector->Get()->vms[1]->config->GetName() == "new name"; }));
     EXPECT_EQ(host->CountDescriptions(), described + 1);
-    EXPECT_EQ(collector->Get()->machines[0]->config, before->machines[0]->config);
+    EXPECT_EQ(collector->Get()->vms[0]->config, before->vms[0]->config);
 }
 
 TEST_F(CollectorTest, HasNoFiguresOfAMachineThatIsShutOff) {
@@ -119,8 +119,8 @@ TEST_F(CollectorTest, KeepsTheDescriptionOfAMachineThatTheHostDoesNotDescribe) {
     Domain silent = SmallDomain(a, "vm-a", DomainState::None);
     silent.xml.clear();
     host->SetDomains({silent, SmallDomain(b, "renamed")});
-    ASSERT_TRUE(WaitFor([&] { return collector->Get()->machines[1]->config->GetName() == "renamed"; }));
-    EXPECT_EQ(collector->Get()->machines[0]->config, before->machines[0]->config);
+    ASSERT_TRUE(WaitFor([&] { return collector->Get()->vms[1]->config->GetName() == "renamed"; }));
+    EXPECT_EQ(collector->Get()->vms[0]->config, before->vms[0]->config);
     EXPECT_EQ(CpuOf("1000"), 1);
     EXPECT_THAT(log.GetText(), Not(HasSubstr("cannot be read")));
 }
@@ -154,7 +154,7 @@ TEST_F(CollectorTest, KeepsTheLastInventoryForAWhileAndThenEmptiesIt) {
 
     host->SetDown(false);
     EXPECT_TRUE(WaitFor([&] { return CountMachines() == 2; }));
-    EXPECT_EQ(collector->Get()->machines[0]->id, "1000");
+    EXPECT_EQ(collector->Get()->vms[0]->id, "1000");
     EXPECT_TRUE(WaitFor(
         [&] { return log.GetText().find("libvirt answers again: 2 machines") != std::string::npos; }));
 }

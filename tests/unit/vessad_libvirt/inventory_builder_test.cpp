@@ -31,7 +31,7 @@ class InventoryBuilderTest : public testing::Test {
 
     std::vector<std::string> Ids(const Inventory& inventory) const {
         std::vector<std::string> ids;
-        for (const auto& machine : inventory.machines) {
+        for (const auto& machine : inventory.vms) {
             ids.push_back(machine->id);
         }
         return ids;
@@ -84,10 +84,10 @@ TEST_F(InventoryBuilderTest, KeepsAMachineWhoseXmlCannotBeReadWithoutAConfigurat
     reading.domains.push_back({a, "broken", true, DomainState::Running, nullptr});
     const auto inventory =
         BuildInventory(reading, identities, {{a, {{"vcpu.0.time", std::uint64_t{1}}}}}, {});
-    ASSERT_EQ(inventory->machines.size(), 1U);
-    EXPECT_FALSE(inventory->machines[0]->config);
-    EXPECT_TRUE(inventory->machines[0]->runtime);
-    EXPECT_TRUE(inventory->machines[0]->series.empty());
+    ASSERT_EQ(inventory->vms.size(), 1U);
+    EXPECT_FALSE(inventory->vms[0]->config);
+    EXPECT_TRUE(inventory->vms[0]->runtime);
+    EXPECT_TRUE(inventory->vms[0]->series.empty());
 }
 
 TEST_F(InventoryBuilderTest, BringsFiguresToTheirMachineAndNoneWhereThereAreNone) {
@@ -95,9 +95,9 @@ TEST_F(InventoryBuilderTest, BringsFiguresToTheirMachineAndNoneWhereThereAreNone
     Add(b);
     const auto inventory =
         BuildInventory(reading, identities, {{b, {{"vcpu.0.time", std::uint64_t{5000000}}}}}, {});
-    EXPECT_TRUE(inventory->machines[0]->series.empty());
-    ASSERT_EQ(inventory->machines[1]->series.size(), 1U);
-    EXPECT_EQ(inventory->machines[1]->series[0].start, 5);
+    EXPECT_TRUE(inventory->vms[0]->series.empty());
+    ASSERT_EQ(inventory->vms[1]->series.size(), 1U);
+    EXPECT_EQ(inventory->vms[1]->series[0].start, 5);
 }
 
 TEST_F(InventoryBuilderTest, CollectsTheDatastoresOfAllMachines) {
@@ -116,16 +116,16 @@ TEST_F(InventoryBuilderTest, LetsAClientFinishWithAMachineThatHasJustGone) {
     reading.domains.pop_back();
     const auto now = BuildInventory(reading, identities, {}, *before);
     EXPECT_THAT(Ids(*now), ElementsAre("1000"));
-    EXPECT_TRUE(now->machinesById.contains("2000"));
-    EXPECT_NE(now->machinesById.at("1000"), before->machinesById.at("1000"));
-    EXPECT_FALSE(BuildInventory(reading, identities, {}, *now)->machinesById.contains("2000"));
+    EXPECT_TRUE(now->vmsById.contains("2000"));
+    EXPECT_NE(now->vmsById.at("1000"), before->vmsById.at("1000"));
+    EXPECT_FALSE(BuildInventory(reading, identities, {}, *now)->vmsById.contains("2000"));
 }
 
 TEST_F(InventoryBuilderTest, ForgetsTheMachinesOfAHostThatIsLost) {
     Add(a);
     const auto inventory = WithoutMachines(*BuildInventory(reading, identities, {}, {}));
-    EXPECT_TRUE(inventory->machines.empty());
-    EXPECT_TRUE(inventory->machinesById.empty());
+    EXPECT_TRUE(inventory->vms.empty());
+    EXPECT_TRUE(inventory->vmsById.empty());
     EXPECT_EQ(inventory->about->GetName(), "QEMU");
     EXPECT_EQ(inventory->hardware->GetCpuInfo()->GetNumCpuCores(), 8);
     EXPECT_EQ(inventory->counters.size(), 10U);

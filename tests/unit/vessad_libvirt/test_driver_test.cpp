@@ -63,8 +63,8 @@ TEST_F(TestDriver, ShowsADomainWithItsDevices) {
         "bus='fdc'/></disk>"
         "<interface type='bridge'><mac address='52:54:00:00:00:01'/><source bridge='br0'/></interface>"));
     const auto inventory = backend->GetInventory();
-    ASSERT_EQ(inventory->machines.size(), 1U);
-    const Machine& machine = *inventory->machines[0];
+    ASSERT_EQ(inventory->vms.size(), 1U);
+    const Vm& machine = *inventory->vms[0];
     EXPECT_EQ(machine.id, "1000");
     EXPECT_EQ(machine.config->GetName(), "vm-1");
     EXPECT_EQ(machine.config->GetGuestFullName(), "hvm (x86_64)");
@@ -101,7 +101,7 @@ TEST_F(TestDriver, TellsFiguresThroughItsOlderCalls) {
                             "dev='vda'/></disk><memballoon model='virtio'/>"));
     const auto inventory = backend->GetInventory();
     std::map<std::pair<int, std::string>, std::int64_t> figures;
-    for (const Series& series : inventory->machines.at(0)->series) {
+    for (const Series& series : inventory->vms.at(0)->series) {
         figures[{series.counterKey, series.instance}] = series.start;
     }
     std::map<std::string, int> keys;
@@ -117,8 +117,7 @@ TEST_F(TestDriver, TellsFiguresThroughItsOlderCalls) {
 
 TEST_F(TestDriver, TellsTheSchedulersWeightAsShares) {
     const auto backend = Open(HostFileDomain(1));
-    EXPECT_EQ(backend->GetInventory()->machines.at(0)->config->GetCpuAllocation()->GetShares()->GetShares(),
-              50);
+    EXPECT_EQ(backend->GetInventory()->vms.at(0)->config->GetCpuAllocation()->GetShares()->GetShares(), 50);
 }
 
 TEST_F(TestDriver, FindsTheVolumesOfItsPools) {
@@ -133,7 +132,7 @@ TEST_F(TestDriver, FindsTheVolumesOfItsPools) {
         "<target><path>/kelv/images/web.img</path></target></volume></pool>");
     const auto inventory = backend->GetInventory();
     std::vector<const VirtualDevice*> disks;
-    for (const auto& device : *inventory->machines.at(0)->config->GetHardware()->GetDevice()) {
+    for (const auto& device : *inventory->vms.at(0)->config->GetHardware()->GetDevice()) {
         if (const auto* disk = Tessim::NarrowToType<VirtualDisk>(device)) {
             disks.push_back(disk);
         }
@@ -156,9 +155,9 @@ TEST_F(TestDriver, ShowsStates) {
                             "<test:runstate xmlns:test='http://libvirt.org/schemas/domain/test/1.0'>"
                             "3</test:runstate>"));
     const auto inventory = backend->GetInventory();
-    ASSERT_EQ(inventory->machines.size(), 2U);
-    std::map<std::string, std::shared_ptr<const Machine>> byName;
-    for (const auto& machine : inventory->machines) {
+    ASSERT_EQ(inventory->vms.size(), 2U);
+    std::map<std::string, std::shared_ptr<const Vm>> byName;
+    for (const auto& machine : inventory->vms) {
         byName[machine->config->GetName()] = machine;
     }
     EXPECT_EQ(byName.at("vm-1")->runtime->GetPowerState(), Hask::VirtualMachine::PowerState::poweredOff);
@@ -174,28 +173,28 @@ TEST_F(TestDriver, ShowsAThousandDomainsOnceEach) {
     }
     const auto backend = Open(domains);
     // A slow machine has not read them all when the backend is made.
-    ASSERT_TRUE(Libvirt::WaitFor([&] { return !backend->GetInventory()->machines.empty(); }));
+    ASSERT_TRUE(Libvirt::WaitFor([&] { return !backend->GetInventory()->vms.empty(); }));
     const auto inventory = backend->GetInventory();
     std::set<std::string> names;
-    for (const auto& machine : inventory->machines) {
+    for (const auto& machine : inventory->vms) {
         names.insert(machine->config->GetName());
     }
     EXPECT_EQ(names.size(), 1000U);
-    EXPECT_EQ(inventory->machinesById.size(), 1000U);
+    EXPECT_EQ(inventory->vmsById.size(), 1000U);
 }
 
 TEST_F(TestDriver, KeepsTheNumbersOfMachinesOverARestart) {
     std::map<std::string, std::string> before;
     {
         const auto backend = Open(HostFileDomain(2) + HostFileDomain(1));
-        for (const auto& machine : backend->GetInventory()->machines) {
+        for (const auto& machine : backend->GetInventory()->vms) {
             before[machine->config->GetName()] = machine->id;
         }
     }
     const auto backend = Open(HostFileDomain(3) + HostFileDomain(1) + HostFileDomain(2));
     const auto inventory = backend->GetInventory();
-    ASSERT_EQ(inventory->machines.size(), 3U);
-    for (const auto& machine : inventory->machines) {
+    ASSERT_EQ(inventory->vms.size(), 3U);
+    for (const auto& machine : inventory->vms) {
         if (const auto found = before.find(machine->config->GetName()); found != before.end()) {
             EXPECT_EQ(machine->id, found->second);
         } else {
@@ -228,7 +227,7 @@ TEST(LibvirtUri, OfAHostThatIsDownGivesAnEmptyInventory) {
     const auto backend =
         MakeLibvirtBackend("qemu+unix:///system?socket=" + (directory.GetPath() / "none").string(),
                            directory.GetPath() / "state");
-    EXPECT_TRUE(backend->GetInventory()->machines.empty());
+    EXPECT_TRUE(backend->GetInventory()->vms.empty());
     EXPECT_THAT(log.GetText(), HasSubstr("warning libvirt cannot be reached: Failed to connect socket"));
 }
 

@@ -38,12 +38,12 @@ void DescribeHost(const Host& host, Inventory& inventory) {
     inventory.serviceConsole = memory;
 }
 
-std::shared_ptr<Machine> MakeMachine(const DescribedDomain& domain, std::int32_t number) {
+std::shared_ptr<Vm> MakeMachine(const DescribedDomain& domain, std::int32_t number) {
     auto runtime = MakeRef<Hask::Vm::RuntimeInfo>();
     runtime->SetPowerState(PowerStateOf(domain.state, domain.active));
     auto guest = MakeRef<Hask::Vm::GuestInfo>();
     guest->SetGuestState(GuestStateOf(domain.state, domain.active));
-    auto machine = std::make_shared<Machine>();
+    auto machine = std::make_shared<Vm>();
     machine->id = std::to_string(number);
     machine->runtime = runtime;
     machine->guest = guest;
@@ -116,7 +116,7 @@ std::shared_ptr<const Inventory> BuildInventory(const HostReading& reading, cons
     inventory->counters = StandardCounters();
     const CounterKeys keys = KeysOf(inventory->counters);
 
-    std::map<std::int32_t, std::shared_ptr<Machine>> byNumber;
+    std::map<std::int32_t, std::shared_ptr<Vm>> byNumber;
     for (const DescribedDomain& domain : reading.domains) {
         const std::int32_t number = identities.Find(domain.uuid);
         if (number == 0) {
@@ -135,8 +135,8 @@ std::shared_ptr<const Inventory> BuildInventory(const HostReading& reading, cons
     for (auto& [number, machine] : byNumber) {
         inventory->Add(std::move(machine));
     }
-    for (const auto& machine : before.machines) {
-        inventory->machinesById.emplace(machine->id, machine);
+    for (const auto& machine : before.vms) {
+        inventory->vmsById.emplace(machine->id, machine);
     }
     return inventory;
 }
