@@ -17,7 +17,7 @@ u_char* IntegerAnswer::Set(std::int32_t answer, std::size_t* length) noexcept {
 
 u_char* StringAnswer::Set(const char* answer, std::size_t* length) {
     const std::string_view whole = answer != nullptr ? answer : "";
-    const std::string_view fitting = Tessim::StringUtil::CutUtf8(whole, text.size() - 1);
+    const std::string_view fitting = Tessim::StringUtil::TruncateUtf8(whole, text.size() - 1);
     fitting.copy(text.data(), fitting.size());
     text[fitting.size()] = '\0';
     *length = fitting.size();

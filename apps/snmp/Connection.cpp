@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <cstdint>
 #include <exception>
 
+#include "runtime/hask/host_agent.h"
 #include "runtime/ordane/zarn_stub_adapter.h"
 #include "runtime/tessim/authd.h"
 #include "runtime/tessim/crypto.h"
@@ -23,8 +23,6 @@ using Tessim::Service::Log;
 using LogLevel = Tessim::Service::Logger::LogLevel;
 
 const std::string sHostname = "localhost";
-constexpr std::uint16_t authdPort = 902;
-const std::string apiPath = "/tesk/api/ordane/";
 const std::string localPath = "/ordane/";
 const std::string stubFlavour = "solo";
 const std::string sUser = "root";
@@ -98,9 +96,9 @@ void Connection::Connect() {
     Tessim::Ssl::CreateSSLContext(keyStore.Get(), Tessim::Ssl::SupportedVersion::Tls12OrNewer, context);
     Ref<Tessim::Authd::Client> client;
     Tessim::Authd::CreateClient(context.Get(), client);
-    client->Open(Tessim::Authd::Selector::ManagementApi, sHostname, authdPort, "", "", stream);
+    client->Open(Tessim::Authd::Selector::ManagementApi, sHostname, Hask::HostAgent::port, "", "", stream);
     path = zarnSvc->GetConnectionPath(stream.Get(), 0);
-    zarnSvc->MapPath(path, apiPath, localPath);
+    zarnSvc->MapPath(path, Hask::HostAgent::apiPath, localPath);
     Ordane::CreateZarnStubAdapter(logger.Get(), zarnSvc.Get(), localPath, stubAdapter);
     Hask::GetMoStubFactory(stubFlavour, stubAdapter.Get(), moFactory);
 }
@@ -178,7 +176,7 @@ void Connection::CheckTimeLeft() {
     constexpr const char* step = "working on its answers";
     Tessim::TimeBudget::CheckEnding(step);
     if (Tessim::Clock::now() >= Tessim::TimeBudget::Deadline()) {
-        Tessim::Peer(sHostname, authdPort).ThrowTimeout(step);
+        Tessim::Peer(sHostname, Hask::HostAgent::port).ThrowTimeout(step);
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include "apps/snmp/NetSnmp.h"
 #include "apps/snmp/OrdaneClient.h"
+#include "runtime/hask/performance_counters.h"
 #include "runtime/ordane/faults.h"
 
 namespace SNMP {
@@ -44,16 +45,9 @@ const CounterList& OrdaneClient::GetAvailableCounterIds() {
         return list;
     }
     list.reserve(counterCount);
-    PackStatsName(list, sDISK_STATS_GRP, sDISK_COUNTER_NUMREAD, -1);
-    PackStatsName(list, sDISK_STATS_GRP, sDISK_COUNTER_NUMWRITE, -1);
-    PackStatsName(list, sDISK_STATS_GRP, sDISK_COUNTER_READ, -1);
-    PackStatsName(list, sDISK_STATS_GRP, sDISK_COUNTER_WRITE, -1);
-    PackStatsName(list, sNET_STATS_GRP, sNET_COUNTER_RX, -1);
-    PackStatsName(list, sNET_STATS_GRP, sNET_COUNTER_TX, -1);
-    PackStatsName(list, sNET_STATS_GRP, sNET_COUNTER_PKTTX, -1);
-    PackStatsName(list, sNET_STATS_GRP, sNET_COUNTER_PKTRX, -1);
-    PackStatsName(list, sMEM_STATS_GRP, sMEM_COUNTER_ACTIVE, -1);
-    PackStatsName(list, sCPU_STATS_GRP, sCPU_COUNTER_USED, -1);
+    for (const auto& counter : Hask::Counters::standard) {
+        PackStatsName(list, counter.group, counter.name, -1);
+    }
     if (list.size() != counterCount) {
         static constexpr const char* bug = "OrdaneClient::GetAvailableCounterIds, BUG - bad count.\n";
         snmp_log(LOG_ERR, "%s", bug);

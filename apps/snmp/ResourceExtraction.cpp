@@ -12,7 +12,7 @@
 using SNMP::ListFiller;
 using SNMP::OrdaneClient;
 using Tessim::Ref;
-using Tessim::StringUtil::OneLine;
+using Tessim::StringUtil::EscapeControls;
 namespace Device = Hask::Vm::Device;
 
 namespace {
@@ -69,12 +69,13 @@ DiskName NameDisk(OrdaneClient* client, const Device::VirtualDisk& disk) {
         client->GetDatastoreInfo(file->GetDatastore()->GetId(), info);
     }
     if (!info) {
-        snmp_log(LOG_WARNING, "SetDiskResource: no datastore info for %s.\n", OneLine(label).c_str());
+        snmp_log(LOG_WARNING, "SetDiskResource: no datastore info for %s.\n", EscapeControls(label).c_str());
         return {};
     }
     const auto* drell = Tessim::NarrowToType<Hask::Host::DrellDatastoreInfo>(info);
     if (drell == nullptr) {
-        snmp_log(LOG_INFO, "SetDiskResource: skipped disk not backed by drell %s.\n", OneLine(label).c_str());
+        snmp_log(LOG_INFO, "SetDiskResource: skipped disk not backed by drell %s.\n",
+                 EscapeControls(label).c_str());
         return {nullptr, true};
     }
     const char* name = FirstExtentName(*drell);

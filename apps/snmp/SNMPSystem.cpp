@@ -29,7 +29,7 @@ std::int32_t ParseVersionPart(const std::string& part) {
         return Tessim::StringUtil::ParseInt(part);
     } catch (const Tessim::Exception&) {
         snmp_log(LOG_WARNING, "Get Product Version: invalid version: %s\n",
-                 Tessim::StringUtil::OneLine(part).c_str());
+                 Tessim::StringUtil::EscapeControls(part).c_str());
         return 0;
     }
 }

@@ -77,7 +77,8 @@ std::int64_t OrdaneClient::RetrieveHCStats(Ordane::MoRef* entity, const std::str
     }
     // An instance may be a text of the daemon's, which must not forge a line.
     snmp_log(LOG_WARNING, "OrdaneClient::RetrieveStats: couldn't find stats for %s.%s.%s\n", group.c_str(),
-             counter.c_str(), Tessim::StringUtil::OneLine(instance != nullptr ? instance : "any").c_str());
+             counter.c_str(),
+             Tessim::StringUtil::EscapeControls(instance != nullptr ? instance : "any").c_str());
     return noFigure;
 }
 

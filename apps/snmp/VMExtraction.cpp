@@ -65,7 +65,8 @@ int GetVMID(Hask::VirtualMachine* vm) {
         const std::string& id = vm->GetMoRef()->GetId();
         if (id != reportedId) {
             // The text names the caller that comes first; log filters match it.
-            snmp_log(LOG_WARNING, "SetVMInfo: invalid VM Id: %s\n", Tessim::StringUtil::OneLine(id).c_str());
+            snmp_log(LOG_WARNING, "SetVMInfo: invalid VM Id: %s\n",
+                     Tessim::StringUtil::EscapeControls(id).c_str());
             reportedId = id;
         }
         return -1;
@@ -217,7 +218,7 @@ vmHBATgtNode* SetStorageTgt(int index, DeviceArray<Device::VirtualDisk>* disks, 
             row->tgtUnit = *disk->GetUnitNumber();
         } else {
             snmp_log(LOG_WARNING, "SetStorageInfo: cannot find unit number for disk %s.\n",
-                     Tessim::StringUtil::OneLine(label != nullptr ? label : "without label").c_str());
+                     Tessim::StringUtil::EscapeControls(label != nullptr ? label : "without label").c_str());
         }
     }
     return list.Last();

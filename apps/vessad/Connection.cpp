@@ -20,9 +20,9 @@
 #include <string_view>
 #include <utility>
 
-#include "apps/vessad/Preamble.h"
+#include "runtime/hask/host_agent.h"
 #include "runtime/ordane/dispatcher.h"
-#include "runtime/tessim/authd.h"
+#include "runtime/tessim/preamble.h"
 #include "runtime/tessim/string_util.h"
 
 namespace Vessad {
@@ -32,11 +32,10 @@ namespace {
 namespace asio = boost::asio;
 namespace beast = boost::beast;
 namespace http = boost::beast::http;
+namespace Authd = Tessim::Authd;
 using Clock = std::chrono::steady_clock;
 using beast::error_code;
 
-constexpr std::string_view apiPath = "/tesk/api/ordane/";
-constexpr std::string_view lineEnd = "\r\n";
 constexpr std::size_t readSize = 16UL * 1024;
 constexpr std::chrono::seconds goodbyeLimit{1};
 constexpr std::size_t maxShownLine = 80;
@@ -111,39 +110,39 @@ class Connection final : public ConnectionTable::Entry, public std::enable_share
             EndAt("TLS handshake", error);
             return;
         }
-        asio::async_read_until(stream, asio::dynamic_buffer(line, Tessim::Authd::maxPreambleLine), lineEnd,
-                               Then(&Connection::OnPreamble));
+        asio::async_read_until(stream, asio::dynamic_buffer(line, Authd::maxPreambleLine),
+                               Authd::preambleLineEnd, Then(&Connection::OnPreamble));
     }
 
     void OnPreamble(const error_code& error, std::size_t size) {
         if (error == asio::error::not_found) {
-            RefusePreamble("400 the line is too long");
+            RefusePreamble(400, "the line is too long");
             return;
         }
         if (error) {
             EndAt("reading the first line", error);
             return;
         }
-        const std::optional<OpenRequest> request =
-            ParseOpenRequest(std::string_view(line).substr(0, size - lineEnd.size()));
+        const std::optional<Authd::OpenRequest> request =
+            Authd::ParseRequestLine(std::string_view(line).substr(0, size - Authd::preambleLineEnd.size()));
         if (!request) {
-            RefusePreamble(R"(400 expected OPEN <selector> "<text>" "<text>")");
-        } else if (request->selector != static_cast<int>(Tessim::Authd::Selector::ManagementApi)) {
-            RefusePreamble("404 no service " + std::to_string(request->selector));
+            RefusePreamble(400, R"(expected OPEN <selector> "<text>" "<text>")");
+        } else if (request->selector != static_cast<int>(Authd::Selector::ManagementApi)) {
+            RefusePreamble(404, "no service " + std::to_string(request->selector));
         } else {
             // What follows the line is the first request's already.
             const std::size_t more = line.size() - size;
             asio::buffer_copy(buffer.prepare(more), asio::buffer(line.data() + size, more));
             buffer.commit(more);
-            line = "200 /ordane/connection/" + std::to_string(number) + std::string(lineEnd);
+            line = Authd::MakeReplyLine(Authd::statusOpen, "/ordane/connection/" + std::to_string(number));
             asio::async_write(stream, asio::buffer(line), Then(&Connection::OnAccepted));
         }
     }
 
-    void RefusePreamble(const std::string& answer) {
-        spdlog::info("{}: refused the first line \"{}\": {}", name,
-                     Tessim::StringUtil::Printable(line, maxShownLine), answer);
-        line = answer + std::string(lineEnd);
+    void RefusePreamble(int status, const std::string& reason) {
+        spdlog::info("{}: refused the first line \"{}\": {} {}", name,
+                     Tessim::StringUtil::EscapeUntrusted(line, maxShownLine), status, reason);
+        line = Authd::MakeReplyLine(status, reason);
         asio::async_write(stream, asio::buffer(line),
                           [self = shared_from_this()](const error_code& /*error*/, std::size_t /*size*/) {
                               self->SayGoodbye("the first line was refused");
@@ -227,8 +226,9 @@ class Connection final : public ConnectionTable::Entry, public std::enable_share
 
     void Answer() {
         const http::request<http::string_body>& request = parser->get();
-        if (request.target() != apiPath) {
-            Prepare(http::status::not_found, "The API is at " + std::string(apiPath) + "\n", "text/plain");
+        if (request.target() != Hask::HostAgent::apiPath) {
+            Prepare(http::status::not_found, "The API is at " + Hask::HostAgent::apiPath + "\n",
+                    "text/plain");
             Send();
         } else if (request.method() != http::verb::post) {
             Prepare(http::status::method_not_allowed, "Calls are POST requests\n", "text/plain");

@@ -10,24 +10,26 @@ namespace Vessad {
 
 namespace {
 
-constexpr char oneLine = '*';
+constexpr char escapedText = '*';
 
-class OneLineFlag final : public spdlog::custom_flag_formatter {
+class EscapedTextFlag final : public spdlog::custom_flag_formatter {
   public:
     void format(const spdlog::details::log_msg& message, const std::tm& /*time*/,
                 spdlog::memory_buf_t& out) override {
         const std::string text =
-            Tessim::StringUtil::OneLine({message.payload.data(), message.payload.size()});
+            Tessim::StringUtil::EscapeControls({message.payload.data(), message.payload.size()});
         out.append(text.data(), text.data() + text.size());
     }
-    std::unique_ptr<custom_flag_formatter> clone() const override { return std::make_unique<OneLineFlag>(); }
+    std::unique_ptr<custom_flag_formatter> clone() const override {
+        return std::make_unique<EscapedTextFlag>();
+    }
 };
 
 }  // namespace
 
 std::unique_ptr<spdlog::formatter> MakeLogFormatter(const std::string& pattern, const std::string& lineEnd) {
     auto formatter = std::make_unique<spdlog::pattern_formatter>(spdlog::pattern_time_type::local, lineEnd);
-    formatter->add_flag<OneLineFlag>(oneLine).set_pattern(pattern);
+    formatter->add_flag<EscapedTextFlag>(escapedText).set_pattern(pattern);
     return formatter;
 }
 

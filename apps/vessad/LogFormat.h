@@ -9,7 +9,8 @@
 namespace Vessad {
 
 // A formatter of spdlog's patterns in which "%*" stands for the message as one line: whatever a message
-// quotes, it cannot begin another one (see Tessim::StringUtil::OneLine). Each line ends with `lineEnd`.
+// quotes, it cannot begin another one (see Tessim::StringUtil::EscapeControls). Each line ends with
+// `lineEnd`.
 std::unique_ptr<spdlog::formatter> MakeLogFormatter(const std::string& pattern, const std::string& lineEnd);
 
 }  // namespace Vessad

@@ -5,12 +5,14 @@
 #include <optional>
 #include <string>
 
+#include "runtime/hask/host_agent.h"
+
 namespace Vessad {
 
 struct Options {
     std::optional<std::filesystem::path> host;  // neither of the two: the built-in host
     std::optional<std::string> libvirt;
-    std::string listen = "127.0.0.1:902";
+    std::string listen = "127.0.0.1:" + std::to_string(Hask::HostAgent::port);
     std::filesystem::path ticketDirectory = "/run/tovric-vessad";
     std::string ticketGroup;
     std::filesystem::path stateDirectory = "/var/lib/tovric-vessad";

@@ -73,7 +73,7 @@ class Session::SessionManagerObject final : public Hask::SessionManager {
         if (!right || userName != userNameOfAll) {
             session.refused = true;
             spdlog::warn("{}: refused the login of \"{}\": {}", session.name,
-                         Tessim::StringUtil::Printable(userName, maxShownName),
+                         Tessim::StringUtil::EscapeUntrusted(userName, maxShownName),
                          right ? "unknown user" : "not the password of this connection's ticket");
             throw Fault::InvalidLogin::Exception("the user name or the password is wrong");
         }

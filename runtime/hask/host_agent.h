@@ -1,9 +1,16 @@
-// The ids under which the daemon publishes its singleton objects.
+// Where the daemon is reached, and the ids under which it publishes its singleton objects.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace Hask::HostAgent {
+
+inline constexpr std::uint16_t port = 902;  // TCP, on the loopback address
+// The path of the API, in each HTTP request of a stream that the preamble opened.
+inline const std::string apiPath = "/tesk/api/ordane/";
+
+// Singleton objects.
 
 inline const std::string moid_cpuschedulersystem = "cpuSchedulerSystem";
 inline const std::string moid_memorymanagersystem = "memoryManagerSystem";

@@ -108,14 +108,14 @@ std::string FaultText(pugi::xml_node fault) {
                 const auto object = Xml::ReadObject(detail, *type, Xml::Unknown::Ignore);
                 auto& fault = static_cast<Fault::MethodFault&>(*object);
                 if (fault.GetMessage()) {
-                    fault.SetMessage(Tessim::StringUtil::OneLine(*fault.GetMessage()));
+                    fault.SetMessage(Tessim::StringUtil::EscapeControls(*fault.GetMessage()));
                 }
                 fault.Throw();
             }
         }
     }
     // A fault type that this side does not know.
-    throw Fault::RuntimeFault::Exception(Tessim::StringUtil::OneLine(FaultText(element)));
+    throw Fault::RuntimeFault::Exception(Tessim::StringUtil::EscapeControls(FaultText(element)));
 }
 
 }  // namespace

@@ -46,7 +46,7 @@ class Message {
     // Tessim::InvalidArgumentException with what was expected.
     Tessim::Ref<DataObject> GetParameters(const MethodInfo& method) const;
     // The answer to `method`. A fault is thrown as its exception, one of a type that this side does not know
-    // as a RuntimeFault with the fault's text. Its message is one line (StringUtil::OneLine). Throws
+    // as a RuntimeFault with the fault's text. Its message is one line (StringUtil::EscapeControls). Throws
     // Tessim::InvalidArgumentException when the content does not fit.
     Tessim::Ref<DataObject> GetResponse(const MethodInfo& method) const;
     // Whether this is an answer to `method` or a fault.

@@ -19,7 +19,7 @@ constexpr std::size_t maxPlaceLength = 200;
 
 [[noreturn]] void Refuse(pugi::xml_node element, const std::string& expected) {
     throw Tessim::InvalidArgumentException(
-        "element " + Tessim::StringUtil::Printable(element.path('/').substr(1), maxPlaceLength) +
+        "element " + Tessim::StringUtil::EscapeUntrusted(element.path('/').substr(1), maxPlaceLength) +
         ": expected " + expected);
 }
 
@@ -163,7 +163,7 @@ Tessim::Ref<MoRef> ReadReference(pugi::xml_node element, std::string_view declar
 }
 
 std::string Shown(std::string_view name) {
-    return Tessim::StringUtil::Printable(name, maxNameLength);
+    return Tessim::StringUtil::EscapeUntrusted(name, maxNameLength);
 }
 
 void WriteMembers(pugi::xml_node element, const DataObject& object) {

@@ -4,7 +4,6 @@
 
 #include "runtime/tessim/exception.h"
 #include "runtime/tessim/peer.h"
-#include "runtime/tessim/preamble.h"
 #include "runtime/tessim/time_budget.h"
 #include "runtime/tessim/tls_connection.h"
 
@@ -45,7 +44,7 @@ class ClientImpl final : public virtual Client, public ObjectImpl {
 
     void Open(Selector selector, const std::string& host, std::uint16_t port, const std::string& text1,
               const std::string& text2, Ref<System::Stream>& out) override {
-        const std::string request = MakeRequestLine(selector, text1, text2);
+        const std::string request = MakeRequestLine({static_cast<int>(selector), text1, text2});
         Peer peer(host, port);
         peer.CheckPause();
         out = MakeRef<ServiceStreamImpl>(*context, std::move(peer), request, TimeBudget::Deadline());

@@ -1,28 +1,18 @@
 // The client of the local authentication service: it opens TLS streams to the services behind it.
 //
-// The service listens on a loopback port. After the TLS handshake each side sends one line, ended by CR LF:
-//   client:  OPEN <selector> "<text>" "<text>"
-//   server:  200 <connection path>     or     <three digits> <reason>
-// From then on the stream belongs to the service that the selector names.
+// The service listens on a loopback port. After the TLS handshake each side sends one line (preamble.h). From
+// then on the stream belongs to the service that the client's line selected.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <string>
 
 #include "runtime/tessim/object.h"
+#include "runtime/tessim/preamble.h"
 #include "runtime/tessim/ssl.h"
 #include "runtime/tessim/stream.h"
 
 namespace Tessim::Authd {
-
-// The longest preamble line of either side, in bytes, with its line end.
-inline constexpr std::size_t maxPreambleLine = 512;
-
-// The service that a stream is asked for.
-enum class Selector : int {
-    ManagementApi = 2,
-};
 
 // A stream that the service opened.
 class ServiceStream : public virtual System::Stream {

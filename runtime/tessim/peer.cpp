@@ -41,7 +41,7 @@ Peer::Peer(const std::string& host, std::uint16_t port) {
     } else if (address = {}; inet_pton(AF_INET6, host.c_str(), &v6->sin6_addr) == 1) {
         length = sizeof *v6;
     } else {
-        throw InvalidArgumentException("\"" + StringUtil::Printable(host, 64) + "\" is no address");
+        throw InvalidArgumentException("\"" + StringUtil::EscapeUntrusted(host, 64) + "\" is no address");
     }
     if (length == sizeof *v4) {
         v4->sin_family = AF_INET;

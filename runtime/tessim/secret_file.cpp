@@ -82,8 +82,8 @@ class Candidate {
 
   private:
     [[noreturn]] void Refuse(const std::string& reason) const {
-        throw SystemException("cannot take a secret from \"" + StringUtil::Printable(path, maxShownPath) +
-                              "\": " + reason);
+        throw SystemException("cannot take a secret from \"" +
+                              StringUtil::EscapeUntrusted(path, maxShownPath) + "\": " + reason);
     }
 
     [[noreturn]] void RefuseForError() const { Refuse(std::generic_category().message(errno)); }

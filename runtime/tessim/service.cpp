@@ -37,7 +37,7 @@ class LoggerImpl final : public virtual Logger, public ObjectImpl {
     const std::string& GetName() const override { return name; }
 
     void Write(LogLevel /*level*/, std::string_view text) override {
-        std::string line = StringUtil::OneLine(std::string(text)).substr(0, INT_MAX - 1);
+        std::string line = StringUtil::EscapeControls(text).substr(0, INT_MAX - 1);
         line += '\n';
         writer->Write(line.c_str(), static_cast<int>(line.size()));
     }

@@ -27,7 +27,7 @@ class Logger : public virtual Object {
 
     virtual const std::string& GetName() const = 0;
     // Writes `text` and a line feed in one Write. A text is one line, whoever wrote what it quotes: control
-    // characters are shown as StringUtil::OneLine does.
+    // characters are shown as StringUtil::EscapeControls does.
     virtual void Write(LogLevel level, std::string_view text) = 0;
 };
 

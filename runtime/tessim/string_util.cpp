@@ -35,6 +35,12 @@ std::size_t Utf8Length(std::string_view text) {
     return wrong ? 0 : length;
 }
 
+// Appends `prefix` and the two hexadecimal digits of `byte`.
+void AppendEscaped(std::string& result, std::string_view prefix, unsigned char byte) {
+    constexpr std::string_view digits = "0123456789abcdef";
+    result.append(prefix).append({digits[byte >> 4U], digits[byte & 0xFU]});
+}
+
 }  // namespace
 
 std::vector<std::string> Tokenize(std::string_view text, std::string_view separators) {
@@ -54,7 +60,7 @@ int ParseInt(std::string_view text) {
     int value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (error != std::errc() || end != text.data() + text.size()) {
-        throw InvalidArgumentException("\"" + Printable(text, 64) + "\" is no whole number of 32 bits");
+        throw InvalidArgumentException("\"" + EscapeUntrusted(text, 64) + "\" is no whole number of 32 bits");
     }
     return value;
 }
@@ -68,7 +74,7 @@ std::string Trim(std::string_view text) {
     return std::string(text.substr(start, text.find_last_not_of(blanks) - start + 1));
 }
 
-std::string_view CutUtf8(std::string_view text, std::size_t limit) {
+std::string_view TruncateUtf8(std::string_view text, std::size_t limit) {
     if (text.size() <= limit) {
         return text;
     }
@@ -81,43 +87,45 @@ std::string_view CutUtf8(std::string_view text, std::size_t limit) {
     return text.substr(0, limit);
 }
 
-std::string OneLine(std::string text) {
-    constexpr std::string_view digits = "0123456789abcdef";
-    constexpr char firstOfC1 = '\xC2';  // U+0080 to U+009F are this and a continuation up to 9F
-    const auto isControl = [&](std::size_t at) {
-        const auto byte = static_cast<unsigned char>(text[at]);
-        const bool isC1 = byte >= 0x80 && byte <= 0x9F && at > 0 && text[at - 1] == firstOfC1;
-        return byte < 0x20 || byte == 0x7F || isC1;
-    };
-    std::string result;
-    std::size_t copied = 0;
-    for (std::size_t at = 0; at < text.size(); ++at) {
-        if (isControl(at)) {
-            const auto byte = static_cast<unsigned char>(text[at]);
-            const bool isC1 = byte >= 0x80;
-            result.append(text, copied, at - copied - (isC1 ? 1 : 0));
-            result.append(isC1 ? "\\u00" : "\\x").append({digits[byte >> 4U], digits[byte & 0xFU]});
-            copied = at + 1;
-        }
-    }
-    if (copied == 0) {
-        return text;
-    }
-    return result.append(text, copied);
+bool IsPrintableAscii(char c) {
+    return c >= ' ' && c <= '~';
 }
 
-std::string Printable(std::string_view text, std::size_t limit) {
-    std::string result(text.substr(0, limit));
-    std::replace_if(
-        result.begin(), result.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+std::string EscapeControls(std::string_view text) {
+    constexpr std::string_view leadOfC1 = "\xC2";  // U+0080 to U+009F are this and a continuation up to 9F
+    std::string result;
+    result.reserve(text.size());
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7F) {
+            AppendEscaped(result, "\\x", byte);
+        } else if (byte >= 0x80 && byte <= 0x9F && result.ends_with(leadOfC1)) {
+            result.pop_back();
+            AppendEscaped(result, "\\u00", byte);
+        } else {
+            result += c;
+        }
+    }
+    return result;
+}
+
+std::string EscapeUntrusted(std::string_view text, std::size_t limit) {
+    std::string result;
+    for (const char c : text.substr(0, limit)) {
+        if (IsPrintableAscii(c)) {
+            result += c;
+        } else {
+            AppendEscaped(result, "\\x", static_cast<unsigned char>(c));
+        }
+    }
     return result;
 }
 
 }  // namespace Tessim::StringUtil
 
 char* Str_Strcpy(char* buffer, std::string_view text, std::size_t size) {
-    const std::string_view cut = Tessim::StringUtil::CutUtf8(text, size - 1);
-    std::memcpy(buffer, cut.data(), cut.size());
-    buffer[cut.size()] = '\0';
+    const std::string_view fitting = Tessim::StringUtil::TruncateUtf8(text, size - 1);
+    std::memcpy(buffer, fitting.data(), fitting.size());
+    buffer[fitting.size()] = '\0';
     return buffer;
 }

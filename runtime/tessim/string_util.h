@@ -20,18 +20,22 @@ int ParseInt(std::string_view text);
 std::string Trim(std::string_view text);
 
 // The longest prefix of `text` that has at most `limit` bytes and does not end inside a UTF-8 character.
-// Bytes that are not UTF-8 are cut anywhere.
-std::string_view CutUtf8(std::string_view text, std::size_t limit);
+// Bytes that are not UTF-8 are truncated anywhere.
+std::string_view TruncateUtf8(std::string_view text, std::size_t limit);
+
+// From the blank to the tilde.
+bool IsPrintableAscii(char c);
 
 // `text` as one line of a log: a control character becomes "\x" and its two hexadecimal digits, one of the
-// second set (U+0080 to U+009F) "\u00" and them. Everything else stays as it is.
-std::string OneLine(std::string text);
+// second set (U+0080 to U+009F) "\u00" and them. Everything else stays as it is, a backslash too.
+std::string EscapeControls(std::string_view text);
 
-// A stranger's text for a log line: at most `limit` bytes of it, "?" for everything but printable ASCII.
-std::string Printable(std::string_view text, std::size_t limit);
+// Untrusted text for a message: the first `limit` bytes of `text`, in which every byte but printable ASCII
+// becomes "\x" and its two hexadecimal digits.
+std::string EscapeUntrusted(std::string_view text, std::size_t limit);
 
 }  // namespace Tessim::StringUtil
 
-// Copies `text` into `buffer` of `size` bytes (at least 1), cut to fit as CutUtf8 does, always
+// Copies `text` into `buffer` of `size` bytes (at least 1), truncated to fit as TruncateUtf8 does, always
 // NUL-terminated. Returns `buffer`.
 char* Str_Strcpy(char* buffer, std::string_view text, std::size_t size);

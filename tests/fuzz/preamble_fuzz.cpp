@@ -3,7 +3,6 @@
 #include <string>
 #include <string_view>
 
-#include "apps/vessad/Preamble.h"
 #include "runtime/tessim/assertion.h"
 #include "runtime/tessim/exception.h"
 #include "runtime/tessim/preamble.h"
@@ -13,7 +12,7 @@ namespace Authd = Tessim::Authd;
 
 namespace {
 
-constexpr std::string_view lineEnd = "\r\n";
+using Authd::preambleLineEnd;
 
 // What the client makes of a service that sends `stream`.
 void CheckReply(std::string_view stream) {
@@ -32,8 +31,8 @@ void CheckReply(std::string_view stream) {
                                    [](char c) { return c >= ' ' && c <= '~'; }),
                        "a refusal can be shown to people");
     }
-    const std::size_t end = stream.find(lineEnd);
-    const std::size_t length = end == std::string_view::npos ? stream.size() : end + lineEnd.size();
+    const std::size_t end = stream.find(preambleLineEnd);
+    const std::size_t length = end == std::string_view::npos ? stream.size() : end + preambleLineEnd.size();
     Tessim::Assert(read == std::min(length, Authd::maxPreambleLine),
                    "the line is read to its end or its limit, and nothing behind it is");
     const std::string_view line = stream.substr(0, end);
@@ -47,21 +46,20 @@ void CheckReply(std::string_view stream) {
 
 // What the daemon makes of a client that sends `line`.
 void CheckRequest(std::string_view line) {
-    const auto request = Vessad::ParseOpenRequest(line);
+    const auto request = Authd::ParseRequestLine(line);
     if (!request) {
         return;
     }
     std::string written;
     try {
-        written = Authd::MakeRequestLine(static_cast<Authd::Selector>(request->selector), request->text1,
-                                         request->text2);
+        written = Authd::MakeRequestLine(*request);
     } catch (const Tessim::InvalidArgumentException&) {
-        Tessim::Assert(line.size() + lineEnd.size() > Authd::maxPreambleLine,
+        Tessim::Assert(line.size() + preambleLineEnd.size() > Authd::maxPreambleLine,
                        "what the daemon takes a client can say, unless it is too long");
         return;
     }
-    written.resize(written.size() - lineEnd.size());
-    const auto again = Vessad::ParseOpenRequest(written);
+    written.resize(written.size() - preambleLineEnd.size());
+    const auto again = Authd::ParseRequestLine(written);
     Tessim::Assert(again && again->selector == request->selector && again->text1 == request->text1 &&
                        again->text2 == request->text2,
                    "the daemon understands what a client says");
@@ -73,11 +71,11 @@ void CheckTexts(std::string_view text) {
     const std::string first(text.substr(0, cut));
     const std::string second(text.substr(std::min(cut + 1, text.size())));
     try {
-        const std::string line = Authd::MakeRequestLine(Authd::Selector::ManagementApi, first, second);
-        Tessim::Assert(line.size() <= Authd::maxPreambleLine && line.ends_with(lineEnd),
+        const std::string line = Authd::MakeRequestLine({2, first, second});
+        Tessim::Assert(line.size() <= Authd::maxPreambleLine && line.ends_with(preambleLineEnd),
                        "a line has its end and keeps to its limit");
         const auto request =
-            Vessad::ParseOpenRequest(std::string_view(line).substr(0, line.size() - lineEnd.size()));
+            Authd::ParseRequestLine(std::string_view(line).substr(0, line.size() - preambleLineEnd.size()));
         Tessim::Assert(request && request->text1 == first && request->text2 == second,
                        "the daemon is told what the client was");
     } catch (const Tessim::InvalidArgumentException&) {

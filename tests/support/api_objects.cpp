@@ -1,7 +1,8 @@
 #include "tests/support/api_objects.h"
 
-#include <array>
 #include <utility>
+
+#include "runtime/hask/performance_counters.h"
 
 namespace ApiObjects {
 
@@ -158,20 +159,10 @@ Ref<Performance::CounterInfo> Counter(std::int32_t key, const std::string& group
 }
 
 Ref<Ordane::DataArray<Performance::CounterInfo>> AllCounters() {
-    constexpr std::array<std::pair<const char*, const char*>, 10> names = {{{"disk", "numberRead"},
-                                                                            {"disk", "numberWrite"},
-                                                                            {"disk", "read"},
-                                                                            {"disk", "write"},
-                                                                            {"net", "received"},
-                                                                            {"net", "transmitted"},
-                                                                            {"net", "packetsTx"},
-                                                                            {"net", "packetsRx"},
-                                                                            {"mem", "active"},
-                                                                            {"cpu", "used"}}};
     auto counters = Array<Performance::CounterInfo>();
     std::int32_t key = 0;
-    for (const auto& [group, name] : names) {
-        counters->Append(Counter(++key, group, name));
+    for (const Hask::Counters::Counter& counter : Hask::Counters::standard) {
+        counters->Append(Counter(++key, counter.group, counter.name));
     }
     return counters;
 }

@@ -1,8 +1,8 @@
 #include "apps/vessad/backends/Backend.h"
 
-#include <array>
-#include <string_view>
 #include <utility>
+
+#include "runtime/hask/performance_counters.h"
 
 namespace Vessad {
 
@@ -35,28 +35,10 @@ Tessim::Ref<CounterInfo> MakeCounter(std::int32_t key, const std::string& group,
 }
 
 std::vector<Tessim::Ref<CounterInfo>> StandardCounters() {
-    struct Entry {
-        const char* group;
-        const char* name;
-        RollupType rollup;
-    };
-    constexpr std::array<Entry, 10> entries{{
-        {"disk", "numberRead", RollupType::summation},
-        {"disk", "numberWrite", RollupType::summation},
-        {"disk", "read", RollupType::summation},
-        {"disk", "write", RollupType::summation},
-        {"net", "received", RollupType::summation},
-        {"net", "transmitted", RollupType::summation},
-        {"net", "packetsTx", RollupType::summation},
-        {"net", "packetsRx", RollupType::summation},
-        {"mem", "active", RollupType::latest},
-        {"cpu", "used", RollupType::summation},
-    }};
     std::vector<Tessim::Ref<CounterInfo>> counters;
-    counters.reserve(entries.size());
     std::int32_t key = 0;
-    for (const Entry& entry : entries) {
-        counters.push_back(MakeCounter(++key, entry.group, entry.name, entry.rollup));
+    for (const auto& [group, name, rollup] : Hask::Counters::standard) {
+        counters.push_back(MakeCounter(++key, group, name, rollup));
     }
     return counters;
 }

@@ -18,6 +18,7 @@
 
 #include "apps/vessad/backends/BuiltInHost.h"
 #include "apps/vessad/backends/YamlReader.h"
+#include "runtime/hask/performance_counters.h"
 #include "runtime/tessim/file_descriptor.h"
 
 namespace Vessad {
@@ -62,8 +63,9 @@ std::vector<Tessim::Ref<PerformanceManager::CounterInfo>> ReadCounters(const Cur
 CounterKeys IndexCounters(const std::vector<Tessim::Ref<PerformanceManager::CounterInfo>>& counters) {
     CounterKeys keys;
     for (const auto& counter : counters) {
-        keys.emplace(counter->GetGroupInfo()->GetKey() + "." + counter->GetNameInfo()->GetKey(),
-                     counter->GetKey());
+        keys.emplace(
+            Hask::Counters::FullName(counter->GetGroupInfo()->GetKey(), counter->GetNameInfo()->GetKey()),
+            counter->GetKey());
     }
     return keys;
 }

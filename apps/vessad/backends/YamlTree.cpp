@@ -111,7 +111,7 @@ std::string Describe(const Value& value) {
         default:
             break;
     }
-    const std::string shown = Tessim::StringUtil::Printable(value.text, maxShown);
+    const std::string shown = Tessim::StringUtil::EscapeUntrusted(value.text, maxShown);
     return IsTextScalar(value) ? "the text \"" + shown + "\"" : shown;
 }
 
@@ -185,8 +185,8 @@ class Document::Builder final : public YAML::EventHandler {
 
     void CheckTag(const YAML::Mark& mark, const std::string& tag) const {
         if (!IsOneOf(tag, {"", "?", "!"})) {
-            Fail(mark,
-                 "expected a value without a tag, found " + Tessim::StringUtil::Printable(tag, maxShown));
+            Fail(mark, "expected a value without a tag, found " +
+                           Tessim::StringUtil::EscapeUntrusted(tag, maxShown));
         }
     }
 
@@ -328,7 +328,7 @@ void Cursor::RefuseRepeated() const {
     for (const Value::Entry& entry : value->entries) {
         if (!seen.insert(entry.key->text).second) {
             RefuseAt(entry.key->place, "each key once",
-                     Tessim::StringUtil::Printable(entry.key->text, maxShown) + " again");
+                     Tessim::StringUtil::EscapeUntrusted(entry.key->text, maxShown) + " again");
         }
     }
 }
@@ -381,7 +381,7 @@ Cursor Cursor::Member(const Value::Entry& entry) const {
     const std::string& key = entry.key->text;
     // Keys with points of their own, and empty ones, are told apart by quotes.
     const bool plain = !key.empty() && key.find_first_of(".[]\"") == std::string::npos;
-    const std::string shown = Tessim::StringUtil::Printable(key, maxShown);
+    const std::string shown = Tessim::StringUtil::EscapeUntrusted(key, maxShown);
     return {*this, *entry.value, path + (path.empty() ? "" : ".") + (plain ? shown : "\"" + shown + "\"")};
 }
 
@@ -392,7 +392,7 @@ void Cursor::Refuse(const std::string& expected) const {
 void Cursor::RefuseKey(std::string_view key, const std::string& expected) const {
     for (const Value::Entry& entry : value->entries) {
         if (entry.key->text == key) {
-            RefuseAt(entry.key->place, expected, Tessim::StringUtil::Printable(key, maxShown));
+            RefuseAt(entry.key->place, expected, Tessim::StringUtil::EscapeUntrusted(key, maxShown));
         }
     }
     Refuse(expected);

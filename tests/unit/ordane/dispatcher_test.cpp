@@ -123,7 +123,7 @@ TEST_F(DispatcherTest, NamesTheObjectThatThereIsNot) {
 TEST_F(DispatcherTest, RepeatsLittleOfAStrangersNames) {
     const std::string longName(10'000, 'n');
     EXPECT_EQ(FaultOf(CallOf("Sweep", "", "<_this type=\"Shop\">a&#10;b" + longName + "</_this>")),
-              Fields("ManagedObjectNotFound", "no Shop a?b" + longName.substr(0, 61)));
+              Fields("ManagedObjectNotFound", "no Shop a\\x0ab" + longName.substr(0, 61)));
     EXPECT_EQ(FaultOf(CallOf(longName)),
               Fields("InvalidRequest", "Shop has no method " + longName.substr(0, 64)));
 }

@@ -48,52 +48,52 @@ TEST(Trim, DropsBlanksTabsAndLineEndsAtBothEnds) {
     EXPECT_EQ(Trim("a"), "a");
 }
 
-TEST(CutUtf8, KeepsWhatFits) {
-    EXPECT_EQ(CutUtf8("abc", 3), "abc");
-    EXPECT_EQ(CutUtf8("", 0), "");
-    EXPECT_EQ(CutUtf8("abc", 0), "");
+TEST(TruncateUtf8, KeepsWhatFits) {
+    EXPECT_EQ(TruncateUtf8("abc", 3), "abc");
+    EXPECT_EQ(TruncateUtf8("", 0), "");
+    EXPECT_EQ(TruncateUtf8("abc", 0), "");
 }
 
-TEST(CutUtf8, NeverEndsInsideACharacter) {
+TEST(TruncateUtf8, NeverEndsInsideACharacter) {
     // Characters of 1, 2, 3 and 4 bytes, one after the other.
     const std::string text = "a\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80";
     const std::array<std::size_t, 11> expected = {0, 1, 1, 3, 3, 3, 6, 6, 6, 6, 10};
     for (std::size_t limit = 0; limit < expected.size(); ++limit) {
-        EXPECT_EQ(CutUtf8(text, limit).size(), expected.at(limit)) << limit;
+        EXPECT_EQ(TruncateUtf8(text, limit).size(), expected.at(limit)) << limit;
     }
 }
 
-TEST(CutUtf8, CutsBytesThatAreNoUtf8Anywhere) {
-    EXPECT_EQ(CutUtf8("\x80\x80\x80\x80\x80\x80", 5).size(), 5U);        // only continuations
-    EXPECT_EQ(CutUtf8("a\xC0\x80z", 2).size(), 2U);                      // overlong
-    EXPECT_EQ(CutUtf8("a\xE0\x80\x80z", 2).size(), 2U);                  // overlong
-    EXPECT_EQ(CutUtf8("a\xED\xA0\x80z", 3).size(), 3U);                  // surrogate
-    EXPECT_EQ(CutUtf8("a\xF0\x80\x80\x80z", 3).size(), 3U);              // overlong
-    EXPECT_EQ(CutUtf8("a\xF4\x90\x80\x80z", 3).size(), 3U);              // beyond the last code point
-    EXPECT_EQ(CutUtf8("a\xF5\x80\x80\x80z", 3).size(), 3U);              // no lead byte
-    EXPECT_EQ(CutUtf8("a\xE2\x82zz", 3).size(), 3U);                     // a continuation is missing
-    EXPECT_EQ(CutUtf8(std::string_view("a\xE2\x82", 3), 2).size(), 2U);  // the text ends too early
+TEST(TruncateUtf8, CutsBytesThatAreNoUtf8Anywhere) {
+    EXPECT_EQ(TruncateUtf8("\x80\x80\x80\x80\x80\x80", 5).size(), 5U);        // only continuations
+    EXPECT_EQ(TruncateUtf8("a\xC0\x80z", 2).size(), 2U);                      // overlong
+    EXPECT_EQ(TruncateUtf8("a\xE0\x80\x80z", 2).size(), 2U);                  // overlong
+    EXPECT_EQ(TruncateUtf8("a\xED\xA0\x80z", 3).size(), 3U);                  // surrogate
+    EXPECT_EQ(TruncateUtf8("a\xF0\x80\x80\x80z", 3).size(), 3U);              // overlong
+    EXPECT_EQ(TruncateUtf8("a\xF4\x90\x80\x80z", 3).size(), 3U);              // beyond the last code point
+    EXPECT_EQ(TruncateUtf8("a\xF5\x80\x80\x80z", 3).size(), 3U);              // no lead byte
+    EXPECT_EQ(TruncateUtf8("a\xE2\x82zz", 3).size(), 3U);                     // a continuation is missing
+    EXPECT_EQ(TruncateUtf8(std::string_view("a\xE2\x82", 3), 2).size(), 2U);  // the text ends too early
 }
 
-TEST(OneLine, ShowsControlCharacters) {
-    EXPECT_EQ(OneLine("a\r\nb\t\x1b[0m\x7f"), "a\\x0d\\x0ab\\x09\\x1b[0m\\x7f");
-    EXPECT_EQ(OneLine(std::string("a\0b", 3)), "a\\x00b");
-    EXPECT_EQ(OneLine("\n"), "\\x0a");
-    EXPECT_EQ(OneLine("\xC2\x9B"
-                      "31m\xC2\x80"),
+TEST(EscapeControls, EscapesControlCharacters) {
+    EXPECT_EQ(EscapeControls("a\r\nb\t\x1b[0m\x7f"), "a\\x0d\\x0ab\\x09\\x1b[0m\\x7f");
+    EXPECT_EQ(EscapeControls(std::string("a\0b", 3)), "a\\x00b");
+    EXPECT_EQ(EscapeControls("\n"), "\\x0a");
+    EXPECT_EQ(EscapeControls("\xC2\x9B"
+                             "31m\xC2\x80"),
               "\\u009b31m\\u0080");
-    EXPECT_EQ(OneLine("a\xC2\x85\n"), "a\\u0085\\x0a");
+    EXPECT_EQ(EscapeControls("a\xC2\x85\n"), "a\\u0085\\x0a");
 }
 
-TEST(OneLine, LeavesEverythingElse) {
+TEST(EscapeControls, LeavesEverythingElse) {
     const std::string text = " ~\\\"\xC2\xA0\xC3\xA4\xC4\x80\xE2\x82\xAC\xF0\x9F\x98\x80\xff\x80 ";
-    EXPECT_EQ(OneLine(text), text);
-    EXPECT_EQ(OneLine(""), "");
+    EXPECT_EQ(EscapeControls(text), text);
+    EXPECT_EQ(EscapeControls(""), "");
 }
 
-TEST(Printable, ReplacesEverythingButPrintableAscii) {
-    EXPECT_EQ(Printable("a\r\nb\x1b[0m\x7f\xC3\xA4~ ", 100), "a??b?[0m???~ ");
-    EXPECT_EQ(Printable("abcdef", 3), "abc");
+TEST(EscapeUntrusted, EscapesEverythingButPrintableAscii) {
+    EXPECT_EQ(EscapeUntrusted("a\r\nb\x1b[0m\x7f\xC3\xA4~ ", 100), "a\\x0d\\x0ab\\x1b[0m\\x7f\\xc3\\xa4~ ");
+    EXPECT_EQ(EscapeUntrusted("abcdef", 3), "abc");
 }
 
 TEST(StrStrcpy, TerminatesWhatItCopies) {

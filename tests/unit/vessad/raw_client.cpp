@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "runtime/hask/host_agent.h"
+
 namespace VessadTest {
 
 namespace {
@@ -147,7 +149,7 @@ HttpReply RawClient::Exchange(std::string_view request) {
 }
 
 HttpReply RawClient::Post(std::string_view body) {
-    return Exchange("POST /tesk/api/ordane/ HTTP/1.1\r\nHost: localhost\r\nContent-Length: " +
+    return Exchange("POST " + Hask::HostAgent::apiPath + " HTTP/1.1\r\nHost: localhost\r\nContent-Length: " +
                     std::to_string(body.size()) + "\r\n\r\n" + std::string(body));
 }
 

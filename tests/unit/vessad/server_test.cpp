@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "runtime/hask/host_agent.h"
 #include "runtime/hask/mo_factory.h"
 #include "runtime/ordane/faults.h"
 #include "runtime/ordane/zarn_stub_adapter.h"
@@ -51,7 +52,7 @@ class AgentClient {
         Tessim::Zarn::CreateZarnSvc(nullptr, nullptr, service);
         service->Startup();
         path = service->GetConnectionPath(stream.Get(), 0);
-        service->MapPath(path, "/tesk/api/ordane/", "/ordane/");
+        service->MapPath(path, Hask::HostAgent::apiPath, "/ordane/");
         Tessim::Ref<Ordane::StubAdapter> adapter;
         Ordane::CreateZarnStubAdapter(nullptr, service.Get(), "/ordane/", adapter);
         Hask::GetMoStubFactory("solo", adapter.Get(), factory);
@@ -188,7 +189,7 @@ TEST_F(ServerTest, RefusesWhatIsNoFirstLine) {
     RawClient client(port);
     EXPECT_THAT(client.Open("HELO\r\n"), StartsWith("400 "));
     EXPECT_TRUE(client.IsEnded(5000));
-    EXPECT_THAT(log.GetText(), HasSubstr("refused the first line \"HELO??\": 400 "));
+    EXPECT_THAT(log.GetText(), HasSubstr("refused the first line \"HELO\\x0d\\x0a\": 400 "));
 }
 
 TEST_F(ServerTest, TakesAFirstLineOfTheLargestSizeAndNoLonger) {

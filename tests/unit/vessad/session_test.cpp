@@ -142,7 +142,7 @@ TEST_F(SessionTest, RefusesAnotherUserWithTheRightPassword) {
     const std::string right = ReadAll(AskForTicket()->GetPasswordFilePath());
     EXPECT_THROW(LogInWith("ro\not", right), Fault::InvalidLogin::Exception);
     EXPECT_FALSE(session->IsLoggedIn());
-    EXPECT_THAT(log.GetText(), HasSubstr("refused the login of \"ro?ot\": unknown user\n"));
+    EXPECT_THAT(log.GetText(), HasSubstr("refused the login of \"ro\\x0aot\": unknown user\n"));
 }
 
 TEST_F(SessionTest, LogsOut) {

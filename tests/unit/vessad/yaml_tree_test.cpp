@@ -89,7 +89,7 @@ TEST(YamlTree, RefusesNothingListsAndMappingsAsText) {
 
 TEST(YamlTree, RefusesEscapedControlCharacters) {
     EXPECT_EQ(Mistake("v: \"a\\x01\"", UseAsText),
-              "h.yaml:1:4: v: expected text without control characters, found the text \"a?\"");
+              "h.yaml:1:4: v: expected text without control characters, found the text \"a\\x01\"");
 }
 
 TEST(YamlTree, ReadsWholeNumbersOfSixtyFourBits) {

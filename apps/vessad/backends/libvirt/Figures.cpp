@@ -6,6 +6,8 @@
 #include <set>
 #include <string_view>
 
+#include "runtime/hask/performance_counters.h"
+
 namespace Vessad::Libvirt {
 namespace {
 
@@ -54,20 +56,21 @@ class Maker {
     std::vector<Series> Make() {
         AddCpus();
         AddMemory();
-        AddDisks("disk.numberRead", "rd.reqs", 1);
-        AddDisks("disk.read", "rd.bytes", bytesPerKilobyte);
-        AddDisks("disk.numberWrite", "wr.reqs", 1);
-        AddDisks("disk.write", "wr.bytes", bytesPerKilobyte);
-        AddCards("net.packetsRx", "rx.pkts", 1);
-        AddCards("net.received", "rx.bytes", bytesPerKilobyte);
-        AddCards("net.packetsTx", "tx.pkts", 1);
-        AddCards("net.transmitted", "tx.bytes", bytesPerKilobyte);
+        AddDisks(Hask::Counters::diskNumberRead, "rd.reqs", 1);
+        AddDisks(Hask::Counters::diskRead, "rd.bytes", bytesPerKilobyte);
+        AddDisks(Hask::Counters::diskNumberWrite, "wr.reqs", 1);
+        AddDisks(Hask::Counters::diskWrite, "wr.bytes", bytesPerKilobyte);
+        AddCards(Hask::Counters::netPacketsRx, "rx.pkts", 1);
+        AddCards(Hask::Counters::netReceived, "rx.bytes", bytesPerKilobyte);
+        AddCards(Hask::Counters::netPacketsTx, "tx.pkts", 1);
+        AddCards(Hask::Counters::netTransmitted, "tx.bytes", bytesPerKilobyte);
         return std::move(series);
     }
 
   private:
-    void Add(std::string_view counter, std::string instance, std::uint64_t value) {
-        if (const auto key = keys.find(counter); key != keys.end()) {
+    void Add(const Hask::Counters::Counter& counter, std::string instance, std::uint64_t value) {
+        if (const auto key = keys.find(Hask::Counters::FullName(counter.group, counter.name));
+            key != keys.end()) {
             series.push_back({key->second, std::move(instance), static_cast<std::int64_t>(value), 0});
         }
     }
@@ -76,7 +79,7 @@ class Maker {
         int position = 0;
         for (const int cpu : Entries(statistics, "vcpu.")) {
             if (const auto time = Number(statistics, "vcpu." + std::to_string(cpu) + ".time")) {
-                Add("cpu.used", std::to_string(position), *time / nanosecondsPerMillisecond);
+                Add(Hask::Counters::cpuUsed, std::to_string(position), *time / nanosecondsPerMillisecond);
             }
             ++position;
         }
@@ -86,13 +89,13 @@ class Maker {
         const auto available = Number(statistics, "balloon.available");
         const auto unused = Number(statistics, "balloon.unused");
         if (available && unused && *unused <= *available) {
-            Add("mem.active", "", *available - *unused);
+            Add(Hask::Counters::memActive, "", *available - *unused);
         } else if (const auto resident = Number(statistics, "balloon.rss")) {
-            Add("mem.active", "", *resident);
+            Add(Hask::Counters::memActive, "", *resident);
         }
     }
 
-    void AddDisks(std::string_view counter, const std::string& figure, std::uint64_t unit) {
+    void AddDisks(const Hask::Counters::Counter& counter, const std::string& figure, std::uint64_t unit) {
         std::map<std::string, std::uint64_t> sums;
         for (const auto& disk : domain.disks) {
             const auto entry = FindEntry(statistics, "block.", disk.target);
@@ -106,7 +109,7 @@ class Maker {
         }
     }
 
-    void AddCards(std::string_view counter, const std::string& figure, std::uint64_t unit) {
+    void AddCards(const Hask::Counters::Counter& counter, const std::string& figure, std::uint64_t unit) {
         for (const auto& card : domain.cards) {
             if (card.device.empty()) {
                 continue;
@@ -129,8 +132,9 @@ class Maker {
 CounterKeys KeysOf(const std::vector<Tessim::Ref<Hask::PerformanceManager::CounterInfo>>& catalogue) {
     CounterKeys keys;
     for (const auto& counter : catalogue) {
-        keys.emplace(counter->GetGroupInfo()->GetKey() + "." + counter->GetNameInfo()->GetKey(),
-                     counter->GetKey());
+        keys.emplace(
+            Hask::Counters::FullName(counter->GetGroupInfo()->GetKey(), counter->GetNameInfo()->GetKey()),
+            counter->GetKey());
     }
     return keys;
 }

@@ -1,26 +1,26 @@
-#include "apps/vessad/Preamble.h"
+#include "runtime/tessim/preamble.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
-namespace Vessad {
+namespace Tessim::Authd {
 namespace {
 
-TEST(Preamble, TakesASelectorAndTwoTexts) {
-    const auto request = ParseOpenRequest(R"(OPEN 2 "" "a text")");
+TEST(PreambleRequestLine, IsParsedIntoASelectorAndTwoTexts) {
+    const auto request = ParseRequestLine(R"(OPEN 2 "" "a text")");
     ASSERT_TRUE(request.has_value());
     EXPECT_EQ(request->selector, 2);
     EXPECT_EQ(request->text1, "");
     EXPECT_EQ(request->text2, "a text");
 }
 
-TEST(Preamble, TakesAnySelector) {
-    EXPECT_EQ(ParseOpenRequest(R"(OPEN 2147483647 "" "")")->selector, 2147483647);
-    EXPECT_EQ(ParseOpenRequest(R"(OPEN 0 "" "")")->selector, 0);
+TEST(PreambleRequestLine, MayHaveAnySelector) {
+    EXPECT_EQ(ParseRequestLine(R"(OPEN 2147483647 "" "")")->selector, 2147483647);
+    EXPECT_EQ(ParseRequestLine(R"(OPEN 0 "" "")")->selector, 0);
 }
 
-TEST(Preamble, RefusesEverythingElse) {
+TEST(PreambleRequestLine, IsNothingElse) {
     for (const char* line : {"",
                              "OPEN",
                              "OPEN ",
@@ -42,10 +42,15 @@ TEST(Preamble, RefusesEverythingElse) {
                              "OPEN 2 \"\" \"\x80\"",
                              "OPEN 2 \"\" \"a\nb\"",
                              "GET / HTTP/1.1"}) {
-        EXPECT_FALSE(ParseOpenRequest(line).has_value()) << line;
+        EXPECT_FALSE(ParseRequestLine(line).has_value()) << line;
     }
-    EXPECT_FALSE(ParseOpenRequest(std::string("OPEN 2 \"\0\" \"\"", 13)).has_value());
+    EXPECT_FALSE(ParseRequestLine(std::string("OPEN 2 \"\0\" \"\"", 13)).has_value());
+}
+
+TEST(PreambleReplyLine, HasTheStatusAndTheText) {
+    EXPECT_EQ(MakeReplyLine(statusOpen, "/connection/1"), "200 /connection/1\r\n");
+    EXPECT_EQ(MakeReplyLine(404, "no service 7"), "404 no service 7\r\n");
 }
 
 }  // namespace
-}  // namespace Vessad
+}  // namespace Tessim::Authd
