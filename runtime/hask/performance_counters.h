@@ -26,7 +26,7 @@ inline constexpr Counter netPacketsRx{"net", "packetsRx", PerformanceManager::Ro
 inline constexpr Counter memActive{"mem", "active", PerformanceManager::RollupType::latest};
 inline constexpr Counter cpuUsed{"cpu", "used", PerformanceManager::RollupType::summation};
 
-// All of them, in the order in which the module asks for them.
+// All of them, in the order in which the module queries them.
 inline constexpr std::array standard{diskNumberRead, diskNumberWrite, diskRead,     diskWrite, netReceived,
                                      netTransmitted, netPacketsTx,    netPacketsRx, memActive, cpuUsed};
 

@@ -19,7 +19,7 @@ Call Read(std::string_view text, ObjectSource& source, const Soap::Limits& limit
     const Soap::Message message(text, limits);
     const Tessim::Ref<MoRef> target = message.GetTarget();
     const std::string name = message.GetName();
-    // Without a session the answer must not tell which objects there are.
+    // Without a session the reply must not show which objects exist.
     Tessim::Ref<ManagedObject> object = source.Find(*target);
     const MethodInfo* method = object ? object->GetManagedType()->FindMethod(name) : nullptr;
     if (!source.IsLoggedIn() && (method == nullptr || !method->beforeLogin)) {
@@ -27,12 +27,13 @@ Call Read(std::string_view text, ObjectSource& source, const Soap::Limits& limit
     }
     if (!object) {
         const auto fault = Tessim::MakeRef<Fault::ManagedObjectNotFound>();
-        fault->SetMessage("no " + Xml::Shown(target->GetType()) + " " + Xml::Shown(target->GetId()));
+        fault->SetMessage("no " + Xml::EscapeName(target->GetType()) + " " +
+                          Xml::EscapeName(target->GetId()));
         fault->SetObj(target);
         fault->Throw();
     }
     if (method == nullptr) {
-        throw Fault::InvalidRequest::Exception(target->GetType() + " has no method " + Xml::Shown(name));
+        throw Fault::InvalidRequest::Exception(target->GetType() + " has no method " + Xml::EscapeName(name));
     }
     return {object, method, message.GetParameters(*method)};
 } catch (const Tessim::InvalidArgumentException& refused) {

@@ -1,4 +1,4 @@
-// The server's side of a call: from a request's text to an answer's text.
+// The server's side of a call: from the text of a request to the text of its reply.
 #pragma once
 
 #include <string>
@@ -17,7 +17,7 @@ class ObjectSource {
     ObjectSource& operator=(const ObjectSource&) = delete;
     virtual ~ObjectSource() = default;
 
-    // The object of that type and id, or null.
+    // Returns the object of that type and id, or null.
     virtual Tessim::Ref<ManagedObject> Find(const MoRef& reference) = 0;
     // Whether the connection has a session. Without one only the methods marked so may be called.
     virtual bool IsLoggedIn() const = 0;
@@ -28,9 +28,10 @@ struct Reply {
     bool fault = false;
 };
 
-// Carries out the call that `text` holds. Never throws anything but std::bad_alloc, every other failure is
-// answered as a fault: what the object throws, as it is or as SystemError; a text that is no call of the API,
-// as InvalidRequest. Any number of threads may call this for different sources.
+// Carries out the call in `text`, a SOAP message, and returns the SOAP message to reply with. Throws nothing
+// but std::bad_alloc; any other failure is a fault in the reply: what the object throws, as it is or as
+// SystemError; InvalidRequest for a text that is no call of the API. Threads may call this at the same time
+// for different sources.
 Reply HandleCall(std::string_view text, ObjectSource& source, const Soap::Limits& limits = {});
 
 }  // namespace Ordane

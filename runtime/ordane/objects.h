@@ -55,8 +55,8 @@ class ManagedObject : public Any {
     // Never null.
     MoRef* GetMoRef() const { return reference.Get(); }
     virtual const ManagedType* GetManagedType() const = 0;
-    // Calls the method with the request's parameters and answers the method's response object. `method` must
-    // be one of this object's type.
+    // Calls the method with the parameters in `request`, the method's request object, and returns its
+    // response object, never null. `method` must be one of this object's type. Throws what the method throws.
     virtual Tessim::Ref<DataObject> Dispatch(const MethodInfo& method, const DataObject& request) = 0;
 
   private:

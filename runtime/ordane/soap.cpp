@@ -15,7 +15,7 @@ namespace {
 constexpr const char* apiNamespace = "urn:ordane";
 constexpr std::string_view targetElement = "_this";  // what names the object that a request calls
 
-// An envelope that is being written; `body` takes the one element.
+// An envelope that is being written; the one element goes into `body`.
 struct Envelope {
     pugi::xml_document document;
     pugi::xml_node body;
@@ -54,7 +54,7 @@ struct DepthCheck final : pugi::xml_tree_walker {
     std::size_t limit;
 };
 
-// Refuses a message that holds more than it may. Looks at the text alone and takes no memory.
+// Refuses a message beyond `limits`. Reads the text alone and allocates nothing.
 void CheckCounts(std::string_view text, const Limits& limits) {
     std::size_t elements = 0;
     for (std::size_t at = text.find('<'); at != std::string_view::npos; at = text.find('<', at + 1)) {
@@ -96,7 +96,7 @@ std::string FaultText(pugi::xml_node fault) {
     return "fault without a text";
 }
 
-// Whoever catches it writes its text into a log.
+// Its text is escaped, as it goes into logs.
 [[noreturn]] void ThrowFault(pugi::xml_node element) {
     for (const pugi::xml_node child : element.children()) {
         if (Xml::LocalName(child) != "detail") {
@@ -114,7 +114,7 @@ std::string FaultText(pugi::xml_node fault) {
             }
         }
     }
-    // A fault type that this side does not know.
+    // A fault of an unknown type.
     throw Fault::RuntimeFault::Exception(Tessim::StringUtil::EscapeControls(FaultText(element)));
 }
 
@@ -198,7 +198,7 @@ Tessim::Ref<DataObject> Message::GetParameters(const MethodInfo& method) const {
     return Xml::ReadObject(call, *method.request, Xml::Unknown::Refuse);
 }
 
-bool Message::Answers(const MethodInfo& method) const {
+bool Message::IsReplyTo(const MethodInfo& method) const {
     return GetName() == std::string(method.name) + "Response" || GetName() == "Fault";
 }
 

@@ -1,6 +1,6 @@
-// SOAP 1.1 messages, document/literal: one call or one answer each.
+// SOAP 1.1 messages, document/literal: one call or one reply each.
 //
-// A request's body holds <Method><_this type="Type">id</_this> parameters </Method>, an answer's
+// A request's body holds <Method><_this type="Type">id</_this> parameters </Method>, a reply's
 // <MethodResponse><returnval>…</returnval></MethodResponse> or a Fault whose detail holds one element named
 // and typed after the fault.
 #pragma once
@@ -15,7 +15,7 @@
 
 namespace Ordane::Soap {
 
-// What a message may cost its reader.
+// Limits of a message, for the sake of the reader's memory and stack.
 struct Limits {
     // Of elements and of attributes. Counted on the text, before anything is built from it: a "<" or "="
     // within a text counts too.
@@ -42,15 +42,15 @@ class Message {
     std::string GetName() const;
     // The object that a request calls. Throws Tessim::InvalidArgumentException when there is none.
     Tessim::Ref<MoRef> GetTarget() const;
-    // A request's parameters, without its target: to be asked for last, and once. Throws
+    // A request's parameters, without its target: to be called last, and once. Throws
     // Tessim::InvalidArgumentException with what was expected.
     Tessim::Ref<DataObject> GetParameters(const MethodInfo& method) const;
-    // The answer to `method`. A fault is thrown as its exception, one of a type that this side does not know
-    // as a RuntimeFault with the fault's text. Its message is one line (StringUtil::EscapeControls). Throws
+    // The response object of `method`. Throws a fault as its exception, one of an unknown type as a
+    // RuntimeFault with the fault's text, the message escaped (StringUtil::EscapeControls). Throws
     // Tessim::InvalidArgumentException when the content does not fit.
     Tessim::Ref<DataObject> GetResponse(const MethodInfo& method) const;
-    // Whether this is an answer to `method` or a fault.
-    bool Answers(const MethodInfo& method) const;
+    // Whether this is a response of `method` or a fault.
+    bool IsReplyTo(const MethodInfo& method) const;
 
   private:
     struct Document;

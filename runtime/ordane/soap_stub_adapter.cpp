@@ -12,7 +12,8 @@ namespace {
 
 constexpr std::string_view loginMethod = "Login";
 
-// The reply as a message that answers `method`. Anything else means that the two sides are out of step.
+// The reply as a message. Throws Tessim::StreamException when it is none or no reply to `method`: the two
+// sides are then out of step.
 std::unique_ptr<Soap::Message> Parse(const std::string& reply, const MethodInfo& method) {
     std::unique_ptr<Soap::Message> message;
     try {
@@ -20,9 +21,9 @@ std::unique_ptr<Soap::Message> Parse(const std::string& reply, const MethodInfo&
     } catch (const Tessim::InvalidArgumentException& refused) {
         throw Tessim::StreamException(std::string("the daemon's reply is unusable: ") + refused.what());
     }
-    if (!message->Answers(method)) {
-        throw Tessim::StreamException("the daemon answered " + Xml::Shown(message->GetName()) +
-                                      " to the call " + std::string(method.name));
+    if (!message->IsReplyTo(method)) {
+        throw Tessim::StreamException("the daemon sent " + Xml::EscapeName(message->GetName()) +
+                                      " as its reply to " + std::string(method.name));
     }
     return message;
 }
@@ -36,8 +37,8 @@ Tessim::Ref<DataObject> SoapStubAdapter::Invoke(const MoRef& target, const Metho
     }
     const std::string text = Soap::EncodeRequest(target, method, request);
     std::unique_ptr<Soap::Message> message;
-    // An exchange that anything interrupts, a lack of memory too, leaves its reply in the stream, where the
-    // next call would take it for its own.
+    // An interrupted exchange, for lack of memory too, leaves its reply in the stream, where the next call
+    // would read it as its own.
     brokenBy = "an earlier call was interrupted";
     try {
         message = Parse(Exchange(text), method);

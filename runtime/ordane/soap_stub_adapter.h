@@ -1,4 +1,4 @@
-// The adapter that carries calls as SOAP messages, whatever carries the messages.
+// The adapter that carries calls as SOAP messages; a derived class transports the messages.
 #pragma once
 
 #include <string>
@@ -15,17 +15,17 @@ class SoapStubAdapter : public virtual StubAdapter, public Tessim::ObjectImpl {
     void Close() noexcept override;
 
   protected:
-    // Sends one request message and answers the reply message. Throws Tessim::StreamException or
+    // Sends one request message and returns the reply message. Throws Tessim::StreamException or
     // Tessim::SystemException when it cannot; the adapter is then broken for good.
     virtual std::string Exchange(const std::string& request) = 0;
 
-    // Whether the service took a call of its method "Login". Until then it may be anybody's, and no call that
-    // it should answer has a long reply.
+    // Whether a call of the method "Login" has succeeded. Until then the service is untrusted, and no call
+    // has a long reply.
     bool IsLoggedIn() const { return loggedIn; }
 
   private:
     bool loggedIn = false;
-    std::string brokenBy;  // why no call can be made any more; empty while it can
+    std::string brokenBy;  // why no more calls are possible; empty while they are
 };
 
 }  // namespace Ordane

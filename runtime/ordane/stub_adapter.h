@@ -5,16 +5,17 @@
 
 namespace Ordane {
 
+// Not thread-safe.
 class StubAdapter : public virtual Tessim::Object {
   public:
-    // Calls `method` of the object `target` and answers the method's response object, never null. Throws the
-    // fault's exception when the call is answered by a fault, Fault::InvalidResponse::Exception when the
-    // answer does not fit, and Fault::HostCommunication::Exception when the connection is broken; every
+    // Calls `method` of the object `target` with its request object and returns its response object, never
+    // null. Throws the exception of a fault in the reply, Fault::InvalidResponse::Exception when the reply
+    // does not fit the method, and Fault::HostCommunication::Exception when the connection is broken; every
     // later call then fails the same way.
     virtual Tessim::Ref<DataObject> Invoke(const MoRef& target, const MethodInfo& method,
                                            const DataObject& request) = 0;
 
-    // No call can be made any more. May be called again.
+    // Ends the adapter: every later call throws Fault::HostCommunication::Exception. May be called again.
     virtual void Close() noexcept = 0;
 };
 

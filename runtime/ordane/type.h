@@ -1,5 +1,4 @@
-// Type objects: what the codecs, the described host and type tests know of the API's classes.
-//
+// Type objects: descriptions of the API's classes for codecs, the reader of described hosts and type tests.
 // All of them are static and constant.
 #pragma once
 
@@ -16,7 +15,7 @@ namespace Ordane {
 
 class DataObject;
 
-// The base of everything the API hands around: data objects, references and managed objects.
+// The base of data objects, references and managed objects.
 class Any : public Tessim::ObjectImpl, public virtual Tessim::Object {};
 
 // An enumeration: the texts of its values 0, 1, 2, …

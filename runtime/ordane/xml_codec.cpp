@@ -23,7 +23,7 @@ constexpr std::size_t maxPlaceLength = 200;
         ": expected " + expected);
 }
 
-// What pugixml could not allocate it answers as nothing, and would leave out of the message.
+// pugixml returns null for what it could not allocate, and would leave it out of the message.
 template <class Node>
 Node Allocated(Node made) {
     if (!made) {
@@ -162,7 +162,7 @@ Tessim::Ref<MoRef> ReadReference(pugi::xml_node element, std::string_view declar
     return Tessim::MakeRef<MoRef>(std::move(type), std::move(id));
 }
 
-std::string Shown(std::string_view name) {
+std::string EscapeName(std::string_view name) {
     return Tessim::StringUtil::EscapeUntrusted(name, maxNameLength);
 }
 
@@ -188,7 +188,8 @@ Tessim::Ref<DataObject> ReadObject(pugi::xml_node element, const DataObjectType&
     if (const pugi::xml_attribute named = element.attribute(concreteType)) {
         type = declared.FindSubtype(WithoutPrefix(named.value()));
         if (type == nullptr) {
-            Refuse(element, "a " + std::string(declared.name) + ", not the type " + Shown(named.value()));
+            Refuse(element,
+                   "a " + std::string(declared.name) + ", not the type " + EscapeName(named.value()));
         }
     }
     Tessim::Ref<DataObject> object = type->create();

@@ -9,8 +9,9 @@
 
 namespace Ordane::Xml {
 
-// What to do with an element that its type does not know, and with a text or reference that IsText refuses. A
-// client ignores the first and takes the second as it is, a server refuses both.
+// What to do with an element that is no member of its type, and with a text or reference that fails IsText. A
+// client ignores the element and accepts the text, so that a newer daemon can send more; a server refuses
+// both.
 enum class Unknown { Ignore, Refuse };
 
 // Appends the element `name` that holds `text`, as far as its first NUL. This and everything below that
@@ -26,7 +27,7 @@ void WriteObject(pugi::xml_node parent, std::string_view name, const DataObject&
 // Appends the members of `object` to `element`.
 void WriteMembers(pugi::xml_node element, const DataObject& object);
 
-// The object that `element` holds, of type `declared` or the descendant that xsi:type names. Throws
+// Returns the object that `element` holds, of type `declared` or the descendant that xsi:type names. Throws
 // Tessim::InvalidArgumentException with the place and what was expected: an unknown type, a missing, repeated
 // or ill-typed member. White space around numbers and booleans does not count.
 Tessim::Ref<DataObject> ReadObject(pugi::xml_node element, const DataObjectType& declared, Unknown unknown);
@@ -43,8 +44,8 @@ Tessim::Ref<MoRef> ReadReference(pugi::xml_node element, std::string_view declar
                                  Unknown unknown = Unknown::Refuse);
 void WriteReference(pugi::xml_node parent, std::string_view name, const MoRef& reference);
 
-// A peer's name for a message to people: printable, and cut when it is long.
-std::string Shown(std::string_view name);
+// A name from a peer for a message: escaped (StringUtil::EscapeUntrusted) and truncated to 64 bytes.
+std::string EscapeName(std::string_view name);
 
 // Whether `text` is valid UTF-8 made of nothing but what XML 1.0 calls characters: no control character but
 // tab, line feed and carriage return, no surrogate, not U+FFFE or U+FFFF.

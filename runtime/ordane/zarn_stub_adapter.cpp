@@ -22,12 +22,12 @@ constexpr std::uint64_t maxReplyBytes = 32ULL * 1024 * 1024;
 constexpr std::uint64_t maxReplyBytesBeforeLogin = 64ULL * 1024;
 constexpr std::chrono::seconds callLimit{5};
 
-// What is read at once, a TLS record; and the most that may be read but not yet understood, so that no
-// endless chunk header or trailer takes memory. Not less than a header may have.
+// The size of one read, a TLS record. It is also the most that may be read but not yet parsed, so that an
+// endless chunk header or trailer takes no memory; hence at least the size of a header.
 constexpr std::size_t bufferBytes = 16UL * 1024;
 static_assert(bufferBytes >= maxHeaderBytes);
 
-// A stream as the HTTP library wants it: a failure leaves as the stream's own exception.
+// Adapts a stream to the HTTP library. Failures are the stream's own exceptions.
 class HttpStream {
   public:
     explicit HttpStream(Tessim::System::Stream& stream) : stream(stream) {}
@@ -128,14 +128,14 @@ class ZarnStubAdapter final : public SoapStubAdapter {
         parser.body_limit(IsLoggedIn() ? maxReplyBytes : maxReplyBytesBeforeLogin);
         const std::size_t headerBytes = http::read_header(stream, buffer, parser, error);
         HttpStream::Check(error);
-        // The parser's own limit leaves out what it understood of the first piece.
+        // The parser's own limit does not count what it parsed of the first piece.
         if (headerBytes > maxHeaderBytes) {
             HttpStream::Check(http::error::header_limit);
         }
-        // SOAP answers a fault with the status 500.
+        // SOAP over HTTP sends a fault with the status 500.
         const http::status status = parser.get().result();
         if (status != http::status::ok && status != http::status::internal_server_error) {
-            throw Tessim::StreamException("the daemon answered HTTP status " +
+            throw Tessim::StreamException("the daemon replied with HTTP status " +
                                           std::to_string(parser.get().result_int()));
         }
         http::read(stream, buffer, parser, error);

@@ -46,7 +46,7 @@ class ClientImpl final : public virtual Client, public ObjectImpl {
               const std::string& text2, Ref<System::Stream>& out) override {
         const std::string request = MakeRequestLine({static_cast<int>(selector), text1, text2});
         Peer peer(host, port);
-        peer.CheckPause();
+        peer.CheckBackoff();
         out = MakeRef<ServiceStreamImpl>(*context, std::move(peer), request, TimeBudget::Deadline());
     }
 

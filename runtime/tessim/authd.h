@@ -17,27 +17,28 @@ namespace Tessim::Authd {
 // A stream that the service opened.
 class ServiceStream : public virtual System::Stream {
   public:
-    // The connection's path that the service answered.
+    // The path of the connection, from the service's reply line. Not empty; lives as long as the stream.
     virtual const std::string& GetConnectionPath() const = 0;
 };
 
 class Client : public virtual Object {
   public:
-    // Opens a stream to the service `selector` at `host`:`port` into `out`. The two texts are handed to the
-    // service as they are (printable ASCII without quotes). `host` is "localhost", which means the IPv4
-    // loopback address and never goes to a resolver, or a numeric address.
+    // Opens a ServiceStream to the service `selector` at `host`:`port` and puts it into `out`. The two texts
+    // are passed to the service as they are (printable ASCII without quotes). `host` is "localhost", the IPv4
+    // loopback address without a resolver, or a numeric address.
     //
-    // Waits at most until the deadline of the time budget in force. Throws StreamException when the service
-    // is not there, refuses or breaks the protocol; TimeoutException when it does not answer in time;
-    // SystemException when the operating system gives no socket; InvalidArgumentException for a host or text
-    // that is none. `out` keeps what it held then. After a TimeoutException by any stream to the same
-    // address and port, opening fails with the same message, at once, for 5 s: a daemon that hangs must not
-    // hold the agent again and again.
+    // Waits at most until the deadline of the time budget in force. On failure `out` is unchanged. Throws
+    // StreamException when the service is not there, refuses the stream or breaks the protocol;
+    // TimeoutException when it does not reply in time; SystemException when the operating system has no
+    // socket; InvalidArgumentException for a bad host or text. For 5 s after a TimeoutException of any stream
+    // to the same address and port, opening throws it again at once, so that a daemon that hangs does not
+    // block the agent at each request. Any number of threads may open streams.
     virtual void Open(Selector selector, const std::string& host, std::uint16_t port,
                       const std::string& text1, const std::string& text2, Ref<System::Stream>& out) = 0;
 };
 
-// Puts a client that opens its streams with `context` into `out`. Throws InvalidArgumentException on null.
+// Puts a client that opens its streams with `context`, which it keeps, into `out`. Throws
+// InvalidArgumentException when `context` is null.
 void CreateClient(Ssl::SSLContext* context, Ref<Client>& out);
 
 }  // namespace Tessim::Authd

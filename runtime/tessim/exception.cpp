@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::size_t maxFrames = 48;
 
-// The part of a source file's name that is the same on every machine: from the tree's last top folder on.
+// The part of a source file's name that is the same for every build: from the tree's last top folder on.
 std::string_view PathInTree(std::string_view file) {
     std::size_t best = std::string_view::npos;
     for (const std::string_view root : {"apps/", "runtime/", "tests/"}) {

@@ -1,4 +1,4 @@
-// Exceptions that say what failed and where it was thrown.
+// Exceptions with a message and a backtrace.
 #pragma once
 
 #include <exception>
@@ -27,7 +27,7 @@ class Throwable : public std::exception {
   private:
     std::string message;
     SourceLocation where;
-    std::vector<void*> frames;  // return addresses; turned into text only when asked for
+    std::vector<void*> frames;  // return addresses; turned into text by GetBacktrace only
 };
 
 // The base of everything that the runtime and the management API throw.
@@ -43,13 +43,13 @@ class AlreadyInitializedException : public Exception {
     using Exception::Exception;
 };
 
-// A text or value that does not fit what was asked for.
+// An argument has a value that the function does not accept.
 class InvalidArgumentException : public Exception {
   public:
     using Exception::Exception;
 };
 
-// A call of the operating system or of the TLS library failed; the message says which and why.
+// A call of the operating system or of the TLS library failed; the message names the call and the reason.
 class SystemException : public Exception {
   public:
     using Exception::Exception;
@@ -61,7 +61,7 @@ class StreamException : public Exception {
     using Exception::Exception;
 };
 
-// The peer did not answer before the deadline, or may not be asked again yet because it did not.
+// The peer did not reply before the deadline, or is in its backoff because it did not.
 class TimeoutException : public StreamException {
   public:
     using StreamException::StreamException;

@@ -1,7 +1,7 @@
 // Reference-counted objects and the handle that holds them.
 //
-// Counting is atomic, so an object may be shared between threads; the handle itself and everything else an
-// object does is as thread-safe as its own class says.
+// Counting is atomic, so threads may share an object. A handle is not thread-safe; an object is as
+// thread-safe as its class states.
 #pragma once
 
 #include <atomic>
@@ -60,7 +60,7 @@ class Ref {
     T& operator*() const noexcept { return *held; }
     explicit operator bool() const noexcept { return held != nullptr; }
 
-    // Gives up the object.
+    // Releases the object.
     void Reset() noexcept { *this = Ref(); }
 
     friend bool operator==(const Ref& a, const Ref& b) noexcept { return a.held == b.held; }

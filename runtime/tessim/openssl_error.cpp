@@ -18,7 +18,7 @@ std::string TakeOpenSslErrors() {
             text.append(" (").append(data).append(")");
         }
     }
-    return text.empty() ? "OpenSSL gives no reason" : text;
+    return text.empty() ? "no reason from OpenSSL" : text;
 }
 
 }  // namespace Tessim

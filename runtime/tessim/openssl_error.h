@@ -1,11 +1,11 @@
-// What OpenSSL says about its failures. Internal to the runtime.
+// The text of OpenSSL's errors. Internal to the runtime.
 #pragma once
 
 #include <string>
 
 namespace Tessim {
 
-// The reasons in the thread's error queue, oldest first, for people. Empties the queue. Never empty.
+// The reasons in the thread's error queue, oldest first. Empties the queue; the text is never empty.
 std::string TakeOpenSslErrors();
 
 }  // namespace Tessim

@@ -13,19 +13,19 @@
 namespace Tessim {
 namespace {
 
-constexpr std::chrono::seconds pauseAfterTimeout{5};
+constexpr std::chrono::seconds backoffAfterTimeout{5};
 
-struct Pause {
+struct Backoff {
     Clock::time_point end;
     std::string message;
 };
 
-std::mutex pausesMutex;
+std::mutex backoffsMutex;
 
-// By address and port. Never destroyed, as streams may still end at the process's end.
-std::map<std::string, Pause>& Pauses() {
-    static auto& pauses = *new std::map<std::string, Pause>;
-    return pauses;
+// By address and port. Never destroyed: other destructors at the process's end may still close streams.
+std::map<std::string, Backoff>& Backoffs() {
+    static auto& backoffs = *new std::map<std::string, Backoff>;
+    return backoffs;
 }
 
 }  // namespace
@@ -41,7 +41,7 @@ Peer::Peer(const std::string& host, std::uint16_t port) {
     } else if (address = {}; inet_pton(AF_INET6, host.c_str(), &v6->sin6_addr) == 1) {
         length = sizeof *v6;
     } else {
-        throw InvalidArgumentException("\"" + StringUtil::EscapeUntrusted(host, 64) + "\" is no address");
+        throw InvalidArgumentException("\"" + StringUtil::EscapeUntrusted(host, 64) + "\" is not an address");
     }
     if (length == sizeof *v4) {
         v4->sin_family = AF_INET;
@@ -55,23 +55,23 @@ Peer::Peer(const std::string& host, std::uint16_t port) {
     name += ":" + std::to_string(port);
 }
 
-void Peer::CheckPause() const {
-    const std::lock_guard lock(pausesMutex);
-    const auto pause = Pauses().find(GetKey());
-    if (pause == Pauses().end()) {
+void Peer::CheckBackoff() const {
+    const std::lock_guard lock(backoffsMutex);
+    const auto backoff = Backoffs().find(GetKey());
+    if (backoff == Backoffs().end()) {
         return;
     }
-    if (Clock::now() < pause->second.end) {
-        throw TimeoutException(pause->second.message);
+    if (Clock::now() < backoff->second.end) {
+        throw TimeoutException(backoff->second.message);
     }
-    Pauses().erase(pause);
+    Backoffs().erase(backoff);
 }
 
 void Peer::ThrowTimeout(const char* step) const {
-    const std::string message = name + ": no answer in time (" + step + ")";
+    const std::string message = name + ": no reply in time (" + step + ")";
     {
-        const std::lock_guard lock(pausesMutex);
-        Pauses()[GetKey()] = {Clock::now() + pauseAfterTimeout, message};
+        const std::lock_guard lock(backoffsMutex);
+        Backoffs()[GetKey()] = {Clock::now() + backoffAfterTimeout, message};
     }
     throw TimeoutException(message);
 }

@@ -1,4 +1,4 @@
-// The other end of a connection, and the patience this process has with it.
+// The other end of a connection, with the backoff after a timeout. Internal to the runtime.
 #pragma once
 
 #include <sys/socket.h>
@@ -19,11 +19,11 @@ class Peer {
     // For messages: "localhost:902", "[::1]:902".
     const std::string& GetName() const noexcept { return name; }
 
-    // Throws TimeoutException, with the message of the timeout, in the 5 s after any connection of this
-    // process to the same address and port had one.
-    void CheckPause() const;
+    // Throws TimeoutException, with the message of the last timeout, during the backoff: for 5 s after any
+    // connection of this process to the same address and port timed out. Thread-safe.
+    void CheckBackoff() const;
 
-    // Throws TimeoutException, and starts those 5 s. `step` says what was waited for.
+    // Starts the backoff and throws TimeoutException. `step` names the wait that timed out. Thread-safe.
     [[noreturn]] void ThrowTimeout(const char* step) const;
 
   private:

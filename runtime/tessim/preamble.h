@@ -19,7 +19,7 @@ namespace Tessim::Authd {
 inline constexpr std::size_t maxPreambleLine = 512;  // bytes, with the line end
 inline constexpr std::string_view preambleLineEnd = "\r\n";
 
-// The service that a stream is asked for.
+// The service that a stream is opened to.
 enum class Selector : int {
     ManagementApi = 2,
 };

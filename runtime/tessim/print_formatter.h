@@ -16,7 +16,7 @@ class PrintFormatter {
     PrintFormatter& operator<<(std::string_view argument);
     PrintFormatter& operator<<(std::int64_t argument);
 
-    // The text with every place filled. A place without an argument stays as written; "%%" gives "%".
+    // Returns the text with every place filled. A place without an argument stays as written; "%%" gives "%".
     // An argument's own text is never searched for places.
     std::string Format() const;
 

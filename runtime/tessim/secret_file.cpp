@@ -59,14 +59,14 @@ class FileStream final : public virtual Stream, public ObjectImpl {
     pid_t owner;
 };
 
-// One path on its way to being trusted.
+// The checks of one path.
 class Candidate {
   public:
     Candidate(const std::string& path, TimePoint notBefore) : path(path), name(path), notBefore(notBefore) {}
 
     FileDescriptor Open() {
         CheckPath();
-        LookIntoDaemonDirectory();
+        OpenDaemonDirectory();
         // Before opening, because opening a device or a FIFO can have effects of its own; and again on what
         // was opened, because the name may have changed its meaning in between.
         CheckStatus(Status(Directory(), name.c_str(), AT_SYMLINK_NOFOLLOW));
@@ -104,9 +104,9 @@ class Candidate {
     }
 
     // A file directly in the daemon's directory is looked up through that directory's own descriptor: the
-    // directory that says who the daemon is must be the one that the file is taken from. Anything odd on the
-    // way only means that no daemon is known.
-    void LookIntoDaemonDirectory() {
+    // directory whose owner is the daemon must be the one that the file is opened in. When the directory is
+    // not as expected, no daemon's user is trusted.
+    void OpenDaemonDirectory() {
         if (!path.starts_with(daemonPrefix) || path.find('/', daemonPrefix.size()) != std::string::npos) {
             return;
         }
@@ -145,7 +145,7 @@ class Candidate {
             Refuse("others can read or write it");
         }
         if (status.stx_uid != 0 && status.stx_uid != ::geteuid() && status.stx_uid != daemonUser) {
-            Refuse("it has a stranger as owner");
+            Refuse("its owner is not trusted");
         }
         if (status.stx_size == 0) {
             Refuse("it is empty");
@@ -165,8 +165,8 @@ class Candidate {
                std::make_tuple(std::int64_t{seconds.count()}, std::int64_t{rest.count()});
     }
 
-    // What lies in these is made by the kernel at the moment of looking, always new and some of it secret:
-    // the environment of a process, serial numbers.
+    // The kernel makes the files of these when they are looked up: they are always new, and some of them are
+    // secret, such as the environment of a process.
     void CheckFileSystem(int file) const {
         constexpr std::array<std::uint32_t, 8> kernelMade = {
             PROC_SUPER_MAGIC, SYSFS_MAGIC,        DEBUGFS_MAGIC,       TRACEFS_MAGIC,

@@ -15,7 +15,7 @@ namespace {
 class StandardErrorWriter final : public virtual Writer, public ObjectImpl {
   public:
     void Write(const char* text, int length) override {
-        // A log that cannot be written is nowhere to be reported.
+        // There is nowhere to report that the log cannot be written.
         while (length > 0) {
             const ssize_t written = ::write(STDERR_FILENO, text, static_cast<std::size_t>(length));
             if (written > 0) {
@@ -68,7 +68,7 @@ Ref<AppImpl>& TheApp() {
 
 void InitApp() {
     if (TheApp()) {
-        throw AlreadyInitializedException("the application object is there already");
+        throw AlreadyInitializedException("the application object exists already");
     }
     TheApp() = MakeRef<AppImpl>();
 }

@@ -26,12 +26,13 @@ class Logger : public virtual Object {
     };
 
     virtual const std::string& GetName() const = 0;
-    // Writes `text` and a line feed in one Write. A text is one line, whoever wrote what it quotes: control
-    // characters are shown as StringUtil::EscapeControls does.
+    // Writes `text` and a line feed in one Write. Control characters are escaped
+    // (StringUtil::EscapeControls), so that the text is one line whatever it quotes. The level is not
+    // written.
     virtual void Write(LogLevel level, std::string_view text) = 0;
 };
 
-// A place where loggers can be looked up by name. Nothing of this system needs one: pass null.
+// Reserved: pass null.
 class LogManager : public virtual Object {};
 
 // The process's application object: it holds the default logger.
@@ -41,14 +42,13 @@ class App : public virtual Object {
     virtual Ref<Logger> GetDefaultLogger() const = 0;
 };
 
-// Makes the application object. Throws AlreadyInitializedException when it is there already.
+// Makes the application object. Throws AlreadyInitializedException when it exists already.
 void InitApp();
 
 // The application object, or null before InitApp.
 Ref<App> GetApp();
 
-// Puts a new logger into `out`. `writer` must not be null and is kept by the logger; `logManager` may be
-// null.
+// Puts a new logger into `out`, which keeps `writer`. Throws InvalidArgumentException when `writer` is null.
 void CreateLogger(Writer* writer, const std::string& name, LogManager* logManager, Ref<Logger>& out);
 
 // Makes `logger` the application's default. Throws InvalidArgumentException on null or before InitApp.

@@ -52,7 +52,7 @@ BioPointer OpenText(const std::string& pem) {
     return bio;
 }
 
-// OpenSSL would otherwise ask for a passphrase on the terminal.
+// Without it OpenSSL would prompt for a passphrase on the terminal.
 int NoPassphrase(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*unused*/) {
     return -1;
 }
@@ -99,7 +99,7 @@ void CreateSSLContext(Crypto::KeyStore* keys, SupportedVersion version, Ref<SSLC
     ERR_clear_error();
     ContextPointer context(SSL_CTX_new(TLS_client_method()));
     Require(context != nullptr, "make a TLS context");
-    Require(SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION) == 1, "ask for TLS 1.2");
+    Require(SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION) == 1, "require TLS 1.2");
     // For TLS 1.2 elliptic curves only: a hostile peer's finite-field parameters can cost seconds of work.
     Require(SSL_CTX_set_cipher_list(context.get(), "ECDHE+AESGCM:ECDHE+CHACHA20") == 1, "choose the ciphers");
     SSL_CTX_set_options(context.get(), SSL_OP_NO_RENEGOTIATION);

@@ -25,9 +25,9 @@ class SSLContext : public virtual Object {
 void InitSSL(const std::string& options);
 
 // Puts a client context into `out`. With trusted certificates in `keys` the peer must present one that they
-// vouch for; without any, as on the loopback connection to the management daemon, the peer is not identified
-// and must prove itself otherwise. Throws SystemException when OpenSSL refuses, InvalidArgumentException for
-// an unknown version.
+// vouch for. Without any, as on the loopback connection to the management daemon, the peer is not
+// authenticated and stays untrusted until it has proved itself in another way. Throws SystemException when
+// OpenSSL refuses, InvalidArgumentException for an unknown version.
 void CreateSSLContext(Crypto::KeyStore* keys, SupportedVersion version, Ref<SSLContext>& out);
 
 }  // namespace Tessim::Ssl

@@ -1,4 +1,4 @@
-// Byte streams: files, and TLS connections.
+// Byte streams: files and TLS connections. A stream is not thread-safe.
 #pragma once
 
 #include <chrono>
@@ -12,7 +12,7 @@ namespace Tessim::System {
 class Stream : public virtual Object {
   public:
     // Reads at least one and at most `size` bytes (at least 1) and returns how many; 0 at the end of the
-    // stream, which on a connection is the peer's goodbye and nothing else.
+    // stream, which on a connection is the peer's close_notify and nothing else.
     // Throws StreamException on a broken peer or a closed stream, TimeoutException at the deadline of the
     // time budget in force, SystemException when the operating system fails. After any exception a
     // connection is good for nothing but Close.
@@ -21,8 +21,8 @@ class Stream : public virtual Object {
     // Writes all `size` bytes. Throws as Read does.
     virtual void Write(const void* data, std::size_t size) = 0;
 
-    // Ends the stream; may be called again. A connection says goodbye to its peer without waiting, unless
-    // it was made by another process (a fork's parent): then only this process's end is dropped.
+    // Closes the stream; may be called again. A connection sends close_notify without waiting, unless another
+    // process (a fork's parent) made it: then only this process's descriptor is closed.
     virtual void Close() noexcept = 0;
 
     // Whether this process made the stream. A child of fork must open its own.
@@ -31,22 +31,24 @@ class Stream : public virtual Object {
 
 class SystemFactory : public virtual Object {
   public:
-    // Opens a secret that a local service left for this process, for reading, into `out`. The name may come
-    // from a liar and this process may be root, so a file is taken only when it is what such a service
-    // leaves:
+    // Opens a file in which a local service left a secret for this process, for reading, and puts it into
+    // `out`. The path is untrusted and this process may be root, so a file is opened only when it is what
+    // such a service leaves:
     //  - an absolute path without "..", shorter than PATH_MAX; its last part is no link; a regular file with
     //    one name, not empty, on a file system that stores files (not /proc or /sys);
     //  - written by nobody but its owner, read by nobody but its owner and group;
     //  - owned by root, by this process's user, or by the owner of the directory /run/tovric-vessad when it
     //    lies directly in there;
     //  - made after `notBefore`, allowing 2 s for the file system's coarser clock. An older file that was
-    //    changed since, such as a log, is none. Only where the file system keeps no time of birth, the time
-    //    of the last change stands in for it.
-    // Never blocks and follows no link at the end of the path. Throws SystemException with the reason.
+    //    changed since, such as a log, is refused. Only where the file system keeps no time of birth, the
+    //    time of the last change stands in for it.
+    // Never blocks and follows no link at the end of the path. Throws SystemException with the reason, and
+    // leaves `out` unchanged. Thread-safe.
     virtual void OpenSecretFile(const std::string& path, std::chrono::system_clock::time_point notBefore,
                                 Ref<Stream>& out) = 0;
 };
 
+// Never null.
 Ref<SystemFactory> GetSystemFactory();
 
 }  // namespace Tessim::System

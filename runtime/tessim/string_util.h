@@ -8,8 +8,8 @@
 
 namespace Tessim::StringUtil {
 
-// The parts of `text` between the characters of `separators`, in order. Adjacent separators give empty parts;
-// an empty text gives one empty part.
+// The parts of `text` between the characters of `separators`, in order. Adjacent separators make empty parts;
+// an empty text is one empty part.
 std::vector<std::string> Tokenize(std::string_view text, std::string_view separators);
 
 // The decimal number that `text` is, whole: an optional "-" and digits, nothing around them.

@@ -40,7 +40,7 @@ void TimeBudget::EndWaitsWhen(bool (*isEnding)()) noexcept {
 void TimeBudget::CheckEnding(const char* wait) {
     bool (*const isEnding)() = isProcessEnding;
     if (isEnding != nullptr && isEnding()) {
-        throw StreamException(std::string(wait) + ": the process is told to end");
+        throw StreamException(std::string(wait) + ": the process is ending");
     }
 }
 

@@ -1,6 +1,5 @@
-// How long the agent may wait. Everything that can wait for a peer asks the budget in force.
-//
-// Each thread has its own budgets.
+// How long a thread may wait. Everything that waits for a peer keeps to the budgets in force. Each thread has
+// its own budgets.
 #pragma once
 
 #include <chrono>
@@ -21,10 +20,10 @@ class TimeBudget {
     // When a wait that starts now must end: the end of the budgets in force, or, outside any, 5 s from now.
     static Clock::time_point Deadline();
 
-    // Makes every wait of this process end with a StreamException once `isEnding` answers true. It is asked
-    // before each wait and after each signal. Null, as it is at first: never.
+    // Makes every wait of this process end with a StreamException once `isEnding` returns true. It is called
+    // before each wait and after each signal, on the waiting thread. Null, as at first: waits go on.
     static void EndWaitsWhen(bool (*isEnding)()) noexcept;
-    // Throws that StreamException if it is time; `wait` names the wait.
+    // Throws that StreamException when `isEnding` returns true; `wait` names the wait in the message.
     static void CheckEnding(const char* wait);
 
   private:

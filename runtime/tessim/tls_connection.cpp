@@ -28,13 +28,13 @@ std::string ErrorText(int error) {
     return std::generic_category().message(error);
 }
 
-// OpenSSL's own socket transport writes without MSG_NOSIGNAL and knows no deadline; hence these.
+// OpenSSL's own socket transport writes without MSG_NOSIGNAL and has no deadline; hence these.
 
 template <class Transfer>
 int Move(BIO* bio, int retryFlag, Transfer transfer) {
     auto& socket = *static_cast<TlsConnection::Socket*>(BIO_get_data(bio));
     BIO_clear_retry_flags(bio);
-    // Asked before each transfer, so that a peer that never stops sending cannot hold the caller either.
+    // Checked before each transfer, so that a peer that never stops sending does not block the caller.
     if (Clock::now() >= socket.deadline) {
         BIO_set_flags(bio, retryFlag | BIO_FLAGS_SHOULD_RETRY);
         return -1;
@@ -207,8 +207,8 @@ void TlsConnection::CheckUsable() const {
     }
 }
 
-// Repeats `call`, which answers above 0 when done, until it is done (true), the peer has said goodbye
-// (false), or something is thrown.
+// Repeats `call`, which returns more than 0 when it is done. Returns true when it is done and false when the
+// peer has sent close_notify.
 template <class Call>
 bool TlsConnection::Drive(const char* step, Call call) {
     for (;;) {
@@ -255,7 +255,7 @@ void TlsConnection::Wait(short events, const char* step) const {
     }
 }
 
-// Why the call that just failed did. Empties OpenSSL's queue.
+// The reason of the call that has just failed. Empties OpenSSL's queue.
 std::string TlsConnection::ReasonOfFailure() const {
     std::string errors = TakeOpenSslErrors();
     if (socket.error != 0) {

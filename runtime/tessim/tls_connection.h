@@ -1,8 +1,8 @@
 // A TLS connection of the client side that waits only until a deadline. Internal to the runtime.
 //
 // It needs no thread, timer or signal: the socket is non-blocking and every wait is a poll. It raises no
-// SIGPIPE. It belongs to the process that made it: in a child of fork it can only be closed, and then the
-// peer hears nothing.
+// SIGPIPE. It belongs to the process that made it: in a child of fork it can only be closed, and then nothing
+// is sent.
 #pragma once
 
 #include <cstddef>
@@ -20,21 +20,21 @@ namespace Tessim {
 
 class TlsConnection {
   public:
-    // Connects and shakes hands. The operations throw, `deadline` being absolute:
-    //  - TimeoutException when it has passed, which starts the peer's pause (peer.h);
-    //  - StreamException when the peer is not there, goes away, or breaks the protocol;
-    //  - SystemException when the operating system or OpenSSL has not what it takes.
+    // Connects and does the TLS handshake. The operations throw, `deadline` being absolute:
+    //  - TimeoutException when it has passed, which starts the peer's backoff (peer.h);
+    //  - StreamException when the peer is not there, closes or resets the connection, or breaks the protocol;
+    //  - SystemException when the operating system or OpenSSL fails.
     // After an exception the connection is good for nothing but Close.
     TlsConnection(const Ssl::SSLContext& context, Peer peer, Clock::time_point deadline);
     TlsConnection(const TlsConnection&) = delete;
     TlsConnection& operator=(const TlsConnection&) = delete;
     ~TlsConnection() { Close(); }
 
-    // Reads at least one and at most `size` bytes (at least 1); 0 when the peer said goodbye.
+    // Reads at least one and at most `size` bytes (at least 1); 0 when the peer has sent close_notify.
     std::size_t Read(void* buffer, std::size_t size, Clock::time_point deadline);
     // Writes all.
     void Write(const void* data, std::size_t size, Clock::time_point deadline);
-    // Says goodbye, without waiting, if that still makes sense, and ends the connection.
+    // Sends close_notify, without waiting, on a connection that works, and closes it.
     void Close() noexcept;
 
     bool IsOwn() const noexcept;

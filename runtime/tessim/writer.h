@@ -9,10 +9,10 @@ namespace Tessim {
 
 class Writer : public virtual Object {
   public:
-    // Takes `length` bytes of text, NUL-terminated after them.
+    // Writes `length` bytes of text; a NUL follows them.
     virtual void Write(const char* text, int length) = 0;
     virtual void Close() = 0;
-    // What the writer is, for people.
+    // A name of the writer for messages.
     virtual std::string ToString() const = 0;
 };
 

@@ -12,20 +12,20 @@ namespace Tessim::Zarn {
 // Where a local path leads.
 struct Route {
     Ref<System::Stream> stream;
-    std::string remotePath;  // the path to ask for on that stream
+    std::string remotePath;  // the path to request on that stream
 };
 
 class ZarnSvc : public virtual Object {
   public:
     // Makes the service ready; every other call needs it (InvalidArgumentException before it).
     virtual void Startup() = 0;
-    // Forgets every connection and mapping; Startup makes the service ready again. May be called in any
+    // Releases every connection and mapping; Startup makes the service ready again. May be called in any
     // state, any number of times.
     virtual void Shutdown() = 0;
 
-    // Takes the stream in and answers its connection path, never empty. A second stream with the same path
-    // replaces the first. `flags` is reserved: 0. Throws InvalidArgumentException for other flags and for a
-    // stream that no authentication service opened.
+    // Adds the stream, which the service keeps, and returns its connection path, never empty. A second stream
+    // with the same path replaces the first. `flags` is reserved: 0. Throws InvalidArgumentException for
+    // other flags and for a stream that no authentication service opened.
     virtual std::string GetConnectionPath(System::Stream* stream, int flags) = 0;
 
     // Makes `localPath` lead to `remotePath` on the connection `connectionPath`. A second mapping of a local
@@ -38,7 +38,7 @@ class ZarnSvc : public virtual Object {
 };
 
 // Puts a new service into `out`. `parent` is reserved and null; `logger` may be null: the
-// service tells its failures by exceptions and logs nothing.
+// service throws on failure and logs nothing.
 void CreateZarnSvc(Service::Logger* logger, Object* parent, Ref<ZarnSvc>& out);
 
 }  // namespace Tessim::Zarn

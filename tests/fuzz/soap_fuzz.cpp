@@ -35,7 +35,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) try {
         for (const Ordane::MethodInfo& method : type->methods) {
             if (method.name == name) {
                 CheckRequest(text, method);
-            } else if (message.Answers(method)) {
+            } else if (message.IsReplyTo(method)) {
                 CheckResponse(text, method);
             }
         }

@@ -140,7 +140,7 @@ bool ServedConnection::Drive(Call call) {
             return true;
         }
         if (error != SSL_ERROR_WANT_READ || !Fill()) {
-            heardGoodbye = heardGoodbye || error == SSL_ERROR_ZERO_RETURN;
+            gotCloseNotify = gotCloseNotify || error == SSL_ERROR_ZERO_RETURN;
             return false;
         }
     }
@@ -182,7 +182,7 @@ bool ServedConnection::Serve(std::string_view after) {
     return !heldBack;
 }
 
-void ServedConnection::SayGoodbye() {
+void ServedConnection::SendCloseNotify() {
     SSL_shutdown(tls.get());
     Flush();
 }

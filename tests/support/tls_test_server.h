@@ -1,4 +1,4 @@
-// A TLS server on the loopback address that behaves as badly as a test tells it to.
+// A TLS server on the loopback address that runs a test's script.
 #pragma once
 
 #include <atomic>
@@ -41,20 +41,20 @@ class ServedConnection {
     // Everything until the client's end of the stream.
     std::string ReadAll();
     void Send(std::string_view text);
-    // Handshake, the client's line, and the answer "200 /connection/1", then `after` in the same TLS record.
+    // Handshake, the client's line, and the reply "200 /connection/1", then `after` in the same TLS record.
     // Whether all of it was sent.
     bool Serve(std::string_view after = "");
     // Sends bytes outside TLS.
     void SendRaw(std::string_view bytes);
-    // Says goodbye and waits for nothing.
-    void SayGoodbye();
+    // Sends close_notify and waits for nothing.
+    void SendCloseNotify();
     // Sends TLS 1.3 session tickets without end: records that the client must read but that carry no data.
     void FloodWithTickets();
-    // Waits for the client to go away. Reads nothing.
+    // Waits until the client closes the connection. Reads nothing.
     void StaySilent();
 
-    // Whether the client ended its stream with a goodbye. Known after ReadAll.
-    bool HeardGoodbye() const { return heardGoodbye; }
+    // Whether the client ended its stream with a close_notify. Known after ReadAll.
+    bool GotCloseNotify() const { return gotCloseNotify; }
     std::size_t GetSentBytes() const { return sent; }
     // Whether nothing can be sent any more.
     bool IsGone() const { return gone || stopping; }
@@ -74,7 +74,7 @@ class ServedConnection {
     std::size_t sent = 0;
     bool gone = false;
     bool heldBack = false;  // something was left unsent
-    bool heardGoodbye = false;
+    bool gotCloseNotify = false;
 };
 
 class TlsTestServer {

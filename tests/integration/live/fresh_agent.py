@@ -21,7 +21,7 @@ def ask(directory, question):
             begun = time.monotonic()
             answer = question(agent.client)
             took = time.monotonic() - begun
-            in_time = "no answer in time" not in agent.log_text()
+            in_time = "no reply in time" not in agent.log_text()
             if not in_time:
                 agent.allow_log(".*")
         finally:

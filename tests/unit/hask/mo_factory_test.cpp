@@ -2,25 +2,27 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "runtime/tessim/exception.h"
 
 namespace Hask {
 namespace {
 
-// Counts the calls, and answers each by an empty response.
-class CountingAdapter final : public Ordane::StubAdapter, public Tessim::ObjectImpl {
+// Keeps the calls, and returns an empty response for each.
+class FakeAdapter final : public Ordane::StubAdapter, public Tessim::ObjectImpl {
   public:
-    explicit CountingAdapter(bool& alive) : alive(alive) { alive = true; }
-    ~CountingAdapter() override { alive = false; }
+    explicit FakeAdapter(bool& alive) : alive(alive) { alive = true; }
+    ~FakeAdapter() override { alive = false; }
 
     Tessim::Ref<Ordane::DataObject> Invoke(const Ordane::MoRef& target, const Ordane::MethodInfo& method,
                                            const Ordane::DataObject& /*request*/) override {
-        called.push_back(target.GetType() + " " + target.GetId() + " " + std::string(method.name));
+        called += target.GetType() + " " + target.GetId() + " " + std::string(method.name);
         return method.response->create();
     }
     void Close() noexcept override {}
 
-    std::vector<std::string> called;
+    std::string called;
 
   private:
     bool& alive;
@@ -30,58 +32,38 @@ class MoFactoryTest : public testing::Test {
   protected:
     MoFactoryTest() { GetMoStubFactory("solo", adapter.Get(), factory); }
 
-    template <class Stub>
-    static std::string NameOf(const Tessim::Ref<Stub>& stub) {
+    // The object of the Stub that `getter` makes, given `id`: "type id".
+    template <class Stub, class Getter, class... Id>
+    std::string Made(Getter getter, Id... id) const {
+        Tessim::Ref<Stub> stub;
+        std::invoke(getter, *factory, id..., stub);
         return stub->GetMoRef()->GetType() + " " + stub->GetMoRef()->GetId();
     }
 
     bool alive = false;
-    Tessim::Ref<CountingAdapter> adapter = Tessim::MakeRef<CountingAdapter>(alive);
+    Tessim::Ref<FakeAdapter> adapter = Tessim::MakeRef<FakeAdapter>(alive);
     Tessim::Ref<MoFactory> factory;
 };
 
-TEST_F(MoFactoryTest, MakesTheStubsOfTheSingletons) {
-    Tessim::Ref<ServiceInstance> instance;
-    factory->GetServiceInstance(instance);
-    EXPECT_EQ(NameOf(instance), "ServiceInstance ServiceInstance");
-    Tessim::Ref<SessionManager> sessions;
-    factory->GetSessionManager(sessions);
-    EXPECT_EQ(NameOf(sessions), "SessionManager ha-sessionmgr");
-    Tessim::Ref<Folder> folder;
-    factory->GetVmFolder(folder);
-    EXPECT_EQ(NameOf(folder), "Folder ha-folder-vm");
-    Tessim::Ref<HostSystem> host;
-    factory->GetHostSystem(host);
-    EXPECT_EQ(NameOf(host), "HostSystem ha-host");
-    Tessim::Ref<Host::MemoryManagerSystem> memory;
-    factory->GetMemoryManagerSystem(memory);
-    EXPECT_EQ(NameOf(memory), "MemoryManagerSystem memoryManagerSystem");
+TEST_F(MoFactoryTest, MakesStubsWithoutACall) {
+    EXPECT_EQ(Made<ServiceInstance>(&MoFactory::GetServiceInstance), "ServiceInstance ServiceInstance");
+    EXPECT_EQ(Made<SessionManager>(&MoFactory::GetSessionManager), "SessionManager ha-sessionmgr");
+    EXPECT_EQ(Made<Folder>(&MoFactory::GetVmFolder), "Folder ha-folder-vm");
+    EXPECT_EQ(Made<HostSystem>(&MoFactory::GetHostSystem), "HostSystem ha-host");
+    EXPECT_EQ(Made<Host::MemoryManagerSystem>(&MoFactory::GetMemoryManagerSystem),
+              "MemoryManagerSystem memoryManagerSystem");
+    EXPECT_EQ(Made<VirtualMachine>(&MoFactory::GetVirtualMachine, "16"), "VirtualMachine 16");
+    EXPECT_EQ(Made<Datastore>(&MoFactory::GetDatastore, "ds-1"), "Datastore ds-1");
+    EXPECT_EQ(Made<PerformanceManager>(&MoFactory::GetPerformanceManager, "ha-perfmgr"),
+              "PerformanceManager ha-perfmgr");
+    EXPECT_EQ(adapter->called, "");
 }
 
-TEST_F(MoFactoryTest, MakesTheStubsOfNamedObjects) {
-    Tessim::Ref<VirtualMachine> machine;
-    factory->GetVirtualMachine("16", machine);
-    EXPECT_EQ(NameOf(machine), "VirtualMachine 16");
-    Tessim::Ref<Datastore> datastore;
-    factory->GetDatastore("ds-1", datastore);
-    EXPECT_EQ(NameOf(datastore), "Datastore ds-1");
-    Tessim::Ref<PerformanceManager> performance;
-    factory->GetPerformanceManager("ha-perfmgr", performance);
-    EXPECT_EQ(NameOf(performance), "PerformanceManager ha-perfmgr");
-}
-
-TEST_F(MoFactoryTest, CallsNothingItself) {
+TEST_F(MoFactoryTest, MakesStubsThatKeepTheAdapter) {
     Tessim::Ref<SessionManager> sessions;
     factory->GetSessionManager(sessions);
-    EXPECT_TRUE(adapter->called.empty());
     sessions->Logout();
-    ASSERT_EQ(adapter->called.size(), 1U);
-    EXPECT_EQ(adapter->called[0], "SessionManager ha-sessionmgr Logout");
-}
-
-TEST_F(MoFactoryTest, LeavesStubsThatKeepTheAdapter) {
-    Tessim::Ref<SessionManager> sessions;
-    factory->GetSessionManager(sessions);
+    EXPECT_EQ(adapter->called, "SessionManager ha-sessionmgr Logout");
     factory.Reset();
     adapter.Reset();
     EXPECT_TRUE(alive);

@@ -126,15 +126,15 @@ TEST_F(SoapStubAdapterTest, TakesAReplyThatDoesNotFitItsTypeForInvalidAndGoesOn)
 
 TEST_F(SoapStubAdapterTest, IsBrokenForGoodByAReplyToAnotherCall) {
     AnswerWith(ReplyOf("<GetOwnerResponse/>"));
-    EXPECT_EQ(Failure(), "the daemon answered GetOwnerResponse to the call Sweep");
+    EXPECT_EQ(Failure(), "the daemon sent GetOwnerResponse as its reply to Sweep");
     AnswerWith(ReplyOf("<SweepResponse/>"));
-    EXPECT_EQ(Failure(), "the daemon answered GetOwnerResponse to the call Sweep");
+    EXPECT_EQ(Failure(), "the daemon sent GetOwnerResponse as its reply to Sweep");
     EXPECT_EQ(adapter->exchanges, 1);
 }
 
 TEST_F(SoapStubAdapterTest, IsBrokenByARequestInPlaceOfAReply) {
     AnswerWith(ReplyOf("<Sweep/>"));
-    EXPECT_EQ(Failure(), "the daemon answered Sweep to the call Sweep");
+    EXPECT_EQ(Failure(), "the daemon sent Sweep as its reply to Sweep");
 }
 
 TEST_F(SoapStubAdapterTest, IsBrokenForGoodByAReplyThatIsNoMessage) {
@@ -146,7 +146,7 @@ TEST_F(SoapStubAdapterTest, IsBrokenForGoodByAReplyThatIsNoMessage) {
 
 TEST_F(SoapStubAdapterTest, RepeatsLittleOfAStrangersNames) {
     AnswerWith(ReplyOf("<" + std::string(10'000, 'n') + "/>"));
-    EXPECT_EQ(Failure(), "the daemon answered " + std::string(64, 'n') + " to the call Sweep");
+    EXPECT_EQ(Failure(), "the daemon sent " + std::string(64, 'n') + " as its reply to Sweep");
 }
 
 TEST_F(SoapStubAdapterTest, IsBrokenForGoodByAFailureOfTheStream) {

@@ -168,13 +168,13 @@ TEST(SoapMessage, RefusesUnknownMissingAndIllTypedParameters) {
 
 TEST(SoapMessage, AnswersItsOwnMethodOnly) {
     const Message message(Enveloped("<GetThingsResponse/>"), {});
-    EXPECT_TRUE(message.Answers(Method("GetThings")));
-    EXPECT_FALSE(message.Answers(Method("GetOwner")));
-    EXPECT_FALSE(Message(Enveloped("<GetThings/>"), {}).Answers(Method("GetThings")));
+    EXPECT_TRUE(message.IsReplyTo(Method("GetThings")));
+    EXPECT_FALSE(message.IsReplyTo(Method("GetOwner")));
+    EXPECT_FALSE(Message(Enveloped("<GetThings/>"), {}).IsReplyTo(Method("GetThings")));
 }
 
 TEST(SoapMessage, OfAFaultAnswersEveryMethod) {
-    EXPECT_TRUE(Message(Enveloped("<Fault/>"), {}).Answers(Method("GetThings")));
+    EXPECT_TRUE(Message(Enveloped("<Fault/>"), {}).IsReplyTo(Method("GetThings")));
 }
 
 TEST(SoapMessage, GivesTheResponseAndPassesOverWhatIsNew) {
@@ -210,7 +210,7 @@ TEST_P(EveryFault, ComesOutAsTheExceptionOfItsTypeWithItsMembers) {
     }
     const std::string text = EncodeFault(fault);
     const Message message(text, {});
-    EXPECT_TRUE(message.Answers(Method("Sweep")));
+    EXPECT_TRUE(message.IsReplyTo(Method("Sweep")));
     try {
         message.GetResponse(Method("Sweep"));
         ADD_FAILURE() << "no fault";

@@ -157,19 +157,19 @@ TEST_F(ZarnStubAdapterTest, GivesACallFiveSecondsAtMost) {
         const auto left = Tessim::TimeBudget::Deadline() - Tessim::Clock::now();
         EXPECT_LE(left, std::chrono::seconds(5));
         EXPECT_GT(left, std::chrono::seconds(2));
-        throw Tessim::TimeoutException("no answer in time");
+        throw Tessim::TimeoutException("no reply in time");
     };
     const Tessim::TimeBudget generous(std::chrono::hours(1));
-    EXPECT_EQ(Failure(), "no answer in time");
+    EXPECT_EQ(Failure(), "no reply in time");
 }
 
 TEST_F(ZarnStubAdapterTest, KeepsToTheTimeBudgetInForce) {
     stream->atEnd = []() -> std::size_t {
         EXPECT_LE(Tessim::TimeBudget::Deadline() - Tessim::Clock::now(), std::chrono::milliseconds(500));
-        throw Tessim::TimeoutException("no answer in time");
+        throw Tessim::TimeoutException("no reply in time");
     };
     const Tessim::TimeBudget tight(std::chrono::milliseconds(500));
-    EXPECT_EQ(Failure(), "no answer in time");
+    EXPECT_EQ(Failure(), "no reply in time");
 }
 
 // Replies that are taken.
@@ -353,7 +353,7 @@ TEST_F(ZarnStubAdapterTest, RefusesEveryOtherStatus) {
          {"100 Continue", "201 Created", "204 No Content", "301 Moved", "304 Not Modified", "400 Bad",
           "401 Unauthorized", "404 Not Found", "503 Busy", "999 Odd"}) {
         EXPECT_EQ(FailureOf(std::string("HTTP/1.1 ") + status + "\r\nContent-Length: 0\r\n\r\n"),
-                  "the daemon answered HTTP status " + std::string(status).substr(0, 3));
+                  "the daemon replied with HTTP status " + std::string(status).substr(0, 3));
     }
 }
 
@@ -395,10 +395,10 @@ TEST_F(ZarnStubAdapterTest, AnswersNothingOfAReplyThatIsResetAtAnyByte) {
 
 TEST_F(ZarnStubAdapterTest, TellsALateReplyAndTriesNothingMore) {
     stream->replies = {WithLength(sweepReply).substr(0, 20)};
-    stream->atEnd = []() -> std::size_t { throw Tessim::TimeoutException("no answer in time"); };
-    EXPECT_EQ(Failure(), "no answer in time");
+    stream->atEnd = []() -> std::size_t { throw Tessim::TimeoutException("no reply in time"); };
+    EXPECT_EQ(Failure(), "no reply in time");
     const std::size_t sent = stream->written.size();
-    EXPECT_EQ(Failure(), "no answer in time");
+    EXPECT_EQ(Failure(), "no reply in time");
     EXPECT_EQ(stream->written.size(), sent);
 }
 
@@ -406,7 +406,7 @@ TEST_F(ZarnStubAdapterTest, LogsOnceThatTheConnectionIsLost) {
     FailureOf("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n");
     Failure();
     EXPECT_THAT(logger->lines,
-                ElementsAre("Connection to the daemon is lost: the daemon answered HTTP status 404"));
+                ElementsAre("Connection to the daemon is lost: the daemon replied with HTTP status 404"));
 }
 
 TEST_F(ZarnStubAdapterTest, LetsTheStreamGoWhenItIsClosed) {

@@ -496,12 +496,12 @@ TEST(LongWork, GoesOnWhileThereIsTime) {
 
 TEST(LongWork, EndsWithTheTimeBudgetAndStartsThePause) {
     const Tessim::Peer daemon("localhost", 902);
-    EXPECT_NO_THROW(daemon.CheckPause());
+    EXPECT_NO_THROW(daemon.CheckBackoff());
     {
         const Tessim::TimeBudget spent(0s);
         EXPECT_THROW(Connection::CheckTimeLeft(), Tessim::TimeoutException);
     }
-    EXPECT_THROW(daemon.CheckPause(), Tessim::TimeoutException);
+    EXPECT_THROW(daemon.CheckBackoff(), Tessim::TimeoutException);
     EXPECT_NO_THROW(Connection::CheckTimeLeft());
 }
 

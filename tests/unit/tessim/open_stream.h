@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -28,10 +29,23 @@ inline Ref<Authd::Client> MakeClient(const std::vector<std::string>& trusted = {
     return client;
 }
 
-inline Ref<System::Stream> OpenStream(std::uint16_t port, const std::string& host = "localhost") {
+inline Ref<System::Stream> OpenStream(std::uint16_t port, const std::string& host = "localhost",
+                                      const std::vector<std::string>& trusted = {}) {
     Ref<System::Stream> stream;
-    MakeClient()->Open(Authd::Selector::ManagementApi, host, port, "", "", stream);
+    MakeClient(trusted)->Open(Authd::Selector::ManagementApi, host, port, "", "", stream);
     return stream;
+}
+
+// The message of the exception that `action` throws.
+template <class Expected, class Action>
+std::string MessageOf(Action action) {
+    try {
+        action();
+    } catch (const Expected& thrown) {
+        return thrown.what();
+    }
+    ADD_FAILURE() << "nothing was thrown";
+    return "";
 }
 
 // The open descriptors of this process that have all of the descriptor flags `flags`, without those of a
@@ -56,12 +70,8 @@ inline std::vector<int> OpenDescriptors(int flags = 0, std::uint16_t serverPort 
 inline std::string ReadBytes(System::Stream& stream, std::size_t size) {
     std::string text(size, '\0');
     std::size_t have = 0;
-    while (have < size) {
-        const std::size_t count = stream.Read(text.data() + have, size - have);
-        if (count == 0) {
-            break;
-        }
-        have += count;
+    for (std::size_t count = 1; have < size && count > 0; have += count) {
+        count = stream.Read(text.data() + have, size - have);
     }
     text.resize(have);
     return text;

@@ -29,7 +29,7 @@ using namespace std::chrono_literals;
 using ::testing::HasSubstr;
 using TimePoint = std::chrono::system_clock::time_point;
 
-constexpr uid_t strangerUser = 65534;
+constexpr uid_t otherUser = 65534;
 
 class SecretFileTest : public testing::Test {
   protected:
@@ -184,16 +184,16 @@ TEST_F(SecretFileTest, HasATrustedOwner) {
         GTEST_SKIP() << "only root can give a file away";
     }
     Make(path);
-    ASSERT_EQ(::chown(path.c_str(), strangerUser, 0), 0);
-    ExpectRefused(path, "a stranger as owner");
+    ASSERT_EQ(::chown(path.c_str(), otherUser, 0), 0);
+    ExpectRefused(path, "owner is not trusted");
 }
 
-// Runs `check` in a child that is the stranger; the child's exit code must be 0.
+// Runs `check` in a child process of the other user; the child's exit code must be 0.
 template <class Check>
-void AsStranger(Check check) {
+void AsOtherUser(Check check) {
     const pid_t child = ::fork();
     if (child == 0) {
-        ::_exit(::setresuid(strangerUser, strangerUser, strangerUser) == 0 && check() ? 0 : 1);
+        ::_exit(::setresuid(otherUser, otherUser, otherUser) == 0 && check() ? 0 : 1);
     }
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
@@ -208,8 +208,8 @@ TEST_F(SecretFileTest, MayBeRootsOrItsReadersOwn) {
     Make(path, 0640);
     ASSERT_EQ(::chown(path.c_str(), 0, ::getgid()), 0);
     Make(folder + "/own");
-    ASSERT_EQ(::chown((folder + "/own").c_str(), strangerUser, 0), 0);
-    AsStranger([&] {
+    ASSERT_EQ(::chown((folder + "/own").c_str(), otherUser, 0), 0);
+    AsOtherUser([&] {
         return ReadBytes(*Open(path), 100) == "password" &&
                ReadBytes(*Open(folder + "/own"), 100) == "password";
     });
@@ -224,8 +224,8 @@ TEST_F(SecretFileTest, IsRefusedWhenItCannotBeRead) {
     ASSERT_EQ(::chmod(folder.c_str(), 0755), 0);
     Make(path, 0600);
     ASSERT_EQ(::chown(path.c_str(), 0, 0), 0);
-    ASSERT_EQ(::setgid(strangerUser), 0);
-    AsStranger([&] {
+    ASSERT_EQ(::setgid(otherUser), 0);
+    AsOtherUser([&] {
         try {
             Open(path);
             return false;
@@ -364,13 +364,13 @@ class DaemonDirectoryTest : public SecretFileTest {
         ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
         ASSERT_EQ(::mount("tmpfs", "/run", "tmpfs", 0, "mode=755"), 0);
         ASSERT_EQ(::mkdir(directory.c_str(), 0750), 0);
-        ASSERT_EQ(::chown(directory.c_str(), strangerUser, 0), 0);
-        MakeStrangers(ticket);
+        ASSERT_EQ(::chown(directory.c_str(), otherUser, 0), 0);
+        MakeOthers(ticket);
     }
 
-    static void MakeStrangers(const std::string& file) {
+    static void MakeOthers(const std::string& file) {
         Make(file, 0640);
-        ASSERT_EQ(::chown(file.c_str(), strangerUser, 0), 0);
+        ASSERT_EQ(::chown(file.c_str(), otherUser, 0), 0);
     }
 
     const std::string directory = "/run/tovric-vessad";
@@ -382,33 +382,33 @@ TEST_F(DaemonDirectoryTest, MakesItsOwnerTrusted) {
 }
 
 TEST_F(DaemonDirectoryTest, MakesNobodyElseTrusted) {
-    ASSERT_EQ(::chown(ticket.c_str(), strangerUser - 1, 0), 0);
-    ExpectRefused(ticket, "a stranger as owner");
+    ASSERT_EQ(::chown(ticket.c_str(), otherUser - 1, 0), 0);
+    ExpectRefused(ticket, "owner is not trusted");
 }
 
 TEST_F(DaemonDirectoryTest, CountsOnlyForWhatLiesDirectlyInThere) {
-    MakeStrangers("/run/ticket");
-    ExpectRefused("/run/ticket", "a stranger as owner");
+    MakeOthers("/run/ticket");
+    ExpectRefused("/run/ticket", "owner is not trusted");
     ASSERT_EQ(::mkdir((directory + "/inner").c_str(), 0755), 0);
-    MakeStrangers(directory + "/inner/ticket");
-    ExpectRefused(directory + "/inner/ticket", "a stranger as owner");
+    MakeOthers(directory + "/inner/ticket");
+    ExpectRefused(directory + "/inner/ticket", "owner is not trusted");
     ASSERT_EQ(::symlink(directory.c_str(), "/run/alias"), 0);
-    ExpectRefused("/run/alias/ticket", "a stranger as owner");
+    ExpectRefused("/run/alias/ticket", "owner is not trusted");
 }
 
 TEST_F(DaemonDirectoryTest, CountsForNothingWhenItIsALink) {
     std::filesystem::rename(directory, "/run/real");
     ASSERT_EQ(::symlink("/run/real", directory.c_str()), 0);
-    ASSERT_EQ(::lchown(directory.c_str(), strangerUser, 0), 0);
-    ExpectRefused(ticket, "a stranger as owner");
+    ASSERT_EQ(::lchown(directory.c_str(), otherUser, 0), 0);
+    ExpectRefused(ticket, "owner is not trusted");
 }
 
 TEST_F(DaemonDirectoryTest, CountsForNothingWhenRunIsNotRoots) {
     ASSERT_EQ(::chmod("/run", 0777), 0);
-    ExpectRefused(ticket, "a stranger as owner");
+    ExpectRefused(ticket, "owner is not trusted");
     ASSERT_EQ(::chmod("/run", 0755), 0);
-    ASSERT_EQ(::chown("/run", strangerUser, 0), 0);
-    ExpectRefused(ticket, "a stranger as owner");
+    ASSERT_EQ(::chown("/run", otherUser, 0), 0);
+    ExpectRefused(ticket, "owner is not trusted");
 }
 
 TEST_F(DaemonDirectoryTest, KeepsAllOtherRules) {

@@ -67,7 +67,7 @@ TEST(TimeBudget, EndsWaitsOnlyWhenTheProcessIsToldToEnd) {
         TimeBudget::CheckEnding("waiting");
         ADD_FAILURE() << "nothing was thrown";
     } catch (const StreamException& thrown) {
-        EXPECT_STREQ(thrown.what(), "waiting: the process is told to end");
+        EXPECT_STREQ(thrown.what(), "waiting: the process is ending");
     }
     TimeBudget::EndWaitsWhen(nullptr);
     EXPECT_NO_THROW(TimeBudget::CheckEnding("waiting"));
