@@ -282,7 +282,7 @@ def test_frozen_guests_hold_up_nobody(libvirtd, start_libvirt_daemon, directory)
         os.kill(pid, signal.SIGSTOP)
     try:
         for name in frozen:
-            said = rf"machine {name} \([0-9a-f-]{{36}}\) does not answer since \d{{4}}-\d\d-\d\d \d\d:\d\d:\d\d"
+            said = rf"VM {name} \([0-9a-f-]{{36}}\) has not responded since \d{{4}}-\d\d-\d\d \d\d:\d\d:\d\d"
             system.wait_until(lambda: re.search(said, daemon.log_text()), f"the log to tell of {name}", COLLECTED)
         times = []
 
@@ -297,12 +297,12 @@ def test_frozen_guests_hold_up_nobody(libvirtd, start_libvirt_daemon, directory)
             times.append(seen()[2])
         # The best of some, on a machine that has other things to do: a walk that waits for a guest always does.
         assert min(times) < 1, f"seconds that walks took: {times}"
-        assert "machine lively" not in daemon.log_text()
+        assert "VM lively" not in daemon.log_text()
     finally:
         for pid in pids:
             os.kill(pid, signal.SIGCONT)
     for name in frozen:
-        system.wait_until(lambda: re.search(rf"machine {name} \([0-9a-f-]{{36}}\) answers again; it did not since",
+        system.wait_until(lambda: re.search(rf"VM {name} \([0-9a-f-]{{36}}\) responds again, it had not since",
                                             daemon.log_text()), f"the log to tell of {name}", COLLECTED)
     system.wait_until(lambda: all(reads > 20 for reads in seen()[0].values()), "the figures to come back", COLLECTED)
 
@@ -339,4 +339,4 @@ def test_the_inventory_outlives_libvirtd_for_a_minute(libvirtd, start_libvirt_da
     system.wait_until(lambda: now.machines() == before, "the machines to come back with their numbers", COLLECTED)
     system.wait_until(lambda: list(shown_machines(agent.client.bulk_walk()).values()) == ["guest"], "the agent to show it",
                       2 * system.REFRESH_INTERVAL)
-    system.wait_until(lambda: "libvirt answers again: 1 machines" in daemon.log_text(), "the log to tell it")
+    system.wait_until(lambda: "libvirt can be reached again: 1 VMs" in daemon.log_text(), "the log to tell it")

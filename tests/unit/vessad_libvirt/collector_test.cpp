@@ -22,8 +22,8 @@ class CollectorTest : public testing::Test {
   protected:
     CollectorTest() {
         options.interval = milliseconds(10);
-        options.figures.patience = milliseconds(50);
-        options.poolWait = milliseconds(200);
+        options.sampling.call = milliseconds(50);
+        options.poolTimeout = milliseconds(200);
         options.osinfoDirectories.clear();
         host->SetDomains({SmallDomain(a, "vm-a"), SmallDomain(b, "vm-b")});
         host->SetStatistics(a, CpuTime(1));
@@ -36,11 +36,11 @@ class CollectorTest : public testing::Test {
     }
 
     void Start() {
-        collector = std::make_unique<Collector>(api, "fake", Identities(directory.GetPath()), options);
+        collector = std::make_unique<Collector>(api, "fake", VmIds(directory.GetPath()), options);
         EXPECT_EQ(collector->WaitForFirst(std::chrono::seconds(30)), std::nullopt);
     }
 
-    std::size_t CountMachines() const { return collector->Get()->vms.size(); }
+    std::size_t CountVms() const { return collector->Get()->vms.size(); }
 
     // The CPU time of the machine with the number, or -1.
     std::int64_t CpuOf(const std::string& id) const {
@@ -76,7 +76,7 @@ TEST_F(CollectorTest, FollowsTheHost) {
     host->SetStatistics(a, CpuTime(77));
     EXPECT_TRUE(WaitFor([&] { return CpuOf("1000") == 77; }));
     host->SetDomains({SmallDomain(b, "renamed")});
-    EXPECT_TRUE(WaitFor([&] { return CountMachines() == 1; }));
+    EXPECT_TRUE(WaitFor([&] { return CountVms() == 1; }));
     EXPECT_EQ(collector->Get()->vms[0]->id, "2000");
     EXPECT_TRUE(WaitFor([&] { return collector->Get()->vms[0]->config->GetName() == "renamed"; }));
 }
@@ -99,7 +99,7 @@ TEST_F(CollectorTest, HasNoFiguresOfAMachineThatIsShutOff) {
     ASSERT_EQ(CpuOf("1000"), 1);
     host->SetDomains({SmallDomain(a, "vm-a", DomainState::ShutOff), SmallDomain(b, "vm-b")});
     EXPECT_TRUE(WaitFor([&] { return CpuOf("1000") == -1; }));
-    EXPECT_EQ(CountMachines(), 2U);
+    EXPECT_EQ(CountVms(), 2U);
     EXPECT_EQ(CpuOf("2000"), 2);
 }
 
@@ -129,14 +129,14 @@ TEST_F(CollectorTest, KeepsTheRowAndDropsTheFiguresOfAMachineThatDoesNotAnswer) 
     Start();
     host->Freeze(a);
     EXPECT_TRUE(WaitFor([&] { return CpuOf("1000") == -1; }));
-    EXPECT_EQ(CountMachines(), 2U);
+    EXPECT_EQ(CountVms(), 2U);
     host->SetStatistics(b, CpuTime(99));
     EXPECT_TRUE(WaitFor([&] { return CpuOf("2000") == 99; }));
     EXPECT_EQ(CpuOf("1000"), -1);
-    EXPECT_THAT(log.GetText(), HasSubstr("machine vm-a (" + a + ") does not answer since"));
+    EXPECT_THAT(log.GetText(), HasSubstr("VM vm-a (" + a + ") has not responded since"));
     host->Thaw(a);
     EXPECT_TRUE(WaitFor([&] { return CpuOf("1000") == 1; }));
-    EXPECT_THAT(log.GetText(), HasSubstr("machine vm-a (" + a + ") answers again"));
+    EXPECT_THAT(log.GetText(), HasSubstr("VM vm-a (" + a + ") responds again"));
 }
 
 TEST_F(CollectorTest, KeepsTheLastInventoryForAWhileAndThenEmptiesIt) {
@@ -145,32 +145,34 @@ TEST_F(CollectorTest, KeepsTheLastInventoryForAWhileAndThenEmptiesIt) {
     host->SetDown(true);
     ASSERT_TRUE(
         WaitFor([&] { return log.GetText().find("libvirt cannot be reached") != std::string::npos; }));
-    EXPECT_EQ(CountMachines(), 2U);
-    EXPECT_TRUE(WaitFor([&] { return CountMachines() == 0; }));
+    EXPECT_EQ(CountVms(), 2U);
+    EXPECT_TRUE(WaitFor([&] { return CountVms() == 0; }));
     EXPECT_EQ(collector->Get()->about->GetName(), "QEMU");
-    EXPECT_THAT(log.GetText(), HasSubstr("warning libvirt cannot be reached: the host is down"));
+    EXPECT_THAT(log.GetText(),
+                HasSubstr("warning The host's libvirt cannot be reached: the host is down; the last"));
     EXPECT_EQ(log.GetText().find("cannot be reached"), log.GetText().rfind("cannot be reached"))
         << "told once";
 
     host->SetDown(false);
-    EXPECT_TRUE(WaitFor([&] { return CountMachines() == 2; }));
+    EXPECT_TRUE(WaitFor([&] { return CountVms() == 2; }));
     EXPECT_EQ(collector->Get()->vms[0]->id, "1000");
     EXPECT_TRUE(WaitFor(
-        [&] { return log.GetText().find("libvirt answers again: 2 machines") != std::string::npos; }));
+        [&] { return log.GetText().find("libvirt can be reached again: 2 VMs") != std::string::npos; }));
 }
 
 TEST_F(CollectorTest, EmptiesTheInventoryAlsoWhileACallHangs) {
-    options.readingWait = milliseconds(100);
+    options.readingTimeout = milliseconds(100);
     options.keep = milliseconds(300);
     Start();
     host->HoldDomains(true);
     ASSERT_TRUE(
         WaitFor([&] { return log.GetText().find("libvirt cannot be reached") != std::string::npos; }));
-    EXPECT_EQ(CountMachines(), 2U);
-    EXPECT_TRUE(WaitFor([&] { return CountMachines() == 0; }));
-    EXPECT_THAT(log.GetText(), HasSubstr("warning libvirt cannot be reached: it does not answer"));
+    EXPECT_EQ(CountVms(), 2U);
+    EXPECT_TRUE(WaitFor([&] { return CountVms() == 0; }));
+    EXPECT_THAT(log.GetText(),
+                HasSubstr("warning The host's libvirt cannot be reached: no reply in time; the last"));
     host->HoldDomains(false);
-    EXPECT_TRUE(WaitFor([&] { return CountMachines() == 2; }));
+    EXPECT_TRUE(WaitFor([&] { return CountVms() == 2; }));
 }
 
 // A host that takes long to collect is collected seldom.
@@ -179,47 +181,47 @@ TEST_F(CollectorTest, KeepsTheInventoryHoweverLongTheNextCollectionIsAway) {
     options.keep = milliseconds(50);
     Start();
     std::this_thread::sleep_for(milliseconds(300));
-    EXPECT_EQ(CountMachines(), 2U);
+    EXPECT_EQ(CountVms(), 2U);
 }
 
 TEST_F(CollectorTest, TakesInAnAnswerThatComesLate) {
     options.interval = std::chrono::hours(1);
-    options.readingWait = milliseconds(20);
+    options.readingTimeout = milliseconds(20);
     host->HoldDomains(true);
-    collector = std::make_unique<Collector>(api, "fake", Identities(directory.GetPath()), options);
+    collector = std::make_unique<Collector>(api, "fake", VmIds(directory.GetPath()), options);
     const auto failure = collector->WaitForFirst(std::chrono::seconds(30));
     ASSERT_TRUE(failure);
     EXPECT_FALSE(failure->IsPermanent());
     host->HoldDomains(false);
-    EXPECT_TRUE(WaitFor([&] { return CountMachines() == 2; }));
+    EXPECT_TRUE(WaitFor([&] { return CountVms() == 2; }));
     EXPECT_TRUE(WaitFor(
-        [&] { return log.GetText().find("libvirt answers again: 2 machines") != std::string::npos; }));
+        [&] { return log.GetText().find("libvirt can be reached again: 2 VMs") != std::string::npos; }));
     EXPECT_EQ(collector->WaitForFirst(milliseconds(0)), std::nullopt);
 }
 
 TEST_F(CollectorTest, DoesNotWaitForTheStoragePools) {
-    options.firstPoolWait = milliseconds(20);
+    options.firstPoolTimeout = milliseconds(20);
     host->HoldPools(true);
     Start();
-    EXPECT_EQ(CountMachines(), 2U);
-    EXPECT_THAT(log.GetText(), HasSubstr("warning the list of storage pools does not come"));
+    EXPECT_EQ(CountVms(), 2U);
+    EXPECT_THAT(log.GetText(), HasSubstr("warning The list of storage pools is late"));
 }
 
 TEST_F(CollectorTest, StartsWithNothingOnAHostThatIsDown) {
     host->SetDown(true);
-    collector = std::make_unique<Collector>(api, "fake", Identities(directory.GetPath()), options);
+    collector = std::make_unique<Collector>(api, "fake", VmIds(directory.GetPath()), options);
     const auto failure = collector->WaitForFirst(std::chrono::seconds(30));
     ASSERT_TRUE(failure);
     EXPECT_FALSE(failure->IsPermanent());
-    EXPECT_EQ(CountMachines(), 0U);
+    EXPECT_EQ(CountVms(), 0U);
     EXPECT_EQ(collector->Get()->counters.size(), 10U);
     host->SetDown(false);
-    EXPECT_TRUE(WaitFor([&] { return CountMachines() == 2; }));
+    EXPECT_TRUE(WaitFor([&] { return CountVms() == 2; }));
 }
 
 TEST_F(CollectorTest, TellsAFailureThatWillNeverPass) {
     host->SetDown(true, true);
-    collector = std::make_unique<Collector>(api, "fake", Identities(directory.GetPath()), options);
+    collector = std::make_unique<Collector>(api, "fake", VmIds(directory.GetPath()), options);
     const auto failure = collector->WaitForFirst(std::chrono::seconds(30));
     ASSERT_TRUE(failure);
     EXPECT_TRUE(failure->IsPermanent());
@@ -229,8 +231,8 @@ TEST_F(CollectorTest, CollectsAtOnceWhenItIsWoken) {
     options.interval = std::chrono::hours(1);
     Start();
     host->SetDomains({});
-    collector->Wake();
-    EXPECT_TRUE(WaitFor([&] { return CountMachines() == 0; }));
+    collector->CollectNow();
+    EXPECT_TRUE(WaitFor([&] { return CountVms() == 0; }));
 }
 
 TEST_F(CollectorTest, EndsWhileTheHostHangs) {

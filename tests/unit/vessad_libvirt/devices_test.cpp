@@ -1,4 +1,4 @@
-#include "apps/vessad/backends/libvirt/Devices.h"
+#include "apps/vessad/backends/libvirt/Drives.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

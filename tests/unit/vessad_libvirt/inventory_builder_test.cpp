@@ -20,7 +20,7 @@ class InventoryBuilderTest : public testing::Test {
   protected:
     InventoryBuilderTest() {
         reading.host = {"qemu:///system", "QEMU", 7002022, 9000000, 8, 16777216};
-        identities.Admit({a, b});
+        vmIds.Admit({a, b});
     }
 
     void Add(const std::string& uuid, const std::string& devices = "",
@@ -38,12 +38,12 @@ class InventoryBuilderTest : public testing::Test {
     }
 
     VessadTest::TemporaryDirectory directory;
-    Identities identities{directory.GetPath()};
+    VmIds vmIds{directory.GetPath()};
     HostReading reading;
 };
 
 TEST_F(InventoryBuilderTest, TellsTheProductTheCoresAndTheMemory) {
-    const auto inventory = BuildInventory(reading, identities, {}, {});
+    const auto inventory = BuildInventory(reading, vmIds, {}, {});
     EXPECT_EQ(inventory->about->GetName(), "QEMU");
     EXPECT_EQ(inventory->about->GetVersion(), "7.2.22");
     EXPECT_EQ(inventory->about->GetBuild(), "9.0.0");
@@ -56,7 +56,7 @@ TEST_F(InventoryBuilderTest, TellsTheProductTheCoresAndTheMemory) {
 TEST_F(InventoryBuilderTest, OrdersMachinesByTheirNumberNotByLibvirtsOrder) {
     Add(b);
     Add(a);
-    EXPECT_THAT(Ids(*BuildInventory(reading, identities, {}, {})), ElementsAre("1000", "2000"));
+    EXPECT_THAT(Ids(*BuildInventory(reading, vmIds, {}, {})), ElementsAre("1000", "2000"));
 }
 
 TEST_F(InventoryBuilderTest, OrdersNumbersAsNumbers) {
@@ -67,8 +67,8 @@ TEST_F(InventoryBuilderTest, OrdersNumbersAsNumbers) {
         uuids.push_back(uuid);
         Add(uuid);
     }
-    identities.Admit(uuids);
-    const auto ids = Ids(*BuildInventory(reading, identities, {}, {}));
+    vmIds.Admit(uuids);
+    const auto ids = Ids(*BuildInventory(reading, vmIds, {}, {}));
     ASSERT_EQ(ids.size(), 12U);
     EXPECT_EQ(ids.front(), "3000");
     EXPECT_EQ(ids.back(), "14000");
@@ -77,13 +77,12 @@ TEST_F(InventoryBuilderTest, OrdersNumbersAsNumbers) {
 TEST_F(InventoryBuilderTest, HidesAMachineWithoutANumber) {
     Add(c);
     Add(a);
-    EXPECT_THAT(Ids(*BuildInventory(reading, identities, {}, {})), ElementsAre("1000"));
+    EXPECT_THAT(Ids(*BuildInventory(reading, vmIds, {}, {})), ElementsAre("1000"));
 }
 
 TEST_F(InventoryBuilderTest, KeepsAMachineWhoseXmlCannotBeReadWithoutAConfiguration) {
     reading.domains.push_back({a, "broken", true, DomainState::Running, nullptr});
-    const auto inventory =
-        BuildInventory(reading, identities, {{a, {{"vcpu.0.time", std::uint64_t{1}}}}}, {});
+    const auto inventory = BuildInventory(reading, vmIds, {{a, {{"vcpu.0.time", std::uint64_t{1}}}}}, {});
     ASSERT_EQ(inventory->vms.size(), 1U);
     EXPECT_FALSE(inventory->vms[0]->config);
     EXPECT_TRUE(inventory->vms[0]->runtime);
@@ -94,7 +93,7 @@ TEST_F(InventoryBuilderTest, BringsFiguresToTheirMachineAndNoneWhereThereAreNone
     Add(a);
     Add(b);
     const auto inventory =
-        BuildInventory(reading, identities, {{b, {{"vcpu.0.time", std::uint64_t{5000000}}}}}, {});
+        BuildInventory(reading, vmIds, {{b, {{"vcpu.0.time", std::uint64_t{5000000}}}}}, {});
     EXPECT_TRUE(inventory->vms[0]->series.empty());
     ASSERT_EQ(inventory->vms[1]->series.size(), 1U);
     EXPECT_EQ(inventory->vms[1]->series[0].start, 5);
@@ -103,7 +102,7 @@ TEST_F(InventoryBuilderTest, BringsFiguresToTheirMachineAndNoneWhereThereAreNone
 TEST_F(InventoryBuilderTest, CollectsTheDatastoresOfAllMachines) {
     Add(a, "<disk type='file'><source file='/pool/1'/><target dev='vda'/></disk>");
     Add(b, "<disk type='file'><source file='/nfs/1'/><target dev='vda'/></disk>");
-    const auto inventory = BuildInventory(reading, identities, {}, {});
+    const auto inventory = BuildInventory(reading, vmIds, {}, {});
     EXPECT_EQ(inventory->datastores.size(), 2U);
     EXPECT_TRUE(inventory->datastores.contains("pool:default"));
     EXPECT_TRUE(inventory->datastores.contains("directory:/nfs"));
@@ -112,18 +111,18 @@ TEST_F(InventoryBuilderTest, CollectsTheDatastoresOfAllMachines) {
 TEST_F(InventoryBuilderTest, LetsAClientFinishWithAMachineThatHasJustGone) {
     Add(a);
     Add(b);
-    const auto before = BuildInventory(reading, identities, {}, {});
+    const auto before = BuildInventory(reading, vmIds, {}, {});
     reading.domains.pop_back();
-    const auto now = BuildInventory(reading, identities, {}, *before);
+    const auto now = BuildInventory(reading, vmIds, {}, *before);
     EXPECT_THAT(Ids(*now), ElementsAre("1000"));
     EXPECT_TRUE(now->vmsById.contains("2000"));
     EXPECT_NE(now->vmsById.at("1000"), before->vmsById.at("1000"));
-    EXPECT_FALSE(BuildInventory(reading, identities, {}, *now)->vmsById.contains("2000"));
+    EXPECT_FALSE(BuildInventory(reading, vmIds, {}, *now)->vmsById.contains("2000"));
 }
 
 TEST_F(InventoryBuilderTest, ForgetsTheMachinesOfAHostThatIsLost) {
     Add(a);
-    const auto inventory = WithoutMachines(*BuildInventory(reading, identities, {}, {}));
+    const auto inventory = WithoutVms(*BuildInventory(reading, vmIds, {}, {}));
     EXPECT_TRUE(inventory->vms.empty());
     EXPECT_TRUE(inventory->vmsById.empty());
     EXPECT_EQ(inventory->about->GetName(), "QEMU");

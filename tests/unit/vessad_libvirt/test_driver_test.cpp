@@ -228,7 +228,8 @@ TEST(LibvirtUri, OfAHostThatIsDownGivesAnEmptyInventory) {
         MakeLibvirtBackend("qemu+unix:///system?socket=" + (directory.GetPath() / "none").string(),
                            directory.GetPath() / "state");
     EXPECT_TRUE(backend->GetInventory()->vms.empty());
-    EXPECT_THAT(log.GetText(), HasSubstr("warning libvirt cannot be reached: Failed to connect socket"));
+    EXPECT_THAT(log.GetText(),
+                HasSubstr("warning The host's libvirt cannot be reached: Failed to connect socket"));
 }
 
 TEST(LibvirtStateDirectory, ThatCannotBeMadeIsRefused) {

@@ -9,48 +9,49 @@
 
 #include "apps/vessad/backends/libvirt/InventoryBuilder.h"
 #include "apps/vessad/backends/libvirt/SignalFreeThread.h"
+#include "apps/vessad/backends/libvirt/Text.h"
 
 namespace Vessad::Libvirt {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// The collector rests at least this many times as long as it works.
+// A collection takes at most a fifth of the time: the collector rests four times as long as it worked.
 constexpr int restPerWork = 4;
 
 }  // namespace
 
-// What the collector shares with its callers and with tasks, which may outlive it.
+// What the collector shares with its callers and with posted tasks, which may outlive it.
 struct Collector::Shared {
     std::mutex mutex;
     std::condition_variable changed;
 
     std::shared_ptr<const Inventory> newest = UnknownHost();
-    std::shared_ptr<const Inventory> emptied = newest;
-    std::optional<Clock::time_point> lost;  // since when the host is known to be silent
+    std::shared_ptr<const Inventory> newestWithoutVms = newest;
+    std::optional<Clock::time_point> unreachableSince;
 
-    std::vector<std::string> pools;  // the XML of the active ones, as last heard
-    bool askingPools = false;
+    std::vector<std::string> pools;  // the XML of the active ones, as last received
+    bool poolsPending = false;       // a task is to fetch them
 
-    bool readingHost = false;
-    std::optional<HostReading> reading;  // of the latest task, or
-    std::optional<ApiError> refusal;     // why there is none
+    std::optional<HostReading> reading;    // of the latest task, or
+    std::optional<ApiError> readingError;  // why there is none
+    bool readingPending = false;           // a task is to read the host
 
     std::optional<ApiError> failure;  // of the latest collection
-    bool attempted = false;
-    bool woken = false;
+    bool attempted = false;           // a collection has ended or failed
+    bool collectNow = false;
     bool stopping = false;
 };
 
-Collector::Collector(const std::shared_ptr<Api>& api, const std::string& uri, Identities identities,
+Collector::Collector(const std::shared_ptr<Api>& api, const std::string& uri, VmIds vmIds,
                      CollectorOptions options)
     : options(std::move(options)),
       shared(std::make_shared<Shared>()),
-      identities(std::move(identities)),
+      vmIds(std::move(vmIds)),
       reader(std::make_shared<HostReader>(this->options.osinfoDirectories)),
       poolThread(api, uri),
       readingThread(api, uri),
-      workers(api, uri, this->options.figures) {
+      workers(api, uri, this->options.sampling) {
     thread = SignalFreeThread([this] { Run(); });
 }
 
@@ -66,25 +67,26 @@ Collector::~Collector() {
 
 std::shared_ptr<const Inventory> Collector::Get() {
     const std::lock_guard lock(shared->mutex);
-    return shared->lost && Clock::now() - *shared->lost > options.keep ? shared->emptied : shared->newest;
+    const bool expired = shared->unreachableSince && Clock::now() - *shared->unreachableSince > options.keep;
+    return expired ? shared->newestWithoutVms : shared->newest;
 }
 
-void Collector::Wake() {
+void Collector::CollectNow() {
     const std::lock_guard lock(shared->mutex);
-    shared->woken = true;
+    shared->collectNow = true;
     shared->changed.notify_all();
 }
 
-std::optional<ApiError> Collector::WaitForFirst(std::chrono::milliseconds longest) {
+std::optional<ApiError> Collector::WaitForFirst(std::chrono::milliseconds timeout) {
     std::unique_lock lock(shared->mutex);
-    shared->changed.wait_for(lock, longest, [this] { return shared->attempted; });
+    shared->changed.wait_for(lock, timeout, [this] { return shared->attempted; });
     return shared->failure;
 }
 
 void Collector::Run() {
     std::unique_lock lock(shared->mutex);
     while (!shared->stopping) {
-        shared->woken = false;
+        shared->collectNow = false;
         lock.unlock();
         const auto begun = Clock::now();
         Collect();
@@ -93,7 +95,7 @@ void Collector::Run() {
         shared->attempted = true;
         shared->changed.notify_all();
         const auto next = begun + std::max<Clock::duration>(options.interval, worked * (1 + restPerWork));
-        shared->changed.wait_until(lock, next, [this] { return shared->stopping || shared->woken; });
+        shared->changed.wait_until(lock, next, [this] { return shared->stopping || shared->collectNow; });
     }
 }
 
@@ -104,26 +106,25 @@ void Collector::Collect() {
         return;
     }
     std::vector<std::string> uuids;
-    std::vector<FigureWorkers::Domain> running;
+    std::vector<SampleWorkers::Domain> running;
     for (const DescribedDomain& domain : reading->domains) {
         uuids.push_back(domain.uuid);
-        // One that crashed may still have a process, but shows as powered off: it has no figures.
+        // A crashed domain may still have a process, but shows as powered off and so has no statistics.
         if (PowerStateOf(domain.state, domain.active) != Hask::VirtualMachine::PowerState::poweredOff) {
-            running.push_back({domain.uuid, domain.name});
+            running.push_back({domain.uuid, WireText(domain.name)});
         }
     }
-    identities.Admit(uuids);
-    const auto figures = workers.Ask(running);
-    if (Publish(BuildInventory(*reading, identities, figures, *Get()))) {
-        spdlog::info("libvirt answers again: {} machines", reading->domains.size());
+    vmIds.Admit(uuids);
+    const auto samples = workers.Sample(running);
+    if (Publish(BuildInventory(*reading, vmIds, samples, *Get()))) {
+        spdlog::info("The host's libvirt can be reached again: {} VMs", reading->domains.size());
     }
 }
 
-// Asks for the pools, and waits for them a little.
 void Collector::FetchPools() {
     std::unique_lock lock(shared->mutex);
-    if (!shared->askingPools) {
-        shared->askingPools = true;
+    if (!shared->poolsPending) {
+        shared->poolsPending = true;
         poolThread.Post([shared = shared](Connection* connection, const ApiError*) {
             std::optional<std::vector<std::string>> pools;
             try {
@@ -131,61 +132,62 @@ void Collector::FetchPools() {
                     pools = connection->GetPools();
                 }
             } catch (const ApiError& error) {
-                spdlog::debug("no storage pools: {}", error.what());
+                spdlog::debug("No storage pools: {}", error.what());
             }
             const std::lock_guard guard(shared->mutex);
             if (pools) {
                 shared->pools = std::move(*pools);
             }
-            shared->askingPools = false;
+            shared->poolsPending = false;
             shared->changed.notify_all();
         });
     }
-    const auto patience = poolsKnown ? options.poolWait : options.firstPoolWait;
-    const auto wait = poolsLate ? std::chrono::milliseconds(0) : patience;
-    const bool answered =
-        shared->changed.wait_for(lock, wait, [this] { return shared->stopping || !shared->askingPools; });
-    if (!answered && !poolsLate) {
-        spdlog::warn("the list of storage pools does not come; the last one serves until it does");
+    auto timeout = poolsKnown ? options.poolTimeout : options.firstPoolTimeout;
+    if (poolsLate) {
+        timeout = std::chrono::milliseconds(0);
     }
-    poolsLate = !answered;
-    poolsKnown = poolsKnown || answered;
+    const bool inTime =
+        shared->changed.wait_for(lock, timeout, [this] { return shared->stopping || !shared->poolsPending; });
+    if (!inTime && !poolsLate) {
+        spdlog::warn("The list of storage pools is late, the last one serves until it arrives");
+    }
+    poolsLate = !inTime;
+    poolsKnown = poolsKnown || inTime;
 }
 
-// The host as it is now; nothing when it cannot be reached, or at the end. A host that takes long is
-// reported, and waited for all the same: the answer of a slow one is worth no less.
+// A reading that is late is waited for all the same: a slow host is served, once it has replied.
 std::optional<HostReading> Collector::FetchReading() {
     std::unique_lock lock(shared->mutex);
-    shared->readingHost = true;
+    shared->readingPending = true;
     readingThread.Post([shared = shared, reader = reader, pools = shared->pools](Connection* connection,
                                                                                  const ApiError* failure) {
         std::optional<HostReading> reading;
-        std::optional<ApiError> refusal;
+        std::optional<ApiError> readingError;
         if (failure != nullptr) {
-            refusal = *failure;
+            readingError = *failure;
         } else {
             try {
                 reading = reader->Read(*connection, pools);
             } catch (const ApiError& error) {
-                refusal = error;
+                readingError = error;
             }
         }
         const std::lock_guard guard(shared->mutex);
         shared->reading = std::move(reading);
-        shared->refusal = std::move(refusal);
-        shared->readingHost = false;
+        shared->readingError = std::move(readingError);
+        shared->readingPending = false;
         shared->changed.notify_all();
     });
-    const auto ended = [this] { return shared->stopping || !shared->readingHost; };
-    if (!shared->changed.wait_for(lock, options.readingWait, ended)) {
-        Lose({"it does not answer", false, false});
+    const auto ended = [this] { return shared->stopping || !shared->readingPending; };
+    if (!shared->changed.wait_for(lock, options.readingTimeout, ended)) {
+        ReportUnreachable({"no reply in time", false, false});
         shared->changed.wait(lock, ended);
     }
     if (shared->stopping) {
         return std::nullopt;
     }
-    if (shared->refusal) {
-        Lose(*shared->refusal);
+    if (shared->readingError) {
+        ReportUnreachable(*shared->readingError);
     } else {
         shared->failure.reset();
     }
@@ -193,18 +195,18 @@ std::optional<HostReading> Collector::FetchReading() {
 }
 
 bool Collector::Publish(std::shared_ptr<const Inventory> inventory) {
-    auto empty = WithoutMachines(*inventory);
+    auto withoutVms = WithoutVms(*inventory);
     const std::lock_guard lock(shared->mutex);
     shared->newest = std::move(inventory);
-    shared->emptied = std::move(empty);
-    return std::exchange(shared->lost, std::nullopt).has_value();
+    shared->newestWithoutVms = std::move(withoutVms);
+    return std::exchange(shared->unreachableSince, std::nullopt).has_value();
 }
 
-void Collector::Lose(const ApiError& failure) {
-    if (!shared->lost) {
-        spdlog::warn("libvirt cannot be reached: {}; the last inventory serves for {} seconds",
+void Collector::ReportUnreachable(const ApiError& failure) {
+    if (!shared->unreachableSince) {
+        spdlog::warn("The host's libvirt cannot be reached: {}; the last inventory serves for {} s",
                      failure.what(), std::chrono::duration_cast<std::chrono::seconds>(options.keep).count());
-        shared->lost = Clock::now();
+        shared->unreachableSince = Clock::now();
     }
     shared->failure = failure;
     shared->attempted = true;

@@ -11,40 +11,41 @@
 
 #include "apps/vessad/backends/Backend.h"
 #include "apps/vessad/backends/libvirt/ConnectionThread.h"
-#include "apps/vessad/backends/libvirt/FigureWorkers.h"
 #include "apps/vessad/backends/libvirt/HostReader.h"
-#include "apps/vessad/backends/libvirt/Identities.h"
+#include "apps/vessad/backends/libvirt/SampleWorkers.h"
+#include "apps/vessad/backends/libvirt/VmIds.h"
 
 namespace Vessad::Libvirt {
 
 struct CollectorOptions {
-    std::chrono::milliseconds interval{5000};       // between the starts of two collections
-    FigureWorkers::Waits figures;                   // for a machine's figures
-    std::chrono::milliseconds poolWait{1000};       // for the storage pools; the last ones serve meanwhile
-    std::chrono::milliseconds firstPoolWait{5000};  // for the first time, when there are none
-    std::chrono::milliseconds readingWait{10000};   // for the domains, before the host counts as silent
-    std::chrono::milliseconds keep{60000};          // for how long a silent host's last inventory serves
+    std::chrono::milliseconds interval{5000};  // between the starts of two collections, at least
+    SampleWorkers::Timeouts sampling;
+    std::chrono::milliseconds poolTimeout{1000};       // for the storage pools; then the last ones serve
+    std::chrono::milliseconds firstPoolTimeout{5000};  // while there are no last ones
+    std::chrono::milliseconds readingTimeout{10000};   // for the domains; then the host counts as unreachable
+    std::chrono::milliseconds keep{60000};  // how long the last inventory of an unreachable host serves
     std::vector<std::filesystem::path> osinfoDirectories = OsinfoDirectories();
 };
 
 // Collects in a thread of its own, which never calls the host itself: every call is made in a thread that may
-// be left waiting. All operations may be called from any thread and never wait for the host.
+// be abandoned. All operations may be called from any thread; none waits for the host but WaitForFirst.
 class Collector {
   public:
-    Collector(const std::shared_ptr<Api>& api, const std::string& uri, Identities identities,
-              CollectorOptions options);
+    Collector(const std::shared_ptr<Api>& api, const std::string& uri, VmIds vmIds, CollectorOptions options);
     Collector(const Collector&) = delete;
     Collector& operator=(const Collector&) = delete;
     ~Collector();
 
-    // The newest inventory; without machines when the host has been silent for too long. Never null.
+    // Returns the newest inventory, without VMs when the host has been unreachable for longer than `keep`.
+    // Never null.
     std::shared_ptr<const Inventory> Get();
 
-    // Begins the next collection now.
-    void Wake();
+    // Starts the next collection now, or as soon as the running one ends.
+    void CollectNow();
 
-    // Waits until the first collection has ended or the time is up; answers why it failed, if it did.
-    std::optional<ApiError> WaitForFirst(std::chrono::milliseconds longest);
+    // Waits until the first collection has ended or `timeout` is over; returns why the latest one failed, if
+    // it did.
+    std::optional<ApiError> WaitForFirst(std::chrono::milliseconds timeout);
 
   private:
     struct Shared;
@@ -52,21 +53,22 @@ class Collector {
     void Run();
     void Collect();
     void FetchPools();
+    // Returns nothing when the host cannot be reached or the collector is ending.
     std::optional<HostReading> FetchReading();
-    // Whether the host was silent until now.
+    // Returns whether the host was unreachable until now.
     bool Publish(std::shared_ptr<const Inventory> inventory);
-    // Takes in that the host is silent; with the shared mutex held.
-    void Lose(const ApiError& failure);
+    // To be called with the shared mutex held.
+    void ReportUnreachable(const ApiError& failure);
 
     const CollectorOptions options;
     const std::shared_ptr<Shared> shared;
-    Identities identities;
+    VmIds vmIds;
     std::shared_ptr<HostReader> reader;
     ConnectionThread poolThread;
     ConnectionThread readingThread;
-    FigureWorkers workers;
+    SampleWorkers workers;
     bool poolsKnown = false;
-    bool poolsLate = false;  // as the log says
+    bool poolsLate = false;  // and the log says so
     std::thread thread;
 };
 

@@ -7,14 +7,14 @@
 #include <optional>
 #include <utility>
 
-#include "apps/vessad/backends/libvirt/LeftBehind.h"
 #include "apps/vessad/backends/libvirt/SignalFreeThread.h"
+#include "apps/vessad/backends/libvirt/SkipTeardown.h"
 
 namespace Vessad::Libvirt {
 
 namespace {
 
-constexpr std::chrono::seconds farewell{2};
+constexpr std::chrono::seconds endTimeout{2};
 
 }  // namespace
 
@@ -75,8 +75,8 @@ ConnectionThread::~ConnectionThread() {
     std::unique_lock lock(state->mutex);
     state->stopping = true;
     state->changed.notify_all();
-    if (!state->changed.wait_for(lock, farewell, [this] { return state->ended; })) {
-        LeaveThreadBehind();
+    if (!state->changed.wait_for(lock, endTimeout, [this] { return state->ended; })) {
+        SkipTeardownAtExit();
     }
 }
 

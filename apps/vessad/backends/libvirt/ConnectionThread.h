@@ -1,4 +1,4 @@
-// A thread for the calls to a host that may not come back.
+// A thread for calls to a host that may never return.
 #pragma once
 
 #include <functional>
@@ -9,21 +9,22 @@
 
 namespace Vessad::Libvirt {
 
-// A thread with a connection of its own, which it opens when it needs one and replaces when it broke. It does
-// one task at a time; nobody waits for it but who wants to.
+// A thread with a connection of its own, opened for the first task and again for the first one after it
+// broke. Runs one task at a time, in the order of posting. Post may be called from any thread.
 class ConnectionThread {
   public:
-    // A task is given the connection, or the error that kept it from being opened.
+    // Receives the connection, or null and the error that kept it from being opened. Must not throw. A task
+    // owns what it uses, because it may outlive the ConnectionThread.
     using Task = std::function<void(Connection*, const ApiError* failure)>;
 
     ConnectionThread(std::shared_ptr<Api> api, std::string uri);
     ConnectionThread(const ConnectionThread&) = delete;
     ConnectionThread& operator=(const ConnectionThread&) = delete;
-    // Waits a moment for a running task. One that takes longer is left behind: it ends, with the thread, when
-    // the host lets it, so a task may own what it uses, but borrow nothing.
+    // Waits up to 2 s for a running task, drops those after it. A task that takes longer is abandoned with
+    // its thread: both end when the host's call returns.
     ~ConnectionThread();
 
-    // Runs the task after those before it. It must not throw.
+    // Returns at once.
     void Post(Task task);
 
   private:

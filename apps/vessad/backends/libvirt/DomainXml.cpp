@@ -7,7 +7,10 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "apps/vessad/backends/libvirt/Devices.h"
+#include "apps/vessad/backends/libvirt/Controllers.h"
+#include "apps/vessad/backends/libvirt/DeviceList.h"
+#include "apps/vessad/backends/libvirt/Drives.h"
+#include "apps/vessad/backends/libvirt/NetworkCards.h"
 #include "apps/vessad/backends/libvirt/Text.h"
 
 namespace Vessad::Libvirt {
@@ -16,7 +19,7 @@ namespace {
 using Tessim::MakeRef;
 using Tessim::Ref;
 
-// What the kernel gives a group of processes that nobody gave shares.
+// The kernel's default for a control group.
 constexpr int defaultCpuShares = 1024;
 constexpr unsigned long long kibPerMib = 1024;
 
@@ -61,16 +64,16 @@ Ref<Hask::ResourceAllocationInfo> Allocation(int shares) {
     return allocation;
 }
 
-int CpuShares(pugi::xml_node domain, const Surroundings& surroundings) {
+int CpuShares(pugi::xml_node domain, const DescribeContext& context) {
     if (const pugi::xml_node shares = domain.child("cputune").child("shares")) {
         return shares.text().as_int();
     }
-    return surroundings.findCpuShares().value_or(defaultCpuShares);
+    return context.findCpuShares().value_or(defaultCpuShares);
 }
 
 }  // namespace
 
-DomainDescription DescribeDomain(const std::string& xml, const Surroundings& surroundings) {
+DomainDescription DescribeDomain(const std::string& xml, const DescribeContext& context) {
     pugi::xml_document document;
     const pugi::xml_parse_result result = document.load_string(xml.c_str());
     const pugi::xml_node domain = document.child("domain");
@@ -83,20 +86,23 @@ DomainDescription DescribeDomain(const std::string& xml, const Surroundings& sur
     hardware->SetDevice(MakeRef<Ordane::DataArray<Hask::Vm::Device::VirtualDevice>>());
 
     auto files = MakeRef<Hask::Vm::FileInfo>();
-    if (surroundings.configFile) {
-        files->SetVmPathName(WireText(*surroundings.configFile));
+    if (context.configFile) {
+        files->SetVmPathName(WireText(*context.configFile));
     }
 
     DomainDescription description;
     description.config = MakeRef<Hask::Vm::ConfigInfo>();
     description.config->SetName(WireText(domain.child_value("name")));
-    description.config->SetGuestFullName(WireText(GuestFullName(domain, surroundings.guestNames)));
+    description.config->SetGuestFullName(WireText(GuestFullName(domain, context.guestNames)));
     description.config->SetFiles(files);
     description.config->SetHardware(hardware);
-    description.config->SetCpuAllocation(Allocation(CpuShares(domain, surroundings)));
-    // libvirt has no memory shares: what a machine gets is in proportion to its size.
+    description.config->SetCpuAllocation(Allocation(CpuShares(domain, context)));
+    // libvirt has no memory shares; memory is shared in proportion to its size.
     description.config->SetMemoryAllocation(Allocation(hardware->GetMemoryMB()));
-    AddDevices(domain, surroundings, *hardware, description);
+    DeviceList devices(*hardware);
+    AddControllers(domain, devices);
+    AddDrives(domain, context, devices, description);
+    AddNetworkCards(domain, devices, description);
     return description;
 }
 

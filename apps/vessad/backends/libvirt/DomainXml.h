@@ -1,4 +1,4 @@
-// A domain's XML as the API's configuration.
+// Turns a domain's XML into the API's configuration.
 #pragma once
 
 #include <functional>
@@ -14,23 +14,24 @@
 
 namespace Vessad::Libvirt {
 
-// What a description needs beside the XML.
-struct Surroundings {
+// What DescribeDomain needs beside the XML. Borrows its members for the call; its functions may throw
+// ApiError.
+struct DescribeContext {
     const Storage& storage;
     GuestNames& guestNames;
-    // The volume of a pool, by the two names.
+    // Returns the volume `name` of `pool`, or nothing when there is none.
     std::function<std::optional<Volume>(const std::string& pool, const std::string& name)> findVolume;
-    // The CPU shares of the domain; asked when its XML names none.
+    // Returns the domain's CPU shares, if the scheduler has any; called when the XML has none.
     std::function<std::optional<int>()> findCpuShares;
-    // Where it is kept, if in a file.
+    // The file that the configuration is kept in, if there is one.
     std::optional<std::string> configFile;
 };
 
-// A domain, and how its figures go with its devices.
+// A domain's configuration, and which statistics belong to which device.
 struct DomainDescription {
     struct Disk {
         std::string target;  // its name in the domain: vda
-        std::string name;    // the name that the agent looks its figures up by
+        std::string name;    // the instance that the agent looks its statistics up by
     };
     struct Card {
         std::string device;  // its name on the host, empty while there is none: vnet0
@@ -38,13 +39,14 @@ struct DomainDescription {
     };
 
     Tessim::Ref<Hask::Vm::ConfigInfo> config;
-    std::vector<Disk> disks;  // those whose figures the agent asks for
+    std::vector<Disk> disks;  // those whose statistics the agent requests
     std::vector<Card> cards;  // in the domain's order
     std::map<std::string, Tessim::Ref<Hask::Datastore::Info>> datastores;  // that its devices name
-    bool provisional = false;  // a volume was not found; it may be, another time
+    bool provisional = false;  // a volume was not found; the next description may find it
 };
 
-// Throws std::runtime_error when the text is no domain's XML.
-DomainDescription DescribeDomain(const std::string& xml, const Surroundings& surroundings);
+// Returns the description of the domain that `xml` defines. Throws std::runtime_error when `xml` is no
+// domain's XML, and what the context's functions throw.
+DomainDescription DescribeDomain(const std::string& xml, const DescribeContext& context);
 
 }  // namespace Vessad::Libvirt

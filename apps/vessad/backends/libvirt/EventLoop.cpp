@@ -20,7 +20,7 @@ void RegisterOnce() {
 
 EventLoop::EventLoop() {
     RegisterOnce();
-    // The timer wakes the loop when it is to end; until then it sleeps.
+    // Disabled until the destructor uses it to wake the loop.
     timer = virEventAddTimeout(
         -1, [](int self, void*) { virEventUpdateTimeout(self, -1); }, nullptr, nullptr);
     if (timer < 0) {

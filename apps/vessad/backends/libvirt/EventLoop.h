@@ -1,4 +1,4 @@
-// libvirt's event loop, which answers the host's keepalive probes and notices a host that stopped answering.
+// libvirt's event loop, which keepalive needs: it sends the probes and notices a host that stopped replying.
 #pragma once
 
 #include <atomic>
@@ -6,8 +6,7 @@
 
 namespace Vessad::Libvirt {
 
-// Runs the loop in a thread while it lives. libvirt has one loop per process, so there may be one of these at
-// a time.
+// Runs the loop in a thread while it lives. At most one object at a time: libvirt has one loop per process.
 class EventLoop {
   public:
     // Throws ApiError.

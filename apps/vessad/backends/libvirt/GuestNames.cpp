@@ -9,8 +9,8 @@ namespace {
 
 constexpr std::string_view idScheme = "http://";
 
-// The database's own layout: http://VENDOR/FAMILY/VERSION is os/VENDOR/FAMILY-VERSION.xml. The id comes from
-// a machine's metadata, which its owner writes, so nothing but plain names is let into the path.
+// The database's layout: http://VENDOR/FAMILY/VERSION is os/VENDOR/FAMILY-VERSION.xml. The id comes from
+// metadata that a VM's owner writes, so only plain names become part of the path.
 std::optional<std::filesystem::path> FileOf(std::string_view id) {
     if (!id.starts_with(idScheme)) {
         return std::nullopt;

@@ -25,10 +25,10 @@ Storage ReadStorage(const Host& host, const std::vector<std::string>& poolXmls) 
 HostReading HostReader::Read(Connection& connection, const std::vector<std::string>& pools) {
     HostReading reading;
     reading.host = connection.GetHost();
-    // What was described on other storage may lie elsewhere now.
+    // Descriptions depend on the storage.
     if (Storage now = ReadStorage(reading.host, pools); now != storage) {
         storage = std::move(now);
-        known.clear();
+        cache.clear();
     }
     const auto configDirectory = ConfigDirectory(reading.host.uri);
     std::set<std::string> present;
@@ -42,41 +42,41 @@ HostReading HostReader::Read(Connection& connection, const std::vector<std::stri
         reading.domains.push_back(
             {domain.uuid, domain.name, domain.active, domain.state, std::move(description)});
     }
-    std::erase_if(known, [&](const auto& entry) { return !present.contains(entry.first); });
+    std::erase_if(cache, [&](const auto& entry) { return !present.contains(entry.first); });
     return reading;
 }
 
 std::shared_ptr<const DomainDescription> HostReader::Describe(Connection& connection, Domain& domain,
                                                               std::optional<std::string> configFile) {
-    const auto found = known.find(domain.uuid);
-    // One that the host does not describe is what it was.
-    if (found != known.end() &&
+    const auto found = cache.find(domain.uuid);
+    if (found != cache.end() &&
         (domain.xml.empty() || (found->second.xml == domain.xml && found->second.configFile == configFile))) {
         return found->second.description;
     }
-    const Surroundings surroundings{
+    const DescribeContext context{
         storage, guestNames,
         [&](const std::string& pool, const std::string& name) { return connection.FindVolume(pool, name); },
         [&]() -> std::optional<int> {
             try {
                 return connection.GetCpuShares(domain.uuid);
             } catch (const ApiError& error) {
-                // It vanished; the connection's own end shows in the next call.
+                // The domain vanished, or the connection broke, which the next call reports.
                 return std::nullopt;
             }
         },
         configFile};
     std::shared_ptr<const DomainDescription> description;
     try {
-        description = std::make_shared<const DomainDescription>(DescribeDomain(domain.xml, surroundings));
+        description = std::make_shared<const DomainDescription>(DescribeDomain(domain.xml, context));
     } catch (const ApiError&) {
         throw;
     } catch (const std::runtime_error& error) {
-        spdlog::error("the XML of machine {} cannot be read: {}", domain.uuid, error.what());
+        spdlog::error("The XML of VM {} cannot be read, it has no configuration: {}", domain.uuid,
+                      error.what());
     }
-    known.erase(domain.uuid);
+    cache.erase(domain.uuid);
     if (!description || !description->provisional) {
-        known.emplace(domain.uuid, Known{std::move(domain.xml), std::move(configFile), description});
+        cache.emplace(domain.uuid, CacheEntry{std::move(domain.xml), std::move(configFile), description});
     }
     return description;
 }

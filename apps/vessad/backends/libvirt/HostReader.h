@@ -1,4 +1,4 @@
-// Reads a host's domains, describing only those that changed.
+// Reads a host's domains and describes those that changed.
 #pragma once
 
 #include <map>
@@ -18,7 +18,7 @@ struct DescribedDomain {
     std::string name;
     bool active = false;
     DomainState state = DomainState::None;
-    std::shared_ptr<const DomainDescription> description;  // null: its XML cannot be understood
+    std::shared_ptr<const DomainDescription> description;  // null: its XML cannot be read
 };
 
 struct HostReading {
@@ -26,17 +26,18 @@ struct HostReading {
     std::vector<DescribedDomain> domains;
 };
 
-// For one thread at a time.
+// Caches the descriptions of its latest reading. For one thread at a time.
 class HostReader {
   public:
     explicit HostReader(std::vector<std::filesystem::path> osinfoDirectories)
         : guestNames(std::move(osinfoDirectories)) {}
 
-    // Throws ApiError. `pools`: the XML of the active pools.
+    // Reads the host, which may take as long as the host does. A domain that the host does not describe keeps
+    // its cached description. `pools`: the XML of the active pools. Throws ApiError.
     HostReading Read(Connection& connection, const std::vector<std::string>& pools);
 
   private:
-    struct Known {
+    struct CacheEntry {
         std::string xml;
         std::optional<std::string> configFile;
         std::shared_ptr<const DomainDescription> description;
@@ -47,7 +48,7 @@ class HostReader {
 
     GuestNames guestNames;
     Storage storage{std::nullopt, {}};
-    std::map<std::string, Known> known;  // by UUID
+    std::map<std::string, CacheEntry> cache;  // by UUID
 };
 
 }  // namespace Vessad::Libvirt

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <utility>
 
-#include "apps/vessad/backends/libvirt/Figures.h"
+#include "apps/vessad/backends/libvirt/SeriesBuilder.h"
 #include "apps/vessad/backends/libvirt/Text.h"
 
 namespace Vessad::Libvirt {
@@ -30,7 +30,7 @@ void DescribeHost(const Host& host, Inventory& inventory) {
     hardware->SetCpuInfo(cpu);
     inventory.hardware = hardware;
 
-    // libvirt sets nothing aside for the host itself: all memory may go to machines.
+    // libvirt reserves nothing for the host itself.
     constexpr std::uint64_t bytesPerKib = 1024;
     auto memory = MakeRef<Hask::Host::MemoryManagerSystem::ServiceConsoleReservationInfo>();
     memory->SetServiceConsoleReserved(0);
@@ -38,19 +38,19 @@ void DescribeHost(const Host& host, Inventory& inventory) {
     inventory.serviceConsole = memory;
 }
 
-std::shared_ptr<Vm> MakeMachine(const DescribedDomain& domain, std::int32_t number) {
+std::shared_ptr<Vm> MakeVm(const DescribedDomain& domain, std::int32_t number) {
     auto runtime = MakeRef<Hask::Vm::RuntimeInfo>();
     runtime->SetPowerState(PowerStateOf(domain.state, domain.active));
     auto guest = MakeRef<Hask::Vm::GuestInfo>();
     guest->SetGuestState(GuestStateOf(domain.state, domain.active));
-    auto machine = std::make_shared<Vm>();
-    machine->id = std::to_string(number);
-    machine->runtime = runtime;
-    machine->guest = guest;
+    auto vm = std::make_shared<Vm>();
+    vm->id = std::to_string(number);
+    vm->runtime = runtime;
+    vm->guest = guest;
     if (domain.description) {
-        machine->config = domain.description->config;
+        vm->config = domain.description->config;
     }
-    return machine;
+    return vm;
 }
 
 }  // namespace
@@ -99,7 +99,7 @@ std::shared_ptr<const Inventory> UnknownHost() {
     return inventory;
 }
 
-std::shared_ptr<const Inventory> WithoutMachines(const Inventory& inventory) {
+std::shared_ptr<const Inventory> WithoutVms(const Inventory& inventory) {
     auto empty = std::make_shared<Inventory>();
     empty->about = inventory.about;
     empty->hardware = inventory.hardware;
@@ -108,8 +108,8 @@ std::shared_ptr<const Inventory> WithoutMachines(const Inventory& inventory) {
     return empty;
 }
 
-std::shared_ptr<const Inventory> BuildInventory(const HostReading& reading, const Identities& identities,
-                                                const std::map<std::string, Statistics>& figures,
+std::shared_ptr<const Inventory> BuildInventory(const HostReading& reading, const VmIds& vmIds,
+                                                const std::map<std::string, Statistics>& samples,
                                                 const Inventory& before) {
     auto inventory = std::make_shared<Inventory>();
     DescribeHost(reading.host, *inventory);
@@ -118,25 +118,25 @@ std::shared_ptr<const Inventory> BuildInventory(const HostReading& reading, cons
 
     std::map<std::int32_t, std::shared_ptr<Vm>> byNumber;
     for (const DescribedDomain& domain : reading.domains) {
-        const std::int32_t number = identities.Find(domain.uuid);
+        const std::int32_t number = vmIds.Find(domain.uuid);
         if (number == 0) {
             continue;
         }
-        auto machine = MakeMachine(domain, number);
+        auto vm = MakeVm(domain, number);
         if (domain.description) {
-            if (const auto found = figures.find(domain.uuid); found != figures.end()) {
-                machine->series = MakeSeries(found->second, *domain.description, keys);
+            if (const auto found = samples.find(domain.uuid); found != samples.end()) {
+                vm->series = BuildSeries(found->second, *domain.description, keys);
             }
             inventory->datastores.insert(domain.description->datastores.begin(),
                                          domain.description->datastores.end());
         }
-        byNumber.emplace(number, std::move(machine));
+        byNumber.emplace(number, std::move(vm));
     }
-    for (auto& [number, machine] : byNumber) {
-        inventory->Add(std::move(machine));
+    for (auto& [number, vm] : byNumber) {
+        inventory->Add(std::move(vm));
     }
-    for (const auto& machine : before.vms) {
-        inventory->vmsById.emplace(machine->id, machine);
+    for (const auto& vm : before.vms) {
+        inventory->vmsById.emplace(vm->id, vm);
     }
     return inventory;
 }

@@ -1,4 +1,4 @@
-// A reading of a host as the daemon's inventory.
+// Builds the daemon's inventory from a reading of a host.
 #pragma once
 
 #include <map>
@@ -7,26 +7,26 @@
 
 #include "apps/vessad/backends/Backend.h"
 #include "apps/vessad/backends/libvirt/HostReader.h"
-#include "apps/vessad/backends/libvirt/Identities.h"
+#include "apps/vessad/backends/libvirt/VmIds.h"
 
 namespace Vessad::Libvirt {
 
-// How libvirt's states show. `active`: the domain has a process.
+// What libvirt's states are shown as. `active`: the domain has a process.
 Hask::VirtualMachine::PowerState PowerStateOf(DomainState state, bool active);
 std::string GuestStateOf(DomainState state, bool active);
 
-// The inventory before anything is known of the host: no machine, no product, no hardware.
+// Returns the inventory of a host that was never reached: no VM, no product, no hardware.
 std::shared_ptr<const Inventory> UnknownHost();
 
-// The host of `inventory` without its machines.
-std::shared_ptr<const Inventory> WithoutMachines(const Inventory& inventory);
+// Returns the host of `inventory` without its VMs.
+std::shared_ptr<const Inventory> WithoutVms(const Inventory& inventory);
 
-// The machines that have a number, in its order; `figures` by UUID, only of active ones.
+// Returns the VMs that have a number, ordered by it. `samples`: the statistics of running domains by UUID.
 //
-// A machine of `before` that has gone is in no folder any more, but is still found by its id: a client that
-// listed the machines a moment ago is in the middle of asking them.
-std::shared_ptr<const Inventory> BuildInventory(const HostReading& reading, const Identities& identities,
-                                                const std::map<std::string, Statistics>& figures,
+// A VM that `before` lists and `reading` lacks is not listed, but is still found by its id, so that a client
+// that listed it a moment ago can finish.
+std::shared_ptr<const Inventory> BuildInventory(const HostReading& reading, const VmIds& vmIds,
+                                                const std::map<std::string, Statistics>& samples,
                                                 const Inventory& before);
 
 }  // namespace Vessad::Libvirt

@@ -12,12 +12,12 @@
 #include <utility>
 
 #include "apps/vessad/backends/libvirt/EventLoop.h"
-#include "apps/vessad/backends/libvirt/PlainStatistics.h"
+#include "apps/vessad/backends/libvirt/LegacyStatistics.h"
 
 namespace Vessad::Libvirt {
 namespace {
 
-// A host that answers no probe for about this long has gone: 5 s × 3.
+// A host that replies to no probe for 15 s counts as gone: seconds between probes × probes.
 constexpr int keepAliveInterval = 5;
 constexpr unsigned keepAliveCount = 3;
 
@@ -33,7 +33,7 @@ using PoolHandle = std::unique_ptr<virStoragePool, Freer<virStoragePoolFree>>;
 using VolumeHandle = std::unique_ptr<virStorageVol, Freer<virStorageVolFree>>;
 using CString = std::unique_ptr<char, Freer<std::free>>;
 
-// Errors of opening a connection that trying again does not cure.
+// Errors of opening a connection that a retry cannot cure.
 bool IsPermanentCode(const virError& error) {
     switch (error.code) {
         case VIR_ERR_NO_CONNECT:
@@ -106,8 +106,8 @@ DomainState StateOf(int state) {
     }
 }
 
-// Whether a domain has a process. `id` is what the list of domains said a moment before; it decides only
-// where the state does not, and is -1 for an inactive domain.
+// Whether a domain has a process. `id` is the domain's, -1 for an inactive one. It was read before the state,
+// so it decides only where the state does not.
 bool IsActive(DomainState state, unsigned id) {
     switch (state) {
         case DomainState::ShutOff:
@@ -157,7 +157,7 @@ class RealConnection final : public Connection {
         if (!handle) {
             throw LastError();
         }
-        // Refused where there is no network between us and the driver, which needs no probes then.
+        // Fails where the driver runs in this process, which needs no probes.
         virConnectSetKeepAlive(handle.get(), keepAliveInterval, keepAliveCount);
     }
 
@@ -187,7 +187,7 @@ class RealConnection final : public Connection {
         Check(count);
         std::vector<Domain> domains;
         for (const DomainHandle& domain : TakeList<DomainHandle>(list, count)) {
-            Domain described = Name(domain.get());
+            Domain described = Identify(domain.get());
             try {
                 Describe(domain.get(), described);
             } catch (const ApiError& error) {
@@ -197,7 +197,7 @@ class RealConnection final : public Connection {
                 if (!IsAlive()) {
                     throw;
                 }
-                spdlog::debug("machine {} is not told of: {}", described.uuid, error.what());
+                spdlog::debug("VM {} cannot be described: {}", described.uuid, error.what());
             }
             domains.push_back(std::move(described));
         }
@@ -214,7 +214,7 @@ class RealConnection final : public Connection {
         Check(count);
         std::vector<std::string> pools;
         for (const PoolHandle& pool : TakeList<PoolHandle>(list, count)) {
-            // One that vanished meanwhile has no description.
+            // A pool that vanished meanwhile has none.
             if (const CString xml(virStoragePoolGetXMLDesc(pool.get(), 0)); xml) {
                 pools.emplace_back(xml.get());
             }
@@ -273,12 +273,12 @@ class RealConnection final : public Connection {
             statistics = StatisticsOf(**records);
         }
         virDomainStatsRecordListFree(records);
-        return statistics.empty() ? PlainStatistics(domain.get()) : statistics;
+        return statistics.empty() ? LegacyStatistics(domain.get()) : statistics;
     }
 
   private:
-    // What the list of domains tells.
-    static Domain Name(virDomainPtr handle) {
+    // What the handle knows without a call to the host.
+    static Domain Identify(virDomainPtr handle) {
         Domain domain;
         std::array<char, VIR_UUID_STRING_BUFLEN> uuid{};
         Check(virDomainGetUUIDString(handle, uuid.data()));
@@ -288,7 +288,7 @@ class RealConnection final : public Connection {
         return domain;
     }
 
-    // Fills in the rest, or nothing.
+    // Sets the other members, or none when it throws.
     static void Describe(virDomainPtr handle, Domain& domain) {
         int state = 0;
         int reason = 0;
@@ -316,7 +316,7 @@ class RealConnection final : public Connection {
     std::unique_ptr<virConnect, Freer<virConnectClose>> handle;
 };
 
-// The process's one event loop, while anybody needs it.
+// Returns the process's one event loop, which lives as long as anybody holds it.
 std::shared_ptr<EventLoop> SharedEventLoop() {
     static std::mutex mutex;
     static std::weak_ptr<EventLoop> shared;
@@ -332,8 +332,7 @@ std::shared_ptr<EventLoop> SharedEventLoop() {
 class RealApi final : public Api {
   public:
     RealApi() {
-        // Failures are reported through ApiError; libvirt's own handler would write them to standard error
-        // too.
+        // The default handler writes every error to standard error.
         virSetErrorFunc(nullptr, [](void*, virErrorPtr) {});
         if (virInitialize() < 0) {
             throw LastError();

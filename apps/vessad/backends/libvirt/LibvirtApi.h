@@ -1,4 +1,4 @@
-// The part of libvirt that the backend uses, narrow enough for a test to stand in for it.
+// The part of libvirt that the backend uses, as an interface that tests can implement.
 #pragma once
 
 #include <cstdint>
@@ -12,10 +12,10 @@
 
 namespace Vessad::Libvirt {
 
-// What libvirt refused, in its own words.
+// A failed libvirt call, with libvirt's own message.
 class ApiError : public std::runtime_error {
   public:
-    // `permanent`: asking again cannot help. `gone`: the domain that was asked for does not exist any more.
+    // `permanent`: a retry cannot succeed. `gone`: the domain does not exist any more.
     ApiError(const std::string& text, bool permanent, bool gone)
         : std::runtime_error(text), permanent(permanent), gone(gone) {}
 
@@ -35,14 +35,14 @@ struct Domain {
     bool active = false;
     bool persistent = false;
     DomainState state = DomainState::None;
-    std::string xml;  // the live description of an active domain, else the persistent one; empty: refused
+    std::string xml;  // the live one of an active domain, else the persistent one; empty: not readable
 };
 
 struct Host {
     std::string uri;                   // with its aliases resolved
     std::string driver;                // libvirt's name of it, "QEMU"
     unsigned long version = 0;         // of the hypervisor: major × 1000000 + minor × 1000 + release
-    unsigned long libvirtVersion = 0;  // of the host's libvirt, made up in the same way
+    unsigned long libvirtVersion = 0;  // of the host's libvirt, encoded in the same way
     int cores = 0;
     std::uint64_t memoryKiB = 0;
 };
@@ -52,12 +52,12 @@ struct Volume {
     bool block = false;  // a block device or something on the network, not a file
 };
 
-// Figures of one domain under the names of `virsh domstats`, whatever the driver. Numbers that are negative
-// or no whole numbers are left out.
+// One sample of a domain's statistics, under the names of `virsh domstats` whatever the driver. Numbers that
+// are negative or not integers are left out.
 using Statistics = std::map<std::string, std::variant<std::uint64_t, std::string>, std::less<>>;
 
-// A read-only connection to a host, for one thread at a time. Every operation throws ApiError, and may wait
-// for as long as the host makes it wait.
+// A read-only connection to a host, for one thread at a time. Every operation throws ApiError and may block
+// without limit.
 class Connection {
   public:
     Connection() = default;
@@ -65,24 +65,24 @@ class Connection {
     Connection& operator=(const Connection&) = delete;
     virtual ~Connection() = default;
 
-    // Whether the connection still stands; one that does not never will again.
+    // Returns whether the connection is usable; a broken one stays broken.
     virtual bool IsAlive() = 0;
 
     virtual Host GetHost() = 0;
-    // Every domain; one that vanishes meanwhile is left out, and one that the host refuses to tell of has
-    // neither state nor XML. Asks nothing of the domains' own processes.
+    // Returns every domain. One that vanishes meanwhile is left out; one that cannot be read has neither
+    // state nor XML. Does not wait for the domains' processes.
     virtual std::vector<Domain> GetDomains() = 0;
-    // The XML of the active storage pools; none where the driver knows no storage.
+    // Returns the XML of the active storage pools; none where the driver has no storage.
     virtual std::vector<std::string> GetPools() = 0;
-    // Nothing when there is no such volume.
+    // Returns nothing when there is no such volume.
     virtual std::optional<Volume> FindVolume(const std::string& pool, const std::string& name) = 0;
-    // The CPU shares or the weight that the scheduler gives the domain, where it tells.
+    // Returns the CPU shares or the weight of the domain's scheduler parameters, where it has either.
     virtual std::optional<int> GetCpuShares(const std::string& uuid) = 0;
-    // Asks the domain's own process, and waits for it without end.
+    // Waits for the domain's process without limit.
     virtual Statistics GetStatistics(const std::string& uuid) = 0;
 };
 
-// Opens connections; may be used by any thread.
+// Opens connections. May be used by several threads at once.
 class Api {
   public:
     Api() = default;
@@ -90,10 +90,11 @@ class Api {
     Api& operator=(const Api&) = delete;
     virtual ~Api() = default;
 
+    // Throws ApiError; may block as long as the host does.
     virtual std::unique_ptr<Connection> Open(const std::string& uri) = 0;
 };
 
-// The installed libvirt.
+// Returns the installed libvirt. Throws ApiError.
 std::shared_ptr<Api> MakeApi();
 
 }  // namespace Vessad::Libvirt

@@ -4,27 +4,26 @@
 #include <stdexcept>
 
 #include "apps/vessad/backends/libvirt/Collector.h"
-#include "apps/vessad/backends/libvirt/Identities.h"
 #include "apps/vessad/backends/libvirt/LibvirtApi.h"
+#include "apps/vessad/backends/libvirt/VmIds.h"
 
 namespace Vessad {
 namespace {
 
-constexpr std::chrono::seconds firstWait{10};
+constexpr std::chrono::seconds firstTimeout{10};
 
 class LibvirtBackend final : public Backend {
   public:
     LibvirtBackend(const std::string& uri, const std::filesystem::path& stateDirectory)
-        : collector(Libvirt::MakeApi(), uri, Libvirt::Identities(stateDirectory),
-                    Libvirt::CollectorOptions{}) {
-        const auto failure = collector.WaitForFirst(firstWait);
+        : collector(Libvirt::MakeApi(), uri, Libvirt::VmIds(stateDirectory), Libvirt::CollectorOptions{}) {
+        const auto failure = collector.WaitForFirst(firstTimeout);
         if (failure && failure->IsPermanent()) {
             throw std::runtime_error("the libvirt URI " + uri + " cannot be used: " + failure->what());
         }
     }
 
     std::shared_ptr<const Inventory> GetInventory() override { return collector.Get(); }
-    void Reload() override { collector.Wake(); }
+    void Reload() override { collector.CollectNow(); }
 
   private:
     Libvirt::Collector collector;

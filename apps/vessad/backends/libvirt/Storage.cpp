@@ -38,8 +38,8 @@ bool LiesIn(std::string_view path, std::string_view directory) {
     return path.starts_with(directory) && (path.size() == directory.size() || path[directory.size()] == '/');
 }
 
-// `path`, which lies in `directory`, as seen from there.
-std::string Within(std::string_view path, std::string_view directory) {
+// `path`, which lies in `directory`, relative to it.
+std::string RelativeTo(std::string_view path, std::string_view directory) {
     path.remove_prefix(directory.size());
     while (path.starts_with('/')) {
         path.remove_prefix(1);
@@ -55,7 +55,7 @@ void PutInFront(std::deque<std::string>& names, const std::filesystem::path& pat
     names.insert(names.begin(), parts.begin(), parts.end());
 }
 
-// Whether following a link there asks nobody but this machine.
+// Whether reading a link there cannot hang on a server.
 bool IsSafeToRead(const Mount* mount) {
     constexpr std::array<std::string_view, 5> local{"tmpfs", "ramfs", "rootfs", "overlay", "devtmpfs"};
     return mount == nullptr || mount->IsBlockBacked() ||
@@ -126,7 +126,7 @@ Place Storage::Locate(const std::string& file) const {
         place.datastoreName = directory;
     }
     place.url = WithFinalSlash(directory);
-    place.relative = Within(path, directory);
+    place.relative = RelativeTo(path, directory);
 
     if (pool != nullptr && (pool->type == "netfs" || pool->type == "vstorage")) {
         return place;

@@ -14,7 +14,7 @@ struct Mount {
     std::string directory;  // absolute, without a final slash but for "/"
     std::string type;
 
-    // Whether the files lie on a device of this host: its source is one, or ZFS, which names its own.
+    // Whether the files lie on a device of this host: the source is a device, or a dataset of ZFS.
     bool IsBlockBacked() const;
 
     bool operator==(const Mount&) const = default;
@@ -30,10 +30,10 @@ struct Pool {
     bool operator==(const Pool&) const = default;
 };
 
-// This machine's mounts, those that hide others last. Empty when the table cannot be read.
+// Returns the mounts of this system, those that hide others last. Empty when `table` cannot be read.
 std::vector<Mount> ReadMounts(const char* table = "/proc/self/mounts");
 
-// The pool that libvirt's XML describes, or nothing for one that is no directory of files.
+// Returns the pool that libvirt's XML describes; nothing for one that is no directory of files, or no XML.
 std::optional<Pool> ParsePool(const std::string& xml);
 
 // Where a file lies.
@@ -42,21 +42,21 @@ struct Place {
     std::string datastoreName;
     std::string url;       // the datastore's directory with its final slash
     std::string relative;  // the file within it
-    // The device under the datastore; nothing for one that lies on no device of its host.
+    // The device below the datastore; nothing when it lies on no device of the host.
     std::optional<std::string> device;
 };
 
-// The host's storage at one moment. Immutable.
+// The host's storage at one moment. Immutable, so any thread may use it.
 class Storage {
   public:
-    // `mounts` is null for the storage of another machine, whose mounts cannot be seen.
+    // `mounts` is empty for a remote host, whose mounts cannot be seen.
     Storage(std::optional<std::vector<Mount>> mounts, std::vector<Pool> pools);
 
-    // The datastore of a file: the pool whose directory holds it, else the file system. On another machine
-    // a directory without a pool stands for both its datastore and its device.
+    // Returns the datastore of a file: the pool whose directory holds it, else the file system. On a remote
+    // host a directory without a pool stands for both its datastore and its device.
     //
-    // Symbolic links are followed, but never into a file system that is not block-backed: one that hangs must
-    // not hang the caller.
+    // Follows symbolic links, but reads none on a file system that may hang: neither block-backed nor in
+    // memory.
     Place Locate(const std::string& file) const;
 
     bool operator==(const Storage&) const = default;

@@ -1,4 +1,4 @@
-// Text from a host, made fit for the wire.
+// Text from a host, as XML can carry it.
 #pragma once
 
 #include <string>
@@ -6,7 +6,7 @@
 
 namespace Vessad::Libvirt {
 
-// `text` with U+FFFD in the place of every byte that XML cannot carry; text that it can carry is left alone.
+// Returns `text` with U+FFFD in place of every byte that XML cannot carry.
 std::string WireText(std::string_view text);
 
 }  // namespace Vessad::Libvirt

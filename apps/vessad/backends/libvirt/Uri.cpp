@@ -49,7 +49,7 @@ std::optional<std::string_view> Parameter(std::string_view parameters, std::stri
     return std::nullopt;
 }
 
-// The configuration directory of the user who runs this program, whose libvirt a session URI means.
+// A session URI means the libvirt of the user who runs this program.
 std::optional<std::string> UserConfigDirectory() {
     if (const char* directory = std::getenv("XDG_CONFIG_HOME"); directory != nullptr && *directory == '/') {
         return directory;

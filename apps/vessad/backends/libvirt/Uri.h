@@ -1,4 +1,4 @@
-// What a libvirt URI says of the host behind it.
+// What a libvirt URI says about the host behind it.
 #pragma once
 
 #include <optional>
@@ -7,11 +7,11 @@
 
 namespace Vessad::Libvirt {
 
-// Whether the URI names no other machine, so that the host's files are this machine's.
+// Returns whether the URI names no remote host, so that the host's files are those of this system.
 bool IsLocal(std::string_view uri);
 
-// The directory, with its final slash, where the URI's driver keeps the configurations of persistent domains;
-// nothing when the driver keeps none in files, or the place depends on a user of another machine.
+// Returns the directory, with its final slash, where the URI's driver keeps the configurations of persistent
+// domains; nothing when the driver keeps none in files, or the place depends on a user of a remote host.
 std::optional<std::string> ConfigDirectory(std::string_view uri);
 
 }  // namespace Vessad::Libvirt

@@ -1,4 +1,4 @@
-#include "apps/vessad/backends/libvirt/LeftBehind.h"
+#include "apps/vessad/backends/libvirt/SkipTeardown.h"
 
 #include <gtest/gtest.h>
 
@@ -19,8 +19,8 @@ struct Witness {
     static const Witness witness;
     std::atexit([] { std::fputs("handler ", stderr); });
     if (leaveBehind) {
-        LeaveThreadBehind();
-        LeaveThreadBehind();
+        SkipTeardownAtExit();
+        SkipTeardownAtExit();
     }
     std::exit(status);
 }

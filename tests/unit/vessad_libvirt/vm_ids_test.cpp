@@ -1,4 +1,4 @@
-#include "apps/vessad/backends/libvirt/Identities.h"
+#include "apps/vessad/backends/libvirt/VmIds.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -31,10 +31,10 @@ class IdentitiesTest : public testing::Test {
     std::filesystem::path File() const { return directory.GetPath() / "identities"; }
 
     // What the next daemon finds.
-    std::int32_t FindAfterRestart(std::optional<Identities>& identities, const std::string& uuid) const {
-        identities.reset();
-        identities.emplace(directory.GetPath());
-        return identities->Find(uuid);
+    std::int32_t FindAfterRestart(std::optional<VmIds>& vmIds, const std::string& uuid) const {
+        vmIds.reset();
+        vmIds.emplace(directory.GetPath());
+        return vmIds->Find(uuid);
     }
 
     VessadTest::TemporaryDirectory directory;
@@ -42,40 +42,40 @@ class IdentitiesTest : public testing::Test {
 };
 
 TEST_F(IdentitiesTest, AreGivenInTheOrderOfAskingFarEnoughApartForVirtualCpus) {
-    Identities identities(directory.GetPath());
-    identities.Admit({b, a});
-    EXPECT_EQ(identities.Find(b), 1000);
-    EXPECT_EQ(identities.Find(a), 2000);
-    EXPECT_EQ(identities.Find(c), 0);
+    VmIds vmIds(directory.GetPath());
+    vmIds.Admit({b, a});
+    EXPECT_EQ(vmIds.Find(b), 1000);
+    EXPECT_EQ(vmIds.Find(a), 2000);
+    EXPECT_EQ(vmIds.Find(c), 0);
 }
 
 TEST_F(IdentitiesTest, StayTheSameAfterARestart) {
-    Identities(directory.GetPath()).Admit({a, b});
-    Identities identities(directory.GetPath());
-    EXPECT_EQ(identities.Find(a), 1000);
-    EXPECT_EQ(identities.Find(b), 2000);
-    identities.Admit({c, b, a});
-    EXPECT_EQ(identities.Find(a), 1000);
-    EXPECT_EQ(identities.Find(c), 3000);
+    VmIds(directory.GetPath()).Admit({a, b});
+    VmIds vmIds(directory.GetPath());
+    EXPECT_EQ(vmIds.Find(a), 1000);
+    EXPECT_EQ(vmIds.Find(b), 2000);
+    vmIds.Admit({c, b, a});
+    EXPECT_EQ(vmIds.Find(a), 1000);
+    EXPECT_EQ(vmIds.Find(c), 3000);
     EXPECT_THAT(log.GetText(), IsEmpty());
 }
 
 TEST_F(IdentitiesTest, OfAMachineThatHasGoneAreNeverGivenToAnother) {
-    std::optional<Identities> identities(directory.GetPath());
-    identities->Admit({a, b});
-    identities->Admit({});
-    identities->Admit({c});
-    EXPECT_EQ(identities->Find(c), 3000);
+    std::optional<VmIds> vmIds(directory.GetPath());
+    vmIds->Admit({a, b});
+    vmIds->Admit({});
+    vmIds->Admit({c});
+    EXPECT_EQ(vmIds->Find(c), 3000);
     const std::string d = "00000000-0000-4000-8000-00000000000d";
-    EXPECT_EQ(FindAfterRestart(identities, c), 3000);
-    identities->Admit({d});
-    EXPECT_EQ(identities->Find(d), 4000);
-    identities->Admit({b, d});
-    EXPECT_EQ(identities->Find(b), 2000) << "it came back";
+    EXPECT_EQ(FindAfterRestart(vmIds, c), 3000);
+    vmIds->Admit({d});
+    EXPECT_EQ(vmIds->Find(d), 4000);
+    vmIds->Admit({b, d});
+    EXPECT_EQ(vmIds->Find(b), 2000) << "it came back";
 }
 
 TEST_F(IdentitiesTest, AreWrittenAsTextThatOnlyTheOwnerReads) {
-    Identities(directory.GetPath()).Admit({a});
+    VmIds(directory.GetPath()).Admit({a});
     EXPECT_EQ(ReadAll(File()), "tovric-vessad identities 1\nnext 2000\n1000 " + a + "\n");
     struct stat status {};
     ASSERT_EQ(::stat(File().c_str(), &status), 0);
@@ -84,56 +84,56 @@ TEST_F(IdentitiesTest, AreWrittenAsTextThatOnlyTheOwnerReads) {
 
 TEST_F(IdentitiesTest, MakeTheirDirectory) {
     const auto below = directory.GetPath() / "state" / "vessad";
-    Identities(below).Admit({a});
-    EXPECT_EQ(Identities(below).Find(a), 1000);
+    VmIds(below).Admit({a});
+    EXPECT_EQ(VmIds(below).Find(a), 1000);
 }
 
 TEST_F(IdentitiesTest, RefuseADirectoryThatIsAFile) {
     WriteAll(directory.GetPath() / "file", "");
-    EXPECT_THROW(Identities(directory.GetPath() / "file"), std::runtime_error);
+    EXPECT_THROW(VmIds(directory.GetPath() / "file"), std::runtime_error);
 }
 
 TEST_F(IdentitiesTest, RefuseAFileThatCannotBeRead) {
     std::filesystem::create_directory(File());
-    EXPECT_THROW(Identities(directory.GetPath()), std::runtime_error);
+    EXPECT_THROW(VmIds(directory.GetPath()), std::runtime_error);
 }
 
 // A directory in the way of the new file makes every write fail, also as root.
 TEST_F(IdentitiesTest, ShowNoNumberThatIsNotSafeAndTryAgain) {
-    std::optional<Identities> identities(directory.GetPath());
-    identities->Admit({a});
+    std::optional<VmIds> vmIds(directory.GetPath());
+    vmIds->Admit({a});
     const auto obstacle = directory.GetPath() / "identities.new";
     std::filesystem::create_directory(obstacle);
-    identities->Admit({a, b});
-    identities->Admit({a, b, c});
-    EXPECT_EQ(identities->Find(a), 1000);
-    EXPECT_EQ(identities->Find(b), 0);
-    EXPECT_EQ(identities->Find(c), 0);
-    EXPECT_THAT(log.GetText(), HasSubstr("error cannot write " + obstacle.string()));
+    vmIds->Admit({a, b});
+    vmIds->Admit({a, b, c});
+    EXPECT_EQ(vmIds->Find(a), 1000);
+    EXPECT_EQ(vmIds->Find(b), 0);
+    EXPECT_EQ(vmIds->Find(c), 0);
+    EXPECT_THAT(log.GetText(), HasSubstr("error VM ids are not saved: cannot write " + obstacle.string()));
     EXPECT_EQ(log.GetText().find("cannot write"), log.GetText().rfind("cannot write")) << "told once";
 
     std::filesystem::remove(obstacle);
-    identities->Admit({a, b});
-    EXPECT_EQ(identities->Find(b), 2000);
-    EXPECT_EQ(FindAfterRestart(identities, b), 2000);
+    vmIds->Admit({a, b});
+    EXPECT_EQ(vmIds->Find(b), 2000);
+    EXPECT_EQ(FindAfterRestart(vmIds, b), 2000);
 }
 
 TEST_F(IdentitiesTest, OfKnownMachinesNeedNoWrite) {
-    Identities(directory.GetPath()).Admit({a});
+    VmIds(directory.GetPath()).Admit({a});
     const auto obstacle = directory.GetPath() / "identities.new";
     std::filesystem::create_directory(obstacle);
-    Identities identities(directory.GetPath());
-    identities.Admit({a});
-    EXPECT_EQ(identities.Find(a), 1000);
+    VmIds vmIds(directory.GetPath());
+    vmIds.Admit({a});
+    EXPECT_EQ(vmIds.Find(a), 1000);
     EXPECT_THAT(log.GetText(), IsEmpty());
-    identities.Admit({a, b});
-    EXPECT_EQ(identities.Find(b), 0);
-    EXPECT_THAT(log.GetText(), HasSubstr("1 new machines stay hidden until their ids are kept"));
+    vmIds.Admit({a, b});
+    EXPECT_EQ(vmIds.Find(b), 0);
+    EXPECT_THAT(log.GetText(), HasSubstr("; 1 new VMs stay hidden until they are"));
 }
 
 TEST_F(IdentitiesTest, KeepTheOldFileWhileTheDiskIsFull) {
-    std::optional<Identities> identities(directory.GetPath());
-    identities->Admit({a});
+    std::optional<VmIds> vmIds(directory.GetPath());
+    vmIds->Admit({a});
     const std::string before = ReadAll(File());
 
     // A write that stops in the middle, as on a full disk.
@@ -142,42 +142,42 @@ TEST_F(IdentitiesTest, KeepTheOldFileWhileTheDiskIsFull) {
     const rlimit small{before.size() + 5, limit.rlim_max};
     const auto handler = std::signal(SIGXFSZ, SIG_IGN);
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
-    identities->Admit({a, b});
+    vmIds->Admit({a, b});
     EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
     std::signal(SIGXFSZ, handler);
 
     EXPECT_EQ(ReadAll(File()), before);
-    EXPECT_EQ(identities->Find(a), 1000);
-    EXPECT_EQ(identities->Find(b), 0);
-    EXPECT_THAT(log.GetText(), HasSubstr("error cannot write "));
-    identities->Admit({a, b});
-    EXPECT_EQ(FindAfterRestart(identities, b), 2000);
+    EXPECT_EQ(vmIds->Find(a), 1000);
+    EXPECT_EQ(vmIds->Find(b), 0);
+    EXPECT_THAT(log.GetText(), HasSubstr("error VM ids are not saved: cannot write "));
+    vmIds->Admit({a, b});
+    EXPECT_EQ(FindAfterRestart(vmIds, b), 2000);
 }
 
 TEST_F(IdentitiesTest, AreOneDaemonsAtATime) {
-    std::optional<Identities> first(directory.GetPath());
+    std::optional<VmIds> first(directory.GetPath());
     try {
-        Identities second(directory.GetPath());
+        VmIds second(directory.GetPath());
         ADD_FAILURE() << "the directory is shared";
     } catch (const std::runtime_error& error) {
         EXPECT_THAT(error.what(), HasSubstr("is in use by another daemon"));
     }
     first.reset();
-    EXPECT_NO_THROW(Identities(directory.GetPath()));
+    EXPECT_NO_THROW(VmIds(directory.GetPath()));
 }
 
 TEST_F(IdentitiesTest, OfADamagedFileAreTakenOverAsFarAsTheyCanBeReadAndTheFileIsKept) {
     const std::string damaged = "tovric-vessad identities 1\nnext 7000\n1000 " + a + "\n2000 0000\n3000 " + b;
     WriteAll(File(), damaged);
-    std::optional<Identities> identities(directory.GetPath());
+    std::optional<VmIds> vmIds(directory.GetPath());
     EXPECT_EQ(ReadAll(directory.GetPath() / "identities.damaged-1"), damaged);
-    EXPECT_EQ(identities->Find(a), 1000);
-    EXPECT_EQ(identities->Find(b), 3000);
-    identities->Admit({c});
-    EXPECT_EQ(identities->Find(c), 1007000);
-    EXPECT_THAT(log.GetText(), HasSubstr("error " + File().string() + " is damaged and kept as " +
-                                         File().string() + ".damaged-1: 2 machines keep their ids"));
-    EXPECT_EQ(FindAfterRestart(identities, c), 1007000);
+    EXPECT_EQ(vmIds->Find(a), 1000);
+    EXPECT_EQ(vmIds->Find(b), 3000);
+    vmIds->Admit({c});
+    EXPECT_EQ(vmIds->Find(c), 1007000);
+    EXPECT_THAT(log.GetText(), HasSubstr("error The damaged " + File().string() + " is kept as " +
+                                         File().string() + ".damaged-1: 2 VMs keep their ids"));
+    EXPECT_EQ(FindAfterRestart(vmIds, c), 1007000);
 }
 
 TEST_F(IdentitiesTest, LeaveADamagedFileInItsPlaceUntilASoundOneTakesIt) {
@@ -185,25 +185,25 @@ TEST_F(IdentitiesTest, LeaveADamagedFileInItsPlaceUntilASoundOneTakesIt) {
     WriteAll(File(), damaged);
     const auto obstacle = directory.GetPath() / "identities.new";
     std::filesystem::create_directory(obstacle);
-    EXPECT_THROW(Identities(directory.GetPath()), std::runtime_error);
+    EXPECT_THROW(VmIds(directory.GetPath()), std::runtime_error);
     EXPECT_EQ(ReadAll(File()), damaged);
     EXPECT_THAT(FilesIn(directory.GetPath()), UnorderedElementsAre("identities", "identities.new"));
     std::filesystem::remove(obstacle);
-    EXPECT_EQ(Identities(directory.GetPath()).Find(a), 5000);
+    EXPECT_EQ(VmIds(directory.GetPath()).Find(a), 5000);
     EXPECT_EQ(ReadAll(directory.GetPath() / "identities.damaged-1"), damaged);
 }
 
 TEST_F(IdentitiesTest, StaySoundWhenTheNumbersBehindADamagedFileRunOut) {
     WriteAll(File(), "tovric-vessad identities 1\nnext 2147483000\nrubbish\n");
-    Identities(directory.GetPath()).Admit({a});
-    EXPECT_EQ(Identities(directory.GetPath()).Find(a), 0);
+    VmIds(directory.GetPath()).Admit({a});
+    EXPECT_EQ(VmIds(directory.GetPath()).Find(a), 0);
     EXPECT_THAT(FilesIn(directory.GetPath()), UnorderedElementsAre("identities", "identities.damaged-1"));
 }
 
 TEST_F(IdentitiesTest, NeverOverwriteADamagedFileThatIsKept) {
     for (const char* const damaged : {"first", "second"}) {
         WriteAll(File(), damaged);
-        const Identities started(directory.GetPath());
+        const VmIds started(directory.GetPath());
     }
     EXPECT_EQ(ReadAll(directory.GetPath() / "identities.damaged-1"), "first");
     EXPECT_EQ(ReadAll(directory.GetPath() / "identities.damaged-2"), "second");
@@ -225,21 +225,21 @@ TEST_F(IdentitiesTest, AreSoundOnlyWithoutRepetitions) {
         const VessadTest::LogLines own;
         const VessadTest::TemporaryDirectory fresh;
         WriteAll(fresh.GetPath() / "identities", text);
-        Identities identities(fresh.GetPath());
-        EXPECT_THAT(own.GetText(), HasSubstr("is damaged")) << text;
+        VmIds vmIds(fresh.GetPath());
+        EXPECT_THAT(own.GetText(), HasSubstr("The damaged")) << text;
         EXPECT_EQ(ReadAll(fresh.GetPath() / "identities.damaged-1"), text);
     }
 }
 
 TEST_F(IdentitiesTest, EndWithTheLargestNumberThatAnAgentCanShow) {
     WriteAll(File(), "tovric-vessad identities 1\nnext 2147483000\n");
-    std::optional<Identities> identities(directory.GetPath());
-    identities->Admit({a, b});
-    EXPECT_EQ(identities->Find(a), 2147483000);
-    EXPECT_EQ(identities->Find(b), 0);
-    EXPECT_THAT(log.GetText(), HasSubstr("no machine id is left"));
+    std::optional<VmIds> vmIds(directory.GetPath());
+    vmIds->Admit({a, b});
+    EXPECT_EQ(vmIds->Find(a), 2147483000);
+    EXPECT_EQ(vmIds->Find(b), 0);
+    EXPECT_THAT(log.GetText(), HasSubstr("No VM id is left"));
     EXPECT_THAT(log.GetText(), Not(HasSubstr("damaged")));
-    EXPECT_EQ(FindAfterRestart(identities, a), 2147483000);
+    EXPECT_EQ(FindAfterRestart(vmIds, a), 2147483000);
     EXPECT_THAT(log.GetText(), Not(HasSubstr("damaged")));
 }
 

@@ -1,4 +1,4 @@
-#include "apps/vessad/backends/libvirt/PlainStatistics.h"
+#include "apps/vessad/backends/libvirt/LegacyStatistics.h"
 
 #include <algorithm>
 #include <array>
@@ -11,7 +11,7 @@
 namespace Vessad::Libvirt {
 namespace {
 
-// Reports -1 where the driver has no figure.
+// libvirt reports -1 for what the driver does not have.
 void Put(Statistics& statistics, const std::string& name, long long value) {
     if (value >= 0) {
         statistics[name] = static_cast<std::uint64_t>(value);
@@ -29,26 +29,26 @@ void PutCpus(virDomainPtr domain, Statistics& statistics) {
         const virVcpuInfo& cpu = cpus[static_cast<std::size_t>(index)];
         statistics["vcpu." + std::to_string(cpu.number) + ".time"] = std::uint64_t{cpu.cpuTime};
     }
-    // One CPU has used all that the machine has used.
+    // The only CPU has used all that the domain has used.
     if (count < 0 && info.nrVirtCpu == 1) {
         statistics["vcpu.0.time"] = std::uint64_t{info.cpuTime};
     }
 }
 
 void PutMemory(virDomainPtr domain, Statistics& statistics) {
-    std::array<virDomainMemoryStatStruct, VIR_DOMAIN_MEMORY_STAT_NR> figures{};
-    const int count = virDomainMemoryStats(domain, figures.data(), figures.size(), 0);
+    std::array<virDomainMemoryStatStruct, VIR_DOMAIN_MEMORY_STAT_NR> stats{};
+    const int count = virDomainMemoryStats(domain, stats.data(), stats.size(), 0);
     for (int index = 0; index < count; ++index) {
-        const auto& figure = figures[static_cast<std::size_t>(index)];
-        switch (figure.tag) {
+        const auto& stat = stats[static_cast<std::size_t>(index)];
+        switch (stat.tag) {
             case VIR_DOMAIN_MEMORY_STAT_AVAILABLE:
-                statistics["balloon.available"] = std::uint64_t{figure.val};
+                statistics["balloon.available"] = std::uint64_t{stat.val};
                 break;
             case VIR_DOMAIN_MEMORY_STAT_UNUSED:
-                statistics["balloon.unused"] = std::uint64_t{figure.val};
+                statistics["balloon.unused"] = std::uint64_t{stat.val};
                 break;
             case VIR_DOMAIN_MEMORY_STAT_RSS:
-                statistics["balloon.rss"] = std::uint64_t{figure.val};
+                statistics["balloon.rss"] = std::uint64_t{stat.val};
                 break;
             default:
                 break;
@@ -57,34 +57,34 @@ void PutMemory(virDomainPtr domain, Statistics& statistics) {
 }
 
 void PutDisk(virDomainPtr domain, const std::string& target, int index, Statistics& statistics) {
-    virDomainBlockStatsStruct figures{};
-    if (virDomainBlockStats(domain, target.c_str(), &figures, sizeof figures) < 0) {
+    virDomainBlockStatsStruct stats{};
+    if (virDomainBlockStats(domain, target.c_str(), &stats, sizeof stats) < 0) {
         return;
     }
     const std::string prefix = "block." + std::to_string(index) + ".";
     statistics[prefix + "name"] = target;
-    Put(statistics, prefix + "rd.reqs", figures.rd_req);
-    Put(statistics, prefix + "rd.bytes", figures.rd_bytes);
-    Put(statistics, prefix + "wr.reqs", figures.wr_req);
-    Put(statistics, prefix + "wr.bytes", figures.wr_bytes);
+    Put(statistics, prefix + "rd.reqs", stats.rd_req);
+    Put(statistics, prefix + "rd.bytes", stats.rd_bytes);
+    Put(statistics, prefix + "wr.reqs", stats.wr_req);
+    Put(statistics, prefix + "wr.bytes", stats.wr_bytes);
 }
 
 void PutCard(virDomainPtr domain, const std::string& device, int index, Statistics& statistics) {
-    virDomainInterfaceStatsStruct figures{};
-    if (virDomainInterfaceStats(domain, device.c_str(), &figures, sizeof figures) < 0) {
+    virDomainInterfaceStatsStruct stats{};
+    if (virDomainInterfaceStats(domain, device.c_str(), &stats, sizeof stats) < 0) {
         return;
     }
     const std::string prefix = "net." + std::to_string(index) + ".";
     statistics[prefix + "name"] = device;
-    Put(statistics, prefix + "rx.bytes", figures.rx_bytes);
-    Put(statistics, prefix + "rx.pkts", figures.rx_packets);
-    Put(statistics, prefix + "tx.bytes", figures.tx_bytes);
-    Put(statistics, prefix + "tx.pkts", figures.tx_packets);
+    Put(statistics, prefix + "rx.bytes", stats.rx_bytes);
+    Put(statistics, prefix + "rx.pkts", stats.rx_packets);
+    Put(statistics, prefix + "tx.bytes", stats.tx_bytes);
+    Put(statistics, prefix + "tx.pkts", stats.tx_packets);
 }
 
 }  // namespace
 
-Statistics PlainStatistics(virDomainPtr domain) {
+Statistics LegacyStatistics(virDomainPtr domain) {
     Statistics statistics;
     PutCpus(domain, statistics);
     PutMemory(domain, statistics);

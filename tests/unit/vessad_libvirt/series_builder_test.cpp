@@ -1,4 +1,4 @@
-#include "apps/vessad/backends/libvirt/Figures.h"
+#include "apps/vessad/backends/libvirt/SeriesBuilder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,7 +16,7 @@ using Name = std::pair<std::string, std::string>;
 std::map<Name, std::int64_t> FiguresOf(const Statistics& statistics, const DomainDescription& domain) {
     const CounterKeys keys = KeysOf(StandardCounters());
     std::map<Name, std::int64_t> figures;
-    for (const Series& series : MakeSeries(statistics, domain, keys)) {
+    for (const Series& series : BuildSeries(statistics, domain, keys)) {
         EXPECT_EQ(series.perSecond, 0);
         for (const auto& [name, key] : keys) {
             if (key == series.counterKey) {
@@ -120,7 +120,7 @@ TEST(Figures, OfCardsGoByTheirKeysInTheGuestsDirection) {
 }
 
 TEST(Figures, BeyondTheCatalogueAreLeftOut) {
-    EXPECT_THAT(MakeSeries(Numbers({{"vcpu.0.time", 1}}), {}, {}), IsEmpty());
+    EXPECT_THAT(BuildSeries(Numbers({{"vcpu.0.time", 1}}), {}, {}), IsEmpty());
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "apps/vessad/backends/libvirt/Figures.h"
+#include "apps/vessad/backends/libvirt/SeriesBuilder.h"
 
 #include <charconv>
 #include <cstdint>
@@ -20,7 +20,7 @@ std::optional<std::uint64_t> Number(const Statistics& statistics, const std::str
     return number == nullptr ? std::nullopt : std::optional(*number);
 }
 
-// The numbers n of the entries "GROUP.n.…", in order.
+// Returns the numbers n of the names "GROUPn.…", in order; `group` ends with a dot.
 std::set<int> Entries(const Statistics& statistics, std::string_view group) {
     std::set<int> entries;
     for (auto at = statistics.lower_bound(group); at != statistics.end() && at->first.starts_with(group);
@@ -35,7 +35,7 @@ std::set<int> Entries(const Statistics& statistics, std::string_view group) {
     return entries;
 }
 
-// The prefix of the entry of `group` whose name is `name`: "net.0.".
+// Returns the prefix of the entry of `group` whose name is `name`, such as "net.0.".
 std::optional<std::string> FindEntry(const Statistics& statistics, const std::string& group,
                                      const std::string& name) {
     for (const int entry : Entries(statistics, group)) {
@@ -48,12 +48,12 @@ std::optional<std::string> FindEntry(const Statistics& statistics, const std::st
     return std::nullopt;
 }
 
-class Maker {
+class Builder {
   public:
-    Maker(const Statistics& statistics, const DomainDescription& domain, const CounterKeys& keys)
+    Builder(const Statistics& statistics, const DomainDescription& domain, const CounterKeys& keys)
         : statistics(statistics), domain(domain), keys(keys) {}
 
-    std::vector<Series> Make() {
+    std::vector<Series> Build() {
         AddCpus();
         AddMemory();
         AddDisks(Hask::Counters::diskNumberRead, "rd.reqs", 1);
@@ -95,11 +95,11 @@ class Maker {
         }
     }
 
-    void AddDisks(const Hask::Counters::Counter& counter, const std::string& figure, std::uint64_t unit) {
+    void AddDisks(const Hask::Counters::Counter& counter, const std::string& statistic, std::uint64_t unit) {
         std::map<std::string, std::uint64_t> sums;
         for (const auto& disk : domain.disks) {
             const auto entry = FindEntry(statistics, "block.", disk.target);
-            const auto value = entry ? Number(statistics, *entry + figure) : std::nullopt;
+            const auto value = entry ? Number(statistics, *entry + statistic) : std::nullopt;
             if (value) {
                 sums[disk.name] += *value;
             }
@@ -109,13 +109,13 @@ class Maker {
         }
     }
 
-    void AddCards(const Hask::Counters::Counter& counter, const std::string& figure, std::uint64_t unit) {
+    void AddCards(const Hask::Counters::Counter& counter, const std::string& statistic, std::uint64_t unit) {
         for (const auto& card : domain.cards) {
             if (card.device.empty()) {
                 continue;
             }
             const auto entry = FindEntry(statistics, "net.", card.device);
-            if (const auto value = entry ? Number(statistics, *entry + figure) : std::nullopt) {
+            if (const auto value = entry ? Number(statistics, *entry + statistic) : std::nullopt) {
                 Add(counter, std::to_string(card.key), *value / unit);
             }
         }
@@ -139,9 +139,9 @@ CounterKeys KeysOf(const std::vector<Tessim::Ref<Hask::PerformanceManager::Count
     return keys;
 }
 
-std::vector<Series> MakeSeries(const Statistics& statistics, const DomainDescription& domain,
-                               const CounterKeys& keys) {
-    return Maker(statistics, domain, keys).Make();
+std::vector<Series> BuildSeries(const Statistics& statistics, const DomainDescription& domain,
+                                const CounterKeys& keys) {
+    return Builder(statistics, domain, keys).Build();
 }
 
 }  // namespace Vessad::Libvirt

@@ -1,4 +1,4 @@
-#include "apps/vessad/backends/libvirt/Identities.h"
+#include "apps/vessad/backends/libvirt/VmIds.h"
 
 #include <fcntl.h>
 #include <spdlog/spdlog.h>
@@ -23,8 +23,8 @@ namespace {
 constexpr std::string_view heading = "tovric-vessad identities 1";
 constexpr std::string_view nextWord = "next ";
 constexpr std::int64_t largest = std::numeric_limits<std::int32_t>::max();
-// How many numbers are left out behind a damaged file, for machines whose lines are lost.
-constexpr std::int64_t lostNumbers = 1000;
+// How many numbers are left out after a damaged file, for VMs whose lines are lost.
+constexpr std::int64_t skippedNumbers = 1000;
 constexpr std::size_t uuidLength = 36;
 
 std::runtime_error Failure(const std::string& what, const std::filesystem::path& path) {
@@ -96,24 +96,24 @@ void Sync(int descriptor, const std::filesystem::path& path) {
     }
 }
 
-// The directory, which no other daemon may use meanwhile: two would give one number to two machines.
+// Two daemons in one directory would assign one number to two VMs.
 Tessim::FileDescriptor OpenLocked(const std::filesystem::path& directory) {
-    Tessim::FileDescriptor folder(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!folder) {
+    Tessim::FileDescriptor descriptor(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!descriptor) {
         throw Failure("cannot open the state directory", directory);
     }
-    if (::flock(folder.Get(), LOCK_EX | LOCK_NB) < 0) {
+    if (::flock(descriptor.Get(), LOCK_EX | LOCK_NB) < 0) {
         if (errno == EWOULDBLOCK) {
             throw std::runtime_error("the state directory " + directory.string() +
                                      " is in use by another daemon");
         }
         throw Failure("cannot lock the state directory", directory);
     }
-    return folder;
+    return descriptor;
 }
 
-// A name beside `file` that is free.
-std::filesystem::path NameAside(const std::filesystem::path& file) {
+// Returns an unused name beside `file`.
+std::filesystem::path NameForDamaged(const std::filesystem::path& file) {
     for (int number = 1;; ++number) {
         std::filesystem::path name = file;
         name += ".damaged-" + std::to_string(number);
@@ -125,15 +125,14 @@ std::filesystem::path NameAside(const std::filesystem::path& file) {
 
 }  // namespace
 
-Identities::Identities(const std::filesystem::path& directory)
-    : directory(directory), file(directory / "identities") {
+VmIds::VmIds(const std::filesystem::path& directory) : directory(directory), file(directory / "identities") {
     std::error_code error;
     std::filesystem::create_directories(directory, error);
     if (error) {
-        throw std::runtime_error("cannot make the state directory " + directory.string() + ": " +
+        throw std::runtime_error("cannot create the state directory " + directory.string() + ": " +
                                  error.message());
     }
-    folder = OpenLocked(directory);
+    lock = OpenLocked(directory);
     const auto text = ReadFile(file);
     if (!text) {
         Save();
@@ -142,66 +141,64 @@ Identities::Identities(const std::filesystem::path& directory)
     }
 }
 
-// The damaged file stays in its place until a sound one takes it, so that no number is given a second time
-// whatever goes wrong between.
-void Identities::Repair() {
-    const auto aside = NameAside(file);
+// The damaged file keeps its name until a valid one replaces it, so that no number is assigned a second time
+// whatever fails in between.
+void VmIds::Repair() {
+    const auto kept = NameForDamaged(file);
     std::error_code error;
-    std::filesystem::create_hard_link(file, aside, error);
+    std::filesystem::create_hard_link(file, kept, error);
     if (error) {
-        throw std::runtime_error("the damaged file " + file.string() +
-                                 " cannot be put aside: " + error.message());
+        throw std::runtime_error("the damaged file " + file.string() + " cannot be kept: " + error.message());
     }
-    next = std::min(next + lostNumbers * step, largest + step);
+    next = std::min(next + skippedNumbers * step, largest + step);
     try {
         Save();
     } catch (const std::runtime_error&) {
-        std::filesystem::remove(aside, error);
+        std::filesystem::remove(kept, error);
         throw;
     }
-    spdlog::error(
-        "{} is damaged and kept as {}: {} machines keep their ids, any other gets a new one, from {} on",
-        file.string(), aside.string(), numbers.size(), next);
+    spdlog::error("The damaged {} is kept as {}: {} VMs keep their ids, others get new ones from {} on",
+                  file.string(), kept.string(), numbers.size(), next);
 }
 
-bool Identities::Parse(const std::string& text) {
-    bool sound = text.ends_with('\n');
+bool VmIds::Parse(const std::string& text) {
+    bool valid = text.ends_with('\n');
     std::istringstream lines(text);
     std::string line;
-    sound = std::getline(lines, line) && line == heading && sound;
+    valid = std::getline(lines, line) && line == heading && valid;
     std::int64_t written = 0;
     std::set<std::int32_t> taken;
     while (std::getline(lines, line)) {
         const std::string_view view = line;
         if (view.starts_with(nextWord) && written == 0) {
             written = ParseNumber(view.substr(nextWord.size()), largest + step);
-            sound = written != 0 && sound;
+            valid = written != 0 && valid;
             continue;
         }
         const auto blank = std::min(view.find(' '), view.size());
         const auto number = static_cast<std::int32_t>(ParseNumber(view.substr(0, blank), largest));
         const std::string uuid(view.substr(std::min(blank + 1, view.size())));
         if (number == 0 || !IsUuid(uuid) || numbers.contains(uuid) || taken.contains(number)) {
-            sound = false;
+            valid = false;
             continue;
         }
         numbers.emplace(uuid, number);
         taken.insert(number);
         next = std::max<std::int64_t>(next, std::int64_t{number} + step);
     }
-    sound = sound && written >= next;
+    valid = valid && written >= next;
     next = std::max(next, written);
-    return sound;
+    return valid;
 }
 
-void Identities::Admit(const std::vector<std::string>& uuids) {
+void VmIds::Admit(const std::vector<std::string>& uuids) {
     for (const std::string& uuid : uuids) {
         if (numbers.contains(uuid)) {
             continue;
         }
         if (next > largest) {
             if (!full) {
-                spdlog::error("no machine id is left; {} and every later machine stays hidden", uuid);
+                spdlog::error("No VM id is left, {} and every later VM stay hidden", uuid);
             }
             full = true;
             break;
@@ -219,26 +216,26 @@ void Identities::Admit(const std::vector<std::string>& uuids) {
         saveFails = false;
     } catch (const std::runtime_error& error) {
         if (!saveFails) {
-            spdlog::error("{}; {} new machines stay hidden until their ids are kept", error.what(),
+            spdlog::error("VM ids are not saved: {}; {} new VMs stay hidden until they are", error.what(),
                           unsaved.size());
         }
         saveFails = true;
     }
 }
 
-std::int32_t Identities::Find(const std::string& uuid) const {
+std::int32_t VmIds::Find(const std::string& uuid) const {
     const auto found = numbers.find(uuid);
     return found == numbers.end() || unsaved.contains(uuid) ? 0 : found->second;
 }
 
-void Identities::Save() const {
+void VmIds::Save() const {
     std::string text = std::string(heading) + "\n" + std::string(nextWord) + std::to_string(next) + "\n";
     for (const auto& [uuid, number] : numbers) {
         text += std::to_string(number) + " " + uuid + "\n";
     }
     std::filesystem::path fresh = file;
     fresh += ".new";
-    // One that a crash left behind is of no use to anybody.
+    // Left by a crash, if it is there.
     ::unlink(fresh.c_str());
     const Tessim::FileDescriptor descriptor(
         ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
@@ -250,7 +247,7 @@ void Identities::Save() const {
     if (::rename(fresh.c_str(), file.c_str()) < 0) {
         throw Failure("cannot write", file);
     }
-    Sync(folder.Get(), directory);
+    Sync(lock.Get(), directory);
 }
 
 }  // namespace Vessad::Libvirt

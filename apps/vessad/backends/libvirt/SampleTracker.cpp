@@ -1,0 +1,168 @@
+#include "apps/vessad/backends/libvirt/SampleTracker.h"
+
+#include <spdlog/spdlog.h>
+
+#include <algorithm>
+#include <iomanip>
+#include <set>
+#include <sstream>
+#include <utility>
+
+namespace Vessad::Libvirt {
+namespace {
+
+constexpr std::size_t wantedThreads = 4;
+// Every call that waits for a domain also holds one of the host's own threads, of which libvirtd has 20.
+constexpr std::size_t maxThreads = 12;
+
+std::string LocalTime(std::chrono::system_clock::time_point moment) {
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(moment);
+    std::tm parts{};
+    localtime_r(&seconds, &parts);
+    std::ostringstream text;
+    text << std::put_time(&parts, "%Y-%m-%d %H:%M:%S");
+    return text.str();
+}
+
+}  // namespace
+
+void SampleTracker::StartRound(const std::vector<SampledDomain>& domains, TimePoint now) {
+    ++round;
+    lastProgress = now;
+    samples.clear();
+    RemoveUnresponsiveExcept(domains);
+    for (const SampledDomain& domain : domains) {
+        if (!IsInCall(domain.uuid)) {
+            queue.push_back(domain);
+        }
+    }
+}
+
+void SampleTracker::MarkLateCalls(TimePoint now) {
+    for (auto& [id, call] : calls) {
+        const bool known = unresponsive.contains(call.domain.uuid);
+        if (call.late || (!known && now < call.begun + timeouts.call)) {
+            continue;
+        }
+        call.late = true;
+        lastProgress = now;
+        --available;
+        if (!known) {
+            const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(now - call.begun);
+            const auto since = std::chrono::system_clock::now() - waited;
+            unresponsive[call.domain.uuid] = {call.domain.name, since};
+            spdlog::warn("VM {} ({}) has not responded since {}, it has no statistics until it does",
+                         call.domain.name, call.domain.uuid, LocalTime(since));
+        }
+    }
+}
+
+std::optional<SampleTracker::TimePoint> SampleTracker::NextCheck(TimePoint now) {
+    if (stopping) {
+        return std::nullopt;
+    }
+    TimePoint next = now + timeouts.call;
+    bool isWaiting = false;
+    for (const auto& [id, call] : calls) {
+        if (!call.late) {
+            isWaiting = true;
+            next = std::min<TimePoint>(next, call.begun + timeouts.call);
+        }
+    }
+    if (isWaiting) {
+        lastProgress = now;
+    } else if (queue.empty() || available == 0 || now >= lastProgress + timeouts.open) {
+        return std::nullopt;
+    }
+    return std::min<TimePoint>(next, lastProgress + timeouts.open);
+}
+
+std::map<std::string, Statistics> SampleTracker::EndRound() {
+    if (available > 0) {
+        shortage = false;
+    } else if (!queue.empty() && !stopping && !shortage) {
+        spdlog::error("{} VMs do not respond, no other VM has statistics until one of them does",
+                      unresponsive.size());
+        shortage = true;
+    }
+    queue.clear();
+    return std::exchange(samples, {});
+}
+
+bool SampleTracker::AddThread() {
+    if (stopping || available >= wantedThreads || threads >= maxThreads) {
+        return false;
+    }
+    ++available;
+    ++threads;
+    return true;
+}
+
+SampleTracker::Call SampleTracker::StartCall(TimePoint now) {
+    const int id = ++lastCall;
+    const auto& call =
+        calls.emplace(id, RunningCall{std::move(queue.front()), now, round, false}).first->second;
+    queue.pop_front();
+    return {id, call.domain.uuid};
+}
+
+bool SampleTracker::EndCall(int id, SampleResult result, TimePoint now) {
+    const RunningCall call = std::move(calls.extract(id).mapped());
+    if (stopping) {
+        return false;
+    }
+    lastProgress = now;
+    if (result.statistics) {
+        MarkResponsive(call.domain.uuid);
+        if (call.round == round && !call.late) {
+            samples[call.domain.uuid] = std::move(*result.statistics);
+        }
+    } else if (result.connectionBroke) {
+        queue.clear();
+    } else {
+        spdlog::debug("VM {} ({}) has no statistics: {}", call.domain.name, call.domain.uuid, result.error);
+    }
+    if (call.late) {
+        if (available >= wantedThreads) {
+            return false;
+        }
+        ++available;
+    }
+    return true;
+}
+
+void SampleTracker::Stop() {
+    stopping = true;
+    queue.clear();
+}
+
+bool SampleTracker::IsInCall(const std::string& uuid) const {
+    return std::any_of(calls.begin(), calls.end(),
+                       [&](const auto& call) { return call.second.domain.uuid == uuid; });
+}
+
+void SampleTracker::RemoveUnresponsiveExcept(const std::vector<SampledDomain>& domains) {
+    std::set<std::string> sampled;
+    for (const SampledDomain& domain : domains) {
+        sampled.insert(domain.uuid);
+    }
+    std::erase_if(unresponsive, [&](const auto& entry) {
+        const auto& [uuid, state] = entry;
+        if (sampled.contains(uuid) || IsInCall(uuid)) {
+            return false;
+        }
+        spdlog::info("VM {} ({}), which had not responded since {}, no longer runs", state.name, uuid,
+                     LocalTime(state.since));
+        return true;
+    });
+}
+
+void SampleTracker::MarkResponsive(const std::string& uuid) {
+    if (const auto found = unresponsive.find(uuid); found != unresponsive.end()) {
+        spdlog::info("VM {} ({}) responds again, it had not since {}", found->second.name, uuid,
+                     LocalTime(found->second.since));
+        unresponsive.erase(found);
+    }
+}
+
+}  // namespace Vessad::Libvirt

@@ -1,0 +1,141 @@
+#include "apps/vessad/backends/libvirt/SampleWorkers.h"
+
+#include <spdlog/spdlog.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <utility>
+
+#include "apps/vessad/backends/libvirt/SignalFreeThread.h"
+#include "apps/vessad/backends/libvirt/SkipTeardown.h"
+
+namespace Vessad::Libvirt {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds endTimeout{3};
+
+}  // namespace
+
+// What the threads share. An abandoned thread keeps it alive.
+class SampleWorkers::State : public std::enable_shared_from_this<State> {
+  public:
+    State(std::shared_ptr<Api> api, std::string uri, Timeouts timeouts)
+        : api(std::move(api)), uri(std::move(uri)), tracker(timeouts) {}
+
+    std::map<std::string, Statistics> Sample(const std::vector<Domain>& domains) {
+        std::unique_lock lock(mutex);
+        tracker.StartRound(domains, Clock::now());
+        for (;;) {
+            tracker.MarkLateCalls(Clock::now());
+            while (tracker.AddThread()) {
+                SignalFreeThread([self = shared_from_this()] { self->Run(); }).detach();
+            }
+            const auto next = tracker.NextCheck(Clock::now());
+            if (!next) {
+                return tracker.EndRound();
+            }
+            changed.notify_all();
+            changed.wait_until(lock, *next);
+        }
+    }
+
+    void Stop() {
+        const std::lock_guard lock(mutex);
+        tracker.Stop();
+        changed.notify_all();
+    }
+
+    // To be called after Stop.
+    void AwaitThreads() {
+        std::unique_lock lock(mutex);
+        changed.wait_for(lock, endTimeout, [this] { return tracker.AreAllThreadsInCalls(); });
+        if (tracker.CountThreads() > 0) {
+            SkipTeardownAtExit();
+        }
+    }
+
+  private:
+    void Run() {
+        std::unique_ptr<Connection> connection;
+        std::unique_lock lock(mutex);
+        for (bool goesOn = true; goesOn;) {
+            changed.wait(lock, [this] { return tracker.IsStopping() || tracker.HasQueued(); });
+            if (tracker.IsStopping()) {
+                break;
+            }
+            if (!connection) {
+                lock.unlock();
+                connection = TryToOpen();
+                lock.lock();
+                if (!connection) {
+                    tracker.DropQueued();
+                    changed.notify_all();
+                }
+                continue;
+            }
+            const SampleTracker::Call call = tracker.StartCall(Clock::now());
+            lock.unlock();
+            SampleResult result = SampleOne(connection, call.uuid);
+            lock.lock();
+            goesOn = tracker.EndCall(call.id, std::move(result), Clock::now());
+            changed.notify_all();
+        }
+        lock.unlock();
+        connection.reset();
+        lock.lock();
+        tracker.RemoveThread();
+        changed.notify_all();
+    }
+
+    std::unique_ptr<Connection> TryToOpen() const {
+        try {
+            return api->Open(uri);
+        } catch (const ApiError& error) {
+            spdlog::debug("No connection for statistics: {}", error.what());
+            return nullptr;
+        }
+    }
+
+    // Closes the connection when it broke.
+    static SampleResult SampleOne(std::unique_ptr<Connection>& connection, const std::string& uuid) {
+        SampleResult result;
+        try {
+            result.statistics = connection->GetStatistics(uuid);
+        } catch (const ApiError& error) {
+            result.error = error.what();
+            if (!connection->IsAlive()) {
+                connection.reset();
+                result.connectionBroke = true;
+            }
+        }
+        return result;
+    }
+
+    const std::shared_ptr<Api> api;
+    const std::string uri;
+
+    std::mutex mutex;
+    std::condition_variable changed;
+    SampleTracker tracker;
+};
+
+SampleWorkers::SampleWorkers(std::shared_ptr<Api> api, std::string uri, Timeouts timeouts)
+    : state(std::make_shared<State>(std::move(api), std::move(uri), timeouts)) {}
+
+SampleWorkers::~SampleWorkers() {
+    state->Stop();
+    state->AwaitThreads();
+}
+
+void SampleWorkers::Stop() {
+    state->Stop();
+}
+
+std::map<std::string, Statistics> SampleWorkers::Sample(const std::vector<Domain>& domains) {
+    return state->Sample(domains);
+}
+
+}  // namespace Vessad::Libvirt
