@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "apps/snmp/OrdaneClient.h"
-#include "apps/snmp/StatsIndex.h"
+#include "apps/snmp/client/OrdaneClient.h"
+#include "apps/snmp/client/StatsIndex.h"
 #include "tests/support/api_objects.h"
 #include "tests/support/fake_daemon.h"
 

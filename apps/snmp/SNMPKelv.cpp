@@ -2,11 +2,6 @@
 
 #include <sys/stat.h>
 
-#include "apps/snmp/AnswerBuffers.h"
-#include "apps/snmp/CheckParam.h"
-#include "apps/snmp/Guard.h"
-#include "apps/snmp/Registration.h"
-#include "apps/snmp/SNMPRaskHelper.h"
 #include "apps/snmp/SNMPResCPU.h"
 #include "apps/snmp/SNMPResDisk.h"
 #include "apps/snmp/SNMPResMem.h"
@@ -16,18 +11,24 @@
 #include "apps/snmp/SNMPVMFloppyCD.h"
 #include "apps/snmp/SNMPVMInfo.h"
 #include "apps/snmp/SNMPVMNet.h"
+#include "apps/snmp/agent/Guard.h"
+#include "apps/snmp/columns/AnswerBuffers.h"
+#include "apps/snmp/columns/CheckParam.h"
+#include "apps/snmp/columns/Registration.h"
+#include "apps/snmp/refresh/SNMPRaskHelper.h"
 
 // The kernel group.
 
 namespace {
 
-enum Scalar : u_char { kernelLoaded = 1 };
+enum ScalarMagic : u_char { kernelLoaded = 1 };
+constexpr SNMP::Scalar scalars[] = {{1, kernelLoaded, ASN_OCTET_STR, "kernelLoaded"}};
 
-const variable2 SNMPKelvNorv_variables[] = {
-    {kernelLoaded, ASN_OCTET_STR, RONLY, SNMP_KelvNorv, 1, {1}},
-};
+constexpr auto SNMPKelvNorv_variables = SNMP::ScalarVariables<variable2>(scalars, SNMP_KelvNorv);
 const oid SNMPKelvNorv_variables_oid[] = {1, 3, 6, 1, 4, 1, 32473, 4, 1, 1};
 
+SNMP::Registration registration("SNMPKelvNorv", SNMPKelvNorv_variables, SNMPKelvNorv_variables_oid,
+                                "init_SNMPKelvTbl", __FILE__, 68);
 SNMP::StringAnswer kernelAnswer;
 
 }  // namespace
@@ -46,11 +47,6 @@ u_char* SNMP_KelvNorv(variable* vp, oid* name, size_t* length, int exact, size_t
         return kernelAnswer.Set(stat64("/proc/tovric/vm", &status) == 0 ? "yes" : "no", varLen);
     });
 }
-
-namespace {
-SNMP::Registration registration("SNMPKelvNorv", SNMPKelvNorv_variables, SNMPKelvNorv_variables_oid,
-                                "init_SNMPKelvTbl", __FILE__, 68);
-}  // namespace
 
 void init_SNMPKelvTbl() {
     registration.Register();
@@ -81,7 +77,7 @@ void init_SNMPKelv() {
     snmp_log(LOG_INFO, "SNMPRask: Initialized\n");
 }
 
-// The product group is left out of the sequence: it has nothing to release.
+// The product group has nothing to release and is left out.
 void deinit_SNMPKelv() {
     deinit_SNMPVMInfo();
     deinit_SNMPVMNet();
@@ -92,7 +88,7 @@ void deinit_SNMPKelv() {
     deinit_SNMPResDisk();
     deinit_SNMPResNet();
     deinit_SNMPKelvTbl();
-    // The tables are empty now, and another load may still answer from them.
+    // The tables are empty now, and another load may still serve them.
     SNMPRaskTable_Expire();
     if (loads > 0) {
         --loads;

@@ -2,59 +2,21 @@
 
 #include <limits>
 
-#include "apps/snmp/AnswerBuffers.h"
-#include "apps/snmp/CheckParam.h"
-#include "apps/snmp/Guard.h"
-#include "apps/snmp/Registration.h"
-#include "apps/snmp/RowList.h"
-#include "apps/snmp/SNMPRaskHelper.h"
-#include "apps/snmp/TableWalk.h"
-
-// Rows.
-
-resCPUNode* resCPUList = nullptr;
-std::int32_t resCPUTableIndex = 0;
-resCPUNode* resCPUListTravPtr = nullptr;
-
-void SNMPResCPUTable_Init() {
-    SNMP::RewindRows(resCPUList, resCPUTableIndex, resCPUListTravPtr);
-}
-
-int SNMPResCPUTable_GetNext(resCPUNode** row) {
-    return SNMP::NextRow(row, resCPUTableIndex, resCPUListTravPtr);
-}
-
-void SNMPResCPUTable_Destroy() {
-    SNMP::DestroyRows(resCPUList);
-}
-
-resCPUNode** SNMPResCPUTable_GetPtr() {
-    return &resCPUList;
-}
-
-// Columns.
+#include "apps/snmp/collections/ResTables.h"
+#include "apps/snmp/columns/CheckParam.h"
+#include "apps/snmp/columns/Registration.h"
+#include "apps/snmp/columns/TableHandler.h"
 
 namespace {
 
-enum Scalar : u_char { numCpuCores = 2 };
-enum Column : u_char { cpuVMID = 5, cpuShares, cpuUsedSec };
-
-const variable4 SNMPResCPU_variables[] = {
-    {numCpuCores, ASN_INTEGER, RONLY, SNMP_ResCPU, 1, {1}},
-    {cpuVMID, ASN_INTEGER, RONLY, SNMP_ResCPUTable, 3, {2, 1, 1}},
-    {cpuShares, ASN_INTEGER, RONLY, SNMP_ResCPUTable, 3, {2, 1, 2}},
-    {cpuUsedSec, ASN_INTEGER, RONLY, SNMP_ResCPUTable, 3, {2, 1, 3}},
-};
-const oid SNMPResCPU_variables_oid[] = {1, 3, 6, 1, 4, 1, 32473, 3, 1};
-
-// Handlers.
-
+enum ScalarMagic : u_char { numCpuCores = 2 };
+constexpr SNMP::Scalar scalars[] = {{1, numCpuCores, ASN_INTEGER, "numCpuCores"}};
 SNMP::IntegerAnswer scalarAnswer;
-SNMP::IntegerAnswer tableAnswer;
 
-// Toward zero; what an integer cannot hold becomes the nearest that it can, and no number becomes 0.
-std::int32_t Truncate(float value) {
+// Truncates toward zero. Saturates at the limits of an INTEGER; NaN is 0.
+std::int32_t UsedSeconds(const resCPUNode& row) {
     constexpr float limit = 2147483648.0F;
+    const float value = row.cpuUsedSec;
     if (value >= limit) {
         return std::numeric_limits<std::int32_t>::max();
     }
@@ -63,6 +25,31 @@ std::int32_t Truncate(float value) {
     }
     return value == value ? static_cast<std::int32_t>(value) : 0;
 }
+
+constexpr SNMP::Column<resCPUNode> columns[] = {
+    {1, "cpuVMID", &resCPUNode::cpuVMID},
+    {2, "cpuShares", &resCPUNode::cpuShares},
+    {3, "cpuUsedSec", UsedSeconds},
+};
+
+constexpr SNMP::Table<resCPUNode, 1> table{
+    .handlerName = "SNMP_ResCPUTable",
+    .handler = SNMP_ResCPUTable,
+    .unknownColumn = "SNMP_ResCPUTable: Unknown variable requested.\n",
+    .columns = columns,
+    .firstMagic = 5,
+    .rewind = SNMPResCPUTable_Init,
+    .next = SNMPResCPUTable_GetNext,
+    .index = {&resCPUNode::cpuVMID},
+};
+SNMP::TableAnswers answers;
+
+constexpr auto SNMPResCPU_variables =
+    SNMP::Join(SNMP::ScalarVariables<variable4>(scalars, SNMP_ResCPU),
+               SNMP::ColumnVariables<variable4, std::size(columns)>(table, 2, 1));
+const oid SNMPResCPU_variables_oid[] = {1, 3, 6, 1, 4, 1, 32473, 3, 1};
+SNMP::Registration registration("SNMPResCPU", SNMPResCPU_variables, SNMPResCPU_variables_oid,
+                                "init_SNMPResCPU", __FILE__, 75);
 
 }  // namespace
 
@@ -83,38 +70,10 @@ u_char* SNMP_ResCPU(variable* vp, oid* name, size_t* length, int exact, size_t* 
     });
 }
 
-// A CPU's index is its machine's identifier plus its number, so CPUs of neighbouring identifiers collide: of
-// rows with one index, only the first is ever answered.
 u_char* SNMP_ResCPUTable(variable* vp, oid* name, size_t* length, int exact, size_t* varLen,
                          WriteMethod** writeMethod) {
-    return SNMP::Guard("SNMP_ResCPUTable", [&]() -> u_char* {
-        SNMPRaskTable_Init();
-        const SNMP::Request request{vp, name, length, exact, varLen, writeMethod};
-        const resCPUNode* const row =
-            SNMP::FindListRow(request, SNMPResCPUTable_Init, SNMPResCPUTable_GetNext, &resCPUNode::cpuVMID);
-        if (row == nullptr) {
-            return nullptr;
-        }
-        switch (vp->magic) {
-            case cpuVMID:
-                return tableAnswer.Set(row->cpuVMID, varLen);
-            case cpuShares:
-                return tableAnswer.Set(row->cpuShares, varLen);
-            case cpuUsedSec:
-                return tableAnswer.Set(Truncate(row->cpuUsedSec), varLen);
-            default:
-                snmp_set_detail("SNMP_ResCPUTable: Unknown variable requested.\n");
-                return nullptr;
-        }
-    });
+    return SNMP::HandleTable(table, answers, {vp, name, length, exact, varLen, writeMethod});
 }
-
-// Registration.
-
-namespace {
-SNMP::Registration registration("SNMPResCPU", SNMPResCPU_variables, SNMPResCPU_variables_oid,
-                                "init_SNMPResCPU", __FILE__, 75);
-}  // namespace
 
 void init_SNMPResCPU() {
     registration.Register();

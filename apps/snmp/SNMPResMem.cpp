@@ -1,57 +1,45 @@
 #include "apps/snmp/SNMPResMem.h"
 
-#include "apps/snmp/AnswerBuffers.h"
-#include "apps/snmp/CheckParam.h"
-#include "apps/snmp/Guard.h"
-#include "apps/snmp/Registration.h"
-#include "apps/snmp/RowList.h"
-#include "apps/snmp/SNMPRaskHelper.h"
-#include "apps/snmp/TableWalk.h"
-
-// Rows.
-
-resMemNode* resMemList = nullptr;
-std::int32_t resMemTableIndex = 0;
-resMemNode* resMemListTravPtr = nullptr;
-
-void SNMPResMemTable_Init() {
-    SNMP::RewindRows(resMemList, resMemTableIndex, resMemListTravPtr);
-}
-
-int SNMPResMemTable_GetNext(resMemNode** row) {
-    return SNMP::NextRow(row, resMemTableIndex, resMemListTravPtr);
-}
-
-void SNMPResMemTable_Destroy() {
-    SNMP::DestroyRows(resMemList);
-}
-
-resMemNode** SNMPResMemTable_GetPtr() {
-    return &resMemList;
-}
-
-// Columns.
+#include "apps/snmp/collections/ResTables.h"
+#include "apps/snmp/columns/CheckParam.h"
+#include "apps/snmp/columns/Registration.h"
+#include "apps/snmp/columns/TableHandler.h"
 
 namespace {
 
-enum Scalar : u_char { memTotal = 2, memReserved, memUnreserved };
-enum Column : u_char { memVMID = 7, memShares, memConfiguredKB, memActive };
-
-const variable4 SNMPResMem_variables[] = {
-    {memTotal, ASN_INTEGER, RONLY, SNMP_ResMem, 1, {1}},
-    {memReserved, ASN_INTEGER, RONLY, SNMP_ResMem, 1, {2}},
-    {memUnreserved, ASN_INTEGER, RONLY, SNMP_ResMem, 1, {3}},
-    {memVMID, ASN_INTEGER, RONLY, SNMP_ResMemTable, 3, {4, 1, 1}},
-    {memShares, ASN_INTEGER, RONLY, SNMP_ResMemTable, 3, {4, 1, 2}},
-    {memConfiguredKB, ASN_INTEGER, RONLY, SNMP_ResMemTable, 3, {4, 1, 3}},
-    {memActive, ASN_INTEGER, RONLY, SNMP_ResMemTable, 3, {4, 1, 4}},
+enum ScalarMagic : u_char { memTotal = 2, memReserved, memUnreserved };
+constexpr SNMP::Scalar scalars[] = {
+    {1, memTotal, ASN_INTEGER, "memTotal"},
+    {2, memReserved, ASN_INTEGER, "memReserved"},
+    {3, memUnreserved, ASN_INTEGER, "memUnreserved"},
 };
-const oid SNMPResMem_variables_oid[] = {1, 3, 6, 1, 4, 1, 32473, 3, 2};
-
-// Handlers.
-
 SNMP::IntegerAnswer scalarAnswer;
-SNMP::IntegerAnswer tableAnswer;
+
+constexpr SNMP::Column<resMemNode> columns[] = {
+    {1, "memVMID", &resMemNode::memVMID},
+    {2, "memShares", &resMemNode::memShares},
+    {3, "memConfiguredKB", &resMemNode::memConfiguredKB},
+    {4, "memActive", &resMemNode::memActive},
+};
+
+constexpr SNMP::Table<resMemNode, 1> table{
+    .handlerName = "SNMP_ResMemTable",
+    .handler = SNMP_ResMemTable,
+    .unknownColumn = "SNMP_ResMemTable: Unknown variable requested.\n",
+    .columns = columns,
+    .firstMagic = 7,
+    .rewind = SNMPResMemTable_Init,
+    .next = SNMPResMemTable_GetNext,
+    .index = {&resMemNode::memVMID},
+};
+SNMP::TableAnswers answers;
+
+constexpr auto SNMPResMem_variables =
+    SNMP::Join(SNMP::ScalarVariables<variable4>(scalars, SNMP_ResMem),
+               SNMP::ColumnVariables<variable4, std::size(columns)>(table, 4, 1));
+const oid SNMPResMem_variables_oid[] = {1, 3, 6, 1, 4, 1, 32473, 3, 2};
+SNMP::Registration registration("SNMPResMem", SNMPResMem_variables, SNMPResMem_variables_oid,
+                                "init_SNMPResMem", __FILE__, 82);
 
 }  // namespace
 
@@ -64,7 +52,7 @@ u_char* SNMP_ResMem(variable* vp, oid* name, size_t* length, int exact, size_t* 
         long reserved = 0;
         long total = 0;
         GetMemory(&reserved, &total);
-        // Figures are their low 32 bits.
+        // The low 32 bits; a difference wraps around.
         const auto reserved32 = static_cast<std::uint32_t>(reserved);
         const auto total32 = static_cast<std::uint32_t>(total);
         switch (vp->magic) {
@@ -83,36 +71,8 @@ u_char* SNMP_ResMem(variable* vp, oid* name, size_t* length, int exact, size_t* 
 
 u_char* SNMP_ResMemTable(variable* vp, oid* name, size_t* length, int exact, size_t* varLen,
                          WriteMethod** writeMethod) {
-    return SNMP::Guard("SNMP_ResMemTable", [&]() -> u_char* {
-        SNMPRaskTable_Init();
-        const SNMP::Request request{vp, name, length, exact, varLen, writeMethod};
-        const resMemNode* const row =
-            SNMP::FindListRow(request, SNMPResMemTable_Init, SNMPResMemTable_GetNext, &resMemNode::memVMID);
-        if (row == nullptr) {
-            return nullptr;
-        }
-        switch (vp->magic) {
-            case memVMID:
-                return tableAnswer.Set(row->memVMID, varLen);
-            case memShares:
-                return tableAnswer.Set(row->memShares, varLen);
-            case memConfiguredKB:
-                return tableAnswer.Set(row->memConfiguredKB, varLen);
-            case memActive:
-                return tableAnswer.Set(row->memActive, varLen);
-            default:
-                snmp_set_detail("SNMP_ResMemTable: Unknown variable requested.\n");
-                return nullptr;
-        }
-    });
+    return SNMP::HandleTable(table, answers, {vp, name, length, exact, varLen, writeMethod});
 }
-
-// Registration.
-
-namespace {
-SNMP::Registration registration("SNMPResMem", SNMPResMem_variables, SNMPResMem_variables_oid,
-                                "init_SNMPResMem", __FILE__, 82);
-}  // namespace
 
 void init_SNMPResMem() {
     registration.Register();

@@ -1,95 +1,30 @@
 #include "apps/snmp/SNMPSystem.h"
 
-#include <array>
-#include <cstddef>
-#include <cstdint>
-#include <string>
-#include <vector>
-
-#include "apps/snmp/AnswerBuffers.h"
-#include "apps/snmp/CheckParam.h"
-#include "apps/snmp/Guard.h"
-#include "apps/snmp/OrdaneClient.h"
-#include "apps/snmp/Registration.h"
-#include "runtime/tessim/exception.h"
-#include "runtime/tessim/string_util.h"
-
-// Product information.
+#include "apps/snmp/agent/Guard.h"
+#include "apps/snmp/columns/AnswerBuffers.h"
+#include "apps/snmp/columns/CheckParam.h"
+#include "apps/snmp/columns/Registration.h"
+#include "apps/snmp/refresh/ProductInfo.h"
 
 namespace {
 
-char prodName[256];
-char prodVersion[16];
-char prodBuild[16];
-std::array<std::int32_t, 3> prodVersion2;
-bool prodInfoGood = false;
-
-std::int32_t ParseVersionPart(const std::string& part) {
-    try {
-        return Tessim::StringUtil::ParseInt(part);
-    } catch (const Tessim::Exception&) {
-        snmp_log(LOG_WARNING, "Get Product Version: invalid version: %s\n",
-                 Tessim::StringUtil::EscapeControls(part).c_str());
-        return 0;
-    }
-}
-
-}  // namespace
-
-void SNMPSystemGetProdInfo() {
-    if (prodInfoGood) {
-        return;
-    }
-    SNMP::OrdaneClient* const client = SNMP::GetOrdaneClient();
-    if (client == nullptr) {
-        snmp_log(LOG_WARNING, "SNMPSystemGetProdInfo: Could not acquire ordane client to tovric-vessad.\n");
-        return;
-    }
-    Tessim::Ref<Hask::ServiceInstanceContent> content;
-    client->GetServiceInstanceContent(content);
-    Hask::AboutInfo* const about = content ? content->GetAbout() : nullptr;
-    if (about == nullptr) {
-        snmp_log(LOG_WARNING,
-                 "SNMPSystemGetProdInfo: Could not fetch service instance content via ordane client.\n");
-        return;
-    }
-    Str_Strcpy(prodName, about->GetName(), sizeof(prodName));
-    Str_Strcpy(prodVersion, about->GetVersion(), sizeof(prodVersion));
-    Str_Strcpy(prodBuild, about->GetBuild(), sizeof(prodBuild));
-
-    const std::vector<std::string> parts = Tessim::StringUtil::Tokenize(about->GetVersion(), ".");
-    if (parts.size() != prodVersion2.size()) {
-        snmp_log(LOG_WARNING,
-                 "SNMPSystemGetProdInfo: product version %s not in major.minor.revision format.\n",
-                 prodVersion);
-        return;
-    }
-    for (std::size_t i = 0; i < parts.size(); ++i) {
-        prodVersion2[i] = ParseVersionPart(parts[i]);
-    }
-    prodInfoGood = true;
-}
-
-// Variables.
-
-namespace {
-
-enum Scalar : u_char { nameScalar = 1, versionScalar, oidScalar, buildScalar };
-
-const variable2 SNMPSystem_variables[] = {
-    {nameScalar, ASN_OCTET_STR, RONLY, SNMP_System, 1, {1}},
-    {versionScalar, ASN_OCTET_STR, RONLY, SNMP_System, 1, {2}},
-    {oidScalar, ASN_OBJECT_ID, RONLY, SNMP_System, 1, {3}},
-    {buildScalar, ASN_OCTET_STR, RONLY, SNMP_System, 1, {4}},
+enum ScalarMagic : u_char { nameScalar = 1, versionScalar, oidScalar, buildScalar };
+constexpr SNMP::Scalar scalars[] = {
+    {1, nameScalar, ASN_OCTET_STR, "prodName"},
+    {2, versionScalar, ASN_OCTET_STR, "prodVersion"},
+    {3, oidScalar, ASN_OBJECT_ID, "prodOID"},
+    {4, buildScalar, ASN_OCTET_STR, "prodBuild"},
 };
-const oid SNMPSystem_variables_oid[] = {1, 3, 6, 1, 4, 1, 32473, 1};
 
-// Handler.
+constexpr auto SNMPSystem_variables = SNMP::ScalarVariables<variable2>(scalars, SNMP_System);
+const oid SNMPSystem_variables_oid[] = {1, 3, 6, 1, 4, 1, 32473, 1};
+SNMP::Registration registration("SNMPSystem", SNMPSystem_variables, SNMPSystem_variables_oid,
+                                "init_SNMPSystem", __FILE__, 97);
 
 SNMP::StringAnswer string;
 SNMP::ObjectIdAnswer objid;
 
-// The enterprise prefix of a scalar's instance name, then 60.1 and the version.
+// The enterprise prefix of a scalar's instance OID, then 60.1 and the version.
 u_char* AnswerVersionId(const oid* instance, std::size_t instanceLength, std::size_t* varLen) {
     constexpr std::size_t suffixLength = 3;  // group, scalar, instance
     objid.Clear();
@@ -128,13 +63,6 @@ u_char* SNMP_System(variable* vp, oid* name, size_t* length, int exact, size_t* 
         }
     });
 }
-
-// Registration.
-
-namespace {
-SNMP::Registration registration("SNMPSystem", SNMPSystem_variables, SNMPSystem_variables_oid,
-                                "init_SNMPSystem", __FILE__, 97);
-}  // namespace
 
 void init_SNMPSystem() {
     registration.Register();

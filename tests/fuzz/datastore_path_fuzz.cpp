@@ -3,7 +3,7 @@
 #include <utility>
 #include <vector>
 
-#include "apps/snmp/VMExtraction.h"
+#include "apps/snmp/refresh/VMExtraction.h"
 #include "runtime/tessim/assertion.h"
 #include "tests/fuzz/fuzz.h"
 

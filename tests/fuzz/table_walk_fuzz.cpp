@@ -20,6 +20,8 @@
 #include "apps/snmp/SNMPVMFloppyCD.h"
 #include "apps/snmp/SNMPVMInfo.h"
 #include "apps/snmp/SNMPVMNet.h"
+#include "apps/snmp/collections/ResTables.h"
+#include "apps/snmp/collections/VMTables.h"
 #include "runtime/tessim/assertion.h"
 #include "tests/fuzz/fuzz.h"
 #include "tests/unit/snmp/handler_call.h"

@@ -6,7 +6,6 @@
 #include <cassert>
 #include <utility>
 
-#include "runtime/ordane/zarn_stub_adapter.h"
 #include "runtime/tessim/authd.h"
 #include "runtime/tessim/exception.h"
 #include "tests/support/local_adapter.h"
@@ -18,7 +17,13 @@ namespace {
 using Tessim::MakeRef;
 using Tessim::Ref;
 
+using Tessim::Zarn::ZarnSvc;
+
 FakeDaemon* current = nullptr;
+
+std::string NameOf(const Tessim::Service::Logger* logger) {
+    return logger != nullptr ? logger->GetName() : "nothing";
+}
 
 FakeDaemon& Reach() {
     if (current == nullptr) {
@@ -56,19 +61,33 @@ class FakeStream final : public virtual Tessim::Authd::ServiceStream, public Tes
     pid_t owner = getpid();
 };
 
-class FakeClient final : public virtual Tessim::Authd::Client, public Tessim::ObjectImpl {
+class ObservedZarnSvc final : public virtual ZarnSvc, public Tessim::ObjectImpl {
   public:
-    void Open(Tessim::Authd::Selector selector, const std::string& host, std::uint16_t port,
-              const std::string& text1, const std::string& text2, Ref<Tessim::System::Stream>& out) override {
-        FakeDaemon& daemon = Reach();
-        daemon.openings.push_back(
-            {static_cast<int>(selector), host, port, text1, text2, Tessim::TimeBudget::Deadline()});
-        FakeDaemon::Record("open stream");
-        if (!daemon.down.empty()) {
-            throw Tessim::StreamException(daemon.down);
-        }
-        out = MakeRef<FakeStream>(daemon.openings.size());
+    explicit ObservedZarnSvc(Ref<ZarnSvc> service) : service(std::move(service)) {}
+
+    void Startup() override {
+        FakeDaemon::Step("start service");
+        service->Startup();
     }
+    void Shutdown() override {
+        FakeDaemon::Record("shut service down");
+        service->Shutdown();
+    }
+    std::string GetConnectionPath(Tessim::System::Stream* stream, int flags) override {
+        FakeDaemon::Step("get connection path, flags " + std::to_string(flags));
+        return service->GetConnectionPath(stream, flags);
+    }
+    void MapPath(const std::string& connectionPath, const std::string& remotePath,
+                 const std::string& localPath) override {
+        FakeDaemon::Step("map " + connectionPath + ", " + remotePath + ", " + localPath);
+        service->MapPath(connectionPath, remotePath, localPath);
+    }
+    Tessim::Zarn::Route Resolve(const std::string& localPath) const override {
+        return service->Resolve(localPath);
+    }
+
+  private:
+    Ref<ZarnSvc> service;
 };
 
 // The host as one connection sees it.
@@ -116,10 +135,43 @@ class FakeAdapter final : public virtual Ordane::StubAdapter, public Tessim::Obj
 FakeDaemon::FakeDaemon() {
     assert(current == nullptr);
     current = this;
+    SetCurrent(this);
 }
 
 FakeDaemon::~FakeDaemon() {
+    SetCurrent(nullptr);
     current = nullptr;
+}
+
+void FakeDaemon::CreateService(Tessim::Service::Logger* logger, Ref<ZarnSvc>& out) {
+    Step("create service logging to " + NameOf(logger));
+    Ref<ZarnSvc> service;
+    Endpoint::CreateService(logger, service);
+    out = MakeRef<ObservedZarnSvc>(service);
+}
+
+void FakeDaemon::OpenStream(const std::string& host, std::uint16_t port, Ref<Tessim::System::Stream>& out) {
+    openings.push_back({host, port, Tessim::TimeBudget::Deadline()});
+    Record("open stream");
+    if (!down.empty()) {
+        throw Tessim::StreamException(down);
+    }
+    out = MakeRef<FakeStream>(openings.size());
+}
+
+void FakeDaemon::CreateStubAdapter(Tessim::Service::Logger* logger, ZarnSvc* service,
+                                   const std::string& localPath, Ref<Ordane::StubAdapter>& out) {
+    const Tessim::Zarn::Route route = service->Resolve(localPath);
+    Step("create adapter on " + localPath + " to " + route.remotePath + " logging to " + NameOf(logger));
+    out = MakeRef<FakeAdapter>(*this);
+}
+
+void FakeDaemon::CreateMoFactory(Ordane::StubAdapter* adapter, Ref<Hask::MoFactory>& out) {
+    Step("get factory");
+    out = factory;
+    if (!out) {
+        Endpoint::CreateMoFactory(adapter, out);
+    }
 }
 
 void FakeDaemon::WhenCalled(const std::string& method, std::function<void()> action) {
@@ -134,7 +186,7 @@ int FakeDaemon::CountCalls(const std::string& method) const {
     return static_cast<int>(std::count(calls.begin(), calls.end(), method));
 }
 
-FakeDaemon* FakeDaemon::Current() {
+FakeDaemon* FakeDaemon::Alive() {
     return current;
 }
 
@@ -171,18 +223,3 @@ void FakeDaemon::Run(const Actions& actions, const std::string& method) {
 }
 
 }  // namespace TestSupport
-
-// Where the runtime opens the outside world. The linker takes these and leaves the runtime's own out.
-
-void Tessim::Authd::CreateClient(Ssl::SSLContext* context, Ref<Client>& out) {
-    TestSupport::FakeDaemon::Record(context != nullptr ? "create client" : "create client without context");
-    out = MakeRef<TestSupport::FakeClient>();
-}
-
-void Ordane::CreateZarnStubAdapter(Tessim::Service::Logger* logger, Tessim::Zarn::ZarnSvc* service,
-                                   const std::string& path, Tessim::Ref<StubAdapter>& out) {
-    const Tessim::Zarn::Route route = service->Resolve(path);
-    TestSupport::FakeDaemon::Step("create adapter on " + path + " to " + route.remotePath + " logging to " +
-                                  (logger != nullptr ? logger->GetName() : "nothing"));
-    out = Tessim::MakeRef<TestSupport::FakeAdapter>(TestSupport::Reach());
-}

@@ -1,8 +1,7 @@
-// A management daemon within the test's process.
+// A management daemon within the test's process: the endpoint that connections reach while one lives.
 //
-// Programs that link this reach it instead of the network: the authentication client opens its streams here,
-// and the stub adapter hands its messages to the fake host's objects through the dispatcher that the real
-// daemon uses. Everything between the two is the real runtime.
+// The stub adapter passes its messages to the fake host's objects through the dispatcher that the real daemon
+// uses.
 #pragma once
 
 #include <cstdint>
@@ -11,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "apps/snmp/client/Endpoint.h"
 #include "runtime/tessim/time_budget.h"
 #include "tests/support/fake_host.h"
 
@@ -18,19 +18,16 @@ namespace TestSupport {
 
 // One attempt to open a stream, refused or not.
 struct Opening {
-    int selector;
     std::string host;
     std::uint16_t port;
-    std::string text1;
-    std::string text2;
     Tessim::Clock::time_point deadline;  // when it had to be done
 };
 
 // One lives at a time; without one, opening a stream fails.
-class FakeDaemon {
+class FakeDaemon final : public SNMP::Endpoint {
   public:
     FakeDaemon();
-    ~FakeDaemon();
+    ~FakeDaemon() override;
     FakeDaemon(const FakeDaemon&) = delete;
     FakeDaemon& operator=(const FakeDaemon&) = delete;
 
@@ -61,8 +58,18 @@ class FakeDaemon {
     // Calls of the runtime and of the API, and closings, in order, as text.
     std::vector<std::string> events;
 
+    // Given to connections instead of stubs; null: stubs.
+    Tessim::Ref<Hask::MoFactory> factory;
+
+    void CreateService(Tessim::Service::Logger* logger, Tessim::Ref<Tessim::Zarn::ZarnSvc>& out) override;
+    void OpenStream(const std::string& host, std::uint16_t port,
+                    Tessim::Ref<Tessim::System::Stream>& out) override;
+    void CreateStubAdapter(Tessim::Service::Logger* logger, Tessim::Zarn::ZarnSvc* service,
+                           const std::string& localPath, Tessim::Ref<Ordane::StubAdapter>& out) override;
+    void CreateMoFactory(Ordane::StubAdapter* adapter, Tessim::Ref<Hask::MoFactory>& out) override;
+
     // The living one, or null.
-    static FakeDaemon* Current();
+    static FakeDaemon* Alive();
     // Adds an event when one lives.
     static void Record(const std::string& event);
     // Adds the event of a step of connecting; throws where `failingStep` says so.

@@ -1,4 +1,4 @@
-#include "apps/snmp/AnswerBuffers.h"
+#include "apps/snmp/columns/AnswerBuffers.h"
 
 #include <gtest/gtest.h>
 

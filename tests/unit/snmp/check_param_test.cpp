@@ -1,4 +1,4 @@
-#include "apps/snmp/CheckParam.h"
+#include "apps/snmp/columns/CheckParam.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 #include "tests/unit/snmp/fake_client.h"
 
-#include "apps/snmp/OrdaneClient.h"
+#include "apps/snmp/client/OrdaneClient.h"
 
 namespace FakeClient {
 
@@ -35,5 +35,9 @@ OrdaneClient* GetOrdaneClient() {
 void OrdaneClient::GetServiceInstanceContent(Tessim::Ref<Hask::ServiceInstanceContent>& out) {
     out = FakeClient::Get().content;
 }
+
+void OrdaneClient::GetQueryMetricIds(
+    Tessim::Ref<Ordane::DataArray<Hask::PerformanceManager::MetricId>>& /*out*/) {}
+void OrdaneClient::AddResult(Hask::PerformanceManager::EntityMetric* /*metric*/) {}
 
 }  // namespace SNMP

@@ -1,6 +1,6 @@
 #include "tests/unit/snmp/fake_refresh.h"
 
-#include "apps/snmp/SNMPRaskHelper.h"
+#include "apps/snmp/refresh/SNMPRaskHelper.h"
 
 namespace FakeRefresh {
 

@@ -1,4 +1,4 @@
-#include "apps/snmp/Guard.h"
+#include "apps/snmp/agent/Guard.h"
 
 #include <gtest/gtest.h>
 

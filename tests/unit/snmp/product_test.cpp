@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "apps/snmp/SNMPSystem.h"
+#include "apps/snmp/refresh/ProductInfo.h"
 #include "tests/support/log_capture.h"
 #include "tests/unit/snmp/fake_client.h"
 #include "tests/unit/snmp/handler_call.h"

@@ -1,4 +1,4 @@
-#include "apps/snmp/Registration.h"
+#include "apps/snmp/columns/Registration.h"
 
 #include <gtest/gtest.h>
 
@@ -12,12 +12,14 @@
 #include "apps/snmp/SNMPResDisk.h"
 #include "apps/snmp/SNMPResMem.h"
 #include "apps/snmp/SNMPResNet.h"
-#include "apps/snmp/SNMPStrings.h"
 #include "apps/snmp/SNMPSystem.h"
 #include "apps/snmp/SNMPVMDisk.h"
 #include "apps/snmp/SNMPVMFloppyCD.h"
 #include "apps/snmp/SNMPVMInfo.h"
 #include "apps/snmp/SNMPVMNet.h"
+#include "apps/snmp/collections/ResTables.h"
+#include "apps/snmp/collections/SNMPStrings.h"
+#include "apps/snmp/collections/VMTables.h"
 #include "tests/support/in_process_agent.h"
 #include "tests/support/log_capture.h"
 #include "tests/unit/snmp/fake_refresh.h"

@@ -8,6 +8,8 @@
 #include "apps/snmp/SNMPVMFloppyCD.h"
 #include "apps/snmp/SNMPVMInfo.h"
 #include "apps/snmp/SNMPVMNet.h"
+#include "apps/snmp/collections/ResTables.h"
+#include "apps/snmp/collections/VMTables.h"
 
 vmEntry* MakeVmRows(int count) {
     auto* const rows = static_cast<vmEntry*>(std::calloc(static_cast<std::size_t>(count), sizeof(vmEntry)));

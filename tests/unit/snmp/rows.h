@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "apps/snmp/Rows.h"
+#include "apps/snmp/collections/Rows.h"
 
 // A zeroed row that the collection will own, linked in at the end of the list.
 template <class Row>

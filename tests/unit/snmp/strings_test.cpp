@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "apps/snmp/SNMPStrings.h"
+#include "apps/snmp/collections/SNMPStrings.h"
 #include "tests/support/fault_injection.h"
 #include "tests/support/log_capture.h"
 

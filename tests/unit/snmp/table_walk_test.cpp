@@ -1,4 +1,4 @@
-#include "apps/snmp/TableWalk.h"
+#include "apps/snmp/columns/TableWalk.h"
 
 #include <gtest/gtest.h>
 
@@ -32,6 +32,21 @@ int Next(Row** row) {
     return static_cast<int>(cursor++);
 }
 
+template <std::size_t Width>
+constexpr SNMP::Table<Row, Width> MakeTable(std::array<std::int32_t Row::*, Width> index) {
+    return {.handlerName = "test",
+            .handler = nullptr,
+            .unknownColumn = "",
+            .columns = {},
+            .firstMagic = 3,
+            .rewind = Rewind,
+            .next = Next,
+            .index = index};
+}
+const auto arrayTable = MakeTable<0>({});
+const auto oneFieldTable = MakeTable<1>({&Row::first});
+const auto twoFieldsTable = MakeTable<2>({&Row::first, &Row::second});
+
 enum class Form { Array, OneField, TwoFields };
 
 // What a walk found: the row's position and the request's name afterwards.
@@ -60,13 +75,13 @@ std::optional<Found> Walk(Form form, const Oid& column, const Oid& requested, bo
     const Row* row = nullptr;
     switch (form) {
         case Form::Array:
-            row = SNMP::FindArrayRow(request, Rewind, Next);
+            row = SNMP::FindRow(arrayTable, request);
             break;
         case Form::OneField:
-            row = SNMP::FindListRow(request, Rewind, Next, &Row::first);
+            row = SNMP::FindRow(oneFieldTable, request);
             break;
         case Form::TwoFields:
-            row = SNMP::FindListRow(request, Rewind, Next, &Row::first, &Row::second);
+            row = SNMP::FindRow(twoFieldsTable, request);
             break;
     }
     const Oid after(name, name + length);

@@ -4,11 +4,12 @@
 #include <string>
 #include <vector>
 
-#include "apps/snmp/SNMPStrings.h"
 #include "apps/snmp/SNMPVMDisk.h"
 #include "apps/snmp/SNMPVMFloppyCD.h"
 #include "apps/snmp/SNMPVMInfo.h"
 #include "apps/snmp/SNMPVMNet.h"
+#include "apps/snmp/collections/SNMPStrings.h"
+#include "apps/snmp/collections/VMTables.h"
 #include "tests/support/log_capture.h"
 #include "tests/unit/snmp/fake_refresh.h"
 #include "tests/unit/snmp/handler_call.h"

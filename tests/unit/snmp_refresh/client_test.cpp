@@ -5,16 +5,15 @@
 
 #include <stdexcept>
 
-#include "apps/snmp/OrdaneClient.h"
-#include "apps/snmp/SNMPRaskHelper.h"
-#include "apps/snmp/SNMPWriter.h"
+#include "apps/snmp/client/OrdaneClient.h"
+#include "apps/snmp/client/SNMPWriter.h"
+#include "apps/snmp/refresh/SNMPRaskHelper.h"
 #include "runtime/ordane/faults.h"
 #include "runtime/tessim/exception.h"
 #include "tests/support/api_objects.h"
 #include "tests/support/fake_daemon.h"
 #include "tests/support/log_capture.h"
 #include "tests/unit/snmp_refresh/log_lines.h"
-#include "tests/unit/snmp_refresh/observed_runtime.h"
 
 namespace SNMP {
 namespace {
@@ -94,7 +93,7 @@ TEST(ProcessWideClient, IsMadeOnceAndConnectsOnce) {
     EXPECT_TRUE(client->IsInitialized());
     EXPECT_EQ(GetOrdaneClient(), client);
     EXPECT_EQ(daemon.openings.size(), 1U);
-    EXPECT_THAT(daemon.events, testing::Contains("create logger SNMP"));
+    EXPECT_THAT(daemon.events, testing::Contains("create service logging to SNMP"));
 }
 
 TEST(ProcessWideClient, IsNullWhileTheDaemonIsDownAndTriesAgainEachTime) {
@@ -166,7 +165,6 @@ TEST(ProcessWideClient, MakesNoNewLoggerWhenAQueryReconnects) {
     client->GetAllVM(vms);
     EXPECT_TRUE(vms);
     EXPECT_THAT(daemon.events, testing::Contains("open stream"));
-    EXPECT_THAT(daemon.events, testing::Not(testing::Contains("create logger SNMP")));
     // What the new connection has to say still reaches the agent.
     log.Take();
     daemon.host.ticketContent = std::string(1024, 'x');
@@ -237,7 +235,7 @@ TEST_F(ClientTest, ConnectsOnceHoweverOftenItIsAsked) {
     EXPECT_TRUE(client->Init(nullptr));
     EXPECT_TRUE(client->Init(MakeRef<SNMPWriter>().Get()));
     EXPECT_EQ(CountConnections(), 1);
-    EXPECT_THAT(daemon.events, testing::Not(testing::Contains("create logger SNMP")));
+    EXPECT_THAT(daemon.events, testing::Not(testing::Contains("create service logging to SNMP")));
 }
 
 TEST_F(ClientTest, IsConnectedAlsoWhenTheTicketCouldNotBeRead) {
@@ -415,18 +413,18 @@ class SessionlessFactory final : public OddFactory {
 };
 
 TEST_F(ClientTest, FailsToConnectWithoutASessionManager) {
-    ObservedRuntime::factory = MakeRef<SessionlessFactory>(host, failure);
+    daemon.factory = MakeRef<SessionlessFactory>(host, failure);
     EXPECT_FALSE(client->Init(nullptr));
     EXPECT_FALSE(client->IsInitialized());
     EXPECT_THAT(log.Take(), ElementsAreArray(Report("OrdaneClient::Init: :it failed\n", failure, 7)));
     EXPECT_THAT(daemon.calls, IsEmpty());
-    ObservedRuntime::factory.Reset();
+    daemon.factory.Reset();
     EXPECT_TRUE(client->Init(nullptr));
     EXPECT_EQ(CountConnections(), 2);
 }
 
 TEST_F(ClientTest, ListsNothingOfAFolderWithoutAnArray) {
-    ObservedRuntime::factory = MakeRef<OddFactory>(host, nullptr);
+    daemon.factory = MakeRef<OddFactory>(host, nullptr);
     Ref<VmArray> vms = MakeRef<VmArray>();
     client->GetAllVM(vms);
     EXPECT_FALSE(vms);
@@ -437,7 +435,7 @@ TEST_F(ClientTest, KeepsWhatWasListedBeforeAFailure) {
     host.vms = {{"16", nullptr, nullptr, nullptr}};
     const auto children = ApiObjects::Array<Ordane::MoRef>(
         {ApiObjects::Reference("VirtualMachine", "16"), ApiObjects::Reference("VirtualMachine", "bad")});
-    ObservedRuntime::factory = MakeRef<OddFactory>(host, children);
+    daemon.factory = MakeRef<OddFactory>(host, children);
     Ref<VmArray> vms;
     client->GetAllVM(vms);
     ASSERT_TRUE(vms);

@@ -1,4 +1,4 @@
-#include "apps/snmp/Connection.h"
+#include "apps/snmp/client/Connection.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,6 +16,7 @@
 #include "runtime/tessim/time_budget.h"
 #include "tests/support/api_objects.h"
 #include "tests/support/fake_daemon.h"
+#include "tests/support/tls_test_server.h"
 
 namespace SNMP {
 namespace {
@@ -93,23 +94,32 @@ TEST(ConnectionOfANewProcess, MakesEverythingInOrder) {
     const auto connection = MakeRef<Connection>();
     connection->Init(writer.Get());
     EXPECT_THAT(daemon.events,
-                ElementsAre("init app", "create logger SNMP", "set default logger SNMP",
-                            "create service logging to SNMP", "start service", "create key store '', '', 0",
-                            "init SSL ''", "create context, version 1", "create client", "open stream",
+                ElementsAre("create service logging to SNMP", "start service", "open stream",
                             "get connection path, flags 0", "map /connection/1, /tesk/api/ordane/, /ordane/",
-                            "create adapter on /ordane/ to /tesk/api/ordane/ logging to SNMP",
-                            "get factory solo", "call AcquireLocalTicket", "call Login"));
+                            "create adapter on /ordane/ to /tesk/api/ordane/ logging to SNMP", "get factory",
+                            "call AcquireLocalTicket", "call Login"));
     EXPECT_EQ(Tessim::Service::GetApp()->GetDefaultLogger()->GetName(), "SNMP");
 }
 
 TEST_F(ConnectionTest, OpensTheManagementServiceOnTheLoopbackPort) {
     connection->Init(nullptr);
     ASSERT_EQ(daemon.openings.size(), 1U);
-    EXPECT_EQ(daemon.openings[0].selector, 2);
     EXPECT_EQ(daemon.openings[0].host, "localhost");
     EXPECT_EQ(daemon.openings[0].port, 902);
-    EXPECT_EQ(daemon.openings[0].text1, "");
-    EXPECT_EQ(daemon.openings[0].text2, "");
+}
+
+TEST(RuntimeEndpoint, RequestsTheManagementApiOverTls) {
+    std::string request;
+    KelvTest::TlsTestServer server([&](KelvTest::ServedConnection& peer) {
+        peer.Handshake();
+        request = peer.ReadLine();
+        peer.Send("200 /connection/1\r\n");
+    });
+    Ref<Tessim::System::Stream> stream;
+    Endpoint::Current().OpenStream("localhost", server.GetPort(), stream);
+    server.WaitForScripts(1);
+    EXPECT_EQ(request, "OPEN 2 \"\" \"\"\r\n");
+    EXPECT_TRUE(stream->IsOwn());
 }
 
 TEST_F(ConnectionTest, MayTakeOneSecondInAll) {
@@ -131,7 +141,6 @@ TEST_F(ConnectionTest, MayTakeOneSecondInAll) {
 TEST_F(ConnectionTest, UsesTheDefaultLoggerWithoutAWriter) {
     connection->Init(nullptr);
     EXPECT_THAT(daemon.events, testing::Contains("create service logging to memory"));
-    EXPECT_THAT(daemon.events, Not(testing::Contains("create logger SNMP")));
     EXPECT_EQ(Tessim::Service::GetApp()->GetDefaultLogger(), Ref<Logger>(logger));
     connection->Connect();
     EXPECT_THAT(logger->messages, ElementsAre(Message{5, "Already connected."}));
@@ -139,7 +148,8 @@ TEST_F(ConnectionTest, UsesTheDefaultLoggerWithoutAWriter) {
 
 TEST_F(ConnectionTest, MakesALoggerOnTheWriterItIsGiven) {
     connection->Init(MakeRef<NullWriter>().Get());
-    EXPECT_EQ(Count(daemon.events, "create logger SNMP"), 1);
+    EXPECT_EQ(Count(daemon.events, "create service logging to SNMP"), 1);
+    EXPECT_EQ(Tessim::Service::GetApp()->GetDefaultLogger()->GetName(), "SNMP");
     EXPECT_EQ(Tessim::Service::GetApp()->GetDefaultLogger()->GetName(), "SNMP");
 }
 

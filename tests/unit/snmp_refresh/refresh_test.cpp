@@ -10,8 +10,9 @@
 #include <stdexcept>
 #include <thread>
 
-#include "apps/snmp/NetSnmp.h"
-#include "apps/snmp/SNMPRaskHelper.h"
+#include "apps/snmp/agent/NetSnmp.h"
+#include "apps/snmp/collections/VMTables.h"
+#include "apps/snmp/refresh/SNMPRaskHelper.h"
 #include "runtime/tessim/exception.h"
 #include "runtime/tessim/time_budget.h"
 #include "tests/support/api_objects.h"

@@ -1,11 +1,12 @@
-#include "apps/snmp/ResourceExtraction.h"
+#include "apps/snmp/refresh/ResourceExtraction.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 
-#include "apps/snmp/NetSnmp.h"
+#include "apps/snmp/agent/NetSnmp.h"
+#include "apps/snmp/collections/ResTables.h"
 #include "runtime/tessim/exception.h"
 #include "tests/support/api_objects.h"
 #include "tests/support/fake_daemon.h"

@@ -4,8 +4,6 @@
 #include <string>
 #include <vector>
 
-#include "apps/snmp/Rows.h"
-#include "apps/snmp/SNMPRaskHelper.h"
 #include "apps/snmp/SNMPResCPU.h"
 #include "apps/snmp/SNMPResDisk.h"
 #include "apps/snmp/SNMPResMem.h"
@@ -14,6 +12,10 @@
 #include "apps/snmp/SNMPVMFloppyCD.h"
 #include "apps/snmp/SNMPVMInfo.h"
 #include "apps/snmp/SNMPVMNet.h"
+#include "apps/snmp/collections/ResTables.h"
+#include "apps/snmp/collections/Rows.h"
+#include "apps/snmp/collections/VMTables.h"
+#include "apps/snmp/refresh/SNMPRaskHelper.h"
 
 namespace TestRows {
 

@@ -3,7 +3,7 @@
 
 #include <stdexcept>
 
-#include "apps/snmp/OrdaneClient.h"
+#include "apps/snmp/client/OrdaneClient.h"
 #include "runtime/ordane/faults.h"
 #include "tests/support/api_objects.h"
 #include "tests/support/fake_daemon.h"

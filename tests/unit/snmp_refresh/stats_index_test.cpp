@@ -1,4 +1,4 @@
-#include "apps/snmp/StatsIndex.h"
+#include "apps/snmp/client/StatsIndex.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,5 @@
-#include "apps/snmp/VMExtraction.h"
+#include "apps/snmp/collections/VMTables.h"
+#include "apps/snmp/refresh/VMExtraction.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

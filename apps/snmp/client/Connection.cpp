@@ -1,0 +1,177 @@
+#include "apps/snmp/client/Connection.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <exception>
+
+#include "apps/snmp/client/Endpoint.h"
+#include "runtime/hask/host_agent.h"
+#include "runtime/tessim/exception.h"
+#include "runtime/tessim/peer.h"
+#include "runtime/tessim/time_budget.h"
+
+namespace SNMP {
+
+namespace {
+
+using Tessim::Ref;
+using Tessim::Service::Log;
+using LogLevel = Tessim::Service::Logger::LogLevel;
+
+const std::string sHostname = "localhost";
+const std::string localPath = "/ordane/";
+const std::string sUser = "root";
+const std::string locale = "en";
+constexpr std::size_t ticketBufferSize = 1024;
+// The agent serves no other request while it connects.
+constexpr std::chrono::seconds connectLimit{1};
+
+// The password is one word. Anything else was not written as a ticket and is never sent.
+void CheckPassword(const std::string& password) {
+    const auto isPrintable = [](char character) { return character > ' ' && character < 0x7f; };
+    if (!std::all_of(password.begin(), password.end(), isPrintable)) {
+        throw Tessim::InvalidArgumentException("the ticket file does not hold a password");
+    }
+}
+
+}  // namespace
+
+Connection::~Connection() {
+    // Logging and logging out allocate; a failed allocation must not end the agent.
+    try {
+        Disconnect();
+    } catch (const std::exception&) {
+        path.clear();
+    }
+    if (zarnSvc) {
+        try {
+            zarnSvc->Shutdown();
+        } catch (const std::exception&) {
+            // Its last reference releases it.
+        }
+        zarnSvc.Reset();
+    }
+    serviceInstance.Reset();
+    userSession.Reset();
+    moFactory.Reset();
+    stubAdapter.Reset();
+    path.clear();
+    stream.Reset();
+    logger.Reset();
+}
+
+void Connection::Init(Tessim::Writer* writer) {
+    const Tessim::TimeBudget budget(connectLimit);
+    try {
+        Tessim::Service::InitApp();
+    } catch (const Tessim::AlreadyInitializedException&) {
+        // By an earlier connection of this process.
+    }
+    if (writer != nullptr) {
+        Tessim::Service::CreateLogger(writer, "SNMP", nullptr, logger);
+        Tessim::Service::SetDefaultLogger(logger.Get());
+    } else {
+        logger = Tessim::Service::GetApp()->GetDefaultLogger();
+    }
+    Endpoint::Current().CreateService(logger.Get(), zarnSvc);
+    zarnSvc->Startup();
+    Connect();
+    Login();
+}
+
+void Connection::Connect() {
+    if (!path.empty()) {
+        Log(logger.Get(), LogLevel::Notice, "Already connected.");
+        return;
+    }
+    Endpoint& endpoint = Endpoint::Current();
+    endpoint.OpenStream(sHostname, Hask::HostAgent::port, stream);
+    path = zarnSvc->GetConnectionPath(stream.Get(), 0);
+    zarnSvc->MapPath(path, Hask::HostAgent::apiPath, localPath);
+    endpoint.CreateStubAdapter(logger.Get(), zarnSvc.Get(), localPath, stubAdapter);
+    endpoint.CreateMoFactory(stubAdapter.Get(), moFactory);
+}
+
+void Connection::Login() {
+    if (userSession) {
+        Log(logger.Get(), LogLevel::Notice, "Already logged in.");
+        return;
+    }
+    Ref<Hask::SessionManager> sessionManager;
+    moFactory->GetSessionManager(sessionManager);
+    std::string userName;
+    std::string password;
+    try {
+        const auto asked = std::chrono::system_clock::now();
+        Ref<Hask::SessionManager::LocalTicket> ticket;
+        sessionManager->AcquireLocalTicket(sUser, ticket);
+        userName = ticket->GetUserName();
+        Ref<Tessim::System::Stream> file;
+        Tessim::System::GetSystemFactory()->OpenSecretFile(ticket->GetPasswordFilePath(), asked, file);
+        std::array<char, ticketBufferSize> buffer{};
+        const std::size_t count = file->Read(buffer.data(), buffer.size());
+        file->Close();
+        if (count > buffer.size() - 1) {
+            Log(logger.Get(), LogLevel::Error, "Failed to read ticket. Ticket file too long.");
+            return;
+        }
+        buffer.at(count) = '\0';
+        password = buffer.data();
+        CheckPassword(password);
+    } catch (const Tessim::Exception& failure) {
+        Log(logger.Get(), LogLevel::Error,
+            Tessim::PrintFormatter("Failed to acquire local ticket: %1") << failure.what());
+        return;
+    }
+    sessionManager->Login(userName, password, locale, userSession);
+}
+
+void Connection::Logout() {
+    if (!userSession) {
+        Log(logger.Get(), LogLevel::Notice, "Logout: not logged in.");
+        return;
+    }
+    Ref<Hask::SessionManager> sessionManager;
+    moFactory->GetSessionManager(sessionManager);
+    sessionManager->Logout();
+    userSession.Reset();
+}
+
+void Connection::Disconnect() {
+    if (path.empty()) {
+        Log(logger.Get(), LogLevel::Notice, "Disconnect: not connected.");
+        return;
+    }
+    if (userSession && IsOwn()) {
+        try {
+            Logout();
+        } catch (const std::exception&) {
+            // The connection is closed all the same.
+        }
+    }
+    userSession.Reset();
+    if (stubAdapter) {
+        stubAdapter->Close();
+        stubAdapter.Reset();
+    }
+    if (stream) {
+        stream->Close();
+        stream.Reset();
+    }
+    path.clear();
+}
+
+void Connection::CheckTimeLeft() {
+    constexpr const char* step = "working on its answers";
+    Tessim::TimeBudget::CheckEnding(step);
+    if (Tessim::Clock::now() >= Tessim::TimeBudget::Deadline()) {
+        Tessim::Peer(sHostname, Hask::HostAgent::port).ThrowTimeout(step);
+    }
+}
+
+bool Connection::IsOwn() const {
+    return stream && stream->IsOwn();
+}
+
+}  // namespace SNMP

@@ -1,0 +1,78 @@
+// The row collections of the six VM tables.
+//
+// Used on the agent's one request thread; a walk must not be interleaved with another walk of the same table
+// or with a refresh. The operations of a list collection:
+//   Init     rewinds to the first row.
+//   GetNext  stores the next row and returns its position in the list; stores null and returns -1 at the end.
+//   Destroy  releases the rows and the strings that they own, and leaves the list empty. Rows returned before
+//   are
+//            invalid then; the cursor stays as it is until the next Init.
+//   GetPtr   returns the address of the head variable, through which rows are linked in. Rows are
+//   `calloc`-ed, and
+//            the collection owns them.
+#pragma once
+
+#include "apps/snmp/collections/Rows.h"
+
+// An array: the block of rows or null, the number of rows, and the position that GetNext returns next.
+extern vmEntry* vmInfoTable;
+extern std::int32_t vmInfoTableNumEnt;
+extern std::int32_t vmInfoTableIndex;
+
+// A list: its head, the number of rows returned since the last Init, and the row that GetNext returns next.
+extern vmHBANode* vmHBAList;
+extern std::int32_t vmHBATableIndex;
+extern vmHBANode* vmHBAListTravPtr;
+
+extern vmHBATgtNode* vmHBATgtList;
+extern std::int32_t vmHBATgtTableIndex;
+extern vmHBATgtNode* vmHBATgtListTravPtr;
+
+extern vmNetNode* vmNetList;
+extern std::int32_t vmNetTableIndex;
+extern vmNetNode* vmNetListTravPtr;
+
+extern vmFloppyNode* vmFloppyList;
+extern std::int32_t vmFloppyTableIndex;
+extern vmFloppyNode* vmFloppyListTravPtr;
+
+extern vmCDROMNode* vmCDROMList;
+extern std::int32_t vmCDROMTableIndex;
+extern vmCDROMNode* vmCDROMListTravPtr;
+
+extern "C" {
+
+// The array's operations differ from a list's in two: GetPtr returns the address of the block's pointer, and
+// SetNumEntries stores the number of rows, after the block.
+void SNMPVMInfoTable_Init();
+int SNMPVMInfoTable_GetNext(vmEntry** row);
+void SNMPVMInfoTable_Destroy();
+vmEntry** SNMPVMInfoTable_GetPtr();
+void SNMPVMInfoTable_SetNumEntries(int n);
+
+void SNMPVMHBATable_Init();
+int SNMPVMHBATable_GetNext(vmHBANode** row);
+void SNMPVMHBATable_Destroy();
+vmHBANode** SNMPVMHBATable_GetPtr();
+
+void SNMPVMHBATgtTable_Init();
+int SNMPVMHBATgtTable_GetNext(vmHBATgtNode** row);
+void SNMPVMHBATgtTable_Destroy();
+vmHBATgtNode** SNMPVMHBATgtTable_GetPtr();
+
+void SNMPVMNetTable_Init();
+int SNMPVMNetTable_GetNext(vmNetNode** row);
+void SNMPVMNetTable_Destroy();
+vmNetNode** SNMPVMNetTable_GetPtr();
+
+void SNMPVMFloppyTable_Init();
+int SNMPVMFloppyTable_GetNext(vmFloppyNode** row);
+void SNMPVMFloppyTable_Destroy();
+vmFloppyNode** SNMPVMFloppyTable_GetPtr();
+
+void SNMPVMCDROMTable_Init();
+int SNMPVMCDROMTable_GetNext(vmCDROMNode** row);
+void SNMPVMCDROMTable_Destroy();
+vmCDROMNode** SNMPVMCDROMTable_GetPtr();
+
+}  // extern "C"

@@ -1,0 +1,88 @@
+#include "apps/snmp/refresh/CacheFiller.h"
+
+#include <cstdlib>
+
+#include "apps/snmp/agent/NetSnmp.h"
+#include "apps/snmp/collections/ResTables.h"
+#include "apps/snmp/collections/VMTables.h"
+#include "apps/snmp/refresh/ListFiller.h"
+#include "apps/snmp/refresh/ResourceExtraction.h"
+#include "apps/snmp/refresh/VMExtraction.h"
+#include "runtime/ordane/faults.h"
+
+namespace SNMP {
+
+namespace Device = Hask::Vm::Device;
+
+namespace {
+
+// Appends the rows of one VM after another.
+class CacheFiller {
+  public:
+    CacheFiller(OrdaneClient* client, vmEntry* rows) : client(client), rows(rows) {}
+
+    // The rows of the VM at position `index` of the array.
+    void Fill(int index, Hask::VirtualMachine* vm, Hask::Vm::ConfigInfo* config) {
+        auto nics = Tessim::MakeRef<Ordane::DataArray<Device::VirtualEthernetCard>>();
+        auto scsiControllers = Tessim::MakeRef<Ordane::DataArray<Device::VirtualSCSIController>>();
+        auto disks = Tessim::MakeRef<Ordane::DataArray<Device::VirtualDisk>>();
+        auto ideControllers = Tessim::MakeRef<Ordane::DataArray<Device::VirtualIDEController>>();
+        auto cdroms = Tessim::MakeRef<Ordane::DataArray<Device::VirtualCdrom>>();
+        auto floppies = Tessim::MakeRef<Ordane::DataArray<Device::VirtualFloppy>>();
+        const bool powered = SetVMInfo(index, vm, config, rows);
+        FindVirtualDevices(config->GetHardware(), nics, scsiControllers, disks, ideControllers, cdroms,
+                           floppies);
+        net.Advance(SetNicInfo(index, nics.Get(), net.Get()));
+        hba.Advance(SetStorageHBA(index, scsiControllers.Get(), hba.Get()));
+        tgt.Advance(SetStorageTgt(index, disks.Get(), tgt.Get()));
+        cdrom.Advance(SetCDRomInfo(index, ideControllers.Get(), cdroms.Get(), cdrom.Get()));
+        floppy.Advance(SetFloppyInfo(index, floppies.Get(), floppy.Get()));
+        if (powered) {
+            resCPU.Advance(SetCPUResource(client, vm, config, resCPU.Get()));
+            resMem.Advance(SetMemResource(client, vm, config, resMem.Get()));
+            resDisk.Advance(SetDiskResource(client, vm, disks.Get(), resDisk.Get()));
+            resNet.Advance(SetNetResource(client, vm, nics.Get(), resNet.Get()));
+        }
+    }
+
+  private:
+    OrdaneClient* client;
+    vmEntry* rows;
+    TailCursor<vmNetNode> net{SNMPVMNetTable_GetPtr()};
+    TailCursor<vmHBANode> hba{SNMPVMHBATable_GetPtr()};
+    TailCursor<vmHBATgtNode> tgt{SNMPVMHBATgtTable_GetPtr()};
+    TailCursor<vmCDROMNode> cdrom{SNMPVMCDROMTable_GetPtr()};
+    TailCursor<vmFloppyNode> floppy{SNMPVMFloppyTable_GetPtr()};
+    TailCursor<resCPUNode> resCPU{SNMPResCPUTable_GetPtr()};
+    TailCursor<resMemNode> resMem{SNMPResMemTable_GetPtr()};
+    TailCursor<resDiskNode> resDisk{SNMPResDiskTable_GetPtr()};
+    TailCursor<resNetNode> resNet{SNMPResNetTable_GetPtr()};
+};
+
+}  // namespace
+
+void FillTables(OrdaneClient* client, Ordane::DataArray<Hask::VirtualMachine>* vms,
+                Ordane::DataArray<Hask::Vm::ConfigInfo>* configs) {
+    const int count = vms->GetLength();
+    auto* const rows = static_cast<vmEntry*>(std::calloc(static_cast<std::size_t>(count), sizeof(vmEntry)));
+    *SNMPVMInfoTable_GetPtr() = rows;
+    if (rows == nullptr) {
+        snmp_log(LOG_WARNING, "SNMPRaskRefreshCache: Out of memory?\n");
+        return;
+    }
+    if (configs->GetLength() != count) {
+        static constexpr const char* bug = "SNMPRaskRefreshCache, BUG - vm & config count.\n";
+        snmp_log(LOG_ERR, "%s", bug);
+        throw Ordane::Fault::SystemError::Exception(bug);
+    }
+    SNMPVMInfoTable_SetNumEntries(count);
+    snmp_log(LOG_INFO, "SNMPRaskRefreshCache: Examining %d VMs found.\n", count);
+    client->CollectVMStats(vms);
+    CacheFiller filler(client, rows);
+    for (int index = 0; index < count; ++index) {
+        filler.Fill(index, (*vms)[index], (*configs)[index]);
+    }
+    snmp_log(LOG_INFO, "SNMPRask: refreshing cache completed.\n");
+}
+
+}  // namespace SNMP
