@@ -7,7 +7,7 @@ import tempfile
 
 import pytest
 
-for helper in ("mib", "system", "snmp_client", "wire"):
+for helper in ("mib", "expected_tree", "system", "snmp_client", "wire"):
     pytest.register_assert_rewrite(helper)
 
 import fault_report  # noqa: E402

@@ -11,7 +11,7 @@ import struct
 
 import mib
 import yaml
-from mib import ENTERPRISE  # noqa: F401 (the live tests take it from here)
+from mib import ENTERPRISE  # noqa: F401 (the tests with live guests take it from here)
 
 COUNTERS = ("disk.numberRead", "disk.numberWrite", "disk.read", "disk.write", "net.received", "net.transmitted",
             "net.packetsTx", "net.packetsRx", "mem.active", "cpu.used")
@@ -384,3 +384,10 @@ def tree(host, elapsed=0, kernel_loaded=False, first=False):
     instances = [*product(host), *inventory(host), *host_scalars(host, first), *resources(host, elapsed),
                  instance("kernelLoaded", "yes" if kernel_loaded else "no")]
     return sorted(instances, key=lambda instance: instance.oid)
+
+
+def assert_equal(found, expected):
+    """found is the expected tree: every instance with its type and value, in order, and nothing else."""
+    assert [i.oid for i in found] == [i.oid for i in expected]
+    wrong = [(f, e) for f, e in zip(found, expected) if f.type != e.type or not e.value == f.value]
+    assert not wrong, f"{len(wrong)} instances differ (found, expected), the first: {wrong[:3]}"

@@ -84,6 +84,15 @@ def is_alive(pid):
         return False
 
 
+def accepts_connections():
+    """Whether something listens on the daemon's port."""
+    try:
+        socket.create_connection(DAEMON_ADDRESS, timeout=1).close()
+        return True
+    except ConnectionRefusedError:
+        return False
+
+
 def agent_account():
     """The account that Debian runs the agent as; skips the test where this process cannot become it."""
     try:
@@ -118,11 +127,7 @@ class Daemon:
 
     def is_listening(self):
         assert self.process.poll() is None, f"the daemon ended with {self.process.returncode}: {self.log_text()}"
-        try:
-            socket.create_connection(DAEMON_ADDRESS, timeout=1).close()
-            return True
-        except ConnectionRefusedError:
-            return False
+        return accepts_connections()
 
     def elapsed(self):
         """More seconds than the daemon has counted since it started."""

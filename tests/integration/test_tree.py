@@ -110,11 +110,8 @@ def running(described, start_daemon, start_agent):
 
 
 def assert_equal(found, daemon, host, keep=lambda instance: True):
-    """found is the host's tree: every instance with its type and value, in order, and nothing else."""
-    expected = [i for i in expected_tree.tree(host, elapsed=daemon.elapsed()) if keep(i)]
-    assert [i.oid for i in found] == [i.oid for i in expected]
-    wrong = [(f, e) for f, e in zip(found, expected) if f.type != e.type or not e.value == f.value]
-    assert not wrong, f"{len(wrong)} instances differ (found, expected), the first: {wrong[0]}"
+    """found is what `keep` leaves of the host's tree."""
+    expected_tree.assert_equal(found, [i for i in expected_tree.tree(host, elapsed=daemon.elapsed()) if keep(i)])
 
 
 def test_get_next_walks_the_whole_tree(running):

@@ -11,7 +11,7 @@ import string
 import xml.etree.ElementTree as xml
 
 import expected_tree
-from expected_tree import Between, instance, int32
+from expected_tree import Between, assert_equal, instance, int32  # noqa: F401 (tests take assert_equal from here)
 from libvirt_host import virsh
 
 POWER = {"running": "poweredOn", "idle": "poweredOn", "in shutdown": "poweredOn", "paused": "suspended",
@@ -283,9 +283,3 @@ def tree(uri, identities, before, after, listed=None, config_directory=None, cpu
     instances = [*scalars(uri), *inventory(listed, identities, config_directory, storage),
                  *resources(listed, identities, storage, before, after, cpu_shares)]
     return sorted(instances, key=lambda instance: instance.oid)
-
-
-def assert_equal(found, expected):
-    assert [i.oid for i in found] == [i.oid for i in expected]
-    wrong = [(f, e) for f, e in zip(found, expected) if f.type != e.type or not e.value == f.value]
-    assert not wrong, f"{len(wrong)} instances differ (found, expected), the first: {wrong[:3]}"

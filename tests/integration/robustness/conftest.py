@@ -94,7 +94,7 @@ class ShiftedAgent(system.Agent):
         name, = self.client.get(FIRST_NAME)   # one call of one handler; a GETNEXT would go on to other groups
         return time.monotonic() - started, name.type == "OCTET STRING"
 
-    def recover(self, host):
+    def recover(self, host, daemon=None):
         """Waits until the agent serves the whole tree again. After a timeout it waits 5 s before it connects again, and on a
         busy computer even a good daemon may time out."""
         deadline = time.monotonic() + 5 + 2 * watch.SLACK
@@ -102,13 +102,13 @@ class ShiftedAgent(system.Agent):
         while not self.refresh()[1] and not self.refresh()[1]:
             assert time.monotonic() < deadline, "the agent does not recover"
             time.sleep(0.2)
-        self.assert_right(host)
+        self.assert_right(host, daemon)
 
-    def assert_right(self, host):
+    def assert_right(self, host, daemon=None):
+        """The agent serves the host's whole tree; daemon: the one whose running statistics it has."""
         self.client.get(mib.oid("memTotal"))    # the reservation is in kilobytes from now on
         found = self.client.bulk_walk()
-        expected = expected_tree.tree(host)
-        assert [(i.oid, i.type, i.value) for i in found] == [(i.oid, i.type, i.value) for i in expected]
+        expected_tree.assert_equal(found, expected_tree.tree(host, elapsed=daemon.elapsed() if daemon else 0))
 
     def stop(self):
         if self.stopped:

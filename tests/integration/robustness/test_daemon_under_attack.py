@@ -16,8 +16,10 @@ import pytest
 import system
 import watch
 from system import DAEMON_ADDRESS
-from test_real_daemon import SMALL, assert_right, recover
 from wire import Connection, Fault, client_context, read_ticket
+
+SMALL = system.HOSTS / "small.yaml"
+HOST = expected_tree.load(SMALL)
 
 # What the agent's requests may take meanwhile, in seconds.
 SERVED = 1.0
@@ -35,7 +37,7 @@ def served(start_daemon, shifted_agent):
     def start(*options):
         daemon = start_daemon(SMALL, *options)
         agent = shifted_agent()
-        recover(agent, daemon)
+        agent.recover(HOST, daemon)
         return daemon, agent
 
     return start
@@ -58,7 +60,7 @@ def agent_stays_served(agent, daemon, fault, does):
         yield rebuild
         rebuild()
     prober.check(SERVED)
-    assert_right(agent, daemon)
+    agent.assert_right(HOST, daemon)
     assert watch.descriptors(agent.pid) == before
     watch.report(fault, does, slowest, prober)
 
@@ -278,7 +280,7 @@ def test_no_ticket_is_written_on_a_full_disk_and_one_when_there_is_room(director
     with small_disk(tickets, 64 * 1024):
         daemon = start_daemon(SMALL)
         agent = shifted_agent()
-        recover(agent, daemon)
+        agent.recover(HOST, daemon)
         before = watch.descriptors(agent.pid)
         filler = tickets / "filler"
         with filler.open("wb", buffering=0) as stream, contextlib.suppress(OSError):
@@ -299,7 +301,7 @@ def test_no_ticket_is_written_on_a_full_disk_and_one_when_there_is_room(director
                 assert list(tickets.iterdir()) == [filler]
         prober.check(SERVED)
         filler.unlink()
-        recover(agent, daemon)
+        agent.recover(HOST, daemon)
         assert watch.descriptors(agent.pid) == before
         watch.report("the disk is full when tovric-vessad writes a ticket", "empty tables, and as before when there is room", 0, prober)
         assert daemon.stop() == 0
@@ -333,7 +335,7 @@ def test_a_killed_daemon_leaves_nothing_usable(served, start_daemon):
                     with pytest.raises(Fault):
                         client.login(secret)
     prober.check(SERVED)
-    recover(agent, daemon)
+    agent.recover(HOST, daemon)
     assert watch.descriptors(agent.pid) == before
     watch.report("tovric-vessad is killed while it writes tickets, 10 times", "empty tables, then as before", 0, prober, faults=10)
 
@@ -357,21 +359,15 @@ def test_the_daemon_needs_no_privilege_but_its_port(directory, shifted_agent):
                  "--inh-caps", "-all,+net_bind_service", "--ambient-caps", "-all,+net_bind_service", "--bounding-set", "-all,+net_bind_service",
                  system.DAEMON, "--host", SMALL, "--ticket-dir", tickets, "--foreground"], stdout=log, stderr=log)
         try:
-            system.wait_until(is_listening, "the daemon to listen")
+            system.wait_until(system.accepts_connections, "the daemon to listen")
             status = pathlib.Path(f"/proc/{daemon.pid}/status").read_text()
             assert f"Uid:\t{account.pw_uid}\t" in status and "CapEff:\t0000000000000400\n" in status
             agent = shifted_agent()
             with watch.unharmed(agent, SERVED):
                 system.wait_until(lambda: agent.refresh()[1], "the tables")
                 found = [i.oid for i in agent.client.bulk_walk()]
-                assert found == [i.oid for i in expected_tree.tree(expected_tree.load(SMALL))]
+                assert found == [i.oid for i in expected_tree.tree(HOST)]
             agent.stop()
         finally:
             daemon.terminate()
             assert daemon.wait(10) == 0
-
-
-def is_listening():
-    with contextlib.suppress(ConnectionRefusedError), socket.create_connection(DAEMON_ADDRESS, timeout=1):
-        return True
-    return False

@@ -4,13 +4,13 @@ import time
 
 import expected_tree
 import fake_daemon
-import mib
 import pytest
 import system
 import watch
 from wire import Connection
 
 SMALL = system.HOSTS / "small.yaml"
+HOST = expected_tree.load(SMALL)
 BEHIND = ("127.0.0.2", 902)     # where the daemon listens; the relay has the usual address
 CONNECT = 1.0
 STEP = 23
@@ -61,24 +61,11 @@ def relayed(start_daemon, monkeypatch):
     relay.stop()
 
 
-def assert_right(agent, daemon):
-    agent.client.get(mib.oid("memTotal"))
-    found = agent.client.bulk_walk()
-    expected = expected_tree.tree(expected_tree.load(SMALL), elapsed=daemon.elapsed())
-    assert [i.oid for i in found] == [i.oid for i in expected]
-    assert all(f.type == e.type and e.value == f.value for f, e in zip(found, expected))
-
-
-def recover(agent, daemon):
-    system.wait_until(lambda: agent.refresh()[1] or agent.refresh()[1], "the agent to recover")
-    assert_right(agent, daemon)
-
-
 @pytest.mark.slow
 def test_a_session_with_the_daemon_may_break_at_any_byte(relayed, shifted_agent):
     relay, daemon = relayed
     agent = shifted_agent()
-    recover(agent, daemon)
+    agent.recover(HOST, daemon)
     before = watch.descriptors(agent.pid)
     relay.recording = True
     relay.drop_connections()
@@ -98,7 +85,7 @@ def test_a_session_with_the_daemon_may_break_at_any_byte(relayed, shifted_agent)
     seconds = (time.monotonic() - started) / len(offsets)
     relay.behave(Relay())
     relay.drop_connections()
-    recover(agent, daemon)
+    agent.recover(HOST, daemon)
     assert watch.descriptors(agent.pid) == before
     watch.report(f"connection ends at every {STEP}th of {length} bytes of a session with tovric-vessad",
                  "closes the connection, empties the tables, retries at the next rebuild", seconds, prober, faults=len(offsets))
@@ -108,7 +95,7 @@ def test_a_session_with_the_daemon_may_break_at_any_byte(relayed, shifted_agent)
 def test_a_daemon_that_is_killed_and_started_again_is_found_again(start_daemon, shifted_agent):
     daemon = start_daemon(SMALL)
     agent = shifted_agent()
-    recover(agent, daemon)
+    agent.recover(HOST, daemon)
     before = watch.descriptors(agent.pid)
     with watch.Prober() as prober:
         for _ in range(5):
@@ -118,7 +105,7 @@ def test_a_daemon_that_is_killed_and_started_again_is_found_again(start_daemon, 
             for ticket in daemon.tickets.iterdir():
                 ticket.unlink()
             daemon = start_daemon(SMALL)
-            recover(agent, daemon)
+            agent.recover(HOST, daemon)
     prober.check(CONNECT)
     assert watch.descriptors(agent.pid) == before
     watch.report("tovric-vessad is killed and started again, 5 times", "empty tables once, then as before", prober.summary()["max"], prober, faults=5)
