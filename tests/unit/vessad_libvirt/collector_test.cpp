@@ -5,8 +5,8 @@
 
 #include "tests/unit/vessad/log_lines.h"
 #include "tests/unit/vessad/temporary_directory.h"
+#include "tests/unit/vessad_libvirt/description.h"
 #include "tests/unit/vessad_libvirt/fake_api.h"
-#include "tests/unit/vessad_libvirt/wait_for.h"
 
 namespace Vessad::Libvirt {
 namespace {
@@ -15,9 +15,14 @@ using std::chrono::milliseconds;
 using testing::HasSubstr;
 using testing::Not;
 
-const std::string a = "00000000-0000-4000-8000-00000000000a";
-const std::string b = "00000000-0000-4000-8000-00000000000b";
+// A domain with one CPU, 64 MB and nothing else.
+Domain SmallDomain(const std::string& uuid, const std::string& name,
+                   DomainState state = DomainState::Running) {
+    return {uuid, name,  state != DomainState::ShutOff,
+            true, state, "<domain><name>" + name + "</name><memory>65536</memory><vcpu>1</vcpu></domain>"};
+}
 
+// On a host with the VMs vm-a (1000), whose CPU time is 1 ms, and vm-b (2000), whose is 2 ms.
 class CollectorTest : public testing::Test {
   protected:
     CollectorTest() {
@@ -25,158 +30,159 @@ class CollectorTest : public testing::Test {
         options.sampling.call = milliseconds(50);
         options.poolTimeout = milliseconds(200);
         options.osinfoDirectories.clear();
-        host->SetDomains({SmallDomain(a, "vm-a"), SmallDomain(b, "vm-b")});
-        host->SetStatistics(a, CpuTime(1));
-        host->SetStatistics(b, CpuTime(2));
+        SetDomains({SmallDomain(uuidA, "vm-a"), SmallDomain(uuidB, "vm-b")});
+        SetCpuTime(uuidA, 1);
+        SetCpuTime(uuidB, 2);
     }
-    ~CollectorTest() override {
-        host->Thaw(a);
-        host->HoldPools(false);
-        host->HoldDomains(false);
+    ~CollectorTest() override { api->Release(); }
+
+    void SetDomains(std::vector<Domain> domains) {
+        api->With([&](FakeState& state) { state.domains = std::move(domains); });
+    }
+    void SetCpuTime(const std::string& uuid, std::uint64_t milliseconds) {
+        api->With([&](FakeState& state) { state.statistics[uuid] = CpuTime(milliseconds); });
+    }
+    void Hold(bool FakeState::*held, bool value = true) {
+        api->With([&](FakeState& state) { state.*held = value; });
     }
 
-    void Start() {
+    // Returns why the first collection failed, if it did.
+    std::optional<ApiError> Start() {
         collector = std::make_unique<Collector>(api, "fake", VmIds(directory.GetPath()), options);
-        EXPECT_EQ(collector->WaitForFirst(std::chrono::seconds(30)), std::nullopt);
+        return collector->WaitForFirst(std::chrono::seconds(30));
     }
 
     std::size_t CountVms() const { return collector->Get()->vms.size(); }
-
-    // The CPU time of the machine with the number, or -1.
+    bool WaitForVms(std::size_t count) const {
+        return WaitFor([&] { return CountVms() == count; });
+    }
+    // The CPU time of the VM in milliseconds, or -1.
     std::int64_t CpuOf(const std::string& id) const {
         const auto inventory = collector->Get();
         const auto found = inventory->vmsById.find(id);
-        if (found == inventory->vmsById.end() || found->second->series.empty()) {
-            return -1;
-        }
-        return found->second->series[0].start;
+        return found == inventory->vmsById.end() || found->second->series.empty()
+                   ? -1
+                   : found->second->series[0].start;
+    }
+    bool WaitForCpu(const std::string& id, std::int64_t milliseconds) const {
+        return WaitFor([&] { return CpuOf(id) == milliseconds; });
+    }
+    bool WaitForName(std::size_t position, const std::string& name) const {
+        return WaitFor([&] { return collector->Get()->vms.at(position)->config->GetName() == name; });
+    }
+    bool WaitForLog(const std::string& text) const {
+        return WaitFor([&] { return log.GetText().find(text) != std::string::npos; });
     }
 
     VessadTest::TemporaryDirectory directory;
     VessadTest::LogLines log;
     std::shared_ptr<FakeApi> api = std::make_shared<FakeApi>();
-    std::shared_ptr<FakeHost> host = api->host;
     CollectorOptions options;
     std::unique_ptr<Collector> collector;
 };
 
-TEST_F(CollectorTest, HasTheHostAfterTheFirstCollection) {
-    Start();
+TEST_F(CollectorTest, FollowsTheHost) {
+    ASSERT_EQ(Start(), std::nullopt);
     const auto inventory = collector->Get();
     ASSERT_EQ(inventory->vms.size(), 2U);
     EXPECT_EQ(inventory->vms[0]->id, "1000");
     EXPECT_EQ(inventory->vms[0]->config->GetName(), "vm-a");
+    EXPECT_EQ(inventory->about->GetName(), "QEMU");
     EXPECT_EQ(CpuOf("1000"), 1);
     EXPECT_EQ(CpuOf("2000"), 2);
-    EXPECT_EQ(inventory->about->GetName(), "QEMU");
-}
-
-TEST_F(CollectorTest, FollowsTheHost) {
-    Start();
-    host->SetStatistics(a, CpuTime(77));
-    EXPECT_TRUE(WaitFor([&] { return CpuOf("1000") == 77; }));
-    host->SetDomains({SmallDomain(b, "renamed")});
-    EXPECT_TRUE(WaitFor([&] { return CountVms() == 1; }));
+    SetCpuTime(uuidA, 77);
+    EXPECT_TRUE(WaitForCpu("1000", 77));
+    SetDomains({SmallDomain(uuidB, "renamed")});
+    ASSERT_TRUE(WaitForVms(1));
     EXPECT_EQ(collector->Get()->vms[0]->id, "2000");
-    EXPECT_TRUE(WaitFor([&] { return collector->Get()->vms[0]->config->GetName() == "renamed"; }));
+    EXPECT_TRUE(WaitForName(0, "renamed"));
 }
 
-TEST_F(CollectorTest, DescribesAMachineAnewOnlyWhenItChanged) {
+TEST_F(CollectorTest, DescribesAVmAgainOnlyWhenItChanged) {
     Start();
-    const int described = host->CountDescriptions();
-    host->SetStatistics(a, CpuTime(5));
-    ASSERT_TRUE(WaitFor([&] { return CpuOf("1000") == 5; }));
-    EXPECT_EQ(host->CountDescriptions(), described);
-    const auto before = collector->Get();
-    host->SetDomains({SmallDomain(a, "vm-a"), SmallDomain(b, "new name")});
-    ASSERT_TRUE(WaitFor([&] { return collector->Get()->vms[1]->config->GetName() == "new name"; }));
-    EXPECT_EQ(host->CountDescriptions(), described + 1);
-    EXPECT_EQ(collector->Get()->vms[0]->config, before->vms[0]->config);
+    const auto descriptions = [&] {
+        return api->With([](FakeState& state) { return state.schedulerCalls; });
+    };
+    const int before = descriptions();
+    SetCpuTime(uuidA, 5);
+    ASSERT_TRUE(WaitForCpu("1000", 5));
+    EXPECT_EQ(descriptions(), before);
+    const auto config = collector->Get()->vms[0]->config;
+    SetDomains({SmallDomain(uuidA, "vm-a"), SmallDomain(uuidB, "new name")});
+    ASSERT_TRUE(WaitForName(1, "new name"));
+    EXPECT_EQ(descriptions(), before + 1);
+    EXPECT_EQ(collector->Get()->vms[0]->config, config);
 }
 
-TEST_F(CollectorTest, HasNoFiguresOfAMachineThatIsShutOff) {
+TEST_F(CollectorTest, KeepsTheDescriptionOfAVmThatTheHostDoesNotDescribe) {
     Start();
-    ASSERT_EQ(CpuOf("1000"), 1);
-    host->SetDomains({SmallDomain(a, "vm-a", DomainState::ShutOff), SmallDomain(b, "vm-b")});
-    EXPECT_TRUE(WaitFor([&] { return CpuOf("1000") == -1; }));
-    EXPECT_EQ(CountVms(), 2U);
-    EXPECT_EQ(CpuOf("2000"), 2);
-}
-
-// libvirt keeps the process of one that crashed where it is told to.
-TEST_F(CollectorTest, HasNoFiguresOfAMachineThatCrashedButHasAProcess) {
-    Domain crashed = SmallDomain(a, "vm-a", DomainState::Crashed);
-    ASSERT_TRUE(crashed.active);
-    host->SetDomains({crashed, SmallDomain(b, "vm-b")});
-    Start();
-    EXPECT_EQ(CpuOf("1000"), -1);
-    EXPECT_EQ(CpuOf("2000"), 2);
-}
-
-TEST_F(CollectorTest, KeepsTheDescriptionOfAMachineThatTheHostDoesNotDescribe) {
-    Start();
-    const auto before = collector->Get();
-    Domain silent = SmallDomain(a, "vm-a", DomainState::None);
-    silent.xml.clear();
-    host->SetDomains({silent, SmallDomain(b, "renamed")});
-    ASSERT_TRUE(WaitFor([&] { return collector->Get()->vms[1]->config->GetName() == "renamed"; }));
-    EXPECT_EQ(collector->Get()->vms[0]->config, before->vms[0]->config);
+    const auto config = collector->Get()->vms[0]->config;
+    Domain undescribed = SmallDomain(uuidA, "vm-a", DomainState::None);
+    undescribed.xml.clear();
+    SetDomains({undescribed, SmallDomain(uuidB, "renamed")});
+    ASSERT_TRUE(WaitForName(1, "renamed"));
+    EXPECT_EQ(collector->Get()->vms[0]->config, config);
     EXPECT_EQ(CpuOf("1000"), 1);
     EXPECT_THAT(log.GetText(), Not(HasSubstr("cannot be read")));
 }
 
-TEST_F(CollectorTest, KeepsTheRowAndDropsTheFiguresOfAMachineThatDoesNotAnswer) {
+// libvirt can be configured to keep the process of a crashed domain.
+TEST_F(CollectorTest, DropsTheStatisticsOfAVmThatIsShutOffOrCrashed) {
     Start();
-    host->Freeze(a);
-    EXPECT_TRUE(WaitFor([&] { return CpuOf("1000") == -1; }));
-    EXPECT_EQ(CountVms(), 2U);
-    host->SetStatistics(b, CpuTime(99));
-    EXPECT_TRUE(WaitFor([&] { return CpuOf("2000") == 99; }));
-    EXPECT_EQ(CpuOf("1000"), -1);
-    EXPECT_THAT(log.GetText(), HasSubstr("VM vm-a (" + a + ") has not responded since"));
-    host->Thaw(a);
-    EXPECT_TRUE(WaitFor([&] { return CpuOf("1000") == 1; }));
-    EXPECT_THAT(log.GetText(), HasSubstr("VM vm-a (" + a + ") responds again"));
+    for (const DomainState state : {DomainState::ShutOff, DomainState::Crashed}) {
+        SetDomains({SmallDomain(uuidA, "vm-a"), SmallDomain(uuidB, "vm-b")});
+        ASSERT_TRUE(WaitForCpu("1000", 1));
+        SetDomains({SmallDomain(uuidA, "vm-a", state), SmallDomain(uuidB, "vm-b")});
+        EXPECT_TRUE(WaitForCpu("1000", -1));
+        EXPECT_EQ(CountVms(), 2U);
+        EXPECT_EQ(CpuOf("2000"), 2);
+    }
 }
 
-TEST_F(CollectorTest, KeepsTheLastInventoryForAWhileAndThenEmptiesIt) {
+TEST_F(CollectorTest, KeepsTheRowAndDropsTheStatisticsOfAVmThatDoesNotRespond) {
+    Start();
+    api->Freeze(uuidA);
+    EXPECT_TRUE(WaitForCpu("1000", -1));
+    EXPECT_EQ(CountVms(), 2U);
+    SetCpuTime(uuidB, 99);
+    EXPECT_TRUE(WaitForCpu("2000", 99));
+    EXPECT_EQ(CpuOf("1000"), -1);
+    EXPECT_THAT(log.GetText(), HasSubstr("VM vm-a (" + uuidA + ") has not responded since"));
+    api->Release();
+    EXPECT_TRUE(WaitForCpu("1000", 1));
+    EXPECT_THAT(log.GetText(), HasSubstr("VM vm-a (" + uuidA + ") responds again"));
+}
+
+TEST_F(CollectorTest, KeepsTheLastInventoryOfAHostThatIsDownForAWhileAndThenDropsItsVms) {
     options.keep = milliseconds(500);
     Start();
-    host->SetDown(true);
-    ASSERT_TRUE(
-        WaitFor([&] { return log.GetText().find("libvirt cannot be reached") != std::string::npos; }));
+    api->SetDown(true);
+    ASSERT_TRUE(WaitForLog("warning The host's libvirt cannot be reached: the host is down; the last"));
     EXPECT_EQ(CountVms(), 2U);
-    EXPECT_TRUE(WaitFor([&] { return CountVms() == 0; }));
+    EXPECT_TRUE(WaitForVms(0));
     EXPECT_EQ(collector->Get()->about->GetName(), "QEMU");
-    EXPECT_THAT(log.GetText(),
-                HasSubstr("warning The host's libvirt cannot be reached: the host is down; the last"));
-    EXPECT_EQ(log.GetText().find("cannot be reached"), log.GetText().rfind("cannot be reached"))
-        << "told once";
-
-    host->SetDown(false);
-    EXPECT_TRUE(WaitFor([&] { return CountVms() == 2; }));
+    const std::string text = log.GetText();
+    EXPECT_EQ(text.find("cannot be reached"), text.rfind("cannot be reached")) << "logged once";
+    api->SetDown(false);
+    EXPECT_TRUE(WaitForVms(2));
     EXPECT_EQ(collector->Get()->vms[0]->id, "1000");
-    EXPECT_TRUE(WaitFor(
-        [&] { return log.GetText().find("libvirt can be reached again: 2 VMs") != std::string::npos; }));
+    EXPECT_TRUE(WaitForLog("info The host's libvirt can be reached again: 2 VMs"));
 }
 
-TEST_F(CollectorTest, EmptiesTheInventoryAlsoWhileACallHangs) {
+TEST_F(CollectorTest, DropsTheVmsAlsoWhileACallHangs) {
     options.readingTimeout = milliseconds(100);
     options.keep = milliseconds(300);
     Start();
-    host->HoldDomains(true);
-    ASSERT_TRUE(
-        WaitFor([&] { return log.GetText().find("libvirt cannot be reached") != std::string::npos; }));
+    Hold(&FakeState::holdsDomains);
+    ASSERT_TRUE(WaitForLog("warning The host's libvirt cannot be reached: no reply in time; the last"));
     EXPECT_EQ(CountVms(), 2U);
-    EXPECT_TRUE(WaitFor([&] { return CountVms() == 0; }));
-    EXPECT_THAT(log.GetText(),
-                HasSubstr("warning The host's libvirt cannot be reached: no reply in time; the last"));
-    host->HoldDomains(false);
-    EXPECT_TRUE(WaitFor([&] { return CountVms() == 2; }));
+    EXPECT_TRUE(WaitForVms(0));
+    Hold(&FakeState::holdsDomains, false);
+    EXPECT_TRUE(WaitForVms(2));
 }
 
-// A host that takes long to collect is collected seldom.
-TEST_F(CollectorTest, KeepsTheInventoryHoweverLongTheNextCollectionIsAway) {
+// The time starts when the host is found unreachable, not with the last collection.
+TEST_F(CollectorTest, KeepsTheInventoryUntilTheNextCollectionHoweverLateItIs) {
     options.interval = std::chrono::hours(1);
     options.keep = milliseconds(50);
     Start();
@@ -184,64 +190,59 @@ TEST_F(CollectorTest, KeepsTheInventoryHoweverLongTheNextCollectionIsAway) {
     EXPECT_EQ(CountVms(), 2U);
 }
 
-TEST_F(CollectorTest, TakesInAnAnswerThatComesLate) {
+TEST_F(CollectorTest, ServesAReadingThatIsLate) {
     options.interval = std::chrono::hours(1);
     options.readingTimeout = milliseconds(20);
-    host->HoldDomains(true);
-    collector = std::make_unique<Collector>(api, "fake", VmIds(directory.GetPath()), options);
-    const auto failure = collector->WaitForFirst(std::chrono::seconds(30));
+    Hold(&FakeState::holdsDomains);
+    const auto failure = Start();
     ASSERT_TRUE(failure);
     EXPECT_FALSE(failure->IsPermanent());
-    host->HoldDomains(false);
-    EXPECT_TRUE(WaitFor([&] { return CountVms() == 2; }));
-    EXPECT_TRUE(WaitFor(
-        [&] { return log.GetText().find("libvirt can be reached again: 2 VMs") != std::string::npos; }));
+    Hold(&FakeState::holdsDomains, false);
+    EXPECT_TRUE(WaitForVms(2));
+    EXPECT_TRUE(WaitForLog("libvirt can be reached again: 2 VMs"));
     EXPECT_EQ(collector->WaitForFirst(milliseconds(0)), std::nullopt);
 }
 
 TEST_F(CollectorTest, DoesNotWaitForTheStoragePools) {
     options.firstPoolTimeout = milliseconds(20);
-    host->HoldPools(true);
+    Hold(&FakeState::holdsPools);
     Start();
     EXPECT_EQ(CountVms(), 2U);
     EXPECT_THAT(log.GetText(), HasSubstr("warning The list of storage pools is late"));
 }
 
-TEST_F(CollectorTest, StartsWithNothingOnAHostThatIsDown) {
-    host->SetDown(true);
-    collector = std::make_unique<Collector>(api, "fake", VmIds(directory.GetPath()), options);
-    const auto failure = collector->WaitForFirst(std::chrono::seconds(30));
+TEST_F(CollectorTest, StartsWithoutVmsOnAHostThatIsDown) {
+    api->SetDown(true);
+    const auto failure = Start();
     ASSERT_TRUE(failure);
     EXPECT_FALSE(failure->IsPermanent());
     EXPECT_EQ(CountVms(), 0U);
     EXPECT_EQ(collector->Get()->counters.size(), 10U);
-    host->SetDown(false);
-    EXPECT_TRUE(WaitFor([&] { return CountVms() == 2; }));
+    api->SetDown(false);
+    EXPECT_TRUE(WaitForVms(2));
 }
 
-TEST_F(CollectorTest, TellsAFailureThatWillNeverPass) {
-    host->SetDown(true, true);
-    collector = std::make_unique<Collector>(api, "fake", VmIds(directory.GetPath()), options);
-    const auto failure = collector->WaitForFirst(std::chrono::seconds(30));
+TEST_F(CollectorTest, ReturnsAPermanentFailure) {
+    api->SetDown(true, true);
+    const auto failure = Start();
     ASSERT_TRUE(failure);
     EXPECT_TRUE(failure->IsPermanent());
 }
 
-TEST_F(CollectorTest, CollectsAtOnceWhenItIsWoken) {
+TEST_F(CollectorTest, CollectsOnRequest) {
     options.interval = std::chrono::hours(1);
     Start();
-    host->SetDomains({});
+    SetDomains({});
     collector->CollectNow();
-    EXPECT_TRUE(WaitFor([&] { return CountVms() == 0; }));
+    EXPECT_TRUE(WaitForVms(0));
 }
 
 TEST_F(CollectorTest, EndsWhileTheHostHangs) {
     Start();
-    host->HoldDomains(true);
-    host->HoldPools(true);
-    host->Freeze(a);
+    Hold(&FakeState::holdsDomains);
+    Hold(&FakeState::holdsPools);
+    api->Freeze(uuidA);
     collector.reset();
-    host->HoldDomains(false);
     EXPECT_THAT(log.GetText(), Not(HasSubstr("error")));
 }
 

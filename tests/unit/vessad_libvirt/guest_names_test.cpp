@@ -7,9 +7,11 @@
 namespace Vessad::Libvirt {
 namespace {
 
+const std::string debian = "http://debian.org/debian/12";
+
 class GuestNamesTest : public testing::Test {
   protected:
-    // Adds the file of a system to a database below the test's directory.
+    // Adds the file of a system to the database "own" or "system".
     void Install(const std::string& database, const std::string& file, const std::string& id,
                  const std::string& name) {
         const auto path = directory.GetPath() / database / "os" / file;
@@ -19,51 +21,37 @@ class GuestNamesTest : public testing::Test {
                                        R"(</name><name xml:lang="de">Anders</name></os></libosinfo>)");
     }
 
-    GuestNames Names() const {
-        return GuestNames({directory.GetPath() / "own", directory.GetPath() / "system"});
-    }
-
     VessadTest::TemporaryDirectory directory;
+    GuestNames names{{directory.GetPath() / "own", directory.GetPath() / "system"}};
 };
 
-TEST_F(GuestNamesTest, AreFoundInTheDatabaseByTheirId) {
-    Install("system", "debian.org/debian-12.xml", "http://debian.org/debian/12", "Debian 12");
-    EXPECT_EQ(Names().Find("http://debian.org/debian/12"), "Debian 12");
+TEST_F(GuestNamesTest, AreFoundByIdOnceTheDatabaseHasThem) {
+    EXPECT_EQ(names.Find(debian), std::nullopt);
+    Install("system", "debian.org/debian-12.xml", debian, "Debian 12");
+    EXPECT_EQ(names.Find(debian), "Debian 12");
 }
 
 TEST_F(GuestNamesTest, OfAnAdministratorComeFirst) {
-    Install("system", "debian.org/debian-12.xml", "http://debian.org/debian/12", "Debian 12");
-    Install("own", "debian.org/debian-12.xml", "http://debian.org/debian/12", "Our Debian");
-    EXPECT_EQ(Names().Find("http://debian.org/debian/12"), "Our Debian");
+    Install("system", "debian.org/debian-12.xml", debian, "Debian 12");
+    Install("own", "debian.org/debian-12.xml", debian, "Our Debian");
+    EXPECT_EQ(names.Find(debian), "Our Debian");
 }
 
-TEST_F(GuestNamesTest, AreMissingWithoutADatabaseAndFoundOnceThereIsOne) {
-    GuestNames names = Names();
-    EXPECT_EQ(names.Find("http://debian.org/debian/12"), std::nullopt);
-    Install("system", "debian.org/debian-12.xml", "http://debian.org/debian/12", "Debian 12");
-    EXPECT_EQ(names.Find("http://debian.org/debian/12"), "Debian 12");
+TEST_F(GuestNamesTest, AreMissingInAFileOfAnotherIdOrADamagedOne) {
+    Install("own", "debian.org/debian-12.xml", "http://debian.org/debian/13", "Debian 13");
+    Install("system", "debian.org/debian-12.xml", debian, "<broken");
+    EXPECT_EQ(names.Find(debian), std::nullopt);
 }
 
-TEST_F(GuestNamesTest, AreNotThoseOfAnotherIdInThatFile) {
-    Install("system", "debian.org/debian-12.xml", "http://debian.org/debian/13", "Debian 13");
-    EXPECT_EQ(Names().Find("http://debian.org/debian/12"), std::nullopt);
-}
-
-TEST_F(GuestNamesTest, NeverLeaveTheDatabase) {
+TEST_F(GuestNamesTest, NeverComeFromOutsideTheDatabase) {
     const std::string id = "http://debian.org/../../../secret";
     Install("system", "debian.org/..-..-..-secret.xml", id, "never");
     Install("system", "../secret.xml", id, "never");
-    EXPECT_EQ(Names().Find(id), std::nullopt);
-    EXPECT_EQ(Names().Find("http://../secret"), std::nullopt);
-    EXPECT_EQ(Names().Find("http:///secret"), std::nullopt);
-    EXPECT_EQ(Names().Find("http://vendor/"), std::nullopt);
-    EXPECT_EQ(Names().Find("http://vendor"), std::nullopt);
-    EXPECT_EQ(Names().Find("file:///etc/passwd"), std::nullopt);
-}
-
-TEST_F(GuestNamesTest, AreMissingInADamagedDatabase) {
-    Install("system", "debian.org/debian-12.xml", "http://debian.org/debian/12", "<broken");
-    EXPECT_EQ(Names().Find("http://debian.org/debian/12"), std::nullopt);
+    for (const std::string& each :
+         {id, std::string("http://../secret"), std::string("http:///secret"), std::string("http://vendor/"),
+          std::string("http://vendor"), std::string("file:///etc/passwd")}) {
+        EXPECT_EQ(names.Find(each), std::nullopt) << each;
+    }
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 
 #include "tests/unit/vessad/log_lines.h"
 #include "tests/unit/vessad_libvirt/fake_api.h"
-#include "tests/unit/vessad_libvirt/wait_for.h"
 
 namespace Vessad::Libvirt {
 namespace {
@@ -21,190 +20,123 @@ using testing::SizeIs;
 
 class SampleWorkersTest : public testing::Test {
   protected:
-    ~SampleWorkersTest() override {
-        api->host->HoldOpening(false);
-        for (const auto& domain : domains) {
-            api->host->Thaw(domain.uuid);
-        }
-    }
+    ~SampleWorkersTest() override { api->Release(); }
 
+    // The domains "0", "1" and so on, whose number is their CPU time.
     void MakeDomains(int count) {
         for (int index = 0; index < count; ++index) {
             const std::string number = std::to_string(index);
-            domains.push_back({"uuid-" + number, "vm-" + number});
-            api->host->SetStatistics("uuid-" + number, CpuTime(static_cast<std::uint64_t>(index)));
+            domains.push_back({number, "vm-" + number});
+            api->With([&](FakeState& state) {
+                state.statistics[number] = CpuTime(static_cast<std::uint64_t>(index));
+            });
         }
+    }
+    void FreezeFirst(int count) {
+        for (int index = 0; index < count; ++index) {
+            api->Freeze(std::to_string(index));
+        }
+    }
+    void HoldOpening(bool held) {
+        api->With([&](FakeState& state) { state.holdsOpening = held; });
+    }
+    bool WaitForSamples(std::size_t count) {
+        return WaitFor([&] { return workers->Sample(domains).size() == count; });
+    }
+    void StartWith(SampleWorkers::Timeouts timeouts) {
+        workers = std::make_unique<SampleWorkers>(api, "fake", timeouts);
+    }
+    auto SampleInBackground() {
+        return std::async(std::launch::async, [&] { return workers->Sample(domains); });
     }
 
     std::shared_ptr<FakeApi> api = std::make_shared<FakeApi>();
     std::vector<SampleWorkers::Domain> domains;
     VessadTest::LogLines log;
-    SampleWorkers workers{api, "fake", {.call = milliseconds(100)}};
+    std::unique_ptr<SampleWorkers> workers =
+        std::make_unique<SampleWorkers>(api, "fake", SampleWorkers::Timeouts{.call = milliseconds(100)});
 };
 
-TEST_F(SampleWorkersTest, BringTheFiguresOfEveryDomain) {
+TEST_F(SampleWorkersTest, SampleEveryDomain) {
     MakeDomains(100);
-    const auto figures = workers.Sample(domains);
-    ASSERT_THAT(figures, SizeIs(100));
-    EXPECT_EQ(figures.at("uuid-42"), CpuTime(42));
-    EXPECT_THAT(workers.Sample({}), IsEmpty());
+    const auto samples = workers->Sample(domains);
+    ASSERT_THAT(samples, SizeIs(100));
+    EXPECT_EQ(samples.at("42"), CpuTime(42));
+    EXPECT_THAT(workers->Sample({}), IsEmpty());
     EXPECT_THAT(log.GetText(), IsEmpty());
 }
 
-TEST_F(SampleWorkersTest, GoOnWithoutADomainThatDoesNotAnswer) {
+TEST_F(SampleWorkersTest, SampleTheOthersWhileADomainDoesNotRespondOrFails) {
     MakeDomains(20);
-    api->host->Freeze("uuid-3");
+    api->Freeze("3");
+    api->With([](FakeState& state) { state.refused.insert("4"); });
     for (int round = 0; round < 3; ++round) {
-        const auto figures = workers.Sample(domains);
-        EXPECT_THAT(figures, SizeIs(19));
-        EXPECT_FALSE(figures.contains("uuid-3"));
+        const auto samples = workers->Sample(domains);
+        EXPECT_THAT(samples, SizeIs(18));
+        EXPECT_FALSE(samples.contains("3") || samples.contains("4"));
     }
-    EXPECT_EQ(api->host->CountWaiting(), 1) << "a silent machine is asked once";
-    EXPECT_THAT(log.GetText(), HasSubstr("warning VM vm-3 (uuid-3) has not responded since 20"));
-    EXPECT_EQ(log.GetText().find("has not responded"), log.GetText().rfind("has not responded"))
-        << "told once";
+    EXPECT_EQ(api->CountWaiting(), 1) << "an unresponsive VM is sampled once";
+    EXPECT_THAT(log.GetText(), HasSubstr("warning VM vm-3 (3) has not responded since"));
+    EXPECT_THAT(log.GetText(), Not(HasSubstr("warning VM vm-4")));
+    api->Release();
+    EXPECT_TRUE(WaitForSamples(19));
+    EXPECT_THAT(log.GetText(), HasSubstr("info VM vm-3 (3) responds again"));
 }
 
-TEST_F(SampleWorkersTest, BringTheFiguresOfADomainThatAnswersAgain) {
-    MakeDomains(5);
-    api->host->Freeze("uuid-3");
-    workers.Sample(domains);
-    EXPECT_THAT(log.GetText(), Not(HasSubstr("responds again")));
-    api->host->Thaw("uuid-3");
-    ASSERT_TRUE(WaitFor([&] { return workers.Sample(domains).contains("uuid-3"); }));
-    EXPECT_THAT(log.GetText(), HasSubstr("info VM vm-3 (uuid-3) responds again, it had not since 20"));
-}
-
-TEST_F(SampleWorkersTest, TellWhenASilentDomainIsNoMore) {
-    MakeDomains(2);
-    api->host->Freeze("uuid-0");
-    workers.Sample(domains);
-    api->host->Refuse("uuid-0");
-    api->host->Thaw("uuid-0");
-    ASSERT_TRUE(WaitFor([&] { return api->host->CountWaiting() == 0; }));
-    ASSERT_TRUE(WaitFor([&] {
-        workers.Sample({domains[1]});
-        return log.GetText().find("no longer runs") != std::string::npos;
-    }));
-    EXPECT_THAT(log.GetText(), HasSubstr("info VM vm-0 (uuid-0), which had not responded since 20"));
-    EXPECT_THAT(log.GetText(), Not(HasSubstr("responds again")));
-}
-
-// libvirt gives up a call after a while when another program's call holds the domain.
-TEST_F(SampleWorkersTest, DoNotTakeAnErrorForAnAnswer) {
-    MakeDomains(2);
-    api->host->Freeze("uuid-0");
-    workers.Sample(domains);
-    api->host->Refuse("uuid-0");
-    api->host->Thaw("uuid-0");
-    ASSERT_TRUE(WaitFor([&] { return api->host->CountWaiting() == 0; }));
-    workers.Sample(domains);
-    EXPECT_THAT(log.GetText(), Not(HasSubstr("responds again")));
-    EXPECT_EQ(log.GetText().find("has not responded"), log.GetText().rfind("has not responded"));
-}
-
-TEST_F(SampleWorkersTest, LeaveOutADomainThatRefuses) {
-    MakeDomains(3);
-    api->host->Refuse("uuid-1");
-    EXPECT_THAT(workers.Sample(domains), SizeIs(2));
-    EXPECT_THAT(log.GetText(), Not(HasSubstr("warning")));
-}
-
-TEST_F(SampleWorkersTest, BringFiguresWhileSeveralDomainsAreSilent) {
-    MakeDomains(40);
-    for (int index = 0; index < 6; ++index) {
-        api->host->Freeze("uuid-" + std::to_string(index));
-    }
-    EXPECT_THAT(workers.Sample(domains), SizeIs(34));
-    EXPECT_THAT(workers.Sample(domains), SizeIs(34));
-    EXPECT_EQ(api->host->CountWaiting(), 6);
-}
-
-TEST_F(SampleWorkersTest, HoldOnlySoManyOfTheHostsThreads) {
-    MakeDomains(40);
-    for (int index = 0; index < 20; ++index) {
-        api->host->Freeze("uuid-" + std::to_string(index));
-    }
-    workers.Sample(domains);
-    workers.Sample(domains);
-    EXPECT_EQ(api->host->CountWaiting(), 12);
-    EXPECT_THAT(log.GetText(), HasSubstr("error 12 VMs do not respond, no other VM has statistics"));
-
-    for (int index = 0; index < 20; ++index) {
-        api->host->Thaw("uuid-" + std::to_string(index));
-    }
-    EXPECT_TRUE(WaitFor([&] { return workers.Sample(domains).size() == 40; }));
-}
-
-TEST_F(SampleWorkersTest, BringNothingFromAHostThatIsDownAndEverythingOnceItIsBack) {
+TEST_F(SampleWorkersTest, ReturnNothingOfAHostThatIsDownAndEverythingOnceItIsBack) {
     MakeDomains(10);
-    EXPECT_THAT(workers.Sample(domains), SizeIs(10));
-    api->host->SetDown(true);
-    EXPECT_THAT(workers.Sample(domains), IsEmpty());
+    EXPECT_THAT(workers->Sample(domains), SizeIs(10));
+    api->SetDown(true);
+    EXPECT_THAT(workers->Sample(domains), IsEmpty());
     EXPECT_THAT(log.GetText(), Not(HasSubstr("has not responded")));
-    api->host->SetDown(false);
-    EXPECT_TRUE(WaitFor([&] { return workers.Sample(domains).size() == 10; }));
+    api->SetDown(false);
+    EXPECT_TRUE(WaitForSamples(10));
 }
 
-TEST_F(SampleWorkersTest, WaitForAHostThatIsSlowToAcceptConnectionsLongerThanForADomain) {
+TEST_F(SampleWorkersTest, WaitForAConnectionLongerThanForADomain) {
     MakeDomains(10);
-    SampleWorkers own(api, "fake", {.call = milliseconds(20), .open = hours(1)});
-    api->host->HoldOpening(true);
-    auto figures = std::async(std::launch::async, [&] { return own.Sample(domains); });
-    EXPECT_EQ(figures.wait_for(milliseconds(200)), std::future_status::timeout);
-    api->host->HoldOpening(false);
-    EXPECT_THAT(figures.get(), SizeIs(10));
+    StartWith({.call = milliseconds(20), .open = hours(1)});
+    HoldOpening(true);
+    auto samples = SampleInBackground();
+    EXPECT_EQ(samples.wait_for(milliseconds(200)), std::future_status::timeout);
+    HoldOpening(false);
+    EXPECT_THAT(samples.get(), SizeIs(10));
     EXPECT_THAT(log.GetText(), IsEmpty());
 }
 
-// Those that take the places of threads that silent domains hold up need connections of their own.
-TEST_F(SampleWorkersTest, AskTheOthersEvenIfTheHostIsSlowToAcceptTheirReplacements) {
+TEST_F(SampleWorkersTest, WaitForTheConnectionsOfReplacementThreads) {
     MakeDomains(40);
-    SampleWorkers own(api, "fake", {.call = milliseconds(100), .open = hours(1)});
-    EXPECT_THAT(own.Sample(domains), SizeIs(40));
-    for (int index = 0; index < 4; ++index) {
-        api->host->Freeze("uuid-" + std::to_string(index));
-    }
-    api->host->HoldOpening(true);
-    auto figures = std::async(std::launch::async, [&] { return own.Sample(domains); });
-    EXPECT_EQ(figures.wait_for(milliseconds(500)), std::future_status::timeout);
-    api->host->HoldOpening(false);
-    EXPECT_THAT(figures.get(), SizeIs(36));
+    StartWith({.call = milliseconds(100), .open = hours(1)});
+    EXPECT_THAT(workers->Sample(domains), SizeIs(40));
+    FreezeFirst(4);
+    HoldOpening(true);
+    auto samples = SampleInBackground();
+    EXPECT_EQ(samples.wait_for(milliseconds(500)), std::future_status::timeout);
+    HoldOpening(false);
+    EXPECT_THAT(samples.get(), SizeIs(36));
     EXPECT_THAT(log.GetText(), Not(HasSubstr("no other VM has statistics")));
 }
 
-TEST_F(SampleWorkersTest, BlameNoDomainForAHostThatAcceptsNoConnection) {
-    MakeDomains(10);
-    SampleWorkers own(api, "fake", {.call = hours(1), .open = milliseconds(50)});
-    api->host->HoldOpening(true);
-    EXPECT_THAT(own.Sample(domains), IsEmpty());
-    EXPECT_THAT(log.GetText(), IsEmpty());
-    api->host->HoldOpening(false);
-    EXPECT_TRUE(WaitFor([&] { return own.Sample(domains).size() == 10; }));
-}
-
-TEST_F(SampleWorkersTest, EndTheirQuestionWhenTheyAreStopped) {
+TEST_F(SampleWorkersTest, ReturnAtOnceWhenTheyAreStopped) {
     MakeDomains(3);
-    SampleWorkers own(api, "fake", {.call = hours(1)});
-    api->host->Freeze("uuid-0");
-    auto figures = std::async(std::launch::async, [&] { return own.Sample(domains); });
-    ASSERT_TRUE(WaitFor([&] { return api->host->CountWaiting() == 1; }));
-    own.Stop();
-    EXPECT_EQ(figures.wait_for(std::chrono::seconds(30)), std::future_status::ready);
-    EXPECT_THAT(own.Sample(domains), IsEmpty());
+    StartWith({.call = hours(1)});
+    api->Freeze("0");
+    auto samples = SampleInBackground();
+    ASSERT_TRUE(WaitFor([&] { return api->CountWaiting() == 1; }));
+    workers->Stop();
+    EXPECT_EQ(samples.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_THAT(workers->Sample(domains), IsEmpty());
     EXPECT_THAT(log.GetText(), IsEmpty());
 }
 
-TEST_F(SampleWorkersTest, AreLeftBehindWhenTheyWaitForADomain) {
+TEST_F(SampleWorkersTest, AbandonAThreadThatWaitsForADomain) {
     MakeDomains(2);
-    {
-        SampleWorkers own(api, "fake", {.call = milliseconds(20)});
-        api->host->Freeze("uuid-0");
-        own.Sample(domains);
-    }
-    EXPECT_EQ(api->host->CountWaiting(), 1);
-    api->host->Thaw("uuid-0");
-    EXPECT_TRUE(WaitFor([&] { return api->host->CountWaiting() == 0; }));
+    api->Freeze("0");
+    workers->Sample(domains);
+    workers.reset();
+    EXPECT_EQ(api->CountWaiting(), 1);
+    api->Release();
+    EXPECT_TRUE(WaitFor([&] { return api->CountWaiting() == 0; }));
 }
 
 }  // namespace

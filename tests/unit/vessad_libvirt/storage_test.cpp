@@ -10,106 +10,91 @@ namespace Vessad::Libvirt {
 namespace {
 
 const std::vector<Mount> mounts{
-    {"/dev/sda1", "/", "ext4"},
-    {"/dev/mapper/vg-images", "/srv/images", "xfs"},
-    {"server:/export", "/mnt/nfs", "nfs4"},
-    {"tank/vm", "/tank/vm", "zfs"},
-    {"tmpfs", "/run", "tmpfs"},
+    {"/dev/sda1", "/", "ext4"},         {"/dev/mapper/vg", "/srv/images", "xfs"},
+    {"server:/export", "/nfs", "nfs4"}, {"tank/vm", "/tank/vm", "zfs"},
+    {"tmpfs", "/run", "tmpfs"},         {"/dev/sdb1", "/twice", "ext4"},
+    {"/dev/sdc1", "/twice", "xfs"},
 };
 
-TEST(Storage, NamesTheFileSystemOfAFileAndItsDevice) {
-    const Storage storage(mounts, {});
-    const Place place = storage.Locate("/srv/images/web/1.qcow2");
-    EXPECT_EQ(place.datastoreId, "directory:/srv/images");
-    EXPECT_EQ(place.datastoreName, "/srv/images");
-    EXPECT_EQ(place.url, "/srv/images/");
-    EXPECT_EQ(place.relative, "web/1.qcow2");
-    EXPECT_EQ(place.device, "/dev/mapper/vg-images");
+struct PlaceCase {
+    std::optional<std::vector<Mount>> mounts;
+    std::vector<Pool> pools;
+    std::string file;
+    std::string place;  // "ID NAME URL RELATIVE DEVICE"
+};
+
+class PlaceTest : public testing::TestWithParam<PlaceCase> {};
+
+TEST_P(PlaceTest, IsThatOfTheFile) {
+    const Place place = Storage(GetParam().mounts, GetParam().pools).Locate(GetParam().file);
+    EXPECT_EQ(place.datastoreId + " " + place.datastoreName + " " + place.url + " " + place.relative + " " +
+                  place.device.value_or("none"),
+              GetParam().place);
 }
 
-TEST(Storage, TakesTheRootFileSystemForWhatLiesInNoOther) {
-    const Storage storage(mounts, {});
-    const Place place = storage.Locate("/srv/images2/1.img");
-    EXPECT_EQ(place.datastoreName, "/");
-    EXPECT_EQ(place.url, "/");
-    EXPECT_EQ(place.relative, "srv/images2/1.img");
-    EXPECT_EQ(place.device, "/dev/sda1");
-}
+INSTANTIATE_TEST_SUITE_P(
+    FileSystems, PlaceTest,
+    testing::Values(
+        PlaceCase{mounts,
+                  {},
+                  "/srv/images/web/1.qcow2",
+                  "directory:/srv/images /srv/images /srv/images/ web/1.qcow2 /dev/mapper/vg"},
+        PlaceCase{mounts, {}, "/srv/images2/1.img", "directory:/ / / srv/images2/1.img /dev/sda1"},
+        PlaceCase{mounts, {}, "/nfs/1.img", "directory:/nfs /nfs /nfs/ 1.img none"},
+        PlaceCase{mounts, {}, "/run/1.img", "directory:/run /run /run/ 1.img none"},
+        PlaceCase{mounts, {}, "/tank/vm/1.img", "directory:/tank/vm /tank/vm /tank/vm/ 1.img tank/vm"},
+        PlaceCase{mounts, {}, "/twice/1", "directory:/twice /twice /twice/ 1 /dev/sdc1"}));
 
-TEST(Storage, HasADeviceOnlyForFileSystemsOnOneOfThisHost) {
-    const Storage storage(mounts, {});
-    EXPECT_EQ(storage.Locate("/mnt/nfs/1.img").device, std::nullopt);
-    EXPECT_EQ(storage.Locate("/run/1.img").device, std::nullopt);
-    EXPECT_EQ(storage.Locate("/tank/vm/1.img").device, "tank/vm");
-}
+const std::vector<Pool> pools{{"default", "dir", "/srv/images", ""},
+                              {"inner", "dir", "/srv/images/inner", ""},
+                              {"shared", "netfs", "/srv/images/shared", ""}};
+const std::vector<Pool> remotePools{{"default", "dir", "/pool", ""}, {"disk", "fs", "/disk", "/dev/sdb1"}};
 
-TEST(Storage, SeesTheLastOfTheFileSystemsOfOneDirectory) {
-    const Storage storage(
-        {{{"/dev/sda1", "/", "ext4"}, {"/dev/sdb1", "/a", "ext4"}, {"/dev/sdc1", "/a", "xfs"}}}, {});
-    EXPECT_EQ(storage.Locate("/a/1").device, "/dev/sdc1");
-}
+INSTANTIATE_TEST_SUITE_P(
+    Pools, PlaceTest,
+    testing::Values(
+        PlaceCase{mounts, pools, "/srv/images/web 1.img",
+                  "pool:default default /srv/images/ web 1.img /dev/mapper/vg"},
+        PlaceCase{mounts, pools, "/srv/images/inner/1.img",
+                  "pool:inner inner /srv/images/inner/ 1.img /dev/mapper/vg"},
+        PlaceCase{mounts, pools, "/srv/images/shared/1.img",
+                  "pool:shared shared /srv/images/shared/ 1.img none"},
+        PlaceCase{std::nullopt, remotePools, "/pool/1.img", "pool:default default /pool/ 1.img /pool"},
+        PlaceCase{std::nullopt, remotePools, "/disk/1.img", "pool:disk disk /disk/ 1.img /dev/sdb1"},
+        PlaceCase{std::nullopt, remotePools, "/other/vm/1.img",
+                  "directory:/other/vm /other/vm /other/vm/ 1.img /other/vm"}));
 
-TEST(Storage, NamesThePoolThatHoldsAFile) {
-    const Storage storage(mounts,
-                          {{"default", "dir", "/srv/images", ""}, {"inner", "dir", "/srv/images/inner", ""}});
-    Place place = storage.Locate("/srv/images/web 1.img");
-    EXPECT_EQ(place.datastoreId, "pool:default");
-    EXPECT_EQ(place.datastoreName, "default");
-    EXPECT_EQ(place.url, "/srv/images/");
-    EXPECT_EQ(place.relative, "web 1.img");
-    EXPECT_EQ(place.device, "/dev/mapper/vg-images");
-    place = storage.Locate("/srv/images/inner/1.img");
-    EXPECT_EQ(place.datastoreName, "inner");
-    EXPECT_EQ(place.relative, "1.img");
-}
+class LinksTest : public testing::Test {
+  protected:
+    VessadTest::TemporaryDirectory directory;
+    const std::filesystem::path root = std::filesystem::canonical(directory.GetPath());
+    const std::vector<Mount> local{{"/dev/sda1", "/", "ext4"}};
+};
 
-TEST(Storage, HasNoDeviceForAPoolOnTheNetwork) {
-    const Storage storage(mounts, {{"shared", "netfs", "/srv/images", ""}});
-    EXPECT_EQ(storage.Locate("/srv/images/1.img").device, std::nullopt);
-}
-
-TEST(Storage, OfAnotherMachineTakesTheDirectoryForTheDevice) {
-    const Storage storage(std::nullopt,
-                          {{"default", "dir", "/pool", ""}, {"disk", "fs", "/disk", "/dev/sdb1"}});
-    EXPECT_EQ(storage.Locate("/pool/1.img").device, "/pool");
-    EXPECT_EQ(storage.Locate("/disk/1.img").device, "/dev/sdb1");
-    const Place place = storage.Locate("/elsewhere/vm/1.img");
-    EXPECT_EQ(place.datastoreName, "/elsewhere/vm");
-    EXPECT_EQ(place.relative, "1.img");
-    EXPECT_EQ(place.device, "/elsewhere/vm");
-}
-
-TEST(Storage, FollowsLinksOfDirectoriesAndFiles) {
-    const VessadTest::TemporaryDirectory directory;
-    const auto root = std::filesystem::canonical(directory.GetPath());
+TEST_F(LinksTest, OfDirectoriesAndFilesAreFollowed) {
     std::filesystem::create_directory(root / "real");
     std::filesystem::create_directory_symlink("real", root / "relative");
     std::filesystem::create_directory_symlink(root / "relative", root / "absolute");
     std::filesystem::create_symlink("../real/./1.img", root / "real" / "link.img");
-    const Storage storage({{{"/dev/sda1", "/", "ext4"}}},
-                          {{"pool", "dir", (root / "absolute").string(), ""}});
+    const Storage storage(local, {{"pool", "dir", (root / "absolute").string(), ""}});
     EXPECT_EQ(storage.Locate(root / "absolute" / "link.img").relative, "1.img");
     EXPECT_EQ(storage.Locate(root / "absolute" / "link.img").datastoreName, "pool");
     EXPECT_EQ(storage.Locate(root / "real" / "missing.img").datastoreName, "pool");
 }
 
-TEST(Storage, EndsWithLinksThatLeadInACircle) {
-    const VessadTest::TemporaryDirectory directory;
-    std::filesystem::create_symlink("b", directory.GetPath() / "a");
-    std::filesystem::create_symlink("a", directory.GetPath() / "b");
-    const Storage storage({{{"/dev/sda1", "/", "ext4"}}}, {});
-    EXPECT_EQ(storage.Locate(directory.GetPath() / "a").datastoreName, "/");
+TEST_F(LinksTest, InACircleAreNotFollowedForever) {
+    std::filesystem::create_symlink("b", root / "a");
+    std::filesystem::create_symlink("a", root / "b");
+    EXPECT_EQ(Storage(local, {}).Locate(root / "a").datastoreName, "/");
 }
 
-TEST(Storage, AsksNothingOfANetworkFileSystemThatMayHang) {
-    const VessadTest::TemporaryDirectory directory;
-    const auto root = std::filesystem::canonical(directory.GetPath());
+TEST_F(LinksTest, OnANetworkFileSystemAreNotRead) {
     std::filesystem::create_directory_symlink("/", root / "link");
-    const Storage storage({{{"/dev/sda1", "/", "ext4"}, {"server:/x", root.string(), "nfs"}}}, {});
+    const Storage storage({{local[0], {"server:/x", root.string(), "nfs"}}}, {});
     EXPECT_EQ(storage.Locate(root / "link" / "1.img").relative, "link/1.img");
 }
 
-TEST(ReadMounts, TellsSourceDirectoryAndTypeWithBlanksAndAll) {
+TEST(ReadMounts, ReturnsSourceDirectoryAndTypeWithEscapedBlanks) {
     const VessadTest::TemporaryDirectory directory;
     const auto table = directory.GetPath() / "mounts";
     VessadTest::WriteAll(table,
@@ -120,22 +105,17 @@ TEST(ReadMounts, TellsSourceDirectoryAndTypeWithBlanksAndAll) {
     EXPECT_FALSE(ReadMounts().empty());
 }
 
-TEST(ParsePool, KnowsPoolsThatAreDirectoriesOfFiles) {
-    EXPECT_EQ(
-        ParsePool("<pool type='dir'><name>default</name><source/><target><path>/a/b/</path></target></pool>"),
-        (Pool{"default", "dir", "/a/b", ""}));
-    EXPECT_EQ(ParsePool("<pool type='fs'><name>f</name><source><device path='/dev/sdb1'/></source>"
-                        "<target><path>/f</path></target></pool>"),
-              (Pool{"f", "fs", "/f", "/dev/sdb1"}));
-    EXPECT_EQ(ParsePool("<pool type='netfs'><name>n</name><source><host name='h'/><dir path='/x'/></source>"
-                        "<target><path>/n</path></target></pool>"),
-              (Pool{"n", "netfs", "/n", ""}));
-}
-
-TEST(ParsePool, PassesOverOthers) {
-    EXPECT_EQ(ParsePool("<pool type='logical'><name>vg</name><target><path>/dev/vg</path></target></pool>"),
-              std::nullopt);
-    EXPECT_EQ(ParsePool("<pool type='dir'><name>x</name></pool>"), std::nullopt);
+TEST(ParsePool, ReturnsPoolsThatAreDirectoriesOfFiles) {
+    const auto parse = [](const std::string& type, const std::string& source, const std::string& target) {
+        return ParsePool("<pool type='" + type + "'><name>n</name><source>" + source + "</source>" + target +
+                         "</pool>");
+    };
+    const std::string target = "<target><path>/a/b/</path></target>";
+    EXPECT_EQ(parse("dir", "", target), (Pool{"n", "dir", "/a/b", ""}));
+    EXPECT_EQ(parse("fs", "<device path='/dev/sdb1'/>", target), (Pool{"n", "fs", "/a/b", "/dev/sdb1"}));
+    EXPECT_EQ(parse("netfs", "<host name='h'/><dir path='/x'/>", target), (Pool{"n", "netfs", "/a/b", ""}));
+    EXPECT_EQ(parse("logical", "", target), std::nullopt);
+    EXPECT_EQ(parse("dir", "", ""), std::nullopt);
     EXPECT_EQ(ParsePool("<pool"), std::nullopt);
 }
 

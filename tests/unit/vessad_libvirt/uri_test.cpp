@@ -7,64 +7,47 @@
 namespace Vessad::Libvirt {
 namespace {
 
-class EnvironmentVariable {
-  public:
-    EnvironmentVariable(const char* name, const char* value) : name(name) {
-        if (const char* old = std::getenv(name)) {
-            before = old;
-        }
-        Set(value);
-    }
-    EnvironmentVariable(const EnvironmentVariable&) = delete;
-    EnvironmentVariable& operator=(const EnvironmentVariable&) = delete;
-    ~EnvironmentVariable() { Set(before ? before->c_str() : nullptr); }
-
-  private:
-    void Set(const char* value) const {
-        if (value != nullptr) {
-            ::setenv(name, value, 1);
-        } else {
-            ::unsetenv(name);
-        }
-    }
-
-    const char* name;
-    std::optional<std::string> before;
+struct UriCase {
+    const char* uri;
+    bool local;
+    const char* directory;  // null: unknown
 };
 
-TEST(IsLocal, HoldsForAUriWithoutAHost) {
-    EXPECT_TRUE(IsLocal("qemu:///system"));
-    EXPECT_TRUE(IsLocal("qemu+unix:///system?socket=/run/a@b:c/sock"));
-    EXPECT_TRUE(IsLocal("test:///default"));
-    EXPECT_FALSE(IsLocal("qemu+ssh://root@example.org/system"));
-    EXPECT_FALSE(IsLocal("qemu+tcp://127.0.0.1:16509/system"));
-    EXPECT_FALSE(IsLocal("xen://example.org"));
+class UriTest : public testing::TestWithParam<UriCase> {};
+
+TEST_P(UriTest, HasLocalityAndConfigDirectory) {
+    EXPECT_EQ(IsLocal(GetParam().uri), GetParam().local);
+    EXPECT_EQ(ConfigDirectory(GetParam().uri).value_or("unknown"),
+              GetParam().directory != nullptr ? GetParam().directory : "unknown");
 }
 
-TEST(ConfigDirectory, IsTheDriversOwn) {
-    EXPECT_EQ(ConfigDirectory("qemu:///system"), "/etc/libvirt/qemu/");
-    EXPECT_EQ(ConfigDirectory("qemu+ssh://root@example.org/system"), "/etc/libvirt/qemu/");
-    EXPECT_EQ(ConfigDirectory("lxc:///system"), "/etc/libvirt/lxc/");
-    EXPECT_EQ(ConfigDirectory("xen:///system"), "/etc/libvirt/libxl/");
-    EXPECT_EQ(ConfigDirectory("qemu:///embed?a=b&root=/srv/embedded"), "/srv/embedded/etc/qemu/");
-}
+INSTANTIATE_TEST_SUITE_P(
+    Drivers, UriTest,
+    testing::Values(UriCase{"qemu:///system", true, "/etc/libvirt/qemu/"},
+                    UriCase{"qemu+unix:///system?socket=/run/a@b:c/sock", true, "/etc/libvirt/qemu/"},
+                    UriCase{"qemu+ssh://root@example.org/system", false, "/etc/libvirt/qemu/"},
+                    UriCase{"qemu+tcp://127.0.0.1:16509/system", false, "/etc/libvirt/qemu/"},
+                    UriCase{"qemu:///embed?a=b&root=/srv/embedded", true, "/srv/embedded/etc/qemu/"},
+                    UriCase{"qemu:///embed", true, nullptr},
+                    UriCase{"qemu+ssh://example.org/session", false, nullptr},
+                    UriCase{"lxc:///system", true, "/etc/libvirt/lxc/"},
+                    UriCase{"xen:///system", true, "/etc/libvirt/libxl/"},
+                    UriCase{"xen://example.org", false, "/etc/libvirt/libxl/"},
+                    UriCase{"test:///default", true, nullptr}, UriCase{"vz:///system", true, nullptr},
+                    UriCase{"nonsense", true, nullptr}));
 
-TEST(ConfigDirectory, IsUnknownForDriversThatKeepNoFiles) {
-    EXPECT_EQ(ConfigDirectory("test:///default"), std::nullopt);
-    EXPECT_EQ(ConfigDirectory("vz:///system"), std::nullopt);
-    EXPECT_EQ(ConfigDirectory("qemu:///embed"), std::nullopt);
-    EXPECT_EQ(ConfigDirectory("nonsense"), std::nullopt);
-}
-
-TEST(ConfigDirectory, OfASessionIsInTheUsersOwn) {
-    const EnvironmentVariable home("HOME", "/home/me");
-    {
-        const EnvironmentVariable configuration("XDG_CONFIG_HOME", nullptr);
-        EXPECT_EQ(ConfigDirectory("qemu:///session"), "/home/me/.config/libvirt/qemu/");
-    }
-    const EnvironmentVariable configuration("XDG_CONFIG_HOME", "/srv/configuration");
-    EXPECT_EQ(ConfigDirectory("qemu:///session"), "/srv/configuration/libvirt/qemu/");
-    EXPECT_EQ(ConfigDirectory("qemu+ssh://example.org/session"), std::nullopt);
+// In a process of its own, because it changes the environment.
+TEST(ConfigDirectoryDeathTest, OfASessionIsInTheUsersOwn) {
+    EXPECT_EXIT(
+        {
+            ::setenv("HOME", "/home/me", 1);
+            ::unsetenv("XDG_CONFIG_HOME");
+            const bool home = ConfigDirectory("qemu:///session") == "/home/me/.config/libvirt/qemu/";
+            ::setenv("XDG_CONFIG_HOME", "/srv/configuration", 1);
+            const bool xdg = ConfigDirectory("qemu:///session") == "/srv/configuration/libvirt/qemu/";
+            std::exit(home && xdg ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
