@@ -37,8 +37,8 @@ class Domain:
 
 def domains(uri):
     uuids = virsh(uri, "list --all --uuid")[0].split()
-    answers = iter(virsh(uri, *(f"{command} {uuid}" for uuid in uuids for command in ("dumpxml", "domstate", "dominfo"))))
-    return [Domain(uuid, next(answers), next(answers), next(answers)) for uuid in uuids]
+    outputs = iter(virsh(uri, *(f"{command} {uuid}" for uuid in uuids for command in ("dumpxml", "domstate", "dominfo"))))
+    return [Domain(uuid, next(outputs), next(outputs), next(outputs)) for uuid in uuids]
 
 
 class Storage:
@@ -126,11 +126,11 @@ def tables(*names):
     return [expected_tree.Table(name, partial=True) for name in names]
 
 
-def inventory(listed, identities, config_directory, storage):
+def inventory(listed, vm_ids, config_directory, storage):
     vms, hbas, targets, nics, floppies, cdroms = every = tables(
         "vmTable", "hbaTable", "tgtTable", "nicTable", "floppyTable", "cdromTable")
     for k, domain in enumerate(listed):
-        number = identities[domain.uuid]
+        number = vm_ids[domain.uuid]
         file = f"{config_directory}/{domain.name}.xml" if config_directory and domain.persistent else f"Unknown config: {number}"
         vms.add(vmIdx=k,
                 vmDisplayName=domain.name,
@@ -195,13 +195,13 @@ def summed(statistics, prefixes, name):
     return {name: sum(present)} if present else {}
 
 
-def resources(listed, identities, storage, before, after, cpu_shares):
+def resources(listed, vm_ids, storage, before, after, cpu_shares):
     """`before` and `after`: by UUID, statistics under the names of domstats."""
     cpus, memories, disks, nets = every = tables("cpuTable", "memTable", "diskTable", "netTable")
     for domain in listed:
         if POWER[domain.state] == "poweredOff":
             continue
-        number, old, new = identities[domain.uuid], before[domain.uuid], after[domain.uuid]
+        number, old, new = vm_ids[domain.uuid], before[domain.uuid], after[domain.uuid]
         shares = domain.root.findtext("cputune/shares")
         cpu = domain.root.find("vcpu")
         for i in range(int(cpu.get("current", cpu.text))):
@@ -276,10 +276,10 @@ def scalars(uri, kernel_loaded=False):
     yield instance("kernelLoaded", "yes" if kernel_loaded else "no")
 
 
-def tree(uri, identities, before, after, listed=None, config_directory=None, cpu_shares=1024):
+def tree(uri, vm_ids, before, after, listed=None, config_directory=None, cpu_shares=1024):
     """Every instance under the enterprise, in the order of a walk; `listed`: the domains, where they have not changed since."""
     storage = Storage(uri)
-    listed = sorted(listed or domains(uri), key=lambda domain: identities[domain.uuid])
-    instances = [*scalars(uri), *inventory(listed, identities, config_directory, storage),
-                 *resources(listed, identities, storage, before, after, cpu_shares)]
+    listed = sorted(listed or domains(uri), key=lambda domain: vm_ids[domain.uuid])
+    instances = [*scalars(uri), *inventory(listed, vm_ids, config_directory, storage),
+                 *resources(listed, vm_ids, storage, before, after, cpu_shares)]
     return sorted(instances, key=lambda instance: instance.oid)

@@ -1,6 +1,6 @@
 """Hosts for the libvirt backend: a libvirtd of the test's own with QEMU guests, and files for libvirt's test driver.
 
-The libvirtd runs in namespaces of its own, so that it neither sees nor disturbs one that this machine may have: its
+The libvirtd runs in namespaces of its own, so that it neither sees nor disturbs one that this host may have: its
 configuration, state and run-time files are in the test's folder, and so is its socket.
 """
 
@@ -95,9 +95,9 @@ class Libvirtd:
             self._inside(LIBVIRTD, "-f", f"{self.folder}/etc/libvirtd.conf", "-p", f"{self.folder}/libvirtd.pid"),
             stdin=subprocess.DEVNULL, stdout=log, stderr=log, preexec_fn=_die_with_parent)
         log.close()
-        system.wait_until(self._answers, "libvirtd to answer", 120)
+        system.wait_until(self._responds, "libvirtd to respond", 120)
 
-    def _answers(self):
+    def _responds(self):
         assert self.process.poll() is None, (self.folder / "libvirtd.log").read_text(errors="replace")
         return subprocess.run(["virsh", "-q", "-c", self.uri, "version"], capture_output=True, check=False).returncode == 0
 
@@ -234,7 +234,7 @@ OSINFO = ("<metadata><libosinfo:libosinfo xmlns:libosinfo='http://libosinfo.org/
 
 
 def host_file(domains):
-    """A host file of libvirt's test driver: every tenth machine has every kind of device; states and texts vary."""
+    """A host file of libvirt's test driver: every tenth domain has every kind of device; states and texts vary."""
     text = ["<node xmlns:test='http://libvirt.org/schemas/domain/test/1.0'>"]
     for n in range(1, domains + 1):
         state = (1, 1, 5, 3)[n % 4]     # running, running, shut off, paused
@@ -263,15 +263,15 @@ class Daemon(system.Daemon):
             [system.DAEMON, "--libvirt", uri, "--listen", "{}:{}".format(*system.DAEMON_ADDRESS), "--ticket-dir",
              self.tickets, "--state-dir", self.state, "--foreground", *options],
             stdin=subprocess.DEVNULL, stdout=self.output, stderr=subprocess.STDOUT, preexec_fn=_die_with_parent)
-        # It asks the host first.
+        # It reads the host first.
         system.wait_until(self.is_listening, "the daemon to listen", 60)
 
-    def wait_for_machines(self, number):
-        """Until it serves so many. A large host on a busy machine is not read yet when the daemon begins to listen."""
+    def wait_for_vms(self, number):
+        """Waits until it serves so many: a large host may not be read yet when the daemon begins to listen."""
         with wire.logged_in(timeout=60) as connection:
-            system.wait_until(lambda: len(connection.children()) == number, f"{number} machines", 120)
+            system.wait_until(lambda: len(connection.children()) == number, f"{number} VMs", 120)
 
-    def identities(self):
-        """UUID → the machine's number, as the daemon keeps them."""
+    def vm_ids(self):
+        """UUID → id of the VM, as the daemon keeps them."""
         lines = (pathlib.Path(self.state) / "identities").read_text().splitlines()[2:]
         return {uuid: int(number) for number, uuid in (line.split() for line in lines)}

@@ -8,7 +8,6 @@ import time
 
 import domain_tree
 import fresh_agent
-import libvirt_host
 import pytest
 import system
 import wire
@@ -17,8 +16,8 @@ from libvirt_host import card_xml, disk_xml, guest_xml
 from snmp_client import Client
 
 CONFIG = "/etc/libvirt/qemu"
-# The daemon collects every 5 s, but rests for four times as long as it worked; a machine that does not answer costs one
-# collection 2 s. Deadlines are for a machine that has other things to do.
+# The daemon collects every 5 s, but rests for four times as long as it worked; a VM that does not respond costs one
+# collection 2 s. Deadlines allow for a host with other work.
 COLLECTED = 120
 # How long a guest may take to start working.
 PATIENCE = 180
@@ -32,11 +31,11 @@ VM_NAME = 2
 DISK, NET = ENTERPRISE + (3, 3, 1), ENTERPRISE + (3, 4, 1)
 
 
-def figures(libvirtd):
+def statistics(libvirtd):
     """domstats by UUID: its numbers, devices named instead of counted, and the memory in use."""
-    answer = libvirtd.virsh("domstats --list-running --list-paused")[0]
+    output = libvirtd.virsh("domstats --list-running --list-paused")[0]
     found = {uuid: {} for uuid in libvirtd.virsh("list --all --uuid")[0].split()}
-    for block in re.split(r"\n\n+", answer.strip()):
+    for block in re.split(r"\n\n+", output.strip()):
         if not block:
             continue
         head, *lines = block.splitlines()
@@ -60,13 +59,13 @@ def figures(libvirtd):
 
 def compare(libvirtd, daemon, agent, before):
     found = agent.client.bulk_walk()
-    expected = domain_tree.tree(libvirtd.uri, daemon.identities(), before, figures(libvirtd), config_directory=CONFIG)
+    expected = domain_tree.tree(libvirtd.uri, daemon.vm_ids(), before, statistics(libvirtd), config_directory=CONFIG)
     domain_tree.assert_equal(found, expected)
     return found
 
 
 def start_two_guests(libvirtd):
-    """One with every device that QEMU has for us, one with few; answers when both have run for a while."""
+    """One with every device that QEMU has for us, one with few; returns when both have run for a while."""
     image = libvirtd.image
     devices = ("<controller type='scsi' index='0' model='lsilogic'/><controller type='scsi' index='1' model='virtio-scsi'/>"
                + disk_xml(libvirtd.busy_image("a1"), "hda", "ide") + disk_xml(image("a2"), "vda", "virtio")
@@ -79,9 +78,9 @@ def start_two_guests(libvirtd):
     libvirtd.virsh("start every", "start few")
 
     def have_worked():
-        numbers = figures(libvirtd)
-        return all(machine.get("vcpu.0.time", 0) > 10 ** 9 and sum(v for k, v in machine.items() if k.endswith("rd.reqs")) > 20
-                   for machine in numbers.values())
+        numbers = statistics(libvirtd)
+        return all(vm.get("vcpu.0.time", 0) > 10 ** 9 and sum(v for k, v in vm.items() if k.endswith("rd.reqs")) > 20
+                   for vm in numbers.values())
 
     system.wait_until(have_worked, "the guests to read their disks", PATIENCE)
 
@@ -89,7 +88,7 @@ def start_two_guests(libvirtd):
 def test_the_walk_equals_what_virsh_says_of_running_guests(libvirtd, start_libvirt_daemon, start_agent):
     start_two_guests(libvirtd)
     libvirtd.define(guest_xml("off", disk_xml(libvirtd.image("c1"), "vda", "virtio")))
-    before = figures(libvirtd)
+    before = statistics(libvirtd)
     daemon = start_libvirt_daemon(libvirtd.uri)
     agent = start_agent()
     agent.allow_log(*system.DATA_LOG)
@@ -97,22 +96,22 @@ def test_the_walk_equals_what_virsh_says_of_running_guests(libvirtd, start_libvi
 
 
 def test_a_card_shows_what_the_guest_sends_and_receives(libvirtd, start_libvirt_daemon, start_agent):
-    """The firmware asks the network for something to boot; the host talks to the card while it is in use."""
+    """The firmware looks for something to boot on the network; the host sends to the card while it is in use."""
     libvirtd.define(guest_xml("guest", card_xml("52:54:00:bb:00:01", "e1000")))
     libvirtd.virsh("start guest")
 
     def packets(direction):
-        numbers, = figures(libvirtd).values()
+        numbers, = statistics(libvirtd).values()
         return sum(value for name, value in numbers.items() if name.endswith(f"{direction}.pkts"))
 
-    system.wait_until(lambda: packets("tx") > 0, "the firmware to ask for an address", PATIENCE)
+    system.wait_until(lambda: packets("tx") > 0, "the firmware to request an address", PATIENCE)
 
     def has_received():
         libvirtd.send_to_guests(20)
         return packets("rx") > packets("tx") + 100
 
     system.wait_until(has_received, "the card to receive", PATIENCE)
-    before = figures(libvirtd)
+    before = statistics(libvirtd)
     daemon = start_libvirt_daemon(libvirtd.uri)
     agent = start_agent()
     agent.allow_log(*system.DATA_LOG)
@@ -124,7 +123,7 @@ def test_a_card_shows_what_the_guest_sends_and_receives(libvirtd, start_libvirt_
 
 
 class Walker:
-    """A manager that walks without a pause while something else happens; stop() tells what it met."""
+    """A manager that walks without a pause while something else happens; stop() fails with the problems it met."""
 
     def __init__(self):
         self.problems, self.walks = [], 0
@@ -138,7 +137,7 @@ class Walker:
             try:
                 self.client.bulk_walk()
                 self.walks += 1
-            except Exception as problem:    # whatever it is, the test is to tell it
+            except Exception as problem:    # whatever it is, stop() reports it
                 self.problems.append(repr(problem))
                 return
 
@@ -151,7 +150,7 @@ class Walker:
 
 
 class Api:
-    """The daemon's answers of now, past the agent's cache."""
+    """What the daemon serves now, without the agent's cache."""
 
     def __init__(self):
         self.connection = wire.logged_in()
@@ -160,16 +159,16 @@ class Api:
         self.connection.close()
 
     def _property(self, number, method):
-        answer = self.connection.call("VirtualMachine", str(number), method)
-        return answer[0] if answer else None
+        values = self.connection.call("VirtualMachine", str(number), method)
+        return values[0] if values else None
 
-    def machines(self):
+    def vms(self):
         """Name → (number, power state, number of disks, number of cards)."""
         found = {}
         for number in self.connection.children():
             config = self._property(number, "GetConfig")
             state = self._property(number, "GetRuntime").findtext("{urn:ordane}powerState")
-            kinds = [device.get("{http://www.w3.org/2001/XMLSchema-instance}type", "").rpartition(":")[2]
+            kinds = [device.get(wire.XSI + "type", "").rpartition(":")[2]
                      for device in config.iter("{urn:ordane}device")]
             found[config.findtext("{urn:ordane}name")] = (
                 int(number), state, kinds.count("VirtualDisk"), sum(kind.endswith("Card") for kind in kinds))
@@ -199,7 +198,7 @@ def test_the_life_of_a_guest_shows_while_a_manager_walks(libvirtd, start_libvirt
     number = None
 
     def comes(name, *expected):
-        system.wait_until(lambda: now.machines().get(name, (0,))[1:] == expected, f"{name} to be {expected}", COLLECTED)
+        system.wait_until(lambda: now.vms().get(name, (0,))[1:] == expected, f"{name} to be {expected}", COLLECTED)
 
     def shows(name, *expected):
         daemon.signal(signal.SIGHUP)    # not to wait for the next collection
@@ -208,7 +207,7 @@ def test_the_life_of_a_guest_shows_while_a_manager_walks(libvirtd, start_libvirt
     try:
         libvirtd.define(guest_xml("guest", disk_xml(libvirtd.image("d1"), "vda", "virtio") + card_xml("52:54:00:cc:00:01")))
         comes("guest", "poweredOff", 1, 1)
-        number = now.machines()["guest"][0]
+        number = now.vms()["guest"][0]
         libvirtd.virsh("start guest")
         shows("guest", "poweredOn", 1, 1)
         libvirtd.virsh("suspend guest")
@@ -232,50 +231,50 @@ def test_the_life_of_a_guest_shows_while_a_manager_walks(libvirtd, start_libvirt
         shows("guest", "poweredOff", 1, 1)
         libvirtd.virsh("domrename guest renamed")
         shows("renamed", "poweredOff", 1, 1)
-        assert now.machines()["renamed"][0] == number
-        assert set(now.machines()) == {"other", "renamed"}
+        assert now.vms()["renamed"][0] == number
+        assert set(now.vms()) == {"other", "renamed"}
         libvirtd.virsh("undefine renamed")
         daemon.signal(signal.SIGHUP)
-        system.wait_until(lambda: set(now.machines()) == {"other"}, "the machine to go", COLLECTED)
+        system.wait_until(lambda: set(now.vms()) == {"other"}, "the VM to go", COLLECTED)
     finally:
         walker.stop()
-    assert number in daemon.identities().values()
+    assert number in daemon.vm_ids().values()
 
 
-def shown_machines(instances):
+def shown_vms(instances):
     """Position → name."""
     return {i.oid[-1]: i.value.decode() for i in instances if i.oid[:-1] == VM + (VM_NAME,)}
 
 
 def disk_reads(instances, numbers):
-    """Name → the number of reads of the machine's only disk, -1 where it is not known; `numbers`: name → the machine's."""
+    """Name → the number of reads of the VM's only disk, -1 where it is not known; `numbers`: name → id."""
     found = {instance.oid: instance.value for instance in instances}
     rows = {found[oid]: oid[-1] for oid in found if oid[:-1] == DISK + (3,)}
     return {name: found[DISK + (5, rows[number])] for name, number in numbers.items()}
 
 
-def test_frozen_guests_hold_up_nobody(libvirtd, start_libvirt_daemon, directory):
+def test_frozen_guests_delay_nobody(libvirtd, start_libvirt_daemon, directory):
     frozen, names = ("frozen", "stiff"), ("frozen", "lively", "stiff")
     for name in names:
         libvirtd.define(guest_xml(name, disk_xml(libvirtd.busy_image(name), "vda", "virtio")))
         libvirtd.virsh(f"start {name}")
 
     def have_read(more_than=20):
-        return all(machine.get("block.vda.rd.reqs", 0) > more_than for machine in figures(libvirtd).values())
+        return all(vm.get("block.vda.rd.reqs", 0) > more_than for vm in statistics(libvirtd).values())
 
     system.wait_until(have_read, "the guests to read their disks", PATIENCE)
     daemon = start_libvirt_daemon(libvirtd.uri)
-    identities = daemon.identities()
-    numbers = {name: identities[libvirtd.virsh(f"domuuid {name}")[0].strip()] for name in names}
+    vm_ids = daemon.vm_ids()
+    numbers = {name: vm_ids[libvirtd.virsh(f"domuuid {name}")[0].strip()] for name in names}
 
     def seen():
-        """The reads and the machines that the first walk of an agent shows, and its seconds with the refresh."""
+        """The reads and the VMs that the first walk of an agent shows, and its seconds with the refresh."""
         found, took = fresh_agent.ask(directory, lambda client: client.bulk_walk())
-        return disk_reads(found, numbers), shown_machines(found), took
+        return disk_reads(found, numbers), shown_vms(found), took
 
-    before, machines, _ = seen()
+    before, vms, _ = seen()
     assert all(reads > 20 for reads in before.values())
-    assert sorted(machines.values()) == sorted(names)
+    assert sorted(vms.values()) == sorted(names)
 
     pids = [libvirtd.qemu_pid(name) for name in frozen]
     for pid in pids:
@@ -283,19 +282,19 @@ def test_frozen_guests_hold_up_nobody(libvirtd, start_libvirt_daemon, directory)
     try:
         for name in frozen:
             said = rf"VM {name} \([0-9a-f-]{{36}}\) has not responded since \d{{4}}-\d\d-\d\d \d\d:\d\d:\d\d"
-            system.wait_until(lambda: re.search(said, daemon.log_text()), f"the log to tell of {name}", COLLECTED)
+            system.wait_until(lambda: re.search(said, daemon.log_text()), f"the log line of {name}", COLLECTED)
         times = []
 
         def is_known():
             reads, shown, took = seen()
             times.append(took)
-            assert shown == machines, "the machines' rows stay"
+            assert shown == vms, "the VMs' rows stay"
             return all(reads[name] == -1 for name in frozen) and reads["lively"] > before["lively"]
 
-        system.wait_until(is_known, "the figures of the frozen ones alone to be gone", COLLECTED)
+        system.wait_until(is_known, "the statistics of the frozen ones alone to be gone", COLLECTED)
         while min(times) >= 1 and len(times) < 10:
             times.append(seen()[2])
-        # The best of some, on a machine that has other things to do: a walk that waits for a guest always does.
+        # The best of some, because the host may have other work; a walk that waited for a guest would be slow every time.
         assert min(times) < 1, f"seconds that walks took: {times}"
         assert "VM lively" not in daemon.log_text()
     finally:
@@ -303,8 +302,8 @@ def test_frozen_guests_hold_up_nobody(libvirtd, start_libvirt_daemon, directory)
             os.kill(pid, signal.SIGCONT)
     for name in frozen:
         system.wait_until(lambda: re.search(rf"VM {name} \([0-9a-f-]{{36}}\) responds again, it had not since",
-                                            daemon.log_text()), f"the log to tell of {name}", COLLECTED)
-    system.wait_until(lambda: all(reads > 20 for reads in seen()[0].values()), "the figures to come back", COLLECTED)
+                                            daemon.log_text()), f"the log line of {name}", COLLECTED)
+    system.wait_until(lambda: all(reads > 20 for reads in seen()[0].values()), "the statistics to come back", COLLECTED)
 
 
 @pytest.mark.slow
@@ -314,29 +313,29 @@ def test_the_inventory_outlives_libvirtd_for_a_minute(libvirtd, start_libvirt_da
     libvirtd.virsh("start guest")
     daemon = start_libvirt_daemon(libvirtd.uri)
     now = api()
-    before = now.machines()
+    before = now.vms()
     assert before["guest"][1] == "poweredOn"
 
     libvirtd.kill()
     killed = time.monotonic()
-    system.wait_until(lambda: "libvirt cannot be reached" in daemon.log_text(), "the log to tell it", COLLECTED)
-    assert now.machines() == before
+    system.wait_until(lambda: "libvirt cannot be reached" in daemon.log_text(), "the log line", COLLECTED)
+    assert now.vms() == before
 
     def is_emptied():
-        machines = now.machines()
-        assert machines in (before, {}), "the last inventory is kept whole"
+        vms = now.vms()
+        assert vms in (before, {}), "the last inventory is kept whole"
         time.sleep(0.5)
-        return machines == {}
+        return vms == {}
 
     system.wait_until(is_emptied, "the inventory to be emptied", KEPT + 15)
     # The minute began with the last collection that came to its end.
     assert time.monotonic() > killed + KEPT / 2
     agent = start_agent()
     agent.allow_log(*system.DATA_LOG, "SNMPRaskRefreshCache: no VM found.")
-    assert shown_machines(agent.client.bulk_walk()) == {}
+    assert shown_vms(agent.client.bulk_walk()) == {}
 
     libvirtd.start()
-    system.wait_until(lambda: now.machines() == before, "the machines to come back with their numbers", COLLECTED)
-    system.wait_until(lambda: list(shown_machines(agent.client.bulk_walk()).values()) == ["guest"], "the agent to show it",
+    system.wait_until(lambda: now.vms() == before, "the VMs to come back with their ids", COLLECTED)
+    system.wait_until(lambda: list(shown_vms(agent.client.bulk_walk()).values()) == ["guest"], "the agent to show it",
                       2 * system.REFRESH_INTERVAL)
-    system.wait_until(lambda: "libvirt can be reached again: 1 VMs" in daemon.log_text(), "the log to tell it")
+    system.wait_until(lambda: "libvirt can be reached again: 1 VMs" in daemon.log_text(), "the log line")

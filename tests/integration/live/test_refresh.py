@@ -1,4 +1,4 @@
-"""What a refresh of the agent costs on a live host, against the same machines as a described host."""
+"""What a refresh of the agent costs on a live host, against the same VMs as a described host."""
 
 import concurrent.futures
 import contextlib
@@ -17,7 +17,7 @@ from expected_tree import ENTERPRISE
 
 pytestmark = pytest.mark.xdist_group("computes")
 
-MACHINES = 1000
+VMS = 1000
 ROUNDS = int(os.environ.get("KELV_REFRESH_ROUNDS", "3"))
 # A refresh of the live host may take this many times as long.
 MOST = 2
@@ -43,20 +43,20 @@ class Side:
         stack.callback(self.daemon.stop)
 
     def describe(self):
-        self.daemon.wait_for_machines(MACHINES)
+        self.daemon.wait_for_vms(VMS)
         with wire.logged_in(timeout=60) as connection:
             return described_copy.describe(connection)
 
     def refresh(self, then=lambda client: None):
-        """Seconds that the first answer from a table takes, and what `then` answers of the agent's client afterwards."""
-        def question(client):
+        """Seconds that the first response from a table takes, and what then(client) returns afterwards."""
+        def request(client):
             begun = time.monotonic()
             name = client.get(FIRST_NAME)[0].value
             took = time.monotonic() - begun
             assert name.startswith(b"vm-"), name
             return took, then(client)
 
-        return fresh_agent.ask(self.directory, question)[0]
+        return fresh_agent.ask(self.directory, request)[0]
 
 
 def configuration(client):
@@ -65,7 +65,7 @@ def configuration(client):
 
 def test_a_refresh_takes_at_most_twice_as_long_as_that_of_a_described_host(directory, record_property):
     file = directory / "host.xml"
-    file.write_text(libvirt_host.host_file(MACHINES))
+    file.write_text(libvirt_host.host_file(VMS))
     with contextlib.ExitStack() as stack:
         live, described = (Side(directory / name, stack) for name in ("live", "described"))
         live.start(lambda: libvirt_host.Daemon(f"test://{file}", live.directory), stack)
@@ -81,12 +81,12 @@ def test_a_refresh_takes_at_most_twice_as_long_as_that_of_a_described_host(direc
                 else:
                     took, _ = side.run(side.refresh)
                 times[side].append(took)
-        assert sum(instance.oid[:-1] == FIRST_NAME[:-1] for instance in shown[live]) == MACHINES
-        assert shown[live] == shown[described], "these are not the same machines"
+        assert sum(instance.oid[:-1] == FIRST_NAME[:-1] for instance in shown[live]) == VMS
+        assert shown[live] == shown[described], "these are not the same VMs"
     medians = [statistics.median(times[side]) for side in (live, described)]
     ratio = medians[0] / medians[1]
-    told = (f"{MACHINES} machines, median of {ROUNDS}: {medians[0]:.3f} s live, {medians[1]:.3f} s described, "
-            f"ratio {ratio:.2f}")
-    record_property("refresh", told)
-    print(told)
-    assert ratio <= MOST, told
+    result = (f"{VMS} VMs, median of {ROUNDS}: {medians[0]:.3f} s live, {medians[1]:.3f} s described, "
+              f"ratio {ratio:.2f}")
+    record_property("refresh", result)
+    print(result)
+    assert ratio <= MOST, result

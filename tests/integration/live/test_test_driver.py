@@ -12,42 +12,42 @@ import system
 pytestmark = pytest.mark.xdist_group("computes")
 
 
-def figures(uri, machines):
-    """The figures of the machines under the names of domstats, from virsh's older commands."""
-    questions = []
-    for domain in machines:
+def statistics(uri, domains):
+    """The statistics of the domains under the names of domstats, from virsh's older commands."""
+    commands = []
+    for domain in domains:
         if domain_tree.POWER[domain.state] == "poweredOff":
             continue
-        questions += [(domain, "vcpuinfo", ""), (domain, "dommemstat", "")]
-        questions += [(domain, "domblkstat", drive.find("target").get("dev")) for drive in domain.disks()]
-        questions += [(domain, "domifstat", card.find("target").get("dev")) for card in domain.cards
-                      if card.find("target") is not None]
-    found = {domain.uuid: {} for domain in machines}
-    answers = libvirt_host.virsh(uri, *(f"{command} {domain.uuid} {device}" for domain, command, device in questions))
-    for (domain, command, device), answer in zip(questions, answers):
-        found[domain.uuid].update(_READERS[command](answer, device))
+        commands += [(domain, "vcpuinfo", ""), (domain, "dommemstat", "")]
+        commands += [(domain, "domblkstat", drive.find("target").get("dev")) for drive in domain.disks()]
+        commands += [(domain, "domifstat", card.find("target").get("dev")) for card in domain.cards
+                     if card.find("target") is not None]
+    found = {domain.uuid: {} for domain in domains}
+    outputs = libvirt_host.virsh(uri, *(f"{command} {domain.uuid} {device}" for domain, command, device in commands))
+    for (domain, command, device), output in zip(commands, outputs):
+        found[domain.uuid].update(_READERS[command](output, device))
     return found
 
 
-def _cpus(answer, _):
-    times = re.findall(r"^VCPU:\s+(\d+)$.*?^CPU time:\s+([\d.]+)s$", answer, re.MULTILINE | re.DOTALL)
+def _cpus(output, _):
+    times = re.findall(r"^VCPU:\s+(\d+)$.*?^CPU time:\s+([\d.]+)s$", output, re.MULTILINE | re.DOTALL)
     return {f"vcpu.{cpu}.time": int(float(seconds) * 10 ** 9) for cpu, seconds in times}
 
 
-def _memory(answer, _):
-    numbers = dict(line.split() for line in answer.splitlines() if line)
+def _memory(output, _):
+    numbers = dict(line.split() for line in output.splitlines() if line)
     return {"active": int(numbers["available"]) - int(numbers["unused"])}
 
 
-def _disk(answer, device):
+def _disk(output, device):
     names = {"rd_req": "rd.reqs", "rd_bytes": "rd.bytes", "wr_req": "wr.reqs", "wr_bytes": "wr.bytes"}
-    numbers = [line.split()[1:] for line in answer.splitlines() if line]
+    numbers = [line.split()[1:] for line in output.splitlines() if line]
     return {f"block.{device}.{names[name]}": int(number) for name, number in numbers if name in names}
 
 
-def _card(answer, device):
+def _card(output, device):
     names = {"rx_packets": "rx.pkts", "rx_bytes": "rx.bytes", "tx_packets": "tx.pkts", "tx_bytes": "tx.bytes"}
-    numbers = [line.split()[1:] for line in answer.splitlines() if line]
+    numbers = [line.split()[1:] for line in output.splitlines() if line]
     return {f"net.{device}.{names[name]}": int(number) for name, number in numbers if name in names}
 
 
@@ -62,26 +62,26 @@ def uri(request, directory):
 
 
 def test_the_walk_equals_what_virsh_says(uri, directory, start_libvirt_daemon):
-    machines = domain_tree.domains(uri)
-    before = figures(uri, machines)
+    domains = domain_tree.domains(uri)
+    before = statistics(uri, domains)
     daemon = start_libvirt_daemon(uri)
-    daemon.wait_for_machines(len(machines))
+    daemon.wait_for_vms(len(domains))
     found, _ = fresh_agent.ask(directory, lambda client: client.bulk_walk(repetitions=50))
-    after = figures(uri, machines)
-    identities = daemon.identities()
-    assert sorted(identities) == sorted(domain.uuid for domain in machines)
-    assert len(set(identities.values())) == len(machines)
-    domain_tree.assert_equal(found, domain_tree.tree(uri, identities, before, after, listed=machines, cpu_shares=50))
+    after = statistics(uri, domains)
+    vm_ids = daemon.vm_ids()
+    assert sorted(vm_ids) == sorted(domain.uuid for domain in domains)
+    assert len(set(vm_ids.values())) == len(domains)
+    domain_tree.assert_equal(found, domain_tree.tree(uri, vm_ids, before, after, listed=domains, cpu_shares=50))
 
 
-def test_machines_keep_their_numbers_over_a_restart(directory, start_libvirt_daemon, start_agent):
+def test_vms_keep_their_ids_over_a_restart(directory, start_libvirt_daemon, start_agent):
     file = directory / "host.xml"
     file.write_text(libvirt_host.host_file(5))
     daemon = start_libvirt_daemon(f"test://{file}")
-    before = daemon.identities()
+    before = daemon.vm_ids()
     daemon.stop()
     file.write_text(libvirt_host.host_file(9))
-    after = start_libvirt_daemon(f"test://{file}").identities()
+    after = start_libvirt_daemon(f"test://{file}").vm_ids()
     assert len(before) == 5 and len(after) == 9
     assert {uuid: after[uuid] for uuid in before} == before
 
