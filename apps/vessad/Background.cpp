@@ -7,17 +7,14 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
-#include <system_error>
+
+#include "apps/vessad/ErrnoException.h"
 
 namespace Vessad {
 
 namespace {
 
-std::system_error Failure(const char* what) {
-    return {errno, std::generic_category(), what};
-}
-
-[[noreturn]] void AwaitChild(pid_t child, int pipe) {
+[[noreturn]] void ExitWithChild(pid_t child, int pipe) {
     char byte = 0;
     ssize_t count = 0;
     do {
@@ -37,32 +34,32 @@ std::system_error Failure(const char* what) {
 Background::Background() {
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
-        throw Failure("cannot make a pipe");
+        throw ErrnoException("cannot create a pipe");
     }
     Tessim::FileDescriptor reading(ends[0]);
     readyPipe = Tessim::FileDescriptor(ends[1]);
     const pid_t child = ::fork();
     if (child < 0) {
-        throw Failure("cannot start in the background");
+        throw ErrnoException("cannot fork");
     }
     if (child > 0) {
         readyPipe.Close();
-        AwaitChild(child, reading.Get());
+        ExitWithChild(child, reading.Get());
     }
     ::setsid();
 }
 
 void Background::Ready() {
-    const Tessim::FileDescriptor nowhere(::open("/dev/null", O_RDWR | O_CLOEXEC));
-    if (!nowhere || ::chdir("/") != 0) {
-        throw Failure("cannot leave the terminal");
+    const Tessim::FileDescriptor null(::open("/dev/null", O_RDWR | O_CLOEXEC));
+    if (!null || ::chdir("/") != 0) {
+        throw ErrnoException("cannot detach from the terminal");
     }
-    for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        ::dup2(nowhere.Get(), standard);
+    for (const int standardStream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        ::dup2(null.Get(), standardStream);
     }
     const char byte = 0;
     if (::write(readyPipe.Get(), &byte, 1) != 1) {
-        throw Failure("cannot tell that the daemon is ready");
+        throw ErrnoException("cannot report readiness to the starting process");
     }
     readyPipe.Close();
 }

@@ -1,19 +1,19 @@
-// Starting in the background.
+// Starts the daemon in the background.
 #pragma once
 
 #include "runtime/tessim/file_descriptor.h"
 
 namespace Vessad {
 
-// Whoever starts a daemon learns from its exit code whether it stands: the process that was started waits
-// until its child in the background is ready, or has failed.
+// The exit code of the started process says whether the daemon runs: it waits until its child in the
+// background is ready, or has failed.
 class Background {
   public:
     // Forks; returns in the child only. The parent exits with 0 once the child is ready, and otherwise with
-    // the child's own exit code. To be called before there is any thread. Throws std::system_error.
+    // the child's own exit code. Call it before any thread is started. Throws std::system_error.
     Background();
 
-    // The child is ready: leaves the starter's session, terminal and directory.
+    // Detaches from terminal and directory, and lets the parent exit. Throws std::system_error.
     void Ready();
 
   private:

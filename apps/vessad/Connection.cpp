@@ -37,10 +37,10 @@ using Clock = std::chrono::steady_clock;
 using beast::error_code;
 
 constexpr std::size_t readSize = 16UL * 1024;
-constexpr std::chrono::seconds goodbyeLimit{1};
-constexpr std::size_t maxShownLine = 80;
+constexpr std::chrono::seconds shutdownTimeout{1};
+constexpr std::size_t maxShownPreamble = 80;
 
-// What a request may cost. Before the login it may be anybody's, and no call that is allowed needs more.
+// Before the login the client is untrusted, and no call that it may make needs more.
 struct SizeLimits {
     std::uint32_t header;
     std::uint64_t body;
@@ -49,9 +49,10 @@ struct SizeLimits {
 constexpr SizeLimits beforeLogin{8 * 1024, 16UL * 1024, {.maxElements = 100, .maxDepth = 16}};
 constexpr SizeLimits afterLogin{8 * 1024, 8UL * 1024 * 1024, {.maxElements = 400'000, .maxDepth = 64}};
 
-// All of it runs on the socket's strand. Each operation holds the connection; with the last it goes.
+// Everything but Evict runs on the socket's strand. Each pending operation holds a reference to the
+// connection.
 class Connection final : public ConnectionTable::Entry, public std::enable_shared_from_this<Connection> {
-    // A handler that goes on with `method`. Stands before its users because its type is deduced.
+    // A handler that calls `method`. Defined before its users because its type is deduced.
     template <class Method>
     auto Then(Method method) {
         return beast::bind_front_handler(method, shared_from_this());
@@ -63,51 +64,53 @@ class Connection final : public ConnectionTable::Entry, public std::enable_share
     Connection(asio::ip::tcp::socket socket, ConnectionContext& context, std::uint64_t number)
         : context(context),
           number(number),
-          name("connection " + std::to_string(number)),
           stream(std::move(socket), context.tls),
-          lateAnswer(stream.get_executor()),
-          session(context.services, number, name) {}
+          delayedReply(stream.get_executor()),
+          session(context.services, number) {}
 
     ~Connection() override { context.table.Remove(number); }
 
     void Start() {
         context.table.Place(number, shared_from_this(), Stage::Preamble);
-        SetDeadline(context.times.preamble);
+        SetTimeout(context.timeouts.preamble);
         stream.async_handshake(asio::ssl::stream_base::server, Then(&Connection::OnHandshake));
     }
 
     void Evict(std::string_view why) override {
         asio::post(stream.get_executor(), [self = shared_from_this(), why = std::string(why)] {
-            self->End(why);
+            self->LogClose(why);
             self->Lowest().close();
-            self->lateAnswer.cancel();
+            self->delayedReply.cancel();
         });
     }
 
   private:
-    // Ends the operations to come after `limit`, or at the end of the time for the login.
-    void SetDeadline(Clock::duration limit) {
-        const Clock::time_point end = Clock::now() + limit;
-        Lowest().expires_at(session.IsLoggedIn() ? end : std::min(end, loginEnd));
+    const SizeLimits& Limits() const { return session.IsLoggedIn() ? afterLogin : beforeLogin; }
+
+    // The next operations time out after `timeout`, and before the login at the deadline for it.
+    void SetTimeout(Clock::duration timeout) {
+        const Clock::time_point deadline = Clock::now() + timeout;
+        Lowest().expires_at(session.IsLoggedIn() ? deadline : std::min(deadline, loginDeadline));
     }
 
-    // Says once why the connection ends.
-    void End(const std::string& why) {
-        if (!std::exchange(ended, true)) {
-            spdlog::debug("{}: ends: {}", name, why);
+    // Logs the first reason only.
+    void LogClose(std::string_view why) {
+        if (!std::exchange(closing, true)) {
+            spdlog::debug("Connection {}: closing: {}", number, why);
         }
     }
 
-    void EndAt(const char* step, const error_code& error) {
-        if (error == beast::error::timeout && !ended) {
-            spdlog::info("{}: timed out: {}", name, step);
+    // Closes the connection by starting no further operation.
+    void Fail(const char* step, const error_code& error) {
+        if (error == beast::error::timeout && !closing) {
+            spdlog::info("Connection {}: {} timed out, closing", number, step);
         }
-        End(std::string(step) + ": " + error.message());
+        LogClose(std::string(step) + ": " + error.message());
     }
 
     void OnHandshake(const error_code& error) {
         if (error) {
-            EndAt("TLS handshake", error);
+            Fail("TLS handshake", error);
             return;
         }
         asio::async_read_until(stream, asio::dynamic_buffer(line, Authd::maxPreambleLine),
@@ -116,21 +119,21 @@ class Connection final : public ConnectionTable::Entry, public std::enable_share
 
     void OnPreamble(const error_code& error, std::size_t size) {
         if (error == asio::error::not_found) {
-            RefusePreamble(400, "the line is too long");
+            RejectPreamble(400, "the line is too long");
             return;
         }
         if (error) {
-            EndAt("reading the first line", error);
+            Fail("preamble", error);
             return;
         }
         const std::optional<Authd::OpenRequest> request =
             Authd::ParseRequestLine(std::string_view(line).substr(0, size - Authd::preambleLineEnd.size()));
         if (!request) {
-            RefusePreamble(400, R"(expected OPEN <selector> "<text>" "<text>")");
+            RejectPreamble(400, R"(expected OPEN <selector> "<text>" "<text>")");
         } else if (request->selector != static_cast<int>(Authd::Selector::ManagementApi)) {
-            RefusePreamble(404, "no service " + std::to_string(request->selector));
+            RejectPreamble(404, "no service " + std::to_string(request->selector));
         } else {
-            // What follows the line is the first request's already.
+            // What follows the line belongs to the first request.
             const std::size_t more = line.size() - size;
             asio::buffer_copy(buffer.prepare(more), asio::buffer(line.data() + size, more));
             buffer.commit(more);
@@ -139,19 +142,19 @@ class Connection final : public ConnectionTable::Entry, public std::enable_share
         }
     }
 
-    void RefusePreamble(int status, const std::string& reason) {
-        spdlog::info("{}: refused the first line \"{}\": {} {}", name,
-                     Tessim::StringUtil::EscapeUntrusted(line, maxShownLine), status, reason);
+    void RejectPreamble(int status, const std::string& reason) {
+        spdlog::info("Connection {}: preamble \"{}\" rejected, closing: {} {}", number,
+                     Tessim::StringUtil::EscapeUntrusted(line, maxShownPreamble), status, reason);
         line = Authd::MakeReplyLine(status, reason);
         asio::async_write(stream, asio::buffer(line),
                           [self = shared_from_this()](const error_code& /*error*/, std::size_t /*size*/) {
-                              self->SayGoodbye("the first line was refused");
+                              self->Shutdown("the preamble was rejected");
                           });
     }
 
     void OnAccepted(const error_code& error, std::size_t /*size*/) {
         if (error) {
-            EndAt("answering the first line", error);
+            Fail("preamble reply", error);
             return;
         }
         line = {};
@@ -167,14 +170,14 @@ class Connection final : public ConnectionTable::Entry, public std::enable_share
         if (session.IsLoggedIn()) {
             Lowest().expires_never();
         } else {
-            SetDeadline(context.times.login);
+            SetTimeout(context.timeouts.login);
         }
         stream.async_read_some(buffer.prepare(readSize), Then(&Connection::OnFirstBytes));
     }
 
     void OnFirstBytes(const error_code& error, std::size_t size) {
         if (error) {
-            EndAt("waiting for a request", error);
+            Fail("wait for a request", error);
             return;
         }
         buffer.commit(size);
@@ -182,40 +185,39 @@ class Connection final : public ConnectionTable::Entry, public std::enable_share
     }
 
     void ReceiveRequest() {
-        const SizeLimits& limits = session.IsLoggedIn() ? afterLogin : beforeLogin;
         parser.emplace();
-        parser->header_limit(limits.header);
-        parser->body_limit(limits.body);
-        SetDeadline(context.times.request);
+        parser->header_limit(Limits().header);
+        parser->body_limit(Limits().body);
+        SetTimeout(context.timeouts.request);
         http::async_read(stream, buffer, *parser, Then(&Connection::OnRequest));
     }
 
     void OnRequest(const error_code& error, std::size_t /*size*/) {
         if (error == http::error::end_of_stream) {
-            SayGoodbye("the client said goodbye");
+            Shutdown("the client closed its stream");
         } else if (error == http::error::header_limit) {
-            Refuse(http::status::request_header_fields_too_large, error.message());
+            RejectRequest(http::status::request_header_fields_too_large, error.message());
         } else if (error == http::error::body_limit) {
-            Refuse(http::status::payload_too_large, error.message());
+            RejectRequest(http::status::payload_too_large, error.message());
         } else if (error && error != http::error::partial_message &&
                    error.category() == make_error_code(http::error::end_of_stream).category()) {
-            Refuse(http::status::bad_request, error.message());
+            RejectRequest(http::status::bad_request, error.message());
         } else if (error) {
-            EndAt("reading a request", error);
+            Fail("request", error);
         } else {
-            Answer();
+            Dispatch();
         }
     }
 
-    // Answers what is no HTTP request that can be read, and ends: where the next one begins is unknown.
-    void Refuse(http::status status, const std::string& why) {
-        spdlog::info("{}: refused a request: {}", name, why);
-        Prepare(status, why + "\n", "text/plain");
+    // Closes after the reply, because the start of the next request is unknown.
+    void RejectRequest(http::status status, const std::string& why) {
+        spdlog::info("Connection {}: request rejected, closing: {}", number, why);
+        PrepareReply(status, why + "\n", "text/plain");
         response.keep_alive(false);
         Send();
     }
 
-    void Prepare(http::status status, std::string body, std::string_view type) {
+    void PrepareReply(http::status status, std::string body, std::string_view type) {
         response = {};
         response.result(status);
         response.version(11);
@@ -224,14 +226,14 @@ class Connection final : public ConnectionTable::Entry, public std::enable_share
         response.keep_alive(parser->get().keep_alive());
     }
 
-    void Answer() {
+    void Dispatch() {
         const http::request<http::string_body>& request = parser->get();
         if (request.target() != Hask::HostAgent::apiPath) {
-            Prepare(http::status::not_found, "The API is at " + Hask::HostAgent::apiPath + "\n",
-                    "text/plain");
+            PrepareReply(http::status::not_found, "The API is at " + Hask::HostAgent::apiPath + "\n",
+                         "text/plain");
             Send();
         } else if (request.method() != http::verb::post) {
-            Prepare(http::status::method_not_allowed, "Calls are POST requests\n", "text/plain");
+            PrepareReply(http::status::method_not_allowed, "Calls are POST requests\n", "text/plain");
             response.set(http::field::allow, "POST");
             Send();
         } else {
@@ -240,30 +242,29 @@ class Connection final : public ConnectionTable::Entry, public std::enable_share
     }
 
     void Call(const std::string& body) {
-        const bool before = session.IsLoggedIn();
+        const bool wasLoggedIn = session.IsLoggedIn();
         try {
-            Ordane::Reply reply =
-                Ordane::HandleCall(body, session, (before ? afterLogin : beforeLogin).message);
-            // SOAP over HTTP answers a fault with the status 500.
-            Prepare(reply.fault ? http::status::internal_server_error : http::status::ok,
-                    std::move(reply.text), "text/xml; charset=utf-8");
+            Ordane::Reply reply = Ordane::HandleCall(body, session, Limits().message);
+            // SOAP 1.1 over HTTP sends a fault with the status 500.
+            PrepareReply(reply.fault ? http::status::internal_server_error : http::status::ok,
+                         std::move(reply.text), "text/xml; charset=utf-8");
         } catch (const std::exception& failure) {  // out of memory
-            spdlog::error("{}: a call failed: {}", name, failure.what());
-            End("a call failed");
+            spdlog::error("Connection {}: call failed, closing: {}", number, failure.what());
+            LogClose("a call failed");
             return;
         }
         if (session.IsLoggedIn()) {
             context.table.Place(number, shared_from_this(), Stage::Session);
-        } else if (before) {
-            loginEnd = Clock::now() + context.times.login;
+        } else if (wasLoggedIn) {
+            loginDeadline = Clock::now() + context.timeouts.login;
             context.table.Place(number, shared_from_this(), Stage::Login);
         }
-        if (!session.TakeRefusal()) {
+        if (!session.TakeRejectedLogin()) {
             Send();
             return;
         }
-        lateAnswer.expires_after(context.times.refusedLogin);
-        lateAnswer.async_wait([self = shared_from_this()](const error_code& error) {
+        delayedReply.expires_after(context.timeouts.rejectedLogin);
+        delayedReply.async_wait([self = shared_from_this()](const error_code& error) {
             if (!error) {
                 self->Send();
             }
@@ -271,15 +272,15 @@ class Connection final : public ConnectionTable::Entry, public std::enable_share
     }
 
     void Send() {
-        parser.reset();  // and with it the request's memory
+        parser.reset();  // frees the request
         response.prepare_payload();
-        SetDeadline(context.times.reply);
+        SetTimeout(context.timeouts.reply);
         http::async_write(stream, response, Then(&Connection::OnSent));
     }
 
     void OnSent(const error_code& error, std::size_t /*size*/) {
         if (error) {
-            EndAt("sending a reply", error);
+            Fail("reply", error);
             return;
         }
         const bool more = response.keep_alive();
@@ -287,24 +288,24 @@ class Connection final : public ConnectionTable::Entry, public std::enable_share
         if (more) {
             AwaitRequest();
         } else {
-            SayGoodbye("the exchange is over");
+            Shutdown("no request may follow");
         }
     }
 
-    void SayGoodbye(const char* why) {
-        End(why);
-        SetDeadline(goodbyeLimit);
+    // Sends close_notify and waits for the client's.
+    void Shutdown(std::string_view why) {
+        LogClose(why);
+        SetTimeout(shutdownTimeout);
         stream.async_shutdown([self = shared_from_this()](const error_code& /*error*/) {});
     }
 
     ConnectionContext& context;
     const std::uint64_t number;
-    const std::string name;
     beast::ssl_stream<beast::tcp_stream> stream;
-    asio::steady_timer lateAnswer;
+    asio::steady_timer delayedReply;
     Session session;
-    Clock::time_point loginEnd = Clock::now() + context.times.login;
-    bool ended = false;
+    Clock::time_point loginDeadline = Clock::now() + context.timeouts.login;
+    bool closing = false;
 
     std::string line;  // of the preamble
     beast::flat_buffer buffer{readSize + afterLogin.header};

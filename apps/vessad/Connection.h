@@ -1,4 +1,4 @@
-// One client's connection, from the TLS handshake to its end.
+// One client's connection, from the TLS handshake to its close.
 #pragma once
 
 #include <boost/asio/ip/tcp.hpp>
@@ -11,26 +11,27 @@
 
 namespace Vessad {
 
-// How long a client may take. Between the requests of a session it may take as long as it likes: it is a
-// legitimate one, and a client that asks once a day must find its session there.
-struct TimeLimits {
-    std::chrono::milliseconds preamble = std::chrono::seconds(5);      // handshake and first line together
-    std::chrono::milliseconds login = std::chrono::seconds(10);        // from the connect to the login
-    std::chrono::milliseconds request = std::chrono::seconds(10);      // one request, from its first byte
-    std::chrono::milliseconds reply = std::chrono::seconds(10);        // to take one reply
-    std::chrono::milliseconds refusedLogin = std::chrono::seconds(1);  // how late its answer comes
+// Timeouts of a connection. There is none between the requests of a session: a client that sends one request
+// a day must find its session open.
+struct Timeouts {
+    std::chrono::milliseconds preamble = std::chrono::seconds(5);  // handshake and preamble together
+    std::chrono::milliseconds login =
+        std::chrono::seconds(10);  // from the connect, or the last logout, to the login
+    std::chrono::milliseconds request = std::chrono::seconds(10);       // one request, from its first byte
+    std::chrono::milliseconds reply = std::chrono::seconds(10);         // to send one reply
+    std::chrono::milliseconds rejectedLogin = std::chrono::seconds(1);  // delay of the reply
 };
 
-// What a connection needs of the server. Outlives every connection.
+// What connections use of the server. Must outlive every connection.
 struct ConnectionContext {
     Services& services;
     ConnectionTable& table;
     boost::asio::ssl::context& tls;
-    TimeLimits times;
+    Timeouts timeouts;
 };
 
-// Serves the client at the other end of `socket`, whose executor must be a strand, and enters the connection
-// into the table as `number`. The connection lives until the client, a time limit or the table ends it.
+// Serves the client of `socket`, whose executor must be a strand, and places the connection in the table as
+// `number`. The connection owns itself until the client, a timeout or the table closes it.
 void StartConnection(boost::asio::ip::tcp::socket socket, ConnectionContext& context, std::uint64_t number);
 
 }  // namespace Vessad

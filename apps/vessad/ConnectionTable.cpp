@@ -16,7 +16,7 @@ void ConnectionTable::Place(std::uint64_t number, const std::shared_ptr<Entry>& 
         } else {
             Queue& queue = At(stage);
             const std::uint64_t turn = nextTurn++;
-            queue.emplace(turn, Waiting{number, entry});
+            queue.emplace(turn, Queued{number, entry});
             positions[number] = {stage, turn};
             if (queue.size() > limits.at(static_cast<std::size_t>(stage))) {
                 evicted = TakeOldestLocked(queue);
@@ -24,7 +24,7 @@ void ConnectionTable::Place(std::uint64_t number, const std::shared_ptr<Entry>& 
         }
     }
     if (evicted) {
-        evicted->Evict("there are too many connections");
+        evicted->Evict("too many connections");
     }
 }
 
@@ -80,7 +80,7 @@ void ConnectionTable::RemoveLocked(std::uint64_t number) {
     }
 }
 
-// Null when the connection has just gone by itself.
+// Null when the connection is being destroyed.
 std::shared_ptr<ConnectionTable::Entry> ConnectionTable::TakeOldestLocked(Queue& queue) {
     const auto place = queue.begin();
     std::shared_ptr<Entry> entry = place->second.entry.lock();

@@ -1,9 +1,8 @@
-// Which connections there are, and which of them must make room for a new one.
+// The open connections, and which of them is evicted for a new one.
 //
-// Connections that have not logged in may be anybody's, so each stage has a number of places of its own, and
-// who has been there longest without a sign gives its place to the newest. A client that goes on without
-// delay is served however many others wait, because it is never among the oldest. Every operation may be
-// called from any thread.
+// Connections that have not logged in are untrusted, so each stage has a limit of its own, and the connection
+// that has been idle there longest is evicted for the newest. A client that proceeds without delay is served
+// however many others are open, because it is never among the oldest. All functions are thread-safe.
 #pragma once
 
 #include <array>
@@ -29,32 +28,34 @@ class ConnectionTable {
         std::size_t Total() const { return preamble + login + session; }
     };
 
-    // A connection as the table sees it.
     class Entry {
       public:
         Entry() = default;
         Entry(const Entry&) = delete;
         Entry& operator=(const Entry&) = delete;
         virtual ~Entry() = default;
-        // Ends the connection soon; does not wait. Called from any thread, never under the table's lock.
+        // Closes the connection soon; does not block. Called from any thread, never under the table's lock.
         virtual void Evict(std::string_view why) = 0;
     };
 
     explicit ConnectionTable(const Limits& limits);
 
-    // Takes the connection `number` in at a stage, or moves it there, as that stage's newest. When the stage
-    // is full, its oldest connection is evicted; when the table is closed, this one is.
+    // Adds the connection `number` to a stage, or moves it there, as that stage's newest. When the stage is
+    // full, its oldest connection is evicted; when the table is closed, this one is. Does not keep the entry
+    // alive.
     void Place(std::uint64_t number, const std::shared_ptr<Entry>& entry, Stage stage);
 
-    // The connection is gone, or goes.
+    // Removes the connection, if it is there.
     void Remove(std::uint64_t number);
 
-    // Evicts the oldest connection that has not logged in, if there is one.
+    // Evicts the oldest connection that has not logged in, if any; in the preamble stage before the login
+    // stage.
     void MakeRoom(std::string_view why);
 
-    // Evicts every connection, and each that comes later.
+    // Evicts every connection, and each that is placed later.
     void Close(std::string_view why);
 
+    // The number of connections at a stage.
     std::size_t Count(Stage stage) const;
 
   private:
@@ -62,18 +63,18 @@ class ConnectionTable {
         Stage stage;
         std::uint64_t turn;
     };
-    struct Waiting {
+    struct Queued {
         std::uint64_t number;
         std::weak_ptr<Entry> entry;
     };
-    using Queue = std::map<std::uint64_t, Waiting>;  // by turn, the oldest first
+    using Queue = std::map<std::uint64_t, Queued>;  // by turn, the oldest first
 
     Queue& At(Stage stage) { return queues.at(static_cast<std::size_t>(stage)); }
     void RemoveLocked(std::uint64_t number);
     std::shared_ptr<Entry> TakeOldestLocked(Queue& queue);
 
     const std::array<std::size_t, 3> limits;
-    mutable std::mutex mutex;  // of all below
+    mutable std::mutex mutex;  // guards all below
     std::array<Queue, 3> queues;
     std::unordered_map<std::uint64_t, Position> positions;
     std::uint64_t nextTurn = 0;

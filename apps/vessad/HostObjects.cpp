@@ -95,7 +95,7 @@ class PerformanceObject final : public Hask::PerformanceManager {
 
     void QueryPerf(Ordane::DataArray<QuerySpec>* querySpec,
                    Tessim::Ref<Ordane::DataArray<EntityMetricBase>>& out) override {
-        spdlog::debug("QueryPerf of {} entities", querySpec->GetLength());
+        spdlog::debug("QueryPerf for {} entities", querySpec->GetLength());
         out = QueryPerformance(*inventory, *querySpec, elapsed);
     }
 
@@ -111,12 +111,8 @@ Tessim::Ref<Ordane::ManagedObject> FindHostObject(const std::shared_ptr<const In
                                                   std::chrono::nanoseconds elapsed) {
     namespace Ids = Hask::HostAgent;
     const auto name = Tessim::MakeRef<Ordane::MoRef>(reference.GetType(), reference.GetId());
-    if (reference.GetType() == Hask::VirtualMachine::staticType.name) {
-        const auto found = inventory->vmsById.find(reference.GetId());
-        if (found == inventory->vmsById.end()) {
-            return nullptr;
-        }
-        return Tessim::MakeRef<VmObject>(name, found->second);
+    if (const std::shared_ptr<const Vm> vm = inventory->FindVm(reference)) {
+        return Tessim::MakeRef<VmObject>(name, vm);
     }
     if (reference.GetType() == Hask::Datastore::staticType.name) {
         const auto found = inventory->datastores.find(reference.GetId());

@@ -1,4 +1,4 @@
-// The managed objects that show an inventory.
+// The managed objects of an inventory.
 #pragma once
 
 #include <chrono>
@@ -15,9 +15,9 @@ bool IsReferenceTo(const Ordane::MoRef& reference, std::string_view id) {
     return reference.GetType() == Object::staticType.name && reference.GetId() == id;
 }
 
-// The object of `inventory` that `reference` names, or null: the folder of virtual machines, a machine, a
-// datastore, the host, its memory manager or its performance manager. `elapsed` is how long the daemon has
-// run, which the figures depend on. The object keeps the inventory.
+// Returns a new object for what `reference` names in `inventory`, or null: the folder of VMs, a VM, a
+// datastore, the host, its memory manager or its performance manager. `elapsed` is the time since the daemon
+// started, for statistics. The object keeps the inventory alive.
 Tessim::Ref<Ordane::ManagedObject> FindHostObject(const std::shared_ptr<const Inventory>& inventory,
                                                   const Ordane::MoRef& reference,
                                                   std::chrono::nanoseconds elapsed);

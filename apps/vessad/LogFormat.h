@@ -1,4 +1,4 @@
-// How the daemon's log lines look.
+// The format of the daemon's log lines.
 #pragma once
 
 #include <spdlog/formatter.h>
@@ -8,9 +8,8 @@
 
 namespace Vessad {
 
-// A formatter of spdlog's patterns in which "%*" stands for the message as one line: whatever a message
-// quotes, it cannot begin another one (see Tessim::StringUtil::EscapeControls). Each line ends with
-// `lineEnd`.
+// Returns a formatter of spdlog's patterns in which "%*" is the message on one line: untrusted text in a
+// message cannot start another line (see Tessim::StringUtil::EscapeControls). Each line ends with `lineEnd`.
 std::unique_ptr<spdlog::formatter> MakeLogFormatter(const std::string& pattern, const std::string& lineEnd);
 
 }  // namespace Vessad

@@ -28,19 +28,20 @@ Parsed ParseCommandLine(int count, const char* const* arguments) {
                 return std::string(refused.what());
             }
         });
-    app.add_option("--ticket-dir", options.ticketDirectory, "Where login tickets are put")
+    app.add_option("--ticket-dir", options.ticketDirectory, "Directory of the login tickets")
         ->type_name("DIR")
         ->capture_default_str();
-    app.add_option("--ticket-group", options.ticketGroup, "A group that may read the tickets too")
+    app.add_option("--ticket-group", options.ticketGroup, "Group that may read the tickets too")
         ->type_name("GROUP");
-    app.add_option("--state-dir", options.stateDirectory, "What must outlast a restart (libvirt hosts)")
+    app.add_option("--state-dir", options.stateDirectory,
+                   "Directory of what must survive a restart (libvirt hosts)")
         ->type_name("DIR")
         ->capture_default_str();
-    app.add_option("--log-level", options.logLevel, "How much to log")
+    app.add_option("--log-level", options.logLevel, "Lowest level to log")
         ->type_name("LEVEL")
         ->capture_default_str()
         ->check(CLI::IsMember({"debug", "info", "warning", "error"}));
-    app.add_flag("--foreground", options.foreground, "Stay in the foreground and log to the standard error");
+    app.add_flag("--foreground", options.foreground, "Stay in the foreground and log to standard error");
     app.footer("Without --host and --libvirt a small sample host is served.");
     try {
         app.parse(count, arguments);

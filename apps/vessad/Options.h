@@ -10,7 +10,7 @@
 namespace Vessad {
 
 struct Options {
-    std::optional<std::filesystem::path> host;  // neither of the two: the built-in host
+    std::optional<std::filesystem::path> host;  // neither this nor libvirt: the built-in host
     std::optional<std::string> libvirt;
     std::string listen = "127.0.0.1:" + std::to_string(Hask::HostAgent::port);
     std::filesystem::path ticketDirectory = "/run/tovric-vessad";
@@ -20,13 +20,13 @@ struct Options {
     bool foreground = false;
 };
 
-// What to do: go on with options, or end with an exit code (after help, or a mistake that was told).
+// Options to run with, or an exit code to end with (after help, or a mistake, which has been printed).
 struct Parsed {
     std::optional<Options> options;
     int exitCode = 0;
 };
 
-// Paths come out absolute.
+// Parses the command line; prints help and mistakes. The paths of the result are absolute.
 Parsed ParseCommandLine(int count, const char* const* arguments);
 
 }  // namespace Vessad

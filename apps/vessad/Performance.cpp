@@ -15,10 +15,10 @@ namespace {
 using Hask::PerformanceManager;
 
 constexpr const char* everyInstance = "*";
-// A figure takes five elements of an answer, of which a client reads a million.
-constexpr std::size_t maxFigures = 190'000;
+// A statistic takes five elements of a response, of which a client reads at most a million.
+constexpr std::size_t maxStatistics = 190'000;
 
-// A machine's series by counter; those of one counter in the machine's order.
+// A VM's series by counter; those of one counter in the VM's order.
 class CounterIndex {
   public:
     explicit CounterIndex(const Vm& vm) {
@@ -43,30 +43,22 @@ class CounterIndex {
     std::vector<const Series*> sorted;
 };
 
-Tessim::Ref<PerformanceManager::MetricSeries> MakeFigure(const Series& series,
-                                                         std::chrono::nanoseconds elapsed) {
+Tessim::Ref<PerformanceManager::MetricSeries> MakeStatistic(const Series& series,
+                                                            std::chrono::nanoseconds elapsed) {
     auto id = Tessim::MakeRef<PerformanceManager::MetricId>();
     id->SetCounterId(series.counterKey);
     id->SetInstance(series.instance);
-    auto figure = Tessim::MakeRef<PerformanceManager::IntSeries>();
-    figure->SetId(id);
-    figure->SetValue({ValueAt(series, elapsed)});
-    return figure;
-}
-
-const Vm* FindVm(const Inventory& inventory, const Ordane::MoRef& entity) {
-    if (entity.GetType() != Hask::VirtualMachine::staticType.name) {
-        return nullptr;
-    }
-    const auto found = inventory.vmsById.find(entity.GetId());
-    return found == inventory.vmsById.end() ? nullptr : found->second.get();
+    auto statistic = Tessim::MakeRef<PerformanceManager::IntSeries>();
+    statistic->SetId(id);
+    statistic->SetValue({ValueAt(series, elapsed)});
+    return statistic;
 }
 
 }  // namespace
 
 std::int64_t ValueAt(const Series& series, std::chrono::nanoseconds elapsed) {
     const double seconds = std::chrono::duration<double>(elapsed).count();
-    // Kept within 64 bits before it becomes a whole number, which is defined for no other.
+    // Converting a double beyond 64 bits is undefined.
     const double moved = std::fmod(std::floor(series.perSecond * seconds), 0x1p64);
     if (!std::isfinite(moved)) {
         return series.start;
@@ -79,14 +71,14 @@ std::int64_t ValueAt(const Series& series, std::chrono::nanoseconds elapsed) {
 Tessim::Ref<Ordane::DataArray<PerformanceManager::EntityMetricBase>> QueryPerformance(
     const Inventory& inventory, const Ordane::DataArray<PerformanceManager::QuerySpec>& specs,
     std::chrono::nanoseconds elapsed) {
-    auto answer = Tessim::MakeRef<Ordane::DataArray<PerformanceManager::EntityMetricBase>>();
-    std::size_t figures = 0;
+    auto result = Tessim::MakeRef<Ordane::DataArray<PerformanceManager::EntityMetricBase>>();
+    std::size_t count = 0;
     for (const auto& spec : specs) {
         if (spec->GetIntervalId().value_or(0) != 0) {
             throw Ordane::Fault::InvalidArgument::Exception(
-                "only the latest figures are kept: the interval must be 0");
+                "only the latest samples are kept: the interval must be 0");
         }
-        const Vm* vm = FindVm(inventory, *spec->GetEntity());
+        const std::shared_ptr<const Vm> vm = inventory.FindVm(*spec->GetEntity());
         if (vm == nullptr) {
             continue;
         }
@@ -98,19 +90,19 @@ Tessim::Ref<Ordane::DataArray<PerformanceManager::EntityMetricBase>> QueryPerfor
                 if (instance != everyInstance && instance != series.instance) {
                     return;
                 }
-                if (++figures > maxFigures) {
+                if (++count > maxStatistics) {
                     throw Ordane::Fault::InvalidArgument::Exception(
-                        "more than " + std::to_string(maxFigures) + " figures are asked for at once");
+                        "more than " + std::to_string(maxStatistics) + " statistics are requested at once");
                 }
-                found->Append(MakeFigure(series, elapsed));
+                found->Append(MakeStatistic(series, elapsed));
             });
         }
         auto metric = Tessim::MakeRef<PerformanceManager::EntityMetric>();
         metric->SetEntity(Tessim::Ref<Ordane::MoRef>(spec->GetEntity()));
         metric->SetValue(found);
-        answer->Append(Tessim::Ref<PerformanceManager::EntityMetricBase>(metric));
+        result->Append(Tessim::Ref<PerformanceManager::EntityMetricBase>(metric));
     }
-    return answer;
+    return result;
 }
 
 }  // namespace Vessad

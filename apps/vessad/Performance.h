@@ -1,4 +1,4 @@
-// What the performance manager answers.
+// The results of the performance manager.
 #pragma once
 
 #include <chrono>
@@ -8,13 +8,13 @@
 
 namespace Vessad {
 
-// The series' value when the daemon has run for `elapsed`.
+// The value of the series at `elapsed` after the daemon's start.
 std::int64_t ValueAt(const Series& series, std::chrono::nanoseconds elapsed);
 
-// The latest figures that `specs` ask for, in their order; an entity that is no machine of the inventory is
-// left out. The figures of one entity stand in the order of its metric ids and, within one, of the machine.
-// Throws InvalidArgument's exception for an interval other than the latest, and for more figures than one
-// answer can carry.
+// Returns the latest statistics of the entities in `specs`, in that order; an entity that is no VM of the
+// inventory is left out. The statistics of one entity are in the order of its metric ids and, within one, of
+// the VM's series. Throws InvalidArgument's exception for an interval other than the latest, and for more
+// statistics than one response can carry.
 Tessim::Ref<Ordane::DataArray<Hask::PerformanceManager::EntityMetricBase>> QueryPerformance(
     const Inventory& inventory, const Ordane::DataArray<Hask::PerformanceManager::QuerySpec>& specs,
     std::chrono::nanoseconds elapsed);

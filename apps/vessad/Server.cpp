@@ -27,24 +27,24 @@ namespace {
 namespace asio = boost::asio;
 using asio::ip::tcp;
 
-constexpr unsigned minThreads = 2;  // one long call must not hold the others up
+constexpr unsigned minThreads = 2;  // one long call must not block the others
 constexpr unsigned maxThreads = 4;
-constexpr std::chrono::milliseconds acceptPause{50};
-constexpr rlim_t filesBesides = 64;
+constexpr std::chrono::milliseconds acceptBackoff{50};
+constexpr rlim_t otherFiles = 64;  // open files besides connections
 
 tcp::acceptor Listen(const asio::any_io_executor& executor, const tcp::endpoint& endpoint) {
     tcp::acceptor acceptor(executor);
     boost::system::error_code error;
-    const auto step = [&](boost::system::error_code result) {
+    const auto check = [&](boost::system::error_code result) {
         if (result) {
             throw std::runtime_error("cannot listen on " + endpoint.address().to_string() + " port " +
                                      std::to_string(endpoint.port()) + ": " + result.message());
         }
     };
-    step(acceptor.open(endpoint.protocol(), error));
-    step(acceptor.set_option(tcp::acceptor::reuse_address(true), error));
-    step(acceptor.bind(endpoint, error));
-    step(acceptor.listen(asio::socket_base::max_listen_connections, error));
+    check(acceptor.open(endpoint.protocol(), error));
+    check(acceptor.set_option(tcp::acceptor::reuse_address(true), error));
+    check(acceptor.bind(endpoint, error));
+    check(acceptor.listen(asio::socket_base::max_listen_connections, error));
     return acceptor;
 }
 
@@ -90,7 +90,7 @@ class Server::Implementation {
           tickets(options.tickets, io.get_executor()),
           table(options.connections),
           services{backend, tickets},
-          context{services, table, tls, options.times} {}
+          context{services, table, tls, options.timeouts} {}
 
     Implementation(const Implementation&) = delete;
     Implementation& operator=(const Implementation&) = delete;
@@ -98,7 +98,7 @@ class Server::Implementation {
         try {
             Stop();
         } catch (...) {
-            // No memory to stop in order: the threads must not outlive what they use.
+            // Out of memory. The threads must not outlive what they use.
             io.stop();
             Join();
         }
@@ -118,12 +118,12 @@ class Server::Implementation {
         if (threads.empty()) {
             return;
         }
-        // Then nothing is left to do, and the threads end. Connections are gone before what they use.
+        // Leaves the threads nothing to run, so that they return, and connections end before what they use.
         asio::post(acceptStrand, [this] {
             stopping = true;
             acceptor.close();
             acceptTimer.cancel();
-            table.Close("the daemon ends");
+            table.Close("the daemon is stopping");
             tickets.Close();
         });
         Join();
@@ -138,13 +138,13 @@ class Server::Implementation {
     }
 
     void Run() {
-        // What escapes a handler ends that handler's connection, and nothing else.
+        // An exception from a handler releases that handler's connection, and affects no other.
         for (;;) {
             try {
                 io.run();
                 return;
             } catch (const std::exception& failure) {
-                spdlog::error("A connection failed: {}", failure.what());
+                spdlog::error("A connection failed and is closed: {}", failure.what());
             }
         }
     }
@@ -161,12 +161,13 @@ class Server::Implementation {
             return;
         }
         if (error && error != asio::error::connection_aborted) {
-            // No descriptor or no memory is left; the client stays in the queue until there is.
-            if (!std::exchange(isShort, true)) {
-                spdlog::warn("Cannot take connections: {}", error.message());
+            // Out of descriptors or memory; the client stays in the backlog until there are some.
+            if (!std::exchange(exhausted, true)) {
+                spdlog::warn("Cannot accept connections, evicting those without a login: {}",
+                             error.message());
             }
-            table.MakeRoom("the daemon is short of files or memory");
-            acceptTimer.expires_after(acceptPause);
+            table.MakeRoom("out of files or memory");
+            acceptTimer.expires_after(acceptBackoff);
             acceptTimer.async_wait([this](const boost::system::error_code& stopped) {
                 if (!stopped && !stopping) {
                     Accept();
@@ -174,7 +175,7 @@ class Server::Implementation {
             });
             return;
         }
-        isShort = false;
+        exhausted = false;
         if (!error) {
             Serve(std::move(socket));
         }
@@ -186,16 +187,17 @@ class Server::Implementation {
         try {
             boost::system::error_code ignored;
             const tcp::endpoint peer = socket.remote_endpoint(ignored);
-            spdlog::debug("connection {}: from {} port {}", number, peer.address().to_string(), peer.port());
+            spdlog::debug("Connection {}: accepted from {} port {}", number, peer.address().to_string(),
+                          peer.port());
             socket.set_option(tcp::no_delay(true), ignored);
             StartConnection(std::move(socket), context, number);
         } catch (const std::exception& failure) {
-            spdlog::error("connection {}: cannot be served: {}", number, failure.what());
+            spdlog::error("Connection {}: cannot be served, closing: {}", number, failure.what());
         }
     }
 
     asio::io_context io;
-    asio::strand<asio::io_context::executor_type> acceptStrand;  // runs all that concerns accepting
+    asio::strand<asio::io_context::executor_type> acceptStrand;  // guards accepting and stopping
     tcp::acceptor acceptor;
     asio::steady_timer acceptTimer;
     asio::ssl::context tls;
@@ -205,7 +207,7 @@ class Server::Implementation {
     ConnectionContext context;
     std::uint64_t connections = 0;
     bool stopping = false;
-    bool isShort = false;  // of what a connection takes
+    bool exhausted = false;  // whether the last accept ran out of files or memory
     std::vector<std::thread> threads;
 };
 
@@ -232,18 +234,18 @@ ConnectionTable::Limits RaiseFileLimit() {
     if (::getrlimit(RLIMIT_NOFILE, &files) != 0) {
         return limits;
     }
-    const rlim_t wanted = limits.Total() + filesBesides;
+    const rlim_t wanted = limits.Total() + otherFiles;
     if (files.rlim_cur < wanted) {
         files.rlim_cur = std::min(wanted, files.rlim_max);
         ::setrlimit(RLIMIT_NOFILE, &files);
         ::getrlimit(RLIMIT_NOFILE, &files);
     }
     if (files.rlim_cur < wanted) {
-        // Three stages share what there is.
+        // An equal share for each of the three stages.
         const std::size_t share =
-            std::max<std::size_t>(1, (files.rlim_cur > filesBesides ? files.rlim_cur - filesBesides : 0) / 3);
+            std::max<std::size_t>(1, (files.rlim_cur > otherFiles ? files.rlim_cur - otherFiles : 0) / 3);
         limits = {share, share, share};
-        spdlog::warn("Only {} open files are allowed: at most {} connections", files.rlim_cur,
+        spdlog::warn("Limit of {} open files, serving at most {} connections", files.rlim_cur,
                      limits.Total());
     }
     return limits;

@@ -1,4 +1,4 @@
-// The daemon's network side: listens on a loopback address and serves every client that comes.
+// The daemon's network side: listens on a loopback address and serves every client.
 #pragma once
 
 #include <cstdint>
@@ -15,31 +15,31 @@ namespace Vessad {
 struct ServerOptions {
     boost::asio::ip::tcp::endpoint listen;  // port 0: a free one
     TicketOptions tickets;
-    TimeLimits times;
+    Timeouts timeouts;
     ConnectionTable::Limits connections;
 };
 
-// The endpoint that "ADDRESS:PORT" is: an IPv4 address, an IPv6 address in brackets or "localhost", which is
-// 127.0.0.1 and never goes to a resolver. Throws std::invalid_argument, also for an address that is not of
-// this host alone.
+// Parses "ADDRESS:PORT": an IPv4 address, an IPv6 address in brackets or "localhost", which is 127.0.0.1 and
+// is not resolved. Throws std::invalid_argument, also for an address that is not loopback.
 boost::asio::ip::tcp::endpoint ParseListenAddress(const std::string& text);
 
 class Server {
   public:
-    // Listens, and makes the ticket directory ready; serves nobody yet. `backend` must outlive the server.
-    // Throws std::runtime_error or std::system_error with the reason.
+    // Listens and prepares the ticket directory; accepts no connection yet. `backend` must outlive the
+    // server. Throws std::runtime_error with the reason.
     Server(const ServerOptions& options, Backend& backend);
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
     ~Server();
 
-    // The address and port that it listens on.
+    // The address and port that the server listens on.
     boost::asio::ip::tcp::endpoint GetEndpoint() const;
 
-    // Serves on threads of its own. To be called once.
+    // Serves on threads of its own. Call it once.
     void Start();
 
-    // Ends every connection and removes every ticket. May be called again; the destructor calls it.
+    // Closes every connection, removes every ticket and waits for the threads. May be called again; the
+    // destructor calls it.
     void Stop();
 
   private:
@@ -47,7 +47,7 @@ class Server {
     std::unique_ptr<Implementation> implementation;
 };
 
-// Lets this process have as many open files as it may, and answers how many connections that allows.
+// Raises the limit of open files as far as needed and allowed, and returns how many connections it permits.
 ConnectionTable::Limits RaiseFileLimit();
 
 }  // namespace Vessad

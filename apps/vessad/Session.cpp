@@ -4,6 +4,7 @@
 
 #include <exception>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -18,8 +19,8 @@ namespace {
 
 namespace Fault = Ordane::Fault;
 
-// The one user of this API.
-constexpr std::string_view userNameOfAll = "root";
+// The only user of the API.
+constexpr std::string_view onlyUser = "root";
 constexpr std::size_t maxShownName = 40;
 
 template <class Object>
@@ -53,8 +54,8 @@ class Session::SessionManagerObject final : public Hask::SessionManager {
           session(session) {}
 
     void AcquireLocalTicket(const std::string& userName, Tessim::Ref<LocalTicket>& out) override {
-        if (userName != userNameOfAll) {
-            throw Fault::InvalidArgument::Exception("tickets are for the user " + std::string(userNameOfAll) +
+        if (userName != onlyUser) {
+            throw Fault::InvalidArgument::Exception("tickets are for the user " + std::string(onlyUser) +
                                                     " only");
         }
         try {
@@ -62,40 +63,39 @@ class Session::SessionManagerObject final : public Hask::SessionManager {
             out->SetUserName(userName);
             out->SetPasswordFilePath(session.services.tickets.Issue(session.connection));
         } catch (const std::exception& failure) {
-            spdlog::error("{}: no ticket: {}", session.name, failure.what());
+            spdlog::error("Connection {}: cannot issue a ticket: {}", session.connection, failure.what());
             throw;
         }
     }
 
     void Login(const std::string& userName, const std::string& password,
                const std::optional<std::string>& locale, Tessim::Ref<Hask::UserSession>& out) override {
-        const bool right = session.services.tickets.Redeem(session.connection, password);
-        if (!right || userName != userNameOfAll) {
-            session.refused = true;
-            spdlog::warn("{}: refused the login of \"{}\": {}", session.name,
+        const bool ticketValid = session.services.tickets.Redeem(session.connection, password);
+        if (!ticketValid || userName != onlyUser) {
+            session.loginRejected = true;
+            spdlog::warn("Connection {}: login of \"{}\" rejected: {}", session.connection,
                          Tessim::StringUtil::EscapeUntrusted(userName, maxShownName),
-                         right ? "unknown user" : "not the password of this connection's ticket");
+                         ticketValid ? "unknown user" : "not the password of this connection's ticket");
             throw Fault::InvalidLogin::Exception("the user name or the password is wrong");
         }
         session.loggedIn = true;
-        spdlog::info("{}: {} logged in", session.name, userName);
+        spdlog::info("Connection {}: {} logged in", session.connection, userName);
         out = Tessim::MakeRef<Hask::UserSession>();
-        out->SetKey(session.name);
+        out->SetKey("connection " + std::to_string(session.connection));
         out->SetUserName(userName);
         out->SetLocale(locale);
     }
 
     void Logout() override {
         session.loggedIn = false;
-        spdlog::info("{}: logged out", session.name);
+        spdlog::info("Connection {}: logged out", session.connection);
     }
 
   private:
     Session& session;
 };
 
-Session::Session(Services& services, std::uint64_t connection, std::string name)
-    : services(services), connection(connection), name(std::move(name)) {}
+Session::Session(Services& services, std::uint64_t connection) : services(services), connection(connection) {}
 
 Session::~Session() {
     services.tickets.Drop(connection);
@@ -112,8 +112,8 @@ Tessim::Ref<Ordane::ManagedObject> Session::Find(const Ordane::MoRef& reference)
                           std::chrono::steady_clock::now() - services.started);
 }
 
-bool Session::TakeRefusal() {
-    return std::exchange(refused, false);
+bool Session::TakeRejectedLogin() {
+    return std::exchange(loginRejected, false);
 }
 
 }  // namespace Vessad

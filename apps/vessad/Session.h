@@ -1,9 +1,8 @@
-// What one connection can reach, and whether it has logged in.
+// The login state of a connection, and the objects that it can reach.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
-#include <string>
 
 #include "apps/vessad/TicketStore.h"
 #include "apps/vessad/backends/Backend.h"
@@ -11,7 +10,7 @@
 
 namespace Vessad {
 
-// What all connections share. Outlives them.
+// What all connections share. Must outlive them.
 struct Services {
     Backend& backend;
     TicketStore& tickets;
@@ -21,16 +20,16 @@ struct Services {
 // Not thread-safe: one call at a time.
 class Session final : public Ordane::ObjectSource {
   public:
-    // `connection` owns the tickets; `name` is what log lines call it.
-    Session(Services& services, std::uint64_t connection, std::string name);
-    // Gives the connection's ticket up.
+    // `connection` is the number of the connection, which owns its ticket.
+    Session(Services& services, std::uint64_t connection);
+    // Removes the connection's ticket.
     ~Session() override;
 
     Tessim::Ref<Ordane::ManagedObject> Find(const Ordane::MoRef& reference) override;
     bool IsLoggedIn() const override { return loggedIn; }
 
-    // Whether a login was refused since this was last asked. Its answer is to be sent late.
-    bool TakeRefusal();
+    // Returns whether a login was rejected since the last call. The reply to it is to be delayed.
+    bool TakeRejectedLogin();
 
   private:
     class ServiceInstanceObject;
@@ -38,9 +37,8 @@ class Session final : public Ordane::ObjectSource {
 
     Services& services;
     const std::uint64_t connection;
-    const std::string name;
     bool loggedIn = false;
-    bool refused = false;
+    bool loginRejected = false;
 };
 
 }  // namespace Vessad

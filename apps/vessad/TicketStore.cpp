@@ -18,6 +18,8 @@
 #include <utility>
 #include <vector>
 
+#include "apps/vessad/ErrnoException.h"
+
 namespace Vessad {
 
 namespace {
@@ -25,12 +27,8 @@ namespace {
 constexpr std::string_view filePrefix = "ticket-";
 constexpr std::size_t nameBytes = 16;
 constexpr std::size_t passwordBytes = 32;
-constexpr mode_t openDirectoryMode = 0711;   // everyone may reach a file whose name they know
+constexpr mode_t openDirectoryMode = 0711;   // anyone may open a file whose name they know
 constexpr mode_t groupDirectoryMode = 0750;  // only the group may
-
-std::system_error Failure(const std::string& what) {
-    return {errno, std::generic_category(), what};
-}
 
 std::string RandomHex(std::size_t count) {
     std::array<unsigned char, passwordBytes> bytes{};
@@ -81,51 +79,51 @@ TicketStore::~TicketStore() {
     try {
         Close();
     } catch (...) {
-        // A file that stays behind opens nothing, and the next daemon removes it.
+        // A remaining file is worthless, and the next daemon removes it.
     }
 }
 
 void TicketStore::OpenDirectory() {
-    const std::string shown = "ticket directory " + options.directory.string();
+    const std::string name = "the ticket directory " + options.directory.string();
     const bool forGroup = !options.group.empty();
-    const bool made = ::mkdir(options.directory.c_str(), 0700) == 0;
-    if (!made && errno != EEXIST) {
-        throw Failure("cannot make the " + shown);
+    const bool created = ::mkdir(options.directory.c_str(), 0700) == 0;
+    if (!created && errno != EEXIST) {
+        throw ErrnoException("cannot create " + name);
     }
     directory = Tessim::FileDescriptor(
         ::open(options.directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!directory) {
-        throw Failure("cannot open the " + shown);
+        throw ErrnoException("cannot open " + name);
     }
-    if (made && ((forGroup && ::fchown(directory.Get(), static_cast<uid_t>(-1), group) != 0) ||
-                 ::fchmod(directory.Get(), forGroup ? groupDirectoryMode : openDirectoryMode) != 0)) {
+    if (created && ((forGroup && ::fchown(directory.Get(), static_cast<uid_t>(-1), group) != 0) ||
+                    ::fchmod(directory.Get(), forGroup ? groupDirectoryMode : openDirectoryMode) != 0)) {
         const int reason = errno;
         ::rmdir(options.directory.c_str());
         errno = reason;
-        throw Failure("cannot give the " + shown + " its group and mode");
+        throw ErrnoException("cannot set group and mode of " + name);
     }
     struct stat status {};
     if (::fstat(directory.Get(), &status) != 0) {
-        throw Failure("cannot look at the " + shown);
+        throw ErrnoException("cannot stat " + name);
     }
     if (status.st_uid != ::geteuid()) {
-        throw std::runtime_error("the " + shown + " belongs to somebody else");
+        throw std::runtime_error(name + " belongs to another user");
     }
     if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        throw std::runtime_error("others can write to the " + shown);
+        throw std::runtime_error(name + " is writable by others");
     }
-    const mode_t way = forGroup && status.st_gid == group ? S_IXGRP : S_IXOTH;
-    if (forGroup && (status.st_mode & way) == 0) {
-        throw std::runtime_error("the group " + options.group + " cannot reach files in the " + shown);
+    const mode_t search = forGroup && status.st_gid == group ? S_IXGRP : S_IXOTH;
+    if (forGroup && (status.st_mode & search) == 0) {
+        throw std::runtime_error("the group " + options.group + " cannot reach files in " + name);
     }
 }
 
 void TicketStore::RemoveStale() const {
-    // The stream takes over a descriptor of its own.
+    // fdopendir takes ownership of the descriptor.
     const int copy = ::fcntl(directory.Get(), F_DUPFD_CLOEXEC, 0);
     const std::unique_ptr<DIR, int (*)(DIR*)> stream(copy < 0 ? nullptr : ::fdopendir(copy), ::closedir);
     if (!stream) {
-        throw Failure("cannot list the ticket directory");
+        throw ErrnoException("cannot list the ticket directory");
     }
     std::vector<std::string> stale;
     while (const dirent* entry = ::readdir(stream.get())) {
@@ -137,7 +135,7 @@ void TicketStore::RemoveStale() const {
         RemoveFile(file);
     }
     if (!stale.empty()) {
-        spdlog::warn("Removed {} tickets that an earlier daemon left behind", stale.size());
+        spdlog::warn("Removed {} stale tickets of an earlier daemon", stale.size());
     }
 }
 
@@ -148,12 +146,12 @@ std::string TicketStore::Issue(std::uint64_t owner) {
     const std::lock_guard lock(mutex);
     if (closed) {
         RemoveFile(file);
-        throw std::system_error(ECANCELED, std::generic_category(), "the daemon ends");
+        throw std::system_error(ECANCELED, std::generic_category(), "the daemon is stopping");
     }
-    if (const auto earlier = tickets.find(owner); earlier != tickets.end()) {
-        Remove(earlier);
+    if (const auto previous = tickets.find(owner); previous != tickets.end()) {
+        Remove(previous);
     }
-    tickets.emplace(owner, Ticket{file, std::move(password), Clock::now() + options.life});
+    tickets.emplace(owner, Ticket{file, std::move(password), Clock::now() + options.lifetime});
     ArmTimer();
     return options.directory / file;
 }
@@ -164,12 +162,12 @@ bool TicketStore::Redeem(std::uint64_t owner, std::string_view password) {
     if (ticket == tickets.end()) {
         return false;
     }
-    const std::string& right = ticket->second.password;
-    const bool same =
-        password.size() == right.size() && CRYPTO_memcmp(password.data(), right.data(), right.size()) == 0;
-    const bool alive = Clock::now() < ticket->second.end;
+    const std::string& expected = ticket->second.password;
+    const bool same = password.size() == expected.size() &&
+                      CRYPTO_memcmp(password.data(), expected.data(), expected.size()) == 0;
+    const bool valid = Clock::now() < ticket->second.expiry;
     Remove(ticket);
-    return same && alive;
+    return same && valid;
 }
 
 void TicketStore::Drop(std::uint64_t owner) {
@@ -197,17 +195,17 @@ void TicketStore::WriteFile(const std::string& file, std::string_view password) 
     Tessim::FileDescriptor descriptor(
         ::openat(directory.Get(), file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!descriptor) {
-        throw Failure("cannot make a ticket file");
+        throw ErrnoException("cannot create a ticket file");
     }
     const auto fail = [&](const char* what) {
         const int reason = errno;
         RemoveFile(file);
         errno = reason;
-        throw Failure(what);
+        throw ErrnoException(what);
     };
     if (!options.group.empty() && (::fchown(descriptor.Get(), static_cast<uid_t>(-1), group) != 0 ||
                                    ::fchmod(descriptor.Get(), 0640) != 0)) {
-        fail("cannot give a ticket file to its group");
+        fail("cannot set the group of a ticket file");
     }
     while (!password.empty()) {
         const ssize_t written = ::write(descriptor.Get(), password.data(), password.size());
@@ -221,7 +219,7 @@ void TicketStore::WriteFile(const std::string& file, std::string_view password) 
 
 void TicketStore::RemoveFile(const std::string& file) const {
     if (::unlinkat(directory.Get(), file.c_str(), 0) != 0 && errno != ENOENT) {
-        spdlog::warn("Cannot remove the used ticket {}: {}", file, std::generic_category().message(errno));
+        spdlog::warn("Cannot remove ticket file {}: {}", file, std::generic_category().message(errno));
     }
 }
 
@@ -236,10 +234,10 @@ void TicketStore::ArmTimer() {
         return;
     }
     const auto next = std::min_element(tickets.begin(), tickets.end(), [](const auto& a, const auto& b) {
-        return a.second.end < b.second.end;
+        return a.second.expiry < b.second.expiry;
     });
     timerArmed = true;
-    timer.expires_at(next->second.end);
+    timer.expires_at(next->second.expiry);
     timer.async_wait([this](const boost::system::error_code& error) {
         if (!error) {
             RemoveExpired();
@@ -252,7 +250,7 @@ void TicketStore::RemoveExpired() {
     const Clock::time_point now = Clock::now();
     for (auto ticket = tickets.begin(); ticket != tickets.end();) {
         const auto next = std::next(ticket);
-        if (ticket->second.end <= now) {
+        if (ticket->second.expiry <= now) {
             Remove(ticket);
         }
         ticket = next;

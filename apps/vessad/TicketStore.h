@@ -1,7 +1,7 @@
 // One-time login tickets: a random password each, in a file that only a legitimate local user can read.
 //
-// A ticket belongs to the connection that asked for it; nobody else can use it. Passwords are held in memory
-// only, so a file that outlives the daemon opens nothing. Every operation may be called from any thread.
+// A ticket belongs to the connection that requested it and is valid on no other. Passwords are compared with
+// those in memory, so a file that outlives the daemon is worthless. All functions are thread-safe.
 #pragma once
 
 #include <sys/types.h>
@@ -23,37 +23,37 @@ namespace Vessad {
 
 struct TicketOptions {
     std::filesystem::path directory;
-    std::string group;  // who else may read the files; empty: nobody
-    std::chrono::milliseconds life = std::chrono::seconds(30);
+    std::string group;  // may read the files too; empty: none
+    std::chrono::milliseconds lifetime = std::chrono::seconds(30);
 };
 
 class TicketStore {
   public:
-    // Makes the directory where there is none (mode 0711, or 0750 for the group), removes the files that a
-    // killed daemon left in it, and removes tickets that expire on `executor`. Throws std::runtime_error when
-    // the directory cannot be made or does not belong to this user alone, or when there is no such group.
+    // Creates the directory if it is missing (mode 0711, or 0750 for the group) and removes the ticket files
+    // that a killed daemon left in it. Expired tickets are removed on `executor`. Throws std::runtime_error
+    // when the directory cannot be created or is not private to this user, or when there is no such group.
     TicketStore(TicketOptions options, const boost::asio::any_io_executor& executor);
     TicketStore(const TicketStore&) = delete;
     TicketStore& operator=(const TicketStore&) = delete;
-    // Removes every ticket. Nothing may run on the executor any more.
+    // Removes every ticket. The executor must have stopped.
     ~TicketStore();
 
-    // Makes a ticket for the connection `owner` and answers the path of its file, whose content is the
-    // password without a line end. It replaces the connection's earlier ticket. Throws std::system_error when
-    // the file cannot be made and written whole, and after Close; nothing is left of it then.
+    // Creates a ticket for the connection `owner` and returns the path of its file, whose content is the
+    // password without a line end. It replaces the connection's previous ticket. Throws std::system_error
+    // when the file cannot be written completely, and after Close; no file is left then.
     std::string Issue(std::uint64_t owner);
 
-    // Uses the connection's ticket up, whatever comes of it, and answers whether `password` is its password.
-    // The comparison takes the same time wherever they differ.
+    // Removes the connection's ticket and returns whether it had one that had not expired and `password` is
+    // its password. The comparison takes constant time.
     bool Redeem(std::uint64_t owner, std::string_view password);
 
-    // Removes the connection's ticket, if it has one.
+    // Removes the connection's ticket, if any.
     void Drop(std::uint64_t owner);
 
-    // Removes every ticket, and makes no more.
+    // Removes every ticket; Issue fails from then on.
     void Close();
 
-    // How many tickets can be used now.
+    // The number of tickets.
     std::size_t Count() const;
 
   private:
@@ -61,7 +61,7 @@ class TicketStore {
     struct Ticket {
         std::string file;  // within the directory
         std::string password;
-        Clock::time_point end;
+        Clock::time_point expiry;
     };
 
     void OpenDirectory();
@@ -76,7 +76,7 @@ class TicketStore {
     gid_t group = static_cast<gid_t>(-1);
     Tessim::FileDescriptor directory;
 
-    mutable std::mutex mutex;  // of all below
+    mutable std::mutex mutex;  // guards all below
     std::map<std::uint64_t, Ticket> tickets;
     boost::asio::steady_timer timer;
     bool timerArmed = false;

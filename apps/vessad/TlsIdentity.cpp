@@ -30,7 +30,7 @@ using Certificate = std::unique_ptr<X509, decltype(&X509_free)>;
 
 Certificate MakeCertificate(EVP_PKEY* key) {
     Certificate certificate(X509_new(), X509_free);
-    Check(certificate != nullptr, "make a certificate");
+    Check(certificate != nullptr, "create a certificate");
     std::uint32_t serial = 0;
     Check(RAND_bytes(reinterpret_cast<unsigned char*>(&serial), sizeof serial) == 1, "get random numbers");
     X509_NAME* name = X509_get_subject_name(certificate.get());
@@ -44,7 +44,7 @@ Certificate MakeCertificate(EVP_PKEY* key) {
               X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, common, -1, -1, 0) == 1 &&
               X509_set_issuer_name(certificate.get(), name) == 1 &&
               X509_sign(certificate.get(), key, EVP_sha256()) > 0,
-          "make a certificate");
+          "create a certificate");
     return certificate;
 }
 
@@ -54,12 +54,12 @@ boost::asio::ssl::context MakeTlsContext() {
     boost::asio::ssl::context context(boost::asio::ssl::context::tls_server);
     SSL_CTX* native = context.native_handle();
     const Key key(EVP_EC_gen("P-256"), EVP_PKEY_free);
-    Check(key != nullptr, "make a key");
+    Check(key != nullptr, "create a key");
     Check(SSL_CTX_set_min_proto_version(native, TLS1_2_VERSION) == 1 &&
               SSL_CTX_use_certificate(native, MakeCertificate(key.get()).get()) == 1 &&
               SSL_CTX_use_PrivateKey(native, key.get()) == 1,
-          "set TLS up");
-    // Nothing that a client could make the daemon remember, or compute again.
+          "set up TLS");
+    // No per-client state, and no repeated key exchange, at a client's request.
     SSL_CTX_set_options(native, SSL_OP_NO_TICKET | SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION);
     SSL_CTX_set_num_tickets(native, 0);
     SSL_CTX_set_session_cache_mode(native, SSL_SESS_CACHE_OFF);

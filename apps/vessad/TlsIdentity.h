@@ -1,13 +1,13 @@
-// The daemon's TLS side.
+// The daemon's TLS key and certificate.
 #pragma once
 
 #include <boost/asio/ssl/context.hpp>
 
 namespace Vessad {
 
-// A server context for TLS 1.2 or newer with a key and a self-signed certificate that are made now and live
-// in memory only: clients are on this host, and what they trust is the ticket file, not the certificate.
-// Throws std::runtime_error when OpenSSL refuses.
+// Returns a server context for TLS 1.2 or newer with a new key and self-signed certificate, which exist in
+// memory only: clients are on this host and trust the ticket file, not the certificate. Throws
+// std::runtime_error with OpenSSL's reason.
 boost::asio::ssl::context MakeTlsContext();
 
 }  // namespace Vessad

@@ -37,8 +37,7 @@ void NotifyServiceManager([[maybe_unused]] const char* state) {
 #endif
 }
 
-// Where the log goes. There is one logger as long as the program runs, for others may be using it at any
-// time; what is behind it can be changed meanwhile.
+// Where the log goes. Threads may use the logger at any time, so it stays and its sinks are replaced.
 using LogDestination = spdlog::sinks::dist_sink_mt;
 
 std::shared_ptr<LogDestination> LogToStandardError(const Options& options) {
@@ -74,8 +73,8 @@ std::unique_ptr<Vessad::Backend> MakeBackend(const Options& options) {
     return Vessad::MakeBuiltInHost();
 }
 
-// Blocks the signals that the daemon acts on, for all threads to come, and answers them.
-sigset_t TakeSignals() {
+// Blocks the signals that the daemon waits for, in this thread and those that it starts, and returns them.
+sigset_t BlockSignals() {
     ::signal(SIGPIPE, SIG_IGN);
     sigset_t signals;
     ::sigemptyset(&signals);
@@ -88,7 +87,7 @@ sigset_t TakeSignals() {
 
 void Serve(const Options& options, LogDestination& log) {
     ::umask(077);
-    const sigset_t signals = TakeSignals();
+    const sigset_t signals = BlockSignals();
     Vessad::ServerOptions serverOptions;
     serverOptions.listen = Vessad::ParseListenAddress(options.listen);
     serverOptions.tickets.directory = options.ticketDirectory;
@@ -116,11 +115,11 @@ void Serve(const Options& options, LogDestination& log) {
             continue;
         }
         if (number == SIGHUP) {
-            spdlog::info("SIGHUP: reading the host again");
+            spdlog::info("SIGHUP received, reloading the host");
             backend->Reload();
             continue;
         }
-        spdlog::info("{}: ending", number == SIGTERM ? "SIGTERM" : "SIGINT");
+        spdlog::info("{} received, stopping", number == SIGTERM ? "SIGTERM" : "SIGINT");
         NotifyServiceManager("STOPPING=1");
         server.Stop();
         return;
@@ -138,7 +137,7 @@ int main(int argc, char** argv) {
     try {
         Serve(*parsed.options, *log);
     } catch (const std::exception& failure) {
-        spdlog::critical("{}", failure.what());
+        spdlog::critical("Exiting: {}", failure.what());
         return EXIT_FAILURE;
     }
     return EXIT_SUCCESS;

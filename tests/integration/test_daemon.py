@@ -157,7 +157,7 @@ def test_the_log_tells_what_happened_and_never_a_password(start_daemon):
     log = daemon.log_text()
     assert "Listening on 127.0.0.1 port 902" in log and re.search(rf"Read {re.escape(str(SMALL))}: .*\b2\b", log)
     assert "root logged in" in log
-    assert "SIGTERM: ending" in log
+    assert "SIGTERM received, stopping" in log
     assert secret not in log
 
 

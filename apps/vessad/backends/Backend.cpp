@@ -9,6 +9,14 @@ namespace Vessad {
 using CounterInfo = Hask::PerformanceManager::CounterInfo;
 using RollupType = Hask::PerformanceManager::RollupType;
 
+std::shared_ptr<const Vm> Inventory::FindVm(const Ordane::MoRef& reference) const {
+    if (reference.GetType() != Hask::VirtualMachine::staticType.name) {
+        return nullptr;
+    }
+    const auto found = vmsById.find(reference.GetId());
+    return found == vmsById.end() ? nullptr : found->second;
+}
+
 bool Inventory::Add(std::shared_ptr<const Vm> vm) {
     if (!vmsById.emplace(vm->id, vm).second) {
         return false;
@@ -41,6 +49,16 @@ std::vector<Tessim::Ref<CounterInfo>> StandardCounters() {
         counters.push_back(MakeCounter(++key, group, name, rollup));
     }
     return counters;
+}
+
+CounterKeys KeysOf(const std::vector<Tessim::Ref<CounterInfo>>& catalogue) {
+    CounterKeys keys;
+    for (const auto& counter : catalogue) {
+        keys.emplace(
+            Hask::Counters::FullName(counter->GetGroupInfo()->GetKey(), counter->GetNameInfo()->GetKey()),
+            counter->GetKey());
+    }
+    return keys;
 }
 
 }  // namespace Vessad

@@ -1,7 +1,8 @@
-// What the daemon serves, wherever it comes from.
+// The inventory that the daemon serves, and the interface of its sources.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -11,25 +12,25 @@
 
 namespace Vessad {
 
-// One counter of one instance of a machine. Its value at a moment is start + perSecond × seconds since the
-// daemon started, rounded down; it wraps at 64 bits.
+// A statistic as a function of time: start + perSecond × seconds since the daemon started, rounded down,
+// wrapping at 64 bits.
 struct Series {
     std::int32_t counterKey = 0;
-    std::string instance;  // empty: the machine as a whole
+    std::string instance;  // empty: the whole VM
     std::int64_t start = 0;
     double perSecond = 0;
 };
 
 struct Vm {
     std::string id;                            // unique; text that XML can carry
-    Tessim::Ref<Hask::Vm::ConfigInfo> config;  // null: the host has no configuration for it
+    Tessim::Ref<Hask::Vm::ConfigInfo> config;  // null: the VM has none
     Tessim::Ref<Hask::Vm::RuntimeInfo> runtime;
     Tessim::Ref<Hask::Vm::GuestInfo> guest;
     std::vector<Series> series;
 };
 
-// Everything that can be asked of a host, at one moment. Immutable once published, so that any number of
-// connections may read it while the backend makes the next one.
+// The API objects of a host. A snapshot, immutable once it is published, so that any number of connections
+// may read it while the backend makes the next one. References are null where the host has no such object.
 struct Inventory {
     Tessim::Ref<Hask::AboutInfo> about;
     Tessim::Ref<Hask::Host::HardwareInfo> hardware;
@@ -39,7 +40,10 @@ struct Inventory {
     std::vector<std::shared_ptr<const Vm>> vms;                                // in the folder's order
     std::map<std::string, std::shared_ptr<const Vm>, std::less<>> vmsById;
 
-    // Adds a machine to both; one whose id is taken already is refused (false).
+    // The VM that `reference` names, or null.
+    std::shared_ptr<const Vm> FindVm(const Ordane::MoRef& reference) const;
+
+    // Adds the VM to both; returns false, and adds nothing, when its id is taken.
     bool Add(std::shared_ptr<const Vm> vm);
 };
 
@@ -51,20 +55,24 @@ class Backend {
     Backend& operator=(const Backend&) = delete;
     virtual ~Backend() = default;
 
-    // The newest whole inventory; never null, never waits for the host.
+    // The newest complete inventory; never null, never waits for the host.
     virtual std::shared_ptr<const Inventory> GetInventory() = 0;
 
-    // Reads the source again, as an operator asked (SIGHUP). When that fails, says so in the daemon's log and
-    // keeps what it has.
+    // Reads the source again (SIGHUP). Logs a failure, and keeps the current inventory then. Does not throw.
     virtual void Reload() = 0;
 };
 
-// An entry of the catalogue.
+// Makes an entry of the catalogue, whose descriptions have `group` and `name` as key, label and summary.
 Tessim::Ref<Hask::PerformanceManager::CounterInfo> MakeCounter(std::int32_t key, const std::string& group,
                                                                const std::string& name,
                                                                Hask::PerformanceManager::RollupType rollup);
 
 // The ten counters that the agent module asks for, as a catalogue with keys from 1.
 std::vector<Tessim::Ref<Hask::PerformanceManager::CounterInfo>> StandardCounters();
+
+// The keys of counters by "group.name"; of several counters with one name, the first.
+using CounterKeys = std::map<std::string, std::int32_t, std::less<>>;
+
+CounterKeys KeysOf(const std::vector<Tessim::Ref<Hask::PerformanceManager::CounterInfo>>& catalogue);
 
 }  // namespace Vessad

@@ -1,4 +1,4 @@
-// The sample host that is built in, as YAML. The build makes it from hosts/small.yaml.
+// The built-in sample host as YAML. The build generates it from hosts/small.yaml.
 #pragma once
 
 #include <string_view>

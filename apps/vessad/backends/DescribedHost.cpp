@@ -13,12 +13,10 @@
 #include <set>
 #include <stdexcept>
 #include <system_error>
-#include <unordered_map>
 #include <utility>
 
 #include "apps/vessad/backends/BuiltInHost.h"
 #include "apps/vessad/backends/YamlReader.h"
-#include "runtime/hask/performance_counters.h"
 #include "runtime/tessim/file_descriptor.h"
 
 namespace Vessad {
@@ -31,9 +29,6 @@ using Yaml::Cursor;
 constexpr std::size_t maxFileSize = 64UL * 1024 * 1024;
 // Rates beyond this are mistakes, and would leave the range in which products with a time are exact enough.
 constexpr double maxRate = 1e18;
-
-// The key of each "group.counter"; of several with one name, the first.
-using CounterKeys = std::unordered_map<std::string, std::int32_t>;
 
 std::vector<Tessim::Ref<PerformanceManager::CounterInfo>> ReadCounters(const Cursor& host) {
     const std::optional<Cursor> list = host.Find("counters");
@@ -58,16 +53,6 @@ std::vector<Tessim::Ref<PerformanceManager::CounterInfo>> ReadCounters(const Cur
                                        static_cast<PerformanceManager::RollupType>(value)));
     }
     return counters;
-}
-
-CounterKeys IndexCounters(const std::vector<Tessim::Ref<PerformanceManager::CounterInfo>>& counters) {
-    CounterKeys keys;
-    for (const auto& counter : counters) {
-        keys.emplace(
-            Hask::Counters::FullName(counter->GetGroupInfo()->GetKey(), counter->GetNameInfo()->GetKey()),
-            counter->GetKey());
-    }
-    return keys;
 }
 
 void ReadDatastores(const Cursor& host, Inventory& inventory) {
@@ -141,7 +126,7 @@ std::shared_ptr<const Vm> ReadVm(const Cursor& item, const CounterKeys& keys) {
 }
 
 std::string ReadFile(const std::filesystem::path& file) {
-    // Never waits, whatever the name stands for.
+    // Does not block on a FIFO or device.
     const Tessim::FileDescriptor descriptor(
         ::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
@@ -186,8 +171,7 @@ class DescribedHost final : public Backend {
             const std::lock_guard lock(mutex);
             newest.swap(read);
         } catch (const std::exception& failure) {
-            spdlog::error("The host description is not read again, the one before stays in force: {}",
-                          failure.what());
+            spdlog::error("Reload failed, keeping the current host description: {}", failure.what());
         }
     }
 
@@ -207,7 +191,7 @@ class DescribedHost final : public Backend {
 class BuiltInHost final : public Backend {
   public:
     std::shared_ptr<const Inventory> GetInventory() override { return inventory; }
-    void Reload() override { spdlog::info("The built-in sample host has nothing to read again"); }
+    void Reload() override { spdlog::info("Reload has no effect on the built-in sample host"); }
 
   private:
     const std::shared_ptr<const Inventory> inventory = ReadHost(builtInHost, "built-in host");
@@ -229,7 +213,7 @@ std::shared_ptr<const Inventory> ReadHost(std::string_view text, const std::stri
                                                                                            "serviceConsole");
     ReadDatastores(host, *inventory);
     inventory->counters = ReadCounters(host);
-    const CounterKeys keys = IndexCounters(inventory->counters);
+    const CounterKeys keys = KeysOf(inventory->counters);
     for (const Cursor& item : host.Require("vms").Items()) {
         if (!inventory->Add(ReadVm(item, keys))) {
             item.Require("id").Refuse("an id that no other VM has");

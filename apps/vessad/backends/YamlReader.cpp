@@ -64,13 +64,13 @@ const Ordane::DataObjectType& ReadType(const Cursor& cursor, const Ordane::DataO
 }  // namespace
 
 Tessim::Ref<Ordane::DataObject> ReadObject(const Cursor& cursor, const Ordane::DataObjectType& declared,
-                                           std::initializer_list<std::string_view> besides) {
+                                           std::initializer_list<std::string_view> callerKeys) {
     if (!cursor.IsMap()) {
         cursor.Refuse("a mapping with the members of " + std::string(declared.name));
     }
     const Ordane::DataObjectType& type = ReadType(cursor, declared);
     const std::vector<const Ordane::Member*> members = type.GetMembers();
-    std::vector<std::string_view> known(besides);
+    std::vector<std::string_view> known(callerKeys);
     for (const Ordane::Member* member : members) {
         known.push_back(member->name);
     }
@@ -99,11 +99,7 @@ Tessim::Ref<Ordane::DataObject> ReadObject(const Cursor& cursor, const Ordane::D
 int ReadEnum(const Cursor& cursor, const Ordane::EnumType& type) {
     const int value = type.FindValue(cursor.Text());
     if (value < 0) {
-        std::string expected;
-        for (const std::string_view text : type.texts) {
-            expected.append(expected.empty() ? "one of " : ", ").append(text);
-        }
-        cursor.Refuse(expected);
+        cursor.Refuse(OneOf(type.texts));
     }
     return value;
 }

@@ -1,24 +1,24 @@
-// Data objects of the API out of YAML, driven by the same type objects as their XML form.
+// Reads data objects of the API from YAML, driven by the same type objects as their XML form.
 #pragma once
 
 #include <initializer_list>
 #include <string_view>
 
-#include "apps/vessad/backends/YamlTree.h"
+#include "apps/vessad/backends/YamlCursor.h"
 #include "runtime/ordane/objects.h"
 
 namespace Vessad::Yaml {
 
-// The object that the mapping at `cursor` describes: of type `declared`, or of the descendant that its key
+// Returns a new object from the mapping at `cursor`: of type `declared`, or of the descendant that its key
 // "type" names. Members have the API's names; a list is a sequence, a reference is the object's id, and an
-// optional member that is absent stays unset. Keys named in `besides` belong to the caller. Throws Error for
+// optional member that is absent stays unset. The keys in `callerKeys` are ignored. Throws Error for
 // everything else: an unknown or missing key, a value of another kind, a number that its type cannot hold.
 Tessim::Ref<Ordane::DataObject> ReadObject(const Cursor& cursor, const Ordane::DataObjectType& declared,
-                                           std::initializer_list<std::string_view> besides = {});
+                                           std::initializer_list<std::string_view> callerKeys = {});
 
 template <class T>
-Tessim::Ref<T> Read(const Cursor& cursor, std::initializer_list<std::string_view> besides = {}) {
-    return Tessim::Ref<T>(Tessim::NarrowToType<T>(ReadObject(cursor, T::StaticType(), besides)));
+Tessim::Ref<T> Read(const Cursor& cursor, std::initializer_list<std::string_view> callerKeys = {}) {
+    return Tessim::Ref<T>(Tessim::NarrowToType<T>(ReadObject(cursor, T::StaticType(), callerKeys)));
 }
 
 // The same for the member `key` of the mapping at `parent`; null when there is none.
@@ -28,7 +28,7 @@ Tessim::Ref<T> ReadOptional(const Cursor& parent, std::string_view key) {
     return found ? Read<T>(*found) : nullptr;
 }
 
-// The value of an enumeration that the text at `cursor` names.
+// Returns the value of an enumeration that the text at `cursor` names. Throws Error for any other text.
 int ReadEnum(const Cursor& cursor, const Ordane::EnumType& type);
 
 }  // namespace Vessad::Yaml

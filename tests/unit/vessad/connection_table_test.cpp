@@ -34,14 +34,14 @@ TEST_F(ConnectionTableTest, EvictsTheOldestOfAFullStage) {
         const auto second = Add(number + 1, stage);
         EXPECT_EQ(first->reason, "");
         const auto third = Add(number + 2, stage);
-        EXPECT_EQ(first->reason, "there are too many connections");
+        EXPECT_EQ(first->reason, "too many connections");
         EXPECT_EQ(second->reason, "");
         EXPECT_EQ(third->reason, "");
         EXPECT_EQ(table.Count(stage), 2U);
     }
 }
 
-TEST_F(ConnectionTableTest, KeepsTheStagesApart) {
+TEST_F(ConnectionTableTest, LimitsEachStageSeparately) {
     const auto waiting = Add(1, Stage::Login);
     const auto working = Add(2, Stage::Session);
     std::vector<std::shared_ptr<FakeConnection>> crowd;
@@ -63,7 +63,7 @@ TEST_F(ConnectionTableTest, MovesAConnectionToAnotherStageAsItsNewest) {
     EXPECT_EQ(mover->reason, "");
 }
 
-TEST_F(ConnectionTableTest, TakesAnotherCallForASignOfLife) {
+TEST_F(ConnectionTableTest, MakesAConnectionTheNewestOfItsStageAgain) {
     const auto busy = Add(1, Stage::Session);
     const auto idle = Add(2, Stage::Session);
     table.Place(1, busy, Stage::Session);
@@ -72,7 +72,7 @@ TEST_F(ConnectionTableTest, TakesAnotherCallForASignOfLife) {
     EXPECT_NE(idle->reason, "");
 }
 
-TEST_F(ConnectionTableTest, ForgetsConnectionsThatEnd) {
+TEST_F(ConnectionTableTest, RemovesConnections) {
     const auto first = Add(1, Stage::Preamble);
     table.Remove(1);
     table.Remove(1);
@@ -83,7 +83,7 @@ TEST_F(ConnectionTableTest, ForgetsConnectionsThatEnd) {
     EXPECT_EQ(table.Count(Stage::Preamble), 2U);
 }
 
-TEST_F(ConnectionTableTest, MakesRoomAtTheCostOfWhoHasNotLoggedIn) {
+TEST_F(ConnectionTableTest, MakesRoomByEvictingConnectionsWithoutALogin) {
     const auto session = Add(1, Stage::Session);
     const auto login = Add(2, Stage::Login);
     const auto preamble = Add(3, Stage::Preamble);
@@ -96,7 +96,7 @@ TEST_F(ConnectionTableTest, MakesRoomAtTheCostOfWhoHasNotLoggedIn) {
     EXPECT_EQ(session->reason, "");
 }
 
-TEST_F(ConnectionTableTest, EvictsEverybodyWhenItIsClosed) {
+TEST_F(ConnectionTableTest, EvictsEveryConnectionWhenClosed) {
     const auto session = Add(1, Stage::Session);
     const auto preamble = Add(2, Stage::Preamble);
     table.Close("over");
@@ -106,8 +106,8 @@ TEST_F(ConnectionTableTest, EvictsEverybodyWhenItIsClosed) {
     EXPECT_EQ(table.Count(Stage::Session), 0U);
 }
 
-TEST_F(ConnectionTableTest, PassesOverConnectionsThatHaveJustGone) {
-    Add(1, Stage::Preamble);  // its last holder is gone at once
+TEST_F(ConnectionTableTest, SkipsConnectionsThatNoLongerExist) {
+    Add(1, Stage::Preamble);  // released at once
     const auto second = Add(2, Stage::Preamble);
     const auto third = Add(3, Stage::Preamble);
     EXPECT_EQ(second->reason, "");

@@ -5,7 +5,10 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <functional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "tests/unit/vessad/log_lines.h"
 #include "tests/unit/vessad/sample_host.h"
@@ -14,6 +17,7 @@
 namespace Vessad {
 namespace {
 
+namespace fs = std::filesystem;
 using Hask::PerformanceManager;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -22,29 +26,31 @@ using VessadTest::sampleHost;
 using VessadTest::TemporaryDirectory;
 using VessadTest::WriteAll;
 
-std::string Mistake(const std::string& text) {
+// The error of `action`, or "none".
+std::string MistakeOf(const std::function<void()>& action) {
     try {
-        ReadHost(text, "h.yaml");
-    } catch (const Yaml::Error& error) {
-        return error.what();
-    }
-    return "none";
-}
-
-std::string FileMistake(const std::filesystem::path& file) {
-    try {
-        MakeDescribedHost(file);
+        action();
     } catch (const std::exception& error) {
         return error.what();
     }
     return "none";
 }
 
-std::string VmMistake(const std::string& vm) {
-    return Mistake("vms:\n  - " + vm + "\n");
+std::string Mistake(const std::string& text) {
+    return MistakeOf([&] { ReadHost(text, "h.yaml"); });
 }
 
-TEST(DescribedHost, ServesWhatTheFileSays) {
+std::string FileMistake(const fs::path& file) {
+    return MistakeOf([&] { MakeDescribedHost(file); });
+}
+
+class DescribedHostFile : public ::testing::Test {
+  protected:
+    TemporaryDirectory directory;
+    fs::path file = directory.GetPath() / "host.yaml";
+};
+
+TEST(DescribedHost, ServesWhatTheFileDescribes) {
     const auto host = ReadHost(sampleHost, "h.yaml");
     EXPECT_EQ(host->about->GetBuild(), "77");
     EXPECT_EQ(host->hardware->GetCpuInfo()->GetNumCpuCores(), 12);
@@ -59,18 +65,15 @@ TEST(DescribedHost, ServesWhatTheFileSays) {
     EXPECT_EQ(host->vmsById.at("name-17"), host->vms[2]);
 }
 
-TEST(DescribedHost, NeedsNothingButTheListOfMachines) {
+TEST(DescribedHost, NeedsOnlyTheListOfVms) {
     const auto host = ReadHost("vms: []", "h.yaml");
     EXPECT_EQ(host->about, nullptr);
     EXPECT_EQ(host->hardware, nullptr);
     EXPECT_EQ(host->serviceConsole, nullptr);
     EXPECT_TRUE(host->datastores.empty());
-    EXPECT_EQ(Mistake("about: {name: a, version: b, build: c}"),
-              "h.yaml:1:1: expected the member vms, found none");
-    EXPECT_EQ(Mistake(""), "h.yaml:1:1: expected a mapping, found nothing");
 }
 
-TEST(DescribedHost, HasTheStandardCountersUnlessItNamesItsOwn) {
+TEST(DescribedHost, HasTheStandardCountersUnlessItDefinesItsOwn) {
     std::vector<std::string> names;
     std::int32_t key = 0;
     const auto host = ReadHost("vms: []", "h.yaml");
@@ -84,7 +87,7 @@ TEST(DescribedHost, HasTheStandardCountersUnlessItNamesItsOwn) {
     EXPECT_TRUE(ReadHost("{counters: [], vms: []}", "h.yaml")->counters.empty());
 }
 
-TEST(DescribedHost, GivesFiguresToTheFirstCounterOfAName) {
+TEST(DescribedHost, AssignsStatisticsToTheFirstCounterOfAName) {
     const auto host = ReadHost(R"(
 counters:
   - {key: 9, group: mem, name: active}
@@ -105,7 +108,7 @@ vms: [{id: "1", config: null, stats: {cpu.used: {"0": 5, "": 6}, mem.active: {""
     EXPECT_EQ(series[2].counterKey, 9);
 }
 
-TEST(DescribedHost, ReadsFiguresAsNumbersAndAsRates) {
+TEST(DescribedHost, ReadsStatisticsAsNumbersAndAsRates) {
     const auto host = ReadHost(sampleHost, "h.yaml");
     const auto& series = host->vms[0]->series;
     EXPECT_EQ(series[0].start, 181000);
@@ -115,61 +118,58 @@ TEST(DescribedHost, ReadsFiguresAsNumbersAndAsRates) {
     EXPECT_EQ(host->vms[2]->series[0].start, 4611686018427387904);
 }
 
-TEST(DescribedHost, LeavesDatastoresThatNobodyDescribesToTheQuestionForThem) {
-    EXPECT_EQ(VmMistake("{id: '1', config: {name: a, guestFullName: b, hardware: {numCPU: 1, memoryMB: 1, "
-                        "device: [{type: VirtualDisk, key: 1, backing: {type: FileBackingInfo, fileName: f, "
-                        "datastore: nowhere}}]}}}"),
-              "none");
+TEST(DescribedHost, StatesPlaceAndExpectationOfAMistake) {
+    const std::string vm = "vms:\n  - ";
+    const std::string stats = vm + "{id: a, config: null, stats: ";
+    for (const auto& [text, mistake] : std::vector<std::pair<std::string, std::string>>{
+             {"", "1:1: expected a mapping, found nothing"},
+             {"about: {name: a, version: b, build: c}", "1:1: expected the member vms, found none"},
+             {vm + "{id: 16, config: null}", "2:10: vms[0].id: expected text in quotes, found 16"},
+             {vm + "{id: '16'}", "2:5: vms[0]: expected the member config, found none"},
+             {vm + "{id: '16', config: null, colour: red}",
+              "2:30: vms[0]: expected one of id, config, runtime, guest, stats, found colour"},
+             {vm + "{id: '16', config: null, guest: null}",
+              "2:37: vms[0].guest: expected a mapping with the members of " +
+                  std::string(Hask::Vm::GuestInfo::staticType.name) + ", found nothing"},
+             {vm + "{id: a, config: null}\n  - {id: a, config: null}\n",
+              "3:10: vms[1].id: expected an id that no other VM has, found the text \"a\""},
+             {stats + "{cpu.idle: {'0': 1}}}",
+              "2:35: vms[0].stats: expected a counter of the catalogue, found cpu.idle"},
+             {stats + "{cpu.used: {'0': 1.5}}}",
+              "2:51: vms[0].stats.\"cpu.used\".0: expected a whole number from -9223372036854775808 to "
+              "9223372036854775807, found 1.5"},
+             {stats + "{cpu.used: {'0': {start: 1}}}}",
+              "2:51: vms[0].stats.\"cpu.used\".0: expected the member perSecond, found none"},
+             {stats + "{cpu.used: {'0': {start: 1, perSecond: 1e19}}}}",
+              "2:73: vms[0].stats.\"cpu.used\".0.perSecond: expected a rate of at most 10^18, found 1e19"},
+             {stats + "{cpu.used: {'0': 1, \"0\": 2}}}",
+              "2:54: vms[0].stats.\"cpu.used\": expected each key once, found 0 again"},
+             {"counters: [{key: -1, group: a, name: b}]\nvms: []\n",
+              "1:18: counters[0].key: expected a whole number from 0 to 2147483647, found -1"},
+             {"counters: [{key: 1, group: a, name: b}, {key: 1, group: a, name: c}]\nvms: []\n",
+              "1:47: counters[1].key: expected a key that no other counter has, found 1"},
+             {"counters: [{key: 1, group: a, name: b, rollup: sum}]\nvms: []\n",
+              "1:48: counters[0].rollup: expected one of average, maximum, minimum, latest, summation, none, "
+              "found the text \"sum\""},
+             {"datastores: [{id: a}, {id: a}]\nvms: []\n",
+              "1:28: datastores[1].id: expected an id that no other datastore has, found the text \"a\""},
+             {"datastores: [{name: a}]\nvms: []\n",
+              "1:14: datastores[0]: expected the member id, found none"}}) {
+        EXPECT_EQ(Mistake(text), "h.yaml:" + mistake);
+    }
 }
 
-TEST(DescribedHost, SaysWhatIsWrongWithAMachine) {
-    EXPECT_EQ(VmMistake("{id: 16, config: null}"),
-              "h.yaml:2:10: vms[0].id: expected text in quotes, found 16");
-    EXPECT_EQ(VmMistake("{id: '16'}"), "h.yaml:2:5: vms[0]: expected the member config, found none");
-    EXPECT_EQ(VmMistake("{id: '16', config: null, colour: red}"),
-              "h.yaml:2:30: vms[0]: expected one of id, config, runtime, guest, stats, found colour");
-    EXPECT_EQ(VmMistake("{id: '16', config: null, guest: null}"),
-              "h.yaml:2:37: vms[0].guest: expected a mapping with the members of " +
-                  std::string(Hask::Vm::GuestInfo::staticType.name) + ", found nothing");
-    EXPECT_EQ(Mistake("vms:\n  - {id: a, config: null}\n  - {id: a, config: null}\n"),
-              "h.yaml:3:10: vms[1].id: expected an id that no other VM has, found the text \"a\"");
+TEST(DescribedHost, AcceptsADeviceOnAnUnknownDatastore) {
+    EXPECT_EQ(
+        Mistake("vms: [{id: '1', config: {name: a, guestFullName: b, hardware: {numCPU: 1, memoryMB: 1, "
+                "device: [{type: VirtualDisk, key: 1, backing: {type: FileBackingInfo, fileName: f, "
+                "datastore: nowhere}}]}}}]"),
+        "none");
 }
 
-TEST(DescribedHost, SaysWhatIsWrongWithFigures) {
-    EXPECT_EQ(VmMistake("{id: a, config: null, stats: {cpu.idle: {'0': 1}}}"),
-              "h.yaml:2:35: vms[0].stats: expected a counter of the catalogue, found cpu.idle");
-    EXPECT_EQ(
-        VmMistake("{id: a, config: null, stats: {cpu.used: {'0': 1.5}}}"),
-        "h.yaml:2:51: vms[0].stats.\"cpu.used\".0: expected a whole number from -9223372036854775808 to "
-        "9223372036854775807, found 1.5");
-    EXPECT_EQ(VmMistake("{id: a, config: null, stats: {cpu.used: {'0': {start: 1}}}}"),
-              "h.yaml:2:51: vms[0].stats.\"cpu.used\".0: expected the member perSecond, found none");
-    EXPECT_EQ(
-        VmMistake("{id: a, config: null, stats: {cpu.used: {'0': {start: 1, perSecond: 1e19}}}}"),
-        "h.yaml:2:73: vms[0].stats.\"cpu.used\".0.perSecond: expected a rate of at most 10^18, found 1e19");
-    EXPECT_EQ(VmMistake("{id: a, config: null, stats: {cpu.used: {'0': 1, \"0\": 2}}}"),
-              "h.yaml:2:54: vms[0].stats.\"cpu.used\": expected each key once, found 0 again");
-}
-
-TEST(DescribedHost, SaysWhatIsWrongWithCountersAndDatastores) {
-    EXPECT_EQ(Mistake("counters: [{key: -1, group: a, name: b}]\nvms: []\n"),
-              "h.yaml:1:18: counters[0].key: expected a whole number from 0 to 2147483647, found -1");
-    EXPECT_EQ(Mistake("counters: [{key: 1, group: a, name: b}, {key: 1, group: a, name: c}]\nvms: []\n"),
-              "h.yaml:1:47: counters[1].key: expected a key that no other counter has, found 1");
-    EXPECT_EQ(
-        Mistake("counters: [{key: 1, group: a, name: b, rollup: sum}]\nvms: []\n"),
-        "h.yaml:1:48: counters[0].rollup: expected one of average, maximum, minimum, latest, summation, "
-        "none, found the text \"sum\"");
-    EXPECT_EQ(
-        Mistake("datastores: [{id: a}, {id: a}]\nvms: []\n"),
-        "h.yaml:1:28: datastores[1].id: expected an id that no other datastore has, found the text \"a\"");
-    EXPECT_EQ(Mistake("datastores: [{name: a}]\nvms: []\n"),
-              "h.yaml:1:14: datastores[0]: expected the member id, found none");
-}
-
-TEST(DescribedHost, ReadsEverySampleOfTheTree) {
+TEST(DescribedHost, ReadsEverySampleHost) {
     int samples = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(VESSAD_TEST_HOSTS)) {
+    for (const auto& entry : fs::directory_iterator(VESSAD_TEST_HOSTS)) {
         if (entry.path().extension() == ".yaml") {
             EXPECT_EQ(FileMistake(entry.path()), "none");
             ++samples;
@@ -178,32 +178,24 @@ TEST(DescribedHost, ReadsEverySampleOfTheTree) {
     EXPECT_GE(samples, 2);
 }
 
-TEST(DescribedHost, ServesABuiltInHostWhenNoneIsNamed) {
+TEST(DescribedHost, HasABuiltInSample) {
     const auto host = MakeBuiltInHost()->GetInventory();
     EXPECT_FALSE(host->vms.empty());
     EXPECT_NE(host->about, nullptr);
 }
 
-TEST(DescribedHost, RefusesWhatIsNoReadableFile) {
-    const TemporaryDirectory directory;
-    const auto file = directory.GetPath() / "host.yaml";
+TEST_F(DescribedHostFile, IsRejectedUnlessItIsARegularFileOfAtMost64MiB) {
     EXPECT_EQ(FileMistake(file), file.string() + ": cannot read it: No such file or directory");
     EXPECT_THAT(FileMistake(directory.GetPath()), HasSubstr("it is no regular file"));
     ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
     EXPECT_THAT(FileMistake(file), HasSubstr("it is no regular file"));
-}
-
-TEST(DescribedHost, RefusesAFileThatIsTooLarge) {
-    const TemporaryDirectory directory;
-    const auto file = directory.GetPath() / "host.yaml";
+    fs::remove(file);
     WriteAll(file, "vms: []\n");
-    std::filesystem::resize_file(file, 64UL * 1024 * 1024 + 1);
+    fs::resize_file(file, 64UL * 1024 * 1024 + 1);
     EXPECT_THAT(FileMistake(file), HasSubstr("it is larger than 67108864 bytes"));
 }
 
-TEST(DescribedHost, ServesAChangedFileOnceItIsReadAgain) {
-    const TemporaryDirectory directory;
-    const auto file = directory.GetPath() / "host.yaml";
+TEST_F(DescribedHostFile, IsReadAgainOnReloadAndKeptWhenThatFails) {
     WriteAll(file, "vms: [{id: first, config: null}]");
     const auto backend = MakeDescribedHost(file);
     const auto before = backend->GetInventory();
@@ -212,22 +204,17 @@ TEST(DescribedHost, ServesAChangedFileOnceItIsReadAgain) {
     backend->Reload();
     EXPECT_EQ(backend->GetInventory()->vms[0]->id, "second");
     EXPECT_EQ(before->vms[0]->id, "first");
-}
 
-TEST(DescribedHost, KeepsWhatItHasWhenTheFileIsBad) {
-    const TemporaryDirectory directory;
-    const auto file = directory.GetPath() / "host.yaml";
-    WriteAll(file, "vms: [{id: first, config: null}]");
-    const auto backend = MakeDescribedHost(file);
     const LogLines log;
-    WriteAll(file, "vms: [{id: second}]");
+    WriteAll(file, "vms: [{id: third}]");
     backend->Reload();
-    EXPECT_EQ(backend->GetInventory()->vms[0]->id, "first");
-    EXPECT_THAT(log.GetText(), HasSubstr("the one before stays in force: " + file.string() +
-                                         ":1:7: vms[0]: expected the member config, found none"));
-    std::filesystem::remove(file);
+    EXPECT_EQ(backend->GetInventory()->vms[0]->id, "second");
+    EXPECT_THAT(log.GetText(),
+                HasSubstr("error Reload failed, keeping the current host description: " + file.string() +
+                          ":1:7: vms[0]: expected the member config, found none"));
+    fs::remove(file);
     backend->Reload();
-    EXPECT_EQ(backend->GetInventory()->vms[0]->id, "first");
+    EXPECT_EQ(backend->GetInventory()->vms[0]->id, "second");
     EXPECT_THAT(log.GetText(), HasSubstr("No such file or directory"));
 }
 

@@ -9,7 +9,7 @@
 namespace Vessad {
 namespace {
 
-// What a logger of that format writes of `message`.
+// What a logger with that format writes for `message`.
 std::string Logged(const std::string& pattern, const std::string& lineEnd, const std::string& message) {
     std::ostringstream text;
     spdlog::logger logger("test", std::make_shared<spdlog::sinks::ostream_sink_st>(text));
@@ -18,14 +18,14 @@ std::string Logged(const std::string& pattern, const std::string& lineEnd, const
     return text.str();
 }
 
-TEST(LogFormat, IsThatOfThePattern) {
+TEST(LogFormat, FollowsThePattern) {
     EXPECT_EQ(Logged("%l: %*", "\n", "refused"), "warning: refused\n");
     EXPECT_EQ(Logged("%*", "", "refused"), "refused");
 }
 
-TEST(LogFormat, LeavesAMessageNoLineOfItsOwn) {
-    EXPECT_EQ(Logged("%l %*", "\n", "domain \"a\ninfo connection 1: root logged in\""),
-              "warning domain \"a\\x0ainfo connection 1: root logged in\"\n");
+TEST(LogFormat, KeepsAMessageOnOneLine) {
+    EXPECT_EQ(Logged("%l %*", "\n", "domain \"a\ninfo Connection 1: root logged in\""),
+              "warning domain \"a\\x0ainfo Connection 1: root logged in\"\n");
     EXPECT_EQ(Logged("%*", "", "\x1b[2J\r\n"), "\\x1b[2J\\x0d\\x0a");
 }
 

@@ -1,18 +1,17 @@
 // The daemon's log lines while an object of this class lives.
 #pragma once
 
-#include <spdlog/sinks/base_sink.h>
+#include <spdlog/sinks/ringbuffer_sink.h>
 #include <spdlog/spdlog.h>
 
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace VessadTest {
 
 class LogLines {
   public:
-    LogLines() : sink(std::make_shared<Sink>()), before(spdlog::default_logger()) {
+    LogLines() {
         auto logger = std::make_shared<spdlog::logger>("test", sink);
         logger->set_pattern("%l %v");
         logger->set_level(spdlog::level::debug);
@@ -22,31 +21,19 @@ class LogLines {
     LogLines& operator=(const LogLines&) = delete;
     ~LogLines() { spdlog::set_default_logger(before); }
 
-    // The lines so far, each as "level text" with a line feed.
-    std::string GetText() const { return sink->GetText(); }
+    // The last 10,000 lines, each as "level text" with a line feed. Thread-safe.
+    std::string GetText() const {
+        std::string text;
+        for (const std::string& line : sink->last_formatted()) {
+            text += line;
+        }
+        return text;
+    }
 
   private:
-    class Sink final : public spdlog::sinks::base_sink<std::mutex> {
-      public:
-        std::string GetText() {
-            const std::lock_guard lock(mutex_);
-            return text;
-        }
-
-      protected:
-        void sink_it_(const spdlog::details::log_msg& message) override {
-            spdlog::memory_buf_t line;
-            formatter_->format(message, line);
-            text.append(line.data(), line.size());
-        }
-        void flush_() override {}
-
-      private:
-        std::string text;
-    };
-
-    std::shared_ptr<Sink> sink;
-    std::shared_ptr<spdlog::logger> before;
+    const std::shared_ptr<spdlog::sinks::ringbuffer_sink_mt> sink =
+        std::make_shared<spdlog::sinks::ringbuffer_sink_mt>(10'000);
+    const std::shared_ptr<spdlog::logger> before = spdlog::default_logger();
 };
 
 }  // namespace VessadTest

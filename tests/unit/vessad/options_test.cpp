@@ -1,5 +1,6 @@
 #include "apps/vessad/Options.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -34,7 +35,7 @@ TEST(Options, HaveDefaults) {
     EXPECT_FALSE(options->foreground);
 }
 
-TEST(Options, AreTakenFromTheCommandLine) {
+TEST(Options, ComeFromTheCommandLine) {
     const auto options =
         Parse({"--host", "h.yaml", "--listen", "[::1]:1902", "--ticket-dir", "t", "--ticket-group", "snmp",
                "--state-dir", "/s", "--log-level", "debug", "--foreground"})
@@ -50,12 +51,12 @@ TEST(Options, AreTakenFromTheCommandLine) {
     EXPECT_EQ(Parse({"--libvirt", "qemu:///system"}).options->libvirt, "qemu:///system");
 }
 
-TEST(Options, RefuseMistakes) {
+TEST(Options, RejectMistakes) {
     for (const std::vector<const char*>& arguments :
          std::vector<std::vector<const char*>>{{"--host", "a", "--libvirt", "b"},
                                                {"--host"},
                                                {"--colour"},
-                                               {"stray"},
+                                               {"word"},
                                                {"--listen", "0.0.0.0:902"},
                                                {"--log-level", "loud"}}) {
         const Parsed parsed = Parse(arguments);
@@ -73,13 +74,16 @@ TEST(ListenAddress, IsANumericLoopbackAddressOrLocalhost) {
     EXPECT_EQ(EndpointOf("[::1]:902"), "::1 902");
 }
 
-TEST(ListenAddress, IsNothingElse) {
+TEST(ListenAddress, RejectsEverythingElse) {
     for (const char* text :
          {"", "902", "127.0.0.1", "127.0.0.1:", "127.0.0.1:65536", "127.0.0.1:-1", "127.0.0.1:9x", ":902",
           "::1:902", "[127.0.0.1]:902", "0.0.0.0:902", "192.0.2.1:902", "[::]:902", "[2001:db8::1]:902",
           "example.com:902", "LOCALHOST:902", "[localhost]:902"}) {
         EXPECT_THROW(ParseListenAddress(text), std::invalid_argument) << text;
     }
+    EXPECT_THAT(
+        [] { ParseListenAddress("0.0.0.0:902"); },
+        ::testing::ThrowsMessage<std::invalid_argument>(::testing::HasSubstr("only a loopback address")));
 }
 
 }  // namespace

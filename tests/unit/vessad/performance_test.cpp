@@ -1,11 +1,11 @@
 #include "apps/vessad/Performance.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -21,12 +21,9 @@ namespace {
 using Hask::PerformanceManager;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
-using Specs = Ordane::DataArray<PerformanceManager::QuerySpec>;
 using Metrics = std::vector<std::pair<std::int32_t, std::string>>;
-using Figure = std::tuple<std::int32_t, std::string, std::int64_t>;
+using Statistic = std::tuple<std::int32_t, std::string, std::int64_t>;
 
 constexpr std::int32_t memActive = 9;
 constexpr std::int32_t cpuUsed = 10;
@@ -46,115 +43,84 @@ Tessim::Ref<PerformanceManager::QuerySpec> Spec(const std::string& id, const Met
     return spec;
 }
 
-// The answers, each as its entity's id and its figures.
-std::vector<std::pair<std::string, std::vector<Figure>>> Ask(
-    const Inventory& inventory, const std::vector<Tessim::Ref<PerformanceManager::QuerySpec>>& specs,
-    std::chrono::nanoseconds elapsed = {}) {
-    Specs list;
+using Results = std::vector<std::pair<std::string, std::vector<Statistic>>>;
+
+// The results of a query on the sample host, each as its entity's id and its statistics.
+Results Query(const std::vector<Tessim::Ref<PerformanceManager::QuerySpec>>& specs) {
+    static const std::shared_ptr<const Inventory> inventory = ReadHost(VessadTest::sampleHost, "test");
+    Ordane::DataArray<PerformanceManager::QuerySpec> list;
     for (const auto& spec : specs) {
         list.Append(spec);
     }
-    std::vector<std::pair<std::string, std::vector<Figure>>> answers;
-    const auto answer = QueryPerformance(inventory, list, elapsed);
-    for (const auto& base : *answer) {
+    Results results;
+    const auto found = QueryPerformance(*inventory, list, {});
+    for (const auto& base : *found) {
         const auto* metric = Tessim::NarrowToType<PerformanceManager::EntityMetric>(base);
-        std::vector<Figure> figures;
+        std::vector<Statistic> statistics;
         for (const auto& series : *metric->GetValue()) {
             const auto* whole = Tessim::NarrowToType<PerformanceManager::IntSeries>(series);
             EXPECT_EQ(whole->GetValue().size(), 1U);
-            figures.emplace_back(whole->GetId()->GetCounterId(), whole->GetId()->GetInstance(),
-                                 whole->GetValue().at(0));
+            statistics.emplace_back(whole->GetId()->GetCounterId(), whole->GetId()->GetInstance(),
+                                    whole->GetValue().at(0));
         }
-        answers.emplace_back(metric->GetEntity()->GetId(), figures);
+        results.emplace_back(metric->GetEntity()->GetId(), statistics);
     }
-    return answers;
+    return results;
 }
 
-std::shared_ptr<const Inventory> SampleInventory() {
-    return ReadHost(VessadTest::sampleHost, "test");
+TEST(Performance, ReturnsTheStatisticsThatTheMetricIdsNameInTheirOrder) {
+    const Statistic cpu0(cpuUsed, "0", 181000);
+    const Statistic cpu1(cpuUsed, "1", 90500);
+    const Statistic memory(memActive, "", 131072);
+    const Statistic large(cpuUsed, "0", 4611686018427387904);
+    const Metrics allCpus{{cpuUsed, "*"}};
+    for (const auto& [specs, results] :
+         std::vector<std::pair<std::vector<Tessim::Ref<PerformanceManager::QuerySpec>>, Results>>{
+             {{Spec("16", {{cpuUsed, "*"}, {memActive, "*"}})}, {{"16", {cpu0, cpu1, memory}}}},
+             {{Spec("16", {{memActive, ""}, {cpuUsed, "1"}, {cpuUsed, "0"}})},
+              {{"16", {memory, cpu1, cpu0}}}},
+             // Other instances match exactly; unknown counters match nothing.
+             {{Spec("16", {{cpuUsed, ""}, {cpuUsed, "00"}, {memActive, "0"}})}, {{"16", {}}}},
+             {{Spec("16", {{-1, "*"}, {4711, "*"}})}, {{"16", {}}}},
+             // Unknown entities are left out.
+             {{Spec("name-17", allCpus), Spec("gone", allCpus), Spec("16", allCpus),
+               Spec("ds-1", allCpus, 0, "Datastore"), Spec("16", allCpus, 0, "Folder")},
+              {{"name-17", {large}}, {"16", {cpu0, cpu1}}}},
+             {{Spec("17", allCpus), Spec("16", {})}, {{"17", {}}, {"16", {}}}},
+             {{Spec("16", allCpus, std::nullopt)}, {{"16", {cpu0, cpu1}}}},
+             {{}, {}}}) {
+        EXPECT_EQ(Query(specs), results);
+    }
 }
 
-TEST(Performance, AnswersEveryInstanceForAStar) {
-    const auto answers = Ask(*SampleInventory(), {Spec("16", {{cpuUsed, "*"}, {memActive, "*"}})});
-    ASSERT_EQ(answers.size(), 1U);
-    EXPECT_EQ(answers[0].first, "16");
-    EXPECT_THAT(answers[0].second, ElementsAre(Figure(cpuUsed, "0", 181000), Figure(cpuUsed, "1", 90500),
-                                               Figure(memActive, "", 131072)));
+TEST(Performance, RejectsOtherIntervalsAndMoreStatisticsThanAResponseCanCarry) {
+    EXPECT_THROW(Query({Spec("16", {}, 20)}), Ordane::Fault::InvalidArgument::Exception);
+    EXPECT_THROW(Query({Spec("gone", {}, -1)}), Ordane::Fault::InvalidArgument::Exception);
+    EXPECT_THROW(Query({Spec("16", Metrics(200'000, {memActive, "*"}))}),
+                 Ordane::Fault::InvalidArgument::Exception);
 }
 
-TEST(Performance, AnswersInTheOrderOfTheMetricIds) {
-    const auto answers =
-        Ask(*SampleInventory(), {Spec("16", {{memActive, ""}, {cpuUsed, "1"}, {cpuUsed, "0"}})});
-    EXPECT_THAT(answers[0].second, ElementsAre(Figure(memActive, "", 131072), Figure(cpuUsed, "1", 90500),
-                                               Figure(cpuUsed, "0", 181000)));
-}
-
-TEST(Performance, MatchesOtherInstancesExactly) {
-    const auto answers =
-        Ask(*SampleInventory(), {Spec("16", {{cpuUsed, ""}, {cpuUsed, "00"}, {memActive, "0"}})});
-    EXPECT_THAT(answers[0].second, IsEmpty());
-}
-
-TEST(Performance, AnswersSpecificationsInOrderAndLeavesUnknownEntitiesOut) {
-    const Metrics metrics{{cpuUsed, "*"}};
-    const auto answers =
-        Ask(*SampleInventory(), {Spec("name-17", metrics), Spec("gone", metrics), Spec("16", metrics),
-                                 Spec("ds-1", metrics, 0, "Datastore"), Spec("16", metrics, 0, "Folder")});
-    ASSERT_EQ(answers.size(), 2U);
-    EXPECT_EQ(answers[0].first, "name-17");
-    EXPECT_THAT(answers[0].second, ElementsAre(Figure(cpuUsed, "0", 4611686018427387904)));
-    EXPECT_EQ(answers[1].first, "16");
-}
-
-TEST(Performance, AnswersAMachineWithoutFiguresWithAnEmptyList) {
-    const auto answers = Ask(*SampleInventory(), {Spec("17", {{cpuUsed, "*"}}), Spec("16", {})});
-    ASSERT_EQ(answers.size(), 2U);
-    EXPECT_THAT(answers[0].second, IsEmpty());
-    EXPECT_THAT(answers[1].second, IsEmpty());
-}
-
-TEST(Performance, MatchesNothingForAnUnknownCounter) {
-    EXPECT_THAT(Ask(*SampleInventory(), {Spec("16", {{-1, "*"}, {4711, "*"}})})[0].second, IsEmpty());
-}
-
-TEST(Performance, AnswersNoSpecificationsWithNothing) {
-    EXPECT_THAT(Ask(*SampleInventory(), {}), IsEmpty());
-}
-
-TEST(Performance, KnowsOnlyTheLatestFigures) {
-    EXPECT_EQ(Ask(*SampleInventory(), {Spec("16", {}, std::nullopt)}).size(), 1U);
-    EXPECT_THROW(Ask(*SampleInventory(), {Spec("16", {}, 20)}), Ordane::Fault::InvalidArgument::Exception);
-    EXPECT_THROW(Ask(*SampleInventory(), {Spec("gone", {}, -1)}), Ordane::Fault::InvalidArgument::Exception);
-}
-
-TEST(Performance, RefusesMoreFiguresThanAnAnswerCanCarry) {
-    const Metrics metrics(200'000, {memActive, "*"});
-    EXPECT_THROW(Ask(*SampleInventory(), {Spec("16", metrics)}), Ordane::Fault::InvalidArgument::Exception);
-}
-
-TEST(Performance, LetsRatesRunFromTheStartOfTheDaemon) {
-    const auto value = [](std::int64_t start, double perSecond, std::chrono::nanoseconds elapsed) {
-        return ValueAt({1, "", start, perSecond}, elapsed);
-    };
-    EXPECT_EQ(value(100, 35, seconds(0)), 100);
-    EXPECT_EQ(value(100, 35, seconds(2)), 170);
-    EXPECT_EQ(value(100, 0.5, milliseconds(1999)), 100);
-    EXPECT_EQ(value(100, 0.5, seconds(2)), 101);
-    EXPECT_EQ(value(100, -0.5, seconds(1)), 99);
-    EXPECT_EQ(value(4294967301, 10, seconds(1)), 4294967311);
-    EXPECT_EQ(value(4611686018427387904, 1, seconds(7)), 4611686018427387911);
-}
-
-TEST(Performance, WrapsAtSixtyFourBits) {
+TEST(Performance, ComputesRatesFromTheStartOfTheDaemonAndWrapsAtSixtyFourBits) {
     constexpr std::int64_t high = std::numeric_limits<std::int64_t>::max();
     constexpr std::int64_t low = std::numeric_limits<std::int64_t>::min();
-    EXPECT_EQ(ValueAt({1, "", high, 1}, seconds(1)), low);
-    EXPECT_EQ(ValueAt({1, "", low, -1}, seconds(1)), high);
-    // 10^19 lies between 2^63 and 2^64: it becomes 10^19 - 2^64, and its negative the opposite.
-    EXPECT_EQ(ValueAt({1, "", 0, 1e18}, seconds(10)), -8446744073709551616);
-    EXPECT_EQ(ValueAt({1, "", 0, -1e18}, seconds(10)), 8446744073709551616);
-    // 10^24 as a double, without what goes beyond 64 bits.
-    EXPECT_EQ(ValueAt({1, "", 5, 1e18}, seconds(1'000'000)), 2003764205190119429);
+    for (const auto& [start, perSecond, elapsed, value] :
+         std::vector<std::tuple<std::int64_t, double, std::chrono::nanoseconds, std::int64_t>>{
+             {100, 35, seconds(0), 100},
+             {100, 35, seconds(2), 170},
+             {100, 0.5, milliseconds(1999), 100},
+             {100, 0.5, seconds(2), 101},
+             {100, -0.5, seconds(1), 99},
+             {4294967301, 10, seconds(1), 4294967311},
+             {4611686018427387904, 1, seconds(7), 4611686018427387911},
+             {high, 1, seconds(1), low},
+             {low, -1, seconds(1), high},
+             // 10^19 lies between 2^63 and 2^64: it becomes 10^19 - 2^64, and its negative the opposite.
+             {0, 1e18, seconds(10), -8446744073709551616},
+             {0, -1e18, seconds(10), 8446744073709551616},
+             // 10^24 as a double, without what goes beyond 64 bits.
+             {5, 1e18, seconds(1'000'000), 2003764205190119429}}) {
+        EXPECT_EQ(ValueAt({1, "", start, perSecond}, elapsed), value);
+    }
 }
 
 }  // namespace

@@ -8,8 +8,8 @@
 #include <sys/time.h>
 
 #include <array>
+#include <charconv>
 #include <csignal>
-#include <cstdlib>
 #include <stdexcept>
 
 #include "runtime/hask/host_agent.h"
@@ -18,18 +18,18 @@ namespace VessadTest {
 
 namespace {
 
-constexpr int patienceSeconds = 10;
+constexpr timeval timeout{10, 0};
 
-std::string HeaderValue(const std::string& header, const std::string& name) {
-    const std::size_t at = header.find(name + ": ");
-    if (at == std::string::npos) {
-        return {};
+// The number behind the first `mark` in `text`, or 0.
+int NumberAfter(std::string_view text, std::string_view mark) {
+    int number = 0;
+    if (const std::size_t at = text.find(mark); at != std::string_view::npos) {
+        std::from_chars(text.data() + at + mark.size(), text.data() + text.size(), number);
     }
-    const std::size_t begin = at + name.size() + 2;
-    return header.substr(begin, header.find('\r', begin) - begin);
+    return number;
 }
 
-// One for all clients; making one takes longer than a handshake.
+// Shared by all clients: creating one takes longer than a handshake.
 SSL_CTX* SharedContext() {
     static const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_client_method()),
                                                                            SSL_CTX_free);
@@ -41,9 +41,8 @@ SSL_CTX* SharedContext() {
 RawClient::RawClient(std::uint16_t port)
     : socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), tls(SSL_new(SharedContext()), SSL_free) {
     ::signal(SIGPIPE, SIG_IGN);
-    const timeval patience{patienceSeconds, 0};
-    ::setsockopt(socket.Get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    ::setsockopt(socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+    ::setsockopt(socket.Get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    ::setsockopt(socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
     const int on = 1;
     ::setsockopt(socket.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     sockaddr_in address{};
@@ -66,27 +65,22 @@ bool RawClient::Handshake(int maxVersion) {
 }
 
 std::string RawClient::Open(const std::string& line) {
-    if (!Handshake() || !Send(line)) {
+    if (!Handshake()) {
         return {};
     }
-    std::string reply = ReadLine();
+    Send(line);
+    const std::string reply = ReadLine();
     return reply.ends_with("\r\n") ? reply.substr(0, reply.size() - 2) : std::string();
 }
 
-bool RawClient::Send(std::string_view text) {
-    while (!text.empty()) {
-        std::size_t written = 0;
-        if (SSL_write_ex(tls.get(), text.data(), text.size(), &written) != 1) {
-            return false;
-        }
-        text.remove_prefix(written);
+void RawClient::Send(std::string_view text) {
+    if (!text.empty()) {
+        SSL_write(tls.get(), text.data(), static_cast<int>(text.size()));
     }
-    return true;
 }
 
-bool RawClient::SendRaw(std::string_view bytes) {
-    return ::send(socket.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-           static_cast<ssize_t>(bytes.size());
+void RawClient::SendRaw(std::string_view bytes) {
+    ::send(socket.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
 }
 
 std::string RawClient::Read(std::size_t size) {
@@ -115,7 +109,7 @@ std::string RawClient::ReadLine() {
     return line;
 }
 
-bool RawClient::IsEnded(int milliseconds) {
+bool RawClient::IsClosed(int milliseconds) {
     for (;;) {
         pollfd poll{socket.Get(), POLLIN, 0};
         if (::poll(&poll, 1, milliseconds) != 1) {
@@ -142,9 +136,8 @@ HttpReply RawClient::Exchange(std::string_view request) {
         }
         reply.header += line;
     }
-    reply.status = std::atoi(reply.header.substr(9, 3).c_str());
-    reply.body =
-        Read(static_cast<std::size_t>(std::atoi(HeaderValue(reply.header, "Content-Length").c_str())));
+    reply.status = NumberAfter(reply.header, "HTTP/1.1 ");
+    reply.body = Read(static_cast<std::size_t>(NumberAfter(reply.header, "Content-Length: ")));
     return reply;
 }
 
@@ -160,7 +153,7 @@ HttpReply RawClient::Call(const std::string& type, const std::string& id, const 
                 "</" + method + "></e:Body></e:Envelope>");
 }
 
-std::string RawClient::AskForTicket() {
+std::string RawClient::AcquireTicket() {
     const HttpReply reply =
         Call("SessionManager", "ha-sessionmgr", "AcquireLocalTicket", "<userName>root</userName>");
     const std::string tag = "<passwordFilePath>";

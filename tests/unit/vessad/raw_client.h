@@ -1,4 +1,4 @@
-// A client that speaks the wire as a test tells it to, byte by byte. Waits at most 10 s for anything.
+// A client of the daemon that sends any bytes. Blocks at most 10 s for anything.
 #pragma once
 
 #include <openssl/ssl.h>
@@ -13,33 +13,30 @@
 namespace VessadTest {
 
 struct HttpReply {
-    int status = 0;  // 0: the connection ended instead
+    int status = 0;  // 0: the connection was closed instead
     std::string header;
     std::string body;
 };
 
 class RawClient {
   public:
-    // Connects, and does no more.
+    // Connects. Throws std::runtime_error when no server listens.
     explicit RawClient(std::uint16_t port);
 
-    // Whether the TLS handshake came off. `maxVersion` is one of OpenSSL's, 0 for the newest.
+    // Returns whether the TLS handshake succeeded. `maxVersion` is one of OpenSSL's, 0 for the newest.
     bool Handshake(int maxVersion = 0);
 
-    // Handshake and preamble; the server's line without its end, empty when there was none.
+    // Handshake and preamble; returns the server's line without its end, empty when there was none.
     std::string Open(const std::string& line = "OPEN 2 \"\" \"\"\r\n");
 
-    // Sends over TLS; false when the connection is broken.
-    bool Send(std::string_view text);
-    // Sends bytes outside TLS.
-    bool SendRaw(std::string_view bytes);
-    // Up to and with the line feed; shorter when the connection ended before.
-    std::string ReadLine();
-    // Whether the server has ended the connection, by a goodbye or without, waiting at most `milliseconds`
-    // for it. Takes what it sent before away.
-    bool IsEnded(int milliseconds);
+    // Sends over TLS, or beside it. Errors show in the next read.
+    void Send(std::string_view text);
+    void SendRaw(std::string_view bytes);
+    // Returns whether the server has closed the connection within so many milliseconds. Discards what it sent
+    // before.
+    bool IsClosed(int milliseconds);
 
-    // One exchange on the open stream.
+    // Sends a request and reads the response.
     HttpReply Exchange(std::string_view request);
     // A POST of `body` to the API.
     HttpReply Post(std::string_view body);
@@ -47,13 +44,15 @@ class RawClient {
     // An API call, its parameters given as XML.
     HttpReply Call(const std::string& type, const std::string& id, const std::string& method,
                    const std::string& parameters = "");
-    // A ticket's file. Empty when there is no ticket.
-    std::string AskForTicket();
-    // The status of the login's reply.
+    // Returns the path of a new ticket's file, empty when there is no ticket.
+    std::string AcquireTicket();
+    // Returns the status of the login's response.
     int LogIn(const std::string& password);
 
   private:
     std::string Read(std::size_t size);
+    // Up to and with the line feed; shorter when the connection was closed before.
+    std::string ReadLine();
 
     Tessim::FileDescriptor socket;
     std::unique_ptr<SSL, decltype(&SSL_free)> tls;

@@ -1,4 +1,4 @@
-// What the tests of the daemon describe hosts with.
+// The described host of the daemon's tests.
 #pragma once
 
 #include <memory>
@@ -9,7 +9,7 @@
 
 namespace VessadTest {
 
-// Two machines with figures, one without, and two datastores.
+// Two VMs with statistics, one without, and two datastores.
 inline const std::string sampleHost = R"(
 about: {name: Sample, version: 1.2.3, build: "77"}
 hardware: {cpuInfo: {numCpuCores: 12}}

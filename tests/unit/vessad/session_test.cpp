@@ -25,7 +25,7 @@ using ::testing::HasSubstr;
 using VessadTest::FilesIn;
 using VessadTest::ReadAll;
 
-// A connection to a daemon within this process, with the client's own stubs.
+// A session in this process, called through the client's stubs.
 class SessionTest : public ::testing::Test {
   protected:
     SessionTest() {
@@ -33,7 +33,7 @@ class SessionTest : public ::testing::Test {
         factory->GetSessionManager(sessions);
     }
 
-    Tessim::Ref<Hask::SessionManager::LocalTicket> AskForTicket() {
+    Tessim::Ref<Hask::SessionManager::LocalTicket> AcquireTicket() {
         Tessim::Ref<Hask::SessionManager::LocalTicket> ticket;
         sessions->AcquireLocalTicket("root", ticket);
         return ticket;
@@ -45,15 +45,7 @@ class SessionTest : public ::testing::Test {
         return userSession;
     }
 
-    void LogIn() { LogInWith("root", ReadAll(AskForTicket()->GetPasswordFilePath())); }
-
-    Tessim::Ref<Hask::ServiceInstanceContent> GetContent() {
-        Tessim::Ref<Hask::ServiceInstance> instance;
-        factory->GetServiceInstance(instance);
-        Tessim::Ref<Hask::ServiceInstanceContent> content;
-        instance->RetrieveContent(content);
-        return content;
-    }
+    void LogIn() { LogInWith("root", ReadAll(AcquireTicket()->GetPasswordFilePath())); }
 
     std::vector<std::string> GetChildren() {
         Tessim::Ref<Hask::Folder> folder;
@@ -81,91 +73,82 @@ class SessionTest : public ::testing::Test {
     boost::asio::io_context io;
     TicketStore tickets{{directory.GetPath(), ""}, io.get_executor()};
     Services services{backend, tickets};
-    std::optional<Session> session{std::in_place, services, 1, "connection 1"};
+    std::optional<Session> session{std::in_place, services, 1};
     Tessim::Ref<TestSupport::LocalAdapter> adapter = Tessim::MakeRef<TestSupport::LocalAdapter>(*session);
     Tessim::Ref<Hask::MoFactory> factory;
     Tessim::Ref<Hask::SessionManager> sessions;
 };
 
-TEST_F(SessionTest, AnswersTheServiceContentBeforeLogin) {
-    const auto content = GetContent();
+TEST_F(SessionTest, ReturnsTheServiceContentBeforeLogin) {
+    Tessim::Ref<Hask::ServiceInstance> instance;
+    factory->GetServiceInstance(instance);
+    Tessim::Ref<Hask::ServiceInstanceContent> content;
+    instance->RetrieveContent(content);
     EXPECT_EQ(content->GetAbout()->GetVersion(), "1.2.3");
     EXPECT_EQ(content->GetSessionManager()->GetId(), Hask::HostAgent::moid_sessionmanager);
     EXPECT_EQ(content->GetPerfManager()->GetId(), Hask::HostAgent::moid_perfmanager);
     EXPECT_EQ(content->GetPerfManager()->GetType(), "PerformanceManager");
 }
 
-TEST_F(SessionTest, AnswersNothingElseBeforeLogin) {
+TEST_F(SessionTest, LogsInWithTheTicketsPasswordAndOut) {
     EXPECT_THROW(GetChildren(), Fault::NotAuthenticated::Exception);
-    EXPECT_THROW(GetConfig("16"), Fault::NotAuthenticated::Exception);
-    EXPECT_THROW(GetConfig("gone"), Fault::NotAuthenticated::Exception);
     EXPECT_THROW(sessions->Logout(), Fault::NotAuthenticated::Exception);
-    Tessim::Ref<Hask::PerformanceManager> performance;
-    factory->GetPerformanceManager(Hask::HostAgent::moid_perfmanager, performance);
-    Tessim::Ref<Ordane::DataArray<PerformanceManager::CounterInfo>> counters;
-    EXPECT_THROW(performance->GetPerfCounter(counters), Fault::NotAuthenticated::Exception);
-}
-
-TEST_F(SessionTest, GivesATicketWhoseFileHoldsThePassword) {
-    const auto ticket = AskForTicket();
+    const auto ticket = AcquireTicket();
     EXPECT_EQ(ticket->GetUserName(), "root");
     EXPECT_EQ(std::filesystem::path(ticket->GetPasswordFilePath()).parent_path(), directory.GetPath());
     const auto userSession = LogInWith("root", ReadAll(ticket->GetPasswordFilePath()));
+    EXPECT_EQ(userSession->GetKey(), "connection 1");
     EXPECT_EQ(userSession->GetUserName(), "root");
     EXPECT_EQ(userSession->GetLocale(), "en");
     EXPECT_TRUE(session->IsLoggedIn());
-    EXPECT_FALSE(session->TakeRefusal());
+    EXPECT_FALSE(session->TakeRejectedLogin());
     EXPECT_TRUE(FilesIn(directory.GetPath()).empty());
-    EXPECT_THAT(log.GetText(), HasSubstr("info connection 1: root logged in\n"));
+    EXPECT_THAT(log.GetText(), HasSubstr("info Connection 1: root logged in\n"));
+    EXPECT_NO_THROW(GetChildren());
+    sessions->Logout();
+    EXPECT_FALSE(session->IsLoggedIn());
+    EXPECT_THROW(GetChildren(), Fault::NotAuthenticated::Exception);
+    EXPECT_THAT(log.GetText(), HasSubstr("info Connection 1: logged out\n"));
 }
 
-TEST_F(SessionTest, GivesTicketsToRootOnly) {
+TEST_F(SessionTest, IssuesTicketsToRootOnly) {
     Tessim::Ref<Hask::SessionManager::LocalTicket> ticket;
     EXPECT_THROW(sessions->AcquireLocalTicket("admin", ticket), Fault::InvalidArgument::Exception);
     EXPECT_EQ(tickets.Count(), 0U);
 }
 
-TEST_F(SessionTest, RefusesAWrongPasswordAndUsesTheTicketUp) {
-    const std::string right = ReadAll(AskForTicket()->GetPasswordFilePath());
+TEST_F(SessionTest, RejectsAWrongPasswordAndRemovesTheTicket) {
+    const std::string password = ReadAll(AcquireTicket()->GetPasswordFilePath());
     EXPECT_THROW(LogInWith("root", "guess"), Fault::InvalidLogin::Exception);
-    EXPECT_TRUE(session->TakeRefusal());
-    EXPECT_FALSE(session->TakeRefusal());
+    EXPECT_TRUE(session->TakeRejectedLogin());
+    EXPECT_FALSE(session->TakeRejectedLogin());
     EXPECT_FALSE(session->IsLoggedIn());
     EXPECT_TRUE(FilesIn(directory.GetPath()).empty());
-    EXPECT_THROW(LogInWith("root", right), Fault::InvalidLogin::Exception);
-    EXPECT_THAT(log.GetText(),
-                HasSubstr("warning connection 1: refused the login of \"root\": not the password "
-                          "of this connection's ticket\n"));
+    EXPECT_THROW(LogInWith("root", password), Fault::InvalidLogin::Exception);
+    EXPECT_THAT(log.GetText(), HasSubstr("warning Connection 1: login of \"root\" rejected: not the password "
+                                         "of this connection's ticket\n"));
 }
 
-TEST_F(SessionTest, RefusesAnotherUserWithTheRightPassword) {
-    const std::string right = ReadAll(AskForTicket()->GetPasswordFilePath());
-    EXPECT_THROW(LogInWith("ro\not", right), Fault::InvalidLogin::Exception);
+TEST_F(SessionTest, RejectsAnotherUserWithTheRightPassword) {
+    const std::string password = ReadAll(AcquireTicket()->GetPasswordFilePath());
+    EXPECT_THROW(LogInWith("ro\not", password), Fault::InvalidLogin::Exception);
     EXPECT_FALSE(session->IsLoggedIn());
-    EXPECT_THAT(log.GetText(), HasSubstr("refused the login of \"ro\\x0aot\": unknown user\n"));
-}
-
-TEST_F(SessionTest, LogsOut) {
-    LogIn();
-    EXPECT_NO_THROW(GetChildren());
-    sessions->Logout();
-    EXPECT_FALSE(session->IsLoggedIn());
-    EXPECT_THROW(GetChildren(), Fault::NotAuthenticated::Exception);
+    EXPECT_THAT(log.GetText(), HasSubstr("login of \"ro\\x0aot\" rejected: unknown user\n"));
 }
 
 TEST_F(SessionTest, RemovesItsTicketWhenItEnds) {
-    AskForTicket();
+    AcquireTicket();
     EXPECT_EQ(FilesIn(directory.GetPath()).size(), 1U);
     session.reset();
     EXPECT_TRUE(FilesIn(directory.GetPath()).empty());
     EXPECT_EQ(tickets.Count(), 0U);
 }
 
-TEST_F(SessionTest, AnswersASystemErrorWhenNoTicketCanBeWritten) {
+TEST_F(SessionTest, ReturnsASystemErrorWhenNoTicketCanBeWritten) {
     std::filesystem::remove(directory.GetPath());
-    EXPECT_THROW(AskForTicket(), Fault::SystemError::Exception);
-    EXPECT_THAT(log.GetText(),
-                HasSubstr("error connection 1: no ticket: cannot make a ticket file: No such file"));
+    EXPECT_THROW(AcquireTicket(), Fault::SystemError::Exception);
+    EXPECT_THAT(log.GetText(), HasSubstr("error Connection 1: cannot issue a ticket: cannot create a ticket "
+                                         "file: No such file"));
 }
 
 TEST_F(SessionTest, ListsTheVmsInTheFoldersOrder) {
@@ -193,7 +176,7 @@ TEST_F(SessionTest, ReturnsWhatAVmHas) {
     EXPECT_EQ(guest, nullptr);
 }
 
-TEST_F(SessionTest, SaysWhichObjectDoesNotExist) {
+TEST_F(SessionTest, NamesTheObjectThatDoesNotExist) {
     LogIn();
     try {
         GetConfig("gone");
@@ -204,7 +187,7 @@ TEST_F(SessionTest, SaysWhichObjectDoesNotExist) {
     }
 }
 
-TEST_F(SessionTest, AnswersDatastoresWithTheirKind) {
+TEST_F(SessionTest, ReturnsDatastoresWithTheirKind) {
     LogIn();
     Tessim::Ref<Hask::Datastore> datastore;
     Tessim::Ref<Hask::Datastore::Info> info;
@@ -217,7 +200,7 @@ TEST_F(SessionTest, AnswersDatastoresWithTheirKind) {
     EXPECT_THROW(datastore->GetInfo(info), Fault::ManagedObjectNotFound::Exception);
 }
 
-TEST_F(SessionTest, AnswersTheHostsHardwareAndMemory) {
+TEST_F(SessionTest, ReturnsTheHostsHardwareAndMemory) {
     LogIn();
     Tessim::Ref<Hask::HostSystem> host;
     factory->GetHostSystem(host);
@@ -235,7 +218,7 @@ TEST_F(SessionTest, AnswersTheHostsHardwareAndMemory) {
     EXPECT_EQ(hardware, nullptr);
 }
 
-TEST_F(SessionTest, AnswersTheCatalogueAndTheFigures) {
+TEST_F(SessionTest, ReturnsTheCatalogueAndStatistics) {
     LogIn();
     Tessim::Ref<Hask::PerformanceManager> performance;
     factory->GetPerformanceManager(Hask::HostAgent::moid_perfmanager, performance);
@@ -252,13 +235,13 @@ TEST_F(SessionTest, AnswersTheCatalogueAndTheFigures) {
     metric->SetInstance("*");
     spec->GetMetricId()->Append(metric);
     specs->Append(spec);
-    Tessim::Ref<Ordane::DataArray<PerformanceManager::EntityMetricBase>> answer;
-    performance->QueryPerf(specs.Get(), answer);
-    ASSERT_EQ(answer->GetLength(), 1);
-    const auto* figures = Tessim::NarrowToType<PerformanceManager::EntityMetric>((*answer)[0]);
-    const auto* series = Tessim::NarrowToType<PerformanceManager::IntSeries>((*figures->GetValue())[0]);
+    Tessim::Ref<Ordane::DataArray<PerformanceManager::EntityMetricBase>> result;
+    performance->QueryPerf(specs.Get(), result);
+    ASSERT_EQ(result->GetLength(), 1);
+    const auto* metrics = Tessim::NarrowToType<PerformanceManager::EntityMetric>((*result)[0]);
+    const auto* series = Tessim::NarrowToType<PerformanceManager::IntSeries>((*metrics->GetValue())[0]);
     EXPECT_THAT(series->GetValue(), ElementsAre(4611686018427387904));
-    EXPECT_THAT(log.GetText(), HasSubstr("debug QueryPerf of 1 entities\n"));
+    EXPECT_THAT(log.GetText(), HasSubstr("debug QueryPerf for 1 entities\n"));
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// A directory of the test's own that goes with the test.
+// A temporary directory that is removed with its object.
 #pragma once
 
 #include <cstdlib>

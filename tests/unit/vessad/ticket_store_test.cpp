@@ -11,6 +11,7 @@
 #include <boost/asio/io_context.hpp>
 #include <chrono>
 #include <csignal>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -24,7 +25,9 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 using VessadTest::FilesIn;
 using VessadTest::ReadAll;
 using VessadTest::WriteAll;
@@ -39,15 +42,18 @@ struct stat StatusOf(const fs::path& path) {
 
 class TicketStoreTest : public ::testing::Test {
   protected:
-    TicketOptions Options(const std::string& name = "tickets") const {
-        TicketOptions options;
-        options.directory = directory.GetPath() / name;
-        return options;
+    TicketStore& Store() {
+        if (!store) {
+            store.emplace(options, io.get_executor());
+        }
+        return *store;
     }
 
-    std::string MistakeWith(const TicketOptions& options) {
+    std::vector<std::string> Files() const { return FilesIn(options.directory); }
+
+    std::string MistakeWith(const TicketOptions& wrong) {
         try {
-            const TicketStore store(options, io.get_executor());
+            const TicketStore failing(wrong, io.get_executor());
         } catch (const std::exception& error) {
             return error.what();
         }
@@ -55,57 +61,41 @@ class TicketStoreTest : public ::testing::Test {
     }
 
     VessadTest::TemporaryDirectory directory;
+    TicketOptions options{directory.GetPath() / "tickets", ""};
     boost::asio::io_context io;
+    std::optional<TicketStore> store;
 };
 
-TEST_F(TicketStoreTest, MakesFilesThatOnlyTheirUserCanRead) {
+TEST_F(TicketStoreTest, CreatesFilesThatOnlyTheUserCanRead) {
     const mode_t before = ::umask(0);
-    TicketStore store(Options(), io.get_executor());
-    const fs::path file = store.Issue(1);
+    const fs::path file = Store().Issue(1);
     ::umask(before);
     const struct stat status = StatusOf(file);
     EXPECT_TRUE(S_ISREG(status.st_mode));
     EXPECT_EQ(status.st_mode & permissions, 0600U);
     EXPECT_EQ(status.st_uid, ::geteuid());
     EXPECT_EQ(status.st_nlink, 1U);
-    EXPECT_EQ(StatusOf(Options().directory).st_mode & permissions, 0711U);
+    EXPECT_EQ(StatusOf(options.directory).st_mode & permissions, 0711U);
 }
 
 TEST_F(TicketStoreTest, LetsTheConfiguredGroupReadThem) {
-    TicketOptions options = Options();
-    const group* own = ::getgrgid(::getegid());
-    ASSERT_NE(own, nullptr);
-    options.group = own->gr_name;
-    TicketStore store(options, io.get_executor());
-    const struct stat status = StatusOf(store.Issue(1));
+    // Only root may give files to a group that is not its own.
+    const group* reader = ::geteuid() == 0 ? ::getgrnam("daemon") : ::getgrgid(::getegid());
+    ASSERT_NE(reader, nullptr);
+    options.group = reader->gr_name;
+    const gid_t id = reader->gr_gid;
+    const struct stat status = StatusOf(Store().Issue(1));
     EXPECT_EQ(status.st_mode & permissions, 0640U);
-    EXPECT_EQ(status.st_gid, ::getegid());
+    EXPECT_EQ(status.st_gid, id);
     EXPECT_EQ(StatusOf(options.directory).st_mode & permissions, 0750U);
-    EXPECT_EQ(StatusOf(options.directory).st_gid, ::getegid());
-}
-
-TEST_F(TicketStoreTest, GivesTheFilesToAGroupThatIsNotItsOwn) {
-    if (::geteuid() != 0) {
-        GTEST_SKIP() << "only root may give files to any group";
-    }
-    TicketOptions options = Options();
-    options.group = "daemon";
-    const group* other = ::getgrnam("daemon");
-    if (other == nullptr) {
-        GTEST_SKIP() << "there is no group daemon";
-    }
-    const gid_t id = other->gr_gid;
-    TicketStore store(options, io.get_executor());
-    EXPECT_EQ(StatusOf(store.Issue(1)).st_gid, id);
     EXPECT_EQ(StatusOf(options.directory).st_gid, id);
 }
 
-TEST_F(TicketStoreTest, GivesEveryTicketANameAndAPasswordOfItsOwn) {
-    TicketStore store(Options(), io.get_executor());
+TEST_F(TicketStoreTest, IssuesTicketsOfDistinctNamesAndPasswords) {
     std::set<std::string> names;
     std::set<std::string> passwords;
     for (std::uint64_t owner = 0; owner < 100; ++owner) {
-        const fs::path file = store.Issue(owner);
+        const fs::path file = Store().Issue(owner);
         names.insert(file.filename());
         passwords.insert(ReadAll(file));
     }
@@ -115,50 +105,42 @@ TEST_F(TicketStoreTest, GivesEveryTicketANameAndAPasswordOfItsOwn) {
         EXPECT_EQ(password.size(), 64U);  // 256 bits, and no line end
         EXPECT_EQ(password.find_first_not_of("0123456789abcdef"), std::string::npos);
     }
-    EXPECT_EQ(FilesIn(Options().directory).size(), 100U);
+    EXPECT_EQ(Files().size(), 100U);
 }
 
-TEST_F(TicketStoreTest, TakesATicketOnce) {
-    TicketStore store(Options(), io.get_executor());
-    const std::string password = ReadAll(store.Issue(1));
-    EXPECT_TRUE(store.Redeem(1, password));
-    EXPECT_TRUE(FilesIn(Options().directory).empty());
-    EXPECT_FALSE(store.Redeem(1, password));
+TEST_F(TicketStoreTest, RedeemsATicketOnceAndForItsOwnerOnly) {
+    const std::string password = ReadAll(Store().Issue(1));
+    EXPECT_FALSE(Store().Redeem(2, password));
+    EXPECT_EQ(Files().size(), 1U);
+    EXPECT_TRUE(Store().Redeem(1, password));
+    EXPECT_THAT(Files(), IsEmpty());
+    EXPECT_FALSE(Store().Redeem(1, password));
 }
 
-TEST_F(TicketStoreTest, UsesATicketUpByAnyAttempt) {
-    TicketStore store(Options(), io.get_executor());
-    const std::string password = ReadAll(store.Issue(1));
+TEST_F(TicketStoreTest, RemovesATicketOnAnyAttempt) {
+    const std::string password = ReadAll(Store().Issue(1));
     std::string other = password;
     other.back() = other.back() == '0' ? '1' : '0';
-    EXPECT_FALSE(store.Redeem(1, other));
-    EXPECT_TRUE(FilesIn(Options().directory).empty());
-    EXPECT_FALSE(store.Redeem(1, password));
-    for (const std::string& wrong :
-         {std::string(), password.substr(1), password + "\n", password + password}) {
-        store.Issue(1);
-        EXPECT_FALSE(store.Redeem(1, wrong));
+    EXPECT_FALSE(Store().Redeem(1, other));
+    EXPECT_THAT(Files(), IsEmpty());
+    EXPECT_FALSE(Store().Redeem(1, password));
+    for (const bool shorter : {false, true}) {
+        const std::string valid = ReadAll(Store().Issue(1));
+        EXPECT_FALSE(Store().Redeem(1, shorter ? valid.substr(1) : valid + "\n"));
     }
+    Store().Issue(1);
+    EXPECT_FALSE(Store().Redeem(1, ""));
 }
 
-TEST_F(TicketStoreTest, TakesATicketFromItsOwnConnectionOnly) {
-    TicketStore store(Options(), io.get_executor());
-    const std::string password = ReadAll(store.Issue(1));
-    EXPECT_FALSE(store.Redeem(2, password));
-    EXPECT_EQ(FilesIn(Options().directory).size(), 1U);
-    EXPECT_TRUE(store.Redeem(1, password));
-}
-
-TEST_F(TicketStoreTest, LetsExactlyOneOfManyAttemptsWin) {
-    TicketStore store(Options(), io.get_executor());
+TEST_F(TicketStoreTest, LetsExactlyOneOfConcurrentAttemptsSucceed) {
     for (int round = 0; round < 50; ++round) {
-        const std::string password = ReadAll(store.Issue(1));
+        const std::string password = ReadAll(Store().Issue(1));
         std::atomic<int> winners{0};
         std::vector<std::thread> attempts;
         constexpr std::size_t attemptCount = 4;
         attempts.reserve(attemptCount);
         while (attempts.size() < attemptCount) {
-            attempts.emplace_back([&] { winners += store.Redeem(1, password) ? 1 : 0; });
+            attempts.emplace_back([&] { winners += Store().Redeem(1, password) ? 1 : 0; });
         }
         for (std::thread& attempt : attempts) {
             attempt.join();
@@ -167,93 +149,79 @@ TEST_F(TicketStoreTest, LetsExactlyOneOfManyAttemptsWin) {
     }
 }
 
-TEST_F(TicketStoreTest, ReplacesAConnectionsEarlierTicket) {
-    TicketStore store(Options(), io.get_executor());
-    const std::string first = ReadAll(store.Issue(1));
-    const fs::path second = store.Issue(1);
-    EXPECT_THAT(FilesIn(Options().directory), ::testing::ElementsAre(second.filename().string()));
-    EXPECT_EQ(store.Count(), 1U);
-    EXPECT_FALSE(store.Redeem(1, first));
+TEST_F(TicketStoreTest, ReplacesTheOwnersPreviousTicket) {
+    const std::string first = ReadAll(Store().Issue(1));
+    const fs::path second = Store().Issue(1);
+    EXPECT_THAT(Files(), ElementsAre(second.filename().string()));
+    EXPECT_EQ(Store().Count(), 1U);
+    EXPECT_FALSE(Store().Redeem(1, first));
 }
 
-TEST_F(TicketStoreTest, RemovesATicketWhenItExpires) {
-    TicketOptions options = Options();
-    options.life = 50ms;
-    TicketStore store(options, io.get_executor());
-    const std::string first = ReadAll(store.Issue(1));
+TEST_F(TicketStoreTest, RemovesExpiredTickets) {
+    options.lifetime = 50ms;
+    const std::string first = ReadAll(Store().Issue(1));
     std::this_thread::sleep_for(60ms);
-    EXPECT_FALSE(store.Redeem(1, first));  // whether or not its file has gone yet
-    store.Issue(2);
+    EXPECT_FALSE(Store().Redeem(1, first));  // the timer has not run
+    Store().Issue(2);
     std::this_thread::sleep_for(20ms);
-    store.Issue(3);
-    io.run();  // ends when no ticket is left to expire
-    EXPECT_TRUE(FilesIn(options.directory).empty());
-    EXPECT_EQ(store.Count(), 0U);
+    Store().Issue(3);
+    io.run();  // returns when no ticket is left to expire
+    EXPECT_THAT(Files(), IsEmpty());
+    EXPECT_EQ(Store().Count(), 0U);
 }
 
-TEST_F(TicketStoreTest, RemovesTheTicketOfAConnectionThatEnds) {
-    TicketStore store(Options(), io.get_executor());
-    store.Issue(1);
-    const fs::path kept = store.Issue(2);
-    store.Drop(1);
-    store.Drop(3);
-    EXPECT_THAT(FilesIn(Options().directory), ::testing::ElementsAre(kept.filename().string()));
+TEST_F(TicketStoreTest, RemovesDroppedTicketsAndAllOnClose) {
+    Store().Issue(1);
+    const fs::path kept = Store().Issue(2);
+    const std::string password = ReadAll(kept);
+    Store().Drop(1);
+    Store().Drop(3);
+    EXPECT_THAT(Files(), ElementsAre(kept.filename().string()));
+    Store().Close();
+    EXPECT_THAT(Files(), IsEmpty());
+    EXPECT_FALSE(Store().Redeem(2, password));
+    EXPECT_THROW(Store().Issue(3), std::system_error);
+    EXPECT_THAT(Files(), IsEmpty());
 }
 
-TEST_F(TicketStoreTest, RemovesEveryTicketAtTheEndAndMakesNoMore) {
-    TicketStore store(Options(), io.get_executor());
-    const std::string password = ReadAll(store.Issue(1));
-    store.Issue(2);
-    store.Close();
-    EXPECT_TRUE(FilesIn(Options().directory).empty());
-    EXPECT_FALSE(store.Redeem(1, password));
-    EXPECT_THROW(store.Issue(3), std::system_error);
-    EXPECT_TRUE(FilesIn(Options().directory).empty());
-}
-
-TEST_F(TicketStoreTest, RemovesWhatAKilledDaemonLeft) {
-    const fs::path place = Options().directory;
-    fs::create_directory(place);
-    fs::permissions(place, fs::perms::owner_all);
-    const std::string stale = "ticket-" + std::string(32, 'a');
-    WriteAll(place / stale, "password");
-    WriteAll(place / "notes", "kept");
-    WriteAll(place / "ticket-short", "kept");
+TEST_F(TicketStoreTest, RemovesTheFilesOfAKilledDaemon) {
+    fs::create_directory(options.directory);
+    fs::permissions(options.directory, fs::perms::owner_all);
+    for (const std::string& name :
+         {"ticket-" + std::string(32, 'a'), std::string("notes"), std::string("ticket-short")}) {
+        WriteAll(options.directory / name, "password");
+    }
     const VessadTest::LogLines log;
-    TicketStore store(Options(), io.get_executor());
-    EXPECT_THAT(FilesIn(place), ::testing::UnorderedElementsAre("notes", "ticket-short"));
-    EXPECT_THAT(log.GetText(), HasSubstr("Removed 1 tickets that an earlier daemon left behind"));
+    Store();
+    EXPECT_THAT(Files(), ::testing::UnorderedElementsAre("notes", "ticket-short"));
+    EXPECT_THAT(log.GetText(), HasSubstr("warning Removed 1 stale tickets of an earlier daemon\n"));
 }
 
-TEST_F(TicketStoreTest, RefusesADirectoryThatOthersCanWriteTo) {
-    const fs::path place = Options().directory;
-    fs::create_directory(place);
+TEST_F(TicketStoreTest, RejectsADirectoryThatIsNotPrivate) {
+    fs::create_directory(options.directory);
     for (const mode_t mode : {0777U, 01777U, 0722U, 0770U}) {
-        ASSERT_EQ(::chmod(place.c_str(), mode), 0);
-        EXPECT_THAT(MistakeWith(Options()), HasSubstr("others can write to the ticket directory"));
+        ASSERT_EQ(::chmod(options.directory.c_str(), mode), 0);
+        EXPECT_EQ(MistakeWith(options),
+                  "the ticket directory " + options.directory.string() + " is writable by others");
+    }
+    if (::geteuid() == 0) {
+        ASSERT_EQ(::chown(options.directory.c_str(), 65534, 65534), 0);
+        EXPECT_THAT(MistakeWith(options), HasSubstr(" belongs to another user"));
     }
 }
 
-TEST_F(TicketStoreTest, RefusesADirectoryOfSomebodyElse) {
-    if (::geteuid() != 0) {
-        GTEST_SKIP() << "only root can give a directory away";
-    }
-    const fs::path place = Options().directory;
-    fs::create_directory(place);
-    ASSERT_EQ(::chown(place.c_str(), 65534, 65534), 0);
-    EXPECT_THAT(MistakeWith(Options()), HasSubstr("belongs to somebody else"));
-}
-
-TEST_F(TicketStoreTest, RefusesWhatIsNoDirectoryOfItsOwn) {
+TEST_F(TicketStoreTest, RejectsWhatIsNoDirectory) {
     WriteAll(directory.GetPath() / "file", "");
-    EXPECT_THAT(MistakeWith(Options("file")), HasSubstr("cannot open the ticket directory"));
     fs::create_directory_symlink(directory.GetPath(), directory.GetPath() / "link");
-    EXPECT_THAT(MistakeWith(Options("link")), HasSubstr("cannot open the ticket directory"));
-    EXPECT_THAT(MistakeWith(Options("a/b")), HasSubstr("cannot make the ticket directory"));
+    for (const auto& [name, mistake] :
+         std::vector<std::pair<std::string, std::string>>{{"file", "cannot open the ticket directory "},
+                                                          {"link", "cannot open the ticket directory "},
+                                                          {"a/b", "cannot create the ticket directory "}}) {
+        EXPECT_THAT(MistakeWith({directory.GetPath() / name, ""}), ::testing::StartsWith(mistake));
+    }
 }
 
-TEST_F(TicketStoreTest, RefusesAGroupThatDoesNotExistOrCannotReachTheFiles) {
-    TicketOptions options = Options();
+TEST_F(TicketStoreTest, RejectsAGroupThatDoesNotExistOrCannotReachTheFiles) {
     options.group = "no-such-group-here";
     EXPECT_EQ(MistakeWith(options), "there is no group no-such-group-here");
     options.group = ::getgrgid(::getegid())->gr_name;
@@ -262,32 +230,20 @@ TEST_F(TicketStoreTest, RefusesAGroupThatDoesNotExistOrCannotReachTheFiles) {
     EXPECT_THAT(MistakeWith(options), HasSubstr("cannot reach files in the ticket directory"));
 }
 
-// Lets no file grow beyond `size` bytes, as a full disk does.
-class FileSizeLimit {
-  public:
-    explicit FileSizeLimit(rlim_t size) {
-        ::signal(SIGXFSZ, SIG_IGN);
-        ::getrlimit(RLIMIT_FSIZE, &before);
-        const rlimit limit{size, before.rlim_max};
-        ::setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-    ~FileSizeLimit() { ::setrlimit(RLIMIT_FSIZE, &before); }
-
-  private:
+TEST_F(TicketStoreTest, LeavesNoFileWhenTheDiskIsFull) {
+    Store();
+    ::signal(SIGXFSZ, SIG_IGN);
     rlimit before{};
-};
-
-TEST_F(TicketStoreTest, LeavesNothingBehindWhenTheDiskIsFull) {
-    TicketStore store(Options(), io.get_executor());
+    ::getrlimit(RLIMIT_FSIZE, &before);
     for (const rlim_t size : {0U, 10U, 63U}) {
-        const FileSizeLimit full(size);
-        EXPECT_THROW(store.Issue(1), std::system_error);
-        EXPECT_TRUE(FilesIn(Options().directory).empty());
-        EXPECT_EQ(store.Count(), 0U);
+        const rlimit full{size, before.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &full);
+        EXPECT_THROW(Store().Issue(1), std::system_error);
+        ::setrlimit(RLIMIT_FSIZE, &before);
+        EXPECT_THAT(Files(), IsEmpty());
+        EXPECT_EQ(Store().Count(), 0U);
     }
-    EXPECT_TRUE(store.Redeem(1, ReadAll(store.Issue(1))));
+    EXPECT_TRUE(Store().Redeem(1, ReadAll(Store().Issue(1))));
 }
 
 }  // namespace

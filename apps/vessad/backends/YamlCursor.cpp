@@ -1,0 +1,173 @@
+#include "apps/vessad/backends/YamlCursor.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <system_error>
+#include <unordered_set>
+
+#include "runtime/ordane/xml_codec.h"
+
+namespace Vessad::Yaml {
+
+namespace {
+
+// Nothing unless all of `text` is a number that T can hold.
+template <class T>
+std::optional<T> Parse(std::string_view text) {
+    T value{};
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value);
+    if (error != std::errc() || stop != end) {
+        return std::nullopt;
+    }
+    return value;
+}
+
+}  // namespace
+
+const std::string& Cursor::Text() const {
+    if (!value->IsText()) {
+        Refuse(value->kind == Value::Kind::Scalar && !IsNull() ? "text in quotes" : "text");
+    }
+    if (!Ordane::Xml::IsText(value->text)) {
+        Refuse("text without control characters");
+    }
+    return value->text;
+}
+
+bool Cursor::Bool() const {
+    if (value->kind != Value::Kind::Scalar || value->quoted ||
+        (value->text != "true" && value->text != "false")) {
+        Refuse("true or false");
+    }
+    return value->text == "true";
+}
+
+std::int64_t Cursor::Whole(std::int64_t low, std::int64_t high) const {
+    std::optional<std::int64_t> number;
+    if (value->kind == Value::Kind::Scalar && !value->quoted) {
+        // A leading zero means base 8 to some readers and base 10 to others.
+        const std::string_view digits = std::string_view(value->text).substr(value->text.starts_with('-'));
+        if (!digits.starts_with('0') || digits == "0") {
+            number = Parse<std::int64_t>(value->text);
+        }
+    }
+    if (!number || *number < low || *number > high) {
+        Refuse("a whole number from " + std::to_string(low) + " to " + std::to_string(high));
+    }
+    return *number;
+}
+
+double Cursor::Number() const {
+    if (value->IsNumber()) {
+        const std::optional<double> number = Parse<double>(value->text);
+        if (number && std::isfinite(*number)) {
+            return *number;
+        }
+    }
+    Refuse("a number");
+}
+
+std::vector<Cursor> Cursor::Items() const {
+    if (value->kind != Value::Kind::Sequence) {
+        Refuse("a list");
+    }
+    std::vector<Cursor> items;
+    items.reserve(value->items.size());
+    for (const Value* item : value->items) {
+        items.push_back(Cursor(*this, *item, path + "[" + std::to_string(items.size()) + "]"));
+    }
+    return items;
+}
+
+void Cursor::RequireMap() const {
+    if (!IsMap()) {
+        Refuse("a mapping");
+    }
+}
+
+void Cursor::RefuseRepeated() const {
+    std::unordered_set<std::string_view> seen;
+    for (const Value::Entry& entry : value->entries) {
+        if (!seen.insert(entry.key->text).second) {
+            RefuseAt(entry.key->place, "each key once", Shorten(entry.key->text) + " again");
+        }
+    }
+}
+
+void Cursor::ForEachMember(
+    const std::function<void(const std::string& key, const Cursor& value)>& visit) const {
+    RequireMap();
+    RefuseRepeated();
+    for (const Value::Entry& entry : value->entries) {
+        if (!Ordane::Xml::IsText(entry.key->text)) {
+            RefuseKey(entry.key->text, "a key without control characters");
+        }
+        visit(entry.key->text, Member(entry));
+    }
+}
+
+void Cursor::CheckKeys(std::span<const std::string_view> known) const {
+    RequireMap();
+    RefuseRepeated();
+    for (const Value::Entry& entry : value->entries) {
+        if (std::find(known.begin(), known.end(), entry.key->text) == known.end()) {
+            RefuseKey(entry.key->text, known.empty() ? "no member" : OneOf(known));
+        }
+    }
+}
+
+std::optional<Cursor> Cursor::Find(std::string_view key) const {
+    RequireMap();
+    for (const Value::Entry& entry : value->entries) {
+        if (entry.key->text == key) {
+            return Member(entry);
+        }
+    }
+    return std::nullopt;
+}
+
+Cursor Cursor::Require(std::string_view key) const {
+    std::optional<Cursor> found = Find(key);
+    if (!found) {
+        RefuseAt(value->place, "the member " + std::string(key), "none");
+    }
+    return *std::move(found);
+}
+
+Cursor Cursor::Member(const Value::Entry& entry) const {
+    const std::string& key = entry.key->text;
+    // In quotes when it could be taken for several steps of the path, or for none.
+    const bool plain = !key.empty() && key.find_first_of(".[]\"") == std::string::npos;
+    const std::string shown = Shorten(key);
+    return {*this, *entry.value, path + (path.empty() ? "" : ".") + (plain ? shown : "\"" + shown + "\"")};
+}
+
+void Cursor::Refuse(const std::string& expected) const {
+    RefuseAt(value->place, expected, value->Describe());
+}
+
+void Cursor::RefuseKey(std::string_view key, const std::string& expected) const {
+    for (const Value::Entry& entry : value->entries) {
+        if (entry.key->text == key) {
+            RefuseAt(entry.key->place, expected, Shorten(key));
+        }
+    }
+    Refuse(expected);
+}
+
+void Cursor::RefuseAt(const Place& place, const std::string& expected, const std::string& found) const {
+    throw Error(document->GetName(), place,
+                (path.empty() ? "" : path + ": ") + "expected " + expected + ", found " + found);
+}
+
+std::string OneOf(std::span<const std::string_view> words) {
+    std::string text;
+    for (const std::string_view word : words) {
+        text.append(text.empty() ? "one of " : ", ").append(word);
+    }
+    return text;
+}
+
+}  // namespace Vessad::Yaml

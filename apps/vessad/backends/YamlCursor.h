@@ -1,0 +1,65 @@
+// Typed access to the values of a YAML document. Mistakes read "FILE:LINE:COLUMN: path: expected what, found
+// what".
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "apps/vessad/backends/YamlDocument.h"
+
+namespace Vessad::Yaml {
+
+// One value of a document, reached by a path. The document must outlive it.
+class Cursor {
+  public:
+    explicit Cursor(const Document& document) : document(&document), value(&document.GetRoot()) {}
+
+    bool IsNull() const { return value->IsNothing(); }
+    bool IsMap() const { return value->kind == Value::Kind::Map; }
+
+    // Each of these throws Error when the value is something else.
+    const std::string& Text() const;
+    bool Bool() const;
+    std::int64_t Whole(std::int64_t low, std::int64_t high) const;
+    double Number() const;
+    // The elements of a sequence.
+    std::vector<Cursor> Items() const;
+    // Visits the members of a map in the order of the file. Throws Error for a repeated key.
+    void ForEachMember(const std::function<void(const std::string& key, const Cursor& value)>& visit) const;
+    // Throws Error unless this is a map whose keys are among `known`, each at most once.
+    void CheckKeys(std::span<const std::string_view> known) const;
+
+    // A map's member of that key, or nothing. Throws Error when this is no map.
+    std::optional<Cursor> Find(std::string_view key) const;
+    // The same; throws Error when there is none.
+    Cursor Require(std::string_view key) const;
+
+    // Throws Error: at this value, or at a map's key.
+    [[noreturn]] void Refuse(const std::string& expected) const;
+    [[noreturn]] void RefuseKey(std::string_view key, const std::string& expected) const;
+
+  private:
+    Cursor(const Cursor& parent, const Value& value, std::string path)
+        : document(parent.document), value(&value), path(std::move(path)) {}
+
+    Cursor Member(const Value::Entry& entry) const;
+    [[noreturn]] void RefuseAt(const Place& place, const std::string& expected,
+                               const std::string& found) const;
+    void RequireMap() const;
+    void RefuseRepeated() const;
+
+    const Document* document;
+    const Value* value;
+    std::string path;  // empty: the whole document
+};
+
+// "one of a, b, c"; empty for no words.
+std::string OneOf(std::span<const std::string_view> words);
+
+}  // namespace Vessad::Yaml

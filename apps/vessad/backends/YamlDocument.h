@@ -1,0 +1,72 @@
+// A YAML document as a tree of values that know their place in the file.
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Vessad::Yaml {
+
+// Lines and columns (in bytes) count from 1.
+struct Place {
+    std::size_t line = 1;
+    std::size_t column = 1;
+};
+
+// A mistake in a document. The message is complete: "DOCUMENT:LINE:COLUMN: what".
+class Error : public std::runtime_error {
+  public:
+    Error(const std::string& document, const Place& place, const std::string& what);
+};
+
+struct Value {
+    enum class Kind { Null, Scalar, Sequence, Map };
+    struct Entry {
+        const Value* key;  // always a scalar
+        const Value* value;
+    };
+
+    Kind kind = Kind::Null;
+    bool quoted = false;  // of scalars: text whatever it looks like
+    Place place;
+    std::string text;
+    std::vector<const Value*> items;  // of a sequence
+    std::vector<Entry> entries;       // of a map, in the order of the file; keys may repeat
+    std::size_t weight = 1;           // number of values with aliases expanded
+
+    // The kinds of scalar are those of YAML 1.2's core schema; a plain scalar that is a number, a truth value
+    // or nothing is no text.
+    bool IsNothing() const;
+    bool IsText() const;
+    bool IsNumber() const;  // in any notation of the schema
+
+    // The value in an error message, shortened, without control characters.
+    std::string Describe() const;
+};
+
+// `text` shortened and escaped for an error message.
+std::string Shorten(std::string_view text);
+
+// Immutable; may be read from any thread.
+class Document {
+  public:
+    // Parses `text`, which must hold exactly one document; `name` is its name in messages. Throws Error: not
+    // YAML, not UTF-8, or more than `maxValues` values with aliases expanded.
+    Document(std::string_view text, std::string name, std::size_t maxValues = 4'000'000);
+
+    const std::string& GetName() const { return name; }
+    // Owned by the document.
+    const Value& GetRoot() const { return *root; }
+
+  private:
+    class Builder;
+
+    std::string name;
+    std::deque<Value> values;
+    const Value* root = nullptr;
+};
+
+}  // namespace Vessad::Yaml
