@@ -38,6 +38,19 @@ SSL_CTX* SharedContext() {
 
 }  // namespace
 
+std::string MakeCall(const std::string& type, const std::string& id, const std::string& method,
+                     const std::string& parameters) {
+    return R"(<e:Envelope xmlns:e="http://schemas.xmlsoap.org/soap/envelope/"><e:Body><)" + method +
+           R"( xmlns="urn:ordane"><_this type=")" + type + R"(">)" + id + "</_this>" + parameters + "</" +
+           method + "></e:Body></e:Envelope>";
+}
+
+std::string TextOf(const std::string& xml, const std::string& element) {
+    const std::size_t at = xml.find("<" + element + ">");
+    const std::size_t begin = at + element.size() + 2;
+    return at == std::string::npos ? std::string() : xml.substr(begin, xml.find('<', begin) - begin);
+}
+
 RawClient::RawClient(std::uint16_t port)
     : socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), tls(SSL_new(SharedContext()), SSL_free) {
     ::signal(SIGPIPE, SIG_IGN);
@@ -148,19 +161,13 @@ HttpReply RawClient::Post(std::string_view body) {
 
 HttpReply RawClient::Call(const std::string& type, const std::string& id, const std::string& method,
                           const std::string& parameters) {
-    return Post(R"(<e:Envelope xmlns:e="http://schemas.xmlsoap.org/soap/envelope/"><e:Body><)" + method +
-                R"( xmlns="urn:ordane"><_this type=")" + type + R"(">)" + id + "</_this>" + parameters +
-                "</" + method + "></e:Body></e:Envelope>");
+    return Post(MakeCall(type, id, method, parameters));
 }
 
 std::string RawClient::AcquireTicket() {
-    const HttpReply reply =
-        Call("SessionManager", "ha-sessionmgr", "AcquireLocalTicket", "<userName>root</userName>");
-    const std::string tag = "<passwordFilePath>";
-    const std::size_t at = reply.body.find(tag);
-    return at == std::string::npos
-               ? std::string()
-               : reply.body.substr(at + tag.size(), reply.body.find('<', at + 1) - at - tag.size());
+    return TextOf(
+        Call("SessionManager", "ha-sessionmgr", "AcquireLocalTicket", "<userName>root</userName>").body,
+        "passwordFilePath");
 }
 
 int RawClient::LogIn(const std::string& password) {

@@ -18,6 +18,13 @@ struct HttpReply {
     std::string body;
 };
 
+// An API call as a SOAP message, its parameters given as XML.
+std::string MakeCall(const std::string& type, const std::string& id, const std::string& method,
+                     const std::string& parameters = "");
+
+// The text of the first element of that name, empty when there is none.
+std::string TextOf(const std::string& xml, const std::string& element);
+
 class RawClient {
   public:
     // Connects. Throws std::runtime_error when no server listens.
@@ -41,7 +48,7 @@ class RawClient {
     // A POST of `body` to the API.
     HttpReply Post(std::string_view body);
 
-    // An API call, its parameters given as XML.
+    // Posts an API call.
     HttpReply Call(const std::string& type, const std::string& id, const std::string& method,
                    const std::string& parameters = "");
     // Returns the path of a new ticket's file, empty when there is no ticket.
