@@ -27,7 +27,7 @@ class DispatcherTest : public testing::Test {
         return HandleCall(text, source, limits);
     }
 
-    // The type and the message of the fault that answers `text`.
+    // The type and the message of the fault in the reply to `text`.
     std::pair<std::string, std::string> FaultOf(const std::string& text) {
         const Reply reply = Handle(text);
         EXPECT_TRUE(reply.fault);
@@ -62,7 +62,7 @@ TEST_F(DispatcherTest, LeavesAbsentParametersUnset) {
     EXPECT_THAT(source.shop->calls, ElementsAre("Store false 0 none 0 Thing:cup nobody"));
 }
 
-TEST_F(DispatcherTest, AnswersAMethodWithoutResultByAnEmptyResponse) {
+TEST_F(DispatcherTest, RepliesWithAnEmptyResponseWithoutAResult) {
     const Reply reply = Handle(CallOf("Sweep"));
     EXPECT_FALSE(reply.fault);
     EXPECT_THAT(reply.text, HasSubstr("<SweepResponse xmlns=\"urn:ordane\"/>"));
@@ -75,7 +75,7 @@ TEST_F(DispatcherTest, LeavesANullResultOut) {
     EXPECT_THAT(Handle(CallOf("GetThings")).text, HasSubstr("<GetThingsResponse xmlns=\"urn:ordane\"/>"));
 }
 
-TEST_F(DispatcherTest, AnswersAListWithANullElementByTheOthers) {
+TEST_F(DispatcherTest, LeavesNullElementsOfAListOut) {
     source.shop->things->Append(nullptr);
     const auto toy = Tessim::MakeRef<Sample::Toy>();
     toy->SetName("top");
@@ -88,14 +88,14 @@ TEST_F(DispatcherTest, AnswersAListWithANullElementByTheOthers) {
 
 // Before login.
 
-TEST_F(DispatcherTest, AnswersMarkedMethodsBeforeLogin) {
+TEST_F(DispatcherTest, CallsMarkedMethodsBeforeLogin) {
     source.loggedIn = false;
     const Reply reply = Handle(CallOf("Greet", "<visitor>ann</visitor>"));
     EXPECT_FALSE(reply.fault);
     EXPECT_THAT(reply.text, HasSubstr("<returnval><name>hello ann</name></returnval>"));
 }
 
-TEST_F(DispatcherTest, TellsNothingBeforeLogin) {
+TEST_F(DispatcherTest, ShowsNothingBeforeLogin) {
     source.loggedIn = false;
     const Reply known = Handle(CallOf("Sweep"));
     EXPECT_EQ(FaultOf(CallOf("Sweep")), Fields("NotAuthenticated", "log in first"));
@@ -111,7 +111,7 @@ TEST_F(DispatcherTest, TellsNothingBeforeLogin) {
 
 // Calls that cannot be carried out.
 
-TEST_F(DispatcherTest, NamesTheObjectThatThereIsNot) {
+TEST_F(DispatcherTest, NamesTheMissingObject) {
     EXPECT_EQ(FaultOf(CallOf("Sweep", "", "<_this type=\"Shop\">shop-2</_this>")),
               Fields("ManagedObjectNotFound", "no Shop shop-2"));
     EXPECT_EQ(FaultOf(CallOf("Sweep", "", "<_this type=\"Person\">shop-1</_this>")),
@@ -120,7 +120,7 @@ TEST_F(DispatcherTest, NamesTheObjectThatThereIsNot) {
                 HasSubstr("<obj type=\"Shop\">shop-2</obj>"));
 }
 
-TEST_F(DispatcherTest, RepeatsLittleOfAStrangersNames) {
+TEST_F(DispatcherTest, TruncatesAndEscapesTheNamesOfAPeer) {
     const std::string longName(10'000, 'n');
     EXPECT_EQ(FaultOf(CallOf("Sweep", "", "<_this type=\"Shop\">a&#10;b" + longName + "</_this>")),
               Fields("ManagedObjectNotFound", "no Shop a\\x0ab" + longName.substr(0, 61)));
@@ -146,11 +146,12 @@ TEST_F(DispatcherTest, RefusesBadParametersWithTheirPlace) {
 
 TEST_F(DispatcherTest, RefusesWhatIsNoCall) {
     EXPECT_EQ(FaultOf("hello").first, "InvalidRequest");
-    EXPECT_EQ(FaultOf("").first, "InvalidRequest");
     EXPECT_EQ(FaultOf("<Envelope><Body/></Envelope>"),
               Fields("InvalidRequest", "a SOAP message without call"));
     EXPECT_EQ(FaultOf(CallOf("Sweep", "", "")),
               Fields("InvalidRequest", "a SOAP message without target object"));
+    EXPECT_EQ(FaultOf(CallOf("Sweep", "<_this type=\"Shop\">shop-1</_this>")),
+              Fields("InvalidRequest", "a SOAP message with more than one target object"));
     EXPECT_EQ(FaultOf(CallOf("Sweep", "", "<_this>shop-1</_this>")),
               Fields("InvalidRequest",
                      "element Envelope/Body/Sweep/_this: expected a reference with the type of its object"));
@@ -166,22 +167,22 @@ TEST_F(DispatcherTest, HoldsACallToItsLimits) {
 
 // Methods that fail.
 
-TEST_F(DispatcherTest, AnswersAFaultOfTheMethodAsItIs) {
+TEST_F(DispatcherTest, RepliesWithTheFaultOfAMethod) {
     source.shop->failure = [] { throw Fault::InvalidLogin::Exception("who are you"); };
     EXPECT_EQ(FaultOf(CallOf("Sweep")), Fields("InvalidLogin", "who are you"));
 }
 
-TEST_F(DispatcherTest, AnswersAnyOtherExceptionAsASystemError) {
+TEST_F(DispatcherTest, RepliesToAnyOtherExceptionWithASystemError) {
     source.shop->failure = [] { throw Tessim::SystemException("no broom"); };
     EXPECT_EQ(FaultOf(CallOf("Sweep")), Fields("SystemError", "no broom"));
     source.shop->failure = [] { throw std::runtime_error("broken broom"); };
     EXPECT_EQ(FaultOf(CallOf("Sweep")), Fields("SystemError", "broken broom"));
-    // The caller is not to blame for it.
+    // It is no fault of the caller.
     source.shop->failure = [] { throw Tessim::InvalidArgumentException("bad broom"); };
     EXPECT_EQ(FaultOf(CallOf("Sweep")), Fields("SystemError", "bad broom"));
 }
 
-TEST_F(DispatcherTest, LetsAShortageOfMemoryPass) {
+TEST_F(DispatcherTest, ThrowsBadAlloc) {
     source.shop->failure = [] { throw std::bad_alloc(); };
     EXPECT_THROW(Handle(CallOf("Sweep")), std::bad_alloc);
 }

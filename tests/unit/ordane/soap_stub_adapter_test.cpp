@@ -15,16 +15,16 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-// Hands each request to a function.
+// Gets each reply from a function.
 class FakeAdapter final : public SoapStubAdapter {
   public:
-    std::function<std::string(const std::string&)> answer;
+    std::function<std::string(const std::string&)> reply;
     int exchanges = 0;
 
   protected:
     std::string Exchange(const std::string& request) override {
         ++exchanges;
-        return answer(request);
+        return reply(request);
     }
 };
 
@@ -34,12 +34,16 @@ std::string ReplyOf(const std::string& body) {
 
 class SoapStubAdapterTest : public testing::Test {
   protected:
-    SoapStubAdapterTest() {
-        adapter->answer = [this](const std::string& request) { return HandleCall(request, source).text; };
+    SoapStubAdapterTest() { Connect(); }
+
+    void Connect() {
+        adapter = Tessim::MakeRef<FakeAdapter>();
+        stub = Sample::Shop::MakeStub(Tessim::Ref<StubAdapter>(adapter), "shop-1");
+        adapter->reply = [this](const std::string& request) { return HandleCall(request, source).text; };
     }
 
-    void AnswerWith(const std::string& reply) {
-        adapter->answer = [reply](const std::string& /*request*/) { return reply; };
+    void ReplyWith(const std::string& reply) {
+        adapter->reply = [reply](const std::string& /*request*/) { return reply; };
     }
 
     // What the next call is broken by.
@@ -53,8 +57,8 @@ class SoapStubAdapterTest : public testing::Test {
     }
 
     Sample::ShopSource source;
-    Tessim::Ref<FakeAdapter> adapter = Tessim::MakeRef<FakeAdapter>();
-    Tessim::Ref<Sample::Shop> stub = Sample::Shop::MakeStub(Tessim::Ref<StubAdapter>(adapter), "shop-1");
+    Tessim::Ref<FakeAdapter> adapter;
+    Tessim::Ref<Sample::Shop> stub;
 };
 
 TEST_F(SoapStubAdapterTest, CarriesEveryKindOfParameterAndResult) {
@@ -68,15 +72,15 @@ TEST_F(SoapStubAdapterTest, CarriesEveryKindOfParameterAndResult) {
     EXPECT_EQ(all->GetLargeMaybe(), INT64_MAX);
 
     source.shop->owner = owner;
-    Tessim::Ref<MoRef> answered;
-    stub->GetOwner(answered);
-    EXPECT_EQ(answered->GetId(), "ann");
+    Tessim::Ref<MoRef> returned;
+    stub->GetOwner(returned);
+    EXPECT_EQ(returned->GetId(), "ann");
     source.shop->owner = nullptr;
-    stub->GetOwner(answered);
-    EXPECT_EQ(answered, nullptr);
+    stub->GetOwner(returned);
+    EXPECT_EQ(returned, nullptr);
 }
 
-TEST_F(SoapStubAdapterTest, AnswersAnEmptyListForNoElements) {
+TEST_F(SoapStubAdapterTest, ReturnsAnEmptyListForNoElements) {
     Tessim::Ref<DataArray<Sample::Thing>> things;
     stub->GetThings(things);
     ASSERT_NE(things, nullptr);
@@ -89,7 +93,7 @@ TEST_F(SoapStubAdapterTest, KnowsItsObject) {
     EXPECT_EQ(stub->GetManagedType(), &Sample::Shop::staticType);
 }
 
-TEST_F(SoapStubAdapterTest, RaisesAFaultAndGoesOn) {
+TEST_F(SoapStubAdapterTest, ThrowsAFaultAndGoesOn) {
     source.loggedIn = false;
     EXPECT_THROW(stub->Sweep(), Fault::NotAuthenticated::Exception);
     source.loggedIn = true;
@@ -104,8 +108,8 @@ TEST_F(SoapStubAdapterTest, LeavesTheResultAloneWhenTheCallFails) {
     EXPECT_EQ(out, kept);
 }
 
-TEST_F(SoapStubAdapterTest, TakesAReplyThatDoesNotFitItsTypeForInvalidAndGoesOn) {
-    AnswerWith(ReplyOf("<GreetResponse/>"));
+TEST_F(SoapStubAdapterTest, ThrowsInvalidResponseForAReplyThatDoesNotFitAndGoesOn) {
+    ReplyWith(ReplyOf("<GreetResponse/>"));
     Tessim::Ref<Sample::Thing> thing;
     try {
         stub->Greet("ann", thing);
@@ -114,73 +118,56 @@ TEST_F(SoapStubAdapterTest, TakesAReplyThatDoesNotFitItsTypeForInvalidAndGoesOn)
         EXPECT_STREQ(thrown.what(),
                      "Greet: element Envelope/Body/GreetResponse: expected the member returnval");
     }
-    AnswerWith(ReplyOf("<GreetResponse><returnval xsi:type=\"Everything\"/></GreetResponse>"));
+    ReplyWith(ReplyOf("<GreetResponse><returnval xsi:type=\"Everything\"/></GreetResponse>"));
     EXPECT_THROW(stub->Greet("ann", thing), Fault::InvalidResponse::Exception);
-    AnswerWith(ReplyOf("<Fault><detail><InvalidLogin><message/><message/></InvalidLogin></detail></Fault>"));
+    ReplyWith(ReplyOf("<Fault><detail><InvalidLogin><message/><message/></InvalidLogin></detail></Fault>"));
     EXPECT_THROW(stub->Greet("ann", thing), Fault::InvalidResponse::Exception);
     EXPECT_FALSE(thing);
-    AnswerWith(ReplyOf("<GreetResponse><returnval><name>hello</name></returnval></GreetResponse>"));
+    ReplyWith(ReplyOf("<GreetResponse><returnval><name>hello</name></returnval></GreetResponse>"));
     stub->Greet("ann", thing);
     EXPECT_EQ(thing->GetName(), "hello");
 }
 
-TEST_F(SoapStubAdapterTest, IsBrokenForGoodByAReplyToAnotherCall) {
-    AnswerWith(ReplyOf("<GetOwnerResponse/>"));
-    EXPECT_EQ(Failure(), "the daemon sent GetOwnerResponse as its reply to Sweep");
-    AnswerWith(ReplyOf("<SweepResponse/>"));
-    EXPECT_EQ(Failure(), "the daemon sent GetOwnerResponse as its reply to Sweep");
-    EXPECT_EQ(adapter->exchanges, 1);
-}
-
-TEST_F(SoapStubAdapterTest, IsBrokenByARequestInPlaceOfAReply) {
-    AnswerWith(ReplyOf("<Sweep/>"));
-    EXPECT_EQ(Failure(), "the daemon sent Sweep as its reply to Sweep");
-}
-
-TEST_F(SoapStubAdapterTest, IsBrokenForGoodByAReplyThatIsNoMessage) {
-    AnswerWith("<html><body>It works!</body></html>");
-    EXPECT_EQ(Failure(), "the daemon's reply is unusable: a SOAP message without envelope");
-    EXPECT_EQ(Failure(), "the daemon's reply is unusable: a SOAP message without envelope");
-    EXPECT_EQ(adapter->exchanges, 1);
-}
-
-TEST_F(SoapStubAdapterTest, RepeatsLittleOfAStrangersNames) {
-    AnswerWith(ReplyOf("<" + std::string(10'000, 'n') + "/>"));
-    EXPECT_EQ(Failure(), "the daemon sent " + std::string(64, 'n') + " as its reply to Sweep");
+TEST_F(SoapStubAdapterTest, IsBrokenForGoodByAReplyThatIsNone) {
+    for (const auto& [reply, failure] : {
+             std::pair{ReplyOf("<GetOwnerResponse/>"),
+                       std::string("the daemon sent GetOwnerResponse as its reply to Sweep")},
+             {ReplyOf("<Sweep/>"), "the daemon sent Sweep as its reply to Sweep"},
+             {ReplyOf("<" + std::string(10'000, 'n') + "/>"),
+              "the daemon sent " + std::string(64, 'n') + " as its reply to Sweep"},
+             {"<html><body>It works!</body></html>",
+              "the daemon's reply is unusable: a SOAP message without envelope"},
+         }) {
+        Connect();
+        ReplyWith(reply);
+        EXPECT_EQ(Failure(), failure);
+        ReplyWith(ReplyOf("<SweepResponse/>"));
+        EXPECT_EQ(Failure(), failure);
+        EXPECT_EQ(adapter->exchanges, 1);
+    }
 }
 
 TEST_F(SoapStubAdapterTest, IsBrokenForGoodByAFailureOfTheStream) {
-    adapter->answer = [](const std::string& /*request*/) -> std::string {
-        throw Tessim::StreamException("reset by peer");
-    };
-    EXPECT_EQ(Failure(), "reset by peer");
-    EXPECT_EQ(Failure(), "reset by peer");
-    EXPECT_EQ(adapter->exchanges, 1);
-}
-
-TEST_F(SoapStubAdapterTest, IsBrokenForGoodByATimeoutOrAFailureOfTheSystem) {
-    adapter->answer = [](const std::string& /*request*/) -> std::string {
-        throw Tessim::TimeoutException("too late");
-    };
-    EXPECT_EQ(Failure(), "too late");
-    EXPECT_EQ(Failure(), "too late");
-    EXPECT_EQ(adapter->exchanges, 1);
-
-    const auto other = Tessim::MakeRef<FakeAdapter>();
-    other->answer = [](const std::string& /*request*/) -> std::string {
-        throw Tessim::SystemException("no descriptors");
-    };
-    stub = Sample::Shop::MakeStub(Tessim::Ref<StubAdapter>(other), "shop-1");
-    EXPECT_EQ(Failure(), "no descriptors");
-    EXPECT_EQ(Failure(), "no descriptors");
-    EXPECT_EQ(other->exchanges, 1);
+    const std::function<void()> failures[] = {[] { throw Tessim::StreamException("failed"); },
+                                              [] { throw Tessim::TimeoutException("failed"); },
+                                              [] { throw Tessim::SystemException("failed"); }};
+    for (const auto& fail : failures) {
+        Connect();
+        adapter->reply = [&](const std::string& /*request*/) {
+            fail();
+            return std::string();
+        };
+        EXPECT_EQ(Failure(), "failed");
+        EXPECT_EQ(Failure(), "failed");
+        EXPECT_EQ(adapter->exchanges, 1);
+    }
 }
 
 // The reply of an interrupted call is still to come: it must not become the next call's.
 TEST_F(SoapStubAdapterTest, IsBrokenForGoodWhenACallIsInterrupted) {
-    adapter->answer = [](const std::string& /*request*/) -> std::string { throw std::bad_alloc(); };
+    adapter->reply = [](const std::string& /*request*/) -> std::string { throw std::bad_alloc(); };
     EXPECT_THROW(stub->Sweep(), std::bad_alloc);
-    AnswerWith(ReplyOf("<SweepResponse/>"));
+    ReplyWith(ReplyOf("<SweepResponse/>"));
     EXPECT_EQ(Failure(), "an earlier call was interrupted");
     EXPECT_EQ(adapter->exchanges, 1);
 }
@@ -194,7 +181,7 @@ TEST_F(SoapStubAdapterTest, CallsNothingOnceItIsClosed) {
 }
 
 TEST_F(SoapStubAdapterTest, KeepsItsFirstFailureWhenItIsClosed) {
-    AnswerWith("");
+    ReplyWith("");
     const std::string failure = Failure();
     EXPECT_THAT(failure, HasSubstr("the daemon's reply is unusable: no XML: "));
     adapter->Close();

@@ -20,17 +20,15 @@ std::vector<std::string> NamesOf(const DataObjectType& type) {
     return names;
 }
 
-TEST(DataObjectType, IsItselfAndEachOfItsBases) {
-    const auto* redToy = GetType<Sample::RedToy>();
-    EXPECT_TRUE(redToy->IsA(redToy));
-    EXPECT_TRUE(redToy->IsA(GetType<Sample::Toy>()));
-    EXPECT_TRUE(redToy->IsA(GetType<Sample::Thing>()));
-}
-
-TEST(DataObjectType, IsNeitherADescendantNorASiblingNorAStranger) {
+TEST(DataObjectType, IsItselfAndEachOfItsBasesOnly) {
+    EXPECT_TRUE(GetType<Sample::RedToy>()->IsA(GetType<Sample::RedToy>()));
+    EXPECT_TRUE(GetType<Sample::RedToy>()->IsA(GetType<Sample::Toy>()));
+    EXPECT_TRUE(GetType<Sample::RedToy>()->IsA(GetType<Sample::Thing>()));
     EXPECT_FALSE(GetType<Sample::Thing>()->IsA(GetType<Sample::Toy>()));
     EXPECT_FALSE(GetType<Sample::Toy>()->IsA(GetType<Sample::Tool>()));
     EXPECT_FALSE(GetType<Sample::Everything>()->IsA(GetType<Sample::Thing>()));
+    EXPECT_TRUE(GetDoType<Sample::Toy>().Includes(GetType<Sample::RedToy>()));
+    EXPECT_FALSE(GetDoType<Sample::Toy>().Includes(GetType<Sample::Thing>()));
 }
 
 TEST(DataObjectType, FindsItselfAndItsDescendantsByTheirWireNames) {
@@ -38,15 +36,12 @@ TEST(DataObjectType, FindsItselfAndItsDescendantsByTheirWireNames) {
     EXPECT_EQ(thing->FindSubtype("Thing"), thing);
     EXPECT_EQ(thing->FindSubtype("RedToy"), GetType<Sample::RedToy>());
     EXPECT_EQ(thing->FindSubtype("SharpTool"), GetType<Sample::Tool>());
-}
-
-TEST(DataObjectType, FindsNoBaseNoSiblingAndNoUnknownName) {
-    EXPECT_EQ(GetType<Sample::Toy>()->FindSubtype("Thing"), nullptr);
-    EXPECT_EQ(GetType<Sample::Toy>()->FindSubtype("SharpTool"), nullptr);
-    EXPECT_EQ(GetType<Sample::Thing>()->FindSubtype("Everything"), nullptr);
-    EXPECT_EQ(GetType<Sample::Thing>()->FindSubtype("Tool"), nullptr);
-    EXPECT_EQ(GetType<Sample::Thing>()->FindSubtype("redtoy"), nullptr);
-    EXPECT_EQ(GetType<Sample::Thing>()->FindSubtype(""), nullptr);
+    for (const char* name : {"Everything", "Tool", "redtoy", ""}) {
+        EXPECT_EQ(thing->FindSubtype(name), nullptr) << name;
+    }
+    for (const char* name : {"Thing", "SharpTool"}) {
+        EXPECT_EQ(GetType<Sample::Toy>()->FindSubtype(name), nullptr) << name;
+    }
 }
 
 TEST(DataObjectType, ListsTheMembersOfItsBaseFirst) {
@@ -54,23 +49,10 @@ TEST(DataObjectType, ListsTheMembersOfItsBaseFirst) {
     EXPECT_THAT(NamesOf(*GetType<Sample::RedToy>()), ElementsAre("name", "count"));
 }
 
-TEST(DataObjectType, CreatesAnEmptyObjectOfItself) {
+TEST(DataObjectType, CreatesAnObjectOfItself) {
     const Tessim::Ref<DataObject> made = GetType<Sample::RedToy>()->create();
     EXPECT_EQ(made->GetDataObjectType(), GetType<Sample::RedToy>());
     EXPECT_NE(Tessim::NarrowToType<Sample::RedToy>(made), nullptr);
-}
-
-TEST(DataObjectType, IsThatOfTheObjectAndNotOfThePointer) {
-    const Tessim::Ref<Sample::Thing> thing = Tessim::MakeRef<Sample::Tool>().Get();
-    EXPECT_EQ(thing->GetDataObjectType(), GetType<Sample::Tool>());
-    EXPECT_NE(thing->GetDataObjectType(), GetType<Sample::Thing>());
-}
-
-TEST(DoTypeTest, IncludesTheClassAndItsDescendantsOnly) {
-    EXPECT_TRUE(GetDoType<Sample::Toy>().Includes(GetType<Sample::Toy>()));
-    EXPECT_TRUE(GetDoType<Sample::Toy>().Includes(GetType<Sample::RedToy>()));
-    EXPECT_FALSE(GetDoType<Sample::Toy>().Includes(GetType<Sample::Thing>()));
-    EXPECT_FALSE(GetDoType<Sample::Toy>().Includes(GetType<Sample::Tool>()));
 }
 
 TEST(EnumType, TranslatesEveryValueBothWays) {
@@ -81,10 +63,6 @@ TEST(EnumType, TranslatesEveryValueBothWays) {
     for (int value = 0; value < 3; ++value) {
         EXPECT_EQ(type->FindValue(type->GetText(value)), value);
     }
-}
-
-TEST(EnumType, KnowsNoOtherValue) {
-    const EnumType* type = GetEnumType<Sample::Shop::State>();
     EXPECT_EQ(type->GetText(-1), "");
     EXPECT_EQ(type->GetText(3), "");
     EXPECT_EQ(type->FindValue(""), -1);
@@ -97,50 +75,26 @@ TEST(ManagedType, FindsItsMethodsByName) {
     EXPECT_EQ(shop.name, "Shop");
     ASSERT_NE(shop.FindMethod("Sweep"), nullptr);
     EXPECT_EQ(shop.FindMethod("Sweep")->name, "Sweep");
-    EXPECT_EQ(shop.FindMethod("sweep"), nullptr);
-    EXPECT_EQ(shop.FindMethod("Wait"), nullptr);
-    EXPECT_EQ(shop.FindMethod(""), nullptr);
-}
-
-TEST(ManagedType, MarksTheMethodsThatNeedNoLogin) {
-    EXPECT_TRUE(Sample::Shop::staticType.FindMethod("Greet")->beforeLogin);
-    EXPECT_FALSE(Sample::Shop::staticType.FindMethod("Sweep")->beforeLogin);
-}
-
-TEST(Member, VisitsNothingOfAnObjectInWhichNothingIsSet) {
-    const auto empty = Tessim::MakeRef<Sample::Everything>();
-    for (const Member* member : GetType<Sample::Everything>()->GetMembers()) {
-        int count = 0;
-        member->forEach(*empty, [&](const Value& /*value*/) { ++count; });
-        EXPECT_EQ(count, member->optional || member->list ? 0 : 1) << member->name;
+    EXPECT_FALSE(shop.FindMethod("Sweep")->beforeLogin);
+    EXPECT_TRUE(shop.FindMethod("Greet")->beforeLogin);
+    for (const char* name : {"sweep", "Wait", ""}) {
+        EXPECT_EQ(shop.FindMethod(name), nullptr) << name;
     }
 }
 
 TEST(Member, VisitsEachValueThatIsSet) {
     const auto full = Sample::MakeEverything();
+    full->GetThingList()->Append(nullptr);  // null elements are left out
+    const auto empty = Tessim::MakeRef<Sample::Everything>();
     for (const Member* member : GetType<Sample::Everything>()->GetMembers()) {
         int count = 0;
-        member->forEach(*full, [&](const Value& /*value*/) { ++count; });
+        const auto visit = [&](const Value& /*value*/) { ++count; };
+        member->forEach(*full, visit);
         EXPECT_EQ(count, member->list ? 2 : 1) << member->name;
+        count = 0;
+        member->forEach(*empty, visit);
+        EXPECT_EQ(count, member->optional || member->list ? 0 : 1) << member->name;
     }
-}
-
-TEST(Member, LeavesNullElementsOfAListOut) {
-    const auto things = Tessim::MakeRef<DataArray<Sample::Thing>>();
-    things->Append(nullptr);
-    things->Append(Tessim::MakeRef<Sample::Thing>());
-    const auto all = Tessim::MakeRef<Sample::Everything>();
-    all->SetThingList(things);
-    int count = 0;
-    for (const Member* member : GetType<Sample::Everything>()->GetMembers()) {
-        if (member->name == "thingList") {
-            member->forEach(*all, [&](const Value& value) {
-                EXPECT_NE(std::get<Any*>(value), nullptr);
-                ++count;
-            });
-        }
-    }
-    EXPECT_EQ(count, 1);
 }
 
 TEST(GeneratedClass, HoldsAnEmptyListWhereTheListIsNotOptional) {
@@ -168,12 +122,9 @@ TEST(GeneratedFault, IsThrownAsItsOwnExceptionAndThoseOfItsBases) {
     }
 }
 
-TEST(GeneratedFault, IsCalledByItsTypeWhenItHasNoMessage) {
+TEST(GeneratedFault, HasTheMessageOrTheNameOfItsTypeAsTheTextOfItsException) {
     EXPECT_STREQ(Fault::InvalidLogin::Exception(Tessim::MakeRef<Fault::InvalidLogin>()).what(),
                  "InvalidLogin");
-}
-
-TEST(GeneratedFault, KeepsTheMessageItsExceptionIsMadeFrom) {
     const Fault::SystemError::Exception thrown("out of order");
     EXPECT_STREQ(thrown.what(), "out of order");
     EXPECT_EQ(thrown.GetFault()->GetMessage(), "out of order");

@@ -24,15 +24,12 @@ static_assert(std::is_base_of_v<Exception, SystemException>);
 static_assert(std::is_base_of_v<Exception, StreamException>);
 static_assert(std::is_base_of_v<StreamException, TimeoutException>);
 
-TEST(Exception, SaysItsMessage) {
-    EXPECT_STREQ(Exception("disk is gone").what(), "disk is gone");
-}
-
-TEST(Exception, TellsTheThrowingStatementFirst) {
+TEST(Exception, BeginsItsBacktraceWithTheThrowingStatement) {
     const int line = __LINE__ + 2;
     try {
         throw TimeoutException("late");
     } catch (const Throwable& thrown) {
+        EXPECT_STREQ(thrown.what(), "late");
         const std::string first = thrown.GetBacktrace().front();
         EXPECT_THAT(first, StartsWith("tests/unit/tessim/exception_test.cpp:" + std::to_string(line) + " "));
         EXPECT_THAT(first, HasSubstr("TestBody"));
@@ -43,7 +40,7 @@ TEST(Exception, TellsTheThrowingStatementFirst) {
     throw Exception("deep");
 }
 
-TEST(Exception, TellsTheCallingFramesWithModuleAndAddress) {
+TEST(Exception, HasTheCallingFramesWithModuleAndAddressInItsBacktrace) {
     try {
         ThrowDeepInside();
         FAIL();
@@ -69,7 +66,7 @@ TEST(Exception, NamesFunctionsThatAModuleExports) {
     EXPECT_THAT(lines, testing::Contains(MatchesRegex("libc[.-].*\\(.*__libc_start_main.*\\+0x.*")));
 }
 
-TEST(Exception, LeavesTheRuntimesOwnFramesOut) {
+TEST(Exception, HasNoFramesOfTheRuntimeInItsBacktrace) {
     std::array<void*, 48> here{};
     const auto depth = static_cast<std::size_t>(backtrace(here.data(), static_cast<int>(here.size())));
     ASSERT_LT(depth, here.size() - 2);
@@ -82,7 +79,7 @@ class PlacedException : public Exception {
     explicit PlacedException(const SourceLocation& where) : Exception("placed", where) {}
 };
 
-// Where the compiler is told that the source lies somewhere else.
+// As if the source lay somewhere else.
 #line 7 "/home/somebody/runtime/build/apps/snmp/unit.cpp"
 const SourceLocation inTree = SourceLocation::current();
 #line 8 "/home/somebody/myapps/unit.cpp"
@@ -91,7 +88,7 @@ const SourceLocation outside = SourceLocation::current();
 const SourceLocation relative = SourceLocation::current();
 #line 100 "exception_test.cpp"
 
-TEST(Exception, ShowsNoFolderOfTheBuildMachine) {
+TEST(Exception, ShowsNoFolderOfTheBuild) {
     EXPECT_THAT(PlacedException(inTree).GetBacktrace()[0], StartsWith("apps/snmp/unit.cpp:7 "));
     EXPECT_THAT(PlacedException(outside).GetBacktrace()[0], StartsWith("unit.cpp:8 "));
     EXPECT_THAT(PlacedException(relative).GetBacktrace()[0], StartsWith("runtime/tessim/x.cpp:9 "));

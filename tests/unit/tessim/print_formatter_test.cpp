@@ -3,47 +3,30 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <string>
 
 namespace Tessim {
 namespace {
 
-TEST(PrintFormatter, FillsItsPlacesInAnyOrder) {
-    EXPECT_EQ((PrintFormatter("no %2 in %1, %2!") << "file"
-                                                  << "key")
-                  .Format(),
-              "no key in file, key!");
+template <class... Arguments>
+std::string Formatted(const char* format, Arguments... arguments) {
+    PrintFormatter formatter(format);
+    (formatter << ... << arguments);
+    return formatter.Format();
 }
 
-TEST(PrintFormatter, TakesNumbers) {
-    EXPECT_EQ((PrintFormatter("%1 of %2") << 3 << INT64_MIN).Format(), "3 of -9223372036854775808");
+TEST(PrintFormatter, FillsItsPlaces) {
+    EXPECT_EQ(Formatted("no %2 in %1, %2!", "file", "key"), "no key in file, key!");
+    EXPECT_EQ(Formatted("%1 of %2", 3, INT64_MIN), "3 of -9223372036854775808");
+    EXPECT_EQ(Formatted("%1 %2", "%2%%", "x"), "%2%% x");  // arguments are not searched for places
+    EXPECT_EQ(Formatted("%9%10", 1, 2, 3, 4, 5, 6, 7, 8, 9, 10), "910");
 }
 
-TEST(PrintFormatter, LeavesAPlaceWithoutAnArgument) {
-    EXPECT_EQ((PrintFormatter("%1 %2") << "one").Format(), "one %2");
+TEST(PrintFormatter, LeavesAPlaceWithoutAnArgumentAndOtherPercents) {
+    EXPECT_EQ(Formatted("%1 %2", "one"), "one %2");
     EXPECT_EQ(PrintFormatter("%1").Format(), "%1");
-}
-
-TEST(PrintFormatter, WritesOnePercentForTwo) {
-    EXPECT_EQ((PrintFormatter("100%% of %1, %%1") << "all").Format(), "100% of all, %1");
-}
-
-TEST(PrintFormatter, LeavesOtherPercentsAlone) {
-    EXPECT_EQ((PrintFormatter("%0 %x %") << "one").Format(), "%0 %x %");
-}
-
-TEST(PrintFormatter, NeverSearchesAnArgumentForPlaces) {
-    EXPECT_EQ((PrintFormatter("%1 %2") << "%2%%"
-                                       << "x")
-                  .Format(),
-              "%2%% x");
-}
-
-TEST(PrintFormatter, HasNinePlaces) {
-    PrintFormatter formatter("%9%10");
-    for (int i = 1; i <= 10; ++i) {
-        formatter << i;
-    }
-    EXPECT_EQ(formatter.Format(), "910");
+    EXPECT_EQ(Formatted("%0 %x %", "one"), "%0 %x %");
+    EXPECT_EQ(Formatted("100%% of %1, %%1", "all"), "100% of all, %1");
 }
 
 }  // namespace

@@ -84,46 +84,12 @@ TEST_F(SecretFileTest, ReadsAFreshFileOfItsOwnUser) {
     }
 }
 
-TEST_F(SecretFileTest, IsReadPieceByPiece) {
+TEST_F(SecretFileTest, IsAReadOnlyStreamOfThisProcess) {
     Make(path, 0600, std::string(3000, 'x'));
-    const auto stream = Open(path);
-    EXPECT_EQ(ReadBytes(*stream, 1024).size(), 1024U);
-    EXPECT_EQ(ReadBytes(*stream, 4096).size(), 3000U - 1024U);
-}
-
-TEST_F(SecretFileTest, CannotBeWritten) {
-    Make(path);
-    EXPECT_THROW(Open(path)->Write("x", 1), StreamException);
-}
-
-TEST_F(SecretFileTest, IsClosedOnceAndForAll) {
-    Make(path);
     const auto descriptors = OpenDescriptors();
+    const auto inherited = OpenDescriptors(FD_CLOEXEC).size();
     const auto stream = Open(path);
-    stream->Close();
-    stream->Close();
-    EXPECT_EQ(OpenDescriptors(), descriptors);
-    char byte = 0;
-    EXPECT_THROW(stream->Read(&byte, 1), StreamException);
-}
-
-TEST_F(SecretFileTest, ClosesWithItsLastHandle) {
-    Make(path);
-    const auto descriptors = OpenDescriptors();
-    Open(path);
-    EXPECT_EQ(OpenDescriptors(), descriptors);
-}
-
-TEST_F(SecretFileTest, IsNotInheritedByOtherPrograms) {
-    Make(path);
-    const auto before = OpenDescriptors(FD_CLOEXEC).size();
-    const auto stream = Open(path);
-    EXPECT_EQ(OpenDescriptors(FD_CLOEXEC).size(), before + 1);
-}
-
-TEST_F(SecretFileTest, BelongsToTheProcessThatOpenedIt) {
-    Make(path);
-    const auto stream = Open(path);
+    EXPECT_EQ(OpenDescriptors(FD_CLOEXEC).size(), inherited + 1);
     EXPECT_TRUE(stream->IsOwn());
     const pid_t child = ::fork();
     if (child == 0) {
@@ -132,38 +98,36 @@ TEST_F(SecretFileTest, BelongsToTheProcessThatOpenedIt) {
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
+    EXPECT_THROW(stream->Write("x", 1), StreamException);
+    EXPECT_EQ(ReadBytes(*stream, 1024).size(), 1024U);
+    EXPECT_EQ(ReadBytes(*stream, 4096).size(), 3000U - 1024U);
+    stream->Close();
+    stream->Close();
+    EXPECT_EQ(OpenDescriptors(), descriptors);
+    char byte = 0;
+    EXPECT_THROW(stream->Read(&byte, 1), StreamException);
+    Open(path);  // closed with its last handle
+    EXPECT_EQ(OpenDescriptors(), descriptors);
 }
 
-TEST_F(SecretFileTest, IsNoFifo) {
-    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
-    ExpectRefused(path, "no regular file");
-}
-
-TEST_F(SecretFileTest, IsNoDevice) {
-    ExpectRefused("/dev/null", "no regular file");
-}
-
-TEST_F(SecretFileTest, IsNoDirectory) {
-    ExpectRefused(folder, "no regular file");
-    ExpectRefused(folder + "/", "no regular file");
-    ExpectRefused("/", "no regular file");
-}
-
-TEST_F(SecretFileTest, IsNoSocket) {
+TEST_F(SecretFileTest, IsARegularFile) {
+    const std::string reason = "no regular file";
+    for (const std::string& other : {std::string("/dev/null"), folder, folder + "/", std::string("/")}) {
+        ExpectRefused(other, reason);
+    }
+    ASSERT_EQ(::mkfifo((folder + "/fifo").c_str(), 0600), 0);
+    ExpectRefused(folder + "/fifo", reason);
+    Make(folder + "/target");
+    ASSERT_EQ(::symlink("target", (folder + "/link").c_str()), 0);
+    ExpectRefused(folder + "/link", reason);
     const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
     ASSERT_EQ(::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     ::chmod(path.c_str(), 0600);
-    ExpectRefused(path, "no regular file");
+    ExpectRefused(path, reason);
     ::close(listener);
-}
-
-TEST_F(SecretFileTest, IsNoSymbolicLink) {
-    Make(folder + "/target");
-    ASSERT_EQ(::symlink("target", path.c_str()), 0);
-    ExpectRefused(path, "no regular file");
 }
 
 TEST_F(SecretFileTest, HasOneName) {
@@ -256,16 +220,6 @@ TEST_F(SecretFileTest, IsNoOldFileThatWasChangedSince) {
     ExpectRefused(path, "older than the request", asked);
 }
 
-TEST_F(SecretFileTest, IsNoSystemFile) {
-    ASSERT_TRUE(std::filesystem::exists("/etc/shadow"));
-    ExpectRefused("/etc/shadow", "older than the request", std::chrono::system_clock::now());
-}
-
-TEST_F(SecretFileTest, IsNotMadeByTheKernel) {
-    // Fresh at every look, root's, and for its eyes only.
-    ExpectRefused("/proc/self/environ", "empty");
-}
-
 TEST_F(SecretFileTest, IsNotOnAFileSystemOfTheKernel) {
     for (std::filesystem::recursive_directory_iterator
              entry("/sys/module", std::filesystem::directory_options::skip_permission_denied),
@@ -281,23 +235,23 @@ TEST_F(SecretFileTest, IsNotOnAFileSystemOfTheKernel) {
     GTEST_SKIP() << "the kernel shows no secret here";
 }
 
-TEST_F(SecretFileTest, IsNotEmpty) {
+TEST_F(SecretFileTest, IsFreshAndNotEmpty) {
+    ASSERT_TRUE(std::filesystem::exists("/etc/shadow"));
+    ExpectRefused("/etc/shadow", "older than the request");
+    // Fresh at every look, root's, and readable by root alone.
+    ExpectRefused("/proc/self/environ", "empty");
     Make(path, 0600, "");
     ExpectRefused(path, "empty");
 }
 
 TEST_F(SecretFileTest, HasAnAbsolutePath) {
     ASSERT_EQ(::chdir(folder.c_str()), 0);
-    Make("ticket");
-    ExpectRefused("ticket", "no absolute path");
-    ExpectRefused("./ticket", "no absolute path");
-    ExpectRefused("", "no absolute path");
-    ASSERT_EQ(::chdir("/"), 0);
-}
-
-TEST_F(SecretFileTest, HasAPathWithoutNulBytes) {
     Make(path);
-    ExpectRefused(path + std::string("\0x", 2), "no absolute path");
+    for (const std::string& other :
+         {std::string("ticket"), std::string("./ticket"), std::string(), path + std::string("\0x", 2)}) {
+        ExpectRefused(other, "no absolute path");
+    }
+    ASSERT_EQ(::chdir("/"), 0);
 }
 
 TEST_F(SecretFileTest, HasAPathThatNeverLeadsUpwards) {
@@ -321,7 +275,7 @@ TEST_F(SecretFileTest, HasAPathOfBoundedLength) {
     ExpectRefused("/" + std::string(1000000, 'a'), "the path is too long");
 }
 
-TEST_F(SecretFileTest, IsJudgedByWhatWasOpenedNotByWhatTheNameMeantBefore) {
+TEST_F(SecretFileTest, IsCheckedAfterItWasOpened) {
     Make(path);
     const std::string other = folder + "/other";
     Make(other, 0644, "world's");
@@ -344,14 +298,11 @@ TEST_F(SecretFileTest, IsJudgedByWhatWasOpenedNotByWhatTheNameMeantBefore) {
     EXPECT_GT(opened, 0);
 }
 
-TEST_F(SecretFileTest, IsNamedInTheRefusalWithoutItsControlCharacters) {
-    try {
-        Open(folder + "/\x1b[31m\nfake log line");
-        FAIL();
-    } catch (const SystemException& thrown) {
-        EXPECT_THAT(thrown.what(), HasSubstr(folder + "/\\x1b[31m\\x0afake log line"));
-        EXPECT_THAT(thrown.what(), HasSubstr("No such file"));
-    }
+TEST_F(SecretFileTest, IsNamedInTheRefusalWithItsControlCharactersEscaped) {
+    const std::string message =
+        MessageOf<SystemException>([&] { Open(folder + "/\x1b[31m\nfake log line"); });
+    EXPECT_THAT(message, HasSubstr(folder + "/\\x1b[31m\\x0afake log line"));
+    EXPECT_THAT(message, HasSubstr("No such file"));
 }
 
 // The daemon's own directory, in a /run of this process's own.
@@ -377,11 +328,8 @@ class DaemonDirectoryTest : public SecretFileTest {
     const std::string ticket = directory + "/ticket";
 };
 
-TEST_F(DaemonDirectoryTest, MakesItsOwnerTrusted) {
+TEST_F(DaemonDirectoryTest, MakesItsOwnerAndNobodyElseTrusted) {
     EXPECT_EQ(ReadBytes(*Open(ticket), 100), "password");
-}
-
-TEST_F(DaemonDirectoryTest, MakesNobodyElseTrusted) {
     ASSERT_EQ(::chown(ticket.c_str(), otherUser - 1, 0), 0);
     ExpectRefused(ticket, "owner is not trusted");
 }

@@ -31,50 +31,37 @@ Ref<SSLContext> MakeContext(const Ref<Crypto::KeyStore>& keys) {
     return context;
 }
 
-// Its key and certificate are of use here, it is never connected to.
+// The servers are there for their keys and certificates.
 class SSLContextTest : public testing::Test {
   protected:
     KelvTest::TlsTestServer server{[](KelvTest::ServedConnection&) {}};
     KelvTest::TlsTestServer other{[](KelvTest::ServedConnection&) {}};
 };
 
-TEST(KeyStore, HandsOutWhatItWasMadeOf) {
+TEST(KeyStore, HoldsWhatItWasMadeOf) {
     const auto keys = MakeKeys("key", "certificate", {"one", "two"});
     EXPECT_EQ(keys->GetPrivateKey(), "key");
     EXPECT_EQ(keys->GetCertificate(), "certificate");
     EXPECT_THAT(keys->GetTrustedCertificates(), ElementsAre("one", "two"));
-}
-
-TEST(KeyStore, MayBeEmpty) {
-    const auto keys = MakeKeys();
-    EXPECT_EQ(keys->GetPrivateKey(), "");
-    EXPECT_EQ(keys->GetCertificate(), "");
-    EXPECT_THAT(keys->GetTrustedCertificates(), IsEmpty());
-}
-
-TEST(KeyStore, HasNoKeyWithoutACertificateNorTheReverse) {
+    const auto empty = MakeKeys();
+    EXPECT_EQ(empty->GetPrivateKey() + empty->GetCertificate(), "");
+    EXPECT_THAT(empty->GetTrustedCertificates(), IsEmpty());
     EXPECT_THROW(MakeKeys("key", ""), InvalidArgumentException);
     EXPECT_THROW(MakeKeys("", "certificate"), InvalidArgumentException);
 }
 
-TEST(InitSSL, MayBeCalledAgain) {
+TEST(InitSSL, MayBeCalledAgainButAcceptsNoOptions) {
     InitSSL("");
     EXPECT_NO_THROW(InitSSL(""));
-}
-
-TEST(InitSSL, TakesNoOptions) {
     EXPECT_THROW(InitSSL("fast"), InvalidArgumentException);
 }
 
-TEST_F(SSLContextTest, AsksForTls12OrNewer) {
+TEST_F(SSLContextTest, RequiresTls12AndVerifiesAgainstTrustedCertificates) {
     const auto context = MakeContext(MakeKeys());
     EXPECT_EQ(SSL_CTX_get_min_proto_version(context->GetNative()), TLS1_2_VERSION);
-}
-
-TEST_F(SSLContextTest, IdentifiesThePeerOnlyWithTrustedCertificates) {
-    EXPECT_EQ(SSL_CTX_get_verify_mode(MakeContext(MakeKeys())->GetNative()), SSL_VERIFY_NONE);
-    const auto context = MakeContext(MakeKeys("", "", {server.GetCertificate()}));
-    EXPECT_EQ(SSL_CTX_get_verify_mode(context->GetNative()), SSL_VERIFY_PEER);
+    EXPECT_EQ(SSL_CTX_get_verify_mode(context->GetNative()), SSL_VERIFY_NONE);
+    const auto verifying = MakeContext(MakeKeys("", "", {server.GetCertificate()}));
+    EXPECT_EQ(SSL_CTX_get_verify_mode(verifying->GetNative()), SSL_VERIFY_PEER);
 }
 
 TEST_F(SSLContextTest, UsesTheKeyAndItsCertificate) {
@@ -94,7 +81,7 @@ TEST_F(SSLContextTest, RefusesTextsThatAreNoKeysOrCertificates) {
     }
 }
 
-TEST_F(SSLContextTest, RefusesAKeyOfAnotherCertificateAndSaysWhy) {
+TEST_F(SSLContextTest, RefusesAKeyOfAnotherCertificateWithTheReason) {
     try {
         MakeContext(MakeKeys(server.GetPrivateKey(), other.GetCertificate()));
         FAIL();

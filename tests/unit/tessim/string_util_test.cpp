@@ -63,7 +63,7 @@ TEST(TruncateUtf8, NeverEndsInsideACharacter) {
     }
 }
 
-TEST(TruncateUtf8, CutsBytesThatAreNoUtf8Anywhere) {
+TEST(TruncateUtf8, TruncatesBytesThatAreNoUtf8Anywhere) {
     EXPECT_EQ(TruncateUtf8("\x80\x80\x80\x80\x80\x80", 5).size(), 5U);        // only continuations
     EXPECT_EQ(TruncateUtf8("a\xC0\x80z", 2).size(), 2U);                      // overlong
     EXPECT_EQ(TruncateUtf8("a\xE0\x80\x80z", 2).size(), 2U);                  // overlong
@@ -103,7 +103,7 @@ TEST(StrStrcpy, TerminatesWhatItCopies) {
     EXPECT_EQ(buffer[3], 'x');
 }
 
-TEST(StrStrcpy, CutsToFit) {
+TEST(StrStrcpy, TruncatesToFit) {
     std::array<char, 4> buffer{};
     EXPECT_STREQ(Str_Strcpy(buffer.data(), "abcdef", buffer.size()), "abc");
     EXPECT_STREQ(Str_Strcpy(buffer.data(), "ab\xC3\xA4", buffer.size()), "ab");

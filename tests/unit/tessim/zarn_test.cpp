@@ -11,28 +11,24 @@
 namespace Tessim::Zarn {
 namespace {
 
-class FakeStream final : public virtual Authd::ServiceStream, public ObjectImpl {
+class PlainStream : public virtual System::Stream, public ObjectImpl {
   public:
-    FakeStream(std::string path, int* alive) : path(std::move(path)), alive(alive) { ++*alive; }
-    ~FakeStream() override { --*alive; }
-
     std::size_t Read(void* /*buffer*/, std::size_t /*size*/) override { return 0; }
     void Write(const void* /*data*/, std::size_t /*size*/) override {}
     void Close() noexcept override {}
     bool IsOwn() const noexcept override { return true; }
+};
+
+class FakeStream final : public virtual Authd::ServiceStream, public PlainStream {
+  public:
+    FakeStream(std::string path, int* alive) : path(std::move(path)), alive(alive) { ++*alive; }
+    ~FakeStream() override { --*alive; }
+
     const std::string& GetConnectionPath() const override { return path; }
 
   private:
     std::string path;
     int* alive;
-};
-
-class PlainStream final : public virtual System::Stream, public ObjectImpl {
-  public:
-    std::size_t Read(void* /*buffer*/, std::size_t /*size*/) override { return 0; }
-    void Write(const void* /*data*/, std::size_t /*size*/) override {}
-    void Close() noexcept override {}
-    bool IsOwn() const noexcept override { return true; }
 };
 
 class ZarnSvcTest : public testing::Test {
@@ -46,29 +42,22 @@ class ZarnSvcTest : public testing::Test {
     Ref<ZarnSvc> service;
 };
 
-TEST_F(ZarnSvcTest, NamesAStreamByItsConnectionPath) {
-    EXPECT_EQ(service->GetConnectionPath(MakeRef<FakeStream>("/c/1", &alive).Get(), 0), "/c/1");
-    EXPECT_EQ(alive, 1);
-}
-
-TEST_F(ZarnSvcTest, LeadsALocalPathToItsStreamAndRemotePath) {
+TEST_F(ZarnSvcTest, ResolvesALocalPathByItsLastMapping) {
+    EXPECT_THROW(service->MapPath("/c/1", "/far/", "/near/"), InvalidArgumentException);
+    EXPECT_THROW(service->Resolve("/near/"), InvalidArgumentException);
     const Ref<FakeStream> stream = MakeRef<FakeStream>("/c/1", &alive);
-    service->MapPath(service->GetConnectionPath(stream.Get(), 0), "/far/", "/near/");
+    EXPECT_EQ(service->GetConnectionPath(stream.Get(), 0), "/c/1");
+    service->MapPath("/c/1", "/far/", "/near/");
     const Route route = service->Resolve("/near/");
     EXPECT_EQ(route.stream.Get(), stream.Get());
     EXPECT_EQ(route.remotePath, "/far/");
-}
-
-TEST_F(ZarnSvcTest, ReplacesAMappingByTheNextOne) {
-    const Ref<FakeStream> stream = MakeRef<FakeStream>("/c/1", &alive);
-    service->GetConnectionPath(stream.Get(), 0);
-    service->MapPath("/c/1", "/far/", "/near/");
     service->MapPath("/c/1", "/farther/", "/near/");
     EXPECT_EQ(service->Resolve("/near/").remotePath, "/farther/");
 }
 
 TEST_F(ZarnSvcTest, ReplacesAStreamByTheNextOfTheSamePath) {
     service->GetConnectionPath(MakeRef<FakeStream>("/c/1", &alive).Get(), 0);
+    EXPECT_EQ(alive, 1);
     service->MapPath("/c/1", "/far/", "/near/");
     const Ref<FakeStream> next = MakeRef<FakeStream>("/c/1", &alive);
     service->GetConnectionPath(next.Get(), 0);
@@ -76,23 +65,15 @@ TEST_F(ZarnSvcTest, ReplacesAStreamByTheNextOfTheSamePath) {
     EXPECT_EQ(service->Resolve("/near/").stream.Get(), next.Get());
 }
 
-TEST_F(ZarnSvcTest, TakesNoStreamWithoutAConnectionPath) {
+TEST_F(ZarnSvcTest, AcceptsNoFlagsAndNoStreamWithoutAConnectionPath) {
     EXPECT_THROW(service->GetConnectionPath(MakeRef<PlainStream>().Get(), 0), InvalidArgumentException);
     EXPECT_THROW(service->GetConnectionPath(nullptr, 0), InvalidArgumentException);
-}
-
-TEST_F(ZarnSvcTest, TakesNoFlags) {
     EXPECT_THROW(service->GetConnectionPath(MakeRef<FakeStream>("/c/1", &alive).Get(), 1),
                  InvalidArgumentException);
     EXPECT_EQ(alive, 0);
 }
 
-TEST_F(ZarnSvcTest, MapsNothingToAnUnknownConnection) {
-    EXPECT_THROW(service->MapPath("/c/1", "/far/", "/near/"), InvalidArgumentException);
-    EXPECT_THROW(service->Resolve("/near/"), InvalidArgumentException);
-}
-
-TEST_F(ZarnSvcTest, ForgetsEverythingAtShutdown) {
+TEST_F(ZarnSvcTest, ReleasesEverythingAtShutdown) {
     service->GetConnectionPath(MakeRef<FakeStream>("/c/1", &alive).Get(), 0);
     service->MapPath("/c/1", "/far/", "/near/");
     service->Shutdown();
