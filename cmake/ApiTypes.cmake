@@ -2,6 +2,7 @@
 # is included as "<folder>/<schema>.h".
 function(generate_api_types target schema)
   set(generator ${PROJECT_SOURCE_DIR}/runtime/ordane/generate.py)
+  file(GLOB modules CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/runtime/ordane/generator/*.py)
   set(input ${PROJECT_SOURCE_DIR}/${schema}.yaml)
   set(root ${PROJECT_BINARY_DIR}/generated)
   get_filename_component(folder ${root}/${schema} DIRECTORY)
@@ -10,7 +11,7 @@ function(generate_api_types target schema)
     OUTPUT ${root}/${schema}.h ${root}/${schema}.cpp
     COMMAND ${KELV_PYTHON} ${generator} header ${input} ${root}/${schema}.h
     COMMAND ${KELV_PYTHON} ${generator} source ${input} ${root}/${schema}.cpp ${schema}.h
-    DEPENDS ${generator} ${input}
+    DEPENDS ${generator} ${modules} ${input}
     COMMENT "Generating ${schema}.h"
     VERBATIM)
   target_sources(${target} PRIVATE ${root}/${schema}.cpp ${root}/${schema}.h)
