@@ -225,34 +225,15 @@ Tessim::Ref<DataObject> ReadObject(pugi::xml_node element, const DataObjectType&
 }
 
 bool IsText(std::string_view text) {
-    const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
-    const std::size_t size = text.size();
-    for (std::size_t at = 0; at < size;) {
-        const unsigned lead = bytes[at];
-        if (lead < 0x80) {
-            if (lead < 0x20 && lead != '\t' && lead != '\n' && lead != '\r') {
-                return false;
-            }
-            ++at;
-            continue;
-        }
-        const std::size_t length = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
-        if (lead < 0xc2 || lead > 0xf4 || size - at < length) {
+    while (!text.empty()) {
+        const std::size_t length = Tessim::StringUtil::Utf8Length(text);
+        const std::string_view character = text.substr(0, length);
+        const bool isControl =
+            length == 1 && text[0] < ' ' && text[0] != '\t' && text[0] != '\n' && text[0] != '\r';
+        if (length == 0 || isControl || character == "\xEF\xBF\xBE" || character == "\xEF\xBF\xBF") {
             return false;
         }
-        unsigned long code = lead & (0x7fU >> length);
-        for (std::size_t offset = 1; offset < length; ++offset) {
-            if ((bytes[at + offset] & 0xc0U) != 0x80U) {
-                return false;
-            }
-            code = (code << 6U) | (bytes[at + offset] & 0x3fU);
-        }
-        const bool overlong = (length == 3 && code < 0x800) || (length == 4 && code < 0x10000);
-        if (overlong || (code >= 0xd800 && code <= 0xdfff) || code > 0x10ffff || code == 0xfffe ||
-            code == 0xffff) {
-            return false;
-        }
-        at += length;
+        text.remove_prefix(length);
     }
     return true;
 }

@@ -16,7 +16,14 @@ bool IsContinuation(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
 }
 
-// The length of the UTF-8 character that `text` starts with; 0 when it starts with none.
+// Appends `prefix` and the two hexadecimal digits of `byte`.
+void AppendEscaped(std::string& result, std::string_view prefix, unsigned char byte) {
+    constexpr std::string_view digits = "0123456789abcdef";
+    result.append(prefix).append({digits[byte >> 4U], digits[byte & 0xFU]});
+}
+
+}  // namespace
+
 std::size_t Utf8Length(std::string_view text) {
     const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
     const unsigned char lead = byte(0);
@@ -34,14 +41,6 @@ std::size_t Utf8Length(std::string_view text) {
                        (lead == 0xF0 && second < 0x90) || (lead == 0xF4 && second > 0x8F);
     return wrong ? 0 : length;
 }
-
-// Appends `prefix` and the two hexadecimal digits of `byte`.
-void AppendEscaped(std::string& result, std::string_view prefix, unsigned char byte) {
-    constexpr std::string_view digits = "0123456789abcdef";
-    result.append(prefix).append({digits[byte >> 4U], digits[byte & 0xFU]});
-}
-
-}  // namespace
 
 std::vector<std::string> Tokenize(std::string_view text, std::string_view separators) {
     std::vector<std::string> parts;

@@ -19,6 +19,10 @@ int ParseInt(std::string_view text);
 // `text` without blanks, tabs and line ends at either end.
 std::string Trim(std::string_view text);
 
+// The length in bytes of the UTF-8 character at the start of `text`, which is not empty; 0 when there is
+// none: stray, missing or overlong bytes, a surrogate, or more than U+10FFFF.
+std::size_t Utf8Length(std::string_view text);
+
 // The longest prefix of `text` that has at most `limit` bytes and does not end inside a UTF-8 character.
 // Bytes that are not UTF-8 are truncated anywhere.
 std::string_view TruncateUtf8(std::string_view text, std::size_t limit);

@@ -64,6 +64,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     std::string used = path;
     std::string result = "from an earlier call";
     GetPathFromDsPath(pairs.empty() ? nullptr : array.Get(), used, result);
-    Tessim::Assert(result == Expected(pairs, path), "a datastore path leads where the rule says");
+    Tessim::Assert(result == Expected(pairs, path), "a datastore path resolves by the rule");
     return 0;
 }

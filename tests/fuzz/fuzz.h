@@ -4,6 +4,6 @@
 #include <cstddef>
 #include <cstdint>
 
-// Gives the code under test one input. Always answers 0; a failure ends the process.
+// Runs the code under test on one input. Always returns 0; a failure ends the process.
 // The name is libFuzzer's.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);

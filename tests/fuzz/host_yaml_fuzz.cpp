@@ -68,7 +68,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         CheckCarried(*Vessad::ReadHost({reinterpret_cast<const char*>(data), size}, "host.yaml"));
     } catch (const Vessad::Yaml::Error& mistake) {
         Tessim::Assert(std::string_view(mistake.what()).starts_with("host.yaml:"),
-                       "a mistake says where it is");
+                       "a mistake is reported with its place");
     }
     return 0;
 }

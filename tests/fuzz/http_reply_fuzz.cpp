@@ -28,7 +28,7 @@ std::optional<std::string> Ask(const std::string& reply, std::size_t pieceSize) 
         const std::string sent = stream->written;
         try {
             instance->RetrieveContent(content);
-            Tessim::Assert(false, "a broken connection answers nothing");
+            Tessim::Assert(false, "a broken connection returns nothing");
         } catch (const Ordane::Fault::HostCommunication::Exception&) {
             Tessim::Assert(stream->written == sent, "a broken connection is asked nothing");
         }

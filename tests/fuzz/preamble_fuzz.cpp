@@ -14,7 +14,7 @@ namespace {
 
 using Authd::preambleLineEnd;
 
-// What the client makes of a service that sends `stream`.
+// Checks the client's parser with a server that sends `stream`.
 void CheckReply(std::string_view stream) {
     std::size_t read = 0;
     std::optional<std::string> path;
@@ -29,7 +29,7 @@ void CheckReply(std::string_view stream) {
     } catch (const Tessim::StreamException& refused) {
         Tessim::Assert(std::all_of(refused.what(), refused.what() + std::string_view(refused.what()).size(),
                                    [](char c) { return c >= ' ' && c <= '~'; }),
-                       "a refusal can be shown to people");
+                       "a refusal is printable");
     }
     const std::size_t end = stream.find(preambleLineEnd);
     const std::size_t length = end == std::string_view::npos ? stream.size() : end + preambleLineEnd.size();
@@ -40,11 +40,11 @@ void CheckReply(std::string_view stream) {
                        (length <= Authd::maxPreambleLine && end != std::string_view::npos &&
                         line.starts_with("200 ") && line.size() > 4 &&
                         std::all_of(line.begin(), line.end(), [](char c) { return c >= ' ' && c <= '~'; })),
-                   "a path is taken when there is one");
+                   "a path is returned when there is one");
     Tessim::Assert(!path || *path == line.substr(4), "the path is what follows the status");
 }
 
-// What the daemon makes of a client that sends `line`.
+// Checks the daemon's parser with a client that sends `line`.
 void CheckRequest(std::string_view line) {
     const auto request = Authd::ParseRequestLine(line);
     if (!request) {
@@ -55,17 +55,17 @@ void CheckRequest(std::string_view line) {
         written = Authd::MakeRequestLine(*request);
     } catch (const Tessim::InvalidArgumentException&) {
         Tessim::Assert(line.size() + preambleLineEnd.size() > Authd::maxPreambleLine,
-                       "what the daemon takes a client can say, unless it is too long");
+                       "a client can make what the daemon accepts, unless it is too long");
         return;
     }
     written.resize(written.size() - preambleLineEnd.size());
     const auto again = Authd::ParseRequestLine(written);
     Tessim::Assert(again && again->selector == request->selector && again->text1 == request->text1 &&
                        again->text2 == request->text2,
-                   "the daemon understands what a client says");
+                   "the daemon parses what a client makes");
 }
 
-// The line that asks for any texts.
+// Checks the request line with any texts.
 void CheckTexts(std::string_view text) {
     const std::size_t cut = std::min(text.find('\n'), text.size());
     const std::string first(text.substr(0, cut));
@@ -77,7 +77,7 @@ void CheckTexts(std::string_view text) {
         const auto request =
             Authd::ParseRequestLine(std::string_view(line).substr(0, line.size() - preambleLineEnd.size()));
         Tessim::Assert(request && request->text1 == first && request->text2 == second,
-                       "the daemon is told what the client was");
+                       "the daemon gets the texts of the client");
     } catch (const Tessim::InvalidArgumentException&) {
         return;
     }

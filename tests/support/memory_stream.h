@@ -1,4 +1,4 @@
-// A connection to a daemon in memory: what it sends is given, what it was sent is kept.
+// A connection in memory to a daemon with prepared replies; what is written to it is kept.
 #pragma once
 
 #include <algorithm>
@@ -18,9 +18,9 @@ class MemoryStream final : public virtual Tessim::Authd::ServiceStream, public T
   public:
     // The daemon's replies, one for each request.
     std::deque<std::string> replies;
-    // How many bytes a read answers at most.
+    // How many bytes a read returns at most.
     std::size_t pieceSize = 4096;
-    // What a read answers when there is nothing left: the end of the stream unless told otherwise.
+    // What a read returns when there is nothing left: the end of the stream by default.
     std::function<std::size_t()> atEnd = [] { return std::size_t{0}; };
 
     // Everything that was written.

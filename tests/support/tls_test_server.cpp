@@ -232,7 +232,7 @@ TlsTestServer::TlsTestServer(Script script, int newestVersion)
 
     listener = Listen(port);
     Require(::listen(listener, 16) == 0, "listen");
-    // The thread takes no signals: a SIGALRM or SIGPIPE of a test is the client's.
+    // The thread blocks all signals: a SIGALRM or SIGPIPE of a test is for the client.
     sigset_t all;
     sigset_t before;
     sigfillset(&all);

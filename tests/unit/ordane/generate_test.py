@@ -45,7 +45,7 @@ class Folder:
         return ""
 
     def run(self, description):
-        """The generator's exit status and what it says."""
+        """The generator's exit status and error output."""
         self.schema.write_text(description, encoding="utf-8")
         result = subprocess.run([sys.executable, GENERATOR, "header", self.schema, self.output],
                                 capture_output=True, text=True, check=False)

@@ -13,7 +13,7 @@ namespace Sample {
 // An Everything in which every member is set, lists with two elements, to values that differ from each other.
 Tessim::Ref<Everything> MakeEverything();
 
-// Answers what it was given to answer, and keeps what it was asked.
+// Returns prepared results and keeps its calls.
 class FakeShop final : public Shop {
   public:
     FakeShop() : Shop(Tessim::MakeRef<Ordane::MoRef>("Shop", "shop-1")) {}

@@ -43,7 +43,7 @@ std::string Refusal(const std::string& text, const Limits& limits = {}) {
     return "nothing";
 }
 
-// Counts what the XML library takes, and refuses once as much as allowed was taken.
+// Counts the allocations of the XML library and fails those beyond the allowed number.
 class XmlMemory {
   public:
     explicit XmlMemory(int allowed) {

@@ -35,7 +35,7 @@ using KelvTest::Wire;
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 
-// Long enough for any busy host, short enough to tell "it waited for the budget" from "it hung".
+// Long enough for any busy host, short enough to distinguish a wait for the budget from a hang.
 constexpr auto soon = 20s;
 
 // How an attempt to open a stream ends.

@@ -127,8 +127,8 @@ TEST(TlsStream, IsBrokenWhenThePeerResetsIt) {
     EXPECT_THAT(MessageOf<StreamException>([&] { client.Read(); }), HasSubstr("Connection reset by peer"));
 }
 
-// A peer that has closed in order answers the next bytes with a reset, and the bytes after those make a
-// SIGPIPE, as does a close_notify.
+// A closed peer resets the connection at the next bytes; the bytes after those, or a close_notify, raise a
+// SIGPIPE.
 TEST(TlsStream, RaisesNoSignalWhenThePeerIsGone) {
     ::signal(SIGPIPE, SIG_DFL);
     for (const bool close : {false, true}) {
@@ -191,7 +191,7 @@ TEST(TlsStream, BelongsToTheProcessThatOpenedIt) {
 }
 
 TEST(TlsStream, EndsAnOperationAtTheDeadlineAndStartsTheBackoff) {
-    const std::string large(32U << 20U, 'x');  // more than any socket takes in
+    const std::string large(32U << 20U, 'x');  // more than any socket buffers
     for (const bool write : {false, true}) {
         Connected client;
         std::string message;

@@ -41,7 +41,7 @@ TEST(ParseInt, ThrowsOnEverythingElse) {
     EXPECT_THROW(ParseInt(std::string_view("1\0", 2)), InvalidArgumentException);
 }
 
-TEST(Trim, DropsBlanksTabsAndLineEndsAtBothEnds) {
+TEST(Trim, RemovesBlanksTabsAndLineEndsAtBothEnds) {
     EXPECT_EQ(Trim(" \t\r\n a b \n\r\t "), "a b");
     EXPECT_EQ(Trim(" \n"), "");
     EXPECT_EQ(Trim(""), "");
