@@ -24,6 +24,9 @@ struct Limits {
     std::size_t maxDepth = 64;
 };
 
+// The messages of a call of `method` of the object `target`, of its response and of a fault, in UTF-8.
+// `request` and `response` are the method's request and response objects. They throw std::bad_alloc rather
+// than leave something out.
 std::string EncodeRequest(const MoRef& target, const MethodInfo& method, const DataObject& request);
 std::string EncodeResponse(const MethodInfo& method, const DataObject& response);
 std::string EncodeFault(const Fault::MethodFault& fault);

@@ -42,6 +42,7 @@ std::string TextOf(pugi::xml_node element);
 // that is empty. Throws as ReadObject does.
 Tessim::Ref<MoRef> ReadReference(pugi::xml_node element, std::string_view declaredType,
                                  Unknown unknown = Unknown::Refuse);
+// Appends the reference to `parent` as the element `name`.
 void WriteReference(pugi::xml_node parent, std::string_view name, const MoRef& reference);
 
 // A name from a peer for a message: escaped (StringUtil::EscapeUntrusted) and truncated to 64 bytes.

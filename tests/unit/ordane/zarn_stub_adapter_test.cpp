@@ -34,6 +34,8 @@ class FakeLogger final : public virtual Tessim::Service::Logger, public Tessim::
     std::string name = "fake";
 };
 
+const std::string unusable = "the daemon's HTTP reply is unusable: ";
+const std::string bodyLimit = unusable + "body limit exceeded";
 const std::string sweepReply = "<Envelope><Body><SweepResponse/></Body></Envelope>";
 
 std::string WithLength(const std::string& body, const std::string& more = {}) {
@@ -229,7 +231,7 @@ TEST_F(ZarnStubAdapterTest, RefusesAReplyOfUnclearLength) {
                                          {"Content-Length: 18446744073709551616\r\n", bad},
                                          {"Content-Length: 99999999999999999999999999\r\n", bad}}) {
         EXPECT_THAT(FailureOf("HTTP/1.1 200 OK\r\n" + fields + "\r\n" + sweepReply),
-                    StartsWith("the daemon's HTTP reply is unusable: " + reason))
+                    StartsWith(unusable + reason))
             << fields;
     }
 }
@@ -238,7 +240,7 @@ TEST_F(ZarnStubAdapterTest, RefusesALengthBeyondTheLimitBeforeItReadsTheBody) {
     for (const char* length : {"33554433", "100000000", "18446744073709551615"}) {
         const std::string body(100'000, ' ');
         EXPECT_EQ(FailureOf(std::string("HTTP/1.1 200 OK\r\nContent-Length: ") + length + "\r\n\r\n" + body),
-                  "the daemon's HTTP reply is unusable: body limit exceeded")
+                  bodyLimit)
             << length;
         EXPECT_GT(stream->GetUnread(), 50'000U);
     }
@@ -254,17 +256,15 @@ TEST_F(ZarnStubAdapterTest, HasALimitOfTheBodyHoweverItComes) {
     for (const std::string& reply :
          {Chunked(larger, chunk), Chunked(larger, larger.size()), "HTTP/1.1 200 OK\r\n\r\n" + larger,
           std::string("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nfffffffffffffff0\r\n")}) {
-        EXPECT_EQ(FailureOf(reply), "the daemon's HTTP reply is unusable: body limit exceeded");
+        EXPECT_EQ(FailureOf(reply), bodyLimit);
     }
 }
 
 TEST_F(ZarnStubAdapterTest, RefusesALongReplyBeforeTheLogin) {
     const std::string fitting = sweepReply + std::string(maxReplyBytesBeforeLogin - sweepReply.size(), ' ');
     EXPECT_EQ(FailureBeforeLoginOf(WithLength(fitting)), "nothing");
-    EXPECT_EQ(FailureBeforeLoginOf(WithLength(fitting + ' ')),
-              "the daemon's HTTP reply is unusable: body limit exceeded");
-    EXPECT_EQ(FailureBeforeLoginOf(Chunked(fitting + ' ', 1000)),
-              "the daemon's HTTP reply is unusable: body limit exceeded");
+    EXPECT_EQ(FailureBeforeLoginOf(WithLength(fitting + ' ')), bodyLimit);
+    EXPECT_EQ(FailureBeforeLoginOf(Chunked(fitting + ' ', 1000)), bodyLimit);
     EXPECT_EQ(FailureOf(WithLength(fitting + ' ')), "nothing");
 }
 
@@ -274,7 +274,7 @@ TEST_F(ZarnStubAdapterTest, RefusesALongReplyAfterARefusedLogin) {
         "</Body></Envelope>";
     EXPECT_THROW(LogIn(refusal), Fault::InvalidLogin::Exception);
     stream->replies = {WithLength(sweepReply + std::string(maxReplyBytesBeforeLogin, ' '))};
-    EXPECT_EQ(Failure(), "the daemon's HTTP reply is unusable: body limit exceeded");
+    EXPECT_EQ(Failure(), bodyLimit);
 }
 
 TEST_F(ZarnStubAdapterTest, RefusesAHeaderWithoutEnd) {
@@ -287,7 +287,7 @@ TEST_F(ZarnStubAdapterTest, RefusesAHeaderWithoutEnd) {
     }();
     for (const std::string& header : {manyFields, "HTTP/1.1 200 OK\r\nX-Long: " + std::string(1'000'000, 'x'),
                                       "HTTP/1.1 200 " + std::string(1'000'000, 'x')}) {
-        EXPECT_EQ(FailureOf(header), "the daemon's HTTP reply is unusable: header limit exceeded");
+        EXPECT_EQ(FailureOf(header), unusable + "header limit exceeded");
         EXPECT_GT(stream->GetUnread(), 900'000U);
     }
 }
@@ -299,8 +299,7 @@ TEST_F(ZarnStubAdapterTest, RefusesAHeaderBeyondTheLimit) {
                           "X-Long: " + std::string(size - (bare.size() - sweepReply.size()), 'x') + "\r\n");
     };
     EXPECT_EQ(FailureOf(withHeaderOf(maxHeaderBytes)), "nothing");
-    EXPECT_EQ(FailureOf(withHeaderOf(maxHeaderBytes + 1)),
-              "the daemon's HTTP reply is unusable: header limit exceeded");
+    EXPECT_EQ(FailureOf(withHeaderOf(maxHeaderBytes + 1)), unusable + "header limit exceeded");
 }
 
 TEST_F(ZarnStubAdapterTest, RefusesBadChunks) {
@@ -308,8 +307,7 @@ TEST_F(ZarnStubAdapterTest, RefusesBadChunks) {
     for (const char* chunks : {"zz\r\nabc\r\n0\r\n\r\n", "\r\nabc\r\n0\r\n\r\n", "-3\r\nabc\r\n0\r\n\r\n",
                                "3\r\nabcdef\r\n0\r\n\r\n", "3\nabc\n0\n\n", "3 3\r\nabc\r\n0\r\n\r\n",
                                "10000000000000000\r\nabc\r\n0\r\n\r\n", "3;\r\nabc\r\n0\r\n\r\n"}) {
-        EXPECT_THAT(FailureOf(header + chunks), StartsWith("the daemon's HTTP reply is unusable: "))
-            << chunks;
+        EXPECT_THAT(FailureOf(header + chunks), StartsWith(unusable)) << chunks;
     }
 }
 
@@ -318,7 +316,7 @@ TEST_F(ZarnStubAdapterTest, RefusesChunkHeadersAndTrailersWithoutEnd) {
     const std::string endless(1'000'000, 'x');
     for (const std::string& chunks : {"5;name=" + endless, std::string(1'000'000, '0'), "0;name=" + endless,
                                       "0\r\nX-Trailer: " + endless}) {
-        EXPECT_EQ(FailureOf(header + chunks), "the daemon's HTTP reply is unusable: buffer overflow");
+        EXPECT_EQ(FailureOf(header + chunks), unusable + "buffer overflow");
         EXPECT_GT(stream->GetUnread(), 900'000U);
     }
 }
@@ -329,7 +327,7 @@ TEST_F(ZarnStubAdapterTest, RefusesWhatIsNoHttp) {
           "HTTP/1.1 2000 OK\r\n\r\n", "HTTP/1.1 OK\r\n\r\n", "HTTP/1.1 200 OK\nA: b\n\n",
           "HTTP/1.1 200 OK\r\nNo colon\r\n\r\n", "HTTP/1.1 200 OK\r\nA : b\r\n\r\n",
           "<Envelope><Body><SweepResponse/></Body></Envelope>"}) {
-        EXPECT_THAT(FailureOf(reply), StartsWith("the daemon's HTTP reply is unusable: ")) << reply;
+        EXPECT_THAT(FailureOf(reply), StartsWith(unusable)) << reply;
     }
 }
 

@@ -272,13 +272,17 @@ TEST_P(BrokenOff, IsAStreamErrorAtEveryByte) {
 INSTANTIATE_TEST_SUITE_P(Authd, BrokenOff,
                          testing::Combine(testing::Values(TLS1_2_VERSION, TLS1_3_VERSION), testing::Bool()));
 
-TEST(AuthdClient, ReportsThatNobodyListensAtEveryAttempt) {
+TEST(AuthdClient, ReportsThatNobodyListensAndLeavesTheHandleAsItWas) {
+    TlsTestServer server(Serve);
+    Ref<System::Stream> stream = OpenStream(server.GetPort());
+    const System::Stream* const before = stream.Get();
     const auto port = FreePort();
-    for (int i = 0; i < 2; ++i) {
-        const Outcome outcome = Try(port);
-        EXPECT_EQ(outcome.kind, Outcome::Stream);
-        EXPECT_EQ(outcome.message,
+    for (int i = 0; i < 2; ++i) {  // without a backoff
+        EXPECT_EQ(MessageOf<StreamException>([&] {
+                      MakeClient()->Open(Authd::Selector::ManagementApi, "localhost", port, "", "", stream);
+                  }),
                   "cannot connect to localhost:" + std::to_string(port) + ": Connection refused");
+        EXPECT_EQ(stream.Get(), before);
     }
 }
 
@@ -309,15 +313,6 @@ TEST(AuthdClient, ConnectsToNobodyForTextsThatDoNotFitTheLine) {
         MakeClient()->Open(Authd::Selector::ManagementApi, "localhost", server.GetPort(), "", "a\"b", stream),
         InvalidArgumentException);
     EXPECT_EQ(server.GetAccepted(), 0);
-}
-
-TEST(AuthdClient, LeavesTheHandleAsItWasWhenItFails) {
-    TlsTestServer server(Serve);
-    Ref<System::Stream> stream = OpenStream(server.GetPort());
-    const System::Stream* const before = stream.Get();
-    EXPECT_THROW(MakeClient()->Open(Authd::Selector::ManagementApi, "localhost", FreePort(), "", "", stream),
-                 StreamException);
-    EXPECT_EQ(stream.Get(), before);
 }
 
 TEST(AuthdClient, ThrowsWithoutADescriptor) {
@@ -397,13 +392,6 @@ TEST(AuthdDeadline, EndsAWaitForTheConnection) {
     for (const int descriptor : waiting) {
         ::close(descriptor);
     }
-}
-
-TEST(AuthdDeadline, IsFiveSecondsAwayOutsideABudget) {
-    TlsTestServer server(Silent);
-    const auto start = Clock::now();
-    EXPECT_EQ(Try(server.GetPort()).kind, Outcome::Timeout);
-    EXPECT_GE(Clock::now() - start, 5s);
 }
 
 TEST(AuthdBackoff, FailsTheNextAttemptsAtOnceWithTheSameMessage) {
