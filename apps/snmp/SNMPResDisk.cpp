@@ -6,12 +6,19 @@
 
 namespace {
 
+// One line per column.
+// clang-format off
 constexpr SNMP::Column<resDiskNode> columns[] = {
-    {1, "diskIdx", &resDiskNode::diskIdx},           {2, "diskName", &resDiskNode::diskName},
-    {3, "diskVMID", &resDiskNode::diskVMID},         {4, "diskShares", &resDiskNode::diskShares},
-    {5, "diskNumRead", &resDiskNode::diskNumRead},   {6, "diskRead", &resDiskNode::diskRead},
-    {7, "diskNumWrite", &resDiskNode::diskNumWrite}, {8, "diskWrite", &resDiskNode::diskWrite},
+    {1, "diskIdx", &resDiskNode::diskIdx},
+    {2, "diskName", &resDiskNode::diskName},
+    {3, "diskVMID", &resDiskNode::diskVMID},
+    {4, "diskShares", &resDiskNode::diskShares},
+    {5, "diskNumRead", &resDiskNode::diskNumRead},
+    {6, "diskRead", &resDiskNode::diskRead},
+    {7, "diskNumWrite", &resDiskNode::diskNumWrite},
+    {8, "diskWrite", &resDiskNode::diskWrite},
 };
+// clang-format on
 
 constexpr SNMP::Table<resDiskNode, 1> table{
     .handlerName = "SNMP_ResDiskTable",

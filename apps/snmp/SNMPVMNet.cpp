@@ -6,11 +6,16 @@
 
 namespace {
 
+// One line per column.
+// clang-format off
 constexpr SNMP::Column<vmNetNode> columns[] = {
-    {1, "nicVmIdx", &vmNetNode::vmIdx},      {2, "nicIdx", &vmNetNode::nicIdx},
-    {3, "nicLabel", &vmNetNode::nicLabel},   {4, "nicNetwork", &vmNetNode::nicNetwork},
+    {1, "nicVmIdx", &vmNetNode::vmIdx},
+    {2, "nicIdx", &vmNetNode::nicIdx},
+    {3, "nicLabel", &vmNetNode::nicLabel},
+    {4, "nicNetwork", &vmNetNode::nicNetwork},
     {5, "nicDevice", &vmNetNode::nicDevice},
 };
+// clang-format on
 
 constexpr SNMP::Table<vmNetNode, 2> table{
     .handlerName = "SNMP_VMNetTable",
