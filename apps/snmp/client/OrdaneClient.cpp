@@ -3,7 +3,7 @@
 #include "apps/snmp/agent/Backtrace.h"
 #include "apps/snmp/agent/NetSnmp.h"
 #include "apps/snmp/client/SNMPWriter.h"
-#include "apps/snmp/refresh/WrappingSum.h"
+#include "apps/snmp/client/WrappingSum.h"
 #include "runtime/ordane/faults.h"
 #include "runtime/tessim/exception.h"
 

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "apps/snmp/collections/Rows.h"
+
 namespace SNMP {
 
 // Rewinds to the head.
@@ -27,13 +29,21 @@ int NextRow(Row** row, std::int32_t& index, Row*& traversal) {
     return index++;
 }
 
-// Releases every row and its `owned` strings, and leaves the list empty. Rows returned before are invalid
-// then; index and traversal keep their values until the next rewind.
-template <class Row, class... Strings>
-void DestroyRows(Row*& head, Strings Row::*... owned) {
+// Releases the strings that `row` owns.
+template <class Row>
+void FreeStrings(const Row& row) {
+    for (const auto string : ownedStrings<Row>) {
+        std::free(row.*string);
+    }
+}
+
+// Releases every row with the strings that it owns, and leaves the list empty. Rows returned before are
+// invalid then; index and traversal keep their values until the next rewind.
+template <class Row>
+void DestroyRows(Row*& head) {
     while (head != nullptr) {
         Row* const row = head;
-        (std::free(row->*owned), ...);
+        FreeStrings(*row);
         head = row->next;
         std::free(row);
     }

@@ -4,6 +4,7 @@
 // null. `char*` strings are heap copies that the row owns; `const char*` strings outlive every row.
 #pragma once
 
+#include <array>
 #include <cstdint>
 
 // A VM; its position in the array is its index.
@@ -111,3 +112,22 @@ struct resNetNode {
     std::uint64_t netHCRx;     // kilobytes received
     resNetNode* next;
 };
+
+// The strings that a row of the type owns: what a collection releases with the row.
+template <class Row>
+inline constexpr std::array<char * Row::*, 0> ownedStrings{};
+template <>
+inline constexpr std::array ownedStrings<vmEntry>{&vmEntry::vmDisplayName, &vmEntry::vmConfigFile,
+                                                  &vmEntry::vmGuestOS, &vmEntry::vmState,
+                                                  &vmEntry::vmGuestState};
+template <>
+inline constexpr std::array ownedStrings<vmHBANode>{&vmHBANode::hbaLabel, &vmHBANode::hbaType};
+template <>
+inline constexpr std::array ownedStrings<vmHBATgtNode>{&vmHBATgtNode::tgtLabel};
+template <>
+inline constexpr std::array ownedStrings<vmNetNode>{&vmNetNode::nicLabel, &vmNetNode::nicNetwork,
+                                                    &vmNetNode::nicDevice};
+template <>
+inline constexpr std::array ownedStrings<vmFloppyNode>{&vmFloppyNode::fdBacking, &vmFloppyNode::fdConnected};
+template <>
+inline constexpr std::array ownedStrings<vmCDROMNode>{&vmCDROMNode::cdBacking, &vmCDROMNode::cdConnected};

@@ -24,12 +24,7 @@ int SNMPVMInfoTable_GetNext(vmEntry** row) {
 void SNMPVMInfoTable_Destroy() {
     if (vmInfoTable != nullptr) {
         for (std::int32_t position = 0; position < vmInfoTableNumEnt; ++position) {
-            const vmEntry& row = vmInfoTable[position];
-            std::free(row.vmDisplayName);
-            std::free(row.vmConfigFile);
-            std::free(row.vmGuestOS);
-            std::free(row.vmState);
-            std::free(row.vmGuestState);
+            SNMP::FreeStrings(vmInfoTable[position]);
         }
         std::free(vmInfoTable);
         vmInfoTable = nullptr;
@@ -58,7 +53,7 @@ int SNMPVMHBATable_GetNext(vmHBANode** row) {
 }
 
 void SNMPVMHBATable_Destroy() {
-    SNMP::DestroyRows(vmHBAList, &vmHBANode::hbaLabel, &vmHBANode::hbaType);
+    SNMP::DestroyRows(vmHBAList);
 }
 
 vmHBANode** SNMPVMHBATable_GetPtr() {
@@ -78,7 +73,7 @@ int SNMPVMHBATgtTable_GetNext(vmHBATgtNode** row) {
 }
 
 void SNMPVMHBATgtTable_Destroy() {
-    SNMP::DestroyRows(vmHBATgtList, &vmHBATgtNode::tgtLabel);
+    SNMP::DestroyRows(vmHBATgtList);
 }
 
 vmHBATgtNode** SNMPVMHBATgtTable_GetPtr() {
@@ -98,7 +93,7 @@ int SNMPVMNetTable_GetNext(vmNetNode** row) {
 }
 
 void SNMPVMNetTable_Destroy() {
-    SNMP::DestroyRows(vmNetList, &vmNetNode::nicLabel, &vmNetNode::nicNetwork, &vmNetNode::nicDevice);
+    SNMP::DestroyRows(vmNetList);
 }
 
 vmNetNode** SNMPVMNetTable_GetPtr() {
@@ -118,7 +113,7 @@ int SNMPVMFloppyTable_GetNext(vmFloppyNode** row) {
 }
 
 void SNMPVMFloppyTable_Destroy() {
-    SNMP::DestroyRows(vmFloppyList, &vmFloppyNode::fdBacking, &vmFloppyNode::fdConnected);
+    SNMP::DestroyRows(vmFloppyList);
 }
 
 vmFloppyNode** SNMPVMFloppyTable_GetPtr() {
@@ -138,7 +133,7 @@ int SNMPVMCDROMTable_GetNext(vmCDROMNode** row) {
 }
 
 void SNMPVMCDROMTable_Destroy() {
-    SNMP::DestroyRows(vmCDROMList, &vmCDROMNode::cdBacking, &vmCDROMNode::cdConnected);
+    SNMP::DestroyRows(vmCDROMList);
 }
 
 vmCDROMNode** SNMPVMCDROMTable_GetPtr() {

@@ -3,10 +3,10 @@
 #include <algorithm>
 
 #include "apps/snmp/agent/NetSnmp.h"
+#include "apps/snmp/client/WrappingSum.h"
 #include "apps/snmp/collections/SNMPStrings.h"
 #include "apps/snmp/refresh/ListFiller.h"
 #include "apps/snmp/refresh/VMExtraction.h"
-#include "apps/snmp/refresh/WrappingSum.h"
 #include "runtime/tessim/string_util.h"
 
 using SNMP::ListFiller;
