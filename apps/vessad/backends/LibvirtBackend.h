@@ -12,7 +12,7 @@ namespace Vessad {
 // A backend on the libvirt host at `uri`, kept up to date by threads of its own. It waits a few seconds for
 // the first inventory; while the host cannot be reached, the inventory is empty and the backend keeps trying.
 //
-// The machines' ids are kept in `stateDirectory`, which is made when it is missing.
+// The VMs' ids are kept in `stateDirectory`, which is created if it is missing.
 //
 // Throws std::runtime_error with a text for the operator when it can never work: a URI that libvirt does not
 // understand, or a state directory that cannot be written.

@@ -2,8 +2,10 @@
 
 #include <charconv>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <set>
+#include <string>
 #include <string_view>
 
 #include "runtime/hask/performance_counters.h"
@@ -128,16 +130,6 @@ class Builder {
 };
 
 }  // namespace
-
-CounterKeys KeysOf(const std::vector<Tessim::Ref<Hask::PerformanceManager::CounterInfo>>& catalogue) {
-    CounterKeys keys;
-    for (const auto& counter : catalogue) {
-        keys.emplace(
-            Hask::Counters::FullName(counter->GetGroupInfo()->GetKey(), counter->GetNameInfo()->GetKey()),
-            counter->GetKey());
-    }
-    return keys;
-}
 
 std::vector<Series> BuildSeries(const Statistics& statistics, const DomainDescription& domain,
                                 const CounterKeys& keys) {

@@ -1,8 +1,6 @@
 // Turns a sample of a domain's statistics into the API's series.
 #pragma once
 
-#include <map>
-#include <string>
 #include <vector>
 
 #include "apps/vessad/backends/Backend.h"
@@ -11,18 +9,12 @@
 
 namespace Vessad::Libvirt {
 
-// The keys of the catalogue's counters by "group.name".
-using CounterKeys = std::map<std::string, int, std::less<>>;
-
-CounterKeys KeysOf(const std::vector<Tessim::Ref<Hask::PerformanceManager::CounterInfo>>& catalogue);
-
 // Returns the series of a domain. Statistics that are not in the sample, and counters that are not in `keys`,
 // are left out.
 //
 //   counter     instance                               unit
 //   cpu.used    enabled virtual CPUs, counted from 0   milliseconds
-//   mem.active  empty                                  kilobytes in use in the guest, where its balloon
-//   driver
+//   mem.active  empty                                  kilobytes in use in the guest if its balloon driver
 //                                                      reports them, else resident on the host
 //   disk.*      name of the disk, summed over the      requests and kilobytes
 //               disks of one name
