@@ -20,7 +20,7 @@ CONFIG = "/etc/libvirt/qemu"
 # collection 2 s. Deadlines allow for a host with other work.
 COLLECTED = 120
 # How long a guest may take to start working.
-PATIENCE = 180
+GUEST_TIMEOUT = 180
 # For how long the inventory outlives libvirtd.
 KEPT = 60
 
@@ -82,7 +82,7 @@ def start_two_guests(libvirtd):
         return all(vm.get("vcpu.0.time", 0) > 10 ** 9 and sum(v for k, v in vm.items() if k.endswith("rd.reqs")) > 20
                    for vm in numbers.values())
 
-    system.wait_until(have_worked, "the guests to read their disks", PATIENCE)
+    system.wait_until(have_worked, "the guests to read their disks", GUEST_TIMEOUT)
 
 
 def test_the_walk_equals_what_virsh_says_of_running_guests(libvirtd, start_libvirt_daemon, start_agent):
@@ -104,13 +104,13 @@ def test_a_card_shows_what_the_guest_sends_and_receives(libvirtd, start_libvirt_
         numbers, = statistics(libvirtd).values()
         return sum(value for name, value in numbers.items() if name.endswith(f"{direction}.pkts"))
 
-    system.wait_until(lambda: packets("tx") > 0, "the firmware to request an address", PATIENCE)
+    system.wait_until(lambda: packets("tx") > 0, "the firmware to request an address", GUEST_TIMEOUT)
 
     def has_received():
         libvirtd.send_to_guests(20)
         return packets("rx") > packets("tx") + 100
 
-    system.wait_until(has_received, "the card to receive", PATIENCE)
+    system.wait_until(has_received, "the card to receive", GUEST_TIMEOUT)
     before = statistics(libvirtd)
     daemon = start_libvirt_daemon(libvirtd.uri)
     agent = start_agent()
@@ -262,7 +262,7 @@ def test_frozen_guests_delay_nobody(libvirtd, start_libvirt_daemon, directory):
     def have_read(more_than=20):
         return all(vm.get("block.vda.rd.reqs", 0) > more_than for vm in statistics(libvirtd).values())
 
-    system.wait_until(have_read, "the guests to read their disks", PATIENCE)
+    system.wait_until(have_read, "the guests to read their disks", GUEST_TIMEOUT)
     daemon = start_libvirt_daemon(libvirtd.uri)
     vm_ids = daemon.vm_ids()
     numbers = {name: vm_ids[libvirtd.virsh(f"domuuid {name}")[0].strip()] for name in names}

@@ -95,6 +95,7 @@ TEST_F(SampleTrackerTest, LetsAThreadThatWasNotReplacedGoOn) {
     Pass(seconds(2));
     EXPECT_TRUE(Succeed(call.id));
     EXPECT_EQ(AddThreads(), 0);
+    EXPECT_THAT(tracker.EndRound(), IsEmpty());
 }
 
 // libvirt fails a call after a while when another program's call holds the domain.
@@ -160,6 +161,21 @@ TEST_F(SampleTrackerTest, WaitsForConnectionsAsLongAsTheirTimeoutSinceTheLastPro
     EXPECT_EQ(tracker.NextCheck(now), std::nullopt);
     EXPECT_THAT(tracker.EndRound(), ElementsAre(Key("0")));
     EXPECT_THAT(log.GetText(), IsEmpty());
+}
+
+TEST_F(SampleTrackerTest, CountsTheTimeForConnectionsFromTheEndOfTheLastCallInTime) {
+    StartRound(2);
+    AddThreads();
+    tracker.StartCall(now);
+    Pass(seconds(2));
+    Pass(seconds(9));
+    EXPECT_EQ(tracker.NextCheck(now), now + seconds(1)) << "the call became late 9 s ago";
+    SampleTracker slow({.call = std::chrono::hours(1), .open = seconds(10)});
+    slow.StartRound({{"0", "vm-0"}}, now);
+    EXPECT_TRUE(slow.AddThread());
+    slow.StartCall(now);
+    now += seconds(11);
+    EXPECT_EQ(slow.NextCheck(now), now + seconds(10));
 }
 
 TEST_F(SampleTrackerTest, EndsTheRoundOfAHostWhoseConnectionBroke) {

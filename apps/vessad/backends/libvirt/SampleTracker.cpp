@@ -27,7 +27,6 @@ std::string LocalTime(std::chrono::system_clock::time_point moment) {
 }  // namespace
 
 void SampleTracker::StartRound(const std::vector<SampledDomain>& domains, TimePoint now) {
-    ++round;
     lastProgress = now;
     samples.clear();
     RemoveUnresponsiveExcept(domains);
@@ -100,8 +99,7 @@ bool SampleTracker::AddThread() {
 
 SampleTracker::Call SampleTracker::StartCall(TimePoint now) {
     const int id = ++lastCall;
-    const auto& call =
-        calls.emplace(id, RunningCall{std::move(queue.front()), now, round, false}).first->second;
+    const auto& call = calls.emplace(id, RunningCall{std::move(queue.front()), now, false}).first->second;
     queue.pop_front();
     return {id, call.domain.uuid};
 }
@@ -114,7 +112,7 @@ bool SampleTracker::EndCall(int id, SampleResult result, TimePoint now) {
     lastProgress = now;
     if (result.statistics) {
         MarkResponsive(call.domain.uuid);
-        if (call.round == round && !call.late) {
+        if (!call.late) {
             samples[call.domain.uuid] = std::move(*result.statistics);
         }
     } else if (result.connectionBroke) {

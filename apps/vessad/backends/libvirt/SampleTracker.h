@@ -89,7 +89,6 @@ class SampleTracker {
     struct RunningCall {
         SampledDomain domain;
         TimePoint begun;
-        int round = 0;
         bool late = false;
     };
 
@@ -109,7 +108,6 @@ class SampleTracker {
     std::map<std::string, Statistics> samples;         // of this round, by UUID
     std::size_t threads = 0;
     std::size_t available = 0;
-    int round = 0;
     int lastCall = 0;
     TimePoint lastProgress;  // when a call was last waited for, became late or ended
     bool shortage = false;   // no thread is available, and the log says so
