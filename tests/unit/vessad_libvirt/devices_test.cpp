@@ -57,6 +57,8 @@ TEST_P(DevicesTest, AreDescribed) {
     EXPECT_THAT(lines, ElementsAreArray(GetParam().lines));
 }
 
+// Long lines are concatenated.
+// NOLINTBEGIN(bugprone-suspicious-missing-comma)
 INSTANTIATE_TEST_SUITE_P(
     OfDomains, DevicesTest,
     testing::Values(
@@ -183,6 +185,7 @@ INSTANTIATE_TEST_SUITE_P(
                     "VirtualEthernetCard 8001 | Network adapter 1 | user | MAC  | device user | connected",
                     "VirtualEthernetCard 8002 | Network adapter 2 | user | MAC  | device user | connected"}}),
     [](const auto& info) { return info.param.name; });
+// NOLINTEND(bugprone-suspicious-missing-comma)
 
 std::vector<int> CardKeys(const std::string& devices) {
     std::vector<int> keys;

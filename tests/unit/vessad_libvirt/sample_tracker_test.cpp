@@ -20,6 +20,7 @@ class SampleTrackerTest : public testing::Test {
     // Starts a round of the domains "0", "1" and so on, named "vm-0", "vm-1".
     void StartRound(int count) {
         std::vector<SampledDomain> domains;
+        domains.reserve(static_cast<std::size_t>(count));
         for (int number = 0; number < count; ++number) {
             domains.push_back({std::to_string(number), "vm-" + std::to_string(number)});
         }
@@ -110,6 +111,8 @@ TEST_F(SampleTrackerTest, TakesAnErrorForNoResponse) {
     Pass(seconds(0));
     EXPECT_EQ(tracker.NextCheck(now), std::nullopt) << "late at once";
     Succeed(next.id);
+    StartRound(1);
+    Succeed(tracker.StartCall(now).id);
     EXPECT_EQ(CountInLog("has not responded"), 1U);
     EXPECT_EQ(CountInLog("responds again"), 1U);
 }
@@ -147,6 +150,12 @@ TEST_F(SampleTrackerTest, StartsAtMostTwelveThreadsAndLogsOnceThatNoneIsAvailabl
     }
     EXPECT_TRUE(Succeed(calls[0]));
     EXPECT_NE(tracker.NextCheck(now), std::nullopt);
+    tracker.EndRound();
+    StartRound(40);
+    tracker.StartCall(now);
+    Pass(seconds(2));
+    tracker.EndRound();
+    EXPECT_EQ(CountInLog("error 12 VMs do not respond"), 2U) << "logged again after a response";
 }
 
 TEST_F(SampleTrackerTest, WaitsForConnectionsAsLongAsTheirTimeoutSinceTheLastProgress) {
