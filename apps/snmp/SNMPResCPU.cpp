@@ -42,7 +42,7 @@ constexpr SNMP::Table<resCPUNode, 1> table{
     .next = SNMPResCPUTable_GetNext,
     .index = {&resCPUNode::cpuVMID},
 };
-SNMP::TableAnswers answers;
+SNMP::AnswerBuffers buffers;
 
 constexpr auto SNMPResCPU_variables =
     SNMP::Join(SNMP::ScalarVariables<variable4>(scalars, SNMP_ResCPU),
@@ -59,20 +59,20 @@ u_char* SNMP_ResCPU(variable* vp, oid* name, size_t* length, int exact, size_t* 
         if (CheckParam(vp, name, length, exact, varLen, writeMethod) == 0) {
             return nullptr;
         }
-        u_char* answer = nullptr;
+        u_char* result = nullptr;
         if (vp->magic == numCpuCores) {
             // A signed 16-bit count: 32768 and more read negative.
-            answer = scalarAnswer.Set(static_cast<std::int16_t>(GetNumCpu()), varLen);
+            result = scalarAnswer.Set(static_cast<std::int16_t>(GetNumCpu()), varLen);
         }
         // Set after an answer too: managers have always found this text here.
         snmp_set_detail("SNMPResCPU: Unknown variable requested\n");
-        return answer;
+        return result;
     });
 }
 
 u_char* SNMP_ResCPUTable(variable* vp, oid* name, size_t* length, int exact, size_t* varLen,
                          WriteMethod** writeMethod) {
-    return SNMP::HandleTable(table, answers, {vp, name, length, exact, varLen, writeMethod});
+    return SNMP::HandleTable(table, buffers, {vp, name, length, exact, varLen, writeMethod});
 }
 
 void init_SNMPResCPU() {

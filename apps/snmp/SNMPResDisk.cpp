@@ -30,7 +30,7 @@ constexpr SNMP::Table<resDiskNode, 1> table{
     .next = SNMPResDiskTable_GetNext,
     .index = {&resDiskNode::diskIdx},
 };
-SNMP::TableAnswers answers;
+SNMP::AnswerBuffers buffers;
 
 constexpr auto SNMPResDisk_variables = SNMP::ColumnVariables<variable2, std::size(columns)>(table, 1);
 const oid SNMPResDisk_variables_oid[] = {1, 3, 6, 1, 4, 1, 32473, 3, 3};
@@ -41,7 +41,7 @@ SNMP::Registration registration("SNMPResDisk", SNMPResDisk_variables, SNMPResDis
 
 u_char* SNMP_ResDiskTable(variable* vp, oid* name, size_t* length, int exact, size_t* varLen,
                           WriteMethod** writeMethod) {
-    return SNMP::HandleTable(table, answers, {vp, name, length, exact, varLen, writeMethod});
+    return SNMP::HandleTable(table, buffers, {vp, name, length, exact, varLen, writeMethod});
 }
 
 void init_SNMPResDisk() {

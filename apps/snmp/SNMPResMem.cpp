@@ -32,7 +32,7 @@ constexpr SNMP::Table<resMemNode, 1> table{
     .next = SNMPResMemTable_GetNext,
     .index = {&resMemNode::memVMID},
 };
-SNMP::TableAnswers answers;
+SNMP::AnswerBuffers buffers;
 
 constexpr auto SNMPResMem_variables =
     SNMP::Join(SNMP::ScalarVariables<variable4>(scalars, SNMP_ResMem),
@@ -71,7 +71,7 @@ u_char* SNMP_ResMem(variable* vp, oid* name, size_t* length, int exact, size_t* 
 
 u_char* SNMP_ResMemTable(variable* vp, oid* name, size_t* length, int exact, size_t* varLen,
                          WriteMethod** writeMethod) {
-    return SNMP::HandleTable(table, answers, {vp, name, length, exact, varLen, writeMethod});
+    return SNMP::HandleTable(table, buffers, {vp, name, length, exact, varLen, writeMethod});
 }
 
 void init_SNMPResMem() {

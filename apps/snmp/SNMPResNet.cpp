@@ -37,7 +37,7 @@ constexpr SNMP::Table<resNetNode, 1> table{
     .next = SNMPResNetTable_GetNext,
     .index = {&resNetNode::netIdx},
 };
-SNMP::TableAnswers answers;
+SNMP::AnswerBuffers buffers;
 
 constexpr auto SNMPResNet_variables = SNMP::ColumnVariables<variable2, std::size(columns)>(table, 1);
 const oid SNMPResNet_variables_oid[] = {1, 3, 6, 1, 4, 1, 32473, 3, 4};
@@ -48,7 +48,7 @@ SNMP::Registration registration("SNMPResNet", SNMPResNet_variables, SNMPResNet_v
 
 u_char* SNMP_ResNetTable(variable* vp, oid* name, size_t* length, int exact, size_t* varLen,
                          WriteMethod** writeMethod) {
-    return SNMP::HandleTable(table, answers, {vp, name, length, exact, varLen, writeMethod});
+    return SNMP::HandleTable(table, buffers, {vp, name, length, exact, varLen, writeMethod});
 }
 
 void init_SNMPResNet() {

@@ -23,7 +23,7 @@ constexpr SNMP::Table<vmHBANode, 2> hbaTable{
     .next = SNMPVMHBATable_GetNext,
     .index = {&vmHBANode::vmIdx, &vmHBANode::hbaBus},
 };
-SNMP::TableAnswers hbaAnswers;
+SNMP::AnswerBuffers hbaBuffers;
 
 constexpr auto SNMPVMHBA_variables = SNMP::ColumnVariables<variable2, std::size(hbaColumns)>(hbaTable, 1);
 const oid SNMPVMHBA_variables_oid[] = {1, 3, 6, 1, 4, 1, 32473, 2, 2};
@@ -46,7 +46,7 @@ constexpr SNMP::Table<vmHBATgtNode, 2> tgtTable{
     .next = SNMPVMHBATgtTable_GetNext,
     .index = {&vmHBATgtNode::vmIdx, &vmHBATgtNode::tgtUnit},
 };
-SNMP::TableAnswers tgtAnswers;
+SNMP::AnswerBuffers tgtBuffers;
 
 constexpr auto SNMPVMTgt_variables = SNMP::ColumnVariables<variable2, std::size(tgtColumns)>(tgtTable, 1);
 const oid SNMPVMTgt_variables_oid[] = {1, 3, 6, 1, 4, 1, 32473, 2, 3};
@@ -57,12 +57,12 @@ SNMP::Registration tgtRegistration("SNMPVMTgt", SNMPVMTgt_variables, SNMPVMTgt_v
 
 u_char* SNMP_VMHBATable(variable* vp, oid* name, size_t* length, int exact, size_t* varLen,
                         WriteMethod** writeMethod) {
-    return SNMP::HandleTable(hbaTable, hbaAnswers, {vp, name, length, exact, varLen, writeMethod});
+    return SNMP::HandleTable(hbaTable, hbaBuffers, {vp, name, length, exact, varLen, writeMethod});
 }
 
 u_char* SNMP_VMHBATgtTable(variable* vp, oid* name, size_t* length, int exact, size_t* varLen,
                            WriteMethod** writeMethod) {
-    return SNMP::HandleTable(tgtTable, tgtAnswers, {vp, name, length, exact, varLen, writeMethod});
+    return SNMP::HandleTable(tgtTable, tgtBuffers, {vp, name, length, exact, varLen, writeMethod});
 }
 
 void init_SNMPVMDisk() {

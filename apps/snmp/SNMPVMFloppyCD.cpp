@@ -23,7 +23,7 @@ constexpr SNMP::Table<vmFloppyNode, 2> floppyTable{
     .next = SNMPVMFloppyTable_GetNext,
     .index = {&vmFloppyNode::vmIdx, &vmFloppyNode::fdUnit},
 };
-SNMP::TableAnswers floppyAnswers;
+SNMP::AnswerBuffers floppyBuffers;
 
 constexpr auto floppyTable_variables =
     SNMP::ColumnVariables<variable2, std::size(floppyColumns)>(floppyTable, 1);
@@ -48,7 +48,7 @@ constexpr SNMP::Table<vmCDROMNode, 2> cdromTable{
     .next = SNMPVMCDROMTable_GetNext,
     .index = {&vmCDROMNode::vmIdx, &vmCDROMNode::cdIdeIndex},
 };
-SNMP::TableAnswers cdromAnswers;
+SNMP::AnswerBuffers cdromBuffers;
 
 constexpr auto CDROMTable_variables =
     SNMP::ColumnVariables<variable2, std::size(cdromColumns)>(cdromTable, 1);
@@ -60,12 +60,12 @@ SNMP::Registration cdromRegistration("CDROMTable", CDROMTable_variables, CDROMTa
 
 u_char* SNMP_VMFloppyTable(variable* vp, oid* name, size_t* length, int exact, size_t* varLen,
                            WriteMethod** writeMethod) {
-    return SNMP::HandleTable(floppyTable, floppyAnswers, {vp, name, length, exact, varLen, writeMethod});
+    return SNMP::HandleTable(floppyTable, floppyBuffers, {vp, name, length, exact, varLen, writeMethod});
 }
 
 u_char* SNMP_VMCDROMTable(variable* vp, oid* name, size_t* length, int exact, size_t* varLen,
                           WriteMethod** writeMethod) {
-    return SNMP::HandleTable(cdromTable, cdromAnswers, {vp, name, length, exact, varLen, writeMethod});
+    return SNMP::HandleTable(cdromTable, cdromBuffers, {vp, name, length, exact, varLen, writeMethod});
 }
 
 void init_SNMPVMFloppyCD() {

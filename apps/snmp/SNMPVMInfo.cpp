@@ -27,7 +27,7 @@ constexpr SNMP::Table<vmEntry, 0> table{
     .next = SNMPVMInfoTable_GetNext,
     .index = {},
 };
-SNMP::TableAnswers answers;
+SNMP::AnswerBuffers buffers;
 
 constexpr auto SNMPVMInfo_variables = SNMP::ColumnVariables<variable2, std::size(columns)>(table, 1);
 const oid SNMPVMInfo_variables_oid[] = {1, 3, 6, 1, 4, 1, 32473, 2, 1};
@@ -38,7 +38,7 @@ SNMP::Registration registration("SNMPVMInfo", SNMPVMInfo_variables, SNMPVMInfo_v
 
 u_char* SNMP_VMInfoTable(variable* vp, oid* name, size_t* length, int exact, size_t* varLen,
                          WriteMethod** writeMethod) {
-    return SNMP::HandleTable(table, answers, {vp, name, length, exact, varLen, writeMethod});
+    return SNMP::HandleTable(table, buffers, {vp, name, length, exact, varLen, writeMethod});
 }
 
 void init_SNMPVMInfo() {

@@ -27,7 +27,7 @@ constexpr SNMP::Table<vmNetNode, 2> table{
     .next = SNMPVMNetTable_GetNext,
     .index = {&vmNetNode::vmIdx, &vmNetNode::nicIdx},
 };
-SNMP::TableAnswers answers;
+SNMP::AnswerBuffers buffers;
 
 constexpr auto SNMPVMNet_variables = SNMP::ColumnVariables<variable2, std::size(columns)>(table, 1);
 const oid SNMPVMNet_variables_oid[] = {1, 3, 6, 1, 4, 1, 32473, 2, 4};
@@ -38,7 +38,7 @@ SNMP::Registration registration("SNMPVMNet", SNMPVMNet_variables, SNMPVMNet_vari
 
 u_char* SNMP_VMNetTable(variable* vp, oid* name, size_t* length, int exact, size_t* varLen,
                         WriteMethod** writeMethod) {
-    return SNMP::HandleTable(table, answers, {vp, name, length, exact, varLen, writeMethod});
+    return SNMP::HandleTable(table, buffers, {vp, name, length, exact, varLen, writeMethod});
 }
 
 void init_SNMPVMNet() {

@@ -163,7 +163,7 @@ void Connection::Disconnect() {
 }
 
 void Connection::CheckTimeLeft() {
-    constexpr const char* step = "working on its answers";
+    constexpr const char* step = "processing its replies";
     Tessim::TimeBudget::CheckEnding(step);
     if (Tessim::Clock::now() >= Tessim::TimeBudget::Deadline()) {
         Tessim::Peer(sHostname, Hask::HostAgent::port).ThrowTimeout(step);

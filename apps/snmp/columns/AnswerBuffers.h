@@ -17,7 +17,7 @@ namespace SNMP {
 // bytes first the address is that of the buffer's low half.
 class IntegerAnswer {
   public:
-    u_char* Set(std::int32_t answer, std::size_t* length) noexcept;
+    u_char* Set(std::int32_t number, std::size_t* length) noexcept;
 
   private:
     long value = 0;
@@ -28,7 +28,7 @@ class StringAnswer {
   public:
     // Null counts as the empty text. A text of 2560 bytes or more is truncated before the first character
     // (UTF-8) that leaves no room for the terminator.
-    u_char* Set(const char* answer, std::size_t* length);
+    u_char* Set(const char* source, std::size_t* length);
 
   private:
     std::array<char, 2560> text{};
@@ -37,7 +37,7 @@ class StringAnswer {
 // A Counter64.
 class Counter64Answer {
   public:
-    u_char* Set(std::uint64_t answer, std::size_t* length) noexcept;
+    u_char* Set(std::uint64_t count, std::size_t* length) noexcept;
 
   private:
     counter64 value{};

@@ -14,7 +14,7 @@
 namespace SNMP {
 
 // The buffers of one handler. An answer stays valid until the handler's next one of the same type.
-struct TableAnswers {
+struct AnswerBuffers {
     IntegerAnswer integer;
     StringAnswer string;
     Counter64Answer counter;
@@ -22,27 +22,27 @@ struct TableAnswers {
 
 // The row's field in the buffer of its type, whose length goes to `varLen`.
 template <class Row>
-u_char* SetAnswer(const Row& row, const typename Column<Row>::Field& field, TableAnswers& answers,
+u_char* SetAnswer(const Row& row, const typename Column<Row>::Field& field, AnswerBuffers& buffers,
                   std::size_t* varLen) {
     return std::visit(
         [&](auto member) {
             const auto value = std::invoke(member, row);
             using Value = std::remove_const_t<decltype(value)>;
             if constexpr (std::is_same_v<Value, std::int32_t>) {
-                return answers.integer.Set(value, varLen);
+                return buffers.integer.Set(value, varLen);
             } else if constexpr (std::is_same_v<Value, std::uint64_t>) {
-                return answers.counter.Set(value, varLen);
+                return buffers.counter.Set(value, varLen);
             } else {
-                return answers.string.Set(value, varLen);
+                return buffers.string.Set(value, varLen);
             }
         },
         field);
 }
 
-// The answer to a request into `table`; null when no row answers it, for a magic that no column has, and,
+// The answer to a request into `table`; null when no row buffers it, for a magic that no column has, and,
 // with a line in the log, after an exception.
 template <class Row, std::size_t Width>
-u_char* HandleTable(const Table<Row, Width>& table, TableAnswers& answers, const Request& request) noexcept {
+u_char* HandleTable(const Table<Row, Width>& table, AnswerBuffers& buffers, const Request& request) noexcept {
     return Guard(table.handlerName, [&]() -> u_char* {
         SNMPRaskTable_Init();
         const Row* const row = FindRow(table, request);
@@ -54,7 +54,7 @@ u_char* HandleTable(const Table<Row, Width>& table, TableAnswers& answers, const
             snmp_set_detail(table.unknownColumn);
             return nullptr;
         }
-        return SetAnswer(*row, column->field, answers, request.varLen);
+        return SetAnswer(*row, column->field, buffers, request.varLen);
     });
 }
 
