@@ -11,6 +11,7 @@ if(KELV_SANITIZE)
   target_link_options(kelv_options INTERFACE -fsanitize=address,undefined)
 endif()
 if(KELV_COVERAGE)
-  target_compile_options(kelv_options INTERFACE --coverage)
+  # Several threads count.
+  target_compile_options(kelv_options INTERFACE --coverage -fprofile-update=atomic)
   target_link_options(kelv_options INTERFACE --coverage)
 endif()
