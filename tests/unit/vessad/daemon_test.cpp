@@ -5,12 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tests/unit/vessad/raw_client.h"
@@ -20,7 +17,6 @@
 namespace VessadTest {
 namespace {
 
-using namespace std::chrono_literals;
 using ::testing::HasSubstr;
 
 class DaemonTest : public ::testing::Test {
@@ -63,13 +59,7 @@ class DaemonTest : public ::testing::Test {
     }
 
     bool AwaitLog(const std::string& text) const {
-        for (int tries = 0; tries < 1000; ++tries) {
-            if (ReadAll(logPath).find(text) != std::string::npos) {
-                return true;
-            }
-            std::this_thread::sleep_for(10ms);
-        }
-        return false;
+        return Await([&] { return ReadAll(logPath).find(text) != std::string::npos; });
     }
 
     static int ExitCodeOf(pid_t process) {
@@ -149,9 +139,7 @@ TEST_F(DaemonTest, ListensInTheBackgroundWhenTheStarterReturns) {
     }
     ASSERT_EQ(found.size(), 1U);
     ::kill(found[0], SIGTERM);
-    for (int tries = 0; tries < 1000 && ::kill(found[0], 0) == 0; ++tries) {
-        std::this_thread::sleep_for(10ms);
-    }
+    EXPECT_TRUE(Await([&] { return ::kill(found[0], 0) != 0; }));
     EXPECT_THROW(RawClient{port}, std::runtime_error);
 }
 

@@ -8,11 +8,14 @@
 #include <sys/time.h>
 
 #include <array>
-#include <charconv>
+#include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <stdexcept>
+#include <thread>
 
 #include "runtime/hask/host_agent.h"
+#include "tests/unit/vessad/temporary_directory.h"
 
 namespace VessadTest {
 
@@ -21,12 +24,9 @@ namespace {
 constexpr timeval timeout{10, 0};
 
 // The number behind the first `mark` in `text`, or 0.
-int NumberAfter(std::string_view text, std::string_view mark) {
-    int number = 0;
-    if (const std::size_t at = text.find(mark); at != std::string_view::npos) {
-        std::from_chars(text.data() + at + mark.size(), text.data() + text.size(), number);
-    }
-    return number;
+int NumberAfter(const std::string& text, const std::string& mark) {
+    const std::size_t at = text.find(mark);
+    return at == std::string::npos ? 0 : std::atoi(text.c_str() + at + mark.size());
 }
 
 // Shared by all clients: creating one takes longer than a handshake.
@@ -49,6 +49,17 @@ std::string TextOf(const std::string& xml, const std::string& element) {
     const std::size_t at = xml.find("<" + element + ">");
     const std::size_t begin = at + element.size() + 2;
     return at == std::string::npos ? std::string() : xml.substr(begin, xml.find('<', begin) - begin);
+}
+
+bool Await(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout.tv_sec);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
 }
 
 RawClient::RawClient(std::uint16_t port)
@@ -82,7 +93,7 @@ std::string RawClient::Open(const std::string& line) {
         return {};
     }
     Send(line);
-    const std::string reply = ReadLine();
+    const std::string reply = ReadUntil([](std::string_view text) { return text.ends_with('\n'); });
     return reply.ends_with("\r\n") ? reply.substr(0, reply.size() - 2) : std::string();
 }
 
@@ -96,30 +107,12 @@ void RawClient::SendRaw(std::string_view bytes) {
     ::send(socket.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
 }
 
-std::string RawClient::Read(std::size_t size) {
-    std::string text(size, '\0');
-    std::size_t total = 0;
-    while (total < size) {
-        std::size_t count = 0;
-        if (SSL_read_ex(tls.get(), text.data() + total, size - total, &count) != 1) {
-            break;
-        }
-        total += count;
+std::string RawClient::ReadUntil(const std::function<bool(std::string_view)>& complete) {
+    std::string text;
+    for (char byte = 0; !complete(text) && SSL_read(tls.get(), &byte, 1) == 1;) {
+        text += byte;
     }
-    text.resize(total);
     return text;
-}
-
-std::string RawClient::ReadLine() {
-    std::string line;
-    while (!line.ends_with('\n')) {
-        const std::string byte = Read(1);
-        if (byte.empty()) {
-            break;
-        }
-        line += byte;
-    }
-    return line;
 }
 
 bool RawClient::IsClosed(int milliseconds) {
@@ -142,15 +135,10 @@ bool RawClient::IsClosed(int milliseconds) {
 HttpReply RawClient::Exchange(std::string_view request) {
     HttpReply reply;
     Send(request);
-    while (!reply.header.ends_with("\r\n\r\n")) {
-        const std::string line = ReadLine();
-        if (line.empty()) {
-            return reply;
-        }
-        reply.header += line;
-    }
+    reply.header = ReadUntil([](std::string_view text) { return text.ends_with("\r\n\r\n"); });
     reply.status = NumberAfter(reply.header, "HTTP/1.1 ");
-    reply.body = Read(static_cast<std::size_t>(NumberAfter(reply.header, "Content-Length: ")));
+    const auto length = static_cast<std::size_t>(NumberAfter(reply.header, "Content-Length: "));
+    reply.body = ReadUntil([length](std::string_view text) { return text.size() == length; });
     return reply;
 }
 
@@ -165,15 +153,14 @@ HttpReply RawClient::Call(const std::string& type, const std::string& id, const 
 }
 
 std::string RawClient::AcquireTicket() {
-    return TextOf(
+    return ReadAll(TextOf(
         Call("SessionManager", "ha-sessionmgr", "AcquireLocalTicket", "<userName>root</userName>").body,
-        "passwordFilePath");
+        "passwordFilePath"));
 }
 
-int RawClient::LogIn(const std::string& password) {
+HttpReply RawClient::LogIn(const std::string& password, const std::string& user) {
     return Call("SessionManager", "ha-sessionmgr", "Login",
-                "<userName>root</userName><password>" + password + "</password>")
-        .status;
+                "<userName>" + user + "</userName><password>" + password + "</password><locale>en</locale>");
 }
 
 }  // namespace VessadTest

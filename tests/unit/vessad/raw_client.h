@@ -4,6 +4,7 @@
 #include <openssl/ssl.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -24,6 +25,9 @@ std::string MakeCall(const std::string& type, const std::string& id, const std::
 
 // The text of the first element of that name, empty when there is none.
 std::string TextOf(const std::string& xml, const std::string& element);
+
+// Returns whether `condition` became true within 10 s.
+bool Await(const std::function<bool()>& condition);
 
 class RawClient {
   public:
@@ -51,15 +55,13 @@ class RawClient {
     // Posts an API call.
     HttpReply Call(const std::string& type, const std::string& id, const std::string& method,
                    const std::string& parameters = "");
-    // Returns the path of a new ticket's file, empty when there is no ticket.
+    // Returns the password of a new ticket, empty when there is no ticket.
     std::string AcquireTicket();
-    // Returns the status of the login's response.
-    int LogIn(const std::string& password);
+    HttpReply LogIn(const std::string& password, const std::string& user = "root");
 
   private:
-    std::string Read(std::size_t size);
-    // Up to and with the line feed; shorter when the connection was closed before.
-    std::string ReadLine();
+    // Reads bytes until `complete` returns true for them, or the connection is closed.
+    std::string ReadUntil(const std::function<bool(std::string_view)>& complete);
 
     Tessim::FileDescriptor socket;
     std::unique_ptr<SSL, decltype(&SSL_free)> tls;

@@ -1,4 +1,4 @@
-#include "apps/vessad/Server.h"
+#include "tests/unit/vessad/server_fixture.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,17 +11,12 @@
 #include <cerrno>
 #include <chrono>
 #include <deque>
-#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "runtime/tessim/preamble.h"
-#include "tests/unit/vessad/log_lines.h"
-#include "tests/unit/vessad/raw_client.h"
-#include "tests/unit/vessad/sample_host.h"
-#include "tests/unit/vessad/temporary_directory.h"
 
 namespace Vessad {
 namespace {
@@ -30,85 +25,28 @@ using namespace std::chrono_literals;
 using std::chrono::steady_clock;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::Not;
 using ::testing::StartsWith;
+using VessadTest::Await;
 using VessadTest::FilesIn;
 using VessadTest::RawClient;
-using VessadTest::ReadAll;
+using VessadTest::ServerTest;
 
 const std::string requestLine = "POST /tesk/api/ordane/ HTTP/1.1\r\n";
 
-class ServerTest : public ::testing::Test {
-  protected:
-    void StartServer() {
-        options.listen = ParseListenAddress("127.0.0.1:0");
-        options.tickets.directory = directory.GetPath() / "tickets";
-        server = std::make_unique<Server>(options, backend);
-        server->Start();
-        port = server->GetEndpoint().port();
-    }
-
-    static bool Await(const std::function<bool()>& condition) {
-        for (int tries = 0; tries < 500; ++tries) {
-            if (condition()) {
-                return true;
-            }
-            std::this_thread::sleep_for(10ms);
-        }
-        return false;
-    }
-
-    bool AwaitLog(const std::string& text) const {
-        return Await([&] { return log.GetText().find(text) != std::string::npos; });
-    }
-
-    std::vector<std::string> TicketFiles() const { return FilesIn(options.tickets.directory); }
-
-    // A client whose preamble has been accepted.
-    std::unique_ptr<RawClient> Opened() const {
-        auto client = std::make_unique<RawClient>(port);
-        EXPECT_THAT(client->Open(), StartsWith("200 /ordane/connection/"));
-        return client;
-    }
-
-    // A client that has logged in.
-    std::unique_ptr<RawClient> LoggedIn() const {
-        auto client = Opened();
-        EXPECT_EQ(client->LogIn(ReadAll(client->AcquireTicket())), 200);
-        return client;
-    }
-
-    static int ListVms(RawClient& client) {
-        return client.Call("Folder", "ha-folder-vm", "GetChildEntity").status;
-    }
-
-    VessadTest::LogLines log;
-    VessadTest::TemporaryDirectory directory;
-    VessadTest::TestBackend backend;
-    ServerOptions options;
-    std::unique_ptr<Server> server;
-    std::uint16_t port = 0;
-};
-
 TEST_F(ServerTest, KeepsTheLoginsOfConnectionsApart) {
-    StartServer();
     RawClient first(port);
     RawClient second(port);
     EXPECT_NE(first.Open(), second.Open());
-    const std::string password = ReadAll(first.AcquireTicket());
-    EXPECT_EQ(first.LogIn(password), 200);
+    EXPECT_EQ(first.LogIn(first.AcquireTicket()).status, 200);
     EXPECT_EQ(ListVms(first), 200);
     EXPECT_EQ(ListVms(second), 500);
     EXPECT_THAT(TicketFiles(), IsEmpty());
 }
 
 TEST_F(ServerTest, ServesClientsConcurrently) {
-    StartServer();
     std::atomic<int> served{0};
-    std::vector<std::thread> clients;
-    constexpr std::size_t clientCount = 8;
-    clients.reserve(clientCount);
-    while (clients.size() < clientCount) {
+    std::deque<std::jthread> clients;
+    for (int count = 0; count < 8; ++count) {
         clients.emplace_back([&] {
             for (int round = 0; round < 5; ++round) {
                 const auto client = LoggedIn();
@@ -118,22 +56,18 @@ TEST_F(ServerTest, ServesClientsConcurrently) {
             }
         });
     }
-    for (std::thread& client : clients) {
-        client.join();
-    }
+    clients.clear();
     EXPECT_EQ(served, 8 * 5 * 5);
     EXPECT_THAT(TicketFiles(), IsEmpty());
 }
 
 TEST_F(ServerTest, RequiresTls12) {
-    StartServer();
     EXPECT_FALSE(RawClient(port).Handshake(TLS1_1_VERSION));
     EXPECT_TRUE(RawClient(port).Handshake(TLS1_2_VERSION));
     EXPECT_TRUE(RawClient(port).Handshake(TLS1_3_VERSION));
 }
 
 TEST_F(ServerTest, RejectsOtherPreambles) {
-    StartServer();
     const std::string frame = "OPEN 2 \"\" \"\"\r\n";
     const std::string filler(Tessim::Authd::maxPreambleLine - frame.size(), 'x');
     EXPECT_THAT(RawClient(port).Open("OPEN 2 \"" + filler + "\" \"\"\r\n"), StartsWith("200 "));
@@ -149,34 +83,10 @@ TEST_F(ServerTest, RejectsOtherPreambles) {
 }
 
 TEST_F(ServerTest, AcceptsARequestTogetherWithThePreamble) {
-    StartServer();
     RawClient client(port);
     const std::string request = "GET / HTTP/1.1\r\nHost: localhost\r\n\r\n";
     EXPECT_THAT(client.Open("OPEN 2 \"\" \"\"\r\n" + request), StartsWith("200 "));
     EXPECT_EQ(client.Exchange("").status, 404);
-}
-
-TEST_F(ServerTest, AllowsOnlyTicketLoginAndServiceContentBeforeLogin) {
-    StartServer();
-    const auto client = Opened();
-    EXPECT_THAT(client->Call("ServiceInstance", "ServiceInstance", "RetrieveContent").body,
-                HasSubstr("1.2.3"));
-    for (const auto& [type, id, method] : std::vector<std::array<std::string, 3>>{
-             {"Folder", "ha-folder-vm", "GetChildEntity"},
-             {"VirtualMachine", "16", "GetConfig"},
-             {"VirtualMachine", "gone", "GetConfig"},
-             {"VirtualMachine", "16", "NoSuchMethod"},
-             {"Datastore", "ds-1", "GetInfo"},
-             {"HostSystem", "ha-host", "GetHardware"},
-             {"MemoryManagerSystem", "memoryManagerSystem", "GetConsoleReservationInfo"},
-             {"PerformanceManager", "ha-perfmgr", "GetPerfCounter"},
-             {"PerformanceManager", "ha-perfmgr", "QueryPerf"},
-             {"SessionManager", "ha-sessionmgr", "Logout"}}) {
-        const auto reply = client->Call(type, id, method);
-        EXPECT_EQ(reply.status, 500) << method;
-        EXPECT_THAT(reply.body, HasSubstr("<NotAuthenticated")) << method;
-        EXPECT_THAT(reply.body, Not(HasSubstr("web"))) << method;
-    }
 }
 
 // A request before the login, and the reply to it.
@@ -207,7 +117,6 @@ std::string Repeat(const std::string& text, int count) {
 class ServerRequestTest : public ServerTest, public ::testing::WithParamInterface<RequestCase> {};
 
 TEST_P(ServerRequestTest, IsRejectedAndTheConnectionClosedIfItsEndIsUnknown) {
-    StartServer();
     const auto client = Opened();
     const auto reply = client->Exchange(GetParam().request);
     EXPECT_EQ(reply.status, GetParam().status);
@@ -244,7 +153,6 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return info.param.name; });
 
 TEST_F(ServerTest, AcceptsLargerRequestsAfterLogin) {
-    StartServer();
     const auto client = LoggedIn();
     EXPECT_EQ(client->Post(std::string(1024UL * 1024, ' ')).status, 500);
     EXPECT_EQ(client->Post(Repeat("<x>", 100'000) + Repeat("</x>", 100'000)).status, 500);
@@ -253,7 +161,6 @@ TEST_F(ServerTest, AcceptsLargerRequestsAfterLogin) {
 }
 
 TEST_F(ServerTest, RemovesTheTicketOfAClosedConnection) {
-    StartServer();
     auto client = Opened();
     EXPECT_NE(client->AcquireTicket(), "");
     EXPECT_EQ(TicketFiles().size(), 1U);
@@ -267,14 +174,12 @@ TEST_F(ServerTest, DelaysTheReplyToARejectedLoginWithoutBlockingOthers) {
     const auto other = LoggedIn();
     std::atomic<int> rejected{0};
     std::atomic<int> early{0};
-    std::vector<std::thread> threads;
-    constexpr std::size_t guesserCount = 12;  // more than the server has threads
-    threads.reserve(guesserCount);
-    while (threads.size() < guesserCount) {
-        threads.emplace_back([&] {
+    std::deque<std::jthread> guessers;
+    for (int count = 0; count < 12; ++count) {  // more than the server has threads
+        guessers.emplace_back([&] {
             const auto guesser = Opened();
             const auto start = steady_clock::now();
-            rejected += guesser->LogIn("guess") == 500 ? 1 : 0;
+            rejected += guesser->LogIn("guess").status == 500 ? 1 : 0;
             early += steady_clock::now() - start < 300ms ? 1 : 0;
         });
     }
@@ -282,9 +187,7 @@ TEST_F(ServerTest, DelaysTheReplyToARejectedLoginWithoutBlockingOthers) {
     while (rejected == 0) {
         served += ListVms(*other) == 200 ? 1 : 0;
     }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    guessers.clear();
     EXPECT_GT(served, 0);
     EXPECT_EQ(rejected, 12);
     EXPECT_EQ(early, 0);
@@ -354,7 +257,7 @@ class CrowdedServerTest : public ServerTest {
         ::getrlimit(RLIMIT_NOFILE, &files);
         files.rlim_cur = std::min<rlim_t>(files.rlim_max, 16384);
         ::setrlimit(RLIMIT_NOFILE, &files);
-        StartServer();
+        ServerTest::SetUp();
     }
 
     void ExpectService() const { EXPECT_EQ(ListVms(*LoggedIn()), 200); }
@@ -370,13 +273,10 @@ TEST_F(CrowdedServerTest, ServesClientsBesideTwoThousandIdleAndSlowConnections) 
         crowd.push_back(std::make_unique<RawClient>(port));
     }
     ExpectService();
-    for (int count = 0; count < 2000; ++count) {
-        crowd[static_cast<std::size_t>(count)] = std::make_unique<RawClient>(port);
-        crowd[static_cast<std::size_t>(count)]->Open();
-        crowd[static_cast<std::size_t>(count)]->Send("P");
-        if (count % 500 == 0) {
-            ExpectService();
-        }
+    for (auto& client : crowd) {
+        client = std::make_unique<RawClient>(port);
+        client->Open();
+        client->Send("P");
     }
     ExpectService();
     EXPECT_EQ(ListVms(*before), 200);
@@ -428,7 +328,6 @@ TEST_F(CrowdedServerTest, RecoversFromRunningOutOfFiles) {
 }
 
 TEST_F(ServerTest, ClosesEverythingWhenItStops) {
-    StartServer();
     RawClient silent(port);
     const auto waiting = Opened();
     EXPECT_NE(waiting->AcquireTicket(), "");
@@ -443,18 +342,15 @@ TEST_F(ServerTest, ClosesEverythingWhenItStops) {
 }
 
 TEST_F(ServerTest, StopsWhileClientsAreBusy) {
-    StartServer();
     std::atomic<bool> stop{false};
-    std::vector<std::thread> clients;
-    constexpr std::size_t clientCount = 4;
-    clients.reserve(clientCount);
-    while (clients.size() < clientCount) {
+    std::deque<std::jthread> clients;
+    for (int count = 0; count < 4; ++count) {
         clients.emplace_back([&] {
             while (!stop) {
                 try {
                     RawClient client(port);
                     client.Open();
-                    client.LogIn(ReadAll(client.AcquireTicket()));
+                    client.LogIn(client.AcquireTicket());
                     ListVms(client);
                 } catch (const std::runtime_error&) {
                     // cannot connect after the stop
@@ -466,22 +362,15 @@ TEST_F(ServerTest, StopsWhileClientsAreBusy) {
     server->Stop();
     EXPECT_THAT(TicketFiles(), IsEmpty());
     stop = true;
-    for (std::thread& client : clients) {
-        client.join();
-    }
+    clients.clear();
 }
 
 TEST_F(ServerTest, NamesAddressAndReasonWhenItCannotListen) {
-    StartServer();
     ServerOptions second = options;
     second.listen = server->GetEndpoint();
-    try {
-        const Server other(second, backend);
-        FAIL() << "two servers on one port";
-    } catch (const std::runtime_error& error) {
-        EXPECT_THAT(error.what(),
-                    HasSubstr("cannot listen on 127.0.0.1 port " + std::to_string(port) + ": "));
-    }
+    EXPECT_THAT([&] { Server(second, backend); },
+                ::testing::ThrowsMessage<std::runtime_error>(
+                    HasSubstr("cannot listen on 127.0.0.1 port " + std::to_string(port) + ": ")));
 }
 
 }  // namespace

@@ -1,0 +1,65 @@
+// A running server of the sample host, and its clients.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "apps/vessad/Server.h"
+#include "tests/unit/vessad/log_lines.h"
+#include "tests/unit/vessad/raw_client.h"
+#include "tests/unit/vessad/sample_host.h"
+#include "tests/unit/vessad/temporary_directory.h"
+
+namespace VessadTest {
+
+class ServerTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        options.listen = Vessad::ParseListenAddress("127.0.0.1:0");
+        options.tickets.directory = directory.GetPath() / "tickets";
+        StartServer();
+    }
+
+    // Again after a change of options.
+    void StartServer() {
+        server = std::make_unique<Vessad::Server>(options, backend);
+        server->Start();
+        port = server->GetEndpoint().port();
+    }
+
+    bool AwaitLog(const std::string& text) const {
+        return Await([&] { return log.GetText().find(text) != std::string::npos; });
+    }
+
+    std::vector<std::string> TicketFiles() const { return FilesIn(options.tickets.directory); }
+
+    // A client whose preamble has been accepted.
+    std::unique_ptr<RawClient> Opened() const {
+        auto client = std::make_unique<RawClient>(port);
+        EXPECT_TRUE(client->Open().starts_with("200 /ordane/connection/"));
+        return client;
+    }
+
+    // A client that has logged in.
+    std::unique_ptr<RawClient> LoggedIn() const {
+        auto client = Opened();
+        EXPECT_EQ(client->LogIn(client->AcquireTicket()).status, 200);
+        return client;
+    }
+
+    static int ListVms(RawClient& client) {
+        return client.Call("Folder", "ha-folder-vm", "GetChildEntity").status;
+    }
+
+    LogLines log;
+    TemporaryDirectory directory;
+    TestBackend backend;
+    Vessad::ServerOptions options;
+    std::unique_ptr<Vessad::Server> server;
+    std::uint16_t port = 0;
+};
+
+}  // namespace VessadTest
