@@ -7,15 +7,25 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
-#include <vector>
+
+#include "runtime/tessim/file_descriptor.h"
 
 struct ssl_ctx_st;
 struct ssl_st;
 
 namespace KelvTest {
+
+// A new private key and its self-signed certificate, in PEM.
+struct Identity {
+    Identity();
+
+    std::string privateKey;
+    std::string certificate;
+};
 
 // How the bytes of one connection reach the client, whatever they mean.
 struct Wire {
@@ -24,28 +34,29 @@ struct Wire {
     std::chrono::microseconds byteInterval{0};  // when not 0: one byte at a time, this far apart
 };
 
-// One accepted connection, as the script sees it. The operations return quietly once the connection is gone
-// or the server stops.
+// One accepted connection, as the script sees it. The operations block; they return quietly once the
+// connection is gone or the server stops.
 class ServedConnection {
   public:
-    ServedConnection(ssl_ctx_st* context, int descriptor, const std::atomic<bool>& stopping);
+    ServedConnection(ssl_ctx_st* context, int descriptor);
     ServedConnection(const ServedConnection&) = delete;
     ServedConnection& operator=(const ServedConnection&) = delete;
+    // Closes nothing; a reset takes effect when the descriptor is closed.
     ~ServedConnection();
 
     void SetWire(const Wire& changed) { wire = changed; }
-    // Whether the handshake was completed.
-    bool Handshake();
+    void Handshake();
     // Up to and with the line feed; shorter when the connection ended before.
     std::string ReadLine();
     // Everything until the client's end of the stream.
     std::string ReadAll();
-    void Send(std::string_view text);
+    // Returns whether all of it was sent.
+    bool Send(std::string_view text);
     // Handshake, the client's line, and the reply "200 /connection/1", then `after` in the same TLS record.
-    // Whether all of it was sent.
+    // Returns whether all of it was sent.
     bool Serve(std::string_view after = "");
-    // Sends bytes outside TLS.
-    void SendRaw(std::string_view bytes);
+    // Sends bytes outside TLS. Returns whether all of them were sent.
+    bool SendRaw(std::string_view bytes);
     // Sends close_notify and waits for nothing.
     void SendCloseNotify();
     // Sends TLS 1.3 session tickets without end: records that the client must read but that carry no data.
@@ -54,27 +65,15 @@ class ServedConnection {
     void StaySilent();
 
     // Whether the client ended its stream with a close_notify. Known after ReadAll.
-    bool GotCloseNotify() const { return gotCloseNotify; }
+    bool GotCloseNotify() const;
     std::size_t GetSentBytes() const { return sent; }
-    // Whether nothing can be sent any more.
-    bool IsGone() const { return gone || stopping; }
 
   private:
-    template <class Call>
-    bool Drive(Call call);
-    bool Flush();
-    bool Fill();
-    bool WaitFor(short events) const;
-    bool ReadByte(char& byte);
-
     std::unique_ptr<ssl_st, void (*)(ssl_st*)> tls;
     int descriptor;
-    const std::atomic<bool>& stopping;
     Wire wire;
     std::size_t sent = 0;
     bool gone = false;
-    bool heldBack = false;  // something was left unsent
-    bool gotCloseNotify = false;
 };
 
 class TlsTestServer {
@@ -90,9 +89,7 @@ class TlsTestServer {
     ~TlsTestServer();
 
     std::uint16_t GetPort() const { return port; }
-    // The self-signed certificate and its key, in PEM.
-    const std::string& GetCertificate() const { return certificate; }
-    const std::string& GetPrivateKey() const { return privateKey; }
+    const std::string& GetCertificate() const { return identity.certificate; }
     // How many connections were accepted.
     int GetAccepted() const { return accepted; }
     // Waits until the script has ended `count` times.
@@ -102,12 +99,13 @@ class TlsTestServer {
     void Run();
 
     Script script;
+    Identity identity;
     std::unique_ptr<ssl_ctx_st, void (*)(ssl_ctx_st*)> context;
-    std::string certificate;
-    std::string privateKey;
-    int listener = -1;
     std::uint16_t port = 0;
-    std::atomic<bool> stopping{false};
+    Tessim::FileDescriptor listener;
+    std::mutex mutex;
+    Tessim::FileDescriptor connection;  // the one that is served; guarded by the mutex
+    bool stopping = false;              // guarded by the mutex
     std::atomic<int> accepted{0};
     std::atomic<int> ended{0};
     std::thread thread;

@@ -48,19 +48,16 @@ TEST_F(RefTest, ReleasesWhatItHeldWhenAssigned) {
     EXPECT_FALSE(circle);
 }
 
-TEST_F(RefTest, MovesWithoutTouchingTheCount) {
-    const Circle* object = circle.Get();
-    const Ref<Circle> to = std::move(circle);
-    EXPECT_EQ(to.Get(), object);
-    EXPECT_EQ(alive, 1);
-}
-
-TEST_F(RefTest, ComparesByIdentity) {
+TEST_F(RefTest, ComparesByIdentityAndMovesWithoutTouchingTheCount) {
     const Ref<Circle> other = MakeRef<Circle>(&alive);
     EXPECT_TRUE(circle == Ref<Circle>(circle));
     EXPECT_FALSE(circle == other);
     EXPECT_FALSE(circle == nullptr);
     EXPECT_TRUE(Ref<Circle>() == nullptr);
+    const Circle* const object = circle.Get();
+    const Ref<Circle> to = std::move(circle);
+    EXPECT_EQ(to.Get(), object);
+    EXPECT_EQ(alive, 2);
 }
 
 TEST_F(RefTest, NarrowsToTypesOfTheObjectOnly) {

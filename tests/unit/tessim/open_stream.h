@@ -1,4 +1,4 @@
-// Opening streams to a test server, and what must be level afterwards.
+// Streams to a test server, and what tests of streams check alike.
 #pragma once
 
 #include <arpa/inet.h>
@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <string>
@@ -30,9 +32,10 @@ inline Ref<Authd::Client> MakeClient(const std::vector<std::string>& trusted = {
 }
 
 inline Ref<System::Stream> OpenStream(std::uint16_t port, const std::string& host = "localhost",
-                                      const std::vector<std::string>& trusted = {}) {
+                                      const Ref<Authd::Client>& client = MakeClient(),
+                                      const std::string& text1 = "", const std::string& text2 = "") {
     Ref<System::Stream> stream;
-    MakeClient(trusted)->Open(Authd::Selector::ManagementApi, host, port, "", "", stream);
+    client->Open(Authd::Selector::ManagementApi, host, port, text1, text2, stream);
     return stream;
 }
 
@@ -46,6 +49,18 @@ std::string MessageOf(Action action) {
     }
     ADD_FAILURE() << "nothing was thrown";
     return "";
+}
+
+// Expects that `check` returns true in a child of fork.
+template <class Check>
+void ExpectInChild(Check check) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::_exit(check() ? 0 : 1);
+    }
+    int status = 0;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
 }
 
 // The open descriptors of this process that have all of the descriptor flags `flags`, without those of a

@@ -8,8 +8,6 @@
 
 #include "runtime/tessim/exception.h"
 
-// The application object belongs to the process, so each test makes it if it is not there yet.
-
 namespace Tessim::Service {
 namespace {
 
@@ -27,46 +25,37 @@ class Lines final : public virtual Writer, public ObjectImpl {
     std::vector<std::string> written;
 };
 
-void EnsureApp() {
-    if (!GetApp()) {
-        InitApp();
-    }
-}
-
 Ref<Logger> MakeLogger(Writer* writer) {
     Ref<Logger> logger;
     CreateLogger(writer, "SNMP", nullptr, logger);
     return logger;
 }
 
-TEST(App, IsMadeOnce) {
-    EnsureApp();
-    const Ref<App> app = GetApp();
-    EXPECT_THROW(InitApp(), AlreadyInitializedException);
-    EXPECT_EQ(GetApp().Get(), app.Get());
-}
-
-TEST(App, IsNullBeforeItIsMade) {
-    if (GetApp()) {
-        GTEST_SKIP() << "another test of this process made it";
-    }
-    EXPECT_THROW(SetDefaultLogger(MakeLogger(MakeRef<Lines>().Get()).Get()), InvalidArgumentException);
+TEST(App, IsMadeOnceAndLogsToStandardErrorAtFirst) {
+    const Ref<Lines> lines = MakeRef<Lines>();
+    const Ref<Logger> logger = MakeLogger(lines.Get());
+    ASSERT_FALSE(GetApp());
+    EXPECT_THROW(SetDefaultLogger(logger.Get()), InvalidArgumentException);
     testing::internal::CaptureStderr();
     Log(nullptr, Logger::LogLevel::Error, "nobody listens");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     EXPECT_FALSE(GetApp());
-}
 
-TEST(App, LogsToStandardErrorAtFirst) {
-    if (GetApp()) {
-        GTEST_SKIP() << "another test of this process made it";
-    }
     InitApp();
-    ASSERT_TRUE(GetApp()->GetDefaultLogger());
-    EXPECT_EQ(GetApp()->GetDefaultLogger()->GetName(), "default");
+    const Ref<App> app = GetApp();
+    EXPECT_THROW(InitApp(), AlreadyInitializedException);
+    EXPECT_EQ(GetApp().Get(), app.Get());
+    EXPECT_EQ(app->GetDefaultLogger()->GetName(), "default");
     testing::internal::CaptureStderr();
     Log(nullptr, Logger::LogLevel::Error, "to everybody");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "to everybody\n");
+
+    SetDefaultLogger(logger.Get());
+    EXPECT_THROW(SetDefaultLogger(nullptr), InvalidArgumentException);
+    EXPECT_EQ(GetApp()->GetDefaultLogger().Get(), logger.Get());
+    Log(nullptr, Logger::LogLevel::Info, "one");
+    Log(nullptr, Logger::LogLevel::Info, PrintFormatter("%1") << 2);
+    EXPECT_THAT(lines->written, ElementsAre("one\n", "2\n"));
 }
 
 TEST(Logger, WritesEachMessageAsOneLine) {
@@ -94,18 +83,6 @@ TEST(Logger, KeepsItsWriterAlive) {
     lines.Reset();
     logger->Write(Logger::LogLevel::Info, "still here");
     EXPECT_THAT(observed->written, ElementsAre("still here\n"));
-}
-
-TEST(DefaultLogger, WritesWhatIsLoggedWithoutALogger) {
-    EnsureApp();
-    const Ref<Lines> lines = MakeRef<Lines>();
-    const Ref<Logger> logger = MakeLogger(lines.Get());
-    SetDefaultLogger(logger.Get());
-    EXPECT_THROW(SetDefaultLogger(nullptr), InvalidArgumentException);
-    EXPECT_EQ(GetApp()->GetDefaultLogger().Get(), logger.Get());
-    Log(nullptr, Logger::LogLevel::Info, "one");
-    Log(nullptr, Logger::LogLevel::Info, PrintFormatter("%1") << 2);
-    EXPECT_THAT(lines->written, ElementsAre("one\n", "2\n"));
 }
 
 TEST(LogLevel, HasSyslogsNumbers) {

@@ -10,6 +10,7 @@
 #include "runtime/tessim/crypto.h"
 #include "runtime/tessim/exception.h"
 #include "tests/support/tls_test_server.h"
+#include "tests/unit/tessim/open_stream.h"
 
 namespace Tessim::Ssl {
 namespace {
@@ -31,13 +32,6 @@ Ref<SSLContext> MakeContext(const Ref<Crypto::KeyStore>& keys) {
     return context;
 }
 
-// The servers are there for their keys and certificates.
-class SSLContextTest : public testing::Test {
-  protected:
-    KelvTest::TlsTestServer server{[](KelvTest::ServedConnection&) {}};
-    KelvTest::TlsTestServer other{[](KelvTest::ServedConnection&) {}};
-};
-
 TEST(KeyStore, HoldsWhatItWasMadeOf) {
     const auto keys = MakeKeys("key", "certificate", {"one", "two"});
     EXPECT_EQ(keys->GetPrivateKey(), "key");
@@ -56,41 +50,41 @@ TEST(InitSSL, MayBeCalledAgainButAcceptsNoOptions) {
     EXPECT_THROW(InitSSL("fast"), InvalidArgumentException);
 }
 
-TEST_F(SSLContextTest, RequiresTls12AndVerifiesAgainstTrustedCertificates) {
-    const auto context = MakeContext(MakeKeys());
-    EXPECT_EQ(SSL_CTX_get_min_proto_version(context->GetNative()), TLS1_2_VERSION);
-    EXPECT_EQ(SSL_CTX_get_verify_mode(context->GetNative()), SSL_VERIFY_NONE);
-    const auto verifying = MakeContext(MakeKeys("", "", {server.GetCertificate()}));
-    EXPECT_EQ(SSL_CTX_get_verify_mode(verifying->GetNative()), SSL_VERIFY_PEER);
+TEST(SSLContext, RequiresTls12AndUsesItsKeyAndTrustedCertificates) {
+    const KelvTest::Identity own;
+    const auto empty = MakeContext(MakeKeys());
+    EXPECT_EQ(SSL_CTX_get_min_proto_version(empty->GetNative()), TLS1_2_VERSION);
+    EXPECT_EQ(SSL_CTX_get_verify_mode(empty->GetNative()), SSL_VERIFY_NONE);
+    const auto full = MakeContext(MakeKeys(own.privateKey, own.certificate, {own.certificate}));
+    EXPECT_EQ(SSL_CTX_get_verify_mode(full->GetNative()), SSL_VERIFY_PEER);
+    EXPECT_NE(SSL_CTX_get0_certificate(full->GetNative()), nullptr);
+    EXPECT_NE(SSL_CTX_get0_privatekey(full->GetNative()), nullptr);
 }
 
-TEST_F(SSLContextTest, UsesTheKeyAndItsCertificate) {
-    const auto context = MakeContext(MakeKeys(server.GetPrivateKey(), server.GetCertificate()));
-    EXPECT_NE(SSL_CTX_get0_certificate(context->GetNative()), nullptr);
-    EXPECT_NE(SSL_CTX_get0_privatekey(context->GetNative()), nullptr);
-}
-
-TEST_F(SSLContextTest, RefusesTextsThatAreNoKeysOrCertificates) {
-    for (const auto& keys :
-         {MakeKeys("no key", server.GetCertificate()), MakeKeys(server.GetPrivateKey(), "none"),
-          MakeKeys("", "", {server.GetCertificate(), "none"})}) {
+TEST(SSLContext, RejectsTextsThatAreNoKeysOrCertificates) {
+    const KelvTest::Identity own;
+    const KelvTest::Identity other;
+    const struct {
+        Ref<Crypto::KeyStore> keys;
+        const char* reason;
+    } cases[] = {
+        {MakeKeys("no key", own.certificate), "cannot read the private key"},
+        {MakeKeys(own.privateKey, "none"), "cannot read a certificate"},
+        {MakeKeys("", "", {own.certificate, "none"}), "cannot read a certificate"},
+        {MakeKeys(own.privateKey, other.certificate), "mismatch"},
+    };
+    for (const auto& tested : cases) {
         Ref<SSLContext> context;
-        EXPECT_THROW(CreateSSLContext(keys.Get(), SupportedVersion::Tls12OrNewer, context), SystemException);
+        EXPECT_THAT(MessageOf<SystemException>([&] {
+                        CreateSSLContext(tested.keys.Get(), SupportedVersion::Tls12OrNewer, context);
+                    }),
+                    HasSubstr(tested.reason));
         EXPECT_FALSE(context);
         EXPECT_EQ(ERR_peek_error(), 0U);
     }
 }
 
-TEST_F(SSLContextTest, RefusesAKeyOfAnotherCertificateWithTheReason) {
-    try {
-        MakeContext(MakeKeys(server.GetPrivateKey(), other.GetCertificate()));
-        FAIL();
-    } catch (const SystemException& thrown) {
-        EXPECT_THAT(thrown.what(), HasSubstr("mismatch"));
-    }
-}
-
-TEST_F(SSLContextTest, NeedsAKeyStoreAndAKnownVersion) {
+TEST(SSLContext, NeedsAKeyStoreAndAKnownVersion) {
     Ref<SSLContext> context;
     EXPECT_THROW(CreateSSLContext(nullptr, SupportedVersion::Tls12OrNewer, context),
                  InvalidArgumentException);
