@@ -47,7 +47,6 @@ extern "C" {
 std::time_t __real_time(std::time_t* stored);
 void* __real_calloc(std::size_t count, std::size_t size);
 char* __real_strdup(const char* text);
-void* __real__Znwm(std::size_t size);
 int __real_stat64(const char* path, struct stat64* status);
 
 std::time_t __wrap_time(std::time_t* stored) {
@@ -77,13 +76,6 @@ char* __wrap_strdup(const char* text) {
     return __real_strdup(text);
 }
 
-void* __wrap__Znwm(std::size_t size) {
-    if (faults && faults->operatorNew.Expires()) {
-        throw std::bad_alloc();
-    }
-    return __real__Znwm(size);
-}
-
 int __wrap_stat64(const char* path, struct stat64* status) {
     if (!faults || faults->path.empty() || faults->path != path) {
         return __real_stat64(path, status);
@@ -99,6 +91,25 @@ int __wrap_stat64(const char* path, struct stat64* status) {
 
 }  // extern "C"
 // NOLINTEND(bugprone-reserved-identifier,misc-definitions-in-headers)
+
+// NOLINTBEGIN(cppcoreguidelines-no-malloc,hicpp-no-malloc)
+void* operator new(std::size_t size) {
+    if (faults && faults->operatorNew.Expires()) {
+        throw std::bad_alloc();
+    }
+    void* const memory = std::malloc(size == 0 ? 1 : size);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    std::free(memory);
+}
+// NOLINTEND(cppcoreguidelines-no-malloc,hicpp-no-malloc)
 
 namespace TestSupport {
 

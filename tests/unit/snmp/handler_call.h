@@ -1,8 +1,8 @@
-// Calls handlers the way the agent does.
+// Calls the handlers of the registered variables the way the agent does.
 #pragma once
 
-#include <cstdint>
 #include <string>
+#include <vector>
 
 #include "tests/support/in_process_agent.h"
 
@@ -11,46 +11,59 @@ using TestSupport::Oid;
 // 1.3.6.1.4.1.32473, then `rest`.
 Oid Enterprise(const Oid& rest);
 
-// What a handler answered, copied at once.
+// `first`, then `second`.
+Oid Join(Oid first, const Oid& second);
+
+// A handler's answer, copied at once.
 struct Answer {
-    Oid name;                         // the request's name afterwards
+    Oid name;                         // the request's OID afterwards
     std::string bytes;                // as many as the answer's length says
-    const u_char* address = nullptr;  // where the handler put it
+    const u_char* address = nullptr;  // the handler's buffer
     bool answered = false;
     bool writeMethodNull = false;
 
     // The bytes that stand at the answer's address now.
     std::string BytesNow() const;
 
-    // The answer as the agent reads it. INTEGER is one `int`; a Counter64 is high and low half together.
-    int Integer() const;
-    std::uint64_t Counter64() const;
-    Oid ObjectId() const;
-
-    // The instance: the sub-identifiers after `column`.
-    Oid InstanceOf(const Oid& column) const;
+    // The value as the agent reads it, as text: decimal numbers, dotted OIDs. Throws std::length_error or
+    // std::range_error for bytes that are no value of that ASN.1 type.
+    std::string Text(u_char type) const;
 };
 
-// Expects an INTEGER of that value, as a read-only instance is answered.
-void ExpectInteger(const Answer& answer, int value);
-
-// A column or scalar under the enterprise, served by `handler` under `magic`.
-struct Column {
+// A column or scalar as it is registered.
+struct RegisteredVariable {
+    const char* label;  // its name in the MIB
+    Oid name;           // without instance
     FindVarMethod* handler;
-    int magic;
-    Oid name;  // without the enterprise
+    u_char magic;
+    u_char type;
+    u_short access;
 
-    // A GET of the instance, or of any full name.
+    // A GET of the instance, or of any OID.
     Answer Get(const Oid& instance) const;
     Answer GetName(const Oid& request) const;
 
-    // A GETNEXT from the column's name followed by `instance`, or from any full name.
+    // A GETNEXT from the variable's OID followed by `instance`, or from any OID.
     Answer GetNext(const Oid& instance) const;
     Answer GetNextName(const Oid& request) const;
 
-    // The instances that a walk by GETNEXT meets, in its order.
+    // The instances that a walk by GETNEXT returns, in its order.
     std::vector<Oid> Walk() const;
+
+    // The same variable requested by another magic.
+    RegisteredVariable WithMagic(int other) const;
 
   private:
     Answer Call(const Oid& request, int exact) const;
 };
+
+// Registers every group with the agent, once per process, without starting the client.
+void RegisterGroups();
+
+// What the module has registered since the process started, registration by registration, first to last; the
+// second: the part that `handler` serves.
+std::vector<RegisteredVariable> RegisteredVariables();
+std::vector<RegisteredVariable> VariablesOf(FindVarMethod* handler);
+
+// The registered variable with that name in the MIB. Throws std::out_of_range when there is none.
+RegisteredVariable FindVariable(const std::string& label);

@@ -1,178 +1,134 @@
+// Loading and unloading the module in an agent inside the test program.
 #include "apps/snmp/columns/Registration.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "apps/snmp/SNMPKelv.h"
-#include "apps/snmp/SNMPResCPU.h"
-#include "apps/snmp/SNMPResDisk.h"
-#include "apps/snmp/SNMPResMem.h"
-#include "apps/snmp/SNMPResNet.h"
 #include "apps/snmp/SNMPSystem.h"
-#include "apps/snmp/SNMPVMDisk.h"
-#include "apps/snmp/SNMPVMFloppyCD.h"
-#include "apps/snmp/SNMPVMInfo.h"
-#include "apps/snmp/SNMPVMNet.h"
-#include "apps/snmp/collections/ResTables.h"
-#include "apps/snmp/collections/SNMPStrings.h"
-#include "apps/snmp/collections/VMTables.h"
-#include "tests/support/in_process_agent.h"
+#include "tests/support/fake_daemon.h"
 #include "tests/support/log_capture.h"
-#include "tests/unit/snmp/fake_refresh.h"
-#include "tests/unit/snmp/handler_call.h"
 #include "tests/unit/snmp/released_blocks.h"
-#include "tests/unit/snmp/rows.h"
+#include "tests/unit/snmp/tables.h"
 
 namespace {
 
 using TestSupport::FindRegistered;
 using TestSupport::LogLine;
 
-constexpr u_char integer = 0x02;
-constexpr u_char octetString = 0x04;
-constexpr u_char objectId = 0x06;
-constexpr u_char counter64 = 0x46;
-
-// Every variable of the module.
-struct Expected {
-    const char* registration;
-    u_char magic;
-    u_char type;
+// Variables that one handler serves: their numbers and magics ascend from these.
+struct Served {
     FindVarMethod* handler;
+    u_char firstMagic;
+    Oid parent;  // under the base
+};
+
+// What is fixed of a registration: its name and place, and what the trace of a refusal names.
+struct Expected {
+    const char* name;
     Oid base;  // without the enterprise
-    Oid suffix;
-
-    Oid Name() const {
-        Oid name = Enterprise(base);
-        name.insert(name.end(), suffix.begin(), suffix.end());
-        return name;
-    }
-};
-
-const std::vector<Expected> variables{
-    {"SNMPVMInfo", 3, integer, SNMP_VMInfoTable, {2, 1}, {1, 1}},
-    {"SNMPVMInfo", 4, octetString, SNMP_VMInfoTable, {2, 1}, {1, 2}},
-    {"SNMPVMInfo", 5, octetString, SNMP_VMInfoTable, {2, 1}, {1, 3}},
-    {"SNMPVMInfo", 6, octetString, SNMP_VMInfoTable, {2, 1}, {1, 4}},
-    {"SNMPVMInfo", 7, integer, SNMP_VMInfoTable, {2, 1}, {1, 5}},
-    {"SNMPVMInfo", 8, octetString, SNMP_VMInfoTable, {2, 1}, {1, 6}},
-    {"SNMPVMInfo", 9, integer, SNMP_VMInfoTable, {2, 1}, {1, 7}},
-    {"SNMPVMInfo", 10, octetString, SNMP_VMInfoTable, {2, 1}, {1, 8}},
-    {"SNMPVMHBA", 3, integer, SNMP_VMHBATable, {2, 2}, {1, 1}},
-    {"SNMPVMHBA", 4, integer, SNMP_VMHBATable, {2, 2}, {1, 2}},
-    {"SNMPVMHBA", 5, octetString, SNMP_VMHBATable, {2, 2}, {1, 3}},
-    {"SNMPVMHBA", 6, octetString, SNMP_VMHBATable, {2, 2}, {1, 4}},
-    {"SNMPVMTgt", 9, integer, SNMP_VMHBATgtTable, {2, 3}, {1, 1}},
-    {"SNMPVMTgt", 10, integer, SNMP_VMHBATgtTable, {2, 3}, {1, 2}},
-    {"SNMPVMTgt", 11, octetString, SNMP_VMHBATgtTable, {2, 3}, {1, 3}},
-    {"SNMPVMNet", 3, integer, SNMP_VMNetTable, {2, 4}, {1, 1}},
-    {"SNMPVMNet", 4, integer, SNMP_VMNetTable, {2, 4}, {1, 2}},
-    {"SNMPVMNet", 5, octetString, SNMP_VMNetTable, {2, 4}, {1, 3}},
-    {"SNMPVMNet", 6, octetString, SNMP_VMNetTable, {2, 4}, {1, 4}},
-    {"SNMPVMNet", 7, octetString, SNMP_VMNetTable, {2, 4}, {1, 5}},
-    {"floppyTable", 3, integer, SNMP_VMFloppyTable, {2, 5}, {1, 1}},
-    {"floppyTable", 4, integer, SNMP_VMFloppyTable, {2, 5}, {1, 2}},
-    {"floppyTable", 5, octetString, SNMP_VMFloppyTable, {2, 5}, {1, 3}},
-    {"floppyTable", 6, octetString, SNMP_VMFloppyTable, {2, 5}, {1, 4}},
-    {"CDROMTable", 3, integer, SNMP_VMCDROMTable, {2, 6}, {1, 1}},
-    {"CDROMTable", 4, integer, SNMP_VMCDROMTable, {2, 6}, {1, 2}},
-    {"CDROMTable", 5, octetString, SNMP_VMCDROMTable, {2, 6}, {1, 3}},
-    {"CDROMTable", 6, octetString, SNMP_VMCDROMTable, {2, 6}, {1, 4}},
-    {"SNMPResCPU", 2, integer, SNMP_ResCPU, {3, 1}, {1}},
-    {"SNMPResCPU", 5, integer, SNMP_ResCPUTable, {3, 1}, {2, 1, 1}},
-    {"SNMPResCPU", 6, integer, SNMP_ResCPUTable, {3, 1}, {2, 1, 2}},
-    {"SNMPResCPU", 7, integer, SNMP_ResCPUTable, {3, 1}, {2, 1, 3}},
-    {"SNMPResMem", 2, integer, SNMP_ResMem, {3, 2}, {1}},
-    {"SNMPResMem", 3, integer, SNMP_ResMem, {3, 2}, {2}},
-    {"SNMPResMem", 4, integer, SNMP_ResMem, {3, 2}, {3}},
-    {"SNMPResMem", 7, integer, SNMP_ResMemTable, {3, 2}, {4, 1, 1}},
-    {"SNMPResMem", 8, integer, SNMP_ResMemTable, {3, 2}, {4, 1, 2}},
-    {"SNMPResMem", 9, integer, SNMP_ResMemTable, {3, 2}, {4, 1, 3}},
-    {"SNMPResMem", 10, integer, SNMP_ResMemTable, {3, 2}, {4, 1, 4}},
-    {"SNMPResDisk", 3, integer, SNMP_ResDiskTable, {3, 3}, {1, 1}},
-    {"SNMPResDisk", 4, octetString, SNMP_ResDiskTable, {3, 3}, {1, 2}},
-    {"SNMPResDisk", 5, integer, SNMP_ResDiskTable, {3, 3}, {1, 3}},
-    {"SNMPResDisk", 6, integer, SNMP_ResDiskTable, {3, 3}, {1, 4}},
-    {"SNMPResDisk", 7, integer, SNMP_ResDiskTable, {3, 3}, {1, 5}},
-    {"SNMPResDisk", 8, integer, SNMP_ResDiskTable, {3, 3}, {1, 6}},
-    {"SNMPResDisk", 9, integer, SNMP_ResDiskTable, {3, 3}, {1, 7}},
-    {"SNMPResDisk", 10, integer, SNMP_ResDiskTable, {3, 3}, {1, 8}},
-    {"SNMPResNet", 3, integer, SNMP_ResNetTable, {3, 4}, {1, 1}},
-    {"SNMPResNet", 4, octetString, SNMP_ResNetTable, {3, 4}, {1, 2}},
-    {"SNMPResNet", 5, integer, SNMP_ResNetTable, {3, 4}, {1, 3}},
-    {"SNMPResNet", 6, octetString, SNMP_ResNetTable, {3, 4}, {1, 4}},
-    {"SNMPResNet", 7, integer, SNMP_ResNetTable, {3, 4}, {1, 5}},
-    {"SNMPResNet", 8, integer, SNMP_ResNetTable, {3, 4}, {1, 6}},
-    {"SNMPResNet", 9, integer, SNMP_ResNetTable, {3, 4}, {1, 7}},
-    {"SNMPResNet", 10, integer, SNMP_ResNetTable, {3, 4}, {1, 8}},
-    {"SNMPResNet", 11, integer, SNMP_ResNetTable, {3, 4}, {1, 9}},
-    {"SNMPResNet", 12, counter64, SNMP_ResNetTable, {3, 4}, {1, 10}},
-    {"SNMPResNet", 13, counter64, SNMP_ResNetTable, {3, 4}, {1, 11}},
-    {"SNMPResNet", 14, counter64, SNMP_ResNetTable, {3, 4}, {1, 12}},
-    {"SNMPResNet", 15, counter64, SNMP_ResNetTable, {3, 4}, {1, 13}},
-    {"SNMPKelvNorv", 1, octetString, SNMP_KelvNorv, {4, 1, 1}, {1}},
-    {"SNMPSystem", 1, octetString, SNMP_System, {1}, {1}},
-    {"SNMPSystem", 2, octetString, SNMP_System, {1}, {2}},
-    {"SNMPSystem", 3, objectId, SNMP_System, {1}, {3}},
-    {"SNMPSystem", 4, octetString, SNMP_System, {1}, {4}},
-};
-
-// One subtree: its group, and what the trace of a refusal names.
-struct Subtree {
-    const char* registration;
-    void (*init)();
+    std::size_t entrySize;
+    std::vector<Served> served;
     const char* function;
     const char* unit;
     int line;
-    const char* logLine;
 };
 
-const std::vector<Subtree> subtrees{
-    {"SNMPVMInfo", init_SNMPVMInfo, "init_SNMPVMInfo", "apps/snmp/SNMPVMInfo", 79,
-     "SNMPVMInfo: Initialized.\n"},
-    {"SNMPVMHBA", init_SNMPVMDisk, "init_SNMPVMDisk", "apps/snmp/SNMPVMDisk", 91,
-     "SNMPVMDisk: Initialized.\n"},
-    {"SNMPVMTgt", init_SNMPVMDisk, "init_SNMPVMDisk", "apps/snmp/SNMPVMDisk", 94,
-     "SNMPVMDisk: Initialized.\n"},
-    {"SNMPVMNet", init_SNMPVMNet, "init_SNMPVMNet", "apps/snmp/SNMPVMNet", 74, "SNMPVMNet: Initialized.\n"},
-    {"floppyTable", init_SNMPVMFloppyCD, "init_SNMPVMFloppyCD", "apps/snmp/SNMPVMFloppyCD", 79,
-     "SNMPVMFloppyCD: Initialized.\n"},
-    {"CDROMTable", init_SNMPVMFloppyCD, "init_SNMPVMFloppyCD", "apps/snmp/SNMPVMFloppyCD", 81,
-     "SNMPVMFloppyCD: Initialized.\n"},
-    {"SNMPResCPU", init_SNMPResCPU, "init_SNMPResCPU", "apps/snmp/SNMPResCPU", 75,
-     "SNMPResCPU: Initialized.\n"},
-    {"SNMPResMem", init_SNMPResMem, "init_SNMPResMem", "apps/snmp/SNMPResMem", 82,
-     "SNMPResMem: Initialized.\n"},
-    {"SNMPResDisk", init_SNMPResDisk, "init_SNMPResDisk", "apps/snmp/SNMPResDisk", 81,
-     "SNMPResDisk: Initialized.\n"},
-    {"SNMPResNet", init_SNMPResNet, "init_SNMPResNet", "apps/snmp/SNMPResNet", 91,
-     "SNMPResNet: Initialized.\n"},
-    {"SNMPKelvNorv", init_SNMPKelvTbl, "init_SNMPKelvTbl", "apps/snmp/SNMPKelv", 68,
-     "SNMPKelv: Initialized.\n"},
-    {"SNMPSystem", init_SNMPSystem, "init_SNMPSystem", "apps/snmp/SNMPSystem", 97,
-     "SNMPSystem: Initialized.\n"},
+// In their order.
+const std::vector<Expected> registrations{
+    {"SNMPVMInfo",
+     {2, 1},
+     sizeof(variable2),
+     {{SNMP_VMInfoTable, 3, {1}}},
+     "init_SNMPVMInfo",
+     "SNMPVMInfo",
+     79},
+    {"SNMPVMNet", {2, 4}, sizeof(variable2), {{SNMP_VMNetTable, 3, {1}}}, "init_SNMPVMNet", "SNMPVMNet", 74},
+    {"SNMPVMHBA",
+     {2, 2},
+     sizeof(variable2),
+     {{SNMP_VMHBATable, 3, {1}}},
+     "init_SNMPVMDisk",
+     "SNMPVMDisk",
+     91},
+    {"SNMPVMTgt",
+     {2, 3},
+     sizeof(variable2),
+     {{SNMP_VMHBATgtTable, 9, {1}}},
+     "init_SNMPVMDisk",
+     "SNMPVMDisk",
+     94},
+    {"floppyTable",
+     {2, 5},
+     sizeof(variable2),
+     {{SNMP_VMFloppyTable, 3, {1}}},
+     "init_SNMPVMFloppyCD",
+     "SNMPVMFloppyCD",
+     79},
+    {"CDROMTable",
+     {2, 6},
+     sizeof(variable2),
+     {{SNMP_VMCDROMTable, 3, {1}}},
+     "init_SNMPVMFloppyCD",
+     "SNMPVMFloppyCD",
+     81},
+    {"SNMPResMem",
+     {3, 2},
+     sizeof(variable4),
+     {{SNMP_ResMem, 2, {}}, {SNMP_ResMemTable, 7, {4, 1}}},
+     "init_SNMPResMem",
+     "SNMPResMem",
+     82},
+    {"SNMPResCPU",
+     {3, 1},
+     sizeof(variable4),
+     {{SNMP_ResCPU, 2, {}}, {SNMP_ResCPUTable, 5, {2, 1}}},
+     "init_SNMPResCPU",
+     "SNMPResCPU",
+     75},
+    {"SNMPResDisk",
+     {3, 3},
+     sizeof(variable2),
+     {{SNMP_ResDiskTable, 3, {1}}},
+     "init_SNMPResDisk",
+     "SNMPResDisk",
+     81},
+    {"SNMPResNet",
+     {3, 4},
+     sizeof(variable2),
+     {{SNMP_ResNetTable, 3, {1}}},
+     "init_SNMPResNet",
+     "SNMPResNet",
+     91},
+    {"SNMPKelvNorv",
+     {4, 1, 1},
+     sizeof(variable2),
+     {{SNMP_KelvNorv, 1, {}}},
+     "init_SNMPKelvTbl",
+     "SNMPKelv",
+     68},
+    {"SNMPSystem", {1}, sizeof(variable2), {{SNMP_System, 1, {}}}, "init_SNMPSystem", "SNMPSystem", 97},
 };
 
 const std::vector<LogLine> logOfALoad{
-    {6, "SNMPVMInfo: Initialized.\n"},     {6, "SNMPVMNet: Initialized.\n"},
-    {6, "SNMPVMDisk: Initialized.\n"},     {6, "SNMPVMFloppyCD: Initialized.\n"},
-    {6, "SNMPResMem: Initialized.\n"},     {6, "SNMPResCPU: Initialized.\n"},
-    {6, "SNMPResDisk: Initialized.\n"},    {6, "SNMPResNet: Initialized.\n"},
-    {6, "SNMPKelv: Initialized.\n"},       {6, "SNMPSystem: Initialized.\n"},
-    {6, "the management client starts\n"}, {6, "SNMPRask: Initialized\n"},
+    {6, "SNMPVMInfo: Initialized.\n"},  {6, "SNMPVMNet: Initialized.\n"},
+    {6, "SNMPVMDisk: Initialized.\n"},  {6, "SNMPVMFloppyCD: Initialized.\n"},
+    {6, "SNMPResMem: Initialized.\n"},  {6, "SNMPResCPU: Initialized.\n"},
+    {6, "SNMPResDisk: Initialized.\n"}, {6, "SNMPResNet: Initialized.\n"},
+    {6, "SNMPKelv: Initialized.\n"},    {6, "SNMPSystem: Initialized.\n"},
+    {6, "SNMPRask: Initialized\n"},
 };
 
-bool IsOurs(const Expected& expected) {
-    const variable* const entry = FindRegistered(expected.Name());
-    return entry != nullptr && entry->findVar == expected.handler;
-}
-
-int CountOurs() {
-    return static_cast<int>(std::count_if(variables.begin(), variables.end(), IsOurs));
+// How many of the module's variables the agent serves through their handlers.
+std::size_t CountServed() {
+    const std::vector<RegisteredVariable> variables = RegisteredVariables();
+    return static_cast<std::size_t>(
+        std::count_if(variables.begin(), variables.end(), [](const RegisteredVariable& each) {
+            const variable* const entry = FindRegistered(each.name);
+            return entry != nullptr && entry->findVar == each.handler;
+        }));
 }
 
 u_char* ForeignHandler(variable*, oid*, size_t*, int, size_t*, WriteMethod**) {
@@ -218,13 +174,11 @@ class Debugging {
 
 class Module : public testing::Test {
   protected:
-    void SetUp() override {
+    Module() {
         TestSupport::StartAgent();
-        FakeRefresh::Reset();
-        FakeRefresh::Get().onStart = [] { snmp_log(LOG_INFO, "the management client starts\n"); };
         log.Take();
     }
-    void TearDown() override {
+    ~Module() override {
         SNMP::Registration::UnregisterAll();
         DestroyAllRows();
     }
@@ -240,22 +194,57 @@ class Module : public testing::Test {
     }
 
     TestSupport::LogCapture log;
+    TestSupport::FakeDaemon daemon;
 };
 
-TEST_F(Module, RegistersEveryVariable) {
-    ASSERT_EQ(CountOurs(), 0);
+TEST_F(Module, RegistersItsVariablesUnderTheirNumbersAndMagics) {
     init_SNMPKelv();
-    for (const Expected& expected : variables) {
-        const variable* const entry = FindRegistered(expected.Name());
-        ASSERT_NE(entry, nullptr) << testing::PrintToString(expected.Name());
-        EXPECT_EQ(entry->magic, expected.magic);
-        EXPECT_EQ(entry->type, expected.type);
-        EXPECT_EQ(entry->acl, 1);
-        EXPECT_EQ(entry->findVar, expected.handler);
-        EXPECT_EQ(Oid(entry->name, entry->name + entry->namelen), expected.suffix);
-        EXPECT_EQ(TestSupport::RegistrationName(expected.Name()), expected.registration);
+    std::vector<RegisteredVariable> expected;
+    for (const Expected& registration : registrations) {
+        for (const Served& served : registration.served) {
+            oid number = 0;
+            for (RegisteredVariable variable : VariablesOf(served.handler)) {
+                variable.magic = static_cast<u_char>(served.firstMagic + number);
+                variable.name = Join(Enterprise(registration.base), Join(served.parent, {++number}));
+                expected.push_back(variable);
+            }
+            EXPECT_NE(number, 0U);
+        }
     }
-    deinit_SNMPKelv();
+    const std::vector<RegisteredVariable> variables = RegisteredVariables();
+    ASSERT_EQ(variables.size(), expected.size());
+    for (std::size_t i = 0; i < variables.size(); ++i) {
+        EXPECT_EQ(variables[i].name, expected[i].name);
+        EXPECT_EQ(variables[i].magic, expected[i].magic);
+        EXPECT_EQ(variables[i].handler, expected[i].handler);
+        // The agent's copy.
+        const variable* const entry = FindRegistered(variables[i].name);
+        ASSERT_NE(entry, nullptr);
+        EXPECT_EQ(entry->magic, variables[i].magic);
+        EXPECT_EQ(entry->type, variables[i].type);
+        EXPECT_EQ(entry->acl, RONLY);
+        EXPECT_EQ(entry->findVar, variables[i].handler);
+    }
+}
+
+TEST_F(Module, RegistersUnderFixedNamesAndBasesInOrder) {
+    init_SNMPKelv();
+    const SNMP::Registration* registration = SNMP::Registration::First();
+    for (auto expected = registrations.rbegin(); expected != registrations.rend(); ++expected) {
+        ASSERT_NE(registration, nullptr);
+        const Oid base(registration->Base().begin(), registration->Base().end());
+        EXPECT_EQ(base, Enterprise(expected->base));
+        for (std::size_t i = 0; i < registration->Count(); ++i) {
+            const variable* const entry = registration->Entry(i);
+            EXPECT_EQ(
+                reinterpret_cast<const char*>(entry) - reinterpret_cast<const char*>(registration->Entry(0)),
+                static_cast<std::ptrdiff_t>(i * expected->entrySize));
+            EXPECT_EQ(TestSupport::RegistrationName(Join(base, {entry->name, entry->name + entry->namelen})),
+                      expected->name);
+        }
+        registration = registration->Next();
+    }
+    EXPECT_EQ(registration, nullptr);
 }
 
 TEST_F(Module, RegistersNothingElse) {
@@ -269,26 +258,23 @@ TEST_F(Module, RegistersNothingElse) {
             ++ours;
         }
     }
-    EXPECT_EQ(ours, variables.size());
-    deinit_SNMPKelv();
+    EXPECT_EQ(ours, RegisteredVariables().size());
 }
 
-TEST_F(Module, LogsOneLinePerGroupInOrderAndThenItsOwn) {
+TEST_F(Module, LogsOneLinePerGroupInOrderAndThenStartsTheClient) {
     init_SNMPKelv();
     EXPECT_EQ(log.Take(), logOfALoad);
-    EXPECT_EQ(FakeRefresh::Get().starts, 1);
+    EXPECT_EQ(daemon.host.logins.size(), 1U);
     deinit_SNMPKelv();
     EXPECT_EQ(log.Take(), std::vector<LogLine>{});
 }
 
 TEST_F(Module, LoadsWhenTheClientThrows) {
-    FakeRefresh::Get().onStart = [] { throw std::runtime_error("no client"); };
+    daemon.WhenCalled("Login", [] { throw std::runtime_error("no client"); });
     init_SNMPKelv();
-    const std::vector<LogLine> lines = log.Take();
-    ASSERT_EQ(lines.size(), 12U);
-    EXPECT_EQ(lines[10], (LogLine{3, "init_SNMPKelv: no client\n"}));
-    EXPECT_EQ(lines[11], (LogLine{6, "SNMPRask: Initialized\n"}));
-    deinit_SNMPKelv();
+    std::vector<LogLine> expected = logOfALoad;
+    expected.insert(expected.end() - 1, {3, "SNMPRaskHelper_Init: no client\n"});
+    EXPECT_EQ(log.Take(), expected);
 }
 
 TEST_F(Module, WritesOnlyItsLinesWhenTheAgentRefuses) {
@@ -297,72 +283,43 @@ TEST_F(Module, WritesOnlyItsLinesWhenTheAgentRefuses) {
     log.Take();
     init_SNMPKelv();
     EXPECT_EQ(TakeModuleLines(), logOfALoad);
-    EXPECT_EQ(CountOurs(), static_cast<int>(variables.size()));
-    deinit_SNMPKelv();
-    deinit_SNMPKelv();
+    EXPECT_EQ(CountServed(), RegisteredVariables().size());
 }
 
-TEST_F(Module, TracesEachRefusalWhileTheAgentIsDebugging) {
-    for (const Subtree& subtree : subtrees) {
-        const auto first = std::find_if(variables.begin(), variables.end(), [&](const Expected& variable) {
-            return std::string(variable.registration) == subtree.registration;
-        });
-        const ForeignColumn foreign(first->Name());
-        const Debugging debugging;
-        log.Take();
-        subtree.init();
-        const std::vector<LogLine> lines = TakeModuleLines();
-        std::string trace;
-        for (const LogLine& line : lines) {
-            trace += line.priority == LOG_DEBUG ? line.text : "";
-        }
-        const std::string file = std::string(subtree.unit) + ".cpp";
-        const std::string before = std::string("trace: ") + subtree.function + "(): ";
-        const std::string after = file + ", " + std::to_string(subtree.line) + "\n" +
-                                  "register_mib: " + subtree.registration + " registration failed\n";
-        const std::size_t start = trace.find(before);
-        ASSERT_NE(start, std::string::npos) << trace;
-        const std::size_t end = trace.find(after, start);
-        ASSERT_NE(end, std::string::npos) << trace;
-        // Nothing but the directory of the build stands between.
-        EXPECT_EQ(trace.substr(start + before.size(), end - start - before.size()).find('\n'),
-                  std::string::npos);
-        EXPECT_NE(std::find(lines.begin(), lines.end(), LogLine{6, subtree.logLine}), lines.end());
-        EXPECT_TRUE(foreign.IsRegistered());
-        SNMP::Registration::UnregisterAll();
-    }
-}
-
-TEST_F(Module, RegistersItsSubtreesInTheirOrder) {
+TEST_F(Module, TracesEachRefusalInOrderWhileTheAgentIsDebugging) {
     init_SNMPKelv();
+    const Debugging debugging;
     log.Take();
-    std::vector<std::string> refused;
-    {
-        const Debugging debugging;
-        init_SNMPKelv();
-        const std::string before = "register_mib: ";
-        const std::string trace = log.TakeDebugText();
-        std::size_t end = trace.find(" registration failed\n");
-        for (; end != std::string::npos; end = trace.find(" registration failed\n", end + 1)) {
-            const std::size_t start = trace.rfind(before, end) + before.size();
-            refused.push_back(trace.substr(start, end - start));
-        }
+    init_SNMPKelv();
+    const std::string trace = log.TakeDebugText();
+    const std::string failed = " registration failed\n";
+    std::size_t at = 0;
+    std::size_t end = 0;
+    for (const Expected& expected : registrations) {
+        const std::string before = std::string("trace: ") + expected.function + "(): ";
+        const std::string after = std::string("apps/snmp/") + expected.unit + ".cpp, " +
+                                  std::to_string(expected.line) + "\nregister_mib: " + expected.name + failed;
+        const std::size_t start = trace.find(before, at);
+        ASSERT_NE(start, std::string::npos) << expected.name;
+        at = trace.find(after, start);
+        ASSERT_NE(at, std::string::npos) << expected.name;
+        // Nothing but the directory of the build stands between.
+        EXPECT_EQ(trace.substr(start, at - start).find('\n'), std::string::npos);
+        at += after.size();
+        // No other refusal comes before.
+        end = trace.find(failed, end) + failed.size();
+        EXPECT_EQ(end, at);
     }
-    EXPECT_EQ(refused, (std::vector<std::string>{"SNMPVMInfo", "SNMPVMNet", "SNMPVMHBA", "SNMPVMTgt",
-                                                 "floppyTable", "CDROMTable", "SNMPResMem", "SNMPResCPU",
-                                                 "SNMPResDisk", "SNMPResNet", "SNMPKelvNorv", "SNMPSystem"}));
-    deinit_SNMPKelv();
-    deinit_SNMPKelv();
+    EXPECT_EQ(trace.find(failed, end), std::string::npos);
 }
 
-TEST_F(Module, DoesNotTraceWhatTheAgentAccepts) {
+TEST_F(Module, TracesNothingThatTheAgentAccepts) {
     const Debugging debugging;
     init_SNMPKelv();
     EXPECT_EQ(log.TakeDebugText().find("registration failed"), std::string::npos);
-    deinit_SNMPKelv();
 }
 
-TEST_F(Module, KeepsFloppiesWhenTheAgentRefusesCdroms) {
+TEST_F(Module, KeepsTheFloppyTableWhenTheAgentRefusesTheCdromTable) {
     const ForeignColumn foreign(Enterprise({2, 6, 1, 1}));
     const Debugging debugging;
     log.Take();
@@ -376,7 +333,7 @@ TEST_F(Module, KeepsFloppiesWhenTheAgentRefusesCdroms) {
     EXPECT_EQ(trace.find("floppyTable registration failed\n"), std::string::npos);
 }
 
-TEST_F(Module, TriesTheSecondSubtreeOfAGroupWhenTheFirstIsRefused) {
+TEST_F(Module, RegistersTheSecondTableOfAGroupWhenTheFirstIsRefused) {
     const ForeignColumn foreignAdapters(Enterprise({2, 2, 1, 1}));
     const ForeignColumn foreignFloppies(Enterprise({2, 5, 1, 1}));
     init_SNMPVMDisk();
@@ -385,27 +342,27 @@ TEST_F(Module, TriesTheSecondSubtreeOfAGroupWhenTheFirstIsRefused) {
     EXPECT_NE(FindRegistered(Enterprise({2, 6, 1, 1})), nullptr);
 }
 
-TEST_F(Module, TakesEveryVariableBackAtUnload) {
+TEST_F(Module, UnregistersEveryVariableAtUnload) {
     init_SNMPKelv();
-    ASSERT_EQ(CountOurs(), static_cast<int>(variables.size()));
+    ASSERT_EQ(CountServed(), RegisteredVariables().size());
     deinit_SNMPKelv();
-    for (const Expected& expected : variables) {
-        EXPECT_EQ(FindRegistered(expected.Name()), nullptr);
+    for (const RegisteredVariable& variable : RegisteredVariables()) {
+        EXPECT_EQ(FindRegistered(variable.name), nullptr);
     }
 }
 
-TEST_F(Module, TakesOnlyItsOwnColumnsBack) {
+TEST_F(Module, UnregistersItsOwnColumnsOnly) {
     // The third column is taken: the agent accepts the first two and no more.
     const ForeignColumn foreign(Enterprise({2, 1, 1, 3}));
     init_SNMPKelv();
     EXPECT_NE(FindRegistered(Enterprise({2, 1, 1, 2})), nullptr);
     EXPECT_EQ(FindRegistered(Enterprise({2, 1, 1, 4})), nullptr);
     deinit_SNMPKelv();
-    EXPECT_EQ(CountOurs(), 0);
+    EXPECT_EQ(CountServed(), 0U);
     EXPECT_TRUE(foreign.IsRegistered());
 }
 
-TEST_F(Module, TakesAColumnBackFromBehindOneOfHigherPriority) {
+TEST_F(Module, UnregistersAColumnBehindOneOfHigherPriority) {
     const Oid column = Enterprise({2, 1, 1, 3});
     {
         const ForeignColumn foreign(column, DEFAULT_MIB_PRIORITY - 1);
@@ -421,68 +378,45 @@ TEST_F(Module, StaysRegisteredUntilItsLastUnload) {
     init_SNMPKelv();
     init_SNMPKelv();
     deinit_SNMPKelv();
-    EXPECT_EQ(CountOurs(), static_cast<int>(variables.size()));
+    EXPECT_EQ(CountServed(), RegisteredVariables().size());
     deinit_SNMPKelv();
-    EXPECT_EQ(CountOurs(), 0);
-    deinit_SNMPKelv();
-    init_SNMPKelv();
-    EXPECT_EQ(CountOurs(), static_cast<int>(variables.size()));
-    deinit_SNMPKelv();
-    EXPECT_EQ(CountOurs(), 0);
-}
-
-TEST_F(Module, LoadsAgainAfterAnUnloadAsIfForTheFirstTime) {
-    init_SNMPKelv();
+    EXPECT_EQ(CountServed(), 0U);
     deinit_SNMPKelv();
     log.Take();
-    init_SNMPKelv();
+    init_SNMPKelv();  // as if for the first time
     EXPECT_EQ(log.Take(), logOfALoad);
-    EXPECT_EQ(CountOurs(), static_cast<int>(variables.size()));
+    EXPECT_EQ(CountServed(), RegisteredVariables().size());
     deinit_SNMPKelv();
+    EXPECT_EQ(CountServed(), 0U);
 }
 
 void FillEveryTable() {
-    MakeVmRows(2)->vmDisplayName = SNMPAllocString("web-1");
-    Append(SNMPVMNetTable_GetPtr());
-    Append(SNMPVMHBATable_GetPtr());
-    Append(SNMPVMHBATgtTable_GetPtr());
-    Append(SNMPVMFloppyTable_GetPtr());
-    Append(SNMPVMCDROMTable_GetPtr());
-    Append(SNMPResCPUTable_GetPtr());
-    Append(SNMPResMemTable_GetPtr());
-    Append(SNMPResDiskTable_GetPtr());
-    Append(SNMPResNetTable_GetPtr());
+    ForEachTable([](const auto& table) { InsertRow(table, 0); });
 }
 
-// The tables that hold rows.
-std::vector<std::string> FilledTables() {
-    std::vector<std::string> filled;
-    const auto note = [&](const char* name, bool hasRows) {
-        if (hasRows) {
-            filled.emplace_back(name);
+// The handlers of the tables that hold rows.
+std::vector<FindVarMethod*> FilledTables() {
+    std::vector<FindVarMethod*> filled;
+    ForEachTable([&](const auto& table) {
+        if (*table.getPtr() != nullptr) {
+            filled.push_back(table.handler);
         }
-    };
-    note("vm", vmInfoTable != nullptr || vmInfoTableNumEnt != 0);
-    note("net", vmNetList != nullptr);
-    note("hba", vmHBAList != nullptr);
-    note("tgt", vmHBATgtList != nullptr);
-    note("floppy", vmFloppyList != nullptr);
-    note("cdrom", vmCDROMList != nullptr);
-    note("cpu", resCPUList != nullptr);
-    note("mem", resMemList != nullptr);
-    note("disk", resDiskList != nullptr);
-    note("resnet", resNetList != nullptr);
+    });
     return filled;
 }
 
-TEST_F(Module, EmptiesEveryTableAtUnloadAndCanFillThemAgain) {
+TEST_F(Module, EmptiesEveryTableAtUnloadSoThatTheNextRequestRefreshes) {
     init_SNMPKelv();
+    EXPECT_FALSE(FindVariable("vmIdx").GetNext({}).answered);
+    EXPECT_EQ(daemon.CountCalls("GetChildEntity"), 1);
     FillEveryTable();
     ASSERT_EQ(FilledTables().size(), 10U);
-    EXPECT_EQ(FakeRefresh::Get().expiries, 0);
+    EXPECT_TRUE(FindVariable("vmIdx").GetNext({}).answered);  // from the cache
+    EXPECT_EQ(daemon.CountCalls("GetChildEntity"), 1);
     deinit_SNMPKelv();
-    EXPECT_EQ(FilledTables(), std::vector<std::string>{});
-    EXPECT_EQ(FakeRefresh::Get().expiries, 1);  // the next request rebuilds
+    EXPECT_EQ(FilledTables(), std::vector<FindVarMethod*>{});
+    EXPECT_FALSE(FindVariable("vmIdx").GetNext({}).answered);
+    EXPECT_EQ(daemon.CountCalls("GetChildEntity"), 2);
     FillEveryTable();
     EXPECT_EQ(FilledTables().size(), 10U);
 }
@@ -490,22 +424,22 @@ TEST_F(Module, EmptiesEveryTableAtUnloadAndCanFillThemAgain) {
 TEST_F(Module, EmptiesATableWithItsGroup) {
     const struct {
         void (*deinit)();
-        std::vector<std::string> tables;
-    } groups[] = {{deinit_SNMPVMInfo, {"vm"}},
-                  {deinit_SNMPVMNet, {"net"}},
-                  {deinit_SNMPVMDisk, {"hba", "tgt"}},
-                  {deinit_SNMPVMFloppyCD, {"floppy", "cdrom"}},
-                  {deinit_SNMPResCPU, {"cpu"}},
-                  {deinit_SNMPResMem, {"mem"}},
-                  {deinit_SNMPResDisk, {"disk"}},
-                  {deinit_SNMPResNet, {"resnet"}},
+        std::vector<FindVarMethod*> tables;
+    } groups[] = {{deinit_SNMPVMInfo, {SNMP_VMInfoTable}},
+                  {deinit_SNMPVMNet, {SNMP_VMNetTable}},
+                  {deinit_SNMPVMDisk, {SNMP_VMHBATable, SNMP_VMHBATgtTable}},
+                  {deinit_SNMPVMFloppyCD, {SNMP_VMFloppyTable, SNMP_VMCDROMTable}},
+                  {deinit_SNMPResCPU, {SNMP_ResCPUTable}},
+                  {deinit_SNMPResMem, {SNMP_ResMemTable}},
+                  {deinit_SNMPResDisk, {SNMP_ResDiskTable}},
+                  {deinit_SNMPResNet, {SNMP_ResNetTable}},
                   {deinit_SNMPKelvTbl, {}},
                   {deinit_SNMPSystem, {}}};
     for (const auto& group : groups) {
         DestroyAllRows();
         FillEveryTable();
-        std::vector<std::string> expected = FilledTables();
-        for (const std::string& table : group.tables) {
+        std::vector<FindVarMethod*> expected = FilledTables();
+        for (FindVarMethod* const table : group.tables) {
             std::erase(expected, table);
         }
         group.deinit();
@@ -515,18 +449,14 @@ TEST_F(Module, EmptiesATableWithItsGroup) {
 
 TEST_F(Module, EmptiesTheTablesInTheOrderOfItsGroups) {
     FillEveryTable();
-    const std::vector<const void*> order = {vmInfoTable, vmNetList,  vmHBAList,  vmHBATgtList, vmFloppyList,
-                                            vmCDROMList, resMemList, resCPUList, resDiskList,  resNetList};
-    std::vector<const void*> released = ReleasedBlocks(deinit_SNMPKelv);
-    std::erase_if(released, [&](const void* block) {
-        return std::find(order.begin(), order.end(), block) == order.end();
-    });
-    EXPECT_EQ(released, order);
+    std::vector<const void*> order;
+    ForEachTable([&](const auto& table) { order.push_back(*table.getPtr()); });
+    EXPECT_EQ(ReleasedBlocks(deinit_SNMPKelv), order);
 }
 
 TEST_F(Module, UnloadsWithoutALoad) {
     deinit_SNMPKelv();
-    EXPECT_EQ(FilledTables(), std::vector<std::string>{});
+    EXPECT_EQ(FilledTables(), std::vector<FindVarMethod*>{});
     EXPECT_EQ(log.Take(), std::vector<LogLine>{});
 }
 

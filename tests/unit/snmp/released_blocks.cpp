@@ -14,7 +14,9 @@ bool watching = false;
 extern "C" void __real_free(void* memory);
 extern "C" void __wrap_free(void* memory) {
     if (watching && memory != nullptr) {
+        watching = false;  // the vector releases memory too
         released.push_back(memory);
+        watching = true;
     }
     __real_free(memory);
 }

@@ -1,0 +1,276 @@
+// The handlers of the ten tables, with rows that the tests link. While the clock stands at 0 the cache counts
+// as fresh, so that no handler refreshes it.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <set>
+#include <stdexcept>
+
+#include "tests/support/api_objects.h"
+#include "tests/support/fake_daemon.h"
+#include "tests/support/fault_injection.h"
+#include "tests/support/log_capture.h"
+#include "tests/unit/snmp/tables.h"
+
+namespace {
+
+using namespace ApiObjects;
+using TestSupport::FakeDaemon;
+using TestSupport::LogLine;
+using TestSupport::TakeDetail;
+
+constexpr std::time_t aTime = 1'700'000'000;
+
+template <class Row>
+class Table : public testing::Test {
+  protected:
+    Table() : columns((RegisterGroups(), VariablesOf(table.handler))) {
+        clock.SetTime(0);
+        DestroyAllRows();
+        log.Take();
+        TakeDetail();
+    }
+    ~Table() override {
+        EXPECT_EQ(log.Take(), std::vector<LogLine>{});
+        DestroyAllRows();
+    }
+
+    // Appends a row whose index consists of `index` and, in tables with two fields, `second`.
+    Row& AddRow(std::uint32_t index, std::uint32_t second = 1) {
+        Row& row = InsertRow(table, ListRows(table).size());
+        std::vector<std::uint32_t> indexes{index, second};
+        indexes.resize(table.indexFields);
+        FillRow(table, row, indexes, serial, [](std::size_t choices) { return choices == 5 ? 0U : 2U; });
+        return row;
+    }
+    Oid Index(oid index, oid second = 1) const {
+        return table.indexFields == 2 ? Oid{index, second} : Oid{index};
+    }
+    // The instances of the rows, in the order of the rows.
+    std::vector<Oid> Instances() const {
+        const std::vector<Row*> rows = ListRows(table);
+        std::vector<Oid> instances;
+        for (std::size_t position = 0; position < rows.size(); ++position) {
+            instances.push_back(InstanceOf(table, rows, position));
+        }
+        return instances;
+    }
+    void ExpectRow(const Answer& answer, std::size_t column, const Row& row, const Oid& instance) const {
+        SCOPED_TRACE(columns[column].label);
+        ASSERT_TRUE(answer.answered);
+        EXPECT_EQ(answer.Text(columns[column].type), ExpectedText(table, row, column));
+        EXPECT_EQ(answer.name, Join(columns[column].name, instance));
+        EXPECT_TRUE(answer.writeMethodNull);
+    }
+
+    TestSupport::LogCapture log;
+    TestSupport::FaultInjection clock;
+    const TableFacts<Row>& table = Facts<Row>();
+    std::vector<RegisteredVariable> columns;
+    std::size_t serial = 0;
+};
+
+using AllRows = testing::Types<vmEntry, vmNetNode, vmHBANode, vmHBATgtNode, vmFloppyNode, vmCDROMNode,
+                               resMemNode, resCPUNode, resDiskNode, resNetNode>;
+TYPED_TEST_SUITE(Table, AllRows);
+
+TYPED_TEST(Table, HasAColumnForEveryField) {
+    std::vector<std::string> labels;
+    for (const RegisteredVariable& column : this->columns) {
+        labels.emplace_back(column.label);
+    }
+    std::vector<std::string> expected;
+    for (const auto& field : this->table.fields) {
+        expected.emplace_back(field.column);
+    }
+    EXPECT_EQ(labels, expected);
+}
+
+TYPED_TEST(Table, ReturnsEveryFieldOfEveryRow) {
+    this->AddRow(2, 1);
+    this->AddRow(1, 2);
+    this->AddRow(1, 1);
+    this->AddRow(9, 0);
+    InsertRow(this->table, 4);  // numbers are 0, texts are missing
+    const auto rows = ListRows(this->table);
+    const std::vector<Oid> instances = this->Instances();
+    std::set<Oid> seen;
+    for (std::size_t row = 0; row < rows.size(); ++row) {
+        if (!seen.insert(instances[row]).second) {
+            continue;  // a table with one index field has two rows of index 1
+        }
+        for (std::size_t column = 0; column < this->columns.size(); ++column) {
+            this->ExpectRow(this->columns[column].Get(instances[row]), column, *rows[row], instances[row]);
+        }
+    }
+    EXPECT_FALSE(this->columns[0].Get(this->Index(10)).answered);
+    EXPECT_FALSE(this->columns[0].Get({}).answered);
+    EXPECT_EQ(TakeDetail(), "");
+}
+
+TYPED_TEST(Table, IsWalkedInTheOrderOfItsIndex) {
+    this->AddRow(7);
+    this->AddRow(3);
+    this->AddRow(3, 0);
+    this->AddRow(5);
+    const auto rows = ListRows(this->table);
+    std::map<Oid, TypeParam*> ordered;
+    for (std::size_t row = 0; row < rows.size(); ++row) {
+        ordered.emplace(this->Instances()[row], rows[row]);
+    }
+    for (std::size_t column = 0; column < this->columns.size(); ++column) {
+        const RegisteredVariable& variable = this->columns[column];
+        Oid from = variable.name;
+        for (const auto& [instance, row] : ordered) {
+            const Answer answer = variable.GetNextName(from);
+            this->ExpectRow(answer, column, *row, instance);
+            from = answer.name;
+        }
+        EXPECT_FALSE(variable.GetNextName(from).answered);
+    }
+    // From the table itself.
+    const Oid& name = this->columns[0].name;
+    this->ExpectRow(this->columns[0].GetNextName({name.begin(), name.end() - 2}), 0, *ordered.begin()->second,
+                    ordered.begin()->first);
+}
+
+TYPED_TEST(Table, LeavesADetailForAMagicThatNoColumnHas) {
+    this->AddRow(0);
+    const RegisteredVariable& first = this->columns[0];
+    for (int magic = 0; magic < 256; ++magic) {
+        if (magic >= first.magic && magic < first.magic + static_cast<int>(this->columns.size())) {
+            continue;
+        }
+        const Answer answer = first.WithMagic(magic).GetNext({});
+        EXPECT_FALSE(answer.answered) << magic;
+        EXPECT_EQ(answer.name, Join(first.name, this->Instances()[0]));
+        EXPECT_TRUE(answer.writeMethodNull);
+        EXPECT_EQ(TakeDetail(), this->table.unknownColumn) << magic;
+    }
+    EXPECT_TRUE(first.GetNext({}).answered);
+    EXPECT_EQ(TakeDetail(), "");
+}
+
+TYPED_TEST(Table, ReturnsNothingWithoutRows) {
+    for (const RegisteredVariable& column : this->columns) {
+        EXPECT_FALSE(column.Get({0}).answered);
+        EXPECT_FALSE(column.Get({0, 0}).answered);
+        EXPECT_FALSE(column.GetNext({}).answered);
+    }
+    EXPECT_EQ(TakeDetail(), "");
+}
+
+TYPED_TEST(Table, RefreshesTheCacheBeforeItIsWalked) {
+    FakeDaemon daemon;
+    daemon.host.vms = {Vm("16", Config("web-1", 1, 512,
+                                       {MakeController<Device::VirtualLsiLogicController>(1000, 0),
+                                        Disk("Hard Disk 1", 0, DeviceBacking("raw-1")), Nic(4000, "Adapter"),
+                                        MakeController<Device::VirtualIDEController>(200, 0),
+                                        Cdrom(200, 0, DeviceBacking("/dev/cd0"), true),
+                                        Floppy(0, DeviceBacking("/dev/fd0"), true)}))};
+    daemon.host.counters = AllCounters();
+    this->clock.SetTime(aTime);
+    EXPECT_TRUE(this->columns[0].GetNext({}).answered);
+    EXPECT_EQ(daemon.CountCalls("GetChildEntity"), 1);
+    this->log.Take();
+}
+
+TYPED_TEST(Table, KeepsAnExceptionOfTheRefreshFromTheAgent) {
+    FakeDaemon daemon;
+    daemon.WhenCalled("GetChildEntity", [] { throw std::runtime_error("stop"); });
+    this->clock.SetTime(aTime);
+    EXPECT_FALSE(this->columns[0].GetNext({}).answered);
+    EXPECT_EQ(this->log.Take(),
+              (std::vector<LogLine>{{3, std::string(this->table.handlerName) + ": stop\n"}}));
+}
+
+template <class Row>
+class ListTable : public Table<Row> {};
+using ListRowTypes = testing::Types<vmNetNode, vmHBANode, vmHBATgtNode, vmFloppyNode, vmCDROMNode, resMemNode,
+                                    resCPUNode, resDiskNode, resNetNode>;
+TYPED_TEST_SUITE(ListTable, ListRowTypes);
+
+TYPED_TEST(ListTable, ReturnsTheFirstOfRowsWithOneIndex) {
+    this->AddRow(18);
+    const TypeParam& first = this->AddRow(17);
+    this->AddRow(17);
+    const Oid index = this->Index(17);
+    for (std::size_t column = 0; column < this->columns.size(); ++column) {
+        this->ExpectRow(this->columns[column].Get(index), column, first, index);
+        this->ExpectRow(this->columns[column].GetNext({}), column, first, index);
+        EXPECT_EQ(this->columns[column].Walk(), (std::vector<Oid>{index, this->Index(18)}));
+    }
+}
+
+TYPED_TEST(ListTable, TakesANegativeIndexAsItsUnsigned32Bits) {
+    const TypeParam& last = this->AddRow(static_cast<std::uint32_t>(-1));
+    this->AddRow(2147483647);
+    const Oid index = this->Index(4294967295);
+    EXPECT_EQ(this->columns[0].Walk(), (std::vector<Oid>{this->Index(2147483647), index}));
+    for (std::size_t column = 0; column < this->columns.size(); ++column) {
+        this->ExpectRow(this->columns[column].Get(index), column, last, index);
+    }
+    EXPECT_EQ(this->columns[0].Get(index).Text(ASN_INTEGER), "-1");
+}
+
+using VmTable = Table<vmEntry>;
+
+TEST_F(VmTable, IsIndexedByPositionNotByAField) {
+    AddRow(0).vmIdx = 40;
+    AddRow(0).vmIdx = 30;
+    EXPECT_EQ(columns[0].Walk(), (std::vector<Oid>{{0}, {1}}));
+    EXPECT_EQ(columns[0].Get({0}).Text(ASN_INTEGER), "40");
+}
+
+using CpuTable = Table<resCPUNode>;
+
+TEST_F(CpuTable, TruncatesSecondsTowardZeroWithinTheLimitsOfAnInteger) {
+    const struct {
+        float used;
+        const char* answer;
+    } cases[] = {{181.5F, "181"},
+                 {2.9F, "2"},
+                 {-0.5F, "0"},
+                 {-2.9F, "-2"},
+                 {0.0F, "0"},
+                 {2147483520.0F, "2147483520"},
+                 {2147483648.0F, "2147483647"},
+                 {1e30F, "2147483647"},
+                 {-2147483648.0F, "-2147483648"},
+                 {-1e30F, "-2147483648"},
+                 {std::numeric_limits<float>::quiet_NaN(), "0"}};
+    resCPUNode& row = AddRow(1);
+    for (const auto& each : cases) {
+        row.cpuUsedSec = each.used;
+        EXPECT_EQ(FindVariable("cpuUsedSec").Get({1}).Text(ASN_INTEGER), each.answer);
+    }
+}
+
+TEST(Handlers, KeepAnAnswerUntilTheirNextOfThatType) {
+    TestSupport::LogCapture log;
+    TestSupport::FaultInjection clock;
+    FakeDaemon daemon;
+    clock.SetTime(0);
+    RegisterGroups();
+    std::size_t serial = 0;
+    ForEachTable([&](const auto& table) {
+        FillRow(table, InsertRow(table, 0), {}, serial, [](std::size_t) { return 2U; });
+    });
+    std::map<std::pair<FindVarMethod*, u_char>, Answer> answers;
+    std::set<const u_char*> addresses;
+    for (const RegisteredVariable& variable : RegisteredVariables()) {
+        const auto key = std::pair(variable.handler, variable.type);
+        if (!answers.contains(key)) {
+            answers[key] = variable.GetNext({});
+            addresses.insert(answers[key].address);
+        }
+    }
+    EXPECT_EQ(addresses.size(), answers.size());
+    for (const auto& [key, answer] : answers) {
+        EXPECT_TRUE(answer.answered);
+        EXPECT_EQ(answer.BytesNow(), answer.bytes);
+    }
+    DestroyAllRows();
+}
+
+}  // namespace

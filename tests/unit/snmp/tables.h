@@ -1,0 +1,377 @@
+// The ten tables as tests see them: the operations of their collections, and rows whose every field can be
+// told from the others.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <new>
+#include <set>
+#include <string>
+#include <type_traits>
+#include <variant>
+#include <vector>
+
+#include "apps/snmp/SNMPResCPU.h"
+#include "apps/snmp/SNMPResDisk.h"
+#include "apps/snmp/SNMPResMem.h"
+#include "apps/snmp/SNMPResNet.h"
+#include "apps/snmp/SNMPVMDisk.h"
+#include "apps/snmp/SNMPVMFloppyCD.h"
+#include "apps/snmp/SNMPVMInfo.h"
+#include "apps/snmp/SNMPVMNet.h"
+#include "apps/snmp/collections/ResTables.h"
+#include "apps/snmp/collections/VMTables.h"
+#include "tests/unit/snmp/handler_call.h"
+
+template <class Row>
+constexpr bool isArray = std::is_same_v<Row, vmEntry>;
+
+// The variable that a list's traversal is kept in; an array has none.
+template <class Row>
+using Traversal = std::conditional_t<isArray<Row>, std::nullptr_t, Row**>;
+
+template <class Row>
+struct TableFacts {
+    // `const char*` texts are lasting strings, `char*` ones are owned by the row.
+    using Field = std::variant<std::int32_t Row::*, float Row::*, std::uint64_t Row::*, char * Row::*,
+                               const char * Row::*>;
+    struct NamedField {
+        const char* column;  // its name in the MIB
+        Field field;
+    };
+
+    const char* handlerName;
+    FindVarMethod* handler;
+    const char* unknownColumn;  // the detail of a request for a magic that no column has
+    void (*init)();
+    int (*getNext)(Row**);
+    void (*destroy)();
+    Row** (*getPtr)();
+    std::int32_t* index;  // the collection's variables
+    Traversal<Row> traversal;
+    std::size_t indexFields;         // how many of the first fields are the index; 0: the position is
+    std::vector<NamedField> fields;  // in the order of the columns
+};
+
+template <class Row>
+const TableFacts<Row>& Facts();
+
+#define LIST_OPERATIONS(table, list)                                                 \
+    SNMP##table##Table_Init, SNMP##table##Table_GetNext, SNMP##table##Table_Destroy, \
+        SNMP##table##Table_GetPtr, &list##TableIndex, &list##ListTravPtr
+
+template <>
+inline const TableFacts<vmEntry>& Facts() {
+    static const TableFacts<vmEntry> facts{"SNMP_VMInfoTable",
+                                           SNMP_VMInfoTable,
+                                           "SNMPVMInfo_Table: Unknown variable requested.\n",
+                                           SNMPVMInfoTable_Init,
+                                           SNMPVMInfoTable_GetNext,
+                                           SNMPVMInfoTable_Destroy,
+                                           SNMPVMInfoTable_GetPtr,
+                                           &vmInfoTableIndex,
+                                           nullptr,
+                                           0,
+                                           {{"vmIdx", &vmEntry::vmIdx},
+                                            {"vmDisplayName", &vmEntry::vmDisplayName},
+                                            {"vmConfigFile", &vmEntry::vmConfigFile},
+                                            {"vmGuestOS", &vmEntry::vmGuestOS},
+                                            {"vmMemSize", &vmEntry::vmMemSize},
+                                            {"vmState", &vmEntry::vmState},
+                                            {"vmVMID", &vmEntry::vmVMID},
+                                            {"vmGuestState", &vmEntry::vmGuestState}}};
+    return facts;
+}
+
+template <>
+inline const TableFacts<vmHBANode>& Facts() {
+    static const TableFacts<vmHBANode> facts{"SNMP_VMHBATable",
+                                             SNMP_VMHBATable,
+                                             "SNMP_VMHBATable: Unknown variable requested.\n",
+                                             LIST_OPERATIONS(VMHBA, vmHBA),
+                                             2,
+                                             {{"hbaVmIdx", &vmHBANode::vmIdx},
+                                              {"hbaBus", &vmHBANode::hbaBus},
+                                              {"hbaLabel", &vmHBANode::hbaLabel},
+                                              {"hbaType", &vmHBANode::hbaType}}};
+    return facts;
+}
+
+template <>
+inline const TableFacts<vmHBATgtNode>& Facts() {
+    static const TableFacts<vmHBATgtNode> facts{"SNMP_VMHBATgtTable",
+                                                SNMP_VMHBATgtTable,
+                                                "SNMP_VMHBATgtTable: Unknown variable requested.\n",
+                                                LIST_OPERATIONS(VMHBATgt, vmHBATgt),
+                                                2,
+                                                {{"tgtVmIdx", &vmHBATgtNode::vmIdx},
+                                                 {"tgtUnit", &vmHBATgtNode::tgtUnit},
+                                                 {"tgtLabel", &vmHBATgtNode::tgtLabel}}};
+    return facts;
+}
+
+template <>
+inline const TableFacts<vmNetNode>& Facts() {
+    static const TableFacts<vmNetNode> facts{"SNMP_VMNetTable",
+                                             SNMP_VMNetTable,
+                                             "SNMP_VMNetTable: unknown variable requested.\n",
+                                             LIST_OPERATIONS(VMNet, vmNet),
+                                             2,
+                                             {{"nicVmIdx", &vmNetNode::vmIdx},
+                                              {"nicIdx", &vmNetNode::nicIdx},
+                                              {"nicLabel", &vmNetNode::nicLabel},
+                                              {"nicNetwork", &vmNetNode::nicNetwork},
+                                              {"nicDevice", &vmNetNode::nicDevice}}};
+    return facts;
+}
+
+template <>
+inline const TableFacts<vmFloppyNode>& Facts() {
+    static const TableFacts<vmFloppyNode> facts{"SNMP_VMFloppyTable",
+                                                SNMP_VMFloppyTable,
+                                                "SNMP_VMFloppyTable: Unknown variable requested.\n",
+                                                LIST_OPERATIONS(VMFloppy, vmFloppy),
+                                                2,
+                                                {{"fdVmIdx", &vmFloppyNode::vmIdx},
+                                                 {"fdUnit", &vmFloppyNode::fdUnit},
+                                                 {"fdBacking", &vmFloppyNode::fdBacking},
+                                                 {"fdConnected", &vmFloppyNode::fdConnected}}};
+    return facts;
+}
+
+template <>
+inline const TableFacts<vmCDROMNode>& Facts() {
+    static const TableFacts<vmCDROMNode> facts{"SNMP_VMCDROMTable",
+                                               SNMP_VMCDROMTable,
+                                               "SNMP_VMCDROMTable: Unknown variable requested.\n",
+                                               LIST_OPERATIONS(VMCDROM, vmCDROM),
+                                               2,
+                                               {{"cdVmIdx", &vmCDROMNode::vmIdx},
+                                                {"cdIdeIndex", &vmCDROMNode::cdIdeIndex},
+                                                {"cdBacking", &vmCDROMNode::cdBacking},
+                                                {"cdConnected", &vmCDROMNode::cdConnected}}};
+    return facts;
+}
+
+template <>
+inline const TableFacts<resCPUNode>& Facts() {
+    static const TableFacts<resCPUNode> facts{"SNMP_ResCPUTable",
+                                              SNMP_ResCPUTable,
+                                              "SNMP_ResCPUTable: Unknown variable requested.\n",
+                                              LIST_OPERATIONS(ResCPU, resCPU),
+                                              1,
+                                              {{"cpuVMID", &resCPUNode::cpuVMID},
+                                               {"cpuShares", &resCPUNode::cpuShares},
+                                               {"cpuUsedSec", &resCPUNode::cpuUsedSec}}};
+    return facts;
+}
+
+template <>
+inline const TableFacts<resMemNode>& Facts() {
+    static const TableFacts<resMemNode> facts{"SNMP_ResMemTable",
+                                              SNMP_ResMemTable,
+                                              "SNMP_ResMemTable: Unknown variable requested.\n",
+                                              LIST_OPERATIONS(ResMem, resMem),
+                                              1,
+                                              {{"memVMID", &resMemNode::memVMID},
+                                               {"memShares", &resMemNode::memShares},
+                                               {"memConfiguredKB", &resMemNode::memConfiguredKB},
+                                               {"memActive", &resMemNode::memActive}}};
+    return facts;
+}
+
+template <>
+inline const TableFacts<resDiskNode>& Facts() {
+    static const TableFacts<resDiskNode> facts{"SNMP_ResDiskTable",
+                                               SNMP_ResDiskTable,
+                                               "SNMP_ResDiskTable: Unknown variable requested.\n",
+                                               LIST_OPERATIONS(ResDisk, resDisk),
+                                               1,
+                                               {{"diskIdx", &resDiskNode::diskIdx},
+                                                {"diskName", &resDiskNode::diskName},
+                                                {"diskVMID", &resDiskNode::diskVMID},
+                                                {"diskShares", &resDiskNode::diskShares},
+                                                {"diskNumRead", &resDiskNode::diskNumRead},
+                                                {"diskRead", &resDiskNode::diskRead},
+                                                {"diskNumWrite", &resDiskNode::diskNumWrite},
+                                                {"diskWrite", &resDiskNode::diskWrite}}};
+    return facts;
+}
+
+template <>
+inline const TableFacts<resNetNode>& Facts() {
+    static const TableFacts<resNetNode> facts{"SNMP_ResNetTable",
+                                              SNMP_ResNetTable,
+                                              "SNMP_ResNetTable: Unknown variable requested.\n",
+                                              LIST_OPERATIONS(ResNet, resNet),
+                                              1,
+                                              {{"netIdx", &resNetNode::netIdx},
+                                               {"netName", &resNetNode::netName},
+                                               {"netVMID", &resNetNode::netVMID},
+                                               {"netMac", &resNetNode::netMac},
+                                               {"netSpare", &resNetNode::netSpare},
+                                               {"netPktTx", &resNetNode::netPktTx},
+                                               {"netTx", &resNetNode::netTx},
+                                               {"netPktRx", &resNetNode::netPktRx},
+                                               {"netRx", &resNetNode::netRx},
+                                               {"netHCPktTx", &resNetNode::netHCPktTx},
+                                               {"netHCTx", &resNetNode::netHCTx},
+                                               {"netHCPktRx", &resNetNode::netHCPktRx},
+                                               {"netHCRx", &resNetNode::netHCRx}}};
+    return facts;
+}
+
+#undef LIST_OPERATIONS
+
+// Calls `action` with the facts of each table, in the order in which the module empties them.
+template <class Action>
+void ForEachTable(Action action) {
+    action(Facts<vmEntry>());
+    action(Facts<vmNetNode>());
+    action(Facts<vmHBANode>());
+    action(Facts<vmHBATgtNode>());
+    action(Facts<vmFloppyNode>());
+    action(Facts<vmCDROMNode>());
+    action(Facts<resMemNode>());
+    action(Facts<resCPUNode>());
+    action(Facts<resDiskNode>());
+    action(Facts<resNetNode>());
+}
+
+inline void DestroyAllRows() {
+    ForEachTable([](const auto& table) { table.destroy(); });
+}
+
+// The rows as they are linked, without the collection's own operations.
+template <class Row>
+std::vector<Row*> ListRows(const TableFacts<Row>& table) {
+    std::vector<Row*> rows;
+    if constexpr (isArray<Row>) {
+        for (std::int32_t position = 0; position < vmInfoTableNumEnt; ++position) {
+            rows.push_back(*table.getPtr() + position);
+        }
+    } else {
+        for (Row* row = *table.getPtr(); row != nullptr; row = row->next) {
+            rows.push_back(row);
+        }
+    }
+    return rows;
+}
+
+// Links `rows` in that order.
+template <class Row>
+void LinkRows(const TableFacts<Row>& table, const std::vector<Row*>& rows) {
+    Row** link = table.getPtr();
+    for (Row* const row : rows) {
+        *link = row;
+        link = &row->next;
+    }
+    *link = nullptr;
+}
+
+// Inserts a zeroed row that the collection owns before the one at `position`; into an array, at the end.
+// Moves the rows of an array.
+template <class Row>
+Row& InsertRow(const TableFacts<Row>& table, std::size_t position) {
+    std::vector<Row*> rows = ListRows(table);
+    auto* const block = static_cast<Row*>(std::calloc(isArray<Row> ? rows.size() + 1 : 1, sizeof(Row)));
+    if (block == nullptr) {
+        throw std::bad_alloc();
+    }
+    if constexpr (isArray<Row>) {
+        std::transform(rows.begin(), rows.end(), block, [](const Row* row) { return *row; });
+        std::free(*table.getPtr());
+        *table.getPtr() = block;
+        SNMPVMInfoTable_SetNumEntries(static_cast<int>(rows.size() + 1));
+        return block[rows.size()];
+    } else {
+        rows.insert(rows.begin() + static_cast<std::ptrdiff_t>(position), block);
+        LinkRows(table, rows);
+        return *block;
+    }
+}
+
+// How a field is filled.
+enum class Filling : std::uint8_t { Missing, Long, Usual };
+
+// Gives every field a value of its own, except that the index fields get `index`. `serial` numbers the fields
+// that were filled before. `choose` is called for each float (from 0 to 4: a usual one, a negative one, three
+// that fit no INTEGER) and for each text (null, longer than an answer, usual).
+template <class Row, class Choose>
+void FillRow(const TableFacts<Row>& table, Row& row, const std::vector<std::uint32_t>& index,
+             std::size_t& serial, Choose choose) {
+    static std::set<std::string> lasting;
+    for (std::size_t position = 0; position < table.fields.size(); ++position) {
+        ++serial;
+        const auto fill = [&](auto member) {
+            using Value = std::remove_reference_t<decltype(row.*member)>;
+            if constexpr (std::is_same_v<Value, std::int32_t>) {
+                row.*member = static_cast<std::int32_t>(
+                    position < index.size() ? index[position] : static_cast<std::uint32_t>(serial * 40503));
+            } else if constexpr (std::is_same_v<Value, float>) {
+                constexpr float wide = 1e30F;
+                const std::array<float, 5> values{static_cast<float>(serial) + 0.75F, -2.5F, wide, -wide,
+                                                  std::numeric_limits<float>::quiet_NaN()};
+                row.*member = values.at(choose(values.size()));
+            } else if constexpr (std::is_same_v<Value, std::uint64_t>) {
+                row.*member = serial * 0x9e3779b97f4a7c15;
+            } else if (const auto filling = Filling{static_cast<std::uint8_t>(choose(256))};
+                       filling != Filling::Missing) {
+                constexpr std::size_t tooLong = 3000;
+                const std::string text = "text " + std::to_string(serial) +
+                                         std::string(filling == Filling::Long ? tooLong : 0, 'x');
+                if constexpr (std::is_same_v<Value, char*>) {
+                    row.*member = ::strdup(text.c_str());
+                } else {
+                    row.*member = lasting.insert(text).first->c_str();
+                }
+            }
+        };
+        std::visit(fill, table.fields[position].field);
+    }
+}
+
+// The text of the answer for the row's field at that position.
+template <class Row>
+std::string ExpectedText(const TableFacts<Row>& table, const Row& row, std::size_t position) {
+    constexpr std::size_t longestText = 2559;
+    const auto& [column, field] = table.fields[position];
+    if (std::string(column) == "netSpare") {
+        return "0";  // whatever the row holds
+    }
+    return std::visit(
+        [&](auto member) -> std::string {
+            const auto value = row.*member;
+            using Value = std::remove_const_t<decltype(value)>;
+            if constexpr (std::is_same_v<Value, float>) {
+                // Truncated toward zero, limited to what an INTEGER holds; 0 for NaN.
+                using Limits = std::numeric_limits<std::int32_t>;
+                return std::to_string(value != value ? 0
+                                                     : static_cast<std::int32_t>(std::clamp<double>(
+                                                           value, Limits::min(), Limits::max())));
+            } else if constexpr (std::is_integral_v<Value>) {
+                return std::to_string(value);
+            } else {
+                return std::string(value != nullptr ? value : "").substr(0, longestText);
+            }
+        },
+        field);
+}
+
+// The row's index as sub-identifiers; negative ones are their unsigned 32 bits.
+template <class Row>
+Oid InstanceOf(const TableFacts<Row>& table, const std::vector<Row*>& rows, std::size_t position) {
+    if (table.indexFields == 0) {
+        return {position};
+    }
+    Oid index;
+    for (std::size_t field = 0; field < table.indexFields; ++field) {
+        const auto member = std::get<std::int32_t Row::*>(table.fields[field].field);
+        index.push_back(static_cast<std::uint32_t>(rows[position]->*member));
+    }
+    return index;
+}
