@@ -93,7 +93,7 @@ TEST_F(SoapStubAdapterTest, ThrowsAFaultLeavesTheResultAloneAndGoesOn) {
     EXPECT_NO_THROW(stub->Sweep());
 }
 
-TEST_F(SoapStubAdapterTest, ThrowsInvalidResponseForAReplyThatDoesNotFitAndGoesOn) {
+TEST_F(SoapStubAdapterTest, ThrowsInvalidResponseForAReplyThatDoesNotFitAndIgnoresUnknownElements) {
     Tessim::Ref<Sample::Thing> thing;
     const std::string place = "Greet: element Envelope/Body/";
     for (const auto& [reply, failure] : {
@@ -116,9 +116,12 @@ TEST_F(SoapStubAdapterTest, ThrowsInvalidResponseForAReplyThatDoesNotFitAndGoesO
                   place + failure);
         EXPECT_FALSE(thing);
     }
-    ReplyWith(Enveloped("<GreetResponse><returnval><name>hello</name></returnval></GreetResponse>"));
+    ReplyWith(
+        Enveloped("<GreetResponse><since>2.0</since><returnval xsi:type=\"RedToy\"><name>ball</name>"
+                  "<count>2</count><shade>dark</shade></returnval></GreetResponse>"));
     stub->Greet("ann", thing);
-    EXPECT_EQ(thing->GetName(), "hello");
+    EXPECT_EQ(thing->GetName(), "ball");
+    EXPECT_EQ(thing->GetDataObjectType(), GetType<Sample::RedToy>());
 }
 
 TEST_F(SoapStubAdapterTest, IsBrokenForGoodByAReplyThatIsNone) {

@@ -94,26 +94,6 @@ TEST(SoapMessage, TakesAnyPrefixAHeaderAndCommentsAndTheTargetAnywhere) {
     EXPECT_EQ(message.GetParameters(Method("Greet"))->GetDataObjectType(), Method("Greet").request);
 }
 
-TEST(SoapMessage, IsAReplyToItsOwnMethodUnlessItIsAFault) {
-    for (const auto& [content, isReply] : {std::pair{"<GetThingsResponse/>", true},
-                                           {"<Fault/>", true},
-                                           {"<GetOwnerResponse/>", false},
-                                           {"<GetThings/>", false}}) {
-        EXPECT_EQ(Message(Enveloped(content), {}).IsReplyTo(Method("GetThings")), isReply) << content;
-    }
-}
-
-TEST(SoapMessage, HasAResponseInWhichUnknownElementsAreIgnored) {
-    const Message message(
-        Enveloped("<GreetResponse><since>2.0</since><returnval xsi:type=\"RedToy\"><name>ball</name>"
-                  "<count>2</count><shade>dark</shade></returnval></GreetResponse>"),
-        {});
-    const auto response = message.GetResponse(Method("Greet"));
-    EXPECT_EQ(response->GetDataObjectType(), Method("Greet").response);
-    EXPECT_THAT(EncodeResponse(Method("Greet"), *response),
-                HasSubstr("<returnval xsi:type=\"RedToy\"><name>ball</name><count>2</count></returnval>"));
-}
-
 template <class Type>
 class SoapFaultOf : public testing::Test {};
 

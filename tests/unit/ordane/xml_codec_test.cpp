@@ -276,18 +276,13 @@ TEST(XmlCodec, TruncatesAndEscapesTheNamesOfAPeer) {
 
 // The bytes that UTF-8 would have for a code point, valid or not.
 std::string Encode(unsigned long code) {
-    const auto byte = [](unsigned long bits) { return static_cast<char>(static_cast<unsigned char>(bits)); };
-    if (code < 0x80) {
-        return {byte(code)};
+    std::size_t length = code < 0x80 ? 1 : code < 0x800 ? 2 : code < 0x10000 ? 3 : 4;
+    const unsigned long lead = length == 1 ? 0 : 0xf00UL >> length & 0xffUL;
+    std::string bytes;
+    for (; length > 1; --length, code >>= 6U) {
+        bytes.insert(bytes.begin(), static_cast<char>(0x80U | (code & 0x3fU)));
     }
-    if (code < 0x800) {
-        return {byte(0xc0U | code >> 6U), byte(0x80U | (code & 0x3fU))};
-    }
-    if (code < 0x10000) {
-        return {byte(0xe0U | code >> 12U), byte(0x80U | (code >> 6U & 0x3fU)), byte(0x80U | (code & 0x3fU))};
-    }
-    return {byte(0xf0U | code >> 18U), byte(0x80U | (code >> 12U & 0x3fU)),
-            byte(0x80U | (code >> 6U & 0x3fU)), byte(0x80U | (code & 0x3fU))};
+    return static_cast<char>(lead | code) + bytes;
 }
 
 // The characters of XML 1.0, as its grammar lists them.
