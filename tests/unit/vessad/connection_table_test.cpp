@@ -27,13 +27,15 @@ struct FakeConnection final : ConnectionTable::Entry {
 
 class ConnectionTableTest : public ::testing::Test {
   protected:
-    // Adds a connection, or moves it to another stage.
-    void Place(std::uint64_t number, Stage stage) {
-        auto& connection = connections[number];
-        if (!connection) {
-            connection = std::make_shared<FakeConnection>(number, evicted);
+    // Adds connections, or moves them to another stage.
+    void Place(Stage stage, const std::vector<std::uint64_t>& numbers) {
+        for (const std::uint64_t number : numbers) {
+            auto& connection = connections[number];
+            if (!connection) {
+                connection = std::make_shared<FakeConnection>(number, evicted);
+            }
+            table.Place(number, connection, stage);
         }
-        table.Place(number, connection, stage);
     }
 
     ConnectionTable table{{.preamble = 2, .login = 2, .session = 2}};
@@ -44,10 +46,9 @@ class ConnectionTableTest : public ::testing::Test {
 TEST_F(ConnectionTableTest, EvictsTheOldestOfAFullStage) {
     for (const Stage stage : {Stage::Preamble, Stage::Login, Stage::Session}) {
         const auto number = static_cast<std::uint64_t>(stage) * 10;
-        Place(number, stage);
-        Place(number + 1, stage);
+        Place(stage, {number, number + 1});
         EXPECT_THAT(evicted, IsEmpty());
-        Place(number + 2, stage);
+        Place(stage, {number + 2});
         EXPECT_THAT(evicted, ElementsAre(std::to_string(number) + ": too many connections"));
         EXPECT_EQ(table.Count(stage), 2U);
         evicted.clear();
@@ -55,46 +56,39 @@ TEST_F(ConnectionTableTest, EvictsTheOldestOfAFullStage) {
 }
 
 TEST_F(ConnectionTableTest, LimitsEachStageSeparately) {
-    Place(1, Stage::Login);
-    Place(2, Stage::Session);
-    for (std::uint64_t number = 10; number < 13; ++number) {
-        Place(number, Stage::Preamble);
-    }
+    Place(Stage::Login, {1});
+    Place(Stage::Session, {2});
+    Place(Stage::Preamble, {10, 11, 12});
     EXPECT_THAT(evicted, ElementsAre("10: too many connections"));
-    EXPECT_EQ(table.Count(Stage::Preamble), 2U);
 }
 
 TEST_F(ConnectionTableTest, MovesAConnectionToAnotherStageAsItsNewest) {
-    Place(1, Stage::Preamble);
-    Place(2, Stage::Login);
-    Place(1, Stage::Login);
+    Place(Stage::Preamble, {1});
+    Place(Stage::Login, {2, 1});
     EXPECT_EQ(table.Count(Stage::Preamble), 0U);
-    Place(3, Stage::Login);
+    Place(Stage::Login, {3});
     EXPECT_THAT(evicted, ElementsAre("2: too many connections"));
 }
 
 TEST_F(ConnectionTableTest, MakesAConnectionTheNewestOfItsStageAgain) {
-    for (const std::uint64_t number : {1, 2, 1, 3}) {
-        Place(number, Stage::Session);
-    }
+    Place(Stage::Session, {1, 2, 1, 3});
     EXPECT_THAT(evicted, ElementsAre("2: too many connections"));
 }
 
 TEST_F(ConnectionTableTest, RemovesConnections) {
-    Place(1, Stage::Preamble);
-    table.Remove(1);
-    table.Remove(1);
-    table.Remove(99);
-    Place(2, Stage::Preamble);
-    Place(3, Stage::Preamble);
+    Place(Stage::Preamble, {1});
+    for (const std::uint64_t number : {1, 1, 99}) {
+        table.Remove(number);
+    }
+    Place(Stage::Preamble, {2, 3});
     EXPECT_THAT(evicted, IsEmpty());
     EXPECT_EQ(table.Count(Stage::Preamble), 2U);
 }
 
 TEST_F(ConnectionTableTest, MakesRoomByEvictingConnectionsWithoutALogin) {
-    Place(1, Stage::Session);
-    Place(2, Stage::Login);
-    Place(3, Stage::Preamble);
+    Place(Stage::Session, {1});
+    Place(Stage::Login, {2});
+    Place(Stage::Preamble, {3});
     table.MakeRoom("short");
     EXPECT_THAT(evicted, ElementsAre("3: short"));
     table.MakeRoom("short");
@@ -103,20 +97,19 @@ TEST_F(ConnectionTableTest, MakesRoomByEvictingConnectionsWithoutALogin) {
 }
 
 TEST_F(ConnectionTableTest, EvictsEveryConnectionWhenClosed) {
-    Place(1, Stage::Session);
-    Place(2, Stage::Preamble);
+    Place(Stage::Session, {1});
+    Place(Stage::Preamble, {2});
     table.Close("over");
     EXPECT_THAT(evicted, ElementsAre("2: over", "1: over"));
-    Place(3, Stage::Session);
+    Place(Stage::Session, {3});
     EXPECT_EQ(evicted.size(), 3U);
     EXPECT_EQ(table.Count(Stage::Session), 0U);
 }
 
 TEST_F(ConnectionTableTest, SkipsConnectionsThatNoLongerExist) {
-    Place(1, Stage::Preamble);
+    Place(Stage::Preamble, {1});
     connections.clear();
-    Place(2, Stage::Preamble);
-    Place(3, Stage::Preamble);
+    Place(Stage::Preamble, {2, 3});
     EXPECT_THAT(evicted, IsEmpty());
     EXPECT_EQ(table.Count(Stage::Preamble), 2U);
 }

@@ -5,11 +5,11 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "tests/support/files.h"
 #include "tests/unit/vessad/log_lines.h"
 #include "tests/unit/vessad/sample_host.h"
 #include "tests/unit/vessad/temporary_directory.h"
@@ -21,28 +21,11 @@ namespace fs = std::filesystem;
 using Hask::PerformanceManager;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::ThrowsMessage;
 using VessadTest::LogLines;
 using VessadTest::sampleHost;
 using VessadTest::TemporaryDirectory;
 using VessadTest::WriteAll;
-
-// The error of `action`, or "none".
-std::string MistakeOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const std::exception& error) {
-        return error.what();
-    }
-    return "none";
-}
-
-std::string Mistake(const std::string& text) {
-    return MistakeOf([&] { ReadHost(text, "h.yaml"); });
-}
-
-std::string FileMistake(const fs::path& file) {
-    return MistakeOf([&] { MakeDescribedHost(file); });
-}
 
 class DescribedHostFile : public ::testing::Test {
   protected:
@@ -111,10 +94,8 @@ vms: [{id: "1", config: null, stats: {cpu.used: {"0": 5, "": 6}, mem.active: {""
 TEST(DescribedHost, ReadsStatisticsAsNumbersAndAsRates) {
     const auto host = ReadHost(sampleHost, "h.yaml");
     const auto& series = host->vms[0]->series;
-    EXPECT_EQ(series[0].start, 181000);
-    EXPECT_EQ(series[0].perSecond, 0);
-    EXPECT_EQ(series[1].start, 90500);
-    EXPECT_EQ(series[1].perSecond, 35);
+    EXPECT_EQ(std::pair(series[0].start, series[0].perSecond), std::pair(std::int64_t{181000}, 0.0));
+    EXPECT_EQ(std::pair(series[1].start, series[1].perSecond), std::pair(std::int64_t{90500}, 35.0));
     EXPECT_EQ(host->vms[2]->series[0].start, 4611686018427387904);
 }
 
@@ -155,27 +136,27 @@ TEST(DescribedHost, StatesPlaceAndExpectationOfAMistake) {
               "1:28: datastores[1].id: expected an id that no other datastore has, found the text \"a\""},
              {"datastores: [{name: a}]\nvms: []\n",
               "1:14: datastores[0]: expected the member id, found none"}}) {
-        EXPECT_EQ(Mistake(text), "h.yaml:" + mistake);
+        EXPECT_THAT([&] { ReadHost(text, "h.yaml"); }, ThrowsMessage<std::exception>("h.yaml:" + mistake))
+            << text;
     }
 }
 
 TEST(DescribedHost, AcceptsADeviceOnAnUnknownDatastore) {
-    EXPECT_EQ(
-        Mistake("vms: [{id: '1', config: {name: a, guestFullName: b, hardware: {numCPU: 1, memoryMB: 1, "
-                "device: [{type: VirtualDisk, key: 1, backing: {type: FileBackingInfo, fileName: f, "
-                "datastore: nowhere}}]}}}]"),
-        "none");
+    EXPECT_NO_THROW(
+        ReadHost("vms: [{id: '1', config: {name: a, guestFullName: b, hardware: {numCPU: 1, memoryMB: 1, "
+                 "device: [{type: VirtualDisk, key: 1, backing: {type: FileBackingInfo, fileName: f, "
+                 "datastore: nowhere}}]}}}]",
+                 "h.yaml"));
 }
 
 TEST(DescribedHost, ReadsEverySampleHost) {
-    int samples = 0;
-    for (const auto& entry : fs::directory_iterator(VESSAD_TEST_HOSTS)) {
-        if (entry.path().extension() == ".yaml") {
-            EXPECT_EQ(FileMistake(entry.path()), "none");
-            ++samples;
+    const auto samples = TestSupport::ListFiles(VESSAD_TEST_HOSTS);
+    EXPECT_GE(samples.size(), 3U);  // one is the README
+    for (const fs::path& file : samples) {
+        if (file.extension() == ".yaml") {
+            EXPECT_NO_THROW(MakeDescribedHost(file)) << file;
         }
     }
-    EXPECT_GE(samples, 2);
 }
 
 TEST(DescribedHost, HasABuiltInSample) {
@@ -185,14 +166,17 @@ TEST(DescribedHost, HasABuiltInSample) {
 }
 
 TEST_F(DescribedHostFile, IsRejectedUnlessItIsARegularFileOfAtMost64MiB) {
-    EXPECT_EQ(FileMistake(file), file.string() + ": cannot read it: No such file or directory");
-    EXPECT_THAT(FileMistake(directory.GetPath()), HasSubstr("it is no regular file"));
+    const auto expectMistake = [](const fs::path& path, const std::string& mistake) {
+        EXPECT_THAT([&] { MakeDescribedHost(path); }, ThrowsMessage<std::exception>(HasSubstr(mistake)));
+    };
+    expectMistake(file, file.string() + ": cannot read it: No such file or directory");
+    expectMistake(directory.GetPath(), "it is no regular file");
     ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
-    EXPECT_THAT(FileMistake(file), HasSubstr("it is no regular file"));
+    expectMistake(file, "it is no regular file");
     fs::remove(file);
     WriteAll(file, "vms: []\n");
     fs::resize_file(file, 64UL * 1024 * 1024 + 1);
-    EXPECT_THAT(FileMistake(file), HasSubstr("it is larger than 67108864 bytes"));
+    expectMistake(file, "it is larger than 67108864 bytes");
 }
 
 TEST_F(DescribedHostFile, IsReadAgainOnReloadAndKeptWhenThatFails) {

@@ -52,16 +52,16 @@ TEST(Options, ComeFromTheCommandLine) {
 }
 
 TEST(Options, RejectMistakes) {
-    for (const std::vector<const char*>& arguments :
-         std::vector<std::vector<const char*>>{{"--host", "a", "--libvirt", "b"},
-                                               {"--host"},
-                                               {"--colour"},
-                                               {"word"},
-                                               {"--listen", "0.0.0.0:902"},
-                                               {"--log-level", "loud"}}) {
+    const std::vector<std::vector<const char*>> mistakes{{"--host", "a", "--libvirt", "b"},
+                                                         {"--host"},
+                                                         {"--colour"},
+                                                         {"word"},
+                                                         {"--listen", "0.0.0.0:902"},
+                                                         {"--log-level", "loud"}};
+    for (const auto& arguments : mistakes) {
         const Parsed parsed = Parse(arguments);
-        EXPECT_FALSE(parsed.options.has_value());
-        EXPECT_NE(parsed.exitCode, 0);
+        EXPECT_FALSE(parsed.options.has_value()) << arguments[0];
+        EXPECT_NE(parsed.exitCode, 0) << arguments[0];
     }
     EXPECT_EQ(Parse({"--help"}).exitCode, 0);
     EXPECT_FALSE(Parse({"--help"}).options.has_value());

@@ -23,8 +23,9 @@ class ServerTest : public ::testing::Test {
         StartServer();
     }
 
-    // Again after a change of options.
-    void StartServer() {
+    // Again with other timeouts.
+    void StartServer(const Vessad::Timeouts& timeouts = {}) {
+        options.timeouts = timeouts;
         server = std::make_unique<Vessad::Server>(options, backend);
         server->Start();
         port = server->GetEndpoint().port();

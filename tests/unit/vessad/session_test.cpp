@@ -33,8 +33,8 @@ class SessionTest : public VessadTest::ServerTest {
     std::string LogOut() const { return Call("SessionManager", "ha-sessionmgr", "Logout"); }
 
     void SetUp() override {
-        options.timeouts.rejectedLogin = {};
         ServerTest::SetUp();
+        StartServer({.rejectedLogin = {}});
         client = Opened();
     }
 
