@@ -11,7 +11,6 @@
 
 #include "tests/support/files.h"
 #include "tests/unit/vessad/log_lines.h"
-#include "tests/unit/vessad/sample_host.h"
 #include "tests/unit/vessad/temporary_directory.h"
 
 namespace Vessad {
@@ -23,7 +22,6 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::ThrowsMessage;
 using VessadTest::LogLines;
-using VessadTest::sampleHost;
 using VessadTest::TemporaryDirectory;
 using VessadTest::WriteAll;
 
@@ -32,29 +30,6 @@ class DescribedHostFile : public ::testing::Test {
     TemporaryDirectory directory;
     fs::path file = directory.GetPath() / "host.yaml";
 };
-
-TEST(DescribedHost, ServesWhatTheFileDescribes) {
-    const auto host = ReadHost(sampleHost, "h.yaml");
-    EXPECT_EQ(host->about->GetBuild(), "77");
-    EXPECT_EQ(host->hardware->GetCpuInfo()->GetNumCpuCores(), 12);
-    EXPECT_EQ(host->serviceConsole->GetUnreserved(), 1862270976);
-    EXPECT_NE(Tessim::NarrowToType<Hask::Host::DrellDatastoreInfo>(host->datastores.at("ds-1")), nullptr);
-    EXPECT_EQ(host->datastores.at("ds-2")->GetDataObjectType(), &Hask::Datastore::Info::staticType);
-    ASSERT_EQ(host->vms.size(), 3U);
-    EXPECT_EQ(host->vms[0]->id, "16");
-    EXPECT_EQ(host->vms[1]->config, nullptr);
-    EXPECT_EQ(host->vms[2]->id, "name-17");
-    EXPECT_EQ(host->vms[2]->runtime, nullptr);
-    EXPECT_EQ(host->vmsById.at("name-17"), host->vms[2]);
-}
-
-TEST(DescribedHost, NeedsOnlyTheListOfVms) {
-    const auto host = ReadHost("vms: []", "h.yaml");
-    EXPECT_EQ(host->about, nullptr);
-    EXPECT_EQ(host->hardware, nullptr);
-    EXPECT_EQ(host->serviceConsole, nullptr);
-    EXPECT_TRUE(host->datastores.empty());
-}
 
 TEST(DescribedHost, HasTheStandardCountersUnlessItDefinesItsOwn) {
     std::vector<std::string> names;
@@ -89,14 +64,6 @@ vms: [{id: "1", config: null, stats: {cpu.used: {"0": 5, "": 6}, mem.active: {""
     EXPECT_EQ(series[1].counterKey, 91);
     EXPECT_EQ(series[1].instance, "");
     EXPECT_EQ(series[2].counterKey, 9);
-}
-
-TEST(DescribedHost, ReadsStatisticsAsNumbersAndAsRates) {
-    const auto host = ReadHost(sampleHost, "h.yaml");
-    const auto& series = host->vms[0]->series;
-    EXPECT_EQ(std::pair(series[0].start, series[0].perSecond), std::pair(std::int64_t{181000}, 0.0));
-    EXPECT_EQ(std::pair(series[1].start, series[1].perSecond), std::pair(std::int64_t{90500}, 35.0));
-    EXPECT_EQ(host->vms[2]->series[0].start, 4611686018427387904);
 }
 
 TEST(DescribedHost, StatesPlaceAndExpectationOfAMistake) {

@@ -45,7 +45,7 @@ Tessim::Ref<PerformanceManager::QuerySpec> Spec(const std::string& id, const Met
 
 using Results = std::vector<std::pair<std::string, std::vector<Statistic>>>;
 
-// The results of a query on the sample host, each as its entity's id and its statistics.
+// The results of a query on the sample host after two seconds, each as its entity's id and its statistics.
 Results Query(const std::vector<Tessim::Ref<PerformanceManager::QuerySpec>>& specs) {
     static const std::shared_ptr<const Inventory> inventory = ReadHost(VessadTest::sampleHost, "test");
     Ordane::DataArray<PerformanceManager::QuerySpec> list;
@@ -53,7 +53,7 @@ Results Query(const std::vector<Tessim::Ref<PerformanceManager::QuerySpec>>& spe
         list.Append(spec);
     }
     Results results;
-    const auto found = QueryPerformance(*inventory, list, {});
+    const auto found = QueryPerformance(*inventory, list, seconds(2));
     for (const auto& base : *found) {
         const auto* metric = Tessim::NarrowToType<PerformanceManager::EntityMetric>(base);
         std::vector<Statistic> statistics;
@@ -70,7 +70,7 @@ Results Query(const std::vector<Tessim::Ref<PerformanceManager::QuerySpec>>& spe
 
 TEST(Performance, ReturnsTheStatisticsThatTheMetricIdsNameInTheirOrder) {
     const Statistic cpu0(cpuUsed, "0", 181000);
-    const Statistic cpu1(cpuUsed, "1", 90500);
+    const Statistic cpu1(cpuUsed, "1", 90570);  // 35 per second
     const Statistic memory(memActive, "", 131072);
     const Statistic large(cpuUsed, "0", 4611686018427387904);
     const Metrics allCpus{{cpuUsed, "*"}};

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -89,8 +90,9 @@ TEST_F(SessionTest, ReturnsASystemErrorWhenNoTicketCanBeWritten) {
 
 TEST_F(SessionTest, ReturnsServiceContentBeforeLogin) {
     const std::string content = Call("ServiceInstance", "ServiceInstance", "RetrieveContent");
-    for (const char* part : {"<version>1.2.3</version>", "type=\"SessionManager\">ha-sessionmgr</",
-                             "type=\"PerformanceManager\">ha-perfmgr</"}) {
+    for (const char* part :
+         {"<version>1.2.3</version>", "<build>77</build>", "type=\"SessionManager\">ha-sessionmgr</",
+          "type=\"PerformanceManager\">ha-perfmgr</"}) {
         EXPECT_THAT(content, HasSubstr(part));
     }
 }
@@ -137,9 +139,16 @@ TEST_F(SessionTest, ReturnsNothingForWhatTheInventoryDoesNotHave) {
     client = LoggedIn();
     EXPECT_THAT(Call("VirtualMachine", "17", "GetConfig"), Not(HasSubstr("returnval")));
     EXPECT_THAT(Call("VirtualMachine", "name-17", "GetGuest"), Not(HasSubstr("returnval")));
+    EXPECT_THAT(Call("Datastore", "ds-2", "GetInfo"), HasSubstr("returnval"));
     backend.Replace("vms: []");
-    EXPECT_THAT(Call("Folder", "ha-folder-vm", "GetChildEntity"), Not(HasSubstr("returnval")));
-    EXPECT_THAT(Call("HostSystem", "ha-host", "GetHardware"), Not(HasSubstr("returnval")));
+    for (const auto& [type, id, method] : std::vector<std::array<std::string, 3>>{
+             {"Folder", "ha-folder-vm", "GetChildEntity"},
+             {"Datastore", "ds-2", "GetInfo"},
+             {"HostSystem", "ha-host", "GetHardware"},
+             {"MemoryManagerSystem", "memoryManagerSystem", "GetConsoleReservationInfo"}}) {
+        EXPECT_THAT(Call(type, id, method), Not(HasSubstr("returnval"))) << method;
+    }
+    EXPECT_THAT(Call("ServiceInstance", "ServiceInstance", "RetrieveContent"), Not(HasSubstr("<about")));
 }
 
 }  // namespace
