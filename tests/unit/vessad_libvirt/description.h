@@ -1,11 +1,13 @@
-// Domain XML and its description, for tests.
+// Domain XML, its description and inventories as text, for tests.
 #pragma once
 
+#include <algorithm>
 #include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "apps/vessad/backends/Backend.h"
 #include "apps/vessad/backends/libvirt/DomainXml.h"
 
 namespace Vessad::Libvirt {
@@ -44,14 +46,16 @@ struct Describer {
     std::optional<std::string> configFile;
 };
 
-// One line per device, "TYPE KEY | LABEL | SUMMARY", and after further bars what the device has of: its bus
-// number, its place "CONTROLLER:UNIT", its MAC address, its backing, whether it is connected.
+// One line per device, "TYPE KEY | LABEL | SUMMARY" without the "Virtual" that types start with, and after
+// further bars what the device has of: its bus number, its place "CONTROLLER:UNIT", its MAC address, its
+// backing, whether it is connected.
 inline std::vector<std::string> DeviceLines(const Hask::Vm::ConfigInfo& config) {
     namespace Device = Hask::Vm::Device;
     std::vector<std::string> lines;
     for (const auto& device : *config.GetHardware()->GetDevice()) {
         std::ostringstream line;
-        line << device->GetDataObjectType()->name << ' ' << device->GetKey() << " | "
+        const std::string type(device->GetDataObjectType()->name);
+        line << type.substr(type.starts_with("Virtual") ? 7 : 0) << ' ' << device->GetKey() << " | "
              << device->GetDeviceInfo()->GetLabel() << " | " << device->GetDeviceInfo()->GetSummary();
         if (const auto* controller = Tessim::NarrowToType<Device::VirtualController>(device)) {
             line << " | bus " << controller->GetBusNumber();
@@ -67,8 +71,9 @@ inline std::vector<std::string> DeviceLines(const Hask::Vm::ConfigInfo& config) 
         if (const auto* named = Tessim::NarrowToType<Device::VirtualDevice::DeviceBackingInfo>(backing)) {
             line << " | device " << named->GetDeviceName();
         } else if (const auto* file = Tessim::NarrowToType<Device::VirtualDevice::FileBackingInfo>(backing)) {
-            line << " | " << file->GetDatastore()->GetType() << ' ' << file->GetDatastore()->GetId() << ' '
-                 << file->GetFileName();
+            const auto* const datastore = file->GetDatastore();
+            line << " | " << datastore->GetId() << ' ' << file->GetFileName()
+                 << (datastore->GetType() == "Datastore" ? "" : " of the type " + datastore->GetType());
         }
         if (const auto* connection = device->GetConnectable()) {
             line << (connection->IsConnected() ? " | connected" : " | disconnected");
@@ -76,6 +81,61 @@ inline std::vector<std::string> DeviceLines(const Hask::Vm::ConfigInfo& config) 
         lines.push_back(line.str());
     }
     return lines;
+}
+
+// "NAME | CPUS, SHARES | MEMORY, SHARES | GUEST | FILE".
+inline std::string ConfigLine(const Hask::Vm::ConfigInfo& config) {
+    std::ostringstream line;
+    line << config.GetName() << " | " << config.GetHardware()->GetNumCPU() << " CPUs, "
+         << config.GetCpuAllocation()->GetShares()->GetShares() << " shares | "
+         << config.GetHardware()->GetMemoryMB() << " MB, "
+         << config.GetMemoryAllocation()->GetShares()->GetShares() << " shares | "
+         << config.GetGuestFullName() << " | " << config.GetFiles()->GetVmPathName().value_or("no file");
+    return line.str();
+}
+
+// "GROUP.COUNTER INSTANCE=VALUE" for each series, in order and separated by commas.
+inline std::string SeriesText(const std::vector<Series>& series) {
+    std::vector<std::string> texts;
+    for (const auto& [name, key] : KeysOf(StandardCounters())) {
+        for (const Series& each : series) {
+            if (each.counterKey == key) {
+                texts.push_back(name + " " + each.instance + "=" + std::to_string(each.start) +
+                                (each.perSecond == 0 ? "" : " and rises"));
+            }
+        }
+    }
+    std::sort(texts.begin(), texts.end());
+    std::string joined;
+    for (const std::string& text : texts) {
+        joined += (joined.empty() ? "" : ", ") + text;
+    }
+    return joined;
+}
+
+// One line per VM, "ID NAME POWER GUEST SERIES".
+inline std::vector<std::string> VmLines(const Inventory& inventory) {
+    const auto* const powerStates = Ordane::GetEnumType<Hask::VirtualMachine::PowerState>();
+    std::vector<std::string> lines;
+    for (const auto& vm : inventory.vms) {
+        std::ostringstream line;
+        line << vm->id << ' ' << (vm->config ? vm->config->GetName() : "unconfigured") << ' '
+             << powerStates->GetText(static_cast<int>(vm->runtime->GetPowerState())) << ' '
+             << vm->guest->GetGuestState() << (vm->series.empty() ? "" : " ") << SeriesText(vm->series);
+        lines.push_back(line.str());
+    }
+    return lines;
+}
+
+// "DRIVER VERSION, libvirt VERSION, CORES cores, BYTES bytes, RESERVED reserved, COUNTERS counters".
+inline std::string HostLine(const Inventory& inventory) {
+    std::ostringstream line;
+    line << inventory.about->GetName() << ' ' << inventory.about->GetVersion() << ", libvirt "
+         << inventory.about->GetBuild() << ", " << inventory.hardware->GetCpuInfo()->GetNumCpuCores()
+         << " cores, " << inventory.serviceConsole->GetUnreserved() << " bytes, "
+         << inventory.serviceConsole->GetServiceConsoleReserved() << " reserved, "
+         << inventory.counters.size() << " counters";
+    return line.str();
 }
 
 }  // namespace Vessad::Libvirt

@@ -63,6 +63,12 @@ class FakeApi final : public Api {
             ++state.breaks;
         });
     }
+    void Hold(bool FakeState::*call, bool held = true) {
+        With([&](FakeState& state) { state.*call = held; });
+    }
+    void SetCpuTime(const std::string& uuid, std::uint64_t milliseconds) {
+        With([&](FakeState& state) { state.statistics[uuid] = {{"vcpu.0.time", milliseconds * 1000000}}; });
+    }
     void Freeze(const std::string& uuid) {
         With([&](FakeState& state) { state.frozen.insert(uuid); });
     }
@@ -148,10 +154,6 @@ class FakeApi::FakeConnection final : public Connection {
 
 inline std::unique_ptr<Connection> FakeApi::Open(const std::string&) {
     return std::make_unique<FakeConnection>(shared);
-}
-
-inline Statistics CpuTime(std::uint64_t milliseconds) {
-    return {{"vcpu.0.time", milliseconds * 1000000}};
 }
 
 }  // namespace Vessad::Libvirt

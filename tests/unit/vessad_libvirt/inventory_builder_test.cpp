@@ -3,16 +3,31 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "apps/vessad/backends/libvirt/SeriesBuilder.h"
 #include "tests/unit/vessad/temporary_directory.h"
 #include "tests/unit/vessad_libvirt/description.h"
 
 namespace Vessad::Libvirt {
 namespace {
 
-using PowerState = Hask::VirtualMachine::PowerState;
 using testing::ElementsAre;
+using testing::Key;
 
-const Statistics fiveMilliseconds{{"vcpu.0.time", std::uint64_t{5000000}}};
+// `text`: "NAME=VALUE", separated by blanks; those whose name ends with ".name" are text.
+Statistics ParseStatistics(const std::string& text) {
+    Statistics statistics;
+    std::istringstream stream(text);
+    for (std::string entry; stream >> entry;) {
+        const auto end = entry.find('=');
+        const std::string name = entry.substr(0, end);
+        if (name.ends_with(".name")) {
+            statistics[name] = entry.substr(end + 1);
+        } else {
+            statistics[name] = std::uint64_t{std::stoull(entry.substr(end + 1))};
+        }
+    }
+    return statistics;
+}
 
 // Of a host whose domains A and B have the ids 1000 and 2000; C has none.
 class InventoryBuilderTest : public testing::Test {
@@ -33,14 +48,6 @@ class InventoryBuilderTest : public testing::Test {
         return BuildInventory(reading, vmIds, samples, before);
     }
 
-    static std::vector<std::string> Ids(const Inventory& inventory) {
-        std::vector<std::string> ids;
-        for (const auto& vm : inventory.vms) {
-            ids.push_back(vm->id);
-        }
-        return ids;
-    }
-
     VessadTest::TemporaryDirectory directory;
     VmIds vmIds{directory.GetPath()};
     HostReading reading;
@@ -48,54 +55,49 @@ class InventoryBuilderTest : public testing::Test {
 
 TEST_F(InventoryBuilderTest, HasTheHostAlsoWithoutItsVms) {
     Add(uuidA);
-    for (const auto& inventory : {Build(), WithoutVms(*Build())}) {
-        EXPECT_EQ(inventory->about->GetName(), "QEMU");
-        EXPECT_EQ(inventory->about->GetVersion(), "7.2.22");
-        EXPECT_EQ(inventory->about->GetBuild(), "9.0.0");
-        EXPECT_EQ(inventory->hardware->GetCpuInfo()->GetNumCpuCores(), 8);
-        EXPECT_EQ(inventory->serviceConsole->GetServiceConsoleReserved(), 0);
-        EXPECT_EQ(inventory->serviceConsole->GetUnreserved(), 16777216LL * 1024);
-        EXPECT_EQ(inventory->counters.size(), 10U);
+    const auto with = Build();
+    const auto without = WithoutVms(*with);
+    for (const auto& inventory : {with, without}) {
+        EXPECT_EQ(HostLine(*inventory),
+                  "QEMU 7.2.22, libvirt 9.0.0, 8 cores, 17179869184 bytes, 0 reserved, 10 counters");
     }
-    EXPECT_EQ(Build()->vms.size(), 1U);
-    EXPECT_TRUE(WithoutVms(*Build())->vms.empty());
-    EXPECT_TRUE(WithoutVms(*Build())->vmsById.empty());
+    EXPECT_EQ(with->vms.size(), 1U);
+    EXPECT_TRUE(without->vms.empty());
+    EXPECT_TRUE(without->vmsById.empty());
 }
 
 TEST_F(InventoryBuilderTest, OrdersVmsByTheirIdAsANumberAndHidesThoseWithoutOne) {
     std::vector<std::string> uuids;
     for (const char digit : {'1', '2', '3', '4', '5', '6', '7', '8'}) {
-        uuids.push_back(uuidC);
-        uuids.back()[0] = digit;
-        Add(uuids.back());
+        uuids.push_back(digit + uuidC.substr(1));
     }
     vmIds.Admit(uuids);
-    Add(uuidC);
-    Add(uuidB);
-    Add(uuidA);
-    EXPECT_THAT(Ids(*Build()),
+    uuids.insert(uuids.end(), {uuidC, uuidB, uuidA});
+    for (const std::string& uuid : uuids) {
+        Add(uuid);
+    }
+    const auto inventory = Build();
+    std::vector<std::string> ids;
+    for (const auto& vm : inventory->vms) {
+        ids.push_back(vm->id);
+    }
+    EXPECT_THAT(ids,
                 ElementsAre("1000", "2000", "3000", "4000", "5000", "6000", "7000", "8000", "9000", "10000"));
 }
 
-TEST_F(InventoryBuilderTest, HasAVmWhoseXmlCannotBeReadWithoutAConfiguration) {
-    reading.domains.push_back({uuidA, "broken", true, DomainState::Running, nullptr});
-    const auto inventory = Build({{uuidA, fiveMilliseconds}});
-    ASSERT_EQ(inventory->vms.size(), 1U);
-    EXPECT_FALSE(inventory->vms[0]->config);
-    EXPECT_TRUE(inventory->vms[0]->runtime);
-    EXPECT_TRUE(inventory->vms[0]->series.empty());
-}
-
-TEST_F(InventoryBuilderTest, HasTheStatisticsOfTheirVmAndTheDatastoresOfAll) {
+TEST_F(InventoryBuilderTest, HasVmsWithTheirStatisticsAndTheDatastoresOfAll) {
     Add(uuidA);
     Add(uuidB, "/nfs/1");
-    const auto inventory = Build({{uuidB, fiveMilliseconds}});
-    EXPECT_TRUE(inventory->vms[0]->series.empty());
-    ASSERT_EQ(inventory->vms[1]->series.size(), 1U);
-    EXPECT_EQ(inventory->vms[1]->series[0].start, 5);
-    EXPECT_EQ(inventory->datastores.size(), 2U);
-    EXPECT_TRUE(inventory->datastores.contains("pool:default"));
-    EXPECT_TRUE(inventory->datastores.contains("directory:/nfs"));
+    const auto inventory = Build({{uuidB, ParseStatistics("vcpu.0.time=5000000")}});
+    EXPECT_THAT(VmLines(*inventory),
+                ElementsAre("1000 web-1 poweredOn running", "2000 web-1 poweredOn running cpu.used 0=5"));
+    EXPECT_THAT(inventory->datastores, ElementsAre(Key("directory:/nfs"), Key("pool:default")));
+}
+
+TEST_F(InventoryBuilderTest, HasAVmWhoseXmlCannotBeReadWithoutAConfigurationAndStatistics) {
+    reading.domains.push_back({uuidA, "broken", true, DomainState::Running, nullptr});
+    EXPECT_THAT(VmLines(*Build({{uuidA, ParseStatistics("vcpu.0.time=5000000")}})),
+                ElementsAre("1000 unconfigured poweredOn running"));
 }
 
 TEST_F(InventoryBuilderTest, FindsAVmByItsIdUntilTheCollectionAfterItsRemoval) {
@@ -104,33 +106,72 @@ TEST_F(InventoryBuilderTest, FindsAVmByItsIdUntilTheCollectionAfterItsRemoval) {
     const auto before = Build();
     reading.domains.pop_back();
     const auto now = Build({}, *before);
-    EXPECT_THAT(Ids(*now), ElementsAre("1000"));
-    EXPECT_TRUE(now->vmsById.contains("2000"));
+    EXPECT_THAT(VmLines(*now), ElementsAre("1000 web-1 poweredOn running"));
+    EXPECT_THAT(now->vmsById, ElementsAre(Key("1000"), Key("2000")));
     EXPECT_NE(now->vmsById.at("1000"), before->vmsById.at("1000"));
-    EXPECT_FALSE(Build({}, *now)->vmsById.contains("2000"));
+    EXPECT_THAT(Build({}, *now)->vmsById, ElementsAre(Key("1000")));
 }
 
 TEST(States, AreShownAsDocumented) {
-    struct Case {
-        DomainState state;
-        bool active;
-        PowerState power;
-        const char* guest;
+    const auto show = [](DomainState state, bool active) {
+        const auto* const names = Ordane::GetEnumType<Hask::VirtualMachine::PowerState>();
+        return std::string(names->GetText(static_cast<int>(PowerStateOf(state, active)))) + " " +
+               GuestStateOf(state, active);
     };
-    for (const auto& [state, active, power, guest] :
-         {Case{DomainState::Running, true, PowerState::poweredOn, "running"},
-          Case{DomainState::Blocked, true, PowerState::poweredOn, "running"},
-          Case{DomainState::ShuttingDown, true, PowerState::poweredOn, "shuttingDown"},
-          Case{DomainState::Paused, true, PowerState::suspended, "notRunning"},
-          Case{DomainState::PmSuspended, true, PowerState::suspended, "standby"},
-          Case{DomainState::ShutOff, false, PowerState::poweredOff, "notRunning"},
-          Case{DomainState::Crashed, true, PowerState::poweredOff, "notRunning"},
-          Case{DomainState::Crashed, false, PowerState::poweredOff, "notRunning"},
-          Case{DomainState::None, true, PowerState::poweredOn, "unknown"},
-          Case{DomainState::None, false, PowerState::poweredOff, "notRunning"}}) {
-        EXPECT_EQ(PowerStateOf(state, active), power) << static_cast<int>(state) << active;
-        EXPECT_EQ(GuestStateOf(state, active), guest) << static_cast<int>(state) << active;
-    }
+    EXPECT_EQ(show(DomainState::Running, true), "poweredOn running");
+    EXPECT_EQ(show(DomainState::Blocked, true), "poweredOn running");
+    EXPECT_EQ(show(DomainState::ShuttingDown, true), "poweredOn shuttingDown");
+    EXPECT_EQ(show(DomainState::Paused, true), "suspended notRunning");
+    EXPECT_EQ(show(DomainState::PmSuspended, true), "suspended standby");
+    EXPECT_EQ(show(DomainState::ShutOff, false), "poweredOff notRunning");
+    EXPECT_EQ(show(DomainState::Crashed, true), "poweredOff notRunning");
+    EXPECT_EQ(show(DomainState::Crashed, false), "poweredOff notRunning");
+    EXPECT_EQ(show(DomainState::None, true), "poweredOn unknown");
+    EXPECT_EQ(show(DomainState::None, false), "poweredOff notRunning");
+}
+
+std::string SeriesOf(const std::string& statistics) {
+    DomainDescription domain;
+    domain.disks = {{"vda", "/dev/sda1"}, {"vdb", "/dev/sda1"}, {"vdc", "/dev/sdb"}};
+    domain.cards = {{"vnet0", 4000}, {"vnet7", 4024}, {"", 4032}};
+    return SeriesText(BuildSeries(ParseStatistics(statistics), domain, KeysOf(StandardCounters())));
+}
+
+TEST(BuildSeries, LeavesOutWhatIsNotSampledOrNotInTheCatalogue) {
+    EXPECT_EQ(SeriesOf(""), "");
+    EXPECT_TRUE(BuildSeries(ParseStatistics("vcpu.0.time=1"), {}, {}).empty());
+}
+
+TEST(BuildSeries, CountsMillisecondsOfTheEnabledCpus) {
+    EXPECT_EQ(SeriesOf("vcpu.current=3 vcpu.maximum=16 vcpu.0.time=181000999999 vcpu.2.time=1000000 "
+                       "vcpu.2.wait=7 vcpu.10.time=999999"),
+              "cpu.used 0=181000, cpu.used 1=1, cpu.used 2=0");
+    EXPECT_EQ(SeriesOf("vcpu.0.state=1 vcpu.1.time=5000000"), "cpu.used 1=5");
+}
+
+TEST(BuildSeries, TakesMemoryFromTheGuestElseFromTheHost) {
+    EXPECT_EQ(SeriesOf("balloon.rss=900 balloon.available=1000 balloon.unused=400"), "mem.active =600");
+    EXPECT_EQ(SeriesOf("balloon.rss=900 balloon.available=1000"), "mem.active =900");
+    EXPECT_EQ(SeriesOf("balloon.rss=900 balloon.available=1000 balloon.unused=1001"), "mem.active =900");
+    EXPECT_EQ(SeriesOf("balloon.current=1000"), "");
+}
+
+// hdc is a CD-ROM drive.
+TEST(BuildSeries, SumsTheDisksOfOneNameBeforeItRounds) {
+    EXPECT_EQ(SeriesOf("block.count=4 block.0.name=vda block.1.name=hdc block.2.name=vdb block.3.name=vdc "
+                       "block.0.rd.reqs=10 block.0.rd.bytes=1023 block.0.wr.reqs=20 block.0.wr.bytes=512 "
+                       "block.1.rd.reqs=99 block.2.rd.reqs=1 block.2.rd.bytes=1 block.2.wr.reqs=2 "
+                       "block.2.wr.bytes=511 block.3.rd.reqs=5 block.3.rd.bytes=2048"),
+              "disk.numberRead /dev/sda1=11, disk.numberRead /dev/sdb=5, disk.numberWrite /dev/sda1=22, "
+              "disk.read /dev/sda1=1, disk.read /dev/sdb=2, disk.write /dev/sda1=0");
+}
+
+TEST(BuildSeries, NamesCardsByTheirKeysInTheGuestsDirection) {
+    EXPECT_EQ(
+        SeriesOf("net.0.name=vnet7 net.0.rx.bytes=4096 net.0.rx.pkts=3 net.0.tx.bytes=2047 net.0.tx.pkts=5 "
+                 "net.1.name=vnet0 net.1.rx.pkts=8 net.2.name= net.2.rx.pkts=9"),
+        "net.packetsRx 4000=8, net.packetsRx 4024=3, net.packetsTx 4024=5, net.received 4024=4, "
+        "net.transmitted 4024=1");
 }
 
 }  // namespace

@@ -16,53 +16,41 @@ const std::vector<Mount> mounts{
     {"/dev/sdc1", "/twice", "xfs"},
 };
 
-struct PlaceCase {
-    std::optional<std::vector<Mount>> mounts;
-    std::vector<Pool> pools;
-    std::string file;
-    std::string place;  // "ID NAME URL RELATIVE DEVICE"
-};
-
-class PlaceTest : public testing::TestWithParam<PlaceCase> {};
-
-TEST_P(PlaceTest, IsThatOfTheFile) {
-    const Place place = Storage(GetParam().mounts, GetParam().pools).Locate(GetParam().file);
-    EXPECT_EQ(place.datastoreId + " " + place.datastoreName + " " + place.url + " " + place.relative + " " +
-                  place.device.value_or("none"),
-              GetParam().place);
+// "ID NAME URL RELATIVE DEVICE" of the place of `file`.
+std::string Locate(const Storage& storage, const std::string& file) {
+    const Place place = storage.Locate(file);
+    return place.datastoreId + " " + place.datastoreName + " " + place.url + " " + place.relative + " " +
+           place.device.value_or("none");
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    FileSystems, PlaceTest,
-    testing::Values(
-        PlaceCase{mounts,
-                  {},
-                  "/srv/images/web/1.qcow2",
-                  "directory:/srv/images /srv/images /srv/images/ web/1.qcow2 /dev/mapper/vg"},
-        PlaceCase{mounts, {}, "/srv/images2/1.img", "directory:/ / / srv/images2/1.img /dev/sda1"},
-        PlaceCase{mounts, {}, "/nfs/1.img", "directory:/nfs /nfs /nfs/ 1.img none"},
-        PlaceCase{mounts, {}, "/run/1.img", "directory:/run /run /run/ 1.img none"},
-        PlaceCase{mounts, {}, "/tank/vm/1.img", "directory:/tank/vm /tank/vm /tank/vm/ 1.img tank/vm"},
-        PlaceCase{mounts, {}, "/twice/1", "directory:/twice /twice /twice/ 1 /dev/sdc1"}));
+TEST(Storage, LocatesFilesInFileSystems) {
+    const Storage host(mounts, {});
+    EXPECT_EQ(Locate(host, "/srv/images/web/1.qcow2"),
+              "directory:/srv/images /srv/images /srv/images/ web/1.qcow2 /dev/mapper/vg");
+    EXPECT_EQ(Locate(host, "/srv/images2/1.img"), "directory:/ / / srv/images2/1.img /dev/sda1");
+    EXPECT_EQ(Locate(host, "/nfs/1.img"), "directory:/nfs /nfs /nfs/ 1.img none");
+    EXPECT_EQ(Locate(host, "/run/1.img"), "directory:/run /run /run/ 1.img none");
+    EXPECT_EQ(Locate(host, "/tank/vm/1.img"), "directory:/tank/vm /tank/vm /tank/vm/ 1.img tank/vm");
+    EXPECT_EQ(Locate(host, "/twice/1"), "directory:/twice /twice /twice/ 1 /dev/sdc1");
+}
 
-const std::vector<Pool> pools{{"default", "dir", "/srv/images", ""},
-                              {"inner", "dir", "/srv/images/inner", ""},
-                              {"shared", "netfs", "/srv/images/shared", ""}};
-const std::vector<Pool> remotePools{{"default", "dir", "/pool", ""}, {"disk", "fs", "/disk", "/dev/sdb1"}};
+TEST(Storage, LocatesFilesInPools) {
+    const Storage host(mounts, {{"default", "dir", "/srv/images", ""},
+                                {"inner", "dir", "/srv/images/inner", ""},
+                                {"shared", "netfs", "/srv/images/shared", ""}});
+    EXPECT_EQ(Locate(host, "/srv/images/web 1.img"),
+              "pool:default default /srv/images/ web 1.img /dev/mapper/vg");
+    EXPECT_EQ(Locate(host, "/srv/images/inner/1.img"),
+              "pool:inner inner /srv/images/inner/ 1.img /dev/mapper/vg");
+    EXPECT_EQ(Locate(host, "/srv/images/shared/1.img"), "pool:shared shared /srv/images/shared/ 1.img none");
+}
 
-INSTANTIATE_TEST_SUITE_P(
-    Pools, PlaceTest,
-    testing::Values(
-        PlaceCase{mounts, pools, "/srv/images/web 1.img",
-                  "pool:default default /srv/images/ web 1.img /dev/mapper/vg"},
-        PlaceCase{mounts, pools, "/srv/images/inner/1.img",
-                  "pool:inner inner /srv/images/inner/ 1.img /dev/mapper/vg"},
-        PlaceCase{mounts, pools, "/srv/images/shared/1.img",
-                  "pool:shared shared /srv/images/shared/ 1.img none"},
-        PlaceCase{std::nullopt, remotePools, "/pool/1.img", "pool:default default /pool/ 1.img /pool"},
-        PlaceCase{std::nullopt, remotePools, "/disk/1.img", "pool:disk disk /disk/ 1.img /dev/sdb1"},
-        PlaceCase{std::nullopt, remotePools, "/other/vm/1.img",
-                  "directory:/other/vm /other/vm /other/vm/ 1.img /other/vm"}));
+TEST(Storage, LocatesFilesOfARemoteHostInPoolsAndDirectories) {
+    const Storage host(std::nullopt, {{"default", "dir", "/pool", ""}, {"disk", "fs", "/disk", "/dev/sdb1"}});
+    EXPECT_EQ(Locate(host, "/pool/1.img"), "pool:default default /pool/ 1.img /pool");
+    EXPECT_EQ(Locate(host, "/disk/1.img"), "pool:disk disk /disk/ 1.img /dev/sdb1");
+    EXPECT_EQ(Locate(host, "/other/vm/1.img"), "directory:/other/vm /other/vm /other/vm/ 1.img /other/vm");
+}
 
 class LinksTest : public testing::Test {
   protected:
