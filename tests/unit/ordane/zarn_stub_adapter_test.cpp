@@ -220,7 +220,9 @@ TEST_F(ZarnStubAdapterTest, LimitsTheBodyHoweverItComes) {
     }
 }
 
-TEST_F(ZarnStubAdapterTest, RefusesALongReplyAfterARefusedLogin) {
+TEST_F(ZarnStubAdapterTest, RefusesALongReplyAfterAnotherCallAndARefusedLogin) {
+    stream->replies = {WithLength(sweepReply)};
+    stub->Sweep();
     EXPECT_THROW(LogIn(Soap::EncodeFault(*Tessim::MakeRef<Fault::InvalidLogin>())),
                  Fault::InvalidLogin::Exception);
     stream->replies = {WithLength(sweepReply + std::string(maxReplyBytesBeforeLogin, ' '))};
