@@ -26,11 +26,11 @@ def emit_class(schema, name, out, pad):
         kind = member["parsed"]
         out.append("")
         out.append(f"{pad}    // {member['doc']}")
-        if kind.is_object:
-            out.append(f"{pad}    {parameter_type(kind)} {getter_name(member)}() const {{ return {member['name']}.Get(); }}")
-        else:
-            out.append(f"{pad}    {parameter_type(kind)} {getter_name(member)}() const {{ return {member['name']}; }}")
-        out.append(f"{pad}    void {setter_name(member)}({held_type(kind)} given) {{ {member['name']} = {moved(kind, 'given')}; }}")
+        field = member["name"]
+        held = f"{field}.Get()" if kind.is_object else field
+        assignment = f"{field} = {moved(kind, 'given')};"
+        out.append(f"{pad}    {parameter_type(kind)} {getter_name(member)}() const {{ return {held}; }}")
+        out.append(f"{pad}    void {setter_name(member)}({held_type(kind)} given) {{ {assignment} }}")
     out.append("")
     out.append(f"{pad}  private:")
     out.append(f"{pad}    friend struct Ordane::Generated::MemberTable<{short}>;")
@@ -44,17 +44,20 @@ def emit_fault(schema, name, entry, out, pad):
     root = "base" not in entry
     base = "Tessim::Exception" if root else type_name(schema, entry["base"]) + "::Exception"
     out.append("")
-    out.append(f"{pad}    // The exception that this fault is thrown as. Its message is the fault's, or the fault's name.")
+    where = "const Tessim::SourceLocation& where = Tessim::SourceLocation::current()"
+    out.append(f"{pad}    // The exception that this fault is thrown as."
+               " Its message is the fault's, or the fault's name.")
     out.append(f"{pad}    class Exception : public {base} {{")
     out.append(f"{pad}      public:")
     out.append(f"{pad}        explicit Exception(const std::string& message,")
-    out.append(f"{pad}                           const Tessim::SourceLocation& where = Tessim::SourceLocation::current())")
+    out.append(f"{pad}                           {where})")
     out.append(f"{pad}            : Exception(MakeFault(message), where) {{}}")
     taken = f"Tessim::Ref<{short}>" if root else f"const Tessim::Ref<{short}>&"
     out.append(f"{pad}        explicit Exception({taken} fault,")
-    out.append(f"{pad}                           const Tessim::SourceLocation& where = Tessim::SourceLocation::current())")
+    out.append(f"{pad}                           {where})")
     if root:
-        out.append(f"{pad}            : {base}(fault->GetMessage().value_or(std::string(fault->GetDataObjectType()->name)), where),")
+        message = "fault->GetMessage().value_or(std::string(fault->GetDataObjectType()->name))"
+        out.append(f"{pad}            : {base}({message}, where),")
         out.append(f"{pad}              fault(std::move(fault)) {{}}")
         out.append(f"{pad}        // Never null; lives as long as the exception.")
         out.append(f"{pad}        {short}* GetFault() const {{ return fault.Get(); }}")
@@ -99,7 +102,8 @@ def emit_managed(schema, name, out, pad):
     out.append(f"{pad}    Tessim::Ref<Ordane::DataObject> Dispatch(const Ordane::MethodInfo& method,")
     out.append(f"{pad}                                             const Ordane::DataObject& request) override;")
     out.append(f"{pad}    // A stub that carries the calls of the object `id` over `adapter`.")
-    out.append(f"{pad}    static Tessim::Ref<{short}> MakeStub(Tessim::Ref<Ordane::StubAdapter> adapter, const std::string& id);")
+    parameters = "Tessim::Ref<Ordane::StubAdapter> adapter, const std::string& id"
+    out.append(f"{pad}    static Tessim::Ref<{short}> MakeStub({parameters});")
     for method in entry.get("methods", []):
         out.append("")
         out.append(f"{pad}    // {method['doc']}")
@@ -114,7 +118,8 @@ def header(schema):
            "#include <utility>", "#include <vector>", "",
            '#include "runtime/ordane/objects.h"', '#include "runtime/ordane/stub_adapter.h"',
            '#include "runtime/tessim/exception.h"', "",
-           "namespace Ordane::Generated {", "template <class T>", "struct MemberTable;", "}  // namespace Ordane::Generated", ""]
+           "namespace Ordane::Generated {", "template <class T>", "struct MemberTable;",
+           "}  // namespace Ordane::Generated", ""]
     for name in ordered_roots(schema):
         out += [open_namespace(namespace_of(schema, name)), f"class {name.rpartition('.')[2]};", "}"]
     for name in ordered_roots(schema):

@@ -1,6 +1,6 @@
 """The C++ source: the type objects, the stubs and the dispatch of calls."""
-from generator.cpp import (element_type, enum_object, flat_name, held_type, initializer, method_parameters, open_namespace,
-                           type_name)
+from generator.cpp import (element_type, enum_object, flat_name, held_type, initializer, method_parameters,
+                           open_namespace, type_name)
 
 
 def member_facts(kind, name):
@@ -44,7 +44,8 @@ def call_name(managed, method, suffix):
 def source(schema, header_name):
     space = "::".join(schema.namespace)
     out = ["// Generated from the API's description. Do not edit.", f'#include "{header_name}"', "",
-           '#include "runtime/ordane/faults.h"', '#include "runtime/ordane/member.h"', "", open_namespace(schema.namespace), ""]
+           '#include "runtime/ordane/faults.h"', '#include "runtime/ordane/member.h"', "",
+           open_namespace(schema.namespace), ""]
     if schema.enums:
         out.append("namespace Enums {")
         for name, enum in schema.enums.items():
@@ -74,7 +75,8 @@ def source(schema, header_name):
     if schema.enums:
         out.append(f"namespace Enums = {space}::Enums;")
     for name, entry in schema.types.items():
-        out += member_table(schema, type_name(schema, name), [(m["name"], m["parsed"]) for m in entry.get("members", [])])
+        members = [(member["name"], member["parsed"]) for member in entry.get("members", [])]
+        out += member_table(schema, type_name(schema, name), members)
     for cpp_name, _, members in calls:
         out += member_table(schema, f"{space}::Calls::{cpp_name}", members)
     out += ["}  // namespace Ordane::Generated", ""]
@@ -137,9 +139,11 @@ def managed_source(schema, managed, entry):
                 f"            {method['name']}({', '.join(arguments)});", "            return response;", "        }"]
     out += ['        default: throw Ordane::Fault::InvalidRequest::Exception("no such method");', "    }", "}", ""]
     stub = f"{flat}Stub"
+    parameters = "Tessim::Ref<Ordane::StubAdapter> adapter, const std::string& id"
+    base = f'{managed.rpartition(".")[2]}(Tessim::MakeRef<Ordane::MoRef>("{wire}", id))'
     out += ["namespace {", f"class {stub} final : public {cpp_name} {{", "  public:",
-            f"    {stub}(Tessim::Ref<Ordane::StubAdapter> adapter, const std::string& id)",
-            f'        : {managed.rpartition(".")[2]}(Tessim::MakeRef<Ordane::MoRef>("{wire}", id)), adapter(std::move(adapter)) {{}}', ""]
+            f"    {stub}({parameters})",
+            f"        : {base}, adapter(std::move(adapter)) {{}}", ""]
     for index, method in enumerate(methods):
         request = f"Calls::{call_name(managed, method, 'Request')}"
         response = f"Calls::{call_name(managed, method, 'Response')}"
@@ -155,6 +159,6 @@ def managed_source(schema, managed, entry):
             out.append(f"        {call};")
         out.append("    }")
     out += ["", "  private:", "    Tessim::Ref<Ordane::StubAdapter> adapter;", "};", "}  // namespace", "",
-            f"Tessim::Ref<{cpp_name}> {cpp_name}::MakeStub(Tessim::Ref<Ordane::StubAdapter> adapter, const std::string& id) {{",
+            f"Tessim::Ref<{cpp_name}> {cpp_name}::MakeStub({parameters}) {{",
             f"    return Tessim::MakeRef<{stub}>(std::move(adapter), id);", "}", ""]
     return out
