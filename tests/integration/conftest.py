@@ -85,7 +85,7 @@ def start_daemon(directory):
 
 @pytest.fixture
 def start_agent(directory):
-    """start_agent(user=, background=) starts snmpd; at the end it must be alive, stop, and have logged nothing unexpected."""
+    """start_agent(user=, background=) starts snmpd; at the end it must run, stop and have logged nothing unexpected."""
     with contextlib.ExitStack() as stack:
         def start(**how):
             agent = system.Agent(directory, **how)

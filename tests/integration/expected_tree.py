@@ -1,8 +1,8 @@
 """The tree that the agent must serve for a described host, computed from the YAML alone.
 
-This is a second implementation of what the module does: it shares no code with it and takes nothing from it. OIDs and types
-come from the MIB file. YAML scalars are read as plain text, so nothing depends on what a YAML library takes for a number or a
-truth value.
+This is a second implementation of what the module does: it shares no code with it and takes nothing from it. OIDs and
+types come from the MIB file. YAML scalars are read as plain text, so nothing depends on what a YAML library takes for
+a number or a truth value.
 """
 
 import dataclasses
@@ -152,7 +152,7 @@ class Statistics:
         self.elapsed = elapsed
 
     def span(self, counter, instance=None):
-        """The least and the greatest value that a statistic can have by now; without an instance, that of the first one."""
+        """The least and greatest value that a statistic can have by now; without an instance, that of the first one."""
         series = self.series.get(counter) or {} if counter in self.known else {}
         value = next(iter(series.values()), None) if instance is None else series.get(instance)
         if value is None:
@@ -245,7 +245,8 @@ def label(device):
 
 
 def adapter_model(hba):
-    return {"VirtualLsiLogicController": "lsilogic", "VirtualBusLogicController": "buslogic"}.get(hba["type"], "unknown")
+    models = {"VirtualLsiLogicController": "lsilogic", "VirtualBusLogicController": "buslogic"}
+    return models.get(hba["type"], "unknown")
 
 
 def network_of(nic):

@@ -25,9 +25,11 @@ def write(lines, path):
     """Writes the table of what watch.report noted in a run, as Markdown."""
     lines = sorted(lines, key=lambda line: line["test"])
     path.parent.mkdir(parents=True, exist_ok=True)
+    faults = sum(line.get("faults", 1) for line in lines)
     path.write_text("\n".join([
         "# Faults", "",
-        "\"took\" is the time of the slowest request that met the fault, or the average of many; the delays are those of `sysUpTime`",
+        "\"took\" is the time of the slowest request that met the fault, or the average of many;"
+        " the delays are those of `sysUpTime`",
         "from the start of the fault to its end. Delays and times are those of the computer that ran the tests.", "",
         "| fault | what the agent does | took (ms) | `sysUpTime` p50 / p99 (ms) | test |", "|---|---|---|---|---|",
-        *map(row, lines), "", f"{sum(line.get('faults', 1) for line in lines)} faults in {len(lines)} lines.", ""]), encoding="utf-8")
+        *map(row, lines), "", f"{faults} faults in {len(lines)} lines.", ""]), encoding="utf-8")

@@ -11,7 +11,8 @@ NAME = "TOVRIC-KELV-MIB"
 FILE = net_snmp.ROOT / f"mibs/{NAME}.txt"
 
 # The type on the wire of each syntax.
-TYPES = {"Integer32": "INTEGER", "OCTET STRING": "OCTET STRING", "OBJECT IDENTIFIER": "OBJECT IDENTIFIER", "Counter64": "Counter64"}
+TYPES = {"Integer32": "INTEGER", "OCTET STRING": "OCTET STRING", "OBJECT IDENTIFIER": "OBJECT IDENTIFIER",
+         "Counter64": "Counter64"}
 
 
 @dataclasses.dataclass(frozen=True)
@@ -44,7 +45,8 @@ class Table:
 def translate(*arguments):
     """What snmptranslate prints; it must find nothing wrong with the file."""
     result = net_snmp.run("snmptranslate", "-Pw", *arguments)
-    complaints = [line for line in result.stderr.splitlines() if "MACRO (lines" not in line and "Created directory" not in line]
+    complaints = [line for line in result.stderr.splitlines()
+                  if "MACRO (lines" not in line and "Created directory" not in line]
     assert not complaints and result.returncode == 0, result.stderr
     return result.stdout
 
@@ -78,7 +80,8 @@ def tables():
         if index:
             by_entry[oid] = tuple(index.split(", "))
     by_oid = {oid: name for name, oid in oids().items()}
-    return {by_oid[entry[:-1]]: Table(by_oid[entry[:-1]], entry[:-1], entry, index) for entry, index in by_entry.items()}
+    return {by_oid[entry[:-1]]: Table(by_oid[entry[:-1]], entry[:-1], entry, index)
+            for entry, index in by_entry.items()}
 
 
 @functools.cache
@@ -91,7 +94,8 @@ def objects():
         if syntax is None:
             continue
         size = _clause(name, r"^  SYNTAX\s+OCTET STRING \(\d+\.\.(\d+)\)")
-        found[name] = Object(name, oid, by_entry.get(oid[:-1]), TYPES[syntax], size and int(size), _clause(name, r'^  UNITS\s+"(.*?)"$'),
+        found[name] = Object(name, oid, by_entry.get(oid[:-1]), TYPES[syntax], size and int(size),
+                             _clause(name, r'^  UNITS\s+"(.*?)"$'),
                              _clause(name, r"^  MAX-ACCESS\s+(\S+)$"), _clause(name, r"^  STATUS\s+(\S+)$"),
                              " ".join(_clause(name, r'^  DESCRIPTION\s+"(.*?)"', "").split()))
     return found

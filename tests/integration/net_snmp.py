@@ -11,12 +11,14 @@ V2C = ["-v", "2c", "-c", "public"]
 
 def auth_priv(user):
     """Version 3 as a user of system.Agent's, authenticated and encrypted."""
-    return ["-v", "3", "-u", user, "-l", "authPriv", "-a", "SHA", "-A", "authentication", "-x", "AES", "-X", "encryption"]
+    return ["-v", "3", "-u", user, "-l", "authPriv",
+            "-a", "SHA", "-A", "authentication", "-x", "AES", "-X", "encryption"]
 
 
 def run(tool, *arguments, mibs="TOVRIC-KELV-MIB"):
-    """Runs a tool to its end; returns its exit code and what it printed. `mibs` may be empty, where OIDs are numeric."""
-    return subprocess.run([tool, "-M", f"{ROOT}/mibs:{ROOT}/mibs/smi", "-m", mibs, *map(str, arguments)], capture_output=True, text=True,
+    """Runs a tool to its end; returns its exit code and what it printed. `mibs` may be empty if OIDs are numeric."""
+    command = [tool, "-M", f"{ROOT}/mibs:{ROOT}/mibs/smi", "-m", mibs, *map(str, arguments)]
+    return subprocess.run(command, capture_output=True, text=True,
                           env={**os.environ, "SNMPCONFPATH": "/nonexistent"})
 
 

@@ -20,8 +20,8 @@ def enter_new():
     """
     if _libc.unshare(_CLONE_NEWNET) != 0:
         error = ctypes.get_errno()
-        raise PermissionError(error, f"cannot make a network namespace ({os.strerror(error)}): run the tests as root, or "
-                                     "under `unshare --user --map-root-user`")
+        raise PermissionError(error, f"cannot make a network namespace ({os.strerror(error)}): "
+                                     "run the tests as root, or under `unshare --user --map-root-user`")
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as handle:
         request = struct.pack("16sH22x", b"lo", 0)
         flags = struct.unpack("16sH22x", fcntl.ioctl(handle, _SIOCGIFFLAGS, request))[1]

@@ -41,7 +41,8 @@ NO_DATASTORE_LOG = [r"OrdaneClient::GetDatastoreInfo: :.*", *BACKTRACE_LOG]
 
 # What the module logs about a described host that leaves things out.
 DATA_LOG = [
-    r"SetVMInfo: invalid VM Id: .*", r"SetNicInfo: Null device backing\.", r"SetStorageInfo: cannot find unit number for disk .*",
+    r"SetVMInfo: invalid VM Id: .*", r"SetNicInfo: Null device backing\.",
+    r"SetStorageInfo: cannot find unit number for disk .*",
     r"SetCdromInfo:  No unit number for cdrom\.", r"SetCdromInfo:  No controller key for cdrom\.",
     r"SetCdromInfo:  No IDE controller with key \d+ exists", r"SetCdromInfo:  No ConnectInfo found for cdrom \d+",
     r"SetCdromInfo: Found (cdrom|floppy) of unknown backing\.", r"SetFloppyInfo: No unit number for floppy\.",
@@ -197,7 +198,11 @@ rouser kelv priv
             preexec_fn=None if background else _die_with_parent)
         if background:
             assert self.process.wait(timeout) == 0
-            self.pid = int(wait_until(lambda: self.pid_file.exists() and self.pid_file.read_text().strip(), "the agent's pid"))
+
+            def pid():
+                return self.pid_file.exists() and self.pid_file.read_text().strip()
+
+            self.pid = int(wait_until(pid, "the agent's pid"))
         else:
             self.pid = self.process.pid
         self.client = Client(timeout=timeout)

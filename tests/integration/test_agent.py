@@ -92,7 +92,8 @@ def allow_absence(agent):
     agent.allow_log("OrdaneClient::Init: :.*", "Could not init ordane client to tovric-vessad.", *system.BACKTRACE_LOG,
                     ".*Could not acquire ordane client to tovric-vessad.",
                     "SNMPRAskRefreshCache: Could not acquire ordane client to tovric-vessad.",
-                    "SNMPRaskRefreshCache: no VM found.", ".*: connection to tovric-vessad is broken.", "Disconnect: not connected.",
+                    "SNMPRaskRefreshCache: no VM found.", ".*: connection to tovric-vessad is broken.",
+                    "Disconnect: not connected.",
                     "Connection to the daemon is lost: .*")
 
 
@@ -198,13 +199,15 @@ def test_an_agent_that_cannot_read_the_ticket_serves_empty_tables(start_daemon, 
 def test_hangup_makes_the_agent_load_the_module_anew(start_daemon, start_agent):
     start_daemon(SMALL)
     agent = start_agent()
-    agent.allow_log(r"Reconfiguring daemon.*", "NET-SNMP version .* restarted", "duplicate registration: MIB modules ipAddressTable .*")
+    agent.allow_log(r"Reconfiguring daemon.*", "NET-SNMP version .* restarted",
+                    "duplicate registration: MIB modules ipAddressTable .*")
     host = expected_tree.load(SMALL)
     for _ in range(3):
         assert [i.oid for i in agent.client.walk()] == oids(host)
         before = agent.log_text().count("restarted")
         os.kill(agent.pid, signal.SIGHUP)
-        system.wait_until(lambda: agent.log_text().count("restarted") > before, "the agent to read its configuration again")
+        system.wait_until(lambda: agent.log_text().count("restarted") > before,
+                          "the agent to read its configuration again")
         system.wait_until(agent.answers, "the agent to answer")
     assert [i.oid for i in agent.client.walk()] == oids(host)
 

@@ -14,7 +14,8 @@ SMALL = system.HOSTS / "small.yaml"
 
 # One call of each kind that needs a login.
 GUARDED = [
-    ("Folder", "ha-folder-vm", "GetChildEntity"), ("VirtualMachine", "16", "GetConfig"), ("VirtualMachine", "16", "GetRuntime"),
+    ("Folder", "ha-folder-vm", "GetChildEntity"),
+    ("VirtualMachine", "16", "GetConfig"), ("VirtualMachine", "16", "GetRuntime"),
     ("VirtualMachine", "16", "GetGuest"), ("Datastore", "ds-1", "GetInfo"), ("HostSystem", "ha-host", "GetHardware"),
     ("MemoryManagerSystem", "memoryManagerSystem", "GetConsoleReservationInfo"),
     ("PerformanceManager", "ha-perfmgr", "GetPerfCounter"), ("PerformanceManager", "ha-perfmgr", "QueryPerf"),
@@ -22,7 +23,8 @@ GUARDED = [
 
 
 def run(*arguments):
-    return subprocess.run([system.DAEMON, *arguments], capture_output=True, text=True, timeout=20, stdin=subprocess.DEVNULL)
+    return subprocess.run([system.DAEMON, *arguments], capture_output=True, text=True, timeout=20,
+                          stdin=subprocess.DEVNULL)
 
 
 # Tickets and login
@@ -130,7 +132,9 @@ def test_another_first_line_is_refused(start_daemon, preamble):
 
 @pytest.mark.parametrize("body", [
     "", "no xml", "<a/>", "<!DOCTYPE a [<!ENTITY b 'c'>]><a>&b;</a>", "<a>" * 10000,
-    '<Envelope><Body><NoSuchMethod xmlns="urn:ordane"><_this type="Folder">ha-folder-vm</_this></NoSuchMethod></Body></Envelope>'])
+    '<Envelope><Body>'
+    '<NoSuchMethod xmlns="urn:ordane"><_this type="Folder">ha-folder-vm</_this></NoSuchMethod>'
+    '</Body></Envelope>'])
 def test_the_reply_to_a_message_that_is_no_call_is_an_error(start_daemon, body):
     start_daemon(SMALL)
     with Connection() as connection:
@@ -208,7 +212,8 @@ def test_counters_keep_counting_over_a_hangup(start_daemon, directory):
     with logged_in() as connection:
         catalogue = connection.call("PerformanceManager", "ha-perfmgr", "GetPerfCounter")
         name = "{urn:ordane}groupInfo/{urn:ordane}key", "{urn:ordane}nameInfo/{urn:ordane}key"
-        key, = (c.findtext("{urn:ordane}key") for c in catalogue if (c.findtext(name[0]), c.findtext(name[1])) == ("net", "packetsTx"))
+        key, = (counter.findtext("{urn:ordane}key") for counter in catalogue
+                if (counter.findtext(name[0]), counter.findtext(name[1])) == ("net", "packetsTx"))
 
         def read():
             metric, = connection.call("PerformanceManager", "ha-perfmgr", "QueryPerf", querySpec={
@@ -256,7 +261,8 @@ def test_a_mistake_in_the_description_is_logged_with_its_place(directory, old, n
     assert text != SMALL.read_text()
     path = directory / "mistaken.yaml"
     path.write_text(text)
-    result = run("--host", path, "--listen", "127.0.0.1:902", "--ticket-dir", directory, "--state-dir", directory, "--foreground")
+    result = run("--host", path, "--listen", "127.0.0.1:902", "--ticket-dir", directory, "--state-dir", directory,
+                 "--foreground")
     assert result.returncode > 0
     output = result.stdout + result.stderr
     place = re.search(rf"{re.escape(str(path))}:(\d+):(\d+): (.*)", output)
@@ -268,11 +274,13 @@ def test_a_mistake_in_the_description_is_logged_with_its_place(directory, old, n
 
 @pytest.mark.parametrize("arguments, word", [
     (["--host", SMALL, "--libvirt", "test:///default"], "--libvirt"), (["--nonsense"], "--nonsense"),
-    (["--host", "/nonexistent/host.yaml"], "/nonexistent/host.yaml"), (["--host", SMALL, "--listen", "nowhere"], "nowhere"),
+    (["--host", "/nonexistent/host.yaml"], "/nonexistent/host.yaml"),
+    (["--host", SMALL, "--listen", "nowhere"], "nowhere"),
     (["--host", SMALL, "--listen", "127.0.0.1:99999"], "99999"),
     (["--host", SMALL, "--ticket-group", "no-such-group"], "no-such-group")])
 def test_a_wrong_command_line_is_explained(directory, arguments, word):
-    result = run(*arguments, "--state-dir", directory, "--foreground", *([] if "--ticket-dir" in arguments else ["--ticket-dir", directory]))
+    tickets = [] if "--ticket-dir" in arguments else ["--ticket-dir", directory]
+    result = run(*arguments, "--state-dir", directory, "--foreground", *tickets)
     assert result.returncode > 0
     assert word in result.stdout + result.stderr
 
@@ -286,7 +294,8 @@ def test_help_names_every_option():
 
 def test_a_port_that_is_taken_is_logged(start_daemon, directory):
     start_daemon(SMALL)
-    result = run("--host", SMALL, "--listen", "127.0.0.1:902", "--ticket-dir", directory, "--state-dir", directory, "--foreground")
+    result = run("--host", SMALL, "--listen", "127.0.0.1:902", "--ticket-dir", directory, "--state-dir", directory,
+                 "--foreground")
     assert result.returncode > 0
     assert re.search(r"127\.0\.0\.1.*902.*Address already in use", result.stdout + result.stderr)
 

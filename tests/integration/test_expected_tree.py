@@ -31,7 +31,8 @@ def small():
 def test_the_small_host_has_the_rows_that_a_reader_counts(small):
     assert row(small, (0,), "prodName", "prodVersion", "prodBuild") == [b"Tovric Kelv Server", b"3.0.2", b"13638"]
     assert values(small, "prodOID") == {(0,): mib.oids()["kelvServer"] + (3, 0, 2)}
-    assert values(small, "vmConfigFile") == {(0,): b"/volumes/4a5b/web-1/web-1.cfg", (1,): b"/volumes/4a5b/backup/backup.cfg"}
+    assert values(small, "vmConfigFile") == {
+        (0,): b"/volumes/4a5b/web-1/web-1.cfg", (1,): b"/volumes/4a5b/backup/backup.cfg"}
     assert values(small, "hbaType") == {(0, 0): b"lsilogic", (1, 0): b"buslogic"}
     assert values(small, "cdBacking") == {(0, 0): b"remote device backing"}
     assert values(small, "fdConnected") == {(0, 0): b"false"}
@@ -79,13 +80,18 @@ def test_the_sample_hosts_hold_the_edges_of_the_statistics():
     assert values(host, "numCpuCores") == {(0,): 40000 - 65536}
     assert values(expected_tree.load(system.HOSTS / "many-cores.yaml"), "numCpuCores") == {(0,): 0}
     # VMs 3, 16, suspended 17 and the two without a number; 15 is powered off.
-    assert values(host, "cpuUsedSec") == {(0,): 2, (1,): 3, (3,): 0, (16,): 2, (17,): 2147483, (18,): 0, (0xffffffff,): 1}
-    assert values(host, "memConfiguredKB") == {(0,): 2047 * 1024, (3,): -2147483648, (16,): 524288, (17,): 3000000 * 1024 - (1 << 32),
-                                               (2147483647,): 4096, (0xffffffff,): 1024}
-    assert values(host, "memActive") == {(0,): -1, (3,): 0, (16,): -2147483648, (17,): 5, (2147483647,): -1, (0xffffffff,): 13}
-    # On a device, on the cluster datastore, six of unknown name, then another VM's; one on another datastore has no row.
-    assert values(host, "diskName") == {(n,): name for n, name in enumerate([b"disk-1:0", b"disk-0:0", *[b"unknown"] * 6, b"disk-0:0"], 1)}
-    assert values(host, "diskShares") == {(n,): s for n, s in enumerate([1000, 2000, 4000, 0, 6000, 7000, 8000, 9000, 12], 1)}
+    assert values(host, "cpuUsedSec") == {
+        (0,): 2, (1,): 3, (3,): 0, (16,): 2, (17,): 2147483, (18,): 0, (0xffffffff,): 1}
+    assert values(host, "memConfiguredKB") == {
+        (0,): 2047 * 1024, (3,): -2147483648, (16,): 524288, (17,): 3000000 * 1024 - (1 << 32),
+        (2147483647,): 4096, (0xffffffff,): 1024}
+    assert values(host, "memActive") == {
+        (0,): -1, (3,): 0, (16,): -2147483648, (17,): 5, (2147483647,): -1, (0xffffffff,): 13}
+    # On a device, on the cluster datastore, six of unknown name, another VM's; one on another datastore has no row.
+    names = [b"disk-1:0", b"disk-0:0", *[b"unknown"] * 6, b"disk-0:0"]
+    shares = [1000, 2000, 4000, 0, 6000, 7000, 8000, 9000, 12]
+    assert values(host, "diskName") == {(n,): name for n, name in enumerate(names, 1)}
+    assert values(host, "diskShares") == {(n,): share for n, share in enumerate(shares, 1)}
     assert row(host, (2,), *OPERATIONS) == [-1, 0, 5, 0]
     assert row(host, (3,), "netName", "netPktTx") == [b"unknown", 1]
     assert row(host, (4,), "netMac") == [b"SNMP Error"]
@@ -132,13 +138,15 @@ def test_a_vm_without_a_path_shows_its_id():
 
 
 @pytest.mark.parametrize("milliseconds, expected", [
-    (2900, 2), (-500, 0), (-1, 0), (-1000, -1), (181000, 181), (2147483647, 2147483), (4294967296 + 5000, 5), (2147483648, -2147483)])
+    (2900, 2), (-500, 0), (-1, 0), (-1000, -1), (181000, 181),
+    (2147483647, 2147483), (4294967296 + 5000, 5), (2147483648, -2147483)])
 def test_processor_time_is_whole_seconds_toward_zero(milliseconds, expected):
     assert expected_tree.seconds(milliseconds) == expected
 
 
 @pytest.mark.parametrize("text, expected", [
-    ("16", 16), ("-7", -7), ("web", -1), ("", -1), ("1x", -1), ("2147483647", 2147483647), ("2147483648", -1), ("+16", -1)])
+    ("16", 16), ("-7", -7), ("web", -1), ("", -1), ("1x", -1),
+    ("2147483647", 2147483647), ("2147483648", -1), ("+16", -1)])
 def test_identifiers_are_32_bit_numbers_or_minus_one(text, expected):
     assert expected_tree.vm_id({"id": text}) == expected
 

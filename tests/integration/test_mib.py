@@ -24,7 +24,8 @@ def test_the_file_is_read_whole():
     defined = re.findall(r"^(\w+) OBJECT-TYPE\n(.*?)\n    ::= \{ (\w+) (\d+) \}", mib.FILE.read_text(), re.M | re.S)
     assert [name for name, clauses, *_ in defined if "not-accessible" not in clauses] == list(mib.objects())
     assert {name: int(number) for name, _, _, number in defined} == {name: mib.oids()[name][-1] for name, *_ in defined}
-    assert [table.entry for table in mib.tables().values()] == [mib.oids()[name] for name, *_ in defined if name.endswith("Entry")]
+    entries = [mib.oids()[name] for name, *_ in defined if name.endswith("Entry")]
+    assert [table.entry for table in mib.tables().values()] == entries
     assert sum(len(table.columns) for table in mib.tables().values()) + len(mib.scalars()) == len(mib.objects())
 
 
@@ -37,9 +38,11 @@ def test_object_is_current_read_only_and_described(declared):
 
 
 def units_described(number):
-    """The units that a number's description names; that of a number's low 32 bits stands for that of the whole number."""
+    """The units that a number's description names; for the low 32 bits of a number, those of the whole number."""
     whole = re.match(r"The low 32 bits of (\w+)\.$", number.description)
-    return units_described(mib.objects()[whole[1]]) if whole else {unit for unit in ALL_UNITS if re.search(rf"\b{unit}\b", number.description)}
+    if whole:
+        return units_described(mib.objects()[whole[1]])
+    return {unit for unit in ALL_UNITS if re.search(rf"\b{unit}\b", number.description)}
 
 
 @pytest.mark.parametrize("number", NUMBERS, ids=lambda o: o.name)
@@ -84,7 +87,8 @@ def test_a_negative_index_can_be_named(name):
 
 def registered(agent):
     """The OIDs under the enterprise that the agent has a handler for, by its own table of registrations."""
-    rests = [i.oid[len(NS_MODULE_NAME) + 1:] for i in agent.client.walk(NS_MODULE_NAME)]     # the context's name is empty
+    # Before the OID is the context's name, which is empty.
+    rests = [i.oid[len(NS_MODULE_NAME) + 1:] for i in agent.client.walk(NS_MODULE_NAME)]
     oids = [rest[1:1 + rest[0]] for rest in rests]
     return [oid for oid in oids if oid[:len(ENTERPRISE)] == ENTERPRISE]
 
@@ -103,7 +107,8 @@ def test_the_agent_registers_and_serves_what_the_file_defines(start_daemon, star
         index = instance.oid[len(declared.oid):]
         if declared.table:
             # Each part of the index is the value of its INDEX column in the same row.
-            assert [values[mib.objects()[name].oid + index] & 0xffffffff for name in declared.table.index] == list(index)
+            parts = [values[mib.objects()[name].oid + index] for name in declared.table.index]
+            assert [part & 0xffffffff for part in parts] == list(index)
         else:
             assert index == (0,)
         seen.add(declared.name)

@@ -43,7 +43,8 @@ def test_snmptable_shows_every_column_under_its_name(agent, table):
 def test_snmpget_names_the_units(agent):
     assert tool("snmpget", *V2C, "127.0.0.1", "TOVRIC-KELV-MIB::vmMemSize.0") == \
         "TOVRIC-KELV-MIB::vmMemSize.0 = INTEGER: 4096 megabytes\n"
-    assert tool("snmpget", *V2C, "-Oqv", "127.0.0.1", "TOVRIC-KELV-MIB::prodOID.0") == "TOVRIC-KELV-MIB::kelvServer.3.0.2\n"
+    assert tool("snmpget", *V2C, "-Oqv", "127.0.0.1", "TOVRIC-KELV-MIB::prodOID.0") == \
+        "TOVRIC-KELV-MIB::kelvServer.3.0.2\n"
 
 
 def test_version_3_reads_what_version_2_reads(agent):

@@ -36,8 +36,10 @@ def describe_texts():
           - {{type: VirtualDisk, key: 2, deviceInfo: {info}, unitNumber: 0, backing: {backing}}}
           - {{type: VirtualEthernetCard, key: 3, deviceInfo: {info}, macAddress: {text}, backing: {backing}}}
           - {{type: VirtualIDEController, key: 4, deviceInfo: {info}, busNumber: 0}}
-          - {{type: VirtualCdrom, key: 5, deviceInfo: {info}, controllerKey: 4, unitNumber: 0, connectable: {{connected: true}}, backing: {backing}}}
-          - {{type: VirtualFloppy, key: 6, deviceInfo: {info}, unitNumber: 0, connectable: {{connected: true}}, backing: {backing}}}
+          - {{type: VirtualCdrom, key: 5, deviceInfo: {info}, controllerKey: 4, unitNumber: 0,
+             connectable: {{connected: true}}, backing: {backing}}}
+          - {{type: VirtualFloppy, key: 6, deviceInfo: {info}, unitNumber: 0,
+             connectable: {{connected: true}}, backing: {backing}}}
     runtime: {{powerState: poweredOn}}
     guest: {{guestState: {text}}}
 """)
@@ -65,7 +67,8 @@ def describe_many(count):
         device:
           - {{type: VirtualDisk, key: 2, deviceInfo: {{label: Disk, summary: Disk}}, unitNumber: 0,
              backing: {{type: DeviceBackingInfo, deviceName: "disk-{k}:0"}}}}
-          - {{type: VirtualEthernetCard, key: 4000, deviceInfo: {{label: Card, summary: Net {k % 3}}}, macAddress: "00:16:3e:00:00:00"}}
+          - {{type: VirtualEthernetCard, key: 4000, deviceInfo: {{label: Card, summary: Net {k % 3}}},
+             macAddress: "00:16:3e:00:00:00"}}
     runtime: {{powerState: {("poweredOn", "poweredOff", "suspended")[k % 3]}}}
     guest: {{guestState: running}}
     stats:
@@ -171,7 +174,8 @@ def test_get_next_of_any_place_leads_to_the_next_instance(start_daemon, start_ag
     agent.allow_log(*system.DATA_LOG, *system.NO_DATASTORE_LOG)
     oids = [i.oid for i in expected_tree.tree(expected_tree.load(system.HOSTS / "resources.yaml"))]
     starts = {oid[:length] for oid in oids for length in range(len(ENTERPRISE), len(oid))}
-    starts |= {oid[:-1] + (last,) for oid in oids for last in (0, oid[-1] + 1, 0xfffffffe, 0xffffffff) if last <= 0xffffffff}
+    starts |= {oid[:-1] + (last,) for oid in oids
+               for last in (0, oid[-1] + 1, 0xfffffffe, 0xffffffff) if last <= 0xffffffff}
     starts |= {oid + (0,) for oid in oids}
     for start in sorted(starts):
         following = next((oid for oid in oids if oid > start), None)

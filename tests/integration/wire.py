@@ -1,4 +1,4 @@
-"""The daemon's wire: SOAP messages, and a client. TLS, a preamble line each way, then SOAP over HTTP on the same stream."""
+"""The daemon's wire: SOAP messages, and a client. A preamble line each way on TLS, then SOAP over HTTP."""
 
 import http.client
 import pathlib
@@ -45,7 +45,8 @@ def element(name, value, attributes=""):
         type = members.pop("type", None)
         if type:
             attributes = f" xsi:type={quoteattr(type)}"
-        text = "".join(element(n, v, f' type="{_REFERENCES[n]}"' if n in _REFERENCES else "") for n, v in members.items())
+        references = {member: f' type="{_REFERENCES[member]}"' for member in members if member in _REFERENCES}
+        text = "".join(element(member, content, references.get(member, "")) for member, content in members.items())
     else:
         text = escape(value)
     return f"<{name}{attributes}>{text}</{name}>"
@@ -72,7 +73,7 @@ class Connection:
 
     def __init__(self, address=DAEMON_ADDRESS, preamble=PREAMBLE, timeout=10):
         plain = socket.create_connection(address, timeout)
-        # Head and body of a request are sent one after the other; the second must not wait for the first to be confirmed.
+        # Head and body of a request are sent one after the other; the second must not wait for the first's ACK.
         plain.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.stream = client_context().wrap_socket(plain)
         self.stream.sendall(preamble.encode() + b"\r\n")

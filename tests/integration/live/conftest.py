@@ -3,8 +3,8 @@
 What needs a libvirtd starts one of its own (libvirt_host.Libvirtd) and is skipped, with the reason, where that is not
 possible: it takes root, libvirt-daemon-system and qemu-system-x86. The tests on libvirt's test driver take neither.
 
-With xdist's `--dist loadgroup` the tests that compute, one group, run one after the other; those that only wait, another
-group, run beside them with a libvirtd of their own.
+With xdist's `--dist loadgroup` the tests that compute, one group, run one after the other; those that only wait,
+another group, run beside them with a libvirtd of their own.
 """
 
 import contextlib

@@ -1,8 +1,8 @@
 """The tree that the agent must serve for a libvirt host, computed from what virsh says.
 
 A second, separate reading of docs/libvirt.md: it shares no code with the daemon and takes nothing from it, but for the
-numbers that it gave the VMs. A column that virsh says nothing of is checked for its instances and their type; its values are
-checked on described hosts.
+numbers that it gave the VMs. A column that virsh says nothing of is checked for its instances and their type; its
+values are checked on described hosts.
 """
 
 import os
@@ -37,8 +37,14 @@ class Domain:
 
 def domains(uri):
     uuids = virsh(uri, "list --all --uuid")[0].split()
-    outputs = iter(virsh(uri, *(f"{command} {uuid}" for uuid in uuids for command in ("dumpxml", "domstate", "dominfo"))))
+    commands = (f"{command} {uuid}" for uuid in uuids for command in ("dumpxml", "domstate", "dominfo"))
+    outputs = iter(virsh(uri, *commands))
     return [Domain(uuid, next(outputs), next(outputs), next(outputs)) for uuid in uuids]
+
+
+def unescaped(text):
+    """A field of /proc/self/mounts, which has spaces and the like as octal numbers."""
+    return re.sub(r"\\(\d{3})", lambda match: chr(int(match[1], 8)), text)
 
 
 class Storage:
@@ -46,8 +52,7 @@ class Storage:
         self.mounts = []
         for line in open("/proc/self/mounts", encoding="utf-8"):
             source, directory, kind = line.split()[:3]
-            unescape = lambda s: re.sub(r"\\(\d{3})", lambda m: chr(int(m[1], 8)), s)
-            self.mounts.append((unescape(directory), unescape(source), kind))
+            self.mounts.append((unescaped(directory), unescaped(source), kind))
         self.pools = {}
         for name in virsh(uri, "pool-list --name")[0].split():
             pool = xml.fromstring(virsh(uri, f"pool-dumpxml {name}")[0])
@@ -65,7 +70,9 @@ class Storage:
         mount = self._holder(path, [directory for directory, _, _ in self.mounts])
         source, kind = [(source, kind) for directory, source, kind in self.mounts if directory == mount][-1]
         pool = self._holder(path, self.pools)
-        directory, name, network = (pool, self.pools[pool][0], self.pools[pool][1] == "netfs") if pool else (mount, mount, False)
+        directory, name, network = mount, mount, False
+        if pool:
+            directory, name, network = pool, self.pools[pool][0], self.pools[pool][1] == "netfs"
         device = source if not network and (source.startswith("/dev/") or kind == "zfs") else None
         return f"[{name}] {os.path.relpath(path, directory)}", device
 
@@ -131,7 +138,8 @@ def inventory(listed, vm_ids, config_directory, storage):
         "vmTable", "hbaTable", "tgtTable", "nicTable", "floppyTable", "cdromTable")
     for k, domain in enumerate(listed):
         number = vm_ids[domain.uuid]
-        file = f"{config_directory}/{domain.name}.xml" if config_directory and domain.persistent else f"Unknown config: {number}"
+        known = config_directory and domain.persistent
+        file = f"{config_directory}/{domain.name}.xml" if known else f"Unknown config: {number}"
         vms.add(vmIdx=k,
                 vmDisplayName=domain.name,
                 vmConfigFile=file,
@@ -152,8 +160,9 @@ def inventory(listed, vm_ids, config_directory, storage):
             kind, target = drive.get("device", "disk"), drive.find("target")
             connected = "false" if shown is None else "true"
             if kind == "cdrom":
+                ide = target.get("bus") == "ide"
                 cdroms.add(cdVmIdx=k,
-                           cdIdeIndex=int(drive.find("address").get("bus")) * 2 + unit if target.get("bus") == "ide" else 0,
+                           cdIdeIndex=int(drive.find("address").get("bus")) * 2 + unit if ide else 0,
                            cdBacking=shown or "no medium",
                            cdConnected=connected)
             elif kind == "floppy":
@@ -224,7 +233,8 @@ def resources(listed, vm_ids, storage, before, after, cpu_shares):
                 continue
 
             def traffic(statistic, scale=1):
-                return span(summed(old, by_name[name], statistic), summed(new, by_name[name], statistic), statistic, scale)
+                earlier, later = (summed(sample, by_name[name], statistic) for sample in (old, new))
+                return span(earlier, later, statistic, scale)
 
             disks.add(diskIdx=len(disks.rows) + 1,
                       diskName=name or "unknown",
@@ -277,7 +287,7 @@ def scalars(uri, kernel_loaded=False):
 
 
 def tree(uri, vm_ids, before, after, listed=None, config_directory=None, cpu_shares=1024):
-    """Every instance under the enterprise, in the order of a walk; `listed`: the domains, where they have not changed since."""
+    """Every instance under the enterprise, in walk order; `listed`: the domains, where they have not changed since."""
     storage = Storage(uri)
     listed = sorted(listed or domains(uri), key=lambda domain: vm_ids[domain.uuid])
     instances = [*scalars(uri), *inventory(listed, vm_ids, config_directory, storage),

@@ -11,7 +11,7 @@ ATTEMPTS = 10
 def ask(directory, request):
     """Returns what request(client) returns, and the seconds that it took with the refresh of the tables.
 
-    On a busy host the tables of many VMs may not be refreshed within the agent's time budget; then another agent is started.
+    On a busy host a refresh for many VMs may exceed the agent's time budget; then another agent is started.
     """
     for _ in range(ATTEMPTS):
         agent = system.Agent(directory, timeout=30)

@@ -99,7 +99,8 @@ class Libvirtd:
 
     def _responds(self):
         assert self.process.poll() is None, (self.folder / "libvirtd.log").read_text(errors="replace")
-        return subprocess.run(["virsh", "-q", "-c", self.uri, "version"], capture_output=True, check=False).returncode == 0
+        command = ["virsh", "-q", "-c", self.uri, "version"]
+        return subprocess.run(command, capture_output=True, check=False).returncode == 0
 
     def _inside(self, *command):
         return ["nsenter", "--target", str(self.holder.pid), "--mount", "--net", *command]
@@ -123,7 +124,7 @@ class Libvirtd:
         return path
 
     def busy_image(self, name):
-        """A disk with a guest on it that reads the disk's first sector at every tick of its timer, 18 times a second."""
+        """A disk with a guest on it that reads the disk's first sector at every tick of its timer, 18 Hz."""
         path = self.image(name)
         code = bytes.fromhex("31c0 8ec0"       # again: es = 0
                              "bb0080"          # to 0x8000
@@ -197,7 +198,8 @@ def disk_xml(source, target, bus, device="disk"):
 
 
 def card_xml(mac, model="virtio"):
-    return f"<interface type='bridge'><mac address='{mac}'/><source bridge='{BRIDGE}'/><model type='{model}'/></interface>"
+    return (f"<interface type='bridge'><mac address='{mac}'/>"
+            f"<source bridge='{BRIDGE}'/><model type='{model}'/></interface>")
 
 
 EVERY_DEVICE = """
@@ -210,22 +212,27 @@ EVERY_DEVICE = """
   <disk type='block' device='disk'><source dev='/dev/vg/{n}'/><target dev='vda' bus='virtio'/></disk>
   <disk type='block' device='lun'><source dev='/dev/sdz'/><target dev='sdb' bus='scsi'/>
     <address type='drive' controller='3' bus='0' target='5' unit='0'/></disk>
-  <disk type='network' device='disk'><source protocol='rbd' name='images/{n}'><host name='ceph'/></source><target dev='vdb' bus='virtio'/></disk>
+  <disk type='network' device='disk'><source protocol='rbd' name='images/{n}'><host name='ceph'/></source>
+    <target dev='vdb' bus='virtio'/></disk>
   <disk type='file' device='disk'><source file='/etc/{n}.img'/><target dev='hda' bus='ide'/></disk>
-  <disk type='file' device='cdrom'><source file='/srv/images/install.iso'/><target dev='hdb' bus='ide'/><readonly/></disk>
+  <disk type='file' device='cdrom'><source file='/srv/images/install.iso'/>
+    <target dev='hdb' bus='ide'/><readonly/></disk>
   <disk type='file' device='cdrom'><target dev='hdc' bus='ide'/><readonly/></disk>
   <disk type='block' device='cdrom'><source dev='/dev/sr0'/><target dev='hdd' bus='ide'/><readonly/></disk>
   <disk type='file' device='floppy'><source file='/srv/images/boot.flp'/><target dev='fda' bus='fdc'/></disk>
   <disk type='file' device='floppy'><target dev='fdb' bus='fdc'/></disk>
-  <interface type='network'><mac address='52:54:00:00:{hi:02x}:{lo:02x}'/><source network='default'/><target dev='t{n}a'/><model type='virtio'/></interface>
-  <interface type='bridge'><mac address='52:54:00:01:{hi:02x}:{lo:02x}'/><source bridge='br0'/><target dev='t{n}b'/><model type='e1000'/></interface>
+  <interface type='network'><mac address='52:54:00:00:{hi:02x}:{lo:02x}'/><source network='default'/>
+    <target dev='t{n}a'/><model type='virtio'/></interface>
+  <interface type='bridge'><mac address='52:54:00:01:{hi:02x}:{lo:02x}'/><source bridge='br0'/>
+    <target dev='t{n}b'/><model type='e1000'/></interface>
   <interface type='user'><mac address='52:54:00:02:{hi:02x}:{lo:02x}'/></interface>
   <serial type='pty'/><input type='tablet' bus='usb'/><video><model type='vga'/></video><memballoon model='virtio'/>
 """
 
 FEW_DEVICES = """
   <disk type='file' device='disk'><source file='/srv/images/{n}.img'/><target dev='vda' bus='virtio'/></disk>
-  <interface type='bridge'><mac address='52:54:00:00:{hi:02x}:{lo:02x}'/><source bridge='br0'/><target dev='t{n}a'/></interface>
+  <interface type='bridge'><mac address='52:54:00:00:{hi:02x}:{lo:02x}'/><source bridge='br0'/>
+    <target dev='t{n}a'/></interface>
   <memballoon model='virtio'/>
 """
 
@@ -240,9 +247,12 @@ def host_file(domains):
         state = (1, 1, 5, 3)[n % 4]     # running, running, shut off, paused
         devices = (EVERY_DEVICE if n % 10 == 1 else FEW_DEVICES).format(n=n, hi=n >> 8, lo=n & 255)
         shares = f"<cputune><shares>{1000 + n}</shares></cputune>" if n % 3 == 0 else ""
-        text.append(f"<domain type='test'><name>vm-{n} größe &amp; é</name><uuid>00000000-0000-4000-8000-{n * 7919 % 99991:012x}</uuid>"
-                    f"{OSINFO if n % 2 else ''}<memory unit='KiB'>{(n % 64 + 1) * 1024}</memory><vcpu>{n % 4 + 1}</vcpu>{shares}"
-                    f"<os><type arch='x86_64'>hvm</type></os><test:runstate>{state}</test:runstate><devices>{devices}</devices></domain>")
+        text.append("<domain type='test'>"
+                    f"<name>vm-{n} größe &amp; é</name><uuid>00000000-0000-4000-8000-{n * 7919 % 99991:012x}</uuid>"
+                    f"{OSINFO if n % 2 else ''}"
+                    f"<memory unit='KiB'>{(n % 64 + 1) * 1024}</memory><vcpu>{n % 4 + 1}</vcpu>{shares}"
+                    f"<os><type arch='x86_64'>hvm</type></os><test:runstate>{state}</test:runstate>"
+                    f"<devices>{devices}</devices></domain>")
     text.append("<pool type='dir'><name>images</name><target><path>/srv/images</path></target></pool>"
                 "<cpu><mhz>3000</mhz><model>x86_64</model><active>12</active><nodes>1</nodes><sockets>1</sockets>"
                 "<cores>6</cores><threads>2</threads></cpu><memory>8388608</memory></node>")

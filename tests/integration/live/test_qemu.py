@@ -67,14 +67,16 @@ def compare(libvirtd, daemon, agent, before):
 def start_two_guests(libvirtd):
     """One with every device that QEMU has for us, one with few; returns when both have run for a while."""
     image = libvirtd.image
-    devices = ("<controller type='scsi' index='0' model='lsilogic'/><controller type='scsi' index='1' model='virtio-scsi'/>"
+    devices = ("<controller type='scsi' index='0' model='lsilogic'/>"
+               "<controller type='scsi' index='1' model='virtio-scsi'/>"
                + disk_xml(libvirtd.busy_image("a1"), "hda", "ide") + disk_xml(image("a2"), "vda", "virtio")
                + disk_xml(image("a3"), "sda", "scsi") + disk_xml(image("a4"), "vdb", "virtio")
                + disk_xml(image("install.iso"), "hdb", "ide", "cdrom") + disk_xml(None, "hdd", "ide", "cdrom")
                + disk_xml(image("boot.flp", 1440 << 10), "fda", "fdc", "floppy")
                + card_xml("52:54:00:aa:00:01") + card_xml("52:54:00:aa:00:02", "e1000"))
     libvirtd.define(guest_xml("every", devices, cpus=2))
-    libvirtd.define(guest_xml("few", disk_xml(libvirtd.busy_image("b1"), "vda", "virtio") + card_xml("52:54:00:bb:00:01")))
+    devices = disk_xml(libvirtd.busy_image("b1"), "vda", "virtio") + card_xml("52:54:00:bb:00:01")
+    libvirtd.define(guest_xml("few", devices))
     libvirtd.virsh("start every", "start few")
 
     def have_worked():
@@ -205,7 +207,8 @@ def test_the_life_of_a_guest_shows_while_a_manager_walks(libvirtd, start_libvirt
         comes(name, *expected)
 
     try:
-        libvirtd.define(guest_xml("guest", disk_xml(libvirtd.image("d1"), "vda", "virtio") + card_xml("52:54:00:cc:00:01")))
+        devices = disk_xml(libvirtd.image("d1"), "vda", "virtio") + card_xml("52:54:00:cc:00:01")
+        libvirtd.define(guest_xml("guest", devices))
         comes("guest", "poweredOff", 1, 1)
         number = now.vms()["guest"][0]
         libvirtd.virsh("start guest")
@@ -294,7 +297,7 @@ def test_frozen_guests_delay_nobody(libvirtd, start_libvirt_daemon, directory):
         system.wait_until(is_known, "the statistics of the frozen ones alone to be gone", COLLECTED)
         while min(times) >= 1 and len(times) < 10:
             times.append(seen()[2])
-        # The best of some, because the host may have other work; a walk that waited for a guest would be slow every time.
+        # The best of some, because the host may have other work; a walk that waited for a guest would always be slow.
         assert min(times) < 1, f"seconds that walks took: {times}"
         assert "VM lively" not in daemon.log_text()
     finally:

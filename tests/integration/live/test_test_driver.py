@@ -86,12 +86,13 @@ def test_vms_keep_their_ids_over_a_restart(directory, start_libvirt_daemon, star
     assert {uuid: after[uuid] for uuid in before} == before
 
 
-@pytest.mark.parametrize("uri, reason", [("nonsense", "does not include a driver name"), ("test:///no/such.xml", "failed to parse"),
-                                         (":::", "Unable to parse URI")])
+@pytest.mark.parametrize("uri, reason", [
+    ("nonsense", "does not include a driver name"), ("test:///no/such.xml", "failed to parse"),
+    (":::", "Unable to parse URI")])
 def test_a_uri_that_cannot_work_ends_the_daemon_with_the_reason(uri, reason, directory):
-    run = subprocess.run([system.DAEMON, "--libvirt", uri, "--listen", "127.0.0.1:902", "--ticket-dir", directory / "tickets",
-                          "--state-dir", directory / "state", "--foreground"], capture_output=True, text=True, timeout=20,
-                         check=False)
+    command = [system.DAEMON, "--libvirt", uri, "--listen", "127.0.0.1:902", "--ticket-dir", directory / "tickets",
+               "--state-dir", directory / "state", "--foreground"]
+    run = subprocess.run(command, capture_output=True, text=True, timeout=20, check=False)
     assert run.returncode != 0
     assert f"the libvirt URI {uri} cannot be used" in run.stderr and reason in run.stderr
 

@@ -32,14 +32,17 @@ def http(method):
         "content length 0": message("Content-Length: 0\r\n", b""),
         "content length twice": message(f"Content-Length: {length}\r\nContent-Length: {length + 5}\r\n"),
         "content length twice in one": message(f"Content-Length: {length}, {length + 5}\r\n"),
-        "content length and chunked": message(f"Content-Length: {length}\r\nTransfer-Encoding: chunked\r\n", chunk + b"0\r\n\r\n"),
+        "content length and chunked": message(f"Content-Length: {length}\r\nTransfer-Encoding: chunked\r\n",
+                                              chunk + b"0\r\n\r\n"),
         "chunk size no number": message("Transfer-Encoding: chunked\r\n", b"zz\r\nabc\r\n0\r\n\r\n"),
         "chunk size negative": message("Transfer-Encoding: chunked\r\n", b"-5\r\nabcde\r\n0\r\n\r\n"),
         "chunk size overflows": message("Transfer-Encoding: chunked\r\n", b"fffffffffffffffff\r\nabc\r\n0\r\n\r\n"),
         "chunk size 2^64-1": message("Transfer-Encoding: chunked\r\n", b"ffffffffffffffff\r\nabc\r\n0\r\n\r\n"),
         "chunk longer than its size": message("Transfer-Encoding: chunked\r\n", b"3\r\nabcdef\r\n0\r\n\r\n"),
-        "chunk extension of 100 kB": message("Transfer-Encoding: chunked\r\n", b"3;" + b"e" * 100_000 + b"\r\nabc\r\n0\r\n\r\n"),
-        "chunk trailers of 1 MB": message("Transfer-Encoding: chunked\r\n", chunk + b"0\r\n" + b"T: t\r\n" * 170_000 + b"\r\n"),
+        "chunk extension of 100 kB": message("Transfer-Encoding: chunked\r\n",
+                                             b"3;" + b"e" * 100_000 + b"\r\nabc\r\n0\r\n\r\n"),
+        "chunk trailers of 1 MB": message("Transfer-Encoding: chunked\r\n",
+                                          chunk + b"0\r\n" + b"T: t\r\n" * 170_000 + b"\r\n"),
         "unknown transfer encoding": message(f"Transfer-Encoding: gzip\r\nContent-Length: {length}\r\n"),
         "endless headers": message("X-Header: value\r\n" * 600_000),
         "a header of 10 MB": message("X-Header: " + "v" * 10_000_000 + "\r\n"),
@@ -69,6 +72,7 @@ def xml_texts(method):
         return envelope(open_ + content + close)
 
     good = wrapped("")
+    another = "GetInfo" if method != "GetInfo" else "GetConfig"
     texts = {
         "empty": b"",
         "no XML": b"hello",
@@ -83,19 +87,21 @@ def xml_texts(method):
         "an entity": b'<!DOCTYPE a [<!ENTITY b "c">]>' + wrapped("&b;"),
         "entities of entities": b"<!DOCTYPE a [<!ENTITY a0 'ha'>" + b"".join(
             b"<!ENTITY a%d '%s'>" % (n, b"&a%d;" % (n - 1) * 10) for n in range(1, 10)) + b"]>" + wrapped("&a9;"),
-        "an external entity": b'<!DOCTYPE a [<!ENTITY b SYSTEM "file:///etc/shadow">]>' + wrapped("<returnval>&b;</returnval>"),
+        "an external entity": (b'<!DOCTYPE a [<!ENTITY b SYSTEM "file:///etc/shadow">]>'
+                               + wrapped("<returnval>&b;</returnval>")),
         "nesting of 100,000": wrapped("<a>" * 100_000 + "</a>" * 100_000),
         "nesting of 100,000 without end": b"<a>" * 100_000,
         "a NUL": wrapped("<returnval>a\0b</returnval>"),
         "UTF-16": good.decode().encode("utf-16"),
         "invalid UTF-8": good.replace(b"Response xmlns", b"Response a='\xff\xfe' xmlns"),
-        "a reply to another call": envelope(f'<{"GetInfo" if method != "GetInfo" else "GetConfig"}Response xmlns="urn:ordane"/>'),
+        "a reply to another call": envelope(f'<{another}Response xmlns="urn:ordane"/>'),
         "the call itself": envelope(f'<{method} xmlns="urn:ordane"/>'),
         "comments and instructions": b"<!-- a --><?a b?>" + wrapped("<!-- a --><?a b?>"),
         "an unfinished CDATA": wrapped("<![CDATA[a"),
         "a fault without a detail": envelope("<s:Fault><faultcode>s:Server</faultcode></s:Fault>"),
         "an empty fault": envelope("<Fault/>"),
-        "a fault that is ill-typed": envelope('<Fault><detail><ManagedObjectNotFound><obj>1</obj><obj>2</obj></ManagedObjectNotFound></detail></Fault>'),
+        "a fault that is ill-typed": envelope("<Fault><detail><ManagedObjectNotFound><obj>1</obj><obj>2</obj>"
+                                              "</ManagedObjectNotFound></detail></Fault>"),
         "a text for an object": wrapped("<returnval>text</returnval>"),
         "100 results for one": wrapped("<returnval/>" * 100),
         "unknown elements": wrapped("<unknown><deep>1</deep></unknown>" * 100),
@@ -126,7 +132,8 @@ def large(method):
         "100 MB with a content length": http_reply(b"a" * 100_000_000),
         "100 MB in chunks": b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + chunk * 100 + b"0\r\n\r\n",
         "100 MB until the end": b"HTTP/1.1 200 OK\r\n\r\n" + b"a" * 100_000_000,
-        "8 MB in chunks of one byte": b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + b"1\r\na\r\n" * 1_400_000 + b"0\r\n\r\n",
+        "8 MB in chunks of one byte": (b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+                                       + b"1\r\na\r\n" * 1_400_000 + b"0\r\n\r\n"),
     }
 
 
@@ -180,7 +187,6 @@ def mutations(method, content):
         for text in texts:
             yield f"{where} = {text!r}", changed(lambda parent, element, index, t=text: setattr(element, "text", t))
         for type in types:
-            yield f"{where} of type {type!r}", changed(lambda parent, element, index, t=type: element.set(XSI + "type", t))
-            yield f"{where} referring to {type!r}", changed(lambda parent, element, index, t=type: element.set("type", t))
-
-
+            for attribute, how in ((XSI + "type", "of type"), ("type", "referring to")):
+                yield f"{where} {how} {type!r}", changed(
+                    lambda parent, element, index, a=attribute, t=type: element.set(a, t))

@@ -34,7 +34,7 @@ def reported_faults(request):
 
 @pytest.fixture(scope="session")
 def built(tmp_path_factory):
-    """built(name) makes a shared library of the C file of that name; program=True: a program with the agent's libraries."""
+    """built(name) makes a shared library of the C file `name`; program=True: a program with the agent's libraries."""
     folder = tmp_path_factory.mktemp("libraries")
     for parent in (folder, *folder.parents[:2]):
         parent.chmod(0o755)     # an agent of another user loads them
@@ -95,8 +95,8 @@ class ShiftedAgent(system.Agent):
         return time.monotonic() - started, name.type == "OCTET STRING"
 
     def recover(self, host, daemon=None):
-        """Waits until the agent serves the whole tree again. After a timeout it waits 5 s before it connects again, and on a
-        busy computer even a good daemon may time out."""
+        """Waits until the agent serves the whole tree again. After a timeout it waits 5 s before it connects again, and
+        on a busy computer even a good daemon may time out."""
         deadline = time.monotonic() + 5 + 2 * watch.SLACK
         # The first rebuild may find the broken connection, the second makes a new one.
         while not self.refresh()[1] and not self.refresh()[1]:

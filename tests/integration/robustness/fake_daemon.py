@@ -1,7 +1,7 @@
 """The fake management daemon: a TLS server on the daemon's port that breaks any layer of the wire that a test names.
 
-A connection runs through the steps of `Behaviour`: handshake, preamble, calls. `GoodBehaviour` serves a described host; a test
-overrides the step that it breaks. A change of behaviour takes effect at the next step, of open connections too.
+A connection runs through the steps of `Behaviour`: handshake, preamble, calls. `GoodBehaviour` serves a described host;
+a test overrides the step that it breaks. A change of behaviour takes effect at the next step, of open connections too.
 """
 
 import contextlib
@@ -43,8 +43,9 @@ def tls_context(newest=None):
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     with tempfile.TemporaryDirectory() as folder:
         key, certificate = os.path.join(folder, "key.pem"), os.path.join(folder, "certificate.pem")
-        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days", "2",
-                        "-subj", "/CN=localhost", "-keyout", key, "-out", certificate], check=True, capture_output=True)
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+                        "-days", "2", "-subj", "/CN=localhost", "-keyout", key, "-out", certificate],
+                       check=True, capture_output=True)
         context.load_cert_chain(certificate, key)
     if newest is not None:
         context.set_ciphers("ALL:@SECLEVEL=0")
@@ -68,8 +69,10 @@ def response(method, content):
 
 def fault(type, text="no"):
     """The HTTP reply that is a fault."""
-    return http_reply(envelope(f'<s:Fault><faultcode>s:Server</faultcode><faultstring>{escape(text)}</faultstring>'
-                               f'<detail><{type} xmlns="urn:ordane"><message>{escape(text)}</message></{type}></detail></s:Fault>'),
+    text = escape(text)
+    return http_reply(envelope(f'<s:Fault><faultcode>s:Server</faultcode><faultstring>{text}</faultstring>'
+                               f'<detail><{type} xmlns="urn:ordane"><message>{text}</message></{type}></detail>'
+                               '</s:Fault>'),
                       "500 Internal Server Error")
 
 
@@ -200,7 +203,7 @@ class Stream:
             self.send_raw(self.outgoing.read())
 
     def send(self, data):
-        """Plain text, in records of its own; a piece at a time when it is long, so that the end of the connection is noticed."""
+        """Plain text, in records of its own; long texts a piece at a time, so that the connection's end is noticed."""
         step = 1 if self.interval else 1 << 18
         for at in range(0, len(data), step):
             piece = data[at:at + step]
@@ -242,7 +245,8 @@ class Stream:
 
     def read_call(self):
         head = self.read_until(b"\r\n\r\n").decode()
-        length = next(int(line.partition(":")[2]) for line in head.splitlines() if line.lower().startswith("content-length:"))
+        length = next(int(line.partition(":")[2]) for line in head.splitlines()
+                      if line.lower().startswith("content-length:"))
         body = self.read_exactly(length)
         self.request = head.encode() + body
         call = parse_call(body)
@@ -299,7 +303,8 @@ class GoodBehaviour(Behaviour):
 
     def AcquireLocalTicket(self, call):
         self.secret = secrets.token_urlsafe(24)
-        return element("returnval", {"userName": call.parameters["userName"], "passwordFilePath": str(self.write_ticket(self.secret))})
+        path = self.write_ticket(self.secret)
+        return element("returnval", {"userName": call.parameters["userName"], "passwordFilePath": str(path)})
 
     def write_ticket(self, secret):
         path = self.directory / f"ticket-{secrets.token_hex(8)}"
@@ -342,19 +347,21 @@ class GoodBehaviour(Behaviour):
         def named(name):
             return {"label": name, "summary": name, "key": name}
         return "".join(
-            element("returnval", {"key": key, "nameInfo": named(name.partition(".")[2]), "groupInfo": named(name.partition(".")[0]),
-                                  "rollupType": "none"}) for name, key in _KEYS.items())
+            element("returnval", {"key": key, "nameInfo": named(name.partition(".")[2]),
+                                  "groupInfo": named(name.partition(".")[0]), "rollupType": "none"})
+            for name, key in _KEYS.items())
 
     def QueryPerf(self, _):
         return element("returnval", [
             {"type": "PerfEntityMetric", "entity": id, "value": [
-                {"type": "PerfMetricIntSeries", "id": {"counterId": _KEYS[name], "instance": instance}, "value": [sample]}
+                {"type": "PerfMetricIntSeries", "id": {"counterId": _KEYS[name], "instance": instance},
+                 "value": [sample]}
                 for name, series in (vm.get("stats") or {}).items() for instance, sample in series.items()]}
             for id, vm in self.vms.items()])
 
 
 class Replaced(Behaviour):
-    """A good daemon but for the calls named in `replies`: the reply to each is these bytes, or a function of stream and call."""
+    """A good daemon but for the calls named in `replies`, each a reply's bytes or a function of stream and call."""
 
     def __init__(self, good, **replies):
         self.good = good

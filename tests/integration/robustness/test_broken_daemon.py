@@ -24,11 +24,11 @@ BACKOFF = 5.0
 SCALARS = list(map(mib.oid, ("prodName", "numCpuCores", "memTotal")))
 
 # Every call that the module makes.
-CALLS = ["AcquireLocalTicket", "Login", "RetrieveContent", "GetChildEntity", "GetConfig", "GetPerfCounter", "QueryPerf", "GetRuntime",
-         "GetGuest", "GetInfo", "GetHardware", "GetConsoleReservationInfo"]
+CALLS = ["AcquireLocalTicket", "Login", "RetrieveContent", "GetChildEntity", "GetConfig", "GetPerfCounter", "QueryPerf",
+         "GetRuntime", "GetGuest", "GetInfo", "GetHardware", "GetConsoleReservationInfo"]
 # Those whose result the agent keeps for good once it fits its type, each with an instance that needs it.
-KEPT = {"RetrieveContent": mib.oid("prodName"), "GetPerfCounter": mib.oid("vmDisplayName", 0), "GetHardware": mib.oid("numCpuCores"),
-        "GetConsoleReservationInfo": mib.oid("memTotal")}
+KEPT = {"RetrieveContent": mib.oid("prodName"), "GetPerfCounter": mib.oid("vmDisplayName", 0),
+        "GetHardware": mib.oid("numCpuCores"), "GetConsoleReservationInfo": mib.oid("memTotal")}
 
 
 @dataclasses.dataclass(frozen=True)
@@ -119,7 +119,8 @@ FAULTS = [
         setattr(stream, "interval", TRICKLE), stream.send(b"200 /connection/1\r\n"))), times_out=True),
     Fault("silent after the handshake", TIMES_OUT, step("preamble", silent), times_out=True),
     Fault("silent at the ticket", TIMES_OUT, reply("AcquireLocalTicket", silent), times_out=True),
-    Fault("one byte per half second at the ticket", TIMES_OUT, shaped("AcquireLocalTicket", interval=TRICKLE), times_out=True),
+    Fault("one byte per half second at the ticket", TIMES_OUT, shaped("AcquireLocalTicket", interval=TRICKLE),
+          times_out=True),
     Fault("silent at the login", TIMES_OUT, reply("Login", silent), times_out=True),
     Fault("an endless preamble, slowly", TIMES_OUT, step("preamble", lambda stream: (
         setattr(stream, "interval", TRICKLE), flood(stream))), times_out=True),
@@ -132,11 +133,15 @@ FAULTS = [
     Fault("silent at the statistics", TIMES_OUT, reply("QueryPerf", silent), REFRESH, times_out=True, reconnect=False),
     Fault("silent at a datastore", TIMES_OUT, reply("GetInfo", silent), REFRESH, times_out=True, reconnect=False),
     Fault("endless headers, slowly", TIMES_OUT, reply("GetConfig", lambda stream, call: (
-        stream.send(b"HTTP/1.1 200 OK\r\n"), setattr(stream, "interval", TRICKLE), flood(stream))), REFRESH, times_out=True),
+        stream.send(b"HTTP/1.1 200 OK\r\n"), setattr(stream, "interval", TRICKLE), flood(stream))),
+        REFRESH, times_out=True),
     Fault("random bytes for a handshake", REFUSES, step("greet", flood_raw)),
-    Fault("plain HTTP for a handshake", REFUSES, step("greet", lambda stream: (stream.send_raw(http_reply(b"hello")), stream.wait()))),
-    Fault("a TLS alert", REFUSES, step("greet", lambda stream: (stream.send_raw(b"\x15\x03\x03\x00\x02\x02\x28"), stream.wait()))),
-    Fault("TLS records of 64 KiB", REFUSES, step("greet", lambda stream: (stream.send_raw(b"\x16\x03\x03\xff\xff" + b"\x02" * 65535), stream.wait()))),
+    Fault("plain HTTP for a handshake", REFUSES, step("greet", lambda stream: (
+        stream.send_raw(http_reply(b"hello")), stream.wait()))),
+    Fault("a TLS alert", REFUSES, step("greet", lambda stream: (
+        stream.send_raw(b"\x15\x03\x03\x00\x02\x02\x28"), stream.wait()))),
+    Fault("TLS records of 64 KiB", REFUSES, step("greet", lambda stream: (
+        stream.send_raw(b"\x16\x03\x03\xff\xff" + b"\x02" * 65535), stream.wait()))),
     Fault("TLS 1.0 at most", REFUSES, old_tls(ssl.TLSVersion.TLSv1)),
     Fault("TLS 1.1 at most", REFUSES, old_tls(ssl.TLSVersion.TLSv1_1)),
     Fault("ends after the handshake", REFUSES, step("preamble", lambda stream: stream.end(END))),
@@ -151,9 +156,11 @@ FAULTS = [
     Fault("a preamble that ends by a line feed alone", TIMES_OUT, step("preamble", lambda stream: (
         stream.read_until(b"\r\n"), stream.send(b"200 /connection/1\n"), stream.wait())), times_out=True),
     Fault("replies before a request", REFUSES, step("preamble", lambda stream: (
-        stream.send(b"200 /connection/1\r\n" + response("Login", wire.element("returnval", {"key": "k", "userName": "root"})) * 3)))),
+        stream.send(b"200 /connection/1\r\n"
+                    + response("Login", wire.element("returnval", {"key": "k", "userName": "root"})) * 3)))),
     Fault("a new connection for every call", "makes a connection for every rebuild and gets no further than the ticket",
-          lambda good: Replaced(good, **{name: lambda stream, call: (good.reply(stream, call), stream.end(END)) for name in CALLS})),
+          lambda good: Replaced(good, **{
+              name: lambda stream, call: (good.reply(stream, call), stream.end(END)) for name in CALLS})),
     Fault("an endless body", REFUSES, reply("GetChildEntity", lambda stream, call: (
         stream.send(b"HTTP/1.1 200 OK\r\n\r\n"), flood(stream))), REFRESH, reconnect=False),
     Fault("interim replies without end", REFUSES, reply("GetChildEntity", lambda stream, call: [
@@ -261,7 +268,7 @@ def test_connecting_to_a_port_that_nobody_accepts_on_times_out_after_a_second(ag
 
 
 def read_everything(agent):
-    """A rebuild on an open connection, and the scalars that have calls of their own; returns the seconds that it took."""
+    """A rebuild on an open connection, and the scalars that have calls of their own; returns the seconds they took."""
     took, rows = agent.refresh()
     if not rows:
         took = max(took, agent.refresh()[0])         # the first has only found the connection broken
@@ -383,8 +390,8 @@ def test_no_change_of_a_good_reply_does_harm(method, fake, good, trial, shifted_
     for name, message in changed:
         calls.give(name, message)
     calls.check_recovery(host)
-    watch.report(f"{calls.tried} changes of a good reply to {method}", "takes what fits its type, refuses the rest", calls.slowest,
-                 calls.delays, faults=calls.tried)
+    watch.report(f"{calls.tried} changes of a good reply to {method}", "takes what fits its type, refuses the rest",
+                 calls.slowest, calls.delays, faults=calls.tried)
 
 
 @pytest.mark.parametrize("method", ["AcquireLocalTicket", "GetChildEntity", "GetConfig", "QueryPerf"])
@@ -455,7 +462,8 @@ def test_the_connection_may_break_at_every_byte_of_a_session(part, agent, fake, 
     fake.drop_connections()
     agent.recover(host)
     assert watch.descriptors(agent.pid) == before
-    watch.report(f"connection ends at {len(offsets)} of {length} bytes of a session", REFUSES, seconds, prober, faults=len(offsets))
+    watch.report(f"connection ends at {len(offsets)} of {length} bytes of a session", REFUSES, seconds, prober,
+                 faults=len(offsets))
 
 
 @pytest.mark.slow
@@ -491,7 +499,8 @@ def test_a_reply_that_breaks_at_any_byte_is_not_kept(method, shifted_agent, fake
     fake.drop_connections()
     agent.recover(host)
     assert watch.descriptors(agent.pid) == before
-    watch.report(f"connection ends at {tried} of {length} bytes of the reply to {method}", REFUSES, slowest, prober, faults=tried)
+    watch.report(f"connection ends at {tried} of {length} bytes of the reply to {method}", REFUSES, slowest, prober,
+                 faults=tried)
 
 
 def test_the_connection_may_break_at_every_byte_of_the_handshake(agent, fake, good, host):
@@ -518,7 +527,8 @@ def test_the_connection_may_break_at_every_byte_of_the_handshake(agent, fake, go
     fake.behave(good)
     agent.recover(host)
     assert watch.descriptors(agent.pid) == before
-    watch.report(f"connection ends at each of {lengths[0]} bytes of the handshake", REFUSES, seconds, prober, faults=lengths[0])
+    watch.report(f"connection ends at each of {lengths[0]} bytes of the handshake", REFUSES, seconds, prober,
+                 faults=lengths[0])
 
 
 def test_a_handshake_with_any_byte_changed_is_refused(agent, fake, good, host):

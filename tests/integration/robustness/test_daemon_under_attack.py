@@ -67,7 +67,8 @@ def agent_stays_served(agent, daemon, fault, does):
 
 def as_nobody(action):
     """The result of the action in a process of a user without any rights: a text, or the error's number."""
-    if os.geteuid() != 0 or not any(line.split()[0] == "0" and int(line.split()[2]) > NOBODY for line in open("/proc/self/uid_map")):
+    ranges = [line.split() for line in open("/proc/self/uid_map")]
+    if os.geteuid() != 0 or not any(first == "0" and int(count) > NOBODY for first, _, count in ranges):
         pytest.skip("only root, outside a user namespace, can become another user")
     reader, writer = os.pipe()
     child = os.fork()
@@ -92,7 +93,8 @@ def as_nobody(action):
 @pytest.mark.slow
 def test_another_user_can_neither_read_nor_make_nor_replay_a_ticket(served):
     daemon, agent = served()
-    with agent_stays_served(agent, daemon, "another user goes for the tickets", "is not affected"), Connection() as owner:
+    with agent_stays_served(agent, daemon, "another user goes for the tickets", "is not affected"), \
+            Connection() as owner:
         path = owner.acquire_ticket()
         assert as_nobody(lambda: open(path).read()) == "EACCES"
         assert as_nobody(lambda: os.open(daemon.tickets / "ticket-mine", os.O_CREAT | os.O_WRONLY)) == "EACCES"
@@ -189,7 +191,8 @@ def crowd_of_slow(stack):
 
 
 @pytest.mark.slow
-@pytest.mark.parametrize("name, crowd", [("2,000 half-open connections", crowd_of_silent), ("2,000 slow connections", crowd_of_slow)])
+@pytest.mark.parametrize("name, crowd", [
+    ("2,000 half-open connections", crowd_of_silent), ("2,000 slow connections", crowd_of_slow)])
 def test_a_crowd_leaves_the_agent_served(name, crowd, served):
     soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (min(hard, 3 * CROWD), hard))
@@ -250,7 +253,8 @@ def test_oversized_requests_cost_constant_memory(name, logged_in, served):
                     client.stream.sendall(piece)
                 client.stream.recv(1)
 
-    with agent_stays_served(agent, daemon, f"requests of {name} {'after' if logged_in else 'before'} the login", "is not affected"):
+    fault = f"requests of {name} {'after' if logged_in else 'before'} the login"
+    with agent_stays_served(agent, daemon, fault, "is not affected"):
         for _ in range(4):
             send()
         early = watch.memory(daemon.process.pid, "VmHWM")
@@ -303,7 +307,8 @@ def test_no_ticket_is_written_on_a_full_disk_and_one_when_there_is_room(director
         filler.unlink()
         agent.recover(HOST, daemon)
         assert watch.descriptors(agent.pid) == before
-        watch.report("the disk is full when tovric-vessad writes a ticket", "empty tables, and as before when there is room", 0, prober)
+        watch.report("the disk is full when tovric-vessad writes a ticket",
+                     "empty tables, and as before when there is room", 0, prober)
         assert daemon.stop() == 0
 
 
@@ -316,7 +321,8 @@ def test_a_killed_daemon_leaves_nothing_usable(served, start_daemon):
             with contextlib.ExitStack() as stack:
                 clients = [stack.enter_context(Connection()) for _ in range(8)]
                 # Killed while it writes some of these tickets.
-                threads = [threading.Thread(target=lambda c=client: swallow(c.acquire_ticket)) for client in clients[1:]]
+                threads = [threading.Thread(target=lambda c=client: swallow(c.acquire_ticket))
+                           for client in clients[1:]]
                 left = [clients[0].acquire_ticket()]
                 for thread in threads:
                     thread.start()
@@ -337,7 +343,8 @@ def test_a_killed_daemon_leaves_nothing_usable(served, start_daemon):
     prober.check(SERVED)
     agent.recover(HOST, daemon)
     assert watch.descriptors(agent.pid) == before
-    watch.report("tovric-vessad is killed while it writes tickets, 10 times", "empty tables, then as before", 0, prober, faults=10)
+    watch.report("tovric-vessad is killed while it writes tickets, 10 times", "empty tables, then as before", 0, prober,
+                 faults=10)
 
 
 def swallow(call):
@@ -355,8 +362,9 @@ def test_the_daemon_needs_no_privilege_but_its_port(directory, shifted_agent):
         os.chown(tickets, account.pw_uid, account.pw_gid)
         with (directory / "vessad.log").open("wb") as log:
             daemon = subprocess.Popen(
-                ["setpriv", "--reuid", str(account.pw_uid), "--regid", str(account.pw_gid), "--clear-groups", "--no-new-privs",
-                 "--inh-caps", "-all,+net_bind_service", "--ambient-caps", "-all,+net_bind_service", "--bounding-set", "-all,+net_bind_service",
+                ["setpriv", "--reuid", str(account.pw_uid), "--regid", str(account.pw_gid),
+                 "--clear-groups", "--no-new-privs", "--inh-caps", "-all,+net_bind_service",
+                 "--ambient-caps", "-all,+net_bind_service", "--bounding-set", "-all,+net_bind_service",
                  system.DAEMON, "--host", SMALL, "--ticket-dir", tickets, "--foreground"], stdout=log, stderr=log)
         try:
             system.wait_until(system.accepts_connections, "the daemon to listen")

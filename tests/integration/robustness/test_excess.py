@@ -11,7 +11,8 @@ REFRESH = 5.0
 
 
 def vms(count):
-    return response("GetChildEntity", "".join(f'<returnval type="VirtualMachine">{n}</returnval>' for n in range(count)))
+    references = "".join(f'<returnval type="VirtualMachine">{n}</returnval>' for n in range(count))
+    return response("GetChildEntity", references)
 
 
 def configuration(devices="", cpus=1):
@@ -23,8 +24,12 @@ def devices(count, kind, members=""):
     return f'<device xsi:type="{kind}"><key>1</key><unitNumber>1</unitNumber>{members}</device>' * count
 
 
-RUNNING = {"GetRuntime": response("GetRuntime", element("returnval", {"powerState": "poweredOn"})), "GetGuest": response("GetGuest", "")}
-ON_DATASTORE = '<backing xsi:type="FileBackingInfo"><fileName>f</fileName><datastore type="Datastore">ds-1</datastore></backing>'
+RUNNING = {"GetRuntime": response("GetRuntime", element("returnval", {"powerState": "poweredOn"})),
+           "GetGuest": response("GetGuest", "")}
+ON_DATASTORE = ('<backing xsi:type="FileBackingInfo"><fileName>f</fileName>'
+                '<datastore type="Datastore">ds-1</datastore></backing>')
+DISKS_ON_DATASTORE = {"GetConfig": configuration(devices(60_000, "VirtualDisk", ON_DATASTORE)), **RUNNING}
+BUS_NUMBER = "<busNumber>1</busNumber>"
 
 
 def slowly(seconds, message):
@@ -40,31 +45,37 @@ def late(good):
     def reply(stream, call):
         stream.wait(0.4)
         good.reply(stream, call)
-    return {method: reply for method in ("GetChildEntity", "GetConfig", "QueryPerf", "GetRuntime", "GetGuest", "GetInfo")}
+    calls = "GetChildEntity", "GetConfig", "QueryPerf", "GetRuntime", "GetGuest", "GetInfo"
+    return {method: reply for method in calls}
 
 
 EXCESS = {
     "200,000 VMs": {"GetChildEntity": vms(200_000), "GetConfig": configuration(), **RUNNING},
     "200,000 VMs without configurations": {"GetChildEntity": vms(200_000), "GetConfig": response("GetConfig", "")},
     "a VM of 2,147,483,647 processors": {"GetConfig": configuration(cpus=2147483647), **RUNNING},
-    "50,000 VMs of 2,147,483,647 processors": {"GetChildEntity": vms(50_000), "GetConfig": configuration(cpus=2147483647), **RUNNING},
+    "50,000 VMs of 2,147,483,647 processors": {
+        "GetChildEntity": vms(50_000), "GetConfig": configuration(cpus=2147483647), **RUNNING},
     "100,000 disks": {"GetConfig": configuration(devices(100_000, "VirtualDisk")), **RUNNING},
-    "60,000 disks on a datastore": {"GetConfig": configuration(devices(60_000, "VirtualDisk", ON_DATASTORE)), **RUNNING},
+    "60,000 disks on a datastore": DISKS_ON_DATASTORE,
     "60,000 disks on a datastore that is silent": {
-        "GetConfig": configuration(devices(60_000, "VirtualDisk", ON_DATASTORE)), **RUNNING, "GetInfo": lambda stream, call: stream.wait()},
+        **DISKS_ON_DATASTORE, "GetInfo": lambda stream, call: stream.wait()},
     "60,000 disks on a datastore that breaks the connection": {
-        "GetConfig": configuration(devices(60_000, "VirtualDisk", ON_DATASTORE)), **RUNNING, "GetInfo": lambda stream, call: stream.end(END)},
+        **DISKS_ON_DATASTORE, "GetInfo": lambda stream, call: stream.end(END)},
     "100,000 cards": {"GetConfig": configuration(devices(100_000, "VirtualE1000Card")), **RUNNING},
-    "100,000 drives": {"GetConfig": configuration(devices(50_000, "VirtualCdrom") + devices(50_000, "VirtualFloppy")), **RUNNING},
-    "100,000 controllers": {"GetConfig": configuration(devices(50_000, "VirtualIDEController", "<busNumber>1</busNumber>") +
-                                                       devices(50_000, "VirtualLsiLogicController", "<busNumber>1</busNumber>")), **RUNNING},
+    "100,000 drives": {
+        "GetConfig": configuration(devices(50_000, "VirtualCdrom") + devices(50_000, "VirtualFloppy")), **RUNNING},
+    "100,000 controllers": {
+        "GetConfig": configuration(devices(50_000, "VirtualIDEController", BUS_NUMBER)
+                                   + devices(50_000, "VirtualLsiLogicController", BUS_NUMBER)),
+        **RUNNING},
     "100,000 counters in the catalogue": {"GetPerfCounter": response("GetPerfCounter", element("returnval", {
-        "key": "1", "nameInfo": {"label": "l", "summary": "s", "key": "k"}, "groupInfo": {"label": "l", "summary": "s", "key": "k"},
-        "rollupType": "none"}) * 70_000)},
+        "key": "1", "nameInfo": {"label": "l", "summary": "s", "key": "k"},
+        "groupInfo": {"label": "l", "summary": "s", "key": "k"}, "rollupType": "none"}) * 70_000)},
     "50,000 cards and 100,000 series": {
         "GetConfig": configuration(devices(50_000, "VirtualE1000Card")), **RUNNING, "QueryPerf": response(
             "QueryPerf", '<returnval xsi:type="PerfEntityMetric"><entity type="VirtualMachine">16</entity>' + "".join(
-                f'<value xsi:type="PerfMetricIntSeries"><id><counterId>109</counterId><instance>{n}</instance></id><value>1</value></value>'
+                '<value xsi:type="PerfMetricIntSeries">'
+                f'<id><counterId>109</counterId><instance>{n}</instance></id><value>1</value></value>'
                 for n in range(100_000)) + "</returnval>")},
     "each reply 0.4 s late": late,
     "1,000 VMs, each reply 0.05 s late": {"GetChildEntity": vms(1000), "GetConfig": slowly(0.05, configuration())},

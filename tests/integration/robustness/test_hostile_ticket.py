@@ -140,15 +140,20 @@ def empty(folder):
 
 
 HOSTILE = {
-    "a FIFO": fifo, "a FIFO with content": fifo_with_writer, "a device": device, "a socket": unix_socket, "a directory": directory_as_file,
+    "a FIFO": fifo, "a FIFO with content": fifo_with_writer, "a device": device, "a socket": unix_socket,
+    "a directory": directory_as_file,
     "a symbolic link": symbolic_link, "a hard link": hard_link, "a file that others can read": readable_by_others,
-    "a file that the group can write": writable_by_the_group, "a file of another user": of_another_user, "an old file": old,
-    "/etc/shadow": lambda _: "/etc/shadow", "/etc/passwd": lambda _: "/etc/passwd", "the agent's environment": lambda _: "/proc/self/environ",
+    "a file that the group can write": writable_by_the_group, "a file of another user": of_another_user,
+    "an old file": old,
+    "/etc/shadow": lambda _: "/etc/shadow", "/etc/passwd": lambda _: "/etc/passwd",
+    "the agent's environment": lambda _: "/proc/self/environ",
     "the agent's memory": lambda _: "/proc/self/mem", "a serial number": lambda _: "/sys/class/dmi/id/product_uuid",
-    "the terminal": lambda _: "/dev/tty", "a descriptor of the agent": lambda _: "/proc/self/fd/4", "a path with ..": upwards,
-    "a relative path": relative, "a path longer than PATH_MAX": too_long, "a path of 1 MB": very_long, "a name too long": name_too_long,
+    "the terminal": lambda _: "/dev/tty", "a descriptor of the agent": lambda _: "/proc/self/fd/4",
+    "a path with ..": upwards, "a relative path": relative, "a path longer than PATH_MAX": too_long,
+    "a path of 1 MB": very_long, "a name too long": name_too_long,
     "a path of control characters": control_characters, "an empty path": lambda _: "", "the root": lambda _: "/",
-    "a missing file": missing, "a text of several lines": several_lines, "a binary file": binary, "a file of 10 MB": large,
+    "a missing file": missing, "a text of several lines": several_lines, "a binary file": binary,
+    "a file of 10 MB": large,
     "an empty file": empty,
 }
 
@@ -251,7 +256,8 @@ def test_an_unreadable_file_is_no_ticket_for_an_unprivileged_agent(fake, good, d
     assert fake.count("Login") == 2 and fake.calls[-1].method != "Login"
     before = watch.descriptors(agent.pid)
     with watch.Prober() as prober:
-        for mode, owner, group in ((0o600, 0, 0), (0o000, account.pw_uid, account.pw_gid), (0o640, 0, grp.getgrnam("shadow").gr_gid)):
+        tickets = [(0o600, 0, 0), (0o000, account.pw_uid, account.pw_gid), (0o640, 0, grp.getgrnam("shadow").gr_gid)]
+        for mode, owner, group in tickets:
             fake.behave(NamesFile(host, directory, ticket(mode, owner, group)))
             fake.drop_connections()
             agent.refresh()
@@ -306,4 +312,5 @@ def test_a_file_that_changes_while_it_is_checked_is_not_sent(fake, good, directo
     fake.drop_connections()
     agent.recover(host)
     assert watch.descriptors(agent.pid) == before
-    watch.report("the ticket's name is another file at each of 300 logins", "sends a good file's content or nothing", slowest, prober, faults=300)
+    watch.report("the ticket's name is another file at each of 300 logins", "sends a good file's content or nothing",
+                 slowest, prober, faults=300)

@@ -65,11 +65,13 @@ class Walker:
 def set_module(*bindings):
     """SET of the module table's columns: (column, index, type, value) each."""
     arguments = [part for column, index, kind, value in bindings for part in (f"{DLMOD}{column}.{index}", kind, value)]
-    return net_snmp.run("snmpset", "-v2c", "-c", "private", "-On", "-t", "10", "-r", "0", "127.0.0.1", *arguments, mibs="")
+    return net_snmp.run("snmpset", "-v2c", "-c", "private", "-On", "-t", "10", "-r", "0", "127.0.0.1", *arguments,
+                        mibs="")
 
 
 def load(index, path, name="SNMPKelv"):
-    for bindings in ([(5, index, "i", CREATE)], [(2, index, "s", name), (3, index, "s", path)], [(5, index, "i", LOAD)]):
+    for bindings in ([(5, index, "i", CREATE)], [(2, index, "s", name), (3, index, "s", path)],
+                     [(5, index, "i", LOAD)]):
         result = set_module(*bindings)
         assert result.returncode == 0, result.stderr
 
@@ -115,8 +117,8 @@ def test_two_hundred_hangups_under_a_walk_change_nothing(agent, host):
     prober.check(1)
     agent.assert_right(host)
     assert watch.descriptors(agent.pid) == before
-    watch.report("200 SIGHUPs under a walk", "reloads the module, serves what it did before", (time.monotonic() - started) / 200, prober,
-                 walks=walker.walks)
+    watch.report("200 SIGHUPs under a walk", "reloads the module, serves what it did before",
+                 (time.monotonic() - started) / 200, prober, walks=walker.walks)
 
 
 @pytest.mark.slow
@@ -135,7 +137,8 @@ def test_a_hangup_leaks_no_more_than_the_agent_does(shifted_agent, built, fake, 
     without, with_module = bytes_per_cycle
     print(f"bytes per hangup: {without} without, {with_module} with the module")
     assert with_module <= without + LEAK
-    watch.report("leak per SIGHUP and rebuild, in bytes", f"{with_module - without:.0f} beyond the agent's own {without:.0f}", 0)
+    watch.report("leak per SIGHUP and rebuild, in bytes",
+                 f"{with_module - without:.0f} beyond the agent's own {without:.0f}", 0)
 
 
 @pytest.mark.slow
@@ -154,7 +157,8 @@ def test_a_hundred_unloads_and_loads_under_a_walk_change_nothing(shifted_agent, 
     agent.refresh()
     agent.assert_right(host)
     assert watch.descriptors(agent.pid) == before
-    watch.report("100 unloads and loads by SET under a walk", "serves nothing while unloaded, what it did before when loaded",
+    watch.report("100 unloads and loads by SET under a walk",
+                 "serves nothing while unloaded, what it did before when loaded",
                  (time.monotonic() - started) / 100, prober, walks=walker.walks)
 
 
@@ -188,7 +192,8 @@ def test_unloading_and_loading_leaks_no_more_than_the_agent_does(shifted_agent, 
     without, with_module = bytes_per_cycle
     print(f"bytes per unload and load: {without} without, {with_module} with the module")
     assert with_module <= without + LEAK
-    watch.report("leak per unload, load and rebuild, in bytes", f"{with_module - without:.0f} beyond the agent's own {without:.0f}", 0)
+    watch.report("leak per unload, load and rebuild, in bytes",
+                 f"{with_module - without:.0f} beyond the agent's own {without:.0f}", 0)
 
 
 @pytest.mark.slow
@@ -239,7 +244,8 @@ def test_an_agent_that_drops_its_privileges_goes_on_as_before(background, group_
     fake.drop_connections()
     agent.recover(host)
     assert watch.descriptors(agent.pid) == before
-    watch.report(f"privileges dropped, {'daemonising' if background else 'in the foreground'}", "goes on, logs in again as its account", 0, prober)
+    watch.report(f"privileges dropped, {'daemonising' if background else 'in the foreground'}",
+                 "goes on, logs in again as its account", 0, prober)
 
 
 def test_a_daemonising_agent_makes_its_own_connection(shifted_agent, fake, host):
@@ -252,7 +258,8 @@ def test_a_daemonising_agent_makes_its_own_connection(shifted_agent, fake, host)
     assert fake.count("Logout") == 0, "the child logged out on its parent's connection"
     connected = subprocess.run(["ss", "-Htnp", "dport = :902"], capture_output=True, text=True, check=True).stdout
     assert connected.count(f"pid={agent.pid},") == 1, connected
-    watch.report("daemonising start", "the child makes a connection of its own and sends nothing on its parent's", 0, prober)
+    watch.report("daemonising start", "the child makes a connection of its own and sends nothing on its parent's", 0,
+                 prober)
 
 
 def test_a_second_load_changes_nothing(shifted_agent, fake, host, directory):
@@ -283,7 +290,8 @@ def test_a_second_load_changes_nothing(shifted_agent, fake, host, directory):
     assert set_module((5, 1, "i", LOAD)).returncode == 0
     agent.refresh()
     agent.assert_right(host)
-    watch.report("a second load, of a copy and of the same file", "registers nothing, serves what it did before", 0, prober)
+    watch.report("a second load, of a copy and of the same file", "registers nothing, serves what it did before", 0,
+                 prober)
 
 
 def test_a_copy_takes_over_when_it_is_loaded_anew(shifted_agent, fake, host, directory):
@@ -315,7 +323,8 @@ def test_a_missing_or_truncated_module_leaves_the_agent_alone(keep, shifted_agen
     load(2, system.MODULE)
     agent.refresh()
     agent.assert_right(host)
-    watch.report("module missing" if keep is None else f"module truncated to {keep} bytes", "the agent logs it and serves the rest", 0, prober)
+    watch.report("module missing" if keep is None else f"module truncated to {keep} bytes",
+                 "the agent logs it and serves the rest", 0, prober)
 
 
 @pytest.mark.parametrize("change", ["removed", "truncated", "rewritten"])

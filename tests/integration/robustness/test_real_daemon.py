@@ -39,7 +39,8 @@ class Relay(fake_daemon.Behaviour):
         while b"\r\n\r\n" not in message:
             message += self._receive(upstream)
         head, _, body = message.partition(b"\r\n\r\n")
-        length = next(int(line.partition(b":")[2]) for line in head.splitlines() if line.lower().startswith(b"content-length:"))
+        length = next(int(line.partition(b":")[2]) for line in head.splitlines()
+                      if line.lower().startswith(b"content-length:"))
         while len(body) < length:
             body += self._receive(upstream)
         stream.send(head + b"\r\n\r\n" + body)
@@ -88,7 +89,8 @@ def test_a_session_with_the_daemon_may_break_at_any_byte(relayed, shifted_agent)
     agent.recover(HOST, daemon)
     assert watch.descriptors(agent.pid) == before
     watch.report(f"connection ends at every {STEP}th of {length} bytes of a session with tovric-vessad",
-                 "closes the connection, empties the tables, retries at the next rebuild", seconds, prober, faults=len(offsets))
+                 "closes the connection, empties the tables, retries at the next rebuild", seconds, prober,
+                 faults=len(offsets))
 
 
 @pytest.mark.slow
@@ -108,4 +110,5 @@ def test_a_daemon_that_is_killed_and_started_again_is_found_again(start_daemon, 
             agent.recover(HOST, daemon)
     prober.check(CONNECT)
     assert watch.descriptors(agent.pid) == before
-    watch.report("tovric-vessad is killed and started again, 5 times", "empty tables once, then as before", prober.summary()["max"], prober, faults=5)
+    watch.report("tovric-vessad is killed and started again, 5 times", "empty tables once, then as before",
+                 prober.summary()["max"], prober, faults=5)

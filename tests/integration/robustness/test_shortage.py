@@ -18,16 +18,17 @@ from fake_daemon import TRICKLE, Replaced, response
 
 CONNECT = 1.0
 
-# Every allocation of a rebuild and of the scalars (each with its connection and login) in turn, in four parts so that they run
-# side by side; and samples where all later allocations fail too.
+# Every allocation of a rebuild and of the scalars (each with its connection and login) in turn, in four parts so that
+# they run side by side; and samples where all later allocations fail too.
 STARVATIONS = [(scenario, "once", first, 4) for scenario in ("rebuild", "scalars") for first in range(4)] + [
     ("rebuild", "on", 0, 17), ("scalars", "on", 0, 29)]
 
 
 def starve(built, directory, scenario, which, first, step, timeout=60):
-    """Runs a scenario in a process that loads the module as the agent does and calls the handlers that it registered."""
+    """Runs a scenario in a process that loads the module as the agent does and calls the handlers it registered."""
     column, *scalars = (net_snmp.dotted(declared.oid) for declared in (mib.objects()["vmDisplayName"], *mib.scalars()))
-    return subprocess.run([built("starved_module", program=True), system.MODULE, scenario, which, str(first), str(step), column, *scalars],
+    program = built("starved_module", program=True)
+    return subprocess.run([program, system.MODULE, scenario, which, str(first), str(step), column, *scalars],
                           cwd=directory, capture_output=True, text=True, timeout=timeout)
 
 
@@ -38,10 +39,14 @@ def test_any_allocation_may_fail(scenario, which, first, step, built, fake, dire
     started = time.monotonic()
     result = starve(built, directory, scenario, which, first, step, timeout=580)
     assert result.returncode == 0, result.stdout[-3000:] + result.stderr[-1000:]
-    made, tried, failed = map(int, re.fullmatch(r"(\d+) allocations, (\d+) tried, (\d+) failed", result.stdout.splitlines()[-1]).groups())
+    last = result.stdout.splitlines()[-1]
+    counts = re.fullmatch(r"(\d+) allocations, (\d+) tried, (\d+) failed", last)
+    made, tried, failed = map(int, counts.groups())
     assert made > 1000 and tried >= made // step and failed == 0
-    watch.report(f"allocation n{' and all later ones' if which == 'on' else ''} of {made} fails in a {scenario}, n = {first}, {first + step}, …",
-                 "logs it, serves what it has or nothing, the next rebuild is whole", (time.monotonic() - started) / tried, faults=tried)
+    later = " and all later ones" if which == "on" else ""
+    watch.report(f"allocation n{later} of {made} fails in a {scenario}, n = {first}, {first + step}, …",
+                 "logs it, serves what it has or nothing, the next rebuild is whole",
+                 (time.monotonic() - started) / tried, faults=tried)
 
 
 @system.needs_plain_build
@@ -61,21 +66,23 @@ def limit(agent, what, value):
 
 @system.needs_plain_build
 def test_without_descriptors_the_rebuild_logs_it(built, fake, directory):
-    """In a process of its own, as the agent itself serves nobody without one more descriptor (it reads /etc/hosts.allow)."""
+    """In a process of its own, as the agent needs one more descriptor to serve anybody, for /etc/hosts.allow."""
     result = starve(built, directory, "descriptors", "once", 0, 1)
     assert result.stdout == "4 allocations, 5 tried, 0 failed\n", result.stdout + result.stderr
-    watch.report("0 to 4 descriptors are left", "logs it, has no connection or no session, the next rebuild is whole", 0, faults=5)
+    watch.report("0 to 4 descriptors are left",
+                 "logs it, has no connection or no session, the next rebuild is whole", 0, faults=5)
 
 
 @system.needs_plain_build
 def test_without_memory_the_agent_answers_the_rest(agent, fake, good, host):
     """Replies of 30 MB to an agent that may take 16 MB more than it has."""
     before = watch.descriptors(agent.pid)
-    large = response("GetConfig", "<returnval><name>" + "n" * 30_000_000 + "</name><guestFullName>g</guestFullName></returnval>")
+    large = response(
+        "GetConfig", "<returnval><name>" + "n" * 30_000_000 + "</name><guestFullName>g</guestFullName></returnval>")
     spare = (watch.memory(agent.pid, "VmSize") + 16 * 1024) * 1024
     with watch.Prober() as prober, limit(agent, resource.RLIMIT_AS, spare):
         for method in ("GetConfig", "GetChildEntity", "AcquireLocalTicket"):
-            fake.behave(Replaced(good, **{method: large.replace(b"GetConfig", method.encode().ljust(9)[:9]) if method == "GetConfig" else large}))
+            fake.behave(Replaced(good, **{method: large}))
             fake.drop_connections()
             for _ in range(4):
                 agent.refresh()
@@ -85,7 +92,8 @@ def test_without_memory_the_agent_answers_the_rest(agent, fake, good, host):
     prober.check(CONNECT)
     assert watch.memory(agent.pid, "VmSize") * 1024 <= spare
     assert watch.descriptors(agent.pid) == before
-    watch.report("a reply of 30 MB with 16 MB left", "logs that memory is short, empties the tables", prober.summary()["max"], prober)
+    watch.report("a reply of 30 MB with 16 MB left", "logs that memory is short, empties the tables",
+                 prober.summary()["max"], prober)
 
 
 @contextlib.contextmanager

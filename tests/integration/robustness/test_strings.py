@@ -45,9 +45,10 @@ def host_of(text):
         {"type": "VirtualDisk", "key": "2", "deviceInfo": info, "unitNumber": "0", "backing": device},
         {"type": "VirtualEthernetCard", "key": "4", "deviceInfo": info, "backing": device, "macAddress": text},
         {"type": "VirtualIDEController", "key": "5", "deviceInfo": info, "busNumber": "0"},
-        {"type": "VirtualCdrom", "key": "6", "deviceInfo": info, "controllerKey": "5", "unitNumber": "0", "connectable": {"connected": "true"},
-         "backing": device},
-        {"type": "VirtualFloppy", "key": "7", "deviceInfo": info, "unitNumber": "0", "connectable": {"connected": "false"}, "backing": device},
+        {"type": "VirtualCdrom", "key": "6", "deviceInfo": info, "controllerKey": "5", "unitNumber": "0",
+         "connectable": {"connected": "true"}, "backing": device},
+        {"type": "VirtualFloppy", "key": "7", "deviceInfo": info, "unitNumber": "0",
+         "connectable": {"connected": "false"}, "backing": device},
     ]
     return {
         "about": {"name": text, "version": text, "build": text},
@@ -65,7 +66,7 @@ MARK = "mark"
 
 
 def marked(host):
-    """The instances of the string columns that take their text from the host; `host` has MARK in every place for a text."""
+    """The instances whose text comes from the host; `host` has MARK in every place for a text."""
     return [i for i in expected_tree.tree(host) if i.value == MARK.encode()]
 
 
@@ -90,22 +91,26 @@ def test_every_string_column_carries_every_text(name, shifted_agent, fake, direc
     sent = text.encode(errors="surrogateescape")
     whole = expected_tree.tree(host_of(MARK))
     without_text = {i.oid: i.value for i in expected_tree.tree(host_of(""))}
-    sizes = {i.oid: declared.size for i in whole for declared in mib.objects().values() if i.oid[:len(declared.oid)] == declared.oid}
+    sizes = {i.oid: declared.size for i in whole for declared in mib.objects().values()
+             if i.oid[:len(declared.oid)] == declared.oid}
     with watch.Prober() as prober:
         for _ in range(3):
             agent.refresh()
             for oid in (i.oid for i in marked(host_of(MARK))):
                 found, = agent.client.get(oid)
                 assert found.type == "OCTET STRING", (oid, found)
-                assert found.value in truncations(sent or without_text[oid], sizes[oid]), (oid, found.value[:80], len(found.value))
+                allowed = truncations(sent or without_text[oid], sizes[oid])
+                assert found.value in allowed, (oid, found.value[:80], len(found.value))
         walked = agent.client.walk()
         assert [i.oid for i in walked] == [i.oid for i in whole]
         assert [i.oid for i in agent.client.bulk_walk(repetitions=3)] == [i.oid for i in whole]
-        assert [i for i in walked if i.type == "OCTET STRING" and i.oid not in {m.oid for m in marked(host_of(MARK))}] == \
+        from_host = {m.oid for m in marked(host_of(MARK))}
+        assert [i for i in walked if i.type == "OCTET STRING" and i.oid not in from_host] == \
             [i for i in whole if i.type == "OCTET STRING" and i.value != MARK.encode()]
     prober.check(1)
     assert watch.descriptors(agent.pid) == before
-    watch.report(f"every string is {name}", "serves it, truncated to the size in the MIB before a character that does not fit",
+    watch.report(f"every string is {name}",
+                 "serves it, truncated to the size in the MIB before a character that does not fit",
                  prober.summary()["max"], prober)
 
 
@@ -150,7 +155,8 @@ vms:
         device:
           - {{type: VirtualDisk, key: 2000, deviceInfo: {{label: "disk{FORGED} label", summary: s}},
              backing: {{type: DeviceBackingInfo, deviceName: "disk{FORGED} name"}}}}
-          - {{type: VirtualDisk, key: 2001, unitNumber: 1, deviceInfo: {{label: "disk{FORGED} without store", summary: s}},
+          - {{type: VirtualDisk, key: 2001, unitNumber: 1,
+             deviceInfo: {{label: "disk{FORGED} without store", summary: s}},
              backing: {{type: FileBackingInfo, fileName: "[s] d", datastore: "ds{FORGED} datastore"}}}}
     runtime: {{powerState: poweredOn}}
     guest: {{guestState: running}}
@@ -166,7 +172,8 @@ def test_no_text_of_a_host_can_forge_a_line_of_a_log(directory, start_daemon, sh
     assert agent.refresh()[1]
     agent.client.bulk_walk()
     log = agent.log_text()
-    for text in ("invalid VM Id: vm", "for disk disk", "stats for disk.numberRead.disk", "no datastore info for disk", "invalid version: 3"):
+    for text in ("invalid VM Id: vm", "for disk disk", "stats for disk.numberRead.disk", "no datastore info for disk",
+                 "invalid version: 3"):
         assert re.search(re.escape(text) + r".*\\x0aSNMPKelv: forged", log), text
     assert "\nSNMPKelv: forged" not in log
     assert "\nSNMPKelv: forged" not in daemon.log_text()

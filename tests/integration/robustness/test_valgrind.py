@@ -10,7 +10,8 @@ from test_lifecycle import UNLOAD, UNLOADED, WRITABLE, load, set_module, status
 
 REFRESHES = 100
 
-# What can still be reached at the end is not lost; an array whose elements have a size in front is reached by its middle.
+# What can still be reached at the end is not lost; an array whose elements have a size in front is reached by its
+# middle.
 NOT_LOST = {"Leak_StillReachable", "Leak_PossiblyLost"}
 
 
@@ -28,8 +29,8 @@ def findings(report):
 @system.needs_plain_build
 def test_a_load_a_hundred_refreshes_and_an_unload_lose_nothing(directory, fake, host, shifted_agent):
     report = directory / "valgrind.xml"
-    valgrind = ["valgrind", "--quiet", "--leak-check=full", "--show-leak-kinds=all", "--num-callers=40", "--keep-debuginfo=yes",
-                "--child-silent-after-fork=yes", "--xml=yes", f"--xml-file={report}"]
+    valgrind = ["valgrind", "--quiet", "--leak-check=full", "--show-leak-kinds=all", "--num-callers=40",
+                "--keep-debuginfo=yes", "--child-silent-after-fork=yes", "--xml=yes", f"--xml-file={report}"]
     agent = shifted_agent(module=None, configuration=WRITABLE, under=valgrind, timeout=60)
     load(1, system.MODULE)
     # Under valgrind, on a busy computer, a login may time out; then the agent backs off for 5 s.
@@ -45,5 +46,6 @@ def test_a_load_a_hundred_refreshes_and_an_unload_lose_nothing(directory, fake, 
     assert status(agent, 1) == UNLOADED
     agent.stop()
     found = list(findings(report))
-    assert any("SNMP::GetOrdaneClient" in text for _, text in found), "the client lives on, and valgrind knows who made it"
+    assert any("SNMP::GetOrdaneClient" in text for _, text in found), \
+        "the client lives on, and valgrind knows who made it"
     assert [finding for finding in found if finding[0] not in NOT_LOST] == []

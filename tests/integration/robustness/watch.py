@@ -1,4 +1,4 @@
-"""Watches an agent during a fault: that it is the same process, keeps its descriptors, and how soon it answers sysUpTime."""
+"""Watches an agent during a fault: that the process and its descriptors stay, and how soon it answers sysUpTime."""
 
 import contextlib
 import math
@@ -41,7 +41,8 @@ class Delays:
         return ordered[max(0, math.ceil(len(ordered) * percent / 100) - 1)]
 
     def summary(self):
-        return {"p50": self.percentile(50), "p99": self.percentile(99), "max": self.percentile(100), "requests": len(self.seconds)}
+        return {"p50": self.percentile(50), "p99": self.percentile(99), "max": self.percentile(100),
+                "requests": len(self.seconds)}
 
 
 class Prober:
@@ -115,8 +116,8 @@ class Prober:
 
 @contextlib.contextmanager
 def unharmed(agent, budget):
-    """Meanwhile the agent answers requests for sysUpTime within the budget; at the end it is the same process, with as much
-    open as before."""
+    """Meanwhile the agent answers requests for sysUpTime within the budget; at the end it is the same process, with as
+    much open as before."""
     before = descriptors(agent.pid)
     with Prober() as prober:
         yield prober
@@ -126,7 +127,7 @@ def unharmed(agent, budget):
 
 
 def report(fault, does, seconds, delays=None, **more):
-    """Adds a line to the report: a fault, what the agent does, how long that took, the delays (a Prober, or Delays) meanwhile."""
+    """Adds a line to the report: fault, effect, duration in seconds, and the delays (a Prober, or Delays) meanwhile."""
     reported.append({"fault": fault, "does": does, "seconds": seconds, **(delays.summary() if delays else {}), **more})
 
 
