@@ -58,19 +58,6 @@ BIO* MakeTransport(ServedConnection* connection) {
     return bio;
 }
 
-Tessim::FileDescriptor BindFreePort(std::uint16_t& port) {
-    Tessim::FileDescriptor bound(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    auto* const generic = reinterpret_cast<sockaddr*>(&address);
-    Require(::bind(bound.Get(), generic, length) == 0 && ::getsockname(bound.Get(), generic, &length) == 0,
-            "bind");
-    port = ntohs(address.sin_port);
-    return bound;
-}
-
 }  // namespace
 
 Identity::Identity() {
@@ -171,7 +158,7 @@ bool ServedConnection::GotCloseNotify() const {
 TlsTestServer::TlsTestServer(Script script, int newestVersion)
     : script(std::move(script)),
       context(SSL_CTX_new(TLS_server_method()), SSL_CTX_free),
-      listener(BindFreePort(port)) {
+      listener(BindLoopback(port)) {
     SSL_CTX_set_security_level(context.get(), 0);  // so that old versions can be offered
     SSL_CTX_set_min_proto_version(context.get(), 0);
     SSL_CTX_set_max_proto_version(context.get(), newestVersion);
@@ -234,9 +221,26 @@ void TlsTestServer::Run() {
     }
 }
 
+Tessim::FileDescriptor BindLoopback(std::uint16_t& port, int family) {
+    Tessim::FileDescriptor bound(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in6 address{};
+    address.sin6_family = static_cast<sa_family_t>(family);
+    address.sin6_addr = in6addr_loopback;
+    if (family == AF_INET) {
+        reinterpret_cast<sockaddr_in&>(address).sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    }
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    socklen_t length = sizeof address;
+    if (::bind(bound.Get(), generic, length) != 0 || ::getsockname(bound.Get(), generic, &length) != 0) {
+        return {};
+    }
+    port = ntohs(address.sin6_port);  // at the same place for both families
+    return bound;
+}
+
 std::uint16_t FreePort() {
     std::uint16_t port = 0;
-    BindFreePort(port);
+    Require(static_cast<bool>(BindLoopback(port)), "bind");
     return port;
 }
 

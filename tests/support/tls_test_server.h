@@ -1,6 +1,8 @@
 // A TLS server on the loopback address that runs a test's script.
 #pragma once
 
+#include <sys/socket.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -110,6 +112,10 @@ class TlsTestServer {
     std::atomic<int> ended{0};
     std::thread thread;
 };
+
+// A TCP socket on a free port, which it puts into `port`, of the loopback address of `family`, AF_INET or
+// AF_INET6. It does not listen yet. None when the host has no such address.
+Tessim::FileDescriptor BindLoopback(std::uint16_t& port, int family = AF_INET);
 
 // A loopback port that nobody listens on.
 std::uint16_t FreePort();

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -19,6 +20,9 @@
 #include "runtime/tessim/stream.h"
 
 namespace Tessim {
+
+// Long enough for any busy host, short enough to distinguish a wait for the budget from a hang.
+constexpr std::chrono::seconds soon{20};
 
 inline Ref<Authd::Client> MakeClient(const std::vector<std::string>& trusted = {}) {
     Ref<Crypto::KeyStore> keys;
