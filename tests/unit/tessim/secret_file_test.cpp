@@ -11,6 +11,7 @@
 #include <climits>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -48,25 +49,18 @@ class SecretFileTest : public testing::Test {
         ASSERT_EQ(::chown(path.c_str(), user, 0), 0) << path;
     }
 
-    static Ref<Stream> Open(const std::string& path, TimePoint notBefore) {
+    // As requested at `notBefore`, or else when the test started.
+    Ref<Stream> Open(const std::string& path, std::optional<TimePoint> notBefore = {}) const {
         Ref<Stream> stream;
-        GetSystemFactory()->OpenSecretFile(path, notBefore, stream);
+        GetSystemFactory()->OpenSecretFile(path, notBefore.value_or(start), stream);
         return stream;
     }
-    Ref<Stream> Open(const std::string& path) const { return Open(path, start); }
 
-    void ExpectRefused(const std::string& path, const std::string& reason) const {
-        ExpectRefused(path, reason, start);
-    }
-    static void ExpectRefused(const std::string& path, const std::string& reason, TimePoint notBefore) {
-        SCOPED_TRACE(path + " should be refused: " + reason);
+    void ExpectRefused(const std::string& path, const std::string& reason,
+                       std::optional<TimePoint> notBefore = {}) const {
         const auto descriptors = OpenDescriptors();
-        Ref<Stream> stream;
-        EXPECT_THAT(
-            MessageOf<SystemException>([&] { GetSystemFactory()->OpenSecretFile(path, notBefore, stream); }),
-            HasSubstr(reason));
-        EXPECT_FALSE(stream);
-        EXPECT_EQ(OpenDescriptors(), descriptors);
+        EXPECT_THAT(MessageOf<SystemException>([&] { Open(path, notBefore); }), HasSubstr(reason)) << path;
+        EXPECT_EQ(OpenDescriptors(), descriptors) << path;
     }
 
     // Expects that `check` returns true in a child process that is not root's.
@@ -195,6 +189,9 @@ TEST_F(SecretFileTest, IsRefusedWhenItCannotBeRead) {
 
 TEST_F(SecretFileTest, IsMadeAfterItWasRequested) {
     Make(path);
+    Ref<Stream> stream;
+    EXPECT_THROW(GetSystemFactory()->OpenSecretFile(path, start + 1h, stream), SystemException);
+    EXPECT_FALSE(stream);
     ExpectRefused(path, old, start + 1h);
     EXPECT_TRUE(Open(path, TimePoint::min()));
     EXPECT_TRUE(Open(path, start + 1s));  // the file system's clock is coarser

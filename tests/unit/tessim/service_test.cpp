@@ -13,6 +13,10 @@ namespace {
 
 using ::testing::ElementsAre;
 
+static_assert(static_cast<int>(Logger::LogLevel::Error) == 3, "as in syslog");
+static_assert(static_cast<int>(Logger::LogLevel::Notice) == 5, "as in syslog");
+static_assert(static_cast<int>(Logger::LogLevel::Debug) == 7, "as in syslog");
+
 class Lines final : public virtual Writer, public ObjectImpl {
   public:
     void Write(const char* text, int length) override {
@@ -70,25 +74,16 @@ TEST(Logger, WritesEachMessageAsOneLine) {
                                             "why\\x0aroot logged in\\x1b[2K\\x00end\n"));
 }
 
-TEST(Logger, NeedsAWriter) {
+TEST(Logger, NeedsAWriterAndKeepsItAlive) {
     Ref<Logger> logger;
     EXPECT_THROW(CreateLogger(nullptr, "SNMP", nullptr, logger), InvalidArgumentException);
     EXPECT_FALSE(logger);
-}
-
-TEST(Logger, KeepsItsWriterAlive) {
     Ref<Lines> lines = MakeRef<Lines>();
     Lines* const observed = lines.Get();
-    const Ref<Logger> logger = MakeLogger(lines.Get());
+    logger = MakeLogger(lines.Get());
     lines.Reset();
     logger->Write(Logger::LogLevel::Info, "still here");
     EXPECT_THAT(observed->written, ElementsAre("still here\n"));
-}
-
-TEST(LogLevel, HasSyslogsNumbers) {
-    EXPECT_EQ(static_cast<int>(Logger::LogLevel::Error), 3);
-    EXPECT_EQ(static_cast<int>(Logger::LogLevel::Notice), 5);
-    EXPECT_EQ(static_cast<int>(Logger::LogLevel::Debug), 7);
 }
 
 }  // namespace

