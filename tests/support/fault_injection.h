@@ -1,7 +1,7 @@
-// Makes calls of the C library fail, or answer what a test wants.
+// Makes calls of the C library and of operator new fail, or return what a test wants.
 //
 // Works on the calls that the linked objects themselves make, in programs linked with the `snmp_test_support`
-// target; shared libraries keep calling the real functions.
+// target; shared libraries keep calling the real functions, except operator new.
 #pragma once
 
 #include <cstddef>
@@ -18,7 +18,7 @@ class FaultInjection {
     FaultInjection(const FaultInjection&) = delete;
     FaultInjection& operator=(const FaultInjection&) = delete;
 
-    // time() answers this from now on.
+    // time() returns this from now on.
     void SetTime(std::time_t now);
 
     // The nth call from now on fails, once. For calloc only calls with this element size count; 0 counts all.

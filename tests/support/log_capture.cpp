@@ -51,7 +51,7 @@ void LogCapture::Add(int priority, const char* text) {
 }
 
 std::string TakeDetail() {
-    // The library appends the detail to its next error text, in brackets, and forgets it.
+    // The library appends the detail to its next error text, in brackets, and drops it.
     constexpr std::string_view before = "Generic error (";
     const std::string text = snmp_api_errstring(SNMPERR_GENERR);
     if (!text.starts_with(before)) {

@@ -54,7 +54,7 @@ TEST(StringAnswer, IsEmptyWithoutAText) {
     EXPECT_EQ(SetText(answer, nullptr), "");
 }
 
-TEST(StringAnswer, HoldsUpTo2559BytesAndIsCutBeyond) {
+TEST(StringAnswer, IsTruncatedAt2559Bytes) {
     SNMP::StringAnswer answer;
     const std::string longest(2559, 'a');
     EXPECT_EQ(SetText(answer, longest.c_str()), longest);
@@ -62,7 +62,7 @@ TEST(StringAnswer, HoldsUpTo2559BytesAndIsCutBeyond) {
     EXPECT_EQ(SetText(answer, std::string(100000, 'a').c_str()), longest);
 }
 
-TEST(StringAnswer, IsCutBetweenCharacters) {
+TEST(StringAnswer, IsTruncatedBetweenCharacters) {
     SNMP::StringAnswer answer;
     const std::string text(2558, 'a');
     EXPECT_EQ(SetText(answer, (text + "\u00e9\u00e9").c_str()), text);
@@ -78,6 +78,9 @@ TEST(Counter64Answer, IsOneStructureOfTwo32BitHalves) {
     } cases[] = {{0, 0, 0},
                  {4294967296, 1, 0},
                  {4294967295, 0, 4294967295},
+                 {2147483648, 0, 2147483648},
+                 {4294967301, 1, 5},
+                 {4611686018427387904, 1073741824, 0},
                  {18446744073709551615U, 4294967295, 4294967295},
                  {0x123456789abcdef0, 0x12345678, 0x9abcdef0}};
     for (const auto& expected : cases) {

@@ -52,7 +52,7 @@ void ExpectNoMatch(const Match& match, const Oid& request) {
     EXPECT_EQ(match.writeMethod, &NeverCalled);
 }
 
-TEST(CheckParam, AnswersAGetOfTheInstance) {
+TEST(CheckParam, MatchesAGetOfTheInstance) {
     ExpectMatch(Check(scalar, instance, 1));
 }
 
@@ -71,7 +71,7 @@ TEST(CheckParam, RefusesAGetOfAnythingElse) {
     }
 }
 
-TEST(CheckParam, AnswersAGetNextFromBeforeTheInstance) {
+TEST(CheckParam, MatchesAGetNextFromBeforeTheInstance) {
     ExpectMatch(Check(scalar, scalar, 0));
     ExpectMatch(Check(scalar, {}, 0));
     ExpectMatch(Check(scalar, {1, 3, 6, 1, 4, 1, 32473}, 0));
@@ -86,7 +86,7 @@ TEST(CheckParam, RefusesAGetNextFromTheInstanceOrBeyond) {
     ExpectNoMatch(Check(scalar, beyond, 0), beyond);
 }
 
-TEST(CheckParam, RefusesANameThatLeavesNoRoomForTheInstance) {
+TEST(CheckParam, RefusesAnOidThatLeavesNoRoomForTheInstance) {
     ExpectNoMatch(Check(Oid(MAX_OID_LEN, 1), {}, 0), {});
     EXPECT_EQ(Check(Oid(MAX_OID_LEN - 1, 1), {}, 0).result, 1);
 }

@@ -10,14 +10,14 @@ namespace {
 
 using TestSupport::LogLine;
 
-TEST(Guard, AnswersWhatTheBodyAnswers) {
+TEST(Guard, ReturnsWhatTheBodyReturns) {
     TestSupport::LogCapture log;
     u_char answer = 0;
     EXPECT_EQ(SNMP::Guard("SNMP_Test", [&] { return &answer; }), &answer);
     EXPECT_EQ(log.Take(), std::vector<LogLine>{});
 }
 
-TEST(Guard, LogsAnExceptionAndAnswersNothing) {
+TEST(Guard, LogsAnExceptionAndReturnsNull) {
     TestSupport::LogCapture log;
     u_char* const answer =
         SNMP::Guard("SNMP_Test", []() -> u_char* { throw std::runtime_error("no more rows"); });

@@ -35,7 +35,7 @@ TEST(AllocString, ReadsAsAnErrorWithoutASource) {
     EXPECT_STREQ(copy.get(), "SNMP Error");
 }
 
-TEST(AllocString, WarnsAndAnswersNullWhenThereIsNoMemory) {
+TEST(AllocString, WarnsAndReturnsNullWithoutMemory) {
     TestSupport::LogCapture log;
     TestSupport::FaultInjection faults;
     faults.FailStrdup();
@@ -70,7 +70,7 @@ TEST(LastingString, ReadsAsAnErrorWithoutASource) {
     EXPECT_STREQ(SNMPLastingString(nullptr), "SNMP Error");
 }
 
-TEST(LastingString, WarnsAndAnswersNullWhenThereIsNoMemory) {
+TEST(LastingString, WarnsAndReturnsNullWithoutMemory) {
     TestSupport::LogCapture log;
     TestSupport::FaultInjection faults;
     faults.FailNew();
@@ -80,7 +80,7 @@ TEST(LastingString, WarnsAndAnswersNullWhenThereIsNoMemory) {
     EXPECT_EQ(log.Take(), std::vector<LogLine>{});
 }
 
-TEST(LastingString, NeedsNoMemoryForATextItKnows) {
+TEST(LastingString, NeedsNoMemoryForAKnownText) {
     const char* const known = SNMPLastingString("known");
     TestSupport::FaultInjection faults;
     faults.FailNew();

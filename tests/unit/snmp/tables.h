@@ -60,172 +60,61 @@ struct TableFacts {
 template <class Row>
 const TableFacts<Row>& Facts();
 
-#define LIST_OPERATIONS(table, list)                                                 \
-    SNMP##table##Table_Init, SNMP##table##Table_GetNext, SNMP##table##Table_Destroy, \
-        SNMP##table##Table_GetPtr, &list##TableIndex, &list##ListTravPtr
+// The facts of a table; the last arguments are its fields, with `Row` for the row's type.
+#define TABLE_FACTS(rowType, table, unknownColumn, indexVariable, traversal, indexFields, ...) \
+    template <>                                                                                \
+    inline const TableFacts<rowType>& Facts() {                                                \
+        using Row = rowType;                                                                   \
+        static const TableFacts<Row> facts{"SNMP_" #table "Table",                             \
+                                           SNMP_##table##Table,                                \
+                                           unknownColumn,                                      \
+                                           SNMP##table##Table_Init,                            \
+                                           SNMP##table##Table_GetNext,                         \
+                                           SNMP##table##Table_Destroy,                         \
+                                           SNMP##table##Table_GetPtr,                          \
+                                           indexVariable,                                      \
+                                           traversal,                                          \
+                                           indexFields,                                        \
+                                           {__VA_ARGS__}};                                     \
+        return facts;                                                                          \
+    }
+#define LIST_FACTS(rowType, table, list, unknown, indexFields, ...)                        \
+    TABLE_FACTS(rowType, table, "SNMP_" #table "Table: " unknown " variable requested.\n", \
+                &list##TableIndex, &list##ListTravPtr, indexFields, __VA_ARGS__)
 
-template <>
-inline const TableFacts<vmEntry>& Facts() {
-    static const TableFacts<vmEntry> facts{"SNMP_VMInfoTable",
-                                           SNMP_VMInfoTable,
-                                           "SNMPVMInfo_Table: Unknown variable requested.\n",
-                                           SNMPVMInfoTable_Init,
-                                           SNMPVMInfoTable_GetNext,
-                                           SNMPVMInfoTable_Destroy,
-                                           SNMPVMInfoTable_GetPtr,
-                                           &vmInfoTableIndex,
-                                           nullptr,
-                                           0,
-                                           {{"vmIdx", &vmEntry::vmIdx},
-                                            {"vmDisplayName", &vmEntry::vmDisplayName},
-                                            {"vmConfigFile", &vmEntry::vmConfigFile},
-                                            {"vmGuestOS", &vmEntry::vmGuestOS},
-                                            {"vmMemSize", &vmEntry::vmMemSize},
-                                            {"vmState", &vmEntry::vmState},
-                                            {"vmVMID", &vmEntry::vmVMID},
-                                            {"vmGuestState", &vmEntry::vmGuestState}}};
-    return facts;
-}
+TABLE_FACTS(vmEntry, VMInfo, "SNMPVMInfo_Table: Unknown variable requested.\n", &vmInfoTableIndex, nullptr, 0,
+            {"vmIdx", &Row::vmIdx}, {"vmDisplayName", &Row::vmDisplayName},
+            {"vmConfigFile", &Row::vmConfigFile}, {"vmGuestOS", &Row::vmGuestOS},
+            {"vmMemSize", &Row::vmMemSize}, {"vmState", &Row::vmState}, {"vmVMID", &Row::vmVMID},
+            {"vmGuestState", &Row::vmGuestState})
+LIST_FACTS(vmHBANode, VMHBA, vmHBA, "Unknown", 2, {"hbaVmIdx", &Row::vmIdx}, {"hbaBus", &Row::hbaBus},
+           {"hbaLabel", &Row::hbaLabel}, {"hbaType", &Row::hbaType})
+LIST_FACTS(vmHBATgtNode, VMHBATgt, vmHBATgt, "Unknown", 2, {"tgtVmIdx", &Row::vmIdx},
+           {"tgtUnit", &Row::tgtUnit}, {"tgtLabel", &Row::tgtLabel})
+LIST_FACTS(vmNetNode, VMNet, vmNet, "unknown", 2, {"nicVmIdx", &Row::vmIdx}, {"nicIdx", &Row::nicIdx},
+           {"nicLabel", &Row::nicLabel}, {"nicNetwork", &Row::nicNetwork}, {"nicDevice", &Row::nicDevice})
+LIST_FACTS(vmFloppyNode, VMFloppy, vmFloppy, "Unknown", 2, {"fdVmIdx", &Row::vmIdx}, {"fdUnit", &Row::fdUnit},
+           {"fdBacking", &Row::fdBacking}, {"fdConnected", &Row::fdConnected})
+LIST_FACTS(vmCDROMNode, VMCDROM, vmCDROM, "Unknown", 2, {"cdVmIdx", &Row::vmIdx},
+           {"cdIdeIndex", &Row::cdIdeIndex}, {"cdBacking", &Row::cdBacking},
+           {"cdConnected", &Row::cdConnected})
+LIST_FACTS(resCPUNode, ResCPU, resCPU, "Unknown", 1, {"cpuVMID", &Row::cpuVMID},
+           {"cpuShares", &Row::cpuShares}, {"cpuUsedSec", &Row::cpuUsedSec})
+LIST_FACTS(resMemNode, ResMem, resMem, "Unknown", 1, {"memVMID", &Row::memVMID},
+           {"memShares", &Row::memShares}, {"memConfiguredKB", &Row::memConfiguredKB},
+           {"memActive", &Row::memActive})
+LIST_FACTS(resDiskNode, ResDisk, resDisk, "Unknown", 1, {"diskIdx", &Row::diskIdx},
+           {"diskName", &Row::diskName}, {"diskVMID", &Row::diskVMID}, {"diskShares", &Row::diskShares},
+           {"diskNumRead", &Row::diskNumRead}, {"diskRead", &Row::diskRead},
+           {"diskNumWrite", &Row::diskNumWrite}, {"diskWrite", &Row::diskWrite})
+LIST_FACTS(resNetNode, ResNet, resNet, "Unknown", 1, {"netIdx", &Row::netIdx}, {"netName", &Row::netName},
+           {"netVMID", &Row::netVMID}, {"netMac", &Row::netMac}, {"netSpare", &Row::netSpare},
+           {"netPktTx", &Row::netPktTx}, {"netTx", &Row::netTx}, {"netPktRx", &Row::netPktRx},
+           {"netRx", &Row::netRx}, {"netHCPktTx", &Row::netHCPktTx}, {"netHCTx", &Row::netHCTx},
+           {"netHCPktRx", &Row::netHCPktRx}, {"netHCRx", &Row::netHCRx})
 
-template <>
-inline const TableFacts<vmHBANode>& Facts() {
-    static const TableFacts<vmHBANode> facts{"SNMP_VMHBATable",
-                                             SNMP_VMHBATable,
-                                             "SNMP_VMHBATable: Unknown variable requested.\n",
-                                             LIST_OPERATIONS(VMHBA, vmHBA),
-                                             2,
-                                             {{"hbaVmIdx", &vmHBANode::vmIdx},
-                                              {"hbaBus", &vmHBANode::hbaBus},
-                                              {"hbaLabel", &vmHBANode::hbaLabel},
-                                              {"hbaType", &vmHBANode::hbaType}}};
-    return facts;
-}
-
-template <>
-inline const TableFacts<vmHBATgtNode>& Facts() {
-    static const TableFacts<vmHBATgtNode> facts{"SNMP_VMHBATgtTable",
-                                                SNMP_VMHBATgtTable,
-                                                "SNMP_VMHBATgtTable: Unknown variable requested.\n",
-                                                LIST_OPERATIONS(VMHBATgt, vmHBATgt),
-                                                2,
-                                                {{"tgtVmIdx", &vmHBATgtNode::vmIdx},
-                                                 {"tgtUnit", &vmHBATgtNode::tgtUnit},
-                                                 {"tgtLabel", &vmHBATgtNode::tgtLabel}}};
-    return facts;
-}
-
-template <>
-inline const TableFacts<vmNetNode>& Facts() {
-    static const TableFacts<vmNetNode> facts{"SNMP_VMNetTable",
-                                             SNMP_VMNetTable,
-                                             "SNMP_VMNetTable: unknown variable requested.\n",
-                                             LIST_OPERATIONS(VMNet, vmNet),
-                                             2,
-                                             {{"nicVmIdx", &vmNetNode::vmIdx},
-                                              {"nicIdx", &vmNetNode::nicIdx},
-                                              {"nicLabel", &vmNetNode::nicLabel},
-                                              {"nicNetwork", &vmNetNode::nicNetwork},
-                                              {"nicDevice", &vmNetNode::nicDevice}}};
-    return facts;
-}
-
-template <>
-inline const TableFacts<vmFloppyNode>& Facts() {
-    static const TableFacts<vmFloppyNode> facts{"SNMP_VMFloppyTable",
-                                                SNMP_VMFloppyTable,
-                                                "SNMP_VMFloppyTable: Unknown variable requested.\n",
-                                                LIST_OPERATIONS(VMFloppy, vmFloppy),
-                                                2,
-                                                {{"fdVmIdx", &vmFloppyNode::vmIdx},
-                                                 {"fdUnit", &vmFloppyNode::fdUnit},
-                                                 {"fdBacking", &vmFloppyNode::fdBacking},
-                                                 {"fdConnected", &vmFloppyNode::fdConnected}}};
-    return facts;
-}
-
-template <>
-inline const TableFacts<vmCDROMNode>& Facts() {
-    static const TableFacts<vmCDROMNode> facts{"SNMP_VMCDROMTable",
-                                               SNMP_VMCDROMTable,
-                                               "SNMP_VMCDROMTable: Unknown variable requested.\n",
-                                               LIST_OPERATIONS(VMCDROM, vmCDROM),
-                                               2,
-                                               {{"cdVmIdx", &vmCDROMNode::vmIdx},
-                                                {"cdIdeIndex", &vmCDROMNode::cdIdeIndex},
-                                                {"cdBacking", &vmCDROMNode::cdBacking},
-                                                {"cdConnected", &vmCDROMNode::cdConnected}}};
-    return facts;
-}
-
-template <>
-inline const TableFacts<resCPUNode>& Facts() {
-    static const TableFacts<resCPUNode> facts{"SNMP_ResCPUTable",
-                                              SNMP_ResCPUTable,
-                                              "SNMP_ResCPUTable: Unknown variable requested.\n",
-                                              LIST_OPERATIONS(ResCPU, resCPU),
-                                              1,
-                                              {{"cpuVMID", &resCPUNode::cpuVMID},
-                                               {"cpuShares", &resCPUNode::cpuShares},
-                                               {"cpuUsedSec", &resCPUNode::cpuUsedSec}}};
-    return facts;
-}
-
-template <>
-inline const TableFacts<resMemNode>& Facts() {
-    static const TableFacts<resMemNode> facts{"SNMP_ResMemTable",
-                                              SNMP_ResMemTable,
-                                              "SNMP_ResMemTable: Unknown variable requested.\n",
-                                              LIST_OPERATIONS(ResMem, resMem),
-                                              1,
-                                              {{"memVMID", &resMemNode::memVMID},
-                                               {"memShares", &resMemNode::memShares},
-                                               {"memConfiguredKB", &resMemNode::memConfiguredKB},
-                                               {"memActive", &resMemNode::memActive}}};
-    return facts;
-}
-
-template <>
-inline const TableFacts<resDiskNode>& Facts() {
-    static const TableFacts<resDiskNode> facts{"SNMP_ResDiskTable",
-                                               SNMP_ResDiskTable,
-                                               "SNMP_ResDiskTable: Unknown variable requested.\n",
-                                               LIST_OPERATIONS(ResDisk, resDisk),
-                                               1,
-                                               {{"diskIdx", &resDiskNode::diskIdx},
-                                                {"diskName", &resDiskNode::diskName},
-                                                {"diskVMID", &resDiskNode::diskVMID},
-                                                {"diskShares", &resDiskNode::diskShares},
-                                                {"diskNumRead", &resDiskNode::diskNumRead},
-                                                {"diskRead", &resDiskNode::diskRead},
-                                                {"diskNumWrite", &resDiskNode::diskNumWrite},
-                                                {"diskWrite", &resDiskNode::diskWrite}}};
-    return facts;
-}
-
-template <>
-inline const TableFacts<resNetNode>& Facts() {
-    static const TableFacts<resNetNode> facts{"SNMP_ResNetTable",
-                                              SNMP_ResNetTable,
-                                              "SNMP_ResNetTable: Unknown variable requested.\n",
-                                              LIST_OPERATIONS(ResNet, resNet),
-                                              1,
-                                              {{"netIdx", &resNetNode::netIdx},
-                                               {"netName", &resNetNode::netName},
-                                               {"netVMID", &resNetNode::netVMID},
-                                               {"netMac", &resNetNode::netMac},
-                                               {"netSpare", &resNetNode::netSpare},
-                                               {"netPktTx", &resNetNode::netPktTx},
-                                               {"netTx", &resNetNode::netTx},
-                                               {"netPktRx", &resNetNode::netPktRx},
-                                               {"netRx", &resNetNode::netRx},
-                                               {"netHCPktTx", &resNetNode::netHCPktTx},
-                                               {"netHCTx", &resNetNode::netHCTx},
-                                               {"netHCPktRx", &resNetNode::netHCPktRx},
-                                               {"netHCRx", &resNetNode::netHCRx}}};
-    return facts;
-}
-
-#undef LIST_OPERATIONS
+#undef LIST_FACTS
+#undef TABLE_FACTS
 
 // Calls `action` with the facts of each table, in the order in which the module empties them.
 template <class Action>
