@@ -1,7 +1,7 @@
-// What one performance figure costs on hosts of different sizes.
+// What the lookup of one statistic costs on hosts of different sizes.
 //
-// The figure to watch is the ratio between the sizes within one run, which the program prints at its end: it
-// must not exceed 2, or the program fails.
+// Compare the ratio between the sizes within one run, which the program prints at its end: it fails when a
+// ratio exceeds 2.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -28,57 +28,57 @@ constexpr int manyVms = 1000;
 constexpr double maxRatio = 2.0;
 constexpr unsigned seed = 20240229;
 
-// What a rebuild asks of each machine: two processors, the memory, two disks and two cards.
-struct Question {
+// What a rebuild looks up for each VM: two CPUs, the memory, two disks and two cards.
+struct Lookup {
     std::string group;
     std::string counter;
     std::string instance;
 };
 
-std::vector<Question> QuestionsOfAVm() {
-    std::vector<Question> questions = {{"cpu", "used", "0"}, {"cpu", "used", "1"}, {"mem", "active", ""}};
+std::vector<Lookup> LookupsOfAVm() {
+    std::vector<Lookup> lookups = {{"cpu", "used", "0"}, {"cpu", "used", "1"}, {"mem", "active", ""}};
     for (const char* disk : {"disk-0:0", "disk-0:1"}) {
         for (const char* counter : {"numberRead", "read", "numberWrite", "write"}) {
-            questions.push_back({"disk", counter, disk});
+            lookups.push_back({"disk", counter, disk});
         }
     }
     for (const char* card : {"4000", "4001"}) {
         for (const char* counter : {"packetsTx", "transmitted", "packetsRx", "received"}) {
-            questions.push_back({"net", counter, card});
+            lookups.push_back({"net", counter, card});
         }
     }
-    return questions;
+    return lookups;
 }
 
 // The id that the catalogue of ApiObjects::AllCounters gives to the counter.
-std::int32_t IdOf(const Question& question) {
+std::int32_t IdOf(const Lookup& lookup) {
     const auto catalogue = ApiObjects::AllCounters();
     for (const auto& counter : *catalogue) {
-        if (counter->GetGroupInfo()->GetKey() == question.group &&
-            counter->GetNameInfo()->GetKey() == question.counter) {
+        if (counter->GetGroupInfo()->GetKey() == lookup.group &&
+            counter->GetNameInfo()->GetKey() == lookup.counter) {
             return counter->GetKey();
         }
     }
     return -1;
 }
 
-// The results of a query for that many machines, in the machines' order.
+// The results of a query for that many VMs, in their order.
 std::vector<Ref<Performance::EntityMetric>> MakeResults(int vms) {
-    const std::vector<Question> questions = QuestionsOfAVm();
+    const std::vector<Lookup> lookups = LookupsOfAVm();
     std::vector<Ref<Performance::EntityMetric>> results;
     results.reserve(static_cast<std::size_t>(vms));
     for (int vm = 0; vm < vms; ++vm) {
         std::vector<Ref<Performance::MetricSeries>> series;
-        series.reserve(questions.size());
-        for (const Question& question : questions) {
-            series.push_back(ApiObjects::Series(IdOf(question), question.instance, {vm}));
+        series.reserve(lookups.size());
+        for (const Lookup& lookup : lookups) {
+            series.push_back(ApiObjects::Series(IdOf(lookup), lookup.instance, {vm}));
         }
         results.push_back(ApiObjects::Metric(std::to_string(vm), series));
     }
     return results;
 }
 
-// The machines in an order that is not that of the results.
+// The VMs in an order that is not that of the results.
 std::vector<Ref<Ordane::MoRef>> ShuffledVms(int vms) {
     std::vector<Ref<Ordane::MoRef>> entities;
     entities.reserve(static_cast<std::size_t>(vms));
@@ -89,22 +89,22 @@ std::vector<Ref<Ordane::MoRef>> ShuffledVms(int vms) {
     return entities;
 }
 
-// Asks every question of every machine once per iteration, machine by machine as a rebuild does.
-template <class Ask>
-void AskForEveryFigure(benchmark::State& state, int vms, Ask ask) {
+// Makes every lookup for every VM once per iteration, VM by VM as a rebuild does.
+template <class Find>
+void LookUpEveryStatistic(benchmark::State& state, int vms, Find find) {
     const std::vector<Ref<Ordane::MoRef>> entities = ShuffledVms(vms);
-    const std::vector<Question> questions = QuestionsOfAVm();
+    const std::vector<Lookup> lookups = LookupsOfAVm();
     for (auto step : state) {
         static_cast<void>(step);
         for (const auto& entity : entities) {
-            for (const Question& question : questions) {
-                benchmark::DoNotOptimize(ask(entity.Get(), question));
+            for (const Lookup& lookup : lookups) {
+                benchmark::DoNotOptimize(find(entity.Get(), lookup));
             }
         }
     }
-    // Seconds per figure.
-    state.counters["per_figure"] =
-        benchmark::Counter(static_cast<double>(vms) * static_cast<double>(questions.size()),
+    // Seconds per statistic.
+    state.counters["per_statistic"] =
+        benchmark::Counter(static_cast<double>(vms) * static_cast<double>(lookups.size()),
                            benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
@@ -115,15 +115,15 @@ void IndexFind(benchmark::State& state) {
         index.Add(*result);
     }
     std::map<std::string, std::int32_t> ids;
-    for (const Question& question : QuestionsOfAVm()) {
-        ids[question.counter] = IdOf(question);
+    for (const Lookup& lookup : LookupsOfAVm()) {
+        ids[lookup.counter] = IdOf(lookup);
     }
-    AskForEveryFigure(state, vms, [&](Ordane::MoRef* entity, const Question& question) {
-        return index.Find(entity, ids.find(question.counter)->second, question.instance.c_str());
+    LookUpEveryStatistic(state, vms, [&](Ordane::MoRef* entity, const Lookup& lookup) {
+        return index.Find(entity, ids.find(lookup.counter)->second, lookup.instance.c_str());
     });
 }
 
-// A client that has collected the figures of that many machines from a daemon.
+// A client that has collected the statistics of that many VMs from a daemon.
 class CollectedClient {
   public:
     explicit CollectedClient(int vms) {
@@ -139,7 +139,7 @@ class CollectedClient {
         client->CollectVMStats(all.Get());
     }
     OrdaneClient* Get() const { return client.Get(); }
-    // Whether the last machine's last figure is there.
+    // Whether the last VM's last statistic is there.
     bool IsComplete(int vms) const {
         const auto last = ApiObjects::Reference("VirtualMachine", std::to_string(vms - 1));
         return client->RetrieveStats(last.Get(), "net", "received", "4001") == vms - 1;
@@ -151,37 +151,37 @@ class CollectedClient {
 };
 
 template <class Retrieve>
-void AskTheClient(benchmark::State& state, Retrieve retrieve) {
+void LookUpInClient(benchmark::State& state, Retrieve retrieve) {
     const int vms = static_cast<int>(state.range(0));
     const CollectedClient collected(vms);
     if (!collected.IsComplete(vms)) {
-        state.SkipWithError("the figures were not collected");
+        state.SkipWithError("the statistics were not collected");
         return;
     }
-    AskForEveryFigure(state, vms, [&](Ordane::MoRef* entity, const Question& question) {
-        return retrieve(collected.Get(), entity, question);
+    LookUpEveryStatistic(state, vms, [&](Ordane::MoRef* entity, const Lookup& lookup) {
+        return retrieve(collected.Get(), entity, lookup);
     });
 }
 
 void RetrieveStats(benchmark::State& state) {
-    AskTheClient(state, [](OrdaneClient* client, Ordane::MoRef* entity, const Question& question) {
-        return client->RetrieveStats(entity, question.group, question.counter, question.instance.c_str());
+    LookUpInClient(state, [](OrdaneClient* client, Ordane::MoRef* entity, const Lookup& lookup) {
+        return client->RetrieveStats(entity, lookup.group, lookup.counter, lookup.instance.c_str());
     });
 }
 
 void RetrieveHCStats(benchmark::State& state) {
-    AskTheClient(state, [](OrdaneClient* client, Ordane::MoRef* entity, const Question& question) {
-        return client->RetrieveHCStats(entity, question.group, question.counter, question.instance.c_str());
+    LookUpInClient(state, [](OrdaneClient* client, Ordane::MoRef* entity, const Lookup& lookup) {
+        return client->RetrieveHCStats(entity, lookup.group, lookup.counter, lookup.instance.c_str());
     });
 }
 
-// The best of several repetitions counts: what else the machine does is not measured.
+// The best of several repetitions counts: other load on the host is not measured.
 constexpr int repetitions = 5;
 BENCHMARK(IndexFind)->Arg(fewVms)->Arg(manyVms)->Repetitions(repetitions);
 BENCHMARK(RetrieveStats)->Arg(fewVms)->Arg(manyVms)->Repetitions(repetitions);
 BENCHMARK(RetrieveHCStats)->Arg(fewVms)->Arg(manyVms)->Repetitions(repetitions);
 
-// Prints as always, and keeps the best time per figure of each benchmark and size.
+// Prints as always, and keeps the best time per statistic of each benchmark and size.
 class RatioReporter : public benchmark::ConsoleReporter {
   public:
     void ReportRuns(const std::vector<Run>& runs) override {
@@ -189,8 +189,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
         for (const Run& run : runs) {
             failed = failed || run.error_occurred;
             if (run.run_type == Run::RT_Iteration && !run.error_occurred) {
-                const double seconds = run.counters.at("per_figure");
-                auto& best = perFigure[run.run_name.function_name]
+                const double seconds = run.counters.at("per_statistic");
+                auto& best = perStatistic[run.run_name.function_name]
                                  .try_emplace(run.run_name.args, std::numeric_limits<double>::max())
                                  .first->second;
                 best = std::min(best, seconds);
@@ -202,13 +202,13 @@ class RatioReporter : public benchmark::ConsoleReporter {
     // failed.
     bool PrintRatios() const {
         bool good = !failed;
-        for (const auto& [name, times] : perFigure) {
+        for (const auto& [name, times] : perStatistic) {
             const auto few = times.find(std::to_string(fewVms));
             const auto many = times.find(std::to_string(manyVms));
             if (few != times.end() && many != times.end()) {
                 const double ratio = many->second / few->second;
                 good = good && ratio <= maxRatio;
-                std::cout << name << ": a figure among " << manyVms << " VMs costs " << ratio
+                std::cout << name << ": a statistic among " << manyVms << " VMs costs " << ratio
                           << " times one among " << fewVms << " (at most " << maxRatio << ")\n";
             }
         }
@@ -216,7 +216,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
     }
 
   private:
-    std::map<std::string, std::map<std::string, double>> perFigure;  // seconds, by benchmark and VMs
+    std::map<std::string, std::map<std::string, double>> perStatistic;  // seconds, by benchmark and VMs
     bool failed = false;
 };
 

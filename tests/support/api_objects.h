@@ -75,11 +75,11 @@ Ref<Hask::Datastore::Info> DrellDatastore(const std::vector<std::string>& extent
 using Performance = Hask::PerformanceManager;
 Ref<Performance::CounterInfo> Counter(std::int32_t key, const std::string& group, const std::string& name,
                                       Performance::RollupType rollup = Performance::RollupType::average);
-// Counters for everything the module asks of a daemon, with the ids 1 to 10 in the module's order.
+// The counters that the module reads, with the ids 1 to 10 in the module's order.
 Ref<Ordane::DataArray<Performance::CounterInfo>> AllCounters();
 Ref<Performance::MetricSeries> Series(std::int32_t counterId, const std::string& instance,
                                       const std::vector<std::int64_t>& samples);
-// The figures of the entity with that id; without one, of no entity.
+// The statistics of the entity with that id; without one, of no entity.
 Ref<Performance::EntityMetric> Metric(const std::optional<std::string>& id,
                                       const std::vector<Ref<Performance::MetricSeries>>& series);
 

@@ -104,7 +104,7 @@ class ConnectionSource final : public Ordane::ObjectSource {
     bool loggedIn = false;
 };
 
-// A local adapter of its own connection, which notes its calls and its end.
+// A local adapter of its own connection, which records its calls and its end.
 class FakeAdapter final : public virtual Ordane::StubAdapter, public Tessim::ObjectImpl {
   public:
     explicit FakeAdapter(FakeDaemon& daemon) : source(daemon.host), adapter(MakeRef<LocalAdapter>(source)) {
@@ -114,11 +114,11 @@ class FakeAdapter final : public virtual Ordane::StubAdapter, public Tessim::Obj
     Ref<Ordane::DataObject> Invoke(const Ordane::MoRef& target, const Ordane::MethodInfo& method,
                                    const Ordane::DataObject& request) override {
         Reach().Call(std::string(method.name));
-        Ref<Ordane::DataObject> answer = adapter->Invoke(target, method, request);
+        Ref<Ordane::DataObject> reply = adapter->Invoke(target, method, request);
         if (method.name == "Login" || method.name == "Logout") {
             source.SetLoggedIn(method.name == "Login");
         }
-        return answer;
+        return reply;
     }
     void Close() noexcept override {
         FakeDaemon::Record("close adapter");

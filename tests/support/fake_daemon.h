@@ -33,8 +33,8 @@ class FakeDaemon final : public SNMP::Endpoint {
 
     FakeHost host;
 
-    // The daemon is down: opening a stream throws a Tessim::StreamException with this message; empty: it is
-    // up.
+    // While the daemon is down, opening a stream throws a Tessim::StreamException with this message; empty:
+    // it is up.
     std::string down;
     // Every stream says that another process made it.
     bool foreignStreams = false;
@@ -42,23 +42,22 @@ class FakeDaemon final : public SNMP::Endpoint {
     // message; empty: none does.
     std::string failingStep;
 
-    // Makes each call of that method run `action` before anything is sent. The caller gets what it throws,
-    // and the connection stays as it was.
+    // Makes each call of that method run `action` before anything is sent. What it throws reaches the caller;
+    // the connection stays as it was.
     void WhenCalled(const std::string& method, std::function<void()> action);
-    // Makes each call of that method run `action` on its way. What it throws breaks the
-    // connection for good.
+    // Makes each call of that method run `action` on its way. What it throws breaks the connection for good.
     void WhenSent(const std::string& method, std::function<void()> action);
 
     std::vector<Opening> openings;
     // The streams that exist, closed or not.
     int streams = 0;
-    // Every call of an API method that was sent over any connection, in order, answered or not.
+    // Every call of an API method that was sent over any connection, in order, also without a reply.
     std::vector<std::string> calls;
     int CountCalls(const std::string& method) const;
     // Calls of the runtime and of the API, and closings, in order, as text.
     std::vector<std::string> events;
 
-    // Given to connections instead of stubs; null: stubs.
+    // The factory of connections made from now on; null: the runtime's stubs.
     Tessim::Ref<Hask::MoFactory> factory;
 
     void CreateService(Tessim::Service::Logger* logger, Tessim::Ref<Tessim::Zarn::ZarnSvc>& out) override;

@@ -19,7 +19,7 @@ using Ordane::MoRef;
 using Tessim::MakeRef;
 using Tessim::Ref;
 
-// A managed object of the API that finds its answers in the host.
+// A managed object of the API that takes its replies from the host.
 template <class Api>
 class FakeObject : public Api {
   public:

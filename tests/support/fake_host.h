@@ -1,4 +1,4 @@
-// The objects of a management daemon, with answers that the test sets.
+// The objects of a management daemon, with replies that the test sets.
 #pragma once
 
 #include <filesystem>
@@ -12,7 +12,7 @@
 
 namespace TestSupport {
 
-// One virtual machine; what is null here, the daemon does not know.
+// One VM; the daemon does not know what is null here.
 struct FakeVm {
     std::string id;
     Tessim::Ref<Hask::Vm::ConfigInfo> config;
@@ -20,7 +20,7 @@ struct FakeVm {
     Tessim::Ref<Hask::Vm::GuestInfo> guest;
 };
 
-// What a login brought with it.
+// The parameters of a login.
 struct LoginCall {
     std::string userName;
     std::string password;
@@ -31,13 +31,13 @@ struct LoginCall {
 
 class FakeHost {
   public:
-    // A host without machines, datastores or figures, whose content names its managers.
+    // A host without VMs, datastores or statistics, whose content names its managers.
     FakeHost();
     ~FakeHost();
     FakeHost(const FakeHost&) = delete;
     FakeHost& operator=(const FakeHost&) = delete;
 
-    // The answers.
+    // The replies.
     Tessim::Ref<Hask::ServiceInstanceContent> content;
     std::vector<FakeVm> vms;  // the folder's children
     // By id; null is a datastore without information, a missing one is unknown to the daemon.
@@ -52,12 +52,12 @@ class FakeHost {
     std::string ticketContent = "one-time-password";
     std::optional<std::string> ticketPath;
 
-    // What was asked.
+    // The requests.
     std::vector<std::string> ticketRequests;  // the users
     std::vector<LoginCall> logins;
     std::vector<Tessim::Ref<Ordane::DataArray<Hask::PerformanceManager::QuerySpec>>> queries;
 
-    // Makes the objects run `action` before they answer that method. What it throws is answered as a fault.
+    // Makes the objects run `action` before they reply to that method. What it throws becomes a fault.
     void WhenAsked(const std::string& method, std::function<void()> action);
 
     // The object of that type and id, or null. It uses this host and must not outlive it.

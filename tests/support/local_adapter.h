@@ -17,10 +17,10 @@ class LocalAdapter final : public Ordane::SoapStubAdapter {
         : source(&source), limits(limits) {}
 
     // Makes the adapter call `watcher` with the method's name before each call. What the watcher throws takes
-    // the place of the answer: a Tessim::StreamException is a broken connection, for good.
+    // the place of the reply: a Tessim::StreamException is a broken connection, for good.
     void Watch(std::function<void(const std::string& method)> watcher) { watch = std::move(watcher); }
 
-    // The names of the methods called so far, in order, answered or not.
+    // The names of the methods called so far, in order, also without a reply.
     const std::vector<std::string>& GetCalls() const { return calls; }
     // How often the method was called.
     int CountCalls(const std::string& method) const;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <optional>
 #include <ostream>
 #include <stdexcept>
 
@@ -69,6 +70,11 @@ int Count(const std::vector<std::string>& events, const std::string& event) {
     return static_cast<int>(std::count(events.begin(), events.end(), event));
 }
 
+// The message about a ticket that was not acquired.
+std::string TicketFailure(const std::string& reason) {
+    return "Failed to acquire local ticket: " + reason;
+}
+
 class ConnectionTest : public testing::Test {
   protected:
     ConnectionTest() {
@@ -77,18 +83,13 @@ class ConnectionTest : public testing::Test {
         daemon.events.clear();
     }
 
-    // The text that the connection gave as its message when the ticket failed.
-    static std::string TicketFailure(const std::string& reason) {
-        return "Failed to acquire local ticket: " + reason;
-    }
-
     FakeDaemon daemon;
     Ref<MemoryLogger> logger = MakeRef<MemoryLogger>();
     Ref<Connection> connection = MakeRef<Connection>();
 };
 
 // The first connection of a process makes the application object too.
-TEST(ConnectionOfANewProcess, MakesEverythingInOrder) {
+TEST(ConnectionOfANewProcess, ConnectsInOrder) {
     FakeDaemon daemon;
     const auto writer = MakeRef<NullWriter>();
     const auto connection = MakeRef<Connection>();
@@ -98,14 +99,10 @@ TEST(ConnectionOfANewProcess, MakesEverythingInOrder) {
                             "get connection path, flags 0", "map /connection/1, /tesk/api/ordane/, /ordane/",
                             "create adapter on /ordane/ to /tesk/api/ordane/ logging to SNMP", "get factory",
                             "call AcquireLocalTicket", "call Login"));
-    EXPECT_EQ(Tessim::Service::GetApp()->GetDefaultLogger()->GetName(), "SNMP");
-}
-
-TEST_F(ConnectionTest, OpensTheManagementServiceOnTheLoopbackPort) {
-    connection->Init(nullptr);
     ASSERT_EQ(daemon.openings.size(), 1U);
     EXPECT_EQ(daemon.openings[0].host, "localhost");
     EXPECT_EQ(daemon.openings[0].port, 902);
+    EXPECT_EQ(Tessim::Service::GetApp()->GetDefaultLogger()->GetName(), "SNMP");
 }
 
 TEST(RuntimeEndpoint, RequestsTheManagementApiOverTls) {
@@ -122,7 +119,7 @@ TEST(RuntimeEndpoint, RequestsTheManagementApiOverTls) {
     EXPECT_TRUE(stream->IsOwn());
 }
 
-TEST_F(ConnectionTest, MayTakeOneSecondInAll) {
+TEST_F(ConnectionTest, HasOneSecondInAll) {
     std::vector<Tessim::Clock::time_point> deadlines;
     for (const char* method : {"AcquireLocalTicket", "Login"}) {
         daemon.WhenSent(method, [&] { deadlines.push_back(Tessim::TimeBudget::Deadline()); });
@@ -146,14 +143,13 @@ TEST_F(ConnectionTest, UsesTheDefaultLoggerWithoutAWriter) {
     EXPECT_THAT(logger->messages, ElementsAre(Message{5, "Already connected."}));
 }
 
-TEST_F(ConnectionTest, MakesALoggerOnTheWriterItIsGiven) {
+TEST_F(ConnectionTest, CreatesALoggerOnTheWriter) {
     connection->Init(MakeRef<NullWriter>().Get());
     EXPECT_EQ(Count(daemon.events, "create service logging to SNMP"), 1);
     EXPECT_EQ(Tessim::Service::GetApp()->GetDefaultLogger()->GetName(), "SNMP");
-    EXPECT_EQ(Tessim::Service::GetApp()->GetDefaultLogger()->GetName(), "SNMP");
 }
 
-TEST_F(ConnectionTest, AsksForARootTicketAndLogsInWithIt) {
+TEST_F(ConnectionTest, RequestsARootTicketAndLogsInWithIt) {
     daemon.host.ticketUser = "ticket-user";
     daemon.host.ticketContent = "s3cret";
     connection->Init(nullptr);
@@ -162,53 +158,58 @@ TEST_F(ConnectionTest, AsksForARootTicketAndLogsInWithIt) {
     EXPECT_THAT(logger->messages, IsEmpty());
 }
 
-TEST_F(ConnectionTest, AcceptsATicketOf1023Bytes) {
-    daemon.host.ticketContent = std::string(1023, 'x');
-    connection->Init(nullptr);
-    EXPECT_THAT(daemon.host.logins, ElementsAre(LoginCall{"root", std::string(1023, 'x'), "en"}));
-    EXPECT_THAT(logger->messages, IsEmpty());
-}
+// What a ticket file holds, and what comes of it.
+struct TicketCase {
+    const char* name;
+    std::string content;
+    std::optional<std::string> password;  // sent to the daemon; nothing: no login
+    std::string message;                  // logged without a login
 
-TEST_F(ConnectionTest, RefusesATicketOf1024BytesOrMore) {
-    for (const std::size_t size : {1024U, 1025U, 5000U}) {
-        logger->messages.clear();
-        daemon.host.ticketContent = std::string(size, 'x');
-        connection = MakeRef<Connection>();
-        EXPECT_NO_THROW(connection->Init(nullptr)) << size;
-        EXPECT_THAT(daemon.host.logins, IsEmpty()) << size;
-        ASSERT_FALSE(logger->messages.empty()) << size;
-        EXPECT_EQ(logger->messages.back(), (Message{3, "Failed to read ticket. Ticket file too long."}))
-            << size;
+    friend std::ostream& operator<<(std::ostream& stream, const TicketCase& each) {
+        return stream << each.name;
+    }
+};
+
+class TicketTest : public ConnectionTest, public testing::WithParamInterface<TicketCase> {};
+
+TEST_P(TicketTest, IsSentOrRejected) {
+    daemon.host.ticketContent = GetParam().content;
+    EXPECT_NO_THROW(connection->Init(nullptr));
+    if (GetParam().password) {
+        EXPECT_THAT(daemon.host.logins, ElementsAre(LoginCall{"root", *GetParam().password, "en"}));
+        EXPECT_THAT(logger->messages, IsEmpty());
+    } else {
+        EXPECT_THAT(daemon.host.logins, IsEmpty());
+        EXPECT_THAT(logger->messages, ElementsAre(Message{3, GetParam().message}));
     }
 }
 
-TEST_F(ConnectionTest, CutsThePasswordAtItsFirstNul) {
-    daemon.host.ticketContent = std::string("before\0after", 12);
-    connection->Init(nullptr);
-    EXPECT_THAT(daemon.host.logins, ElementsAre(LoginCall{"root", "before", "en"}));
-}
+const std::string tooLong = "Failed to read ticket. Ticket file too long.";
+const std::string noPassword = TicketFailure("the ticket file does not hold a password");
 
-TEST_F(ConnectionTest, CountsBytesBeyondANulAsLength) {
-    daemon.host.ticketContent = std::string("short\0", 6) + std::string(1018, 'x');
-    connection->Init(nullptr);
-    EXPECT_THAT(daemon.host.logins, IsEmpty());
-    EXPECT_THAT(logger->messages, ElementsAre(Message{3, "Failed to read ticket. Ticket file too long."}));
-}
+INSTANTIATE_TEST_SUITE_P(
+    Contents, TicketTest,
+    testing::Values(TicketCase{"Of1023Bytes", std::string(1023, 'x'), std::string(1023, 'x'), ""},
+                    TicketCase{"Of1024Bytes", std::string(1024, 'x'), {}, tooLong},
+                    TicketCase{"Of1025Bytes", std::string(1025, 'x'), {}, tooLong},
+                    TicketCase{"Of5000Bytes", std::string(5000, 'x'), {}, tooLong},
+                    TicketCase{
+                        "LongBehindANul", std::string("short\0", 6) + std::string(1018, 'x'), {}, tooLong},
+                    TicketCase{"EndsAtItsFirstNul", std::string("before\0after", 12), "before", ""},
+                    TicketCase{"UnprintableBehindANul", std::string("word\0 \x7f\n", 8), "word", ""},
+                    // The daemon refuses it.
+                    TicketCase{"EmptyBeforeANul", std::string("\0after", 6), "", ""},
+                    TicketCase{"Line", "root:x:0:0:root\n", {}, noPassword},
+                    TicketCase{"TwoWords", "two words", {}, noPassword},
+                    TicketCase{"NotAscii", "t\xc3\xa4st", {}, noPassword},
+                    TicketCase{"BlankFirst", " word", {}, noPassword},
+                    TicketCase{"BlankLast", "word ", {}, noPassword},
+                    TicketCase{"Blank", " ", {}, noPassword}, TicketCase{"Delete", "\x7f", {}, noPassword},
+                    TicketCase{"DeleteLast", "word\x7f", {}, noPassword},
+                    TicketCase{"LineFeedFirst", "\nword", {}, noPassword}),
+    [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(ConnectionTest, NeverSendsWhatIsNoPassword) {
-    for (const std::string content : {"root:x:0:0:root\n", "two words", "t\xc3\xa4st"}) {
-        logger->messages.clear();
-        daemon.host.ticketContent = content;
-        connection = MakeRef<Connection>();
-        EXPECT_NO_THROW(connection->Init(nullptr));
-        EXPECT_THAT(daemon.host.logins, IsEmpty()) << content;
-        ASSERT_FALSE(logger->messages.empty());
-        EXPECT_EQ(logger->messages.back(),
-                  (Message{3, TicketFailure("the ticket file does not hold a password")}));
-    }
-}
-
-TEST_F(ConnectionTest, SendsPrintableCharactersWithoutBlanksAlone) {
+TEST_F(ConnectionTest, SendsPrintableCharactersOnly) {
     for (int byte = 1; byte <= 0xff; ++byte) {
         daemon.host.logins.clear();
         const std::string content = std::string("a") + static_cast<char>(byte) + "z";
@@ -223,21 +224,7 @@ TEST_F(ConnectionTest, SendsPrintableCharactersWithoutBlanksAlone) {
     }
 }
 
-TEST_F(ConnectionTest, LooksAtEveryByteOfThePassword) {
-    for (const std::string content : {" word", "word ", " ", "\x7f", "word\x7f", "\nword"}) {
-        daemon.host.ticketContent = content;
-        connection = MakeRef<Connection>();
-        connection->Init(nullptr);
-        EXPECT_THAT(daemon.host.logins, IsEmpty()) << content;
-    }
-    // What stands behind the first NUL byte is not of the password.
-    daemon.host.ticketContent = std::string("word\0 \x7f\n", 8);
-    connection = MakeRef<Connection>();
-    connection->Init(nullptr);
-    EXPECT_THAT(daemon.host.logins, ElementsAre(LoginCall{"root", "word", "en"}));
-}
-
-TEST_F(ConnectionTest, TakesNoEmptyTicket) {
+TEST_F(ConnectionTest, RejectsAnEmptyTicket) {
     daemon.host.ticketContent = "";
     EXPECT_NO_THROW(connection->Init(nullptr));
     EXPECT_THAT(daemon.host.logins, IsEmpty());
@@ -245,13 +232,6 @@ TEST_F(ConnectionTest, TakesNoEmptyTicket) {
     EXPECT_EQ(logger->messages[0].level, 3);
     EXPECT_THAT(logger->messages[0].text, testing::StartsWith(TicketFailure("")));
     EXPECT_THAT(logger->messages[0].text, HasSubstr("empty"));
-}
-
-TEST_F(ConnectionTest, LeavesAPasswordThatEndsAtOnceToTheDaemon) {
-    daemon.host.ticketContent = std::string("\0after", 6);
-    connection->Init(nullptr);
-    EXPECT_THAT(daemon.host.logins, ElementsAre(LoginCall{"root", "", "en"}));
-    EXPECT_THAT(logger->messages, IsEmpty());
 }
 
 TEST_F(ConnectionTest, StaysConnectedWithoutASessionWhenTheTicketCannotBeRead) {
@@ -274,7 +254,7 @@ TEST_F(ConnectionTest, StaysConnectedWithoutASessionWhenTheTicketCannotBeRead) {
     EXPECT_EQ(daemon.host.logins.size(), 1U);
 }
 
-TEST_F(ConnectionTest, TakesNoTicketThatOthersCanRead) {
+TEST_F(ConnectionTest, RejectsATicketThatOthersCanRead) {
     daemon.host.ticketPath = "/etc/passwd";
     EXPECT_NO_THROW(connection->Init(nullptr));
     ASSERT_EQ(logger->messages.size(), 1U);
@@ -282,14 +262,7 @@ TEST_F(ConnectionTest, TakesNoTicketThatOthersCanRead) {
     EXPECT_THAT(daemon.host.logins, IsEmpty());
 }
 
-TEST_F(ConnectionTest, LogsWhyTheTicketWasNotGiven) {
-    daemon.host.WhenAsked("AcquireLocalTicket",
-                          [] { throw Ordane::Fault::SystemError::Exception("no tickets today"); });
-    EXPECT_NO_THROW(connection->Init(nullptr));
-    EXPECT_THAT(logger->messages, ElementsAre(Message{3, TicketFailure("no tickets today")}));
-}
-
-TEST_F(ConnectionTest, LogsAFailedTicketWithPercentSignsAsItIs) {
+TEST_F(ConnectionTest, LogsARefusedTicketWithPercentSignsAsTheyAre) {
     daemon.host.WhenAsked("AcquireLocalTicket",
                           [] { throw Ordane::Fault::SystemError::Exception("100%1 %s %2"); });
     connection->Init(nullptr);
@@ -316,7 +289,7 @@ TEST_F(ConnectionTest, LetsARefusedLoginPass) {
                 ElementsAre(Message{5, "Already connected."}, Message{5, "Logout: not logged in."}));
 }
 
-TEST_F(ConnectionTest, LetsAFailedOpeningPass) {
+TEST_F(ConnectionTest, LetsAFailedStreamPass) {
     daemon.down = "connection refused";
     try {
         connection->Init(nullptr);
@@ -350,11 +323,7 @@ TEST_P(FailingStepTest, PassesAndLeavesNothingBehind) {
     connection.Reset();
     EXPECT_EQ(daemon.streams, 0);
     EXPECT_EQ(daemon.events.back(), "shut service down");
-}
 
-TEST_P(FailingStepTest, DoesNotKeepTheNextConnectionFromWorking) {
-    daemon.failingStep = GetParam();
-    EXPECT_THROW(connection->Init(nullptr), Tessim::Exception);
     daemon.failingStep.clear();
     connection = MakeRef<Connection>();
     EXPECT_NO_THROW(connection->Init(nullptr));
@@ -368,13 +337,13 @@ INSTANTIATE_TEST_SUITE_P(Steps, FailingStepTest,
                          testing::Values("get connection path", "map ", "create adapter", "get factory"),
                          [](const auto& info) { return "Step" + std::to_string(info.index); });
 
-TEST_F(ConnectionTest, KeepsWhatItMadeBeforeAStepFailed) {
+TEST_F(ConnectionTest, StaysConnectedWithWhatItMadeBeforeAStepFailed) {
     for (const char* step : {"map ", "create adapter", "get factory"}) {
         daemon.failingStep = step;
         connection = MakeRef<Connection>();
         EXPECT_THROW(connection->Init(nullptr), Tessim::Exception);
         EXPECT_TRUE(connection->IsOwn());
-        // It has its path, so it takes itself for connected until it is told to disconnect.
+        // It has its path, and so is connected until it disconnects.
         daemon.failingStep.clear();
         logger->messages.clear();
         connection->Connect();
@@ -388,19 +357,13 @@ TEST_F(ConnectionTest, KeepsWhatItMadeBeforeAStepFailed) {
     EXPECT_EQ(daemon.host.logins.size(), 3U);
 }
 
-TEST_F(ConnectionTest, LogsWhenItIsAlreadyConnected) {
+TEST_F(ConnectionTest, LogsWhenItIsAlreadyConnectedOrLoggedIn) {
     connection->Init(nullptr);
     daemon.events.clear();
     connection->Connect();
-    EXPECT_THAT(logger->messages, ElementsAre(Message{5, "Already connected."}));
-    EXPECT_THAT(daemon.events, IsEmpty());
-}
-
-TEST_F(ConnectionTest, LogsWhenItIsAlreadyLoggedIn) {
-    connection->Init(nullptr);
-    daemon.events.clear();
     connection->Login();
-    EXPECT_THAT(logger->messages, ElementsAre(Message{5, "Already logged in."}));
+    EXPECT_THAT(logger->messages,
+                ElementsAre(Message{5, "Already connected."}, Message{5, "Already logged in."}));
     EXPECT_THAT(daemon.events, IsEmpty());
 }
 
@@ -415,21 +378,12 @@ TEST_F(ConnectionTest, LogsOutOnce) {
     EXPECT_THAT(logger->messages, ElementsAre(Message{5, "Logout: not logged in."}));
 }
 
-TEST_F(ConnectionTest, KeepsTheSessionThatCouldNotBeEnded) {
+TEST_F(ConnectionTest, KeepsTheSessionWhenALogoutFails) {
     connection->Init(nullptr);
     daemon.host.WhenAsked("Logout", [] { throw Ordane::Fault::SystemError::Exception("not now"); });
     EXPECT_THROW(connection->Logout(), Ordane::Fault::SystemError::Exception);
     connection->Login();
     EXPECT_THAT(logger->messages, ElementsAre(Message{5, "Already logged in."}));
-}
-
-TEST_F(ConnectionTest, LogsOutBeforeItCloses) {
-    connection->Init(nullptr);
-    daemon.events.clear();
-    connection->Disconnect();
-    EXPECT_THAT(daemon.events, ElementsAre("call Logout", "close adapter", "close stream /connection/1"));
-    EXPECT_THAT(logger->messages, IsEmpty());
-    EXPECT_FALSE(connection->IsOwn());
 }
 
 TEST_F(ConnectionTest, ClosesWithoutALogoutWhenItIsNotLoggedIn) {
@@ -441,7 +395,7 @@ TEST_F(ConnectionTest, ClosesWithoutALogoutWhenItIsNotLoggedIn) {
     EXPECT_THAT(logger->messages, IsEmpty());
 }
 
-TEST_F(ConnectionTest, ClosesEvenIfTheDaemonCannotBeTold) {
+TEST_F(ConnectionTest, ClosesWhenTheLogoutFails) {
     connection->Init(nullptr);
     daemon.WhenSent("Logout", [] { throw Tessim::StreamException("gone"); });
     daemon.events.clear();
@@ -454,6 +408,8 @@ TEST_F(ConnectionTest, ClosesEvenIfTheDaemonCannotBeTold) {
 TEST_F(ConnectionTest, KeepsItsFactoryAndServiceAfterADisconnect) {
     connection->Init(nullptr);
     connection->Disconnect();
+    EXPECT_FALSE(connection->IsOwn());
+    EXPECT_THAT(logger->messages, IsEmpty());
     EXPECT_NE(connection->GetMoFactory(), nullptr);
     EXPECT_EQ(Count(daemon.events, "shut service down"), 0);
 
@@ -465,12 +421,7 @@ TEST_F(ConnectionTest, KeepsItsFactoryAndServiceAfterADisconnect) {
     EXPECT_THAT(logger->messages, IsEmpty());
 }
 
-TEST_F(ConnectionTest, LogsWhenThereIsNothingToDisconnect) {
-    connection->Disconnect();
-    EXPECT_THAT(logger->messages, ElementsAre(Message{5, "Disconnect: not connected."}));
-}
-
-TEST_F(ConnectionTest, LogsAtItsEndThatItNeverConnected) {
+TEST_F(ConnectionTest, LogsAtItsEndThatItIsNotConnected) {
     connection.Reset();
     EXPECT_THAT(logger->messages, ElementsAre(Message{5, "Disconnect: not connected."}));
 }
@@ -484,7 +435,7 @@ TEST_F(ConnectionTest, DisconnectsAtItsEndAndShutsTheServiceDown) {
     EXPECT_THAT(logger->messages, IsEmpty());
 }
 
-TEST_F(ConnectionTest, SaysNothingToTheDaemonOfAnotherProcess) {
+TEST_F(ConnectionTest, SendsNothingOnAStreamOfAnotherProcess) {
     connection->Init(nullptr);
     EXPECT_TRUE(connection->IsOwn());
     daemon.foreignStreams = true;
@@ -496,15 +447,13 @@ TEST_F(ConnectionTest, SaysNothingToTheDaemonOfAnotherProcess) {
                 ElementsAre("close adapter", "close stream /connection/1", "shut service down"));
 }
 
-// Work on a daemon's answers.
-
-TEST(LongWork, GoesOnWhileThereIsTime) {
+TEST(CheckTimeLeft, PassesWithinTheTimeBudget) {
     EXPECT_NO_THROW(Connection::CheckTimeLeft());
     const Tessim::TimeBudget plenty(1h);
     EXPECT_NO_THROW(Connection::CheckTimeLeft());
 }
 
-TEST(LongWork, EndsWithTheTimeBudgetAndStartsThePause) {
+TEST(CheckTimeLeft, TimesOutWithTheBudgetAndStartsTheBackoff) {
     const Tessim::Peer daemon("localhost", 902);
     EXPECT_NO_THROW(daemon.CheckBackoff());
     {

@@ -1,46 +1,44 @@
 #include "apps/snmp/refresh/ResourceExtraction.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <algorithm>
 
 #include "apps/snmp/agent/NetSnmp.h"
-#include "apps/snmp/collections/ResTables.h"
-#include "runtime/tessim/exception.h"
-#include "tests/support/api_objects.h"
-#include "tests/support/fake_daemon.h"
 #include "tests/support/fault_injection.h"
-#include "tests/support/log_capture.h"
-#include "tests/unit/snmp_refresh/log_lines.h"
+#include "tests/unit/snmp_refresh/fixture.h"
 #include "tests/unit/snmp_refresh/rows.h"
 
+namespace RefreshTests {
 namespace {
-
-using namespace ApiObjects;
-using SNMP::OrdaneClient;
-using Tessim::MakeRef;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using TestSupport::FakeDaemon;
-using TestSupport::FakeHost;
-using TestSupport::FaultInjection;
-using TestSupport::LogCapture;
-using TestSupport::LogLine;
 
 constexpr std::int64_t beyond32Bits = (std::int64_t{3} << 32) + 7;
 
-class ResourceTest : public testing::Test {
+class ResourceTest : public ClientTest {
   protected:
     ResourceTest() {
         host.counters = AllCounters();
         host.vms = {Vm("16", Config("web-1")), Vm("32", Config("web-2"))};
-        client->GetAllVM(vms);
+        vms = AllVms();
         vm = (*vms)[0];
     }
     ~ResourceTest() override { SNMPRaskTable_Destroy(); }
 
-    // Makes the client know these figures of the VM 16.
+    // Makes VM the only one.
+    void UseVm(const std::string& id) {
+        host.vms = {Vm(id, Config("x"))};
+        vms = AllVms();
+        vm = (*vms)[0];
+    }
+    resCPUNode* FillCpus(std::int32_t count) {
+        return SetCPUResource(client.Get(), vm, Config("x", count).Get(), SNMPResCPUTable_GetPtr());
+    }
+    static std::vector<int> CpuKeys() {
+        std::vector<int> keys;
+        for (const auto* row : TestRows::Cpus()) {
+            keys.push_back(row->cpuVMID);
+        }
+        return keys;
+    }
+    // Makes the client know these statistics of the VM 16.
     void Collect(const std::vector<Ref<Performance::MetricSeries>>& series) {
         host.metrics = Array<Performance::EntityMetricBase>({Metric("16", series)});
         client->CollectVMStats(vms.Get());
@@ -48,11 +46,7 @@ class ResourceTest : public testing::Test {
         daemon.calls.clear();
     }
 
-    FakeDaemon daemon;
-    FakeHost& host = daemon.host;
-    LogCapture log;
-    Ref<OrdaneClient> client = MakeRef<OrdaneClient>();
-    Ref<Ordane::DataArray<Hask::VirtualMachine>> vms;
+    Ref<VmArray> vms;
     Hask::VirtualMachine* vm = nullptr;
 };
 
@@ -79,49 +73,36 @@ TEST_F(ResourceTest, MakesARowPerVirtualCpu) {
 TEST_F(ResourceTest, RoundsCpuTimeToAFloatBeforeItDivides) {
     constexpr std::int32_t used = 1080715965;  // as a float: 1080715904
     Collect({Series(10, "0", {used})});
-    SetCPUResource(client.Get(), vm, Config("x").Get(), SNMPResCPUTable_GetPtr());
+    FillCpus(1);
     EXPECT_EQ(TestRows::Cpus().at(0)->cpuUsedSec, 1080715.875F);
 }
 
 TEST_F(ResourceTest, MakesNoCpuRowsOfAVmWithoutCpus) {
-    for (const int cpus : {0, -1}) {
-        EXPECT_EQ(SetCPUResource(client.Get(), vm, Config("x", cpus).Get(), SNMPResCPUTable_GetPtr()),
-                  nullptr);
-    }
+    EXPECT_EQ(FillCpus(0), nullptr);
+    EXPECT_EQ(FillCpus(-1), nullptr);
     EXPECT_EQ(
         SetCPUResource(client.Get(), vm, MakeRef<Hask::Vm::ConfigInfo>().Get(), SNMPResCPUTable_GetPtr()),
         nullptr);
-    resCPUNode* last = SetCPUResource(client.Get(), vm, Config("x").Get(), SNMPResCPUTable_GetPtr());
+    resCPUNode* last = FillCpus(1);
     EXPECT_EQ(SetCPUResource(client.Get(), vm, Config("x", 0).Get(), &last), last);
     EXPECT_EQ(TestRows::Cpus().size(), 1U);
 }
 
-TEST_F(ResourceTest, LetsTheKeysOfCpusCollide) {
-    host.vms.push_back(Vm("17", Config("near")));
-    client->GetAllVM(vms);
-    resCPUNode* last =
-        SetCPUResource(client.Get(), (*vms)[0], Config("x", 2).Get(), SNMPResCPUTable_GetPtr());
-    SetCPUResource(client.Get(), (*vms)[2], Config("x", 2).Get(), &last);
-    std::vector<int> keys;
-    for (const auto* row : TestRows::Cpus()) {
-        keys.push_back(row->cpuVMID);
-    }
-    EXPECT_THAT(keys, ElementsAre(16, 17, 17, 18));
-}
-
-TEST_F(ResourceTest, CountsTheCpusOfAVmWithABadIdFromMinusOne) {
-    host.vms = {Vm("vm-x", Config("x"))};
-    client->GetAllVM(vms);
-    SetCPUResource(client.Get(), (*vms)[0], Config("x", 2).Get(), SNMPResCPUTable_GetPtr());
-    EXPECT_EQ(TestRows::Cpus().at(0)->cpuVMID, -1);
-    EXPECT_EQ(TestRows::Cpus().at(1)->cpuVMID, 0);
+TEST_F(ResourceTest, LetsTheKeysOfCpusCollideAndWrap) {
+    resCPUNode* last = FillCpus(2);
+    UseVm("17");
+    last = SetCPUResource(client.Get(), vm, Config("x", 2).Get(), &last);
+    UseVm("vm-x");
+    last = SetCPUResource(client.Get(), vm, Config("x", 2).Get(), &last);
+    UseVm("2147483647");
+    SetCPUResource(client.Get(), vm, Config("x", 2).Get(), &last);
+    EXPECT_THAT(CpuKeys(), ElementsAre(16, 17, 17, 18, -1, 0, INT32_MAX, INT32_MIN));
 }
 
 TEST_F(ResourceTest, MakesAtMost65536CpuRowsOfAVm) {
     constexpr std::int32_t most = 65536;
     for (const std::int32_t cpus : {most - 1, most, most + 1, INT32_MAX}) {
-        resCPUNode* const last =
-            SetCPUResource(client.Get(), vm, Config("x", cpus).Get(), SNMPResCPUTable_GetPtr());
+        resCPUNode* const last = FillCpus(cpus);
         log.Take();
         EXPECT_EQ(TestRows::Cpus().size(), static_cast<std::size_t>(std::min(cpus, most))) << cpus;
         EXPECT_EQ(last->cpuVMID, 16 + std::min(cpus, most) - 1) << cpus;
@@ -129,20 +110,11 @@ TEST_F(ResourceTest, MakesAtMost65536CpuRowsOfAVm) {
     }
 }
 
-TEST_F(ResourceTest, LetsTheKeysOfCpusWrap) {
-    host.vms = {Vm("2147483647", Config("x"))};
-    client->GetAllVM(vms);
-    SetCPUResource(client.Get(), (*vms)[0], Config("x", 2).Get(), SNMPResCPUTable_GetPtr());
-    EXPECT_EQ(TestRows::Cpus().at(0)->cpuVMID, INT32_MAX);
-    EXPECT_EQ(TestRows::Cpus().at(1)->cpuVMID, INT32_MIN);
-}
-
-TEST_F(ResourceTest, StoresAMissingFigureAsItIs) {
+TEST_F(ResourceTest, StoresAnUnknownStatisticAsItIs) {
     Collect({Series(10, "1", {1000})});
-    SetCPUResource(client.Get(), vm, Config("x").Get(), SNMPResCPUTable_GetPtr());
+    FillCpus(1);
     EXPECT_EQ(TestRows::Cpus().at(0)->cpuUsedSec, static_cast<float>(-1 / 1000.0));
-    EXPECT_THAT(log.Take(),
-                ElementsAre(LogLine{4, "OrdaneClient::RetrieveStats: couldn't find stats for cpu.used.0\n"}));
+    EXPECT_EQ(log.Take(), MissingStatistics({"cpu.used.0"}));
 }
 
 TEST_F(ResourceTest, HasNoSharesWithoutAnAllocation) {
@@ -152,16 +124,6 @@ TEST_F(ResourceTest, HasNoSharesWithoutAnAllocation) {
     SetMemResource(client.Get(), vm, config.Get(), SNMPResMemTable_GetPtr());
     EXPECT_EQ(TestRows::Cpus().at(0)->cpuShares, 0);
     EXPECT_EQ(TestRows::Memories().at(0)->memShares, 0);
-}
-
-TEST_F(ResourceTest, EndsTheCpusWithoutMemory) {
-    Collect({Series(10, "0", {1000})});
-    FaultInjection faults;
-    faults.FailCalloc(sizeof(resCPUNode), 2);
-    resCPUNode* const last = SetCPUResource(client.Get(), vm, Config("x", 3).Get(), SNMPResCPUTable_GetPtr());
-    ASSERT_EQ(TestRows::Cpus().size(), 1U);
-    EXPECT_EQ(TestRows::Cpus()[0], last);
-    EXPECT_THAT(log.Take(), ElementsAre(LogLine{4, "SetCPUResource: Out of memory?\n"}));
 }
 
 // Memory.
@@ -181,12 +143,12 @@ TEST_F(ResourceTest, MakesARowOfTheMemory) {
     EXPECT_THAT(log.Take(), IsEmpty());
 }
 
-TEST_F(ResourceTest, TakesTheMemoryFigureOfAnyInstance) {
+TEST_F(ResourceTest, ReadsTheMemoryStatisticOfAnyInstance) {
     Collect({Series(9, "odd", {5}), Series(9, "", {6})});
     EXPECT_EQ(SetMemResource(client.Get(), vm, Config("x").Get(), SNMPResMemTable_GetPtr())->memActive, 5);
 }
 
-TEST_F(ResourceTest, CutsConfiguredMemoryTo32Bits) {
+TEST_F(ResourceTest, TruncatesConfiguredMemoryTo32Bits) {
     resMemNode* last =
         SetMemResource(client.Get(), vm, Config("x", 1, 2097152).Get(), SNMPResMemTable_GetPtr());
     EXPECT_EQ(last->memConfiguredKB, INT32_MIN);
@@ -196,14 +158,14 @@ TEST_F(ResourceTest, CutsConfiguredMemoryTo32Bits) {
     EXPECT_EQ(last->memConfiguredKB, 1024);
 }
 
-TEST_F(ResourceTest, MakesNoMemoryRowWithoutMemory) {
+TEST_F(ResourceTest, ReturnsTheLastRowWithoutMemoryForAnother) {
     resMemNode* last = SetMemResource(client.Get(), vm, Config("x").Get(), SNMPResMemTable_GetPtr());
     log.Take();
-    FaultInjection faults;
+    TestSupport::FaultInjection faults;
     faults.FailCalloc(sizeof(resMemNode));
     EXPECT_EQ(SetMemResource(client.Get(), vm, Config("x").Get(), &last), last);
     EXPECT_EQ(TestRows::Memories().size(), 1U);
-    EXPECT_THAT(log.Take(), ElementsAre(LogLine{4, "SetMemResource: Out of memory?\n"}));
+    EXPECT_EQ(log.Take(), Warnings({"SetMemResource: Out of memory?\n"}));
 }
 
 // Disks.
@@ -230,14 +192,11 @@ class DiskTest : public ResourceTest {
         }
         return rows;
     }
-    // The log without the figures that are missing.
-    std::vector<LogLine> OtherLines() {
-        std::vector<LogLine> lines;
-        for (const LogLine& line : log.Take()) {
-            if (!line.text.starts_with("OrdaneClient::RetrieveStats")) {
-                lines.push_back(line);
-            }
-        }
+    // The log without the warnings about missing statistics.
+    Lines OtherLines() {
+        Lines lines = log.Take();
+        std::erase_if(
+            lines, [](const LogLine& line) { return line.text.starts_with("OrdaneClient::RetrieveStats"); });
         return lines;
     }
 
@@ -261,16 +220,6 @@ TEST_F(DiskTest, FillsARowPerDisk) {
     EXPECT_THAT(log.Take(), IsEmpty());
 }
 
-TEST_F(DiskTest, AsksForTheFiguresInTheirOrder) {
-    Fill({Disk("Hard Disk 1", 0, DeviceBacking("raw"), 1000)});
-    const std::string prefix = "OrdaneClient::RetrieveStats: couldn't find stats for ";
-    EXPECT_THAT(
-        log.Take(),
-        ElementsAre(LogLine{4, prefix + "disk.numberRead.raw\n"}, LogLine{4, prefix + "disk.read.raw\n"},
-                    LogLine{4, prefix + "disk.numberWrite.raw\n"}, LogLine{4, prefix + "disk.write.raw\n"}));
-    EXPECT_EQ(last->diskWrite, -1);
-}
-
 TEST_F(DiskTest, NamesDisksByTheirBacking) {
     Fill({Disk("A", 0, DeviceBacking("raw-7")), Disk("B", 1, FileBacking("[s] b", "drell")),
           Disk("C", 2, FileBacking("[s] c", "mute")), Disk("D", 3, FileBacking("[s] d")),
@@ -281,7 +230,7 @@ TEST_F(DiskTest, NamesDisksByTheirBacking) {
     EXPECT_THAT(NumbersAndNames(), ElementsAre(Row(1, "raw-7"), Row(2, "disk-0:0"), Row(3, "unknown"),
                                                Row(4, "unknown"), Row(5, "unknown"), Row(6, "unknown"),
                                                Row(7, "unknown"), Row(8, "unknown"), Row(9, "unknown")));
-    const auto lines = OtherLines();
+    const Lines lines = OtherLines();
     EXPECT_THAT(TextsOf(lines, 4), ElementsAre("SetDiskResource: no datastore info for C.\n",
                                                "SetDiskResource: no datastore info for D.\n",
                                                "OrdaneClient::GetDatastoreInfo: :no Datastore nowhere\n",
@@ -291,27 +240,21 @@ TEST_F(DiskTest, NamesDisksByTheirBacking) {
     EXPECT_THAT(TextsOf(lines, 6), IsEmpty());
 }
 
-TEST_F(DiskTest, SaysThatADiskHasNoLabel) {
-    Fill({Disk("", 0, FileBacking("[s] a", "plain")), Disk("", 1, FileBacking("[s] b", "mute"))});
-    EXPECT_THAT(
-        OtherLines(),
-        ElementsAre(LogLine{6, "SetDiskResource: skipped disk not backed by drell disk without label.\n"},
-                    LogLine{4, "SetDiskResource: no datastore info for disk without label.\n"}));
+TEST_F(DiskTest, NamesADiskInTheLogByItsLabelOnOneLine) {
+    Fill({Disk("", 0, FileBacking("[s] a", "plain")), Disk("", 1, FileBacking("[s] b", "mute")),
+          Disk("A\nB", 0, FileBacking("[s] a", "plain")), Disk("C\nD", 1, FileBacking("[s] b", "mute"))});
+    EXPECT_EQ(OtherLines(),
+              (Lines{{6, "SetDiskResource: skipped disk not backed by drell disk without label.\n"},
+                     {4, "SetDiskResource: no datastore info for disk without label.\n"},
+                     {6, "SetDiskResource: skipped disk not backed by drell A\\x0aB.\n"},
+                     {4, "SetDiskResource: no datastore info for C\\x0aD.\n"}}));
 }
 
-TEST_F(DiskTest, KeepsALabelOnOneLineOfTheLog) {
-    Fill({Disk("A\nB", 0, FileBacking("[s] a", "plain")), Disk("C\nD", 1, FileBacking("[s] b", "mute"))});
-    EXPECT_THAT(OtherLines(),
-                ElementsAre(LogLine{6, "SetDiskResource: skipped disk not backed by drell A\\x0aB.\n"},
-                            LogLine{4, "SetDiskResource: no datastore info for C\\x0aD.\n"}));
-}
-
-TEST_F(DiskTest, SkipsDisksOfOtherDatastoresAndTakesTheirNumberBack) {
+TEST_F(DiskTest, SkipsDisksOfOtherDatastoresAndTheirNumbers) {
     Fill({Disk("Hard Disk 1", 0, FileBacking("[s] a", "drell")),
           Disk("Hard Disk 2", 1, FileBacking("[s] b", "plain"))});
     EXPECT_EQ(TestRows::Disks().back(), last);
-    EXPECT_THAT(OtherLines(),
-                ElementsAre(LogLine{6, "SetDiskResource: skipped disk not backed by drell Hard Disk 2.\n"}));
+    EXPECT_EQ(OtherLines(), (Lines{{6, "SetDiskResource: skipped disk not backed by drell Hard Disk 2.\n"}}));
     vm = (*vms)[1];
     Fill({Disk("Hard Disk 1", 0, DeviceBacking("raw-1")), Disk("Hard Disk 2", 1, DeviceBacking("raw-2"))});
     using Row = std::pair<int, std::string>;
@@ -327,17 +270,7 @@ TEST_F(DiskTest, MakesNoRowWhenAllAreSkipped) {
     EXPECT_EQ(last->diskIdx, 1);
 }
 
-TEST_F(DiskTest, CountsDisksAcrossVms) {
-    const std::vector<Ref<Device::VirtualDisk>> two = {Disk("A", 0, DeviceBacking("a")),
-                                                       Disk("B", 1, DeviceBacking("b"))};
-    Fill(two);
-    vm = (*vms)[1];
-    Fill(two);
-    using Row = std::pair<int, std::string>;
-    EXPECT_THAT(NumbersAndNames(), ElementsAre(Row(1, "a"), Row(2, "b"), Row(3, "a"), Row(4, "b")));
-}
-
-TEST_F(DiskTest, AsksTheDaemonOnlyForTheDatastoresOfFiles) {
+TEST_F(DiskTest, FetchesOnlyTheDatastoresOfFiles) {
     Fill({Disk("A", 0, DeviceBacking("raw")), Disk("B", 1, FileBacking("[s] b")),
           Disk("C", 2, FileBacking("[s] c", "drell"))});
     EXPECT_EQ(daemon.CountCalls("GetInfo"), 1);
@@ -348,16 +281,6 @@ TEST_F(DiskTest, HasNoSharesWithoutThem) {
     disk->SetShares(nullptr);
     Fill({disk});
     EXPECT_EQ(last->diskShares, 0);
-}
-
-TEST_F(DiskTest, EndsWithoutMemory) {
-    FaultInjection faults;
-    faults.FailCalloc(sizeof(resDiskNode), 2);
-    Fill({Disk("A", 0, DeviceBacking("a")), Disk("B", 1, DeviceBacking("b")),
-          Disk("C", 2, DeviceBacking("c"))});
-    EXPECT_EQ(TestRows::Disks().size(), 1U);
-    EXPECT_EQ(TestRows::Disks()[0], last);
-    EXPECT_THAT(OtherLines(), ElementsAre(LogLine{4, "SetDiskResource: Out of memory?\n"}));
 }
 
 TEST_F(DiskTest, KeepsNamesWhenTheRowsAreGone) {
@@ -372,22 +295,22 @@ TEST_F(DiskTest, KeepsNamesWhenTheRowsAreGone) {
 }
 
 // Without the log capture, which needs memory itself.
-TEST(DiskWithoutMemoryForItsName, HasNoFigures) {
+TEST(DiskWithoutMemoryForItsName, HasNoStatistics) {
     FakeDaemon daemon;
     daemon.host.counters = AllCounters();
     daemon.host.vms = {Vm("16", Config("web-1"))};
-    // Figures that a question for any instance would find.
+    // Statistics that a lookup of any instance would find.
     daemon.host.metrics->Append(Metric("16", {Series(1, "raw-1", {101}), Series(2, "raw-1", {102}),
                                               Series(3, "raw-1", {103}), Series(4, "raw-1", {104})}));
     const auto client = MakeRef<OrdaneClient>();
-    Ref<Ordane::DataArray<Hask::VirtualMachine>> vms;
+    Ref<VmArray> vms;
     client->GetAllVM(vms);
     client->CollectVMStats(vms.Get());
     const auto disks = Array<Device::VirtualDisk>({Disk("Hard Disk 1", 0, DeviceBacking("raw-1"), 1000)});
     snmp_disable_log();
     resDiskNode* row = nullptr;
     {
-        FaultInjection faults;
+        TestSupport::FaultInjection faults;
         faults.FailNew(1, 2);  // for the disk's own name, and for the one that takes its place
         row = SetDiskResource(client.Get(), (*vms)[0], disks.Get(), SNMPResDiskTable_GetPtr());
     }
@@ -448,44 +371,12 @@ TEST_F(CardTest, FillsARowPerCard) {
     EXPECT_EQ(rows[1]->netHCRx, UINT64_MAX);
 }
 
-TEST_F(CardTest, AsksForTheFiguresInTheirOrderTwice) {
-    Collect({});
-    Fill({Card(4000, "Adapter 1", "")});
-    const std::string prefix = "OrdaneClient::RetrieveStats: couldn't find stats for net.";
-    const LogLine pktTx{4, prefix + "packetsTx.4000\n"};
-    const LogLine tx{4, prefix + "transmitted.4000\n"};
-    const LogLine pktRx{4, prefix + "packetsRx.4000\n"};
-    const LogLine rx{4, prefix + "received.4000\n"};
-    EXPECT_THAT(log.Take(), ElementsAre(pktTx, tx, pktRx, rx, pktTx, tx, pktRx, rx));
-}
-
-TEST_F(CardTest, CallsACardWithoutInformationUnknown) {
+TEST_F(CardTest, ShowsACardWithoutInformationAsUnknown) {
     Collect({Series(7, "4000", {9})});
     Fill({MakeDevice<Device::VirtualEthernetCard>(4000, "")});
     EXPECT_STREQ(last->netName, "unknown");
     EXPECT_STREQ(last->netMac, "SNMP Error");
     EXPECT_EQ(last->netPktTx, 9);
-}
-
-TEST_F(CardTest, CountsCardsAcrossVms) {
-    const std::vector<Ref<Device::VirtualEthernetCard>> two = {Nic(4000, "a"), Nic(4001, "b")};
-    Fill(two);
-    vm = (*vms)[1];
-    Fill(two);
-    std::vector<std::pair<int, int>> rows;
-    for (const auto* row : TestRows::Cards()) {
-        rows.emplace_back(row->netIdx, row->netVMID);
-    }
-    EXPECT_THAT(rows, ElementsAre(std::pair(1, 16), std::pair(2, 16), std::pair(3, 32), std::pair(4, 32)));
-}
-
-TEST_F(CardTest, EndsWithoutMemory) {
-    FaultInjection faults;
-    faults.FailCalloc(sizeof(resNetNode), 2);
-    Fill({Nic(1, "a"), Nic(2, "b"), Nic(3, "c")});
-    EXPECT_EQ(TestRows::Cards().size(), 1U);
-    EXPECT_EQ(TestRows::Cards()[0], last);
-    EXPECT_EQ(log.Take().back(), (LogLine{4, "SetNetResource: Out of memory?\n"}));
 }
 
 TEST_F(CardTest, KeepsNamesAndAddressesWhenTheRowsAreGone) {
@@ -503,18 +394,25 @@ TEST_F(CardTest, KeepsNamesAndAddressesWhenTheRowsAreGone) {
 
 // The scalars.
 
-TEST_F(ResourceTest, AsksTheProcessWideClientForTheCores) {
+TEST_F(ResourceTest, ReadsTheCoresFromTheProcessWideClient) {
     host.hardware = MakeRef<Hask::Host::HardwareInfo>();
     host.hardware->SetCpuInfo(MakeRef<Hask::Host::CpuInfo>());
     host.hardware->GetCpuInfo()->SetNumCpuCores(40000);
     EXPECT_EQ(GetNumCpu(), 40000 - 65536);
 }
 
-TEST_F(ResourceTest, HasNoCoresWithoutAClient) {
+TEST_F(ResourceTest, HasNeitherCoresNorMemoryWithoutAClient) {
     daemon.down = "connection refused";
     EXPECT_EQ(GetNumCpu(), 0);
     EXPECT_EQ(log.Take().back(),
               (LogLine{4, "GetNumCPu: Could not acquire ordane client to tovric-vessad.\n"}));
+    long reserved = -5;
+    long total = -5;
+    GetMemory(&reserved, &total);
+    EXPECT_EQ(reserved, 0);
+    EXPECT_EQ(total, 0);
+    EXPECT_EQ(log.Take().back(),
+              (LogLine{4, "GetMemory: Could not acquire ordane client to tovric-vessad.\n"}));
 }
 
 TEST_F(ResourceTest, NarrowsTheMemoryReservationTo32Bits) {
@@ -541,23 +439,13 @@ TEST_F(ResourceTest, KeepsTheSignOfANarrowedReservation) {
     EXPECT_EQ(total, 1 << 21);
 }
 
-TEST_F(ResourceTest, HasNoMemoryWithoutAClient) {
-    daemon.down = "connection refused";
-    long reserved = -5;
-    long total = -5;
-    GetMemory(&reserved, &total);
-    EXPECT_EQ(reserved, 0);
-    EXPECT_EQ(total, 0);
-    EXPECT_EQ(log.Take().back(),
-              (LogLine{4, "GetMemory: Could not acquire ordane client to tovric-vessad.\n"}));
-}
-
 using MemoryDeathTest = ResourceTest;
 
 TEST_F(MemoryDeathTest, NeedsBothPointers) {
-    long figure = 0;
-    EXPECT_DEATH(GetMemory(nullptr, &figure), "assertion failed: reserved && total");
-    EXPECT_DEATH(GetMemory(&figure, nullptr), "assertion failed: reserved && total");
+    long value = 0;
+    EXPECT_DEATH(GetMemory(nullptr, &value), "assertion failed: reserved && total");
+    EXPECT_DEATH(GetMemory(&value, nullptr), "assertion failed: reserved && total");
 }
 
 }  // namespace
+}  // namespace RefreshTests

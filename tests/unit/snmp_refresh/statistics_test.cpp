@@ -1,41 +1,47 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
+#include <algorithm>
 #include <stdexcept>
 
-#include "apps/snmp/client/OrdaneClient.h"
+#include "runtime/hask/performance_counters.h"
 #include "runtime/ordane/faults.h"
-#include "tests/support/api_objects.h"
-#include "tests/support/fake_daemon.h"
-#include "tests/support/log_capture.h"
-#include "tests/unit/snmp_refresh/log_lines.h"
+#include "tests/unit/snmp_refresh/fixture.h"
 
-namespace SNMP {
+namespace RefreshTests {
 namespace {
 
-using ApiObjects::AllCounters;
-using ApiObjects::Counter;
-using ApiObjects::Metric;
-using ApiObjects::Performance;
-using ApiObjects::Reference;
-using ApiObjects::Series;
-using Tessim::MakeRef;
-using Tessim::Ref;
-using testing::ElementsAre;
-using testing::ElementsAreArray;
-using testing::IsEmpty;
 using testing::Pair;
-using TestSupport::FakeDaemon;
-using TestSupport::FakeHost;
-using TestSupport::LogCapture;
-using TestSupport::LogLine;
 
-using VmArray = Ordane::DataArray<Hask::VirtualMachine>;
 using MetricIds = Ordane::DataArray<Performance::MetricId>;
+using Metrics = std::vector<Ref<Performance::EntityMetric>>;
 
 constexpr std::int64_t beyond32Bits = (std::int64_t{1} << 32) + 5;
+const Lines noStatistics = {{4, "OrdaneClient::RetrieveStats: no stats available."}};
 
-class StatisticsTest : public testing::Test {
+// A client whose results fail at the second, or that has no metric ids.
+class FailingClient final : public OrdaneClient {
+  public:
+    void (*atSecondResult)() = nullptr;
+    bool withoutMetricIds = false;
+
+    void GetQueryMetricIds(Ref<MetricIds>& out) override {
+        out.Reset();
+        if (!withoutMetricIds) {
+            OrdaneClient::GetQueryMetricIds(out);
+        }
+    }
+
+  protected:
+    void AddResult(Performance::EntityMetric* metric) override {
+        if (atSecondResult != nullptr && ++results == 2) {
+            atSecondResult();
+        }
+        OrdaneClient::AddResult(metric);
+    }
+
+  private:
+    int results = 0;
+};
+
+class StatisticsTest : public DaemonTest {
   protected:
     StatisticsTest() {
         host.counters = AllCounters();
@@ -48,30 +54,32 @@ class StatisticsTest : public testing::Test {
         client->GetAllVM(vms);
         return vms;
     }
-    // Collects what `metrics` holds.
-    void Collect(const std::vector<Ref<Performance::EntityMetric>>& metrics) {
-        host.metrics = ApiObjects::Array<Performance::EntityMetricBase>();
-        for (const auto& metric : metrics) {
-            host.metrics->Append(metric);
-        }
-        client->CollectVMStats(AllVms().Get());
+    void Collect() { client->CollectVMStats(AllVms().Get()); }
+    void Collect(const Metrics& metrics) {
+        host.metrics = Array<Performance::EntityMetricBase>({metrics.begin(), metrics.end()});
+        Collect();
     }
     void BreakTheConnection() {
-        daemon.WhenSent("GetChildEntity", [] { throw Tessim::StreamException("reset"); });
+        BreakAt("GetChildEntity");
         AllVms();
-        daemon.WhenSent("GetChildEntity", nullptr);
         ASSERT_FALSE(client->IsInitialized());
+    }
+    // The daemon's catalogue.
+    void SetCounters(const std::vector<Ref<Performance::CounterInfo>>& counters) {
+        host.counters = Array(counters);
     }
     std::int64_t Retrieve(const std::string& id, const char* group, const char* counter,
                           const char* instance) {
         return client->RetrieveHCStats(Reference("VirtualMachine", id).Get(), group, counter, instance);
     }
+    // Of the VM 16.
+    std::int64_t CpuUsed(const char* instance = "0") { return Retrieve("16", "cpu", "used", instance); }
+    void ExpectNoStatistics() {
+        EXPECT_EQ(CpuUsed(), -1);
+        EXPECT_EQ(log.Take(), noStatistics);
+    }
 
-    FakeDaemon daemon;
-    FakeHost& host = daemon.host;
-    LogCapture log;
-    Ref<OrdaneClient> client = MakeRef<OrdaneClient>();
-    const Tessim::Exception failure{"it failed"};
+    Ref<FailingClient> client = MakeRef<FailingClient>();
 };
 
 // Names and ids.
@@ -94,13 +102,28 @@ TEST(CounterNames, AreThoseOfTheDaemonsCatalogue) {
 }
 
 TEST(CounterNames, ArePackedAsGroupDotCounter) {
-    CounterList list;
-    PackStatsName(list, "net", "received", -1);
-    PackStatsName(list, "", "", 7);
+    SNMP::CounterList list;
+    SNMP::PackStatsName(list, "net", "received", -1);
+    SNMP::PackStatsName(list, "", "", 7);
     EXPECT_THAT(list, ElementsAre(Pair("net.received", -1), Pair(".", 7)));
 }
 
-TEST_F(StatisticsTest, ResolvesTheTenCountersInTheirOrder) {
+// No data of a daemon leads here.
+TEST(CounterList, RejectsAnyNumberButTen) {
+    LogCapture log;
+    const std::span<const Hask::Counters::Counter> ten = Hask::Counters::standard;
+    const char* const text = "OrdaneClient::GetAvailableCounterIds, BUG - bad count.\n";
+    try {
+        SNMP::MakeCounterList(ten.first(9));
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const Ordane::Fault::SystemError::Exception& failure) {
+        EXPECT_STREQ(failure.what(), text);
+    }
+    EXPECT_EQ(log.Take(), (Lines{{3, text}}));
+    EXPECT_EQ(SNMP::MakeCounterList(ten).size(), 10U);
+}
+
+TEST_F(StatisticsTest, ResolvesTheTenCountersInTheirOrderOnce) {
     EXPECT_THAT(client->GetAvailableCounterIds(),
                 ElementsAre(Pair("disk.numberRead", 1), Pair("disk.numberWrite", 2), Pair("disk.read", 3),
                             Pair("disk.write", 4), Pair("net.received", 5), Pair("net.transmitted", 6),
@@ -111,23 +134,20 @@ TEST_F(StatisticsTest, ResolvesTheTenCountersInTheirOrder) {
 }
 
 TEST_F(StatisticsTest, LeavesCountersThatTheCatalogueLacksUnresolved) {
-    host.counters = ApiObjects::Array<Performance::CounterInfo>(
-        {Counter(70, "cpu", "usage"), Counter(71, "Cpu", "used"), Counter(72, "cpu", "Used"),
-         Counter(73, "cpu.used", ""), Counter(74, "mem", "active")});
+    SetCounters({Counter(70, "cpu", "usage"), Counter(71, "Cpu", "used"), Counter(72, "cpu", "Used"),
+                 Counter(73, "cpu.used", ""), Counter(74, "mem", "active")});
     for (const auto& [name, id] : client->GetAvailableCounterIds()) {
         EXPECT_EQ(id, name == "mem.active" ? 74 : -1) << name;
     }
-    EXPECT_EQ(client->GetCounterIdFromName("cpu", "used"), -1);
     // Resolved all the same: the catalogue is not read again.
     host.counters = AllCounters();
     EXPECT_EQ(client->GetCounterIdFromName("cpu", "used"), -1);
     EXPECT_EQ(daemon.CountCalls("GetPerfCounter"), 1);
 }
 
-TEST_F(StatisticsTest, TakesTheFirstOfTwoCountersOfOneName) {
-    host.counters = ApiObjects::Array<Performance::CounterInfo>(
-        {Counter(5, "cpu", "usage"), Counter(90, "cpu", "used", Performance::RollupType::summation),
-         Counter(3, "cpu", "used", Performance::RollupType::average), Counter(4, "mem", "active")});
+TEST_F(StatisticsTest, ResolvesToTheFirstOfTwoCountersOfOneName) {
+    SetCounters({Counter(5, "cpu", "usage"), Counter(90, "cpu", "used", Performance::RollupType::summation),
+                 Counter(3, "cpu", "used", Performance::RollupType::average), Counter(4, "mem", "active")});
     EXPECT_EQ(client->GetCounterIdFromName("cpu", "used"), 90);
 }
 
@@ -149,25 +169,20 @@ TEST_F(StatisticsTest, HasNoCountersWithoutAPerformanceManager) {
     EXPECT_EQ(daemon.CountCalls("GetPerfCounter"), 0);
 }
 
-TEST_F(StatisticsTest, LooksForThePerformanceManagerAgainWhenThereWasNone) {
-    daemon.WhenCalled("RetrieveContent", [this] { throw failure; });
+TEST_F(StatisticsTest, ResolvesTheCountersAfterAnEarlierFailure) {
+    FailAt("RetrieveContent");
     EXPECT_THAT(client->GetAvailableCounterIds(), IsEmpty());
-    daemon.WhenCalled("RetrieveContent", nullptr);
-    EXPECT_EQ(client->GetAvailableCounterIds().size(), 10U);
-    EXPECT_EQ(client->GetCounterIdFromName("cpu", "used"), 10);
-}
-
-TEST_F(StatisticsTest, TriesTheCountersAgainAfterAFailure) {
-    daemon.WhenCalled("GetPerfCounter", [this] { throw failure; });
+    Repair("RetrieveContent");
+    FailAt("GetPerfCounter");
     EXPECT_THROW(client->GetAvailableCounterIds(), Tessim::Exception);
-    daemon.WhenCalled("GetPerfCounter", nullptr);
+    Repair("GetPerfCounter");
     EXPECT_EQ(client->GetAvailableCounterIds().size(), 10U);
     EXPECT_EQ(client->GetCounterIdFromName("cpu", "used"), 10);
 }
 
 TEST_F(StatisticsTest, ResolvesTheCountersAnewForEachClient) {
     EXPECT_EQ(client->GetCounterIdFromName("cpu", "used"), 10);
-    host.counters = ApiObjects::Array<Performance::CounterInfo>({Counter(33, "cpu", "used")});
+    SetCounters({Counter(33, "cpu", "used")});
     const auto other = MakeRef<OrdaneClient>();
     EXPECT_EQ(other->GetCounterIdFromName("cpu", "used"), 33);
     EXPECT_EQ(other->GetAvailableCounterIds().size(), 10U);
@@ -177,47 +192,42 @@ TEST_F(StatisticsTest, SharesOneListAmongAllClients) {
     Collect({Metric("16", {Series(10, "0", {1})})});
     const auto other = MakeRef<OrdaneClient>();
     EXPECT_EQ(&other->GetAvailableCounterIds(), &client->GetAvailableCounterIds());
-    // One that finds no performance manager empties it, and the others take it as it stands.
+    // A client without a performance manager empties it for the others too.
     host.content->SetPerfManager(nullptr);
     EXPECT_THAT(MakeRef<OrdaneClient>()->GetAvailableCounterIds(), IsEmpty());
     EXPECT_THAT(client->GetAvailableCounterIds(), IsEmpty());
-    EXPECT_EQ(Retrieve("16", "cpu", "used", "0"), -1);
-    EXPECT_THAT(log.Take(),
-                ElementsAre(LogLine{4, "OrdaneClient::RetrieveStats: couldn't find stats for cpu.used\n"}));
+    EXPECT_EQ(CpuUsed(), -1);
+    EXPECT_EQ(log.Take(), MissingStatistics({"cpu.used"}));
 }
 
-TEST_F(StatisticsTest, KeepsTheIdsOverAReconnect) {
-    client->CollectVMStats(AllVms().Get());
+TEST_F(StatisticsTest, KeepsIdsAndStatisticsAcrossAReconnect) {
+    Collect({Metric("16", {Series(10, "0", {1})})});
     BreakTheConnection();
-    host.counters = ApiObjects::Array<Performance::CounterInfo>({Counter(33, "cpu", "used")});
-    client->CollectVMStats(AllVms().Get());
+    EXPECT_EQ(CpuUsed(), 1);
+    SetCounters({Counter(33, "cpu", "used")});
+    Collect();
     EXPECT_EQ(daemon.openings.size(), 2U);
     EXPECT_EQ(daemon.CountCalls("QueryPerf"), 2);
     EXPECT_EQ(daemon.CountCalls("GetPerfCounter"), 1);
     EXPECT_EQ(client->GetCounterIdFromName("cpu", "used"), 10);
 }
 
-TEST_F(StatisticsTest, FindsThePerformanceManagerThatTheContentNames) {
+TEST_F(StatisticsTest, ReturnsThePerformanceManagerThatTheContentNames) {
     Ref<Performance> manager;
     client->GetPerfManager(manager);
     ASSERT_TRUE(manager);
     EXPECT_EQ(manager->GetMoRef()->GetId(), "ha-perfmgr");
+    BreakTheConnection();
+    client->GetPerfManager(manager);
+    EXPECT_TRUE(manager);
+    EXPECT_EQ(daemon.openings.size(), 2U);
     host.content->SetPerfManager(nullptr);
     MakeRef<OrdaneClient>()->GetPerfManager(manager);
     EXPECT_FALSE(manager);
 }
 
-TEST_F(StatisticsTest, FindsThePerformanceManagerAgainAfterABrokenConnection) {
-    Ref<Performance> manager;
-    client->GetPerfManager(manager);
-    BreakTheConnection();
-    client->GetPerfManager(manager);
-    ASSERT_TRUE(manager);
-    EXPECT_EQ(daemon.openings.size(), 2U);
-}
-
-TEST_F(StatisticsTest, AsksForEveryInstanceOfEachCounter) {
-    host.counters = ApiObjects::Array<Performance::CounterInfo>({Counter(33, "cpu", "used")});
+TEST_F(StatisticsTest, MakesAMetricOfEveryInstanceForEachCounter) {
+    SetCounters({Counter(33, "cpu", "used")});
     Ref<MetricIds> ids;
     client->GetQueryMetricIds(ids);
     ASSERT_TRUE(ids);
@@ -233,8 +243,8 @@ TEST_F(StatisticsTest, AsksForEveryInstanceOfEachCounter) {
 
 // Collecting.
 
-TEST_F(StatisticsTest, AsksForAllVmsInOneQuery) {
-    client->CollectVMStats(AllVms().Get());
+TEST_F(StatisticsTest, QueriesAllVmsAtOnce) {
+    Collect();
     ASSERT_EQ(host.queries.size(), 1U);
     const auto& specs = *host.queries[0];
     ASSERT_EQ(specs.GetLength(), 2);
@@ -253,9 +263,9 @@ TEST_F(StatisticsTest, AsksForAllVmsInOneQuery) {
     EXPECT_THAT(log.Take(), IsEmpty());
 }
 
-TEST_F(StatisticsTest, AsksForUnresolvedCountersToo) {
-    host.counters = ApiObjects::Array<Performance::CounterInfo>();
-    client->CollectVMStats(AllVms().Get());
+TEST_F(StatisticsTest, QueriesUnresolvedCountersToo) {
+    SetCounters({});
+    Collect();
     ASSERT_EQ(host.queries.size(), 1U);
     EXPECT_EQ((*(*host.queries[0])[0]->GetMetricId())[0]->GetCounterId(), -1);
 }
@@ -268,114 +278,154 @@ TEST_F(StatisticsTest, SendsAQueryWithoutSpecsForNoVms) {
 
 TEST_F(StatisticsTest, OnlyDropsTheResultsForANullArray) {
     Collect({Metric("16", {Series(10, "0", {1})})});
-    EXPECT_EQ(Retrieve("16", "cpu", "used", "0"), 1);
+    EXPECT_EQ(CpuUsed(), 1);
     daemon.calls.clear();
     client->CollectVMStats(nullptr);
     EXPECT_THAT(daemon.calls, IsEmpty());
     EXPECT_THAT(log.Take(), IsEmpty());
-    EXPECT_EQ(Retrieve("16", "cpu", "used", "0"), -1);
-    EXPECT_THAT(log.Take(), ElementsAre(LogLine{4, "OrdaneClient::RetrieveStats: no stats available."}));
+    ExpectNoStatistics();
+}
+
+// No data of a daemon leads here.
+TEST_F(StatisticsTest, DropsTheResultsWithoutMetricIds) {
+    Collect({Metric("16", {Series(10, "0", {1})})});
+    client->withoutMetricIds = true;
+    Collect();
+    EXPECT_EQ(log.Take(), Warnings({"OrdaneClient::CollectVMStats no-op, no metrid Id to query.\n"}));
+    EXPECT_EQ(host.queries.size(), 1U);
+    ExpectNoStatistics();
 }
 
 TEST_F(StatisticsTest, CollectsNothingWithoutAPerformanceManager) {
     host.content->SetPerfManager(nullptr);
-    client->CollectVMStats(AllVms().Get());
-    EXPECT_THAT(log.Take(),
-                ElementsAre(LogLine{4, "OrdaneClient::CollectVMStats failed, no perf manager.\n"}));
+    Collect();
+    EXPECT_EQ(log.Take(), Warnings({"OrdaneClient::CollectVMStats failed, no perf manager.\n"}));
     EXPECT_THAT(host.queries, IsEmpty());
-    EXPECT_EQ(Retrieve("16", "cpu", "used", "0"), -1);
-    EXPECT_THAT(log.Take(), ElementsAre(LogLine{4, "OrdaneClient::RetrieveStats: no stats available."}));
+    ExpectNoStatistics();
 }
 
-TEST_F(StatisticsTest, DropsTheResultsAlsoWhenItEndsWithoutAPerformanceManager) {
+TEST_F(StatisticsTest, DropsTheResultsWhenThePerformanceManagerIsOutOfReach) {
     Collect({Metric("16", {Series(10, "0", {1})})});
     const Ref<VmArray> vms = AllVms();
     BreakTheConnection();
     daemon.down = "connection refused";
     client->CollectVMStats(vms.Get());
     EXPECT_EQ(log.Take().back(), (LogLine{4, "OrdaneClient::CollectVMStats failed, no perf manager.\n"}));
-    EXPECT_EQ(Retrieve("16", "cpu", "used", "0"), -1);
-    EXPECT_THAT(log.Take(), ElementsAre(LogLine{4, "OrdaneClient::RetrieveStats: no stats available."}));
+    ExpectNoStatistics();
 }
 
-TEST_F(StatisticsTest, ReportsAFailedQueryAndGoesOnWithoutResults) {
+TEST_F(StatisticsTest, ReportsAFailedQueryAndHasNoResults) {
     Collect({Metric("16", {Series(10, "0", {1})})});
-    daemon.WhenCalled("QueryPerf", [this] { throw failure; });
-    EXPECT_NO_THROW(client->CollectVMStats(AllVms().Get()));
-    EXPECT_THAT(log.Take(),
-                ElementsAreArray(Report("OrdaneClient::CollectVMStats: :it failed\n", failure, 4)));
+    FailAt("QueryPerf");
+    EXPECT_NO_THROW(Collect());
+    EXPECT_EQ(log.Take(), Report("OrdaneClient::CollectVMStats: :it failed\n", failure, 4));
     EXPECT_TRUE(client->IsInitialized());
-    EXPECT_EQ(Retrieve("16", "cpu", "used", "0"), -1);
-    EXPECT_THAT(log.Take(), ElementsAre(LogLine{4, "OrdaneClient::RetrieveStats: no stats available."}));
+    ExpectNoStatistics();
 }
 
-TEST_F(StatisticsTest, ReportsABrokenConnectionOfTheQueryToo) {
-    daemon.WhenSent("QueryPerf", [] { throw Tessim::StreamException("reset"); });
-    EXPECT_NO_THROW(client->CollectVMStats(AllVms().Get()));
-    const std::vector<LogLine> lines = log.Take();
+TEST_F(StatisticsTest, ReportsABrokenConnectionOfTheQueryAndReconnects) {
+    BreakAt("QueryPerf");
+    EXPECT_NO_THROW(Collect());
+    const Lines lines = log.Take();
     ASSERT_GE(lines.size(), 2U);
-    EXPECT_EQ(lines[0], (LogLine{4, "OrdaneClient::CollectVMStats: :reset\n"}));
+    EXPECT_EQ(lines[0], (LogLine{4, "OrdaneClient::CollectVMStats: :connection reset\n"}));
     EXPECT_EQ(lines[1].priority, 4);
     EXPECT_EQ(lines[1].text.back(), '\n');
-    // The next query makes a new connection.
     EXPECT_FALSE(client->IsInitialized());
-    daemon.WhenSent("QueryPerf", nullptr);
-    client->CollectVMStats(AllVms().Get());
+    Collect();
     EXPECT_EQ(daemon.openings.size(), 2U);
     EXPECT_EQ(host.queries.size(), 1U);
 }
 
 TEST_F(StatisticsTest, LetsAFailedCatalogueReachTheRefresh) {
-    daemon.WhenCalled("GetPerfCounter", [this] { throw failure; });
-    EXPECT_THROW(client->CollectVMStats(AllVms().Get()), Tessim::Exception);
+    FailAt("GetPerfCounter");
+    EXPECT_THROW(Collect(), Tessim::Exception);
     EXPECT_THAT(host.queries, IsEmpty());
 }
 
-TEST_F(StatisticsTest, LetsStrangeExceptionsOfTheQueryPass) {
+TEST_F(StatisticsTest, LetsOtherExceptionsOfTheQueryPass) {
     daemon.WhenCalled("QueryPerf", [] { throw std::runtime_error("not of the runtime"); });
-    EXPECT_THROW(client->CollectVMStats(AllVms().Get()), std::runtime_error);
+    EXPECT_THROW(Collect(), std::runtime_error);
     EXPECT_THAT(log.Take(), IsEmpty());
 }
 
-TEST_F(StatisticsTest, KeepsOnlyEntityMetricsWithValues) {
+// An error between two results of a query.
+class PartialCollectionTest : public StatisticsTest {
+  protected:
+    // Collects the statistics of both VMs, and fails at the second.
+    void CollectUntil(void (*error)(), const std::string& line) {
+        client->atSecondResult = error;
+        EXPECT_NO_THROW(
+            Collect({Metric("16", {Series(10, "0", {7000})}), Metric("32", {Series(10, "0", {7000})})}));
+        const Lines lines = log.Take();
+        ASSERT_GE(lines.size(), 2U);
+        EXPECT_EQ(lines[0], (LogLine{4, line}));
+        EXPECT_TRUE(std::all_of(lines.begin(), lines.end(), [](const LogLine& each) {
+            return each.priority == 4 && each.text.back() == '\n';
+        }));
+        EXPECT_EQ(CpuUsed(), 7000);
+        EXPECT_THAT(log.Take(), IsEmpty());
+        EXPECT_EQ(Retrieve("32", "cpu", "used", "0"), -1);
+        EXPECT_EQ(log.Take(), MissingStatistics({"cpu.used.0"}));
+    }
+};
+
+TEST_F(PartialCollectionTest, KeepsWhatCameBeforeTheError) {
+    CollectUntil([] { throw Tessim::InvalidArgumentException("a bad result"); },
+                 "OrdaneClient::CollectVMStats: :a bad result\n");
+    EXPECT_TRUE(client->IsInitialized());
+}
+
+TEST_F(PartialCollectionTest, DropsTheConnectionThatBrokeAndKeepsWhatCameBefore) {
+    CollectUntil([] { throw Ordane::Fault::HostCommunication::Exception("reset"); },
+                 "OrdaneClient::CollectVMStats: :reset\n");
+    EXPECT_FALSE(client->IsInitialized());
+    EXPECT_EQ(daemon.openings.size(), 1U);
+    client->atSecondResult = nullptr;
+    Collect();
+    EXPECT_TRUE(client->IsInitialized());
+    EXPECT_EQ(daemon.openings.size(), 2U);
+    EXPECT_EQ(Retrieve("32", "cpu", "used", "0"), 7000);
+}
+
+TEST_F(StatisticsTest, IgnoresResultsWithoutValuesOrOfOtherKinds) {
     const auto withoutValues = MakeRef<Performance::EntityMetric>();
     withoutValues->SetEntity(Reference("VirtualMachine", "16"));
     const auto base = MakeRef<Performance::EntityMetricBase>();
     base->SetEntity(Reference("VirtualMachine", "16"));
-    host.metrics = ApiObjects::Array<Performance::EntityMetricBase>(
-        {base, withoutValues, Metric("16", {Series(10, "0", {7})})});
-    client->CollectVMStats(AllVms().Get());
-    EXPECT_EQ(Retrieve("16", "cpu", "used", "0"), 7);
+    host.metrics =
+        Array<Performance::EntityMetricBase>({base, withoutValues, Metric("16", {Series(10, "0", {7})})});
+    Collect();
+    EXPECT_EQ(CpuUsed(), 7);
     EXPECT_THAT(log.Take(), IsEmpty());
 }
 
 TEST_F(StatisticsTest, ReplacesTheResultsOfTheLastCollection) {
     Collect({Metric("16", {Series(10, "0", {1}), Series(9, "", {2})})});
     Collect({Metric("16", {Series(10, "0", {3})})});
-    EXPECT_EQ(Retrieve("16", "cpu", "used", "0"), 3);
+    EXPECT_EQ(CpuUsed(), 3);
     EXPECT_EQ(Retrieve("16", "mem", "active", nullptr), -1);
 }
 
 // Retrieving.
 
 TEST_F(StatisticsTest, HasNothingToRetrieveBeforeTheFirstCollection) {
-    EXPECT_EQ(Retrieve("16", "cpu", "used", "0"), -1);
-    EXPECT_THAT(log.Take(), ElementsAre(LogLine{4, "OrdaneClient::RetrieveStats: no stats available."}));
+    ExpectNoStatistics();
     EXPECT_EQ(client->RetrieveStats(Reference("VirtualMachine", "16").Get(), "no", "such", 0), -1);
-    EXPECT_THAT(log.Take(), ElementsAre(LogLine{4, "OrdaneClient::RetrieveStats: no stats available."}));
+    EXPECT_EQ(log.Take(), noStatistics);
     EXPECT_EQ(daemon.CountCalls("GetPerfCounter"), 0);
 }
 
 TEST_F(StatisticsTest, RetrievesTheFirstSampleOfTheFirstMatch) {
     Collect({Metric("32", {Series(10, "0", {1})}), Metric("16", {Series(10, "1", {2, 20})}),
              Metric("16", {Series(9, "0", {3}), Series(10, "0", {4, 40}), Series(10, "0", {5})})});
-    EXPECT_EQ(Retrieve("16", "cpu", "used", "0"), 4);
-    EXPECT_EQ(Retrieve("16", "cpu", "used", "1"), 2);
+    EXPECT_EQ(CpuUsed("0"), 4);
+    EXPECT_EQ(CpuUsed("1"), 2);
     EXPECT_EQ(Retrieve("32", "cpu", "used", "0"), 1);
     EXPECT_THAT(log.Take(), IsEmpty());
 }
 
-TEST_F(StatisticsTest, TakesAnIntegerInstanceAsItsText) {
+TEST_F(StatisticsTest, UsesAnIntegerInstanceAsItsText) {
     Collect({Metric("16", {Series(10, "", {1}), Series(10, "00", {2}), Series(10, "0", {3}),
                            Series(10, "-1", {4}), Series(10, "4000", {beyond32Bits})})});
     const auto vm = Reference("VirtualMachine", "16");
@@ -388,22 +438,12 @@ TEST_F(StatisticsTest, TakesAnIntegerInstanceAsItsText) {
 
 TEST_F(StatisticsTest, MatchesAnyInstanceWithoutOne) {
     Collect({Metric("16", {Series(9, "x", {1}), Series(10, "7", {2}), Series(10, "", {3})})});
-    EXPECT_EQ(Retrieve("16", "cpu", "used", nullptr), 2);
-    EXPECT_EQ(Retrieve("16", "cpu", "used", ""), 3);
-    EXPECT_EQ(Retrieve("16", "cpu", "used", "0"), -1);
+    EXPECT_EQ(CpuUsed(nullptr), 2);
+    EXPECT_EQ(CpuUsed(""), 3);
+    EXPECT_EQ(CpuUsed("0"), -1);
 }
 
-TEST_F(StatisticsTest, CutsASampleToItsLow32Bits) {
-    Collect({Metric("16", {Series(10, "0", {beyond32Bits}), Series(9, "", {0xffffffff})})});
-    const auto vm = Reference("VirtualMachine", "16");
-    EXPECT_EQ(client->RetrieveStats(vm.Get(), "cpu", "used", "0"), 5);
-    EXPECT_EQ(client->RetrieveHCStats(vm.Get(), "cpu", "used", "0"), beyond32Bits);
-    EXPECT_EQ(client->RetrieveStats(vm.Get(), "mem", "active", nullptr), -1);
-    EXPECT_EQ(client->RetrieveHCStats(vm.Get(), "mem", "active", nullptr), 0xffffffff);
-    EXPECT_THAT(log.Take(), IsEmpty());
-}
-
-TEST_F(StatisticsTest, KeepsEveryBitOfASampleOrItsLow32) {
+TEST_F(StatisticsTest, ReturnsASampleOrItsLow32Bits) {
     const struct {
         std::int64_t sample;
         std::int32_t low;
@@ -412,7 +452,7 @@ TEST_F(StatisticsTest, KeepsEveryBitOfASampleOrItsLow32) {
                  {std::int64_t{1} << 31, INT32_MIN},
                  {(std::int64_t{1} << 32) - 1, -1},
                  {std::int64_t{1} << 32, 0},
-                 {(std::int64_t{1} << 32) + 5, 5},
+                 {beyond32Bits, 5},
                  {std::int64_t{1} << 62, 0},
                  {INT64_MAX, -1},
                  {-1, -1},
@@ -425,8 +465,9 @@ TEST_F(StatisticsTest, KeepsEveryBitOfASampleOrItsLow32) {
     const auto vm = Reference("VirtualMachine", "16");
     int instance = 0;
     for (const auto& each : cases) {
-        EXPECT_EQ(client->RetrieveHCStats(vm.Get(), "cpu", "used", instance), each.sample);
-        EXPECT_EQ(client->RetrieveStats(vm.Get(), "cpu", "used", instance), each.low) << each.sample;
+        EXPECT_EQ(CpuUsed(std::to_string(instance).c_str()), each.sample);
+        EXPECT_EQ(client->RetrieveStats(vm.Get(), "cpu", "used", std::to_string(instance).c_str()), each.low)
+            << each.sample;
         ++instance;
     }
     EXPECT_THAT(log.Take(), IsEmpty());
@@ -439,63 +480,36 @@ TEST_F(StatisticsTest, ComparesEntitiesByTheirIdAlone) {
     EXPECT_EQ(Retrieve("", "cpu", "used", "0"), -1);
 }
 
-TEST_F(StatisticsTest, NamesTheCounterThatIsNotResolved) {
-    host.counters = ApiObjects::Array<Performance::CounterInfo>({Counter(10, "cpu", "used")});
-    Collect({Metric("16", {Series(-1, "0", {1}), Series(10, "0", {2})})});
-    EXPECT_EQ(Retrieve("16", "mem", "active", nullptr), -1);
-    EXPECT_EQ(Retrieve("16", "no", "such", "0"), -1);
-    EXPECT_THAT(log.Take(),
-                ElementsAre(LogLine{4, "OrdaneClient::RetrieveStats: couldn't find stats for mem.active\n"},
-                            LogLine{4, "OrdaneClient::RetrieveStats: couldn't find stats for no.such\n"}));
-}
-
-TEST_F(StatisticsTest, TakesANegativeIdOfTheCatalogueForNone) {
-    host.counters = ApiObjects::Array<Performance::CounterInfo>(
-        {Counter(-5, "cpu", "used"), Counter(0, "mem", "active")});
-    Collect({Metric("16", {Series(-5, "0", {1}), Series(0, "", {2})})});
+TEST_F(StatisticsTest, NamesTheCounterWithoutAnId) {
+    SetCounters({Counter(-5, "cpu", "used"), Counter(0, "mem", "active")});
+    Collect({Metric("16", {Series(-1, "0", {3}), Series(-5, "0", {1}), Series(0, "", {2})})});
+    // 0 is an id, a negative number of the catalogue is none.
     EXPECT_EQ(Retrieve("16", "mem", "active", nullptr), 2);
     EXPECT_THAT(log.Take(), IsEmpty());
-    EXPECT_EQ(Retrieve("16", "cpu", "used", "0"), -1);
-    EXPECT_THAT(log.Take(),
-                ElementsAre(LogLine{4, "OrdaneClient::RetrieveStats: couldn't find stats for cpu.used\n"}));
+    EXPECT_EQ(CpuUsed(), -1);
+    EXPECT_EQ(Retrieve("16", "disk", "read", "0"), -1);
+    EXPECT_EQ(Retrieve("16", "no", "such", "0"), -1);
+    EXPECT_EQ(log.Take(), MissingStatistics({"cpu.used", "disk.read", "no.such"}));
 }
 
-TEST_F(StatisticsTest, NamesTheFigureThatIsNotThere) {
-    Collect({Metric("16", {Series(10, "0", {1})})});
-    const auto stranger = Reference("VirtualMachine", "64");
-    EXPECT_EQ(client->RetrieveHCStats(stranger.Get(), "cpu", "used", "0"), -1);
-    EXPECT_EQ(client->RetrieveStats(stranger.Get(), "cpu", "used", 3), -1);
-    EXPECT_EQ(client->RetrieveStats(stranger.Get(), "mem", "active", nullptr), -1);
+TEST_F(StatisticsTest, NamesTheMissingStatisticOnOneLineOfTheLog) {
+    Collect({Metric("16", {Series(10, "0", {1}), Series(3, "a\nb", {1})})});
+    const auto unknown = Reference("VirtualMachine", "64");
+    EXPECT_EQ(client->RetrieveHCStats(unknown.Get(), "cpu", "used", "0"), -1);
+    EXPECT_EQ(client->RetrieveStats(unknown.Get(), "cpu", "used", 3), -1);
+    EXPECT_EQ(client->RetrieveStats(unknown.Get(), "mem", "active", nullptr), -1);
     EXPECT_EQ(client->RetrieveHCStats(nullptr, "disk", "read", "disk-0:0"), -1);
-    EXPECT_THAT(
-        log.Take(),
-        ElementsAre(LogLine{4, "OrdaneClient::RetrieveStats: couldn't find stats for cpu.used.0\n"},
-                    LogLine{4, "OrdaneClient::RetrieveStats: couldn't find stats for cpu.used.3\n"},
-                    LogLine{4, "OrdaneClient::RetrieveStats: couldn't find stats for mem.active.any\n"},
-                    LogLine{4, "OrdaneClient::RetrieveStats: couldn't find stats for disk.read.disk-0:0\n"}));
-}
-
-TEST_F(StatisticsTest, KeepsAnInstanceOnOneLineOfTheLog) {
-    Collect({Metric("16", {Series(3, "a\nb", {1})})});
     EXPECT_EQ(Retrieve("16", "disk", "read", "a\nb"), 1);
     EXPECT_EQ(Retrieve("16", "disk", "write", "a\nb"), -1);
-    EXPECT_THAT(
-        log.Take(),
-        ElementsAre(LogLine{4, "OrdaneClient::RetrieveStats: couldn't find stats for disk.write.a\\x0ab\n"}));
+    EXPECT_EQ(log.Take(), MissingStatistics({"cpu.used.0", "cpu.used.3", "mem.active.any",
+                                             "disk.read.disk-0:0", "disk.write.a\\x0ab"}));
 }
 
-TEST_F(StatisticsTest, GivesNoFigureOfAVmThatTheQueryDidNotAnswer) {
-    Collect({});
-    EXPECT_EQ(Retrieve("16", "cpu", "used", "0"), -1);
-    EXPECT_THAT(log.Take(),
-                ElementsAre(LogLine{4, "OrdaneClient::RetrieveStats: couldn't find stats for cpu.used.0\n"}));
-}
-
-TEST_F(StatisticsTest, KeepsFiguresAcrossABrokenConnection) {
-    Collect({Metric("16", {Series(10, "0", {1})})});
-    BreakTheConnection();
-    EXPECT_EQ(Retrieve("16", "cpu", "used", "0"), 1);
+TEST_F(StatisticsTest, HasNoStatisticOfAVmWithoutResults) {
+    Collect(Metrics());
+    EXPECT_EQ(CpuUsed(), -1);
+    EXPECT_EQ(log.Take(), MissingStatistics({"cpu.used.0"}));
 }
 
 }  // namespace
-}  // namespace SNMP
+}  // namespace RefreshTests

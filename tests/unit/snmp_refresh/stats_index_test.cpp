@@ -18,7 +18,7 @@ using Tessim::Ref;
 
 using Results = std::vector<Ref<Performance::EntityMetric>>;
 
-// What the index must answer: a walk over everything in order.
+// What the index must return: a walk over everything in order.
 std::optional<std::int64_t> Walk(const Results& results, const Ordane::MoRef* entity, std::int32_t counterId,
                                  const char* instance) {
     for (const auto& metric : results) {
@@ -40,7 +40,7 @@ std::optional<std::int64_t> Walk(const Results& results, const Ordane::MoRef* en
     return std::nullopt;
 }
 
-// A small world, so that entities, counters and instances meet again and again.
+// Few of each, so that they repeat.
 const std::array<std::optional<std::string>, 6> entities = {std::nullopt, "", "16", "32", "161", "vm"};
 const std::array<const char*, 6> instances = {"", "0", "1", "10", "*", "any"};
 constexpr std::int32_t firstCounter = -1;
@@ -90,7 +90,7 @@ class RandomResults {
     std::int64_t nextSample = 0;
 };
 
-// Asks for everything there is in the world, and for some that is not.
+// Looks up everything that is possible, and some that is not.
 void ExpectTheSameAsAWalk(const StatsIndex& index, const Results& results) {
     std::vector<Ref<Ordane::MoRef>> asked = {nullptr, Reference("VirtualMachine", "nobody")};
     for (const auto& id : entities) {
@@ -112,7 +112,7 @@ void ExpectTheSameAsAWalk(const StatsIndex& index, const Results& results) {
     }
 }
 
-TEST(StatsIndex, AnswersAsAWalkOverTheResultsDoes) {
+TEST(StatsIndex, FindsWhatAWalkOverTheResultsFinds) {
     constexpr int rounds = 300;
     RandomResults source(20240229);
     StatsIndex index;
@@ -129,7 +129,7 @@ TEST(StatsIndex, AnswersAsAWalkOverTheResultsDoes) {
     }
 }
 
-TEST(StatsIndex, KnowsWhatWasAddedSoFar) {
+TEST(StatsIndex, FindsWhatWasAddedSoFar) {
     RandomResults source(7);
     Results results;
     StatsIndex index;
@@ -152,7 +152,7 @@ TEST(StatsIndex, FindsNothingWhenItIsEmpty) {
     EXPECT_EQ(index.Find(Reference("VirtualMachine", "16").Get(), 1, ""), std::nullopt);
 }
 
-TEST(StatsIndex, TellsNoEntityFromOneWithoutAnId) {
+TEST(StatsIndex, DistinguishesNoEntityFromOneWithoutAnId) {
     StatsIndex index;
     index.Add(*Metric(std::nullopt, {Series(1, "", {5})}));
     EXPECT_EQ(index.Find(Reference("VirtualMachine", "").Get(), 1, ""), std::nullopt);
@@ -161,7 +161,7 @@ TEST(StatsIndex, TellsNoEntityFromOneWithoutAnId) {
     EXPECT_EQ(index.Find(nullptr, 1, ""), 5);
 }
 
-TEST(StatsIndex, GoesOnToALaterResultOfTheEntity) {
+TEST(StatsIndex, FindsALaterResultOfTheEntity) {
     StatsIndex index;
     index.Add(*Metric("16", {Series(1, "", {})}));
     index.Add(*Metric("32", {Series(2, "", {7})}));

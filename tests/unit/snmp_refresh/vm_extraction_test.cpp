@@ -1,30 +1,15 @@
-#include "apps/snmp/collections/VMTables.h"
 #include "apps/snmp/refresh/VMExtraction.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <ostream>
 
-#include "runtime/tessim/exception.h"
-#include "tests/support/api_objects.h"
-#include "tests/support/fake_host.h"
-#include "tests/support/fault_injection.h"
-#include "tests/support/log_capture.h"
+#include "tests/unit/snmp_refresh/fixture.h"
 #include "tests/unit/snmp_refresh/rows.h"
 
+namespace RefreshTests {
 namespace {
 
-using namespace ApiObjects;
-using Tessim::MakeRef;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::IsNull;
-using TestSupport::FakeHost;
-using TestSupport::FaultInjection;
-using TestSupport::LogCapture;
-using TestSupport::LogLine;
 
 // Works on the module's own collections, which release what was made.
 class ExtractionTest : public testing::Test {
@@ -57,29 +42,23 @@ class ExtractionTest : public testing::Test {
 
 // GetVMID.
 
-TEST_F(ExtractionTest, TakesTheNumberOfTheId) {
+TEST_F(ExtractionTest, ReadsTheNumberOfTheId) {
     EXPECT_EQ(GetVMID(Add(Vm("16", nullptr)).Get()), 16);
     EXPECT_EQ(GetVMID(Add(Vm("-7", nullptr)).Get()), -7);
     EXPECT_EQ(GetVMID(Add(Vm("2147483647", nullptr)).Get()), 2147483647);
     EXPECT_THAT(log.Take(), IsEmpty());
 }
 
-TEST_F(ExtractionTest, LogsAnIdThatIsNoNumber) {
+TEST_F(ExtractionTest, LogsAnIdThatIsNoNumberOncePerRebuild) {
     for (const char* id : {"vm-16", "16x", "2147483648"}) {
-        EXPECT_EQ(GetVMID(Add(Vm(id, nullptr)).Get()), -1);
-        EXPECT_THAT(log.Take(),
-                    ElementsAre(LogLine{4, std::string("SetVMInfo: invalid VM Id: ") + id + "\n"}));
+        const auto vm = Add(Vm(id, nullptr));
+        for (int rebuild = 1; rebuild <= 2; ++rebuild) {
+            EXPECT_EQ(GetVMID(vm.Get()), -1);
+            EXPECT_EQ(GetVMID(vm.Get()), -1);
+            EXPECT_EQ(log.Take(), Warnings({std::string("SetVMInfo: invalid VM Id: ") + id + "\n"}));
+            ForgetReportedVMID();
+        }
     }
-}
-
-TEST_F(ExtractionTest, LogsABadIdOncePerRebuild) {
-    const auto vm = Add(Vm("vm-16", nullptr));
-    EXPECT_EQ(GetVMID(vm.Get()), -1);
-    EXPECT_EQ(GetVMID(vm.Get()), -1);
-    EXPECT_EQ(log.Take().size(), 1U);
-    ForgetReportedVMID();
-    EXPECT_EQ(GetVMID(vm.Get()), -1);
-    EXPECT_EQ(log.Take().size(), 1U);
 }
 
 // SetVMInfo.
@@ -109,7 +88,7 @@ TEST_F(ExtractionTest, FillsTheRowOfAVm) {
     EXPECT_STREQ(files->GetVmPathName()->c_str(), "[storage1] web-1/web-1.cfg");
 }
 
-TEST_F(ExtractionTest, TellsThePowerStateByItsName) {
+TEST_F(ExtractionTest, NamesThePowerState) {
     const auto config = Config("web-1");
     vmEntry* const rows = MakeRows(3);
     EXPECT_FALSE(SetVMInfo(0, Add(Vm("1", config, PowerState::poweredOff)).Get(), config.Get(), rows));
@@ -129,17 +108,11 @@ TEST_F(ExtractionTest, ShowsTheIdOfAVmWithoutAConfigurationFile) {
     SetVMInfo(1, Add(Vm("vm-x", withoutFiles)).Get(), withoutFiles.Get(), rows);
     EXPECT_STREQ(rows[0].vmConfigFile, "Unknown config: 42");
     EXPECT_STREQ(rows[1].vmConfigFile, "Unknown config: vm-x");
+    EXPECT_EQ(rows[1].vmVMID, -1);
+    EXPECT_EQ(log.Take(), Warnings({"SetVMInfo: invalid VM Id: vm-x\n"}));
 }
 
-TEST_F(ExtractionTest, MarksABadVmIdInItsRow) {
-    const auto config = Config("web-1");
-    vmEntry* const rows = MakeRows(1);
-    SetVMInfo(0, Add(Vm("vm-x", config)).Get(), config.Get(), rows);
-    EXPECT_EQ(rows[0].vmVMID, -1);
-    EXPECT_THAT(log.Take(), ElementsAre(LogLine{4, "SetVMInfo: invalid VM Id: vm-x\n"}));
-}
-
-TEST_F(ExtractionTest, SurvivesWhatTheDaemonDoesNotKnowOfAVm) {
+TEST_F(ExtractionTest, ShowsUnknownForWhatTheDaemonDoesNotKnowOfAVm) {
     const auto config = MakeRef<Hask::Vm::ConfigInfo>();
     vmEntry* const rows = MakeRows(1);
     EXPECT_FALSE(SetVMInfo(0, Add({"7", config, nullptr, nullptr}).Get(), config.Get(), rows));
@@ -215,17 +188,17 @@ TEST(DsPath, StaysAsItIsWithoutPairs) {
 
 // FindVirtualDevices.
 
-class FindDevicesTest : public testing::Test {
-  protected:
-    void Find(const Hask::Vm::VirtualHardware* hardware) {
+// The devices by kind.
+struct FoundDevices {
+    explicit FoundDevices(const Hask::Vm::VirtualHardware* hardware) {
         FindVirtualDevices(hardware, nics, scsi, disks, ide, cdroms, floppies);
     }
-    std::vector<int> Lengths() const {
-        return {nics->GetLength(), scsi->GetLength(),   disks->GetLength(),
-                ide->GetLength(),  cdroms->GetLength(), floppies->GetLength()};
+    // Of every kind, in the order of the parameters.
+    std::vector<std::vector<std::int32_t>> Keys() const {
+        return {KeysOf(nics), KeysOf(scsi), KeysOf(disks), KeysOf(ide), KeysOf(cdroms), KeysOf(floppies)};
     }
     template <class T>
-    static std::vector<std::int32_t> Keys(const Ref<Ordane::DataArray<T>>& array) {
+    static std::vector<std::int32_t> KeysOf(const Ref<Ordane::DataArray<T>>& array) {
         std::vector<std::int32_t> keys;
         for (const auto& device : *array) {
             keys.push_back(device->GetKey());
@@ -241,7 +214,7 @@ class FindDevicesTest : public testing::Test {
     Ref<Ordane::DataArray<Device::VirtualFloppy>> floppies = Array<Device::VirtualFloppy>();
 };
 
-TEST_F(FindDevicesTest, SortsDevicesByKindInTheirOrder) {
+TEST(FindVirtualDevices, SortsDevicesByKindInTheirOrder) {
     const auto config = Config(
         "vm", 1, 0,
         {MakeDevice<Device::VirtualFloppy>(1, "f"), MakeDevice<Device::VirtualEthernetCard>(2, "n"),
@@ -256,20 +229,12 @@ TEST_F(FindDevicesTest, SortsDevicesByKindInTheirOrder) {
          MakeController<Device::VirtualUSBController>(15, 0), MakeDevice<Device::VirtualVideoCard>(16, "v"),
          MakeController<Device::VirtualController>(17, 0),
          MakeController<Device::VirtualSATAController>(18, 0), MakeDevice<Device::VirtualDisk>(19, "d")});
-    Find(config->GetHardware());
-    EXPECT_THAT(Keys(nics), ElementsAre(2, 6, 11));
-    EXPECT_THAT(Keys(scsi), ElementsAre(5, 10, 13));
-    EXPECT_THAT(Keys(disks), ElementsAre(4, 19));
-    EXPECT_THAT(Keys(ide), ElementsAre(7));
-    EXPECT_THAT(Keys(cdroms), ElementsAre(9));
-    EXPECT_THAT(Keys(floppies), ElementsAre(1));
-}
-
-TEST_F(FindDevicesTest, FindsNothingWithoutHardwareOrDevices) {
-    Find(nullptr);
-    EXPECT_THAT(Lengths(), ElementsAre(0, 0, 0, 0, 0, 0));
-    Find(MakeRef<Hask::Vm::VirtualHardware>().Get());
-    EXPECT_THAT(Lengths(), ElementsAre(0, 0, 0, 0, 0, 0));
+    using KeyLists = std::vector<std::vector<std::int32_t>>;
+    EXPECT_EQ(FoundDevices(config->GetHardware()).Keys(),
+              (KeyLists{{2, 6, 11}, {5, 10, 13}, {4, 19}, {7}, {9}, {1}}));
+    const KeyLists none(6);
+    EXPECT_EQ(FoundDevices(nullptr).Keys(), none);
+    EXPECT_EQ(FoundDevices(MakeRef<Hask::Vm::VirtualHardware>().Get()).Keys(), none);
 }
 
 // The list fillers.
@@ -293,21 +258,7 @@ TEST_F(ExtractionTest, MakesARowPerNetworkCard) {
     EXPECT_THAT(log.Take(), IsEmpty());
 }
 
-TEST_F(ExtractionTest, CountsTheNetworkCardsOfEachVmFromZero) {
-    const auto three = Array<Device::VirtualEthernetCard>({Nic(1, "a"), Nic(2, "b"), Nic(3, "c")});
-    const auto one = Array<Device::VirtualEthernetCard>({Nic(1, "d")});
-    vmNetNode* last = SetNicInfo(0, three.Get(), SNMPVMNetTable_GetPtr());
-    vmNetNode* const firstLast = last;
-    last = SetNicInfo(1, one.Get(), &last);
-    std::vector<std::pair<int, int>> keys;
-    for (const auto* row : TestRows::Nics()) {
-        keys.emplace_back(row->vmIdx, row->nicIdx);
-    }
-    EXPECT_THAT(keys, ElementsAre(std::pair(0, 0), std::pair(0, 1), std::pair(0, 2), std::pair(1, 0)));
-    EXPECT_EQ(firstLast->next, last);
-}
-
-TEST_F(ExtractionTest, CallsANetworkUnknownWithoutADeviceBacking) {
+TEST_F(ExtractionTest, ShowsAnUnknownNetworkWithoutADeviceBacking) {
     const auto nics = Array<Device::VirtualEthernetCard>(
         {MakeDevice<Device::VirtualEthernetCard>(1, "none"),
          MakeDevice<Device::VirtualEthernetCard>(2, "file", FileBacking("x")),
@@ -362,7 +313,7 @@ TEST_F(ExtractionTest, NamesTheModelOfAnAdapterByItsExactType) {
     EXPECT_THAT(log.Take(), IsEmpty());
 }
 
-// A model that the API may bring one day.
+// A model that a later API may add.
 template <class Model>
 class NewerModel final : public Model {
   public:
@@ -375,19 +326,13 @@ class NewerModel final : public Model {
     }
 };
 
-TEST_F(ExtractionTest, KnowsNoModelBelowTheOnesItNames) {
+TEST_F(ExtractionTest, ShowsASubtypeOfANamedModelAsUnknown) {
     using Lsi = NewerModel<Device::VirtualLsiLogicController>;
     using Bus = NewerModel<Device::VirtualBusLogicController>;
     const auto config = Config("vm", 1, 0, {MakeController<Lsi>(1000, 0), MakeController<Bus>(1001, 1)});
     ASSERT_TRUE(Ordane::GetDoType<Device::VirtualLsiLogicController>().Includes(Lsi().GetDataObjectType()));
-    auto controllers = Array<Device::VirtualSCSIController>();
-    auto nics = Array<Device::VirtualEthernetCard>();
-    auto disks = Array<Device::VirtualDisk>();
-    auto ide = Array<Device::VirtualIDEController>();
-    auto cdroms = Array<Device::VirtualCdrom>();
-    auto floppies = Array<Device::VirtualFloppy>();
-    FindVirtualDevices(config->GetHardware(), nics, controllers, disks, ide, cdroms, floppies);
-    SetStorageHBA(0, controllers.Get(), SNMPVMHBATable_GetPtr());
+    const FoundDevices found(config->GetHardware());
+    SetStorageHBA(0, found.scsi.Get(), SNMPVMHBATable_GetPtr());
     const auto rows = TestRows::Hbas();
     ASSERT_EQ(rows.size(), 2U);
     EXPECT_STREQ(rows[0]->hbaType, "unknown");
@@ -396,28 +341,21 @@ TEST_F(ExtractionTest, KnowsNoModelBelowTheOnesItNames) {
 
 TEST_F(ExtractionTest, MakesARowPerDisk) {
     const auto disks = Array<Device::VirtualDisk>({Disk("Hard Disk 1", 0), Disk("Hard Disk 2", 6),
-                                                   MakeDevice<Device::VirtualDisk>(2002, "Hard Disk 3")});
+                                                   MakeDevice<Device::VirtualDisk>(2002, "Hard Disk 3"),
+                                                   MakeDevice<Device::VirtualDisk>(1, "")});
     vmHBATgtNode* const last = SetStorageTgt(2, disks.Get(), SNMPVMHBATgtTable_GetPtr());
     const auto rows = TestRows::Targets();
-    ASSERT_EQ(rows.size(), 3U);
+    ASSERT_EQ(rows.size(), 4U);
     EXPECT_EQ(rows.back(), last);
-    const std::vector<int> units = {0, 6, 0};
+    const std::vector<int> units = {0, 6, 0, 0};
+    const std::vector<std::string> labels = {"Hard Disk 1", "Hard Disk 2", "Hard Disk 3", "SNMP Error"};
     for (std::size_t i = 0; i < rows.size(); ++i) {
         EXPECT_EQ(rows[i]->vmIdx, 2);
         EXPECT_EQ(rows[i]->tgtUnit, units[i]);
-        EXPECT_EQ(rows[i]->tgtLabel, "Hard Disk " + std::to_string(i + 1));
+        EXPECT_EQ(rows[i]->tgtLabel, labels[i]);
     }
-    EXPECT_THAT(log.Take(),
-                ElementsAre(LogLine{4, "SetStorageInfo: cannot find unit number for disk Hard Disk 3.\n"}));
-}
-
-TEST_F(ExtractionTest, MakesARowForADiskWithoutALabel) {
-    SetStorageTgt(0, Array<Device::VirtualDisk>({MakeDevice<Device::VirtualDisk>(1, "")}).Get(),
-                  SNMPVMHBATgtTable_GetPtr());
-    ASSERT_EQ(TestRows::Targets().size(), 1U);
-    EXPECT_STREQ(TestRows::Targets()[0]->tgtLabel, "SNMP Error");
-    EXPECT_THAT(log.Take(),
-                ElementsAre(LogLine{4, "SetStorageInfo: cannot find unit number for disk without label.\n"}));
+    EXPECT_EQ(log.Take(), Warnings({"SetStorageInfo: cannot find unit number for disk Hard Disk 3.\n",
+                                    "SetStorageInfo: cannot find unit number for disk without label.\n"}));
 }
 
 // GetDeviceBackingName.
@@ -450,7 +388,7 @@ class CdromTest : public ExtractionTest {
     Ref<Ordane::DataArray<Device::VirtualIDEController>> ide = Array<Device::VirtualIDEController>();
 };
 
-TEST_F(CdromTest, StandsAtTwoPlacesPerBus) {
+TEST_F(CdromTest, HasTwoPlacesPerBus) {
     const auto cdroms = Array<Device::VirtualCdrom>(
         {Cdrom(200, 1, FileBacking("[s] a.iso"), true), Cdrom(201, 0, DeviceBacking("/dev/cdrom"), false)});
     vmCDROMNode* const last = SetCDRomInfo(4, ide.Get(), cdroms.Get(), SNMPVMCDROMTable_GetPtr());
@@ -468,60 +406,110 @@ TEST_F(CdromTest, StandsAtTwoPlacesPerBus) {
     EXPECT_THAT(log.Take(), IsEmpty());
 }
 
-TEST_F(CdromTest, TakesTheBusOfTheLastControllerWithItsKey) {
+TEST_F(CdromTest, HasTheBusOfTheLastControllerWithItsKey) {
     ide->Append(MakeController<Device::VirtualIDEController>(200, 3));
     EXPECT_EQ(Fill(Cdrom(200, 1, DeviceBacking("x"), true)).cdIdeIndex, 7);
 }
 
-TEST_F(CdromTest, StandsAtZeroOnAnUnknownController) {
-    EXPECT_EQ(Fill(Cdrom(777, 1, DeviceBacking("x"), true)).cdIdeIndex, 0);
-    EXPECT_THAT(log.Take(),
-                ElementsAre(LogLine{4, "SetCdromInfo:  No IDE controller with key 777 exists\n"}));
-}
+// What a drive lacks, and what its row and the log say.
+struct CdromCase {
+    const char* name;
+    void (*spoil)(Device::VirtualCdrom& cdrom);  // of a whole drive at place 3
+    int index;
+    const char* connected;  // null: no text
+    const char* backing;
+    std::vector<std::string> warnings;
 
-TEST_F(CdromTest, StandsAtZeroWithoutAUnitNumber) {
-    const auto cdrom = Cdrom(201, 0, DeviceBacking("x"), true);
-    cdrom->SetUnitNumber(std::nullopt);
-    EXPECT_EQ(Fill(cdrom).cdIdeIndex, 0);
-    EXPECT_THAT(log.Take(), ElementsAre(LogLine{4, "SetCdromInfo:  No unit number for cdrom.\n"}));
-    // The unit number is looked at first.
-    cdrom->SetControllerKey(std::nullopt);
-    EXPECT_EQ(Fill(cdrom).cdIdeIndex, 0);
-    EXPECT_THAT(log.Take(), ElementsAre(LogLine{4, "SetCdromInfo:  No unit number for cdrom.\n"}));
-}
-
-TEST_F(CdromTest, StandsAtZeroWithoutAControllerKey) {
-    const auto cdrom = Cdrom(201, 1, DeviceBacking("x"), true);
-    cdrom->SetControllerKey(std::nullopt);
-    EXPECT_EQ(Fill(cdrom).cdIdeIndex, 0);
-    EXPECT_THAT(log.Take(), ElementsAre(LogLine{4, "SetCdromInfo:  No controller key for cdrom.\n"}));
-}
-
-TEST_F(CdromTest, HasNoConnectionTextWithoutConnectionInfo) {
-    const auto cdrom = Cdrom(201, 1, DeviceBacking("x"), true);
-    cdrom->SetConnectable(nullptr);
-    EXPECT_THAT(Fill(cdrom).cdConnected, IsNull());
-    EXPECT_THAT(log.Take(), ElementsAre(LogLine{4, "SetCdromInfo:  No ConnectInfo found for cdrom 3\n"}));
-}
-
-TEST_F(CdromTest, IsOfUnknownBackingWithoutAName) {
-    for (const Backing& backing : {Backing(nullptr), DeviceBacking(""), PipeBacking()}) {
-        EXPECT_STREQ(Fill(Cdrom(200, 0, backing, true)).cdBacking, "unknown");
-        EXPECT_THAT(log.Take(), ElementsAre(LogLine{4, "SetCdromInfo: Found cdrom of unknown backing.\n"}));
+    friend std::ostream& operator<<(std::ostream& stream, const CdromCase& each) {
+        return stream << each.name;
     }
-    EXPECT_STREQ(Fill(Cdrom(200, 0, RemoteBacking(""), true)).cdBacking, "remote device backing");
-    EXPECT_THAT(log.Take(), IsEmpty());
+};
+
+class IncompleteCdromTest : public CdromTest, public testing::WithParamInterface<CdromCase> {};
+
+TEST_P(IncompleteCdromTest, HasARow) {
+    const auto cdrom = Cdrom(201, 1, DeviceBacking("x"), true);
+    GetParam().spoil(*cdrom);
+    const vmCDROMNode& row = Fill(cdrom);
+    EXPECT_EQ(row.cdIdeIndex, GetParam().index);
+    EXPECT_STREQ(row.cdConnected, GetParam().connected);
+    EXPECT_STREQ(row.cdBacking, GetParam().backing);
+    EXPECT_EQ(log.Take(), Warnings(GetParam().warnings));
 }
 
-TEST_F(CdromTest, LogsItsTroublesInOrder) {
-    const auto cdrom = MakeDevice<Device::VirtualCdrom>(3000, "CD");
-    Fill(cdrom);
-    EXPECT_THAT(log.Take(), ElementsAre(LogLine{4, "SetCdromInfo:  No unit number for cdrom.\n"},
-                                        LogLine{4, "SetCdromInfo:  No ConnectInfo found for cdrom 0\n"},
-                                        LogLine{4, "SetCdromInfo: Found cdrom of unknown backing.\n"}));
-}
+const std::string noUnit = "SetCdromInfo:  No unit number for cdrom.\n";
+const std::string unknownBacking = "SetCdromInfo: Found cdrom of unknown backing.\n";
 
-TEST_F(CdromTest, SurvivesAnAbsurdBus) {
+INSTANTIATE_TEST_SUITE_P(
+    Drives, IncompleteCdromTest,
+    testing::Values(
+        CdromCase{"Whole", [](auto&) {}, 3, "true", "x", {}},
+        CdromCase{"UnknownController",
+                  [](auto& cdrom) { cdrom.SetControllerKey(777); },
+                  0,
+                  "true",
+                  "x",
+                  {"SetCdromInfo:  No IDE controller with key 777 exists\n"}},
+        CdromCase{
+            "NoUnitNumber", [](auto& cdrom) { cdrom.SetUnitNumber(std::nullopt); }, 0, "true", "x", {noUnit}},
+        CdromCase{"NeitherUnitNumberNorController",
+                  [](auto& cdrom) {
+                      cdrom.SetUnitNumber(std::nullopt);
+                      cdrom.SetControllerKey(std::nullopt);
+                  },
+                  0,
+                  "true",
+                  "x",
+                  {noUnit}},
+        CdromCase{"NoControllerKey",
+                  [](auto& cdrom) { cdrom.SetControllerKey(std::nullopt); },
+                  0,
+                  "true",
+                  "x",
+                  {"SetCdromInfo:  No controller key for cdrom.\n"}},
+        CdromCase{"NoConnectInfo",
+                  [](auto& cdrom) { cdrom.SetConnectable(nullptr); },
+                  3,
+                  nullptr,
+                  "x",
+                  {"SetCdromInfo:  No ConnectInfo found for cdrom 3\n"}},
+        CdromCase{"NoBacking",
+                  [](auto& cdrom) { cdrom.SetBacking(nullptr); },
+                  3,
+                  "true",
+                  "unknown",
+                  {unknownBacking}},
+        CdromCase{"BackingWithoutName",
+                  [](auto& cdrom) { cdrom.SetBacking(DeviceBacking("")); },
+                  3,
+                  "true",
+                  "unknown",
+                  {unknownBacking}},
+        CdromCase{"OtherBacking",
+                  [](auto& cdrom) { cdrom.SetBacking(PipeBacking()); },
+                  3,
+                  "true",
+                  "unknown",
+                  {unknownBacking}},
+        CdromCase{"RemoteBackingWithoutName",
+                  [](auto& cdrom) { cdrom.SetBacking(RemoteBacking("")); },
+                  3,
+                  "true",
+                  "remote device backing",
+                  {}},
+        CdromCase{"Nothing",
+                  [](auto& cdrom) {
+                      cdrom.SetUnitNumber(std::nullopt);
+                      cdrom.SetConnectable(nullptr);
+                      cdrom.SetBacking(nullptr);
+                  },
+                  0,
+                  nullptr,
+                  "unknown",
+                  {noUnit, "SetCdromInfo:  No ConnectInfo found for cdrom 0\n", unknownBacking}}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(CdromTest, HasARowWhenItsPlaceOverflows) {
     ide->Append(MakeController<Device::VirtualIDEController>(300, 2147483647));
     Fill(Cdrom(300, 2147483647, DeviceBacking("x"), true));
     EXPECT_EQ(TestRows::Cdroms().size(), 1U);
@@ -558,57 +546,5 @@ TEST_F(ExtractionTest, LogsWhatAFloppyDriveLacks) {
                                         LogLine{4, "SetCdromInfo: Found floppy of unknown backing.\n"}));
 }
 
-// No memory for the second row of three: the first stays, the filler ends.
-
-template <class Row, class Fill>
-void ExpectOneRowAndMessage(LogCapture& log, Row** head, const char* message, Fill fill) {
-    Row* last = nullptr;
-    {
-        FaultInjection faults;
-        faults.FailCalloc(sizeof(Row), 2);
-        last = fill();
-    }
-    EXPECT_EQ(last, *head);
-    EXPECT_EQ(TestRows::List<Row>(*head).size(), 1U);
-    EXPECT_THAT(log.Take(), ElementsAre(LogLine{4, message}));
-}
-
-TEST_F(ExtractionTest, EndsTheNetworkCardsWithoutMemory) {
-    const auto nics = Array<Device::VirtualEthernetCard>({Nic(1, "a"), Nic(2, "b"), Nic(3, "c")});
-    ExpectOneRowAndMessage(log, SNMPVMNetTable_GetPtr(), "SetNicInfo: Out of memory?\n",
-                           [&] { return SetNicInfo(0, nics.Get(), SNMPVMNetTable_GetPtr()); });
-}
-
-TEST_F(ExtractionTest, EndsTheAdaptersWithoutMemory) {
-    const auto controllers =
-        Array<Device::VirtualSCSIController>({MakeController<Device::VirtualSCSIController>(1, 0),
-                                              MakeController<Device::VirtualSCSIController>(2, 1),
-                                              MakeController<Device::VirtualSCSIController>(3, 2)});
-    ExpectOneRowAndMessage(log, SNMPVMHBATable_GetPtr(), "SetStorageInfo: HBANode: Out of memory?\n",
-                           [&] { return SetStorageHBA(0, controllers.Get(), SNMPVMHBATable_GetPtr()); });
-}
-
-TEST_F(ExtractionTest, EndsTheDisksWithoutMemory) {
-    const auto disks = Array<Device::VirtualDisk>({Disk("a", 0), Disk("b", 1), Disk("c", 2)});
-    ExpectOneRowAndMessage(log, SNMPVMHBATgtTable_GetPtr(), "SetStorageInfo: HBATgt: Out of memory?\n",
-                           [&] { return SetStorageTgt(0, disks.Get(), SNMPVMHBATgtTable_GetPtr()); });
-}
-
-TEST_F(CdromTest, EndWithoutMemory) {
-    const auto cdroms = Array<Device::VirtualCdrom>({Cdrom(200, 0, DeviceBacking("x"), true),
-                                                     Cdrom(200, 1, DeviceBacking("x"), true),
-                                                     Cdrom(201, 0, DeviceBacking("x"), true)});
-    ExpectOneRowAndMessage(log, SNMPVMCDROMTable_GetPtr(), "SetCdromInfo: Out of memory?\n", [&] {
-        return SetCDRomInfo(0, ide.Get(), cdroms.Get(), SNMPVMCDROMTable_GetPtr());
-    });
-}
-
-TEST_F(ExtractionTest, EndsTheFloppyDrivesWithoutMemory) {
-    const auto floppies = Array<Device::VirtualFloppy>({Floppy(0, DeviceBacking("x"), true),
-                                                        Floppy(1, DeviceBacking("x"), true),
-                                                        Floppy(2, DeviceBacking("x"), true)});
-    ExpectOneRowAndMessage(log, SNMPVMFloppyTable_GetPtr(), "SetFloppyInfo: Out of memory?\n",
-                           [&] { return SetFloppyInfo(0, floppies.Get(), SNMPVMFloppyTable_GetPtr()); });
-}
-
 }  // namespace
+}  // namespace RefreshTests
