@@ -48,6 +48,10 @@ std::string WithLength(const std::string& body, const std::string& more = {}, co
     return first + "Content-Length: " + std::to_string(body.size()) + "\r\n" + more + "\r\n" + body;
 }
 
+std::string UntilTheEnd(const std::string& body) {
+    return ok + "\r\n" + body;
+}
+
 // The body in chunks of `size` bytes.
 std::string Chunked(const std::string& body, std::size_t size, const std::string& trailer = {}) {
     std::ostringstream reply;
@@ -189,9 +193,8 @@ TEST_F(ZarnStubAdapterTest, ThrowsTheFaultOfAReplyWithStatus500) {
 }
 
 TEST_F(ZarnStubAdapterTest, ClosesTheConnectionThatTheReplyEnds) {
-    for (const std::string& reply :
-         {ok + "\r\n" + sweepReply, WithLength(sweepReply, "Connection: close\r\n"),
-          WithLength(sweepReply, {}, "HTTP/1.0 200 OK\r\n")}) {
+    for (const std::string& reply : {UntilTheEnd(sweepReply), WithLength(sweepReply, "Connection: close\r\n"),
+                                     WithLength(sweepReply, {}, "HTTP/1.0 200 OK\r\n")}) {
         SCOPED_TRACE(reply);
         EXPECT_EQ(FailureOf(reply), "nothing");
         EXPECT_TRUE(stream->IsClosed());
@@ -207,13 +210,13 @@ TEST_F(ZarnStubAdapterTest, LimitsTheBodyHoweverItComes) {
         constexpr std::size_t chunk = 1024UL * 1024;
         for (const auto& [name, reply] : {ReplyCase{"length", WithLength(fitting)},
                                           {"chunks", Chunked(fitting, chunk)},
-                                          {"end of the connection", ok + "\r\n" + fitting}}) {
+                                          {"end of the connection", UntilTheEnd(fitting)}}) {
             EXPECT_EQ(FailureOf(reply, loggedIn), "nothing") << name << " " << loggedIn;
         }
         for (const auto& [name, reply] : {ReplyCase{"length", WithLength(larger)},
                                           {"chunks", Chunked(larger, chunk)},
                                           {"one chunk", Chunked(larger, larger.size())},
-                                          {"end of the connection", ok + "\r\n" + larger},
+                                          {"end of the connection", UntilTheEnd(larger)},
                                           {"size of a chunk", chunked + "fffffffffffffff0\r\n"}}) {
             EXPECT_EQ(FailureOf(reply, loggedIn), bodyLimit) << name << " " << loggedIn;
         }
@@ -231,20 +234,21 @@ TEST_F(ZarnStubAdapterTest, RefusesALongReplyAfterAnotherCallAndARefusedLogin) {
 
 TEST_F(ZarnStubAdapterTest, RefusesWhatIsTooLongBeforeItIsRead) {
     const std::string endless(1'000'000, 'x');
-    for (const auto& [reason, replies] : std::vector<std::pair<std::string, std::vector<ReplyCase>>>{
-             {"body limit exceeded",
-              {{"length of one byte more", ok + "Content-Length: 33554433\r\n\r\n" + endless},
-               {"length of 100 MB", ok + "Content-Length: 100000000\r\n\r\n" + endless},
-               {"greatest length", ok + "Content-Length: 18446744073709551615\r\n\r\n" + endless}}},
-             {"header limit exceeded",
-              {{"fields", ok + Sample::Repeated("X-Field: value\r\n", 62'500)},
-               {"one field", ok + "X-Long: " + endless},
-               {"reason phrase", "HTTP/1.1 200 " + endless}}},
-             {"buffer overflow",
-              {{"extension of a chunk", chunked + "5;name=" + endless},
-               {"size of a chunk", chunked + std::string(1'000'000, '0')},
-               {"extension of the last chunk", chunked + "0;name=" + endless},
-               {"trailer", chunked + "0\r\nX-Trailer: " + endless}}}}) {
+    const std::vector<std::pair<std::string, std::vector<ReplyCase>>> cases = {
+        {"body limit exceeded",
+         {{"length of one byte more", ok + "Content-Length: 33554433\r\n\r\n" + endless},
+          {"length of 100 MB", ok + "Content-Length: 100000000\r\n\r\n" + endless},
+          {"greatest length", ok + "Content-Length: 18446744073709551615\r\n\r\n" + endless}}},
+        {"header limit exceeded",
+         {{"fields", ok + Sample::Repeated("X-Field: value\r\n", 62'500)},
+          {"one field", ok + "X-Long: " + endless},
+          {"reason phrase", "HTTP/1.1 200 " + endless}}},
+        {"buffer overflow",
+         {{"extension of a chunk", chunked + "5;name=" + endless},
+          {"size of a chunk", chunked + std::string(1'000'000, '0')},
+          {"extension of the last chunk", chunked + "0;name=" + endless},
+          {"trailer", chunked + "0\r\nX-Trailer: " + endless}}}};
+    for (const auto& [reason, replies] : cases) {
         for (const ReplyCase& row : replies) {
             EXPECT_EQ(FailureOf(row.reply), unusable + reason) << row.name;
             EXPECT_GT(stream->GetUnread(), 900'000U) << row.name;
@@ -306,20 +310,19 @@ TEST_F(ZarnStubAdapterTest, RefusesEveryOtherStatus) {
 }
 
 TEST_F(ZarnStubAdapterTest, IsBrokenForGoodByAReplyThatStopsAtAnyByte) {
-    const std::string withoutLength = ok + "\r\n" + sweepReply;
     using Stop = std::pair<testing::Matcher<std::string>, std::function<std::size_t()>>;
     for (const auto& [expected, stop] :
          {Stop{HasSubstr("unusable: "), stream->atEnd}, Stop{Eq("stopped"), Throw<Tessim::StreamException>},
           Stop{Eq("stopped"), Throw<Tessim::TimeoutException>},
           Stop{Eq("stopped"), Throw<Tessim::SystemException>}}) {
         for (const std::string& whole :
-             {WithLength(sweepReply), Chunked(sweepReply, 16, "X-Trailer: a\r\n"), withoutLength}) {
+             {WithLength(sweepReply), Chunked(sweepReply, 16, "X-Trailer: a\r\n"), UntilTheEnd(sweepReply)}) {
             for (std::size_t length = 0; length < whole.size(); ++length) {
                 Connect();
                 stream->replies = {whole.substr(0, length)};
                 stream->atEnd = stop;
                 const std::string failure = Failure();
-                EXPECT_THAT(failure, expected) << length << "\n" << whole;
+                EXPECT_TRUE(expected.Matches(failure)) << failure << length << "\n" << whole;
                 const std::size_t sent = stream->written.size();
                 EXPECT_EQ(Failure(), failure);
                 EXPECT_EQ(stream->written.size(), sent);
