@@ -45,7 +45,7 @@ Tessim::Ref<MoRef> ReadReference(pugi::xml_node element, std::string_view declar
 // Appends the reference to `parent` as the element `name`.
 void WriteReference(pugi::xml_node parent, std::string_view name, const MoRef& reference);
 
-// A name from a peer for a message: escaped (StringUtil::EscapeUntrusted) and truncated to 64 bytes.
+// A name from a peer for a message: its first 64 bytes, escaped (StringUtil::EscapeUntrusted).
 std::string EscapeName(std::string_view name);
 
 // Whether `text` is valid UTF-8 made of nothing but what XML 1.0 calls characters: no control character but

@@ -41,7 +41,8 @@ void Endpoint::CreateMoFactory(Ordane::StubAdapter* adapter, Ref<Hask::MoFactory
 }
 
 Endpoint& Endpoint::Current() {
-    static Endpoint ownRuntime;
+    // Never destroyed: the client outlives every static object.
+    static Endpoint& ownRuntime = *new Endpoint;
     return current != nullptr ? *current : ownRuntime;
 }
 
