@@ -6,7 +6,6 @@
 #include "tests/support/fault_injection.h"
 #include "tests/support/log_capture.h"
 #include "tests/unit/snmp/tables.h"
-#include "tests/unit/snmp/walk_oracle.h"
 
 namespace {
 
@@ -104,13 +103,10 @@ void RequestOnce(const TableFacts<Row>& table, Input& input) {
     const bool exact = input.Byte() % 2 != 0;
 
     const std::vector<Row*> rows = ListRows(table);
-    std::vector<Oid> instances;
-    for (std::size_t row = 0; row < rows.size(); ++row) {
-        instances.push_back(Join(column.name, InstanceOf(table, rows, row)));
-    }
+    const std::vector<Oid> instances = Instances(table, column.name);
     const std::optional<std::size_t> row = FindAnsweringRow(instances, requested, exact);
 
-    const Answer answer = exact ? column.GetName(requested) : column.GetNextName(requested);
+    const Answer answer = column.Call(requested, exact);
     Tessim::Assert(answer.answered == row.has_value(), "a request is answered when a row answers it");
     Tessim::Assert(answer.name == (row ? instances[*row] : requested), "the OID is the answering row's");
     if (row) {
@@ -119,9 +115,9 @@ void RequestOnce(const TableFacts<Row>& table, Input& input) {
                        "the answer is the row's field");
     }
 
-    const RegisteredVariable unknown = column.WithMagic(input.Byte() % 3);
-    Tessim::Assert(!(exact ? unknown.GetName(requested) : unknown.GetNextName(requested)).answered,
-                   "an unknown magic has no answer");
+    RegisteredVariable unknown = column;
+    unknown.magic = input.Byte() % 3;
+    Tessim::Assert(!unknown.Call(requested, exact).answered, "an unknown magic has no answer");
 }
 
 template <class Row>

@@ -29,21 +29,6 @@ Value Read(const std::string& bytes) {
     return value;
 }
 
-std::string Counter64Text(const counter64& value) {
-    if (value.high > 0xffffffff || value.low > 0xffffffff) {
-        throw std::range_error("each half of a Counter64 has 32 bits");
-    }
-    return std::to_string(std::uint64_t{value.high} << 32 | value.low);
-}
-
-std::string ObjectIdText(const std::string& bytes) {
-    std::string text;
-    for (std::size_t at = 0; at < bytes.size(); at += sizeof(oid)) {
-        text += (at == 0 ? "" : ".") + std::to_string(Read<oid>(bytes.substr(at, sizeof(oid))));
-    }
-    return text;
-}
-
 }  // namespace
 
 Oid Enterprise(const Oid& rest) {
@@ -55,58 +40,28 @@ Oid Join(Oid first, const Oid& second) {
     return first;
 }
 
-std::string Answer::BytesNow() const {
-    return {reinterpret_cast<const char*>(address), bytes.size()};
-}
-
 std::string Answer::Text(u_char type) const {
-    switch (type) {
-        case ASN_INTEGER:
-            return std::to_string(Read<int>(bytes));
-        case ASN_COUNTER64:
-            return Counter64Text(Read<counter64>(bytes));
-        case ASN_OBJECT_ID:
-            return ObjectIdText(bytes);
-        default:
-            return bytes;
+    if (type == ASN_INTEGER) {
+        return std::to_string(Read<int>(bytes));
     }
-}
-
-Answer RegisteredVariable::Get(const Oid& instance) const {
-    return Call(Join(name, instance), 1);
-}
-Answer RegisteredVariable::GetName(const Oid& request) const {
-    return Call(request, 1);
-}
-Answer RegisteredVariable::GetNext(const Oid& instance) const {
-    return Call(Join(name, instance), 0);
-}
-Answer RegisteredVariable::GetNextName(const Oid& request) const {
-    return Call(request, 0);
-}
-
-std::vector<Oid> RegisteredVariable::Walk() const {
-    std::vector<Oid> instances;
-    for (Answer answer = GetNext({}); answer.answered; answer = GetNextName(answer.name)) {
-        if (answer.name.size() < name.size() || !std::equal(name.begin(), name.end(), answer.name.begin())) {
-            throw std::range_error("an answer outside its column");
+    if (type == ASN_COUNTER64) {
+        const auto value = Read<counter64>(bytes);
+        if ((value.high | value.low) >> 32U != 0) {
+            throw std::range_error("each half of a Counter64 has 32 bits");
         }
-        instances.emplace_back(answer.name.begin() + static_cast<std::ptrdiff_t>(name.size()),
-                               answer.name.end());
-        if (instances.size() > 1000) {
-            throw std::runtime_error("an endless walk");
-        }
+        return std::to_string(value.high << 32U | value.low);
     }
-    return instances;
+    if (type != ASN_OBJECT_ID) {
+        return bytes;
+    }
+    std::string text;
+    for (std::size_t at = 0; at < bytes.size(); at += sizeof(oid)) {
+        text += (at == 0 ? "" : ".") + std::to_string(Read<oid>(bytes.substr(at, sizeof(oid))));
+    }
+    return text;
 }
 
-RegisteredVariable RegisteredVariable::WithMagic(int other) const {
-    RegisteredVariable variable = *this;
-    variable.magic = static_cast<u_char>(other);
-    return variable;
-}
-
-Answer RegisteredVariable::Call(const Oid& request, int exact) const {
+Answer RegisteredVariable::Call(const Oid& request, bool exact) const {
     variable entry{};
     entry.magic = magic;
     entry.findVar = handler;
@@ -116,18 +71,15 @@ Answer RegisteredVariable::Call(const Oid& request, int exact) const {
     std::array<oid, MAX_OID_LEN> buffer{};
     std::copy(request.begin(), request.end(), buffer.begin());
     std::size_t length = request.size();
-    // Values that a handler must have overwritten.
-    std::size_t varLen = 99999;
     WriteMethod* writeMethod = [](int, u_char*, u_char, size_t, u_char*, oid*, size_t) { return 0; };
 
     Answer answer;
-    const u_char* const bytes = handler(&entry, buffer.data(), &length, exact, &varLen, &writeMethod);
+    answer.address = handler(&entry, buffer.data(), &length, exact ? 1 : 0, &answer.length, &writeMethod);
+    answer.answered = answer.address != nullptr;
     answer.name.assign(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(length));
     answer.writeMethodNull = writeMethod == nullptr;
-    if (bytes != nullptr) {
-        answer.answered = true;
-        answer.address = bytes;
-        answer.bytes.assign(reinterpret_cast<const char*>(bytes), varLen);
+    if (answer.answered) {
+        answer.bytes.assign(reinterpret_cast<const char*>(answer.address), answer.length);
     }
     return answer;
 }

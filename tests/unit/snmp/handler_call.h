@@ -16,14 +16,14 @@ Oid Join(Oid first, const Oid& second);
 
 // A handler's answer, copied at once.
 struct Answer {
+    static constexpr std::size_t unset = 99999;
+
     Oid name;                         // the request's OID afterwards
-    std::string bytes;                // as many as the answer's length says
+    std::size_t length = unset;       // unset until the handler stores one
     const u_char* address = nullptr;  // the handler's buffer
+    std::string bytes;                // `length` of them from there
     bool answered = false;
     bool writeMethodNull = false;
-
-    // The bytes that stand at the answer's address now.
-    std::string BytesNow() const;
 
     // The value as the agent reads it, as text: decimal numbers, dotted OIDs. Throws std::length_error or
     // std::range_error for bytes that are no value of that ASN.1 type.
@@ -39,22 +39,12 @@ struct RegisteredVariable {
     u_char type;
     u_short access;
 
-    // A GET of the instance, or of any OID.
-    Answer Get(const Oid& instance) const;
-    Answer GetName(const Oid& request) const;
+    // A GET (exact) or GETNEXT from any OID.
+    Answer Call(const Oid& request, bool exact) const;
 
-    // A GETNEXT from the variable's OID followed by `instance`, or from any OID.
-    Answer GetNext(const Oid& instance) const;
-    Answer GetNextName(const Oid& request) const;
-
-    // The instances that a walk by GETNEXT returns, in its order.
-    std::vector<Oid> Walk() const;
-
-    // The same variable requested by another magic.
-    RegisteredVariable WithMagic(int other) const;
-
-  private:
-    Answer Call(const Oid& request, int exact) const;
+    // A GET of the instance, and a GETNEXT from it.
+    Answer Get(const Oid& instance) const { return Call(Join(name, instance), true); }
+    Answer GetNext(const Oid& instance) const { return Call(Join(name, instance), false); }
 };
 
 // Registers every group with the agent, once per process, without starting the client.

@@ -2,6 +2,7 @@
 // process, so the tests need a process each.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <map>
 #include <stdexcept>
@@ -68,10 +69,20 @@ class Scalars : public testing::Test {
         return answer.Text(scalar.type);
     }
 
+    // The product's scalars; the version identifier without its prefix.
+    static std::vector<std::string> ReadProduct() {
+        const std::string versionId = Read("prodOID");
+        const std::string prefix = "1.3.6.1.4.1.32473.60.1.";
+        EXPECT_TRUE(versionId.starts_with(prefix)) << versionId;
+        return {Read("prodName"), Read("prodVersion"), Read("prodBuild"), versionId.substr(prefix.size())};
+    }
+
     TestSupport::LogCapture log;
     TestSupport::FakeDaemon daemon;
     TestSupport::FaultInjection faults;
 };
+
+using Texts = std::vector<std::string>;
 
 struct Handler {
     FindVarMethod* handler;
@@ -139,7 +150,9 @@ TEST_F(Scalars, LeaveADetailForAMagicThatNoScalarHas) {
     for (const Handler& handler : handlers) {
         const std::vector<RegisteredVariable> scalars = VariablesOf(handler.handler);
         for (const int magic : {0, scalars.front().magic - 1, scalars.back().magic + 1, 255}) {
-            EXPECT_FALSE(scalars[0].WithMagic(magic).Get({0}).answered);
+            RegisteredVariable unknown = scalars[0];
+            unknown.magic = static_cast<u_char>(magic);
+            EXPECT_FALSE(unknown.Get({0}).answered);
             EXPECT_EQ(TakeDetail(), handler.detail);
         }
     }
@@ -243,10 +256,7 @@ TEST_F(Scalars, ReadTheProductOnce) {
     EXPECT_EQ(Read("prodName"), "first");
     EXPECT_EQ(log.Take(), (std::vector<LogLine>{{4, "Get Product Version: invalid version: x\n"}}));
     SetProduct("second", "4.5.6", "2");
-    EXPECT_EQ(Read("prodName"), "first");
-    EXPECT_EQ(Read("prodVersion"), "3.x.2");
-    EXPECT_EQ(Read("prodBuild"), "1");
-    EXPECT_EQ(Read("prodOID"), "1.3.6.1.4.1.32473.60.1.3.0.2");
+    EXPECT_EQ(ReadProduct(), (Texts{"first", "3.x.2", "1", "3.0.2"}));
     EXPECT_EQ(log.Take(), std::vector<LogLine>{});  // not read again, and not parsed again
     EXPECT_EQ(daemon.CountCalls("RetrieveContent"), 1);
 }
@@ -261,14 +271,8 @@ class VersionOfTwoOrFourParts : public Scalars, public testing::WithParamInterfa
 
 TEST_P(VersionOfTwoOrFourParts, IsReportedOnEveryRequest) {
     SetProduct("name", GetParam(), "build");
-    const std::pair<const char*, const char*> values[] = {{"prodName", "name"},
-                                                          {"prodVersion", GetParam()},
-                                                          {"prodBuild", "build"},
-                                                          {"prodOID", "1.3.6.1.4.1.32473.60.1.0.0.0"}};
-    for (const auto& [scalar, value] : values) {
-        EXPECT_EQ(Read(scalar), value);
-        EXPECT_EQ(log.Take(), std::vector{WrongFormat(GetParam())});
-    }
+    EXPECT_EQ(ReadProduct(), (Texts{"name", GetParam(), "build", "0.0.0"}));
+    EXPECT_EQ(log.Take(), std::vector(4, WrongFormat(GetParam())));
 }
 
 INSTANTIATE_TEST_SUITE_P(Versions, VersionOfTwoOrFourParts,
@@ -276,7 +280,7 @@ INSTANTIATE_TEST_SUITE_P(Versions, VersionOfTwoOrFourParts,
 
 TEST_F(Scalars, TakeEveryPartThatIsNoNumberAs0) {
     SetProduct("name", "a..99999999999", "build");
-    EXPECT_EQ(Read("prodOID"), "1.3.6.1.4.1.32473.60.1.0.0.0");
+    EXPECT_EQ(ReadProduct().back(), "0.0.0");
     EXPECT_EQ(log.Take(), (std::vector<LogLine>{{4, "Get Product Version: invalid version: a\n"},
                                                 {4, "Get Product Version: invalid version: \n"},
                                                 {4, "Get Product Version: invalid version: 99999999999\n"}}));
@@ -284,20 +288,16 @@ TEST_F(Scalars, TakeEveryPartThatIsNoNumberAs0) {
 
 TEST_F(Scalars, TakeANegativePartAsItsUnsigned32Bits) {
     SetProduct("name", "3.-1.2", "build");
-    EXPECT_EQ(Read("prodOID"), "1.3.6.1.4.1.32473.60.1.3.4294967295.2");
+    EXPECT_EQ(ReadProduct().back(), "3.4294967295.2");
 }
 
 TEST_F(Scalars, ReturnEmptyTextsUntilTheDaemonIsReached) {
     daemon.down = "connection refused";
     SetProduct("name", "3.0.2", "build");
-    const std::pair<const char*, const char*> values[] = {{"prodName", ""},
-                                                          {"prodVersion", ""},
-                                                          {"prodBuild", ""},
-                                                          {"prodOID", "1.3.6.1.4.1.32473.60.1.0.0.0"}};
-    for (const auto& [scalar, value] : values) {
-        EXPECT_EQ(Read(scalar), value);
-        EXPECT_EQ(log.Take().back(), noClient);
-    }
+    EXPECT_EQ(ReadProduct(), (Texts{"", "", "", "0.0.0"}));
+    const std::vector<LogLine> lines = log.Take();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), noClient), 4);
+    EXPECT_EQ(lines.back(), noClient);
     EXPECT_EQ(daemon.openings.size(), 4U);
     daemon.down = "";
     EXPECT_EQ(Read("prodName"), "name");
@@ -321,11 +321,9 @@ TEST_F(Scalars, ReturnEmptyTextsForContentWithoutAProduct) {
 
 TEST_F(Scalars, TruncateProductTextsToTheirBuffers) {
     SetProduct(std::string(256, 'n'), "1234567890.12.345", "0123456789abcdef");
-    EXPECT_EQ(Read("prodName"), std::string(255, 'n'));
-    EXPECT_EQ(Read("prodVersion"), "1234567890.12.3");
-    EXPECT_EQ(Read("prodBuild"), "0123456789abcde");
     // The identifier is made from the whole version.
-    EXPECT_EQ(Read("prodOID"), "1.3.6.1.4.1.32473.60.1.1234567890.12.345");
+    EXPECT_EQ(ReadProduct(),
+              (Texts{std::string(255, 'n'), "1234567890.12.3", "0123456789abcde", "1234567890.12.345"}));
 }
 
 TEST_F(Scalars, ReportAWrongVersionTruncated) {

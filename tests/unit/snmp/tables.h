@@ -9,8 +9,10 @@
 #include <cstring>
 #include <limits>
 #include <new>
+#include <optional>
 #include <set>
 #include <string>
+#include <tuple>
 #include <type_traits>
 #include <variant>
 #include <vector>
@@ -116,19 +118,19 @@ LIST_FACTS(resNetNode, ResNet, resNet, "Unknown", 1, {"netIdx", &Row::netIdx}, {
 #undef LIST_FACTS
 #undef TABLE_FACTS
 
-// Calls `action` with the facts of each table, in the order in which the module empties them.
+// The rows of the lists and of all tables, in the order in which the module empties the tables.
+template <template <class...> class Types>
+using ListRowTypes = Types<vmNetNode, vmHBANode, vmHBATgtNode, vmFloppyNode, vmCDROMNode, resMemNode,
+                           resCPUNode, resDiskNode, resNetNode>;
+template <template <class...> class Types>
+using RowTypes = Types<vmEntry, vmNetNode, vmHBANode, vmHBATgtNode, vmFloppyNode, vmCDROMNode, resMemNode,
+                       resCPUNode, resDiskNode, resNetNode>;
+
+// Calls `action` with the facts of each table, in that order.
 template <class Action>
 void ForEachTable(Action action) {
-    action(Facts<vmEntry>());
-    action(Facts<vmNetNode>());
-    action(Facts<vmHBANode>());
-    action(Facts<vmHBATgtNode>());
-    action(Facts<vmFloppyNode>());
-    action(Facts<vmCDROMNode>());
-    action(Facts<resMemNode>());
-    action(Facts<resCPUNode>());
-    action(Facts<resDiskNode>());
-    action(Facts<resNetNode>());
+    std::apply([&](const auto&... row) { (action(Facts<std::decay_t<decltype(row)>>()), ...); },
+               RowTypes<std::tuple>());
 }
 
 inline void DestroyAllRows() {
@@ -251,16 +253,35 @@ std::string ExpectedText(const TableFacts<Row>& table, const Row& row, std::size
         field);
 }
 
-// The row's index as sub-identifiers; negative ones are their unsigned 32 bits.
+// The instance OIDs of the rows in `column`, in the order of the rows. Negative index fields are their
+// unsigned 32 bits.
 template <class Row>
-Oid InstanceOf(const TableFacts<Row>& table, const std::vector<Row*>& rows, std::size_t position) {
-    if (table.indexFields == 0) {
-        return {position};
+std::vector<Oid> Instances(const TableFacts<Row>& table, const Oid& column) {
+    std::vector<Oid> instances;
+    for (const Row* const row : ListRows(table)) {
+        Oid instance = column;
+        for (std::size_t field = 0; field < table.indexFields; ++field) {
+            const auto member = std::get<std::int32_t Row::*>(table.fields[field].field);
+            instance.push_back(static_cast<std::uint32_t>(row->*member));
+        }
+        if (table.indexFields == 0) {
+            instance.push_back(instances.size());
+        }
+        instances.push_back(instance);
     }
-    Oid index;
-    for (std::size_t field = 0; field < table.indexFields; ++field) {
-        const auto member = std::get<std::int32_t Row::*>(table.fields[field].field);
-        index.push_back(static_cast<std::uint32_t>(rows[position]->*member));
+    return instances;
+}
+
+// The position of the answering row among rows with these instance OIDs: the first whose OID is the request
+// (exact), or the first of those with the smallest OID beyond it.
+inline std::optional<std::size_t> FindAnsweringRow(const std::vector<Oid>& instances, const Oid& requested,
+                                                   bool exact) {
+    std::optional<std::size_t> best;
+    for (std::size_t row = 0; row < instances.size(); ++row) {
+        if ((exact ? instances[row] == requested : instances[row] > requested) &&
+            (!best || instances[row] < instances[*best])) {
+            best = row;
+        }
     }
-    return index;
+    return best;
 }
