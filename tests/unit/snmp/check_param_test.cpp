@@ -20,7 +20,7 @@ u_char* AnswerAMatch(variable* vp, oid* name, size_t* length, int exact, size_t*
 }
 
 Answer Call(const Oid& name, const Oid& request, bool exact) {
-    return RegisteredVariable{"test", name, AnswerAMatch, 1, ASN_INTEGER, RONLY}.Call(request, exact);
+    return RegisteredVariable{"test", name, AnswerAMatch, 1, ASN_INTEGER}.Call(request, exact);
 }
 
 void ExpectMatch(const Oid& request, bool exact, const Oid& name = scalar) {

@@ -110,7 +110,7 @@ std::vector<RegisteredVariable> RegisteredVariables() {
             variables.push_back(
                 {registration->NameOf(i),
                  Join({base.begin(), base.end()}, {entry->name, entry->name + entry->namelen}),
-                 entry->findVar, entry->magic, static_cast<u_char>(entry->type), entry->acl});
+                 entry->findVar, entry->magic, static_cast<u_char>(entry->type)});
         }
     }
     return variables;

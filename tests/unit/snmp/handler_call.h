@@ -37,7 +37,6 @@ struct RegisteredVariable {
     FindVarMethod* handler;
     u_char magic;
     u_char type;
-    u_short access;
 
     // A GET (exact) or GETNEXT from any OID.
     Answer Call(const Oid& request, bool exact) const;

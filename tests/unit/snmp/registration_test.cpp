@@ -115,25 +115,15 @@ class ForeignColumn {
     int priority;
 };
 
-// Debug output of the agent while this lives.
-class Debugging {
-  public:
-    Debugging() {
-        snmp_set_do_debugging(1);
-        debug_register_tokens("trace,register_mib");
-    }
-    ~Debugging() { snmp_set_do_debugging(0); }
-    Debugging(const Debugging&) = delete;
-    Debugging& operator=(const Debugging&) = delete;
-};
-
 class Module : public testing::Test {
   protected:
     Module() {
         TestSupport::StartAgent();
+        debug_register_tokens("trace,register_mib");  // debugging is off
         log.Take();
     }
     ~Module() override {
+        snmp_set_do_debugging(0);
         SNMP::Registration::UnregisterAll();
         DestroyAllRows();
     }
@@ -220,7 +210,6 @@ TEST_F(Module, LoadsWhenTheClientThrows) {
 }
 
 TEST_F(Module, WritesOnlyItsLinesWhenTheAgentRefuses) {
-    debug_register_tokens("trace,register_mib");  // known, but debugging stays off
     init_SNMPKelv();
     log.Take();
     init_SNMPKelv();
@@ -229,7 +218,7 @@ TEST_F(Module, WritesOnlyItsLinesWhenTheAgentRefuses) {
 }
 
 TEST_F(Module, TracesEachRefusalWhileTheAgentIsDebugging) {
-    const Debugging debugging;
+    snmp_set_do_debugging(1);
     init_SNMPKelv();
     EXPECT_EQ(TakeRefusals(), std::vector<std::string>{});
     init_SNMPKelv();
@@ -237,7 +226,7 @@ TEST_F(Module, TracesEachRefusalWhileTheAgentIsDebugging) {
 }
 
 TEST_F(Module, RegistersOneTableOfAGroupWhenTheOtherIsRefused) {
-    const Debugging debugging;
+    snmp_set_do_debugging(1);
     for (const oid taken : {2, 6}) {
         const oid other = taken == 2 ? 3 : 5;
         const ForeignColumn foreign(Enterprise({2, taken, 1, 1}));

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <random>
 #include <set>
 #include <stdexcept>
 
@@ -194,6 +195,77 @@ TYPED_TEST(ListTable, TakesANegativeIndexAsItsUnsigned32Bits) {
         this->ExpectRow(this->columns[column].Get(index), column, last, index);
     }
     EXPECT_EQ(this->columns[0].Get(index).Text(ASN_INTEGER), "-1");
+}
+
+// How a handler finds the row that answers a request, against the definition of that row.
+template <class Row>
+class TableWalk : public Table<Row> {
+  protected:
+    // Returns whether a row answers.
+    bool ExpectOraclesRow(const Oid& request, bool exact) const {
+        const RegisteredVariable& column = this->columns.back();
+        const std::vector<Oid> instances = Instances(this->table, column.name);
+        const std::optional<std::size_t> row = FindAnsweringRow(instances, request, exact);
+        const Answer answer = column.Call(request, exact);
+        EXPECT_EQ(answer.answered, row.has_value());
+        if (row && answer.answered) {
+            this->ExpectRow(answer, this->columns.size() - 1, *ListRows(this->table)[*row],
+                            {instances[*row].begin() + static_cast<std::ptrdiff_t>(column.name.size()),
+                             instances[*row].end()});
+        } else {
+            EXPECT_EQ(answer.name, request);
+            EXPECT_EQ(answer.length, Answer::unset);
+            EXPECT_FALSE(answer.writeMethodNull);
+        }
+        return row.has_value();
+    }
+};
+
+using IndexedDifferently = testing::Types<vmEntry, resMemNode, vmHBANode>;
+TYPED_TEST_SUITE(TableWalk, IndexedDifferently);
+
+TYPED_TEST(TableWalk, FindsTheRowThatTheOracleFinds) {
+    std::mt19937 random(20240229);  // always the same requests
+    const auto pick = [&](std::size_t below) {
+        return std::uniform_int_distribution<std::size_t>(0, below - 1)(random);
+    };
+    const std::uint32_t fields[] = {0, 1, 2, 3, 7, 4294967295, 2147483647, 2147483648};
+    const oid tailValues[] = {0, 1, 2, 3, 4, 7, 2147483647, 2147483648, 4294967295};
+    const Oid& column = this->columns.back().name;
+    const std::size_t width = column.size();
+    int found = 0;
+    for (int round = 0; round < 20000 && !this->HasFailure(); ++round) {
+        this->table.destroy();
+        for (std::size_t left = pick(6); left > 0; --left) {
+            const std::uint32_t first = fields[pick(8)];
+            this->AddRow(first, fields[pick(8)]);
+        }
+        // Mostly the column, truncated or not, sometimes off by one somewhere, then a tail.
+        Oid request = column;
+        request.resize(pick(3) == 0 ? pick(width + 1) : width);
+        if (!request.empty() && pick(4) == 0) {
+            request[pick(request.size())] += pick(2) == 0 ? 1U : ~oid{0};
+        }
+        if (pick(10) != 0) {
+            for (std::size_t left = pick(5); left > 0; --left) {
+                request.push_back(tailValues[pick(9)]);
+            }
+        } else {
+            request.resize(MAX_OID_LEN, tailValues[pick(9)]);
+        }
+        SCOPED_TRACE(testing::PrintToString(request));
+        found += this->ExpectOraclesRow(request, pick(2) == 0) ? 1 : 0;
+    }
+    EXPECT_GT(found, 3000);
+}
+
+TYPED_TEST(TableWalk, FindsNoRowWhenTheInstanceOidIsTooLong) {
+    this->AddRow(1);
+    RegisteredVariable& column = this->columns.back();
+    column.name = Oid(MAX_OID_LEN - std::max<std::size_t>(this->table.indexFields, 1), 1);
+    EXPECT_TRUE(column.GetNext({}).answered);
+    column.name.push_back(1);
+    EXPECT_FALSE(column.GetNext({}).answered);
 }
 
 using VmTable = Table<vmEntry>;
