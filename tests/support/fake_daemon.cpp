@@ -6,9 +6,10 @@
 #include <cassert>
 #include <utility>
 
+#include "runtime/ordane/dispatcher.h"
+#include "runtime/ordane/soap_stub_adapter.h"
 #include "runtime/tessim/authd.h"
 #include "runtime/tessim/exception.h"
-#include "tests/support/local_adapter.h"
 
 namespace TestSupport {
 
@@ -104,12 +105,25 @@ class ConnectionSource final : public Ordane::ObjectSource {
     bool loggedIn = false;
 };
 
+// Passes messages to the dispatcher that the real daemon uses too.
+class LocalAdapter final : public Ordane::SoapStubAdapter {
+  public:
+    explicit LocalAdapter(Ordane::ObjectSource& source) : source(&source) {}
+
+  protected:
+    std::string Exchange(const std::string& request) override {
+        Reach().Send(Ordane::Soap::Message(request, {}).GetName());
+        return Ordane::HandleCall(request, *source, {}).text;
+    }
+
+  private:
+    Ordane::ObjectSource* source;
+};
+
 // A local adapter of its own connection, which records its calls and its end.
 class FakeAdapter final : public virtual Ordane::StubAdapter, public Tessim::ObjectImpl {
   public:
-    explicit FakeAdapter(FakeDaemon& daemon) : source(daemon.host), adapter(MakeRef<LocalAdapter>(source)) {
-        adapter->Watch([](const std::string& method) { Reach().Send(method); });
-    }
+    explicit FakeAdapter(FakeDaemon& daemon) : source(daemon.host), adapter(MakeRef<LocalAdapter>(source)) {}
 
     Ref<Ordane::DataObject> Invoke(const Ordane::MoRef& target, const Ordane::MethodInfo& method,
                                    const Ordane::DataObject& request) override {

@@ -15,7 +15,6 @@
 
 namespace {
 
-using namespace ApiObjects;
 using TestSupport::FakeDaemon;
 using TestSupport::LogLine;
 using TestSupport::TakeDetail;
@@ -150,13 +149,18 @@ TYPED_TEST(Table, ReturnsNothingWithoutRows) {
 
 TYPED_TEST(Table, RefreshesTheCacheBeforeItIsWalked) {
     FakeDaemon daemon;
-    daemon.host.vms = {Vm("16", Config("web-1", 1, 512,
-                                       {MakeController<Device::VirtualLsiLogicController>(1000, 0),
-                                        Disk("Hard Disk 1", 0, DeviceBacking("raw-1")), Nic(4000, "Adapter"),
-                                        MakeController<Device::VirtualIDEController>(200, 0),
-                                        Cdrom(200, 0, DeviceBacking("/dev/cd0"), true),
-                                        Floppy(0, DeviceBacking("/dev/fd0"), true)}))};
-    daemon.host.counters = AllCounters();
+    ApiObjects::Describe(daemon.host, R"(
+vms:
+  - id: "16"
+    runtime: {powerState: poweredOn}
+    config: {name: web-1, guestFullName: Guest, hardware: {numCPU: 1, memoryMB: 512, device: [
+      {type: VirtualLsiLogicController, key: 1000, busNumber: 0},
+      {type: VirtualDisk, key: 2000, backing: {type: DeviceBackingInfo, deviceName: raw-1}},
+      {type: VirtualEthernetCard, key: 4000},
+      {type: VirtualIDEController, key: 200, busNumber: 0},
+      {type: VirtualCdrom, key: 3000, controllerKey: 200, unitNumber: 0},
+      {type: VirtualFloppy, key: 8000, unitNumber: 0}]}}
+)");
     this->clock.SetTime(aTime);
     EXPECT_TRUE(this->columns[0].GetNext({}).answered);
     EXPECT_EQ(daemon.CountCalls("GetChildEntity"), 1);

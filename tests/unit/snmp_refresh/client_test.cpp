@@ -16,19 +16,6 @@ using Hask::ServiceInstanceContent;
 using SNMP::GetOrdaneClient;
 using testing::Contains;
 
-void SetCores(FakeHost& host, int cores) {
-    const auto cpu = MakeRef<Hask::Host::CpuInfo>();
-    cpu->SetNumCpuCores(cores);
-    host.hardware = MakeRef<Hask::Host::HardwareInfo>();
-    host.hardware->SetCpuInfo(cpu);
-}
-
-void SetMemory(FakeHost& host, std::int64_t reserved, std::int64_t unreserved) {
-    host.consoleReservation = MakeRef<Hask::Host::MemoryManagerSystem::ServiceConsoleReservationInfo>();
-    host.consoleReservation->SetServiceConsoleReserved(reserved);
-    host.consoleReservation->SetUnreserved(unreserved);
-}
-
 using ProcessWideClientTest = DaemonTest;
 
 TEST_F(ProcessWideClientTest, IsMadeOnceAndConnectsOnce) {
@@ -323,7 +310,7 @@ INSTANTIATE_TEST_SUITE_P(Queries, QueryTest, testing::ValuesIn(queries),
 
 TEST_F(ClientTest, ListsEveryChildOfTheFolderInItsOrder) {
     host.vms = {{"48", nullptr, nullptr, nullptr},
-                {"16", Config("web"), nullptr, nullptr},
+                {"16", MakeRef<Hask::Vm::ConfigInfo>(), nullptr, nullptr},
                 {"not-a-number", nullptr, nullptr, nullptr}};
     const auto vms = AllVms();
     ASSERT_TRUE(vms);

@@ -66,6 +66,20 @@ inline Lines Report(const std::string& message, const Tessim::Exception& failure
     return lines;
 }
 
+inline void SetCores(FakeHost& host, int cores) {
+    const auto cpu = MakeRef<Hask::Host::CpuInfo>();
+    cpu->SetNumCpuCores(cores);
+    host.hardware = MakeRef<Hask::Host::HardwareInfo>();
+    host.hardware->SetCpuInfo(cpu);
+}
+
+// In bytes.
+inline void SetMemory(FakeHost& host, std::int64_t reserved, std::int64_t unreserved) {
+    host.consoleReservation = MakeRef<Hask::Host::MemoryManagerSystem::ServiceConsoleReservationInfo>();
+    host.consoleReservation->SetServiceConsoleReserved(reserved);
+    host.consoleReservation->SetUnreserved(unreserved);
+}
+
 // A daemon, and the lines that reach the agent's log.
 class DaemonTest : public testing::Test {
   protected:

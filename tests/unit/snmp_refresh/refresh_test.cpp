@@ -4,6 +4,7 @@
 #include <memory>
 #include <new>
 #include <ostream>
+#include <regex>
 #include <stdexcept>
 #include <thread>
 
@@ -42,34 +43,62 @@ Lines Completed(int count, const Lines& between = {}) {
     return lines;
 }
 
-// A configuration with two devices of each kind.
-Ref<Hask::Vm::ConfigInfo> FullConfig(const std::string& name) {
-    auto config = Config(
-        name, 2, 512,
-        {MakeController<Device::VirtualLsiLogicController>(1000, 0, name + " SCSI 0"),
-         MakeController<Device::VirtualBusLogicController>(1001, 1, name + " SCSI 1"),
-         Disk(name + " Disk 1", 0, DeviceBacking("raw-1"), 10),
-         Disk(name + " Disk 2", 1, DeviceBacking("raw-2"), 20), Nic(4000, name + " Adapter 1"),
-         Nic(4001, name + " Adapter 2"), MakeController<Device::VirtualIDEController>(200, 0),
-         Cdrom(200, 0, DeviceBacking("/dev/cd0"), true), Cdrom(200, 1, DeviceBacking("/dev/cd1"), false),
-         Floppy(0, DeviceBacking("/dev/fd0"), true), Floppy(1, DeviceBacking("/dev/fd1"), false)});
-    config->SetCpuAllocation(Allocation(2000));
-    config->SetMemoryAllocation(Allocation(5120));
-    return config;
+// A VM with two devices of each kind and statistics for all of them, in the format of described hosts.
+std::string FullVm(const std::string& id, const std::string& powerState) {
+    static const std::string vm = R"(
+  - id: "ID"
+    runtime: {powerState: STATE}
+    guest: {guestState: running}
+    config:
+      name: vm-ID
+      guestFullName: Guest of vm-ID
+      cpuAllocation: {shares: {shares: 2000}}
+      memoryAllocation: {shares: {shares: 5120}}
+      hardware:
+        numCPU: 2
+        memoryMB: 512
+        device:
+          - {type: VirtualLsiLogicController, key: 1000, busNumber: 0, deviceInfo: {label: vm-ID SCSI 0, summary: ""}}
+          - {type: VirtualBusLogicController, key: 1001, busNumber: 1, deviceInfo: {label: vm-ID SCSI 1, summary: ""}}
+          - {type: VirtualDisk, key: 2000, unitNumber: 0, deviceInfo: {label: vm-ID Disk 1, summary: ""},
+             backing: {type: DeviceBackingInfo, deviceName: raw-1}, shares: {shares: 10}}
+          - {type: VirtualDisk, key: 2001, unitNumber: 1, deviceInfo: {label: vm-ID Disk 2, summary: ""},
+             backing: {type: DeviceBackingInfo, deviceName: raw-2}, shares: {shares: 20}}
+          - {type: VirtualEthernetCard, key: 4000, deviceInfo: {label: vm-ID Adapter 1, summary: vm-ID card 1},
+             backing: {type: DeviceBackingInfo, deviceName: VM Network}, macAddress: "00:16:3e:00:00:01"}
+          - {type: VirtualEthernetCard, key: 4001, deviceInfo: {label: vm-ID Adapter 2, summary: vm-ID card 2},
+             backing: {type: DeviceBackingInfo, deviceName: VM Network}}
+          - {type: VirtualIDEController, key: 200, busNumber: 0}
+          - {type: VirtualCdrom, key: 3000, controllerKey: 200, unitNumber: 0, connectable: {connected: true},
+             backing: {type: DeviceBackingInfo, deviceName: /dev/cd0}}
+          - {type: VirtualCdrom, key: 3001, controllerKey: 200, unitNumber: 1, connectable: {connected: false},
+             backing: {type: DeviceBackingInfo, deviceName: /dev/cd1}}
+          - {type: VirtualFloppy, key: 8000, unitNumber: 0, connectable: {connected: true},
+             backing: {type: DeviceBackingInfo, deviceName: /dev/fd0}}
+          - {type: VirtualFloppy, key: 8001, unitNumber: 1, connectable: {connected: false},
+             backing: {type: DeviceBackingInfo, deviceName: /dev/fd1}}
+    stats:
+      disk.numberRead: {raw-1: 1, raw-2: 1}
+      disk.numberWrite: {raw-1: 2, raw-2: 2}
+      disk.read: {raw-1: 3, raw-2: 3}
+      disk.write: {raw-1: 4, raw-2: 4}
+      net.received: {"4000": 5, "4001": 5}
+      net.transmitted: {"4000": 6, "4001": 6}
+      net.packetsTx: {"4000": 7, "4001": 7}
+      net.packetsRx: {"4000": 8, "4001": 8}
+      mem.active: {"": 9}
+      cpu.used: {"0": 10, "1": 11}
+)";
+    return std::regex_replace(std::regex_replace(vm, std::regex("\\bID\\b"), id), std::regex("STATE"),
+                              powerState);
 }
 
-// Statistics for everything in FullConfig.
-Ref<Performance::EntityMetric> FullMetric(const std::string& id) {
-    std::vector<Ref<Performance::MetricSeries>> series;
-    for (const int number : {1, 2}) {
-        for (const int counter : {1, 2, 3, 4}) {
-            series.push_back(Series(counter, "raw-" + std::to_string(number), {counter}));
-            series.push_back(Series(counter + 4, std::to_string(3999 + number), {counter + 4}));
-        }
-        series.push_back(Series(10, std::to_string(number - 1), {9 + number}));
-    }
-    series.push_back(Series(9, "", {9}));
-    return Metric(id, series);
+// Adds the VM and its statistics.
+void AddVm(FakeHost& host, const std::string& yaml) {
+    FakeHost described;
+    Describe(described, "vms:\n" + yaml);
+    host.vms.push_back(described.vms.at(0));
+    host.metrics->Append((*described.metrics)[0]);
 }
 
 using Counts = std::vector<std::size_t>;
@@ -85,9 +114,8 @@ class RefreshTest : public DaemonTest {
     }
     ~RefreshTest() override { SNMPRaskTable_Destroy(); }
 
-    void AddFullVm(const std::string& id, PowerState state = PowerState::poweredOn) {
-        host.vms.push_back(Vm(id, FullConfig("vm-" + id), state));
-        host.metrics->Append(FullMetric(id));
+    void AddFullVm(const std::string& id, const std::string& powerState = "poweredOn") {
+        AddVm(host, FullVm(id, powerState));
     }
     // A request at that many seconds after the start.
     void RequestAt(std::time_t seconds) {
@@ -169,10 +197,10 @@ TEST_F(RefreshTest, WaitsForASlowDaemonWithinItsTime) {
 }
 
 TEST_F(RefreshTest, TimesOutWhileItFillsTheTables) {
-    for (const auto& devices : std::vector<std::vector<Ref<Device::VirtualDevice>>>{
-             {}, {Disk("Hard Disk 1", 0, DeviceBacking("raw"))}, {Nic(4000, "Adapter 1")}}) {
-        // With devices it is they that time out, not the CPUs.
-        host.vms = {Vm("16", Config("vm", devices.empty() ? 1 : 0, 0, devices))};
+    for (const std::string hardware : {"numCPU: 1", "numCPU: 0, device: [{type: VirtualDisk, key: 1}]",
+                                       "numCPU: 0, device: [{type: VirtualEthernetCard, key: 1}]"}) {
+        Describe(host, std::string("vms: [{id: '16', runtime: {powerState: poweredOn}, config: {name: vm, ") +
+                           "guestFullName: '', hardware: {memoryMB: 0, " + hardware + "}}}]");
         {
             const Tessim::TimeBudget spent(0s);
             RequestAt(0);
@@ -218,45 +246,49 @@ TEST_F(RefreshTest, FillsEveryTableOfTwoVms) {
     AddFullVm("32");
     RequestAt(0);
     EXPECT_EQ(log.Take(), Completed(2));
-    ASSERT_EQ(TestRows::Counts(), rowsOfTwoVms);
-    for (std::size_t i = 0; i < 4; ++i) {
-        const std::size_t vm = i / 2;
-        const int vmIdx = static_cast<int>(vm);
-        const int device = static_cast<int>(i % 2);
-        const int id = vm == 0 ? 16 : 32;
-        const std::string name = "vm-" + std::to_string(id);
-        EXPECT_EQ(TestRows::Vms()[vm]->vmIdx, vmIdx);
-        EXPECT_EQ(TestRows::Vms()[vm]->vmVMID, id);
-        EXPECT_EQ(TestRows::Nics()[i]->vmIdx, vmIdx);
-        EXPECT_EQ(TestRows::Nics()[i]->nicIdx, device);
-        EXPECT_EQ(TestRows::Nics()[i]->nicLabel, name + " Adapter " + std::to_string(device + 1));
-        EXPECT_EQ(TestRows::Hbas()[i]->vmIdx, vmIdx);
-        EXPECT_EQ(TestRows::Hbas()[i]->hbaBus, device);
-        EXPECT_EQ(TestRows::Hbas()[i]->hbaLabel, name + " SCSI " + std::to_string(device));
-        EXPECT_EQ(TestRows::Targets()[i]->vmIdx, vmIdx);
-        EXPECT_EQ(TestRows::Targets()[i]->tgtUnit, device);
-        EXPECT_EQ(TestRows::Targets()[i]->tgtLabel, name + " Disk " + std::to_string(device + 1));
-        EXPECT_EQ(TestRows::Floppies()[i]->vmIdx, vmIdx);
-        EXPECT_EQ(TestRows::Floppies()[i]->fdUnit, device);
-        EXPECT_EQ(TestRows::Cdroms()[i]->vmIdx, vmIdx);
-        EXPECT_EQ(TestRows::Cdroms()[i]->cdIdeIndex, device);
-        EXPECT_EQ(TestRows::Cpus()[i]->cpuVMID, id + device);
-        EXPECT_EQ(TestRows::Cpus()[i]->cpuShares, device == 0 ? 2000 : 0);
-        EXPECT_EQ(TestRows::Memories()[vm]->memVMID, id);
-        EXPECT_EQ(TestRows::Memories()[vm]->memActive, 9);
-        EXPECT_EQ(TestRows::Disks()[i]->diskIdx, static_cast<int>(i) + 1);
-        EXPECT_EQ(TestRows::Disks()[i]->diskVMID, id);
-        EXPECT_EQ(TestRows::Disks()[i]->diskName, "raw-" + std::to_string(device + 1));
-        EXPECT_EQ(TestRows::Disks()[i]->diskWrite, 4);
-        EXPECT_EQ(TestRows::Cards()[i]->netIdx, static_cast<int>(i) + 1);
-        EXPECT_EQ(TestRows::Cards()[i]->netVMID, id);
-        EXPECT_EQ(TestRows::Cards()[i]->netRx, 5);
-    }
+    EXPECT_EQ('\n' + TestRows::VmText() + TestRows::DeviceText() + TestRows::ResourceText(), R"(
+vm 0 "vm-16" "Unknown config: 16" "Guest of vm-16" 512 "poweredOn" 16 "running"
+vm 1 "vm-32" "Unknown config: 32" "Guest of vm-32" 512 "poweredOn" 32 "running"
+nic 0 0 "vm-16 Adapter 1" "VM Network" "monitor_dev"
+nic 0 1 "vm-16 Adapter 2" "VM Network" "monitor_dev"
+nic 1 0 "vm-32 Adapter 1" "VM Network" "monitor_dev"
+nic 1 1 "vm-32 Adapter 2" "VM Network" "monitor_dev"
+hba 0 0 "vm-16 SCSI 0" "lsilogic"
+hba 0 1 "vm-16 SCSI 1" "buslogic"
+hba 1 0 "vm-32 SCSI 0" "lsilogic"
+hba 1 1 "vm-32 SCSI 1" "buslogic"
+target 0 0 "vm-16 Disk 1"
+target 0 1 "vm-16 Disk 2"
+target 1 0 "vm-32 Disk 1"
+target 1 1 "vm-32 Disk 2"
+floppy 0 0 "/dev/fd0" "true"
+floppy 0 1 "/dev/fd1" "false"
+floppy 1 0 "/dev/fd0" "true"
+floppy 1 1 "/dev/fd1" "false"
+cdrom 0 0 "/dev/cd0" "true"
+cdrom 0 1 "/dev/cd1" "false"
+cdrom 1 0 "/dev/cd0" "true"
+cdrom 1 1 "/dev/cd1" "false"
+cpu 16 2000 0.00999999978
+cpu 17 0 0.0109999999
+cpu 32 2000 0.00999999978
+cpu 33 0 0.0109999999
+memory 16 5120 524288 9
+memory 32 5120 524288 9
+disk 1 "raw-1" 16 10 1 3 2 4
+disk 2 "raw-2" 16 20 1 3 2 4
+disk 3 "raw-1" 32 10 1 3 2 4
+disk 4 "raw-2" 32 20 1 3 2 4
+card 1 "vm-16 card 1" 16 "00:16:3e:00:00:01" 0 7 6 8 5 7 6 8 5
+card 2 "vm-16 card 2" 16 "SNMP Error" 0 7 6 8 5 7 6 8 5
+card 3 "vm-32 card 1" 32 "00:16:3e:00:00:01" 0 7 6 8 5 7 6 8 5
+card 4 "vm-32 card 2" 32 "SNMP Error" 0 7 6 8 5 7 6 8 5
+)");
 }
 
 TEST_F(RefreshTest, SendsNoMoreCallsThanItMust) {
     AddFullVm("16");
-    AddFullVm("32", PowerState::poweredOff);
+    AddFullVm("32", "poweredOff");
     RequestAt(0);
     EXPECT_THAT(daemon.calls, ElementsAre("AcquireLocalTicket", "Login", "GetChildEntity", "GetConfig",
                                           "GetConfig", "RetrieveContent", "GetPerfCounter", "QueryPerf",
@@ -269,12 +301,15 @@ TEST_F(RefreshTest, SendsNoMoreCallsThanItMust) {
 
 TEST_F(RefreshTest, CallsTheFillersInTheirOrder) {
     // Every filler warns about this VM.
-    host.vms = {Vm(
-        "vm-x",
-        Config("odd", 1, 0,
-               {MakeDevice<Device::VirtualFloppy>(1, "F"), MakeDevice<Device::VirtualCdrom>(2, "C"),
-                MakeDevice<Device::VirtualDisk>(3, "D"), MakeController<Device::VirtualSCSIController>(4, 0),
-                MakeDevice<Device::VirtualEthernetCard>(5, "N")}))};
+    Describe(host, R"(
+vms:
+  - id: vm-x
+    runtime: {powerState: poweredOn}
+    config: {name: odd, guestFullName: "", hardware: {numCPU: 1, memoryMB: 0, device: [
+      {type: VirtualFloppy, key: 1}, {type: VirtualCdrom, key: 2},
+      {type: VirtualDisk, key: 3, deviceInfo: {label: D, summary: ""}},
+      {type: VirtualSCSIController, key: 4, busNumber: 0}, {type: VirtualEthernetCard, key: 5}]}}
+)");
     clock->FailCalloc(sizeof(vmHBANode));
     RequestAt(0);
     Lines expected = Warnings(
@@ -295,7 +330,7 @@ TEST_F(RefreshTest, CallsTheFillersInTheirOrder) {
 }
 
 TEST_F(RefreshTest, SkipsVmsWithoutAConfiguration) {
-    host.vms.push_back(Vm("8", nullptr));
+    host.vms.push_back({"8", nullptr, nullptr, nullptr});
     RequestAt(0);
     EXPECT_EQ(log.Take(), Completed(0));
     EXPECT_EQ(TestRows::Counts(), noRows);
@@ -303,7 +338,7 @@ TEST_F(RefreshTest, SkipsVmsWithoutAConfiguration) {
     EXPECT_EQ(host.queries[0]->GetLength(), 0);
 
     AddFullVm("16");
-    host.vms.push_back(Vm("24", nullptr));
+    host.vms.push_back({"24", nullptr, nullptr, nullptr});
     AddFullVm("32");
     RequestAt(21);
     EXPECT_EQ(log.Take(), Completed(2));
@@ -313,8 +348,8 @@ TEST_F(RefreshTest, SkipsVmsWithoutAConfiguration) {
 }
 
 TEST_F(RefreshTest, MakesNoResourceRowsOfAPoweredOffVm) {
-    AddFullVm("16", PowerState::poweredOff);
-    AddFullVm("32", PowerState::suspended);
+    AddFullVm("16", "poweredOff");
+    AddFullVm("32", "suspended");
     RequestAt(0);
     EXPECT_THAT(TestRows::Counts(), ElementsAre(2, 4, 4, 4, 4, 4, 2, 1, 2, 2));
     EXPECT_EQ(TestRows::Cpus()[0]->cpuVMID, 32);
@@ -341,15 +376,20 @@ TEST_F(RefreshTest, StartsEachRebuildFromEmptyTables) {
 
 TEST_F(RefreshTest, KeepsOneLastingCopyPerTextOverRebuilds) {
     AddFullVm("16");
+    AddFullVm("32");
+    const auto texts = [] {
+        return std::vector<const char*>{TestRows::Disks().at(1)->diskName, TestRows::Disks().at(3)->diskName,
+                                        TestRows::Cards().at(0)->netName, TestRows::Cards().at(0)->netMac};
+    };
     RequestAt(0);
-    const char* const disk = TestRows::Disks()[1]->diskName;
-    const char* const card = TestRows::Cards()[0]->netName;
+    const std::vector<const char*> first = texts();
+    EXPECT_EQ(first[0], first[1]);
     RequestAt(21);
-    EXPECT_EQ(TestRows::Disks()[1]->diskName, disk);
-    EXPECT_EQ(TestRows::Cards()[0]->netName, card);
+    EXPECT_EQ(texts(), first);
     SNMPRaskTable_Destroy();
-    EXPECT_STREQ(disk, "raw-2");
-    EXPECT_STREQ(card, "vm-16 Adapter 1 summary");
+    EXPECT_STREQ(first[0], "raw-2");
+    EXPECT_STREQ(first[2], "vm-16 card 1");
+    EXPECT_STREQ(first[3], "00:16:3e:00:00:01");
 }
 
 TEST_F(RefreshTest, LogsEachBadVmIdOncePerRebuild) {
@@ -375,7 +415,11 @@ TEST_F(RefreshTest, LogsEachBadVmIdOncePerRebuild) {
 
 TEST_F(RefreshTest, StoresUnknownStatisticsOfAVmWithoutResults) {
     AddFullVm("16");
-    host.vms.push_back(Vm("64", Config("late", 1, 64)));
+    AddVm(host, R"(
+  - id: "64"
+    runtime: {powerState: poweredOn}
+    config: {name: late, guestFullName: "", hardware: {numCPU: 1, memoryMB: 64}}
+)");
     RequestAt(0);
     EXPECT_EQ(TestRows::Cpus().at(2)->cpuVMID, 64);
     EXPECT_EQ(TestRows::Cpus().at(2)->cpuUsedSec, static_cast<float>(-1 / 1000.0));
@@ -634,7 +678,7 @@ TEST_F(RefreshTest, LetsOtherExceptionsPassAndKeepsNoPartialCache) {
 // Without the log capture, which needs memory itself.
 TEST(RefreshWithoutMemory, KeepsNoPartialCacheWhenNotEvenTheReportCanBeMade) {
     FakeDaemon daemon;
-    daemon.host.vms = {Vm("16", FullConfig("web"))};
+    AddVm(daemon.host, FullVm("16", "poweredOn"));
     const auto failure = std::make_exception_ptr(Tessim::Exception("it failed"));
     FaultInjection faults;
     daemon.WhenCalled("GetGuest", [&] {

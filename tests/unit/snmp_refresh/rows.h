@@ -1,7 +1,11 @@
 // Reads the row collections back.
 #pragma once
 
+#include <iomanip>
+#include <limits>
+#include <sstream>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "apps/snmp/SNMPResCPU.h"
@@ -70,6 +74,75 @@ inline auto Cards() {
 inline std::vector<std::size_t> Counts() {
     return {Vms().size(),    Nics().size(), Hbas().size(),     Targets().size(), Floppies().size(),
             Cdroms().size(), Cpus().size(), Memories().size(), Disks().size(),   Cards().size()};
+}
+
+// A line of text: the name of the table and the values of a row, strings quoted.
+template <class... Values>
+std::string Line(const char* table, const Values&... values) {
+    std::ostringstream line;
+    line << std::setprecision(std::numeric_limits<float>::max_digits10) << table;
+    const auto put = [&](const auto& value) {
+        if constexpr (!std::is_pointer_v<std::decay_t<decltype(value)>>) {
+            line << ' ' << value;
+        } else if (value != nullptr) {
+            line << ' ' << std::quoted(value);
+        } else {
+            line << " null";
+        }
+    };
+    (put(values), ...);
+    line << '\n';
+    return line.str();
+}
+
+// One line per row, whose values are in the order of the row's members.
+inline std::string VmText() {
+    std::string text;
+    for (const auto* row : Vms()) {
+        text += Line("vm", row->vmIdx, row->vmDisplayName, row->vmConfigFile, row->vmGuestOS, row->vmMemSize,
+                     row->vmState, row->vmVMID, row->vmGuestState);
+    }
+    return text;
+}
+
+inline std::string DeviceText() {
+    std::string text;
+    for (const auto* row : Nics()) {
+        text += Line("nic", row->vmIdx, row->nicIdx, row->nicLabel, row->nicNetwork, row->nicDevice);
+    }
+    for (const auto* row : Hbas()) {
+        text += Line("hba", row->vmIdx, row->hbaBus, row->hbaLabel, row->hbaType);
+    }
+    for (const auto* row : Targets()) {
+        text += Line("target", row->vmIdx, row->tgtUnit, row->tgtLabel);
+    }
+    for (const auto* row : Floppies()) {
+        text += Line("floppy", row->vmIdx, row->fdUnit, row->fdBacking, row->fdConnected);
+    }
+    for (const auto* row : Cdroms()) {
+        text += Line("cdrom", row->vmIdx, row->cdIdeIndex, row->cdBacking, row->cdConnected);
+    }
+    return text;
+}
+
+inline std::string ResourceText() {
+    std::string text;
+    for (const auto* row : Cpus()) {
+        text += Line("cpu", row->cpuVMID, row->cpuShares, row->cpuUsedSec);
+    }
+    for (const auto* row : Memories()) {
+        text += Line("memory", row->memVMID, row->memShares, row->memConfiguredKB, row->memActive);
+    }
+    for (const auto* row : Disks()) {
+        text += Line("disk", row->diskIdx, row->diskName, row->diskVMID, row->diskShares, row->diskNumRead,
+                     row->diskRead, row->diskNumWrite, row->diskWrite);
+    }
+    for (const auto* row : Cards()) {
+        text += Line("card", row->netIdx, row->netName, row->netVMID, row->netMac, row->netSpare,
+                     row->netPktTx, row->netTx, row->netPktRx, row->netRx, row->netHCPktTx, row->netHCTx,
+                     row->netHCPktRx, row->netHCRx);
+    }
+    return text;
 }
 
 }  // namespace TestRows
