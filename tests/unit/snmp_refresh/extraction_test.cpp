@@ -13,7 +13,7 @@ namespace {
 
 namespace Device = Hask::Vm::Device;
 
-// A VM that is off, with the number of its id as its place.
+// A VM that is off and has nothing but these devices.
 std::string OffVm(const std::string& id, const std::string& devices) {
     return "  - {id: '" + id +
            "', runtime: {powerState: poweredOff}, config: {name: '', guestFullName: '', " +
@@ -197,13 +197,13 @@ SetNicInfo: Null device backing.
 )"},
     {"ModelsOfAdapters", OffVm("1", R"(
         {type: VirtualLsiLogicController, key: 1000, busNumber: 0, deviceInfo: {label: A, summary: ""}},
-        {type: VirtualBusLogicController, key: 1001, busNumber: 1, deviceInfo: {label: B, summary: ""}},
+        {type: VirtualBusLogicController, key: 1001, busNumber: 4, deviceInfo: {label: B, summary: ""}},
         {type: VirtualLsiLogicSASController, key: 1002, busNumber: 2, deviceInfo: {label: C, summary: ""}},
         {type: ParaVirtualSCSIController, key: 1003, busNumber: 3, deviceInfo: {label: D, summary: ""}},
         {type: VirtualSCSIController, key: 1004, busNumber: 7})"),
      TestRows::DeviceText, R"(
 hba 0 0 "A" "lsilogic"
-hba 0 1 "B" "buslogic"
+hba 0 4 "B" "buslogic"
 hba 0 2 "C" "unknown"
 hba 0 3 "D" "unknown"
 hba 0 7 "SNMP Error" "unknown"
