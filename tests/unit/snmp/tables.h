@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -55,8 +56,10 @@ struct TableFacts {
     Row** (*getPtr)();
     std::int32_t* index;  // the collection's variables
     Traversal<Row> traversal;
-    std::size_t indexFields;         // how many of the first fields are the index; 0: the position is
-    std::vector<NamedField> fields;  // in the order of the columns
+    std::size_t indexFields;  // how many of the first fields are the index; 0: the position is
+    // In the order of the columns. Values of columns without an entry are left to the fillers' tests and to
+    // the expected tree.
+    std::vector<NamedField> fields;
 };
 
 template <class Row>
@@ -241,9 +244,9 @@ std::string ExpectedText(const TableFacts<Row>& table, const Row& row, std::size
             if constexpr (std::is_same_v<Value, float>) {
                 // Truncated toward zero, limited to what an INTEGER holds; 0 for NaN.
                 using Limits = std::numeric_limits<std::int32_t>;
-                return std::to_string(value != value ? 0
-                                                     : static_cast<std::int32_t>(std::clamp<double>(
-                                                           value, Limits::min(), Limits::max())));
+                return std::to_string(std::isnan(value) ? 0
+                                                        : static_cast<std::int32_t>(std::clamp<double>(
+                                                              value, Limits::min(), Limits::max())));
             } else if constexpr (std::is_integral_v<Value>) {
                 return std::to_string(value);
             } else {
