@@ -161,7 +161,7 @@ TEST_F(CollectorTest, ServesAReadingThatIsLate) {
     api->Hold(&FakeState::holdsDomains);
     const auto failure = Start();
     ASSERT_TRUE(failure);
-    EXPECT_FALSE(failure->IsPermanent());
+    EXPECT_EQ(failure->GetKind(), ApiError::Kind::Temporary);
     api->Hold(&FakeState::holdsDomains, false);
     WaitForVms({vmA, vmB});
     WaitForLog("libvirt can be reached again: 2 VMs");
@@ -181,7 +181,7 @@ TEST_F(CollectorTest, StartsWithoutVmsOnAHostThatIsDownAndReturnsWhetherThatIsPe
         api->SetDown(true, permanent);
         const auto failure = Start();
         ASSERT_TRUE(failure);
-        EXPECT_EQ(failure->IsPermanent(), permanent);
+        EXPECT_EQ(failure->GetKind() == ApiError::Kind::Permanent, permanent);
         EXPECT_TRUE(Vms().empty());
         EXPECT_EQ(collector->Get()->counters.size(), 10U);
         api->SetDown(false);

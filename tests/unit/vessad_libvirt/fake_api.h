@@ -127,7 +127,7 @@ class FakeApi::FakeConnection final : public Connection {
         --state.waiting;
         Check();
         if (state.refused.contains(uuid)) {
-            throw ApiError("refused", false, false);
+            throw ApiError("refused", ApiError::Kind::Temporary);
         }
         return state.statistics[uuid];
     }
@@ -143,7 +143,8 @@ class FakeApi::FakeConnection final : public Connection {
     }
     void Check() const {
         if (state.down || breaks != state.breaks) {
-            throw ApiError("the host is down", state.permanent, false);
+            throw ApiError("the host is down",
+                           state.permanent ? ApiError::Kind::Permanent : ApiError::Kind::Temporary);
         }
     }
 

@@ -12,7 +12,7 @@ namespace {
 void RegisterOnce() {
     static const int registered = virEventRegisterDefaultImpl();
     if (registered < 0) {
-        throw ApiError("libvirt's event loop cannot be set up", true, false);
+        throw ApiError("libvirt's event loop cannot be set up", ApiError::Kind::Permanent);
     }
 }
 
@@ -24,7 +24,7 @@ EventLoop::EventLoop() {
     timer = virEventAddTimeout(
         -1, [](int self, void*) { virEventUpdateTimeout(self, -1); }, nullptr, nullptr);
     if (timer < 0) {
-        throw ApiError("libvirt's event loop cannot be set up", true, false);
+        throw ApiError("libvirt's event loop cannot be set up", ApiError::Kind::Permanent);
     }
     thread = SignalFreeThread([this] {
         while (!stopping) {

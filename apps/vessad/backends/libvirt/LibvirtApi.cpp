@@ -56,10 +56,13 @@ bool IsPermanentCode(const virError& error) {
 ApiError LastError() {
     const virError* error = virGetLastError();
     if (error == nullptr) {
-        return {"libvirt failed without a reason", false, false};
+        return {"libvirt failed without a reason", ApiError::Kind::Temporary};
     }
     const char* text = error->message != nullptr ? error->message : "unknown error";
-    return {text, IsPermanentCode(*error), error->code == VIR_ERR_NO_DOMAIN};
+    if (error->code == VIR_ERR_NO_DOMAIN) {
+        return {text, ApiError::Kind::Gone};
+    }
+    return {text, IsPermanentCode(*error) ? ApiError::Kind::Permanent : ApiError::Kind::Temporary};
 }
 
 void Check(int result) {
@@ -191,7 +194,7 @@ class RealConnection final : public Connection {
             try {
                 Describe(domain.get(), described);
             } catch (const ApiError& error) {
-                if (error.IsGone()) {
+                if (error.GetKind() == ApiError::Kind::Gone) {
                     continue;
                 }
                 if (!IsAlive()) {

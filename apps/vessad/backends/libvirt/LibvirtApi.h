@@ -15,16 +15,18 @@ namespace Vessad::Libvirt {
 // A failed libvirt call, with libvirt's own message.
 class ApiError : public std::runtime_error {
   public:
-    // `permanent`: a retry cannot succeed. `gone`: the domain does not exist any more.
-    ApiError(const std::string& text, bool permanent, bool gone)
-        : std::runtime_error(text), permanent(permanent), gone(gone) {}
+    enum class Kind {
+        Temporary,  // a retry may succeed
+        Permanent,  // a retry cannot succeed
+        Gone,       // the domain does not exist any more
+    };
 
-    bool IsPermanent() const { return permanent; }
-    bool IsGone() const { return gone; }
+    ApiError(const std::string& text, Kind kind) : std::runtime_error(text), kind(kind) {}
+
+    Kind GetKind() const { return kind; }
 
   private:
-    bool permanent;
-    bool gone;
+    Kind kind;
 };
 
 enum class DomainState { None, Running, Blocked, Paused, ShuttingDown, ShutOff, Crashed, PmSuspended };

@@ -17,7 +17,7 @@ class LibvirtBackend final : public Backend {
     LibvirtBackend(const std::string& uri, const std::filesystem::path& stateDirectory)
         : collector(Libvirt::MakeApi(), uri, Libvirt::VmIds(stateDirectory), Libvirt::CollectorOptions{}) {
         const auto failure = collector.WaitForFirst(firstTimeout);
-        if (failure && failure->IsPermanent()) {
+        if (failure && failure->GetKind() == Libvirt::ApiError::Kind::Permanent) {
             throw std::runtime_error("the libvirt URI " + uri + " cannot be used: " + failure->what());
         }
     }
