@@ -1,9 +1,12 @@
 // Reads a host's domains and describes those that changed.
 #pragma once
 
+#include <filesystem>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "apps/vessad/backends/libvirt/DomainXml.h"

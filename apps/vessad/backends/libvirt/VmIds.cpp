@@ -23,8 +23,8 @@ namespace {
 constexpr std::string_view heading = "tovric-vessad identities 1";
 constexpr std::string_view nextWord = "next ";
 constexpr std::int64_t largest = std::numeric_limits<std::int32_t>::max();
-// How many numbers are left out after a damaged file, for VMs whose lines are lost.
-constexpr std::int64_t skippedNumbers = 1000;
+// How many ids are skipped after a damaged file, for VMs whose lines are lost.
+constexpr std::int64_t skippedIds = 1000;
 constexpr std::size_t uuidLength = 36;
 
 std::runtime_error Failure(const std::string& what, const std::filesystem::path& path) {
@@ -45,12 +45,12 @@ bool IsUuid(std::string_view text) {
     return true;
 }
 
-// The whole of `text` as a number from 1 to `limit`, or 0.
-std::int64_t ParseNumber(std::string_view text, std::int64_t limit) {
-    std::int64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+// The whole of `text` as an id from 1 to `limit`, or 0.
+std::int64_t ParseId(std::string_view text, std::int64_t limit) {
+    std::int64_t id = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), id);
     const bool whole = error == std::errc() && end == text.data() + text.size();
-    return whole && number >= 1 && number <= limit ? number : 0;
+    return whole && id >= 1 && id <= limit ? id : 0;
 }
 
 // The file's content; nothing when there is no such file.
@@ -96,7 +96,7 @@ void Sync(int descriptor, const std::filesystem::path& path) {
     }
 }
 
-// Two daemons in one directory would assign one number to two VMs.
+// Two daemons in one directory would assign one id to two VMs.
 Tessim::FileDescriptor OpenLocked(const std::filesystem::path& directory) {
     Tessim::FileDescriptor descriptor(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!descriptor) {
@@ -141,7 +141,7 @@ VmIds::VmIds(const std::filesystem::path& directory) : directory(directory), fil
     }
 }
 
-// The damaged file keeps its name until a valid one replaces it, so that no number is assigned a second time
+// The damaged file keeps its name until a valid one replaces it, so that no id is assigned a second time
 // whatever fails in between.
 void VmIds::Repair() {
     const auto kept = NameForDamaged(file);
@@ -150,7 +150,7 @@ void VmIds::Repair() {
     if (error) {
         throw std::runtime_error("the damaged file " + file.string() + " cannot be kept: " + error.message());
     }
-    next = std::min(next + skippedNumbers * step, largest + step);
+    next = std::min(next + skippedIds * step, largest + step);
     try {
         Save();
     } catch (const std::runtime_error&) {
@@ -158,7 +158,7 @@ void VmIds::Repair() {
         throw;
     }
     spdlog::error("The damaged {} is kept as {}: {} VMs keep their ids, others get new ones from {} on",
-                  file.string(), kept.string(), numbers.size(), next);
+                  file.string(), kept.string(), ids.size(), next);
 }
 
 bool VmIds::Parse(const std::string& text) {
@@ -171,20 +171,20 @@ bool VmIds::Parse(const std::string& text) {
     while (std::getline(lines, line)) {
         const std::string_view view = line;
         if (view.starts_with(nextWord) && written == 0) {
-            written = ParseNumber(view.substr(nextWord.size()), largest + step);
+            written = ParseId(view.substr(nextWord.size()), largest + step);
             valid = written != 0 && valid;
             continue;
         }
         const auto blank = std::min(view.find(' '), view.size());
-        const auto number = static_cast<std::int32_t>(ParseNumber(view.substr(0, blank), largest));
+        const auto id = static_cast<std::int32_t>(ParseId(view.substr(0, blank), largest));
         const std::string uuid(view.substr(std::min(blank + 1, view.size())));
-        if (number == 0 || !IsUuid(uuid) || numbers.contains(uuid) || taken.contains(number)) {
+        if (id == 0 || !IsUuid(uuid) || ids.contains(uuid) || taken.contains(id)) {
             valid = false;
             continue;
         }
-        numbers.emplace(uuid, number);
-        taken.insert(number);
-        next = std::max<std::int64_t>(next, std::int64_t{number} + step);
+        ids.emplace(uuid, id);
+        taken.insert(id);
+        next = std::max<std::int64_t>(next, std::int64_t{id} + step);
     }
     valid = valid && written >= next;
     next = std::max(next, written);
@@ -193,7 +193,7 @@ bool VmIds::Parse(const std::string& text) {
 
 void VmIds::Admit(const std::vector<std::string>& uuids) {
     for (const std::string& uuid : uuids) {
-        if (numbers.contains(uuid)) {
+        if (ids.contains(uuid)) {
             continue;
         }
         if (next > largest) {
@@ -203,7 +203,7 @@ void VmIds::Admit(const std::vector<std::string>& uuids) {
             full = true;
             break;
         }
-        numbers.emplace(uuid, static_cast<std::int32_t>(next));
+        ids.emplace(uuid, static_cast<std::int32_t>(next));
         unsaved.insert(uuid);
         next += step;
     }
@@ -224,14 +224,14 @@ void VmIds::Admit(const std::vector<std::string>& uuids) {
 }
 
 std::int32_t VmIds::Find(const std::string& uuid) const {
-    const auto found = numbers.find(uuid);
-    return found == numbers.end() || unsaved.contains(uuid) ? 0 : found->second;
+    const auto found = ids.find(uuid);
+    return found == ids.end() || unsaved.contains(uuid) ? 0 : found->second;
 }
 
 void VmIds::Save() const {
     std::string text = std::string(heading) + "\n" + std::string(nextWord) + std::to_string(next) + "\n";
-    for (const auto& [uuid, number] : numbers) {
-        text += std::to_string(number) + " " + uuid + "\n";
+    for (const auto& [uuid, id] : ids) {
+        text += std::to_string(id) + " " + uuid + "\n";
     }
     std::filesystem::path fresh = file;
     fresh += ".new";

@@ -1,4 +1,4 @@
-// The permanent numbers of VMs.
+// The permanent ids of VMs.
 #pragma once
 
 #include <cstdint>
@@ -12,11 +12,10 @@
 
 namespace Vessad::Libvirt {
 
-// Assigns every UUID a positive number, once and permanently, and keeps them in the file "identities" of a
-// directory. Numbers are `step` apart, because the rows of the agent's CPU table are numbered from a VM's
-// number on.
+// Assigns every UUID a positive id, once and permanently, and keeps them in the file "identities" of a
+// directory. Ids are `step` apart, because the rows of the agent's CPU table are numbered from a VM's id on.
 //
-// The file is text: a heading, the next free number, and a line "NUMBER UUID" for each VM. It is replaced as
+// The file is text: a heading, the next free id, and a line "ID UUID" for each VM. It is replaced as
 // a whole, so it is complete at every moment. The directory is locked as long as the object lives. For one
 // thread at a time.
 class VmIds {
@@ -24,18 +23,18 @@ class VmIds {
     static constexpr std::int32_t step = 1000;
 
     // Reads the file, or creates it. A damaged file is kept beside it under another name and logged; its
-    // valid lines are taken over, and new numbers start well beyond them. A valid file is not written, so
+    // valid lines are taken over, and new ids start well beyond them. A valid file is not written, so
     // that known VMs are served from a full or read-only directory too.
     //
     // Throws std::runtime_error, and leaves everything as it was, when another daemon has locked the
     // directory, or when the directory or the file cannot be created, read or replaced.
     explicit VmIds(const std::filesystem::path& directory);
 
-    // Assigns numbers to the UUIDs that have none and saves them. A failure to save is logged once; until a
+    // Assigns ids to the UUIDs that have none and saves them. A failure to save is logged once; until a
     // later call has saved them, Find returns 0 for the new UUIDs.
     void Admit(const std::vector<std::string>& uuids);
 
-    // Returns the number of `uuid`, or 0 when it has none that is saved.
+    // Returns the id of `uuid`, or 0 when it has none that is saved.
     std::int32_t Find(const std::string& uuid) const;
 
   private:
@@ -46,8 +45,8 @@ class VmIds {
     std::filesystem::path directory;
     std::filesystem::path file;
     Tessim::FileDescriptor lock;  // the directory, open and locked
-    std::map<std::string, std::int32_t> numbers;
-    std::set<std::string> unsaved;  // those in `numbers` that the file does not have
+    std::map<std::string, std::int32_t> ids;
+    std::set<std::string> unsaved;  // those in `ids` that the file does not have
     std::int64_t next = step;
     bool saveFails = false;
     bool full = false;
