@@ -77,7 +77,7 @@ void init_SNMPKelv() {
     snmp_log(LOG_INFO, "SNMPRask: Initialized\n");
 }
 
-// The product group has nothing to release and is left out.
+// Empties the tables. The product group has no table.
 void deinit_SNMPKelv() {
     deinit_SNMPVMInfo();
     deinit_SNMPVMNet();

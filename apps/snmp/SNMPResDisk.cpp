@@ -6,7 +6,7 @@
 
 namespace {
 
-// One line per column.
+// clang-format would put several columns on one line.
 // clang-format off
 constexpr SNMP::Column<resDiskNode> columns[] = {
     {1, "diskIdx", &resDiskNode::diskIdx},

@@ -24,15 +24,19 @@ SNMP::Registration registration("SNMPSystem", SNMPSystem_variables, SNMPSystem_v
 SNMP::StringAnswer string;
 SNMP::ObjectIdAnswer objid;
 
-// The enterprise prefix of a scalar's instance OID, then 60.1 and the version.
+// What stands between the enterprise's OID and the version in `prodOID`: the KELV server among the products.
+constexpr oid kelvServer[] = {60, 1};
+
+// The enterprise prefix of a scalar's instance OID, then kelvServer and the version.
 u_char* AnswerVersionId(const oid* instance, std::size_t instanceLength, std::size_t* varLen) {
     constexpr std::size_t suffixLength = 3;  // group, scalar, instance
     objid.Clear();
     for (std::size_t i = 0; i + suffixLength < instanceLength; ++i) {
         objid.Append(instance[i]);
     }
-    objid.Append(60);
-    objid.Append(1);
+    for (const oid part : kelvServer) {
+        objid.Append(part);
+    }
     for (const std::int32_t part : prodVersion2) {
         objid.Append(static_cast<std::uint32_t>(part));
     }
@@ -44,6 +48,7 @@ u_char* AnswerVersionId(const oid* instance, std::size_t instanceLength, std::si
 u_char* SNMP_System(variable* vp, oid* name, size_t* length, int exact, size_t* varLen,
                     WriteMethod** writeMethod) {
     return SNMP::Guard("SNMP_System", [&]() -> u_char* {
+        // First on purpose: a request that matches no scalar fetches the product information too.
         SNMPSystemGetProdInfo();
         if (CheckParam(vp, name, length, exact, varLen, writeMethod) == 0) {
             return nullptr;

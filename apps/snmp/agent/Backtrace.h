@@ -1,4 +1,4 @@
-// An exception's back-trace in the agent's log.
+// An exception's backtrace in the agent's log.
 #pragma once
 
 #include "apps/snmp/agent/NetSnmp.h"
@@ -6,7 +6,7 @@
 
 namespace SNMP {
 
-// Logs every line of the back-trace at `priority`.
+// Logs every line of the backtrace at `priority`.
 inline void LogBacktrace(const Tessim::Throwable& failure, int priority) {
     for (const std::string& line : failure.GetBacktrace()) {
         snmp_log(priority, "%s\n", line.c_str());

@@ -1,8 +1,8 @@
-// The agent's own headers, in the order they need.
+// The agent's own headers, in the order they need: the configuration first, the agent's after the library's.
 #pragma once
 
+// clang-format off
 #include <net-snmp/net-snmp-config.h>
-// The configuration comes first.
 #include <net-snmp/net-snmp-includes.h>
-// The agent's headers lean on the library's.
 #include <net-snmp/agent/net-snmp-agent-includes.h>
+// clang-format on

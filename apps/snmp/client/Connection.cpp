@@ -103,12 +103,12 @@ void Connection::Login() {
     std::string userName;
     std::string password;
     try {
-        const auto asked = std::chrono::system_clock::now();
+        const auto requested = std::chrono::system_clock::now();
         Ref<Hask::SessionManager::LocalTicket> ticket;
         sessionManager->AcquireLocalTicket(sUser, ticket);
         userName = ticket->GetUserName();
         Ref<Tessim::System::Stream> file;
-        Tessim::System::GetSystemFactory()->OpenSecretFile(ticket->GetPasswordFilePath(), asked, file);
+        Tessim::System::GetSystemFactory()->OpenSecretFile(ticket->GetPasswordFilePath(), requested, file);
         std::array<char, ticketBufferSize> buffer{};
         const std::size_t count = file->Read(buffer.data(), buffer.size());
         file->Close();

@@ -65,8 +65,8 @@ class OrdaneClient : public Tessim::ObjectImpl, public virtual Tessim::Object {
     void GetDatastoreInfo(const std::string& datastore, Tessim::Ref<Hask::Datastore::Info>& out);
     // The host's CPU cores, truncated to a signed 16-bit count; cached once it is not 0. 0 on failure.
     int GetNumCpuCores();
-    // The service console's memory in kilobytes; 0 on failure. `reserved` is in bytes on the call that asks
-    // the daemon and in kilobytes on the later, cached ones: managers rely on these values.
+    // The service console's memory in kilobytes; 0 on failure. `reserved` is in bytes on the call that
+    // fetches it and in kilobytes on the later, cached ones: managers rely on these values.
     std::int64_t GetMemoryReservation(std::int64_t& reserved);
 
     // The performance manager, or null when the service has none.

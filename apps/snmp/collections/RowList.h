@@ -13,20 +13,20 @@ namespace SNMP {
 
 // Rewinds to the head.
 template <class Row>
-void RewindRows(Row* head, std::int32_t& index, Row*& traversal) {
+void RewindRows(Row* head, std::int32_t& returned, Row*& traversal) {
     traversal = head;
-    index = 0;
+    returned = 0;
 }
 
 // Stores the next row and returns how many were returned before it; stores null and returns -1 at the end.
 template <class Row>
-int NextRow(Row** row, std::int32_t& index, Row*& traversal) {
+int NextRow(Row** row, std::int32_t& returned, Row*& traversal) {
     *row = traversal;
     if (traversal == nullptr) {
         return -1;
     }
     traversal = traversal->next;
-    return index++;
+    return returned++;
 }
 
 // Releases the strings that `row` owns.
@@ -38,7 +38,7 @@ void FreeStrings(const Row& row) {
 }
 
 // Releases every row with the strings that it owns, and leaves the list empty. Rows returned before are
-// invalid then; index and traversal keep their values until the next rewind.
+// invalid then; count and traversal keep their values until the next rewind.
 template <class Row>
 void DestroyRows(Row*& head) {
     while (head != nullptr) {

@@ -4,12 +4,10 @@
 // or with a refresh. The operations of a list collection:
 //   Init     rewinds to the first row.
 //   GetNext  stores the next row and returns its position in the list; stores null and returns -1 at the end.
-//   Destroy  releases the rows and the strings that they own, and leaves the list empty. Rows returned before
-//   are
-//            invalid then; the cursor stays as it is until the next Init.
-//   GetPtr   returns the address of the head variable, through which rows are linked in. Rows are
-//   `calloc`-ed, and
-//            the collection owns them.
+//   Destroy  releases the rows and the strings that they own, and leaves the list empty. Rows
+//            returned before are invalid then; the cursor stays as it is until the next Init.
+//   GetPtr   returns the address of the head variable, through which rows are linked in. Rows
+//            are `calloc`-ed, and the collection owns them.
 #pragma once
 
 #include "apps/snmp/collections/Rows.h"

@@ -13,8 +13,8 @@
 
 namespace SNMP {
 
-// An INTEGER of four bytes. The agent reads an `int` at the address, so on a machine that stores the high
-// bytes first the address is that of the buffer's low half.
+// An INTEGER of four bytes. The agent reads an `int` at the address, so on a big-endian host the address is
+// that of the buffer's low half.
 class IntegerAnswer {
   public:
     u_char* Set(std::int32_t number, std::size_t* length) noexcept;
@@ -56,6 +56,13 @@ class ObjectIdAnswer {
   private:
     std::array<oid, MAX_OID_LEN> subIds{};
     std::size_t count = 0;
+};
+
+// The buffers of one table's handler. An answer stays valid until the handler's next one of the same type.
+struct AnswerBuffers {
+    IntegerAnswer integer;
+    StringAnswer string;
+    Counter64Answer counter;
 };
 
 }  // namespace SNMP

@@ -1,4 +1,4 @@
-// The matcher of scalar variables.
+// The matcher of scalar variables. Used on the agent's one request thread.
 #pragma once
 
 #include <cstddef>

@@ -13,14 +13,7 @@
 
 namespace SNMP {
 
-// The buffers of one handler. An answer stays valid until the handler's next one of the same type.
-struct AnswerBuffers {
-    IntegerAnswer integer;
-    StringAnswer string;
-    Counter64Answer counter;
-};
-
-// The row's field in the buffer of its type, whose length goes to `varLen`.
+// Stores the row's field in the buffer of its type and its length in `varLen`; returns the buffer's address.
 template <class Row>
 u_char* SetAnswer(const Row& row, const typename Column<Row>::Field& field, AnswerBuffers& buffers,
                   std::size_t* varLen) {
@@ -39,8 +32,8 @@ u_char* SetAnswer(const Row& row, const typename Column<Row>::Field& field, Answ
         field);
 }
 
-// The answer to a request into `table`; null when no row buffers it, for a magic that no column has, and,
-// with a line in the log, after an exception.
+// Returns the answer to a request into `table`; null when no row matches it, for a magic that no column has
+// and, after a line in the log, after an exception.
 template <class Row, std::size_t Width>
 u_char* HandleTable(const Table<Row, Width>& table, AnswerBuffers& buffers, const Request& request) noexcept {
     return Guard(table.handlerName, [&]() -> u_char* {

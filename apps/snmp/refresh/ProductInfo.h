@@ -4,12 +4,12 @@
 #include <array>
 #include <cstdint>
 
-// Empty texts and zeros until the daemon was asked. Texts are truncated to fit.
+// Empty texts and zeros until they are fetched. Texts are truncated to fit.
 extern char prodName[256];
 extern char prodVersion[16];
 extern char prodBuild[16];
 extern std::array<std::int32_t, 3> prodVersion2;  // major, minor, revision
 
-// Asks the management daemon for the product information unless it is known. A version that is not
-// major.minor.revision counts as unknown, so that the next call asks again. Failures are logged.
+// Fetches the product information from the daemon unless it is known. A version that is not
+// major.minor.revision counts as unknown, so that the next call fetches it again. Failures are logged.
 void SNMPSystemGetProdInfo();

@@ -1,8 +1,8 @@
 // Turns a VM's configuration, devices and statistics into resource rows.
 //
 // A filler appends through the list's cursor (see ListFiller.h) and returns the list's last row, null while
-// the list is empty; a row that cannot be allocated is logged and ends that filler. An unknown
-// statistic is -1. Exceptions of the management API are not caught.
+// the list is empty; a row that cannot be allocated is logged and ends that filler. An unknown statistic
+// is -1. Exceptions of the management API are not caught.
 #pragma once
 
 #include "apps/snmp/client/OrdaneClient.h"

@@ -98,7 +98,7 @@ void SNMPRaskTable_Init() {
 
 void SNMPRaskRefreshCache() {
     SNMPRaskTable_Destroy();
-    ForgetReportedVMID();
+    ClearReportedVMID();
     OrdaneClient* const client = SNMP::GetOrdaneClient();
     if (client == nullptr) {
         snmp_log(LOG_WARNING, "SNMPRAskRefreshCache: Could not acquire ordane client to tovric-vessad.\n");

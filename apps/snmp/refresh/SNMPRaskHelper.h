@@ -20,16 +20,16 @@ void SNMPRaskTable_Expire();
 // Empties all ten row collections.
 void SNMPRaskTable_Destroy();
 
-// The rebuild itself: empties the collections, then fills them from the management daemon. No client, no VM
+// Rebuilds the cache: empties the collections, then fills them from the daemon. No client, no VM
 // and no memory for the VM rows are logged and leave the collections empty. Throws Tessim::Exception when the
 // daemon fails during the rebuild.
 void SNMPRaskRefreshCache();
 
-// The host's number of CPU cores as a signed 16-bit count; 0 when the daemon cannot be reached.
+// Returns the host's number of CPU cores as a signed 16-bit count; 0 when the daemon cannot be reached.
 int GetNumCpu();
 
-// The service console's memory, the low 32 bits of what the client returns: `total` in kilobytes, `reserved`
-// in bytes on a call that asks the daemon and in kilobytes on a later, cached one. Both are 0 when the daemon
+// Stores the service console's memory, the low 32 bits of each value: `total` in kilobytes, `reserved` in
+// bytes on the call that fetches it and in kilobytes on the later, cached ones. Both are 0 when the daemon
 // cannot be reached. Both pointers must be non-null.
 void GetMemory(long* reserved, long* total);
 

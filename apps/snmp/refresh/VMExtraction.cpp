@@ -2,6 +2,8 @@
 
 #include <map>
 #include <optional>
+#include <string>
+#include <string_view>
 
 #include "apps/snmp/agent/NetSnmp.h"
 #include "apps/snmp/collections/SNMPStrings.h"
@@ -73,7 +75,7 @@ int GetVMID(Hask::VirtualMachine* vm) {
     }
 }
 
-void ForgetReportedVMID() {
+void ClearReportedVMID() {
     reportedId.reset();
 }
 

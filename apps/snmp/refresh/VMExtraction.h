@@ -17,7 +17,7 @@ using DeviceArray = Ordane::DataArray<Device>;
 // Returns the VM's managed-object id as a number, or -1, logged once per VM and rebuild, when it is none.
 int GetVMID(Hask::VirtualMachine* vm);
 // Makes GetVMID log every VM again. Called at the start of a rebuild.
-void ForgetReportedVMID();
+void ClearReportedVMID();
 
 // Fills rows[index]. Returns whether the VM is not powered off.
 bool SetVMInfo(int index, Hask::VirtualMachine* vm, Hask::Vm::ConfigInfo* config, vmEntry* rows);
