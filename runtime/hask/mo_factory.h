@@ -10,6 +10,7 @@ namespace Hask {
 
 // Each operation puts a new stub, never null, into `out`. None calls the daemon: an object that does not
 // exist fails the stub's first call. They throw nothing but std::bad_alloc. Every stub keeps the adapter.
+// A factory and its stubs are for the thread of their adapter.
 class MoFactory : public virtual Tessim::Object {
   public:
     virtual void GetServiceInstance(Tessim::Ref<ServiceInstance>& out) = 0;

@@ -2,7 +2,7 @@
 //
 // A request's body holds <Method><_this type="Type">id</_this> parameters </Method>, a reply's
 // <MethodResponse><returnval>…</returnval></MethodResponse> or a Fault whose detail holds one element named
-// and typed after the fault.
+// and typed after the fault. The functions may be called from any thread.
 #pragma once
 
 #include <cstddef>

@@ -1,5 +1,5 @@
 // Type objects: descriptions of the API's classes for codecs, the reader of described hosts and type tests.
-// All of them are static and constant.
+// All of them are static and constant; threads may share them.
 #pragma once
 
 #include <cstdint>

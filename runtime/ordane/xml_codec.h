@@ -1,4 +1,5 @@
-// Data objects as XML elements and back, driven by their type objects.
+// Data objects as XML elements and back, driven by their type objects. The functions may be called from any
+// thread, each with documents and objects of its own.
 #pragma once
 
 #include <pugixml.hpp>

@@ -1,4 +1,4 @@
-// Keys and certificates for TLS.
+// Keys and certificates for TLS. A key store is constant; threads may share it.
 #pragma once
 
 #include <string>

@@ -1,4 +1,5 @@
-// The preamble: one line each way, before a TLS stream belongs to a service. Both sides of its grammar.
+// The preamble: one line each way, before a TLS stream belongs to a service. Both sides of its grammar. All
+// functions are thread-safe.
 //
 //   client:  OPEN <selector> "<text>" "<text>"
 //   server:  200 <connection path>     or     <three digits> <reason>
@@ -28,7 +29,7 @@ enum class Selector : int {
 inline constexpr int statusOpen = 200;
 
 struct OpenRequest {
-    int selector = 0;  // a client may ask for a service that no Selector names
+    int selector = 0;  // a client may request a service that no Selector names
     std::string text1;
     std::string text2;
 };

@@ -1,4 +1,4 @@
-// The application object and logging.
+// The application object and logging. Not thread-safe.
 #pragma once
 
 #include <string>
@@ -10,7 +10,7 @@
 
 namespace Tessim::Service {
 
-// Writes a line per message to one writer. Not thread-safe.
+// Writes a line per message to one writer.
 class Logger : public virtual Object {
   public:
     // The numbers are syslog's.

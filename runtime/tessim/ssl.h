@@ -1,4 +1,4 @@
-// TLS contexts.
+// TLS contexts. Once created, a context may be shared by threads.
 #pragma once
 
 #include <string>

@@ -1,4 +1,4 @@
-// Small text operations.
+// Small text operations. All functions are thread-safe.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-// The configuration-database service: which connection carries which path.
+// The Zarn service: the table from paths to connections. Not thread-safe.
 #pragma once
 
 #include <string>
@@ -37,8 +37,8 @@ class ZarnSvc : public virtual Object {
     virtual Route Resolve(const std::string& localPath) const = 0;
 };
 
-// Puts a new service into `out`. `parent` is reserved and null; `logger` may be null: the
-// service throws on failure and logs nothing.
+// Puts a new service into `out`. `parent` is reserved and null; `logger` may be null: the service throws on
+// failure and logs nothing.
 void CreateZarnSvc(Service::Logger* logger, Object* parent, Ref<ZarnSvc>& out);
 
 }  // namespace Tessim::Zarn

@@ -67,7 +67,7 @@ Tessim::Ref<Hask::PerformanceManager::CounterInfo> MakeCounter(std::int32_t key,
                                                                const std::string& name,
                                                                Hask::PerformanceManager::RollupType rollup);
 
-// The ten counters that the agent module asks for, as a catalogue with keys from 1.
+// The ten counters that the module queries, as a catalogue with keys from 1.
 std::vector<Tessim::Ref<Hask::PerformanceManager::CounterInfo>> StandardCounters();
 
 // The keys of counters by "group.name"; of several counters with one name, the first.

@@ -9,8 +9,8 @@
 
 namespace Vessad {
 
-// A backend on the libvirt host at `uri`, kept up to date by threads of its own. It waits a few seconds for
-// the first inventory; while the host cannot be reached, the inventory is empty and the backend keeps trying.
+// A backend on the libvirt host at `uri`, kept up to date by threads of its own. Waits at most 10 s for the
+// first inventory; while the host cannot be reached, the inventory is empty and the backend keeps trying.
 //
 // The VMs' ids are kept in `stateDirectory`, which is created if it is missing.
 //

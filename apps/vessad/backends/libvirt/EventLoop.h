@@ -7,6 +7,7 @@
 namespace Vessad::Libvirt {
 
 // Runs the loop in a thread while it lives. At most one object at a time: libvirt has one loop per process.
+// Made and destroyed by one thread.
 class EventLoop {
   public:
     // Throws ApiError.
