@@ -1,4 +1,4 @@
-# Every library the tree stands on, found once. Debian package names are in the README.
+# Every library the tree stands on, found once. scripts/deps.sh lists the Debian packages.
 find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
 find_package(OpenSSL 3 REQUIRED)

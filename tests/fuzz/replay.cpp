@@ -28,7 +28,7 @@ std::string Name(const testing::TestParamInfo<std::filesystem::path>& file) {
 
 class Replay : public testing::TestWithParam<std::filesystem::path> {};
 
-TEST_P(Replay, DoesNoHarm) {
+TEST_P(Replay, NeitherCrashesNorLeaks) {
     const std::string input = TestSupport::ReadFile(GetParam());
     EXPECT_EQ(LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(input.data()), input.size()), 0);
 }

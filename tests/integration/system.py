@@ -33,7 +33,7 @@ _USUAL_LOG = [
     r"SNMPRaskRefreshCache: Examining \d+ VMs found\.",
 ]
 
-# The back-trace of an exception: where it was thrown, then its frames.
+# The backtrace of an exception: where it was thrown, then its frames.
 BACKTRACE_LOG = [r"\S+:\d+ .*", r".*\[0x[0-9a-f]+\]"]
 
 # A disk on a datastore that the host does not know.
