@@ -85,7 +85,7 @@ TEST_F(DispatcherTest, CallsMarkedMethodsBeforeLogin) {
     EXPECT_THAT(reply.text, HasSubstr("<returnval><name>hello ann</name></returnval>"));
 }
 
-TEST_F(DispatcherTest, ShowsNothingBeforeLogin) {
+TEST_F(DispatcherTest, RepliesAlikeToEveryCallBeforeLogin) {
     source.loggedIn = false;
     const std::string known = CallOf("Sweep");
     EXPECT_EQ(FaultOf(known), "NotAuthenticated: log in first");
@@ -129,7 +129,7 @@ TEST_F(DispatcherTest, RefusesCallsThatCannotBeCarriedOut) {
     EXPECT_THAT(Handle(CallOf("Sweep", "", otherShop)).text, HasSubstr("<obj type=\"Shop\">shop-2</obj>"));
 }
 
-TEST_F(DispatcherTest, HoldsACallToItsLimits) {
+TEST_F(DispatcherTest, RefusesCallsBeyondTheLimits) {
     EXPECT_FALSE(Handle(CallOf("Sweep"), {.maxElements = 4, .maxDepth = 4}).fault);
     EXPECT_TRUE(Handle(CallOf("Sweep"), {.maxElements = 3, .maxDepth = 4}).fault);
     EXPECT_TRUE(Handle(CallOf("Sweep"), {.maxElements = 4, .maxDepth = 3}).fault);

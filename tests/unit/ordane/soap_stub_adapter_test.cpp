@@ -77,7 +77,7 @@ TEST_F(SoapStubAdapterTest, CarriesEveryKindOfParameterAndResult) {
     EXPECT_EQ(things->GetLength(), 0);
 }
 
-TEST_F(SoapStubAdapterTest, KnowsItsObject) {
+TEST_F(SoapStubAdapterTest, MakesStubsThatReturnTheirReferenceAndType) {
     EXPECT_EQ(stub->GetMoRef()->GetType(), "Shop");
     EXPECT_EQ(stub->GetMoRef()->GetId(), "shop-1");
     EXPECT_EQ(stub->GetManagedType(), &Sample::Shop::staticType);

@@ -194,7 +194,7 @@ TEST(SoapMessage, RefusesADocumentTypeAndAnythingButOneCallInOneBody) {
     }
 }
 
-TEST(SoapMessage, HasALimitOfItsDepth) {
+TEST(SoapMessage, IsRefusedBeyondTheLimitOfItsDepth) {
     // Envelope, body and call are the first three.
     const auto nested = [](std::size_t depth) {
         return CallOf("Sweep", Repeated("<a>", depth - 3) + "text" + Repeated("</a>", depth - 3), "");
@@ -205,7 +205,7 @@ TEST(SoapMessage, HasALimitOfItsDepth) {
     EXPECT_EQ(Refusal(nested(5), {.maxDepth = 4}), "a SOAP message nested deeper than 4");
 }
 
-TEST(SoapMessage, HasALimitOfElementsAndAttributes) {
+TEST(SoapMessage, IsRefusedBeyondTheLimitOfElementsAndAttributes) {
     const auto withAttributes = [](std::size_t count) {
         return Enveloped("<Sweep" + Repeated(" a='1'", count) + "/>");
     };

@@ -147,7 +147,7 @@ struct Attempt {
 
 class AuthdAttempt : public testing::TestWithParam<Attempt> {};
 
-TEST_P(AuthdAttempt, EndsAsExpected) {
+TEST_P(AuthdAttempt, OpensAStreamOrThrowsTheKindAndMessageOfItsFailure) {
     const Attempt& attempt = GetParam();
     TlsTestServer server(attempt.script, attempt.newestVersion);
     std::optional<Interrupting> interrupting;

@@ -34,7 +34,7 @@ TEST(PreambleRequestLine, CarriesOnlyTextsThatFit) {
     }
 }
 
-TEST(PreambleRequestLine, IsNothingElse) {
+TEST(PreambleRequestLine, IsRejectedInAnyOtherForm) {
     const std::string others[] = {""s,
                                   "OPEN"s,
                                   "OPEN "s,
@@ -89,7 +89,7 @@ TEST(PreambleReplyLine, IsEscapedAndTruncatedInTheMessageOfARefusal) {
     EXPECT_LT(message.size(), 300U);
 }
 
-TEST(PreambleReplyLine, IsNothingElse) {
+TEST(PreambleReplyLine, IsRejectedInAnyOtherForm) {
     for (const std::string& reply :
          {"\r\n"s, "200\r\n"s, "200 \r\n"s, "20 /c\r\n"s, "2000 /c\r\n"s, "abc /c\r\n"s, " 200 /c\r\n"s,
           "200\t/c\r\n"s, "200 /c\x01\r\n"s, "200 /c\n/d\r\n"s, "200 /\xC3\xA4\r\n"s, "+20 /c\r\n"s,
@@ -99,7 +99,7 @@ TEST(PreambleReplyLine, IsNothingElse) {
     EXPECT_EQ(Reply("200 /c"), "peer: no authentication service: it closed the connection without a reply");
 }
 
-TEST(PreambleReplyLine, HasALimitedLength) {
+TEST(PreambleReplyLine, IsRejectedBeyondTheLimitOfItsLength) {
     const std::string path(maxPreambleLine - std::string("200 \r\n").size(), 'p');
     EXPECT_EQ(Reply("200 " + path + "\r\n"), path);
     EXPECT_THAT(Reply("200 " + path + "p\r\n"), HasSubstr("its reply is too long"));

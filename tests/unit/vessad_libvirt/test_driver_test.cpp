@@ -93,7 +93,7 @@ TEST_F(TestDriver, FindsTheVolumesOfItsPools) {
         ElementsAre(HasSubstr(" | pool:images [images] web.img"), HasSubstr("device images/missing")));
 }
 
-TEST_F(TestDriver, HasStates) {
+TEST_F(TestDriver, ShowsShutOffAndPausedDomainsAsPoweredOffAndSuspended) {
     const auto state = [](const std::string& number) {
         return "<test:runstate xmlns:test='http://libvirt.org/schemas/domain/test/1.0'>" + number +
                "</test:runstate>";
