@@ -111,7 +111,7 @@ void SNMPRaskRefreshCache() {
         return;
     }
     snmp_log(LOG_INFO, "SNMPRask: start refreshing cache...\n");
-    // VMs without a configuration are left out.
+    // VMs without a configuration are skipped.
     const auto vms = Tessim::MakeRef<Ordane::DataArray<Hask::VirtualMachine>>();
     const auto configs = Tessim::MakeRef<Ordane::DataArray<Hask::Vm::ConfigInfo>>();
     for (const Ref<Hask::VirtualMachine>& vm : *allVms) {
