@@ -1,9 +1,8 @@
 // The open connections, and which of them is evicted for a new one.
 //
-// Connections that have not logged in are untrusted, so each stage has a limit of its own. A new connection
-// evicts the one whose last step forward is oldest: entering the stage or, in a session, its last call. A
-// client that proceeds without delay is served however many others are open, because it is never among the
-// oldest. All functions are thread-safe.
+// Untrusted connections cannot displace sessions: each stage has a limit of its own. A new connection evicts
+// the one whose last step forward is oldest: entering the stage or, in a session, its last call. So a client
+// that proceeds without delay is served however many others are open. All functions are thread-safe.
 #pragma once
 
 #include <array>

@@ -1,4 +1,4 @@
-// The daemon's network side: listens on a loopback address and serves every client.
+// The daemon's network side: listens on a loopback address and serves every client. Used by one thread.
 #pragma once
 
 #include <cstdint>
@@ -23,7 +23,6 @@ struct ServerOptions {
 // is not resolved. Throws std::invalid_argument, also for an address that is not loopback.
 boost::asio::ip::tcp::endpoint ParseListenAddress(const std::string& text);
 
-// For one thread, beside the threads that it starts.
 class Server {
   public:
     // Listens and prepares the ticket directory; accepts no connection yet. `backend` must outlive the

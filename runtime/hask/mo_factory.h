@@ -1,4 +1,4 @@
-// Makes the stubs of managed objects.
+// Makes the stubs of managed objects. Factory and stubs are for the thread of their adapter.
 #pragma once
 
 #include <string>
@@ -10,7 +10,6 @@ namespace Hask {
 
 // Each operation puts a new stub, never null, into `out`. None calls the daemon: an object that does not
 // exist fails the stub's first call. They throw nothing but std::bad_alloc. Every stub keeps the adapter.
-// A factory and its stubs are for the thread of their adapter.
 class MoFactory : public virtual Tessim::Object {
   public:
     virtual void GetServiceInstance(Tessim::Ref<ServiceInstance>& out) = 0;

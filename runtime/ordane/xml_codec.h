@@ -1,5 +1,4 @@
-// Data objects as XML elements and back, driven by their type objects. The functions may be called from any
-// thread, each with documents and objects of its own.
+// Data objects as XML elements and back, driven by their type objects. May be called from any thread.
 #pragma once
 
 #include <pugixml.hpp>

@@ -1,5 +1,4 @@
-// The preamble: one line each way, before a TLS stream belongs to a service. Both sides of its grammar. All
-// functions are thread-safe.
+// The preamble: one line each way, before a TLS stream belongs to a service. Both sides; thread-safe.
 //
 //   client:  OPEN <selector> "<text>" "<text>"
 //   server:  200 <connection path>     or     <three digits> <reason>
