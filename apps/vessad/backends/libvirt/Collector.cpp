@@ -180,7 +180,7 @@ std::optional<HostReading> Collector::FetchReading() {
     });
     const auto ended = [this] { return shared->stopping || !shared->readingPending; };
     if (!shared->changed.wait_for(lock, options.readingTimeout, ended)) {
-        ReportUnreachable({"no reply in time", false, false});
+        ReportUnreachable({"no reply in time", ApiError::Kind::Temporary});
         shared->changed.wait(lock, ended);
     }
     if (shared->stopping) {
