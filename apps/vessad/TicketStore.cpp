@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "apps/vessad/ErrnoException.h"
+#include "apps/vessad/PrivateFile.h"
 
 namespace Vessad {
 
@@ -102,16 +103,7 @@ void TicketStore::OpenDirectory() {
         errno = reason;
         throw ErrnoException("cannot set group and mode of " + name);
     }
-    struct stat status {};
-    if (::fstat(directory.Get(), &status) != 0) {
-        throw ErrnoException("cannot stat " + name);
-    }
-    if (status.st_uid != ::geteuid()) {
-        throw std::runtime_error(name + " belongs to another user");
-    }
-    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        throw std::runtime_error(name + " is writable by others");
-    }
+    const struct stat status = CheckPrivate(directory.Get(), name);
     const mode_t search = forGroup && status.st_gid == group ? S_IXGRP : S_IXOTH;
     if (forGroup && (status.st_mode & search) == 0) {
         throw std::runtime_error("the group " + options.group + " cannot reach files in " + name);

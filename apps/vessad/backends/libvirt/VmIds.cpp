@@ -17,6 +17,8 @@
 #include <string_view>
 #include <system_error>
 
+#include "apps/vessad/PrivateFile.h"
+
 namespace Vessad::Libvirt {
 namespace {
 
@@ -26,6 +28,8 @@ constexpr std::int64_t largest = std::numeric_limits<std::int32_t>::max();
 // How many ids are skipped after a damaged file, for VMs whose lines are lost.
 constexpr std::int64_t skippedIds = 1000;
 constexpr std::size_t uuidLength = 36;
+// A line has at most ten digits, a blank, a UUID and the line end; heading and next number fit in two lines.
+constexpr std::int64_t maxFileSize = (largest / VmIds::step + 2) * (10 + 1 + 36 + 1);
 
 std::runtime_error Failure(const std::string& what, const std::filesystem::path& path) {
     return std::runtime_error(what + " " + path.string() + ": " + std::generic_category().message(errno));
@@ -53,14 +57,23 @@ std::int64_t ParseId(std::string_view text, std::int64_t limit) {
     return whole && id >= 1 && id <= limit ? id : 0;
 }
 
-// The file's content; nothing when there is no such file.
+// The file's content; nothing when there is no such file. Waits for no writer, whatever the file is.
 std::optional<std::string> ReadFile(const std::filesystem::path& path) {
-    const Tessim::FileDescriptor descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const Tessim::FileDescriptor descriptor(
+        ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!descriptor) {
         if (errno == ENOENT) {
             return std::nullopt;
         }
         throw Failure("cannot read", path);
+    }
+    const struct stat status = CheckPrivate(descriptor.Get(), path.string());
+    if (!S_ISREG(status.st_mode)) {
+        throw std::runtime_error(path.string() + " is not a regular file");
+    }
+    if (status.st_size > maxFileSize) {
+        throw std::runtime_error(path.string() + " has " + std::to_string(status.st_size) +
+                                 " bytes, more than any VM ids take");
     }
     std::string text;
     std::array<char, 65536> buffer{};
@@ -98,10 +111,12 @@ void Sync(int descriptor, const std::filesystem::path& path) {
 
 // Two daemons in one directory would assign one id to two VMs.
 Tessim::FileDescriptor OpenLocked(const std::filesystem::path& directory) {
-    Tessim::FileDescriptor descriptor(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    Tessim::FileDescriptor descriptor(
+        ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!descriptor) {
         throw Failure("cannot open the state directory", directory);
     }
+    CheckPrivate(descriptor.Get(), "the state directory " + directory.string());
     if (::flock(descriptor.Get(), LOCK_EX | LOCK_NB) < 0) {
         if (errno == EWOULDBLOCK) {
             throw std::runtime_error("the state directory " + directory.string() +

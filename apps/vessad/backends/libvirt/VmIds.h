@@ -27,7 +27,9 @@ class VmIds {
     // that known VMs are served from a full or read-only directory too.
     //
     // Throws std::runtime_error, and leaves everything as it was, when another daemon has locked the
-    // directory, or when the directory or the file cannot be created, read or replaced.
+    // directory, or when the directory or the file cannot be created, read or replaced, belongs to another
+    // user, is writable by others, is a symbolic link or, the file, is not regular or larger than any valid
+    // one.
     explicit VmIds(const std::filesystem::path& directory);
 
     // Assigns ids to the UUIDs that have none and saves them. A failure to save is logged once; until a
