@@ -33,10 +33,10 @@ using PoolHandle = std::unique_ptr<virStoragePool, Freer<virStoragePoolFree>>;
 using VolumeHandle = std::unique_ptr<virStorageVol, Freer<virStorageVolFree>>;
 using CString = std::unique_ptr<char, Freer<std::free>>;
 
-// Errors of opening a connection that a retry cannot cure.
+// Errors of opening a connection that a retry cannot cure. A driver that is not there may only not be active
+// yet.
 bool IsPermanentCode(const virError& error) {
     switch (error.code) {
-        case VIR_ERR_NO_CONNECT:
         case VIR_ERR_INVALID_ARG:
         case VIR_ERR_NO_SUPPORT:
         case VIR_ERR_XML_ERROR:
@@ -45,8 +45,7 @@ bool IsPermanentCode(const virError& error) {
         case VIR_ERR_CONFIG_UNSUPPORTED:
             return true;
         case VIR_ERR_INTERNAL_ERROR:
-            return error.domain == VIR_FROM_URI || error.domain == VIR_FROM_QEMU ||
-                   error.domain == VIR_FROM_TEST;
+            return error.domain == VIR_FROM_URI || error.domain == VIR_FROM_TEST;
         default:
             return false;
     }
@@ -71,10 +70,15 @@ void Check(int result) {
     }
 }
 
+// Whether the latest call failed with this code.
+bool HasCode(int code) {
+    const virError* error = virGetLastError();
+    return error != nullptr && error->code == code;
+}
+
 // Whether the latest call failed because the driver has nothing of the kind.
 bool IsUnsupported() {
-    const virError* error = virGetLastError();
-    return error != nullptr && error->code == VIR_ERR_NO_SUPPORT;
+    return HasCode(VIR_ERR_NO_SUPPORT);
 }
 
 template <class Handle, class Raw>
@@ -158,7 +162,10 @@ class RealConnection final : public Connection {
   public:
     explicit RealConnection(const std::string& uri) : handle(virConnectOpenReadOnly(uri.c_str())) {
         if (!handle) {
-            throw LastError();
+            const ApiError error = LastError();
+            // What libvirt takes for an alias that it does not have.
+            const bool isUnknownAlias = uri.find(':') == std::string::npos && HasCode(VIR_ERR_NO_CONNECT);
+            throw ApiError(error.what(), error.IsPermanent() || isUnknownAlias, false);
         }
         // Fails where the driver runs in this process, which needs no probes.
         virConnectSetKeepAlive(handle.get(), keepAliveInterval, keepAliveCount);

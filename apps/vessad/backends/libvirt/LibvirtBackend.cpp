@@ -5,6 +5,7 @@
 
 #include "apps/vessad/backends/libvirt/Collector.h"
 #include "apps/vessad/backends/libvirt/LibvirtApi.h"
+#include "apps/vessad/backends/libvirt/Uri.h"
 #include "apps/vessad/backends/libvirt/VmIds.h"
 
 namespace Vessad {
@@ -33,8 +34,8 @@ class LibvirtBackend final : public Backend {
 
 std::unique_ptr<Backend> MakeLibvirtBackend(const std::string& uri,
                                             const std::filesystem::path& stateDirectory) {
-    if (uri.empty()) {
-        throw std::runtime_error("the libvirt URI is empty");
+    if (const auto mistake = Libvirt::FindMistake(uri)) {
+        throw std::runtime_error("the libvirt URI " + uri + " cannot be used: " + *mistake);
     }
     return std::make_unique<LibvirtBackend>(uri, stateDirectory);
 }

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <map>
+#include <vector>
 
 namespace Vessad::Libvirt {
 namespace {
@@ -49,6 +51,13 @@ std::optional<std::string_view> Parameter(std::string_view parameters, std::stri
     return std::nullopt;
 }
 
+// The paths of drivers that accept few.
+const std::map<std::string_view, std::vector<std::string_view>> pathsOfDrivers{
+    {"qemu", {"/system", "/session", "/embed"}},
+    {"lxc", {"/system", "/", ""}},
+    {"xen", {"/system", "/", ""}},
+};
+
 // A session URI means the libvirt of the user who runs this program.
 std::optional<std::string> UserConfigDirectory() {
     if (const char* directory = std::getenv("XDG_CONFIG_HOME"); directory != nullptr && *directory == '/') {
@@ -73,6 +82,37 @@ std::optional<std::string> QemuDirectory(const Parts& parts) {
 }
 
 }  // namespace
+
+std::optional<std::string> FindMistake(std::string_view uri) {
+    if (uri.empty()) {
+        return "it is empty";
+    }
+    const auto isControl = [](char byte) { return static_cast<unsigned char>(byte) <= ' ' || byte == 0x7f; };
+    if (std::any_of(uri.begin(), uri.end(), isControl)) {
+        return "it has a blank or a control character";
+    }
+    if (uri.find(':') == std::string_view::npos) {
+        return std::nullopt;
+    }
+    const Parts parts = Split(uri);
+    if (parts.driver.empty()) {
+        return "it names no driver";
+    }
+    const auto known = pathsOfDrivers.find(parts.driver);
+    if (known == pathsOfDrivers.end()) {
+        return std::nullopt;
+    }
+    const auto& paths = known->second;
+    if (std::find(paths.begin(), paths.end(), parts.path) != paths.end()) {
+        return std::nullopt;
+    }
+    std::string text =
+        "the driver " + std::string(parts.driver) + " has no path \"" + std::string(parts.path) + "\", only ";
+    for (std::size_t index = 0; index < paths.size(); ++index) {
+        text += (index == 0 ? "\"" : ", \"") + std::string(paths[index]) + "\"";
+    }
+    return text;
+}
 
 bool IsLocal(std::string_view uri) {
     return Split(uri).authority.empty();
