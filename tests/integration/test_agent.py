@@ -6,6 +6,7 @@ import time
 
 import expected_tree
 import mib
+import net_snmp
 import pytest
 import system
 from mib import ENTERPRISE
@@ -212,11 +213,24 @@ def test_hangup_makes_the_agent_load_the_module_anew(start_daemon, start_agent):
     assert [i.oid for i in agent.client.walk()] == oids(host)
 
 
-@pytest.mark.parametrize("with_snippet", [True, False])
-def test_the_packaged_snippet_opens_the_host_to_managers(start_daemon, start_agent, with_snippet):
-    """Debian's agent shows a view of its own; without the snippet nothing of ours is in it."""
+# The public community of Debian's agent, which everybody may read who has an account on the host.
+DEBIAN_ACCESS = "view systemonly included .1.3.6.1.2.1.1\nrocommunity public 127.0.0.1 -V systemonly"
+
+
+@pytest.mark.parametrize("version_2c", [True, False], ids=["version 2c", "version 3"])
+def test_the_packaged_snippet_opens_the_host_to_those_of_its_recipe_only(start_daemon, start_agent, version_2c):
     start_daemon(SMALL)
     snippet = (system.ROOT / "packaging/snmpd-kelv.conf").read_text()
-    debian = "view systemonly included .1.3.6.1.2.1.1\nrocommunity public 127.0.0.1 -V systemonly"
-    agent = start_agent(module=None, access=debian, configuration=snippet if with_snippet else "")
-    assert [i.oid for i in agent.client.walk()] == (oids(expected_tree.load(SMALL)) if with_snippet else [])
+    recipe = "#rocommunity COMMUNITY 192.0.2.1 -V kelv" if version_2c else "#rouser manager priv -V kelv"
+    assert recipe in snippet
+    used = recipe[1:].replace("COMMUNITY 192.0.2.1", "secret 127.0.0.1")
+    user = '\ncreateUser manager SHA-256 "authentication" AES "privacy phrase"'
+    agent = start_agent(module=None, access=DEBIAN_ACCESS, configuration=snippet.replace(recipe, used) + user)
+    assert [i.oid for i in agent.client.walk()] == []
+    phrases = ["-a", "SHA-256", "-A", "authentication", "-x", "AES", "-X", "privacy phrase"]
+    access = ["-v2c", "-c", "secret"] if version_2c else ["-v3", "-l", "authPriv", "-u", "manager", *phrases]
+    result = net_snmp.run("snmpget", *access, "-Oqv", "127.0.0.1", "TOVRIC-KELV-MIB::vmDisplayName.0")
+    assert (result.returncode, result.stdout.strip().strip('"')) == (0, "web-1")
+    if not version_2c:
+        weaker = net_snmp.run("snmpget", "-v3", "-l", "noAuthNoPriv", "-u", "manager", "127.0.0.1", "TOVRIC-KELV-MIB::vmDisplayName.0")
+        assert weaker.returncode != 0

@@ -165,7 +165,7 @@ class RealConnection final : public Connection {
             const ApiError error = LastError();
             // What libvirt takes for an alias that it does not have.
             const bool isUnknownAlias = uri.find(':') == std::string::npos && HasCode(VIR_ERR_NO_CONNECT);
-            throw ApiError(error.what(), error.IsPermanent() || isUnknownAlias, false);
+            throw ApiError(error.what(), isUnknownAlias ? ApiError::Kind::Permanent : error.GetKind());
         }
         // Fails where the driver runs in this process, which needs no probes.
         virConnectSetKeepAlive(handle.get(), keepAliveInterval, keepAliveCount);
