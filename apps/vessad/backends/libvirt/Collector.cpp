@@ -28,6 +28,7 @@ struct Collector::Shared {
 
     std::shared_ptr<const Inventory> newest = UnknownHost();
     std::shared_ptr<const Inventory> newestWithoutVms = newest;
+    bool published = false;  // whether `newest` was collected
     std::optional<Clock::time_point> unreachableSince;
 
     std::vector<std::string> pools;  // the XML of the active ones, as last received
@@ -198,14 +199,21 @@ bool Collector::Publish(std::shared_ptr<const Inventory> inventory) {
     auto withoutVms = WithoutVms(*inventory);
     const std::lock_guard lock(shared->mutex);
     shared->newest = std::move(inventory);
+    shared->published = true;
     shared->newestWithoutVms = std::move(withoutVms);
     return std::exchange(shared->unreachableSince, std::nullopt).has_value();
 }
 
 void Collector::ReportUnreachable(const ApiError& failure) {
     if (!shared->unreachableSince) {
-        spdlog::warn("The host's libvirt cannot be reached: {}; the last inventory serves for {} s",
-                     failure.what(), std::chrono::duration_cast<std::chrono::seconds>(options.keep).count());
+        if (shared->published) {
+            spdlog::warn("The host's libvirt cannot be reached: {}; the last inventory serves for {} s",
+                         failure.what(),
+                         std::chrono::duration_cast<std::chrono::seconds>(options.keep).count());
+        } else {
+            spdlog::warn("The host's libvirt cannot be reached: {}; there is no inventory until it can",
+                         failure.what());
+        }
         shared->unreachableSince = Clock::now();
     }
     shared->failure = failure;
