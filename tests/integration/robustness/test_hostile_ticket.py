@@ -256,8 +256,8 @@ def test_an_unreadable_file_is_no_ticket_for_an_unprivileged_agent(fake, good, d
     assert fake.count("Login") == 2 and fake.calls[-1].method != "Login"
     before = watch.descriptors(agent.pid)
     with watch.Prober() as prober:
-        tickets = [(0o600, 0, 0), (0o000, account.pw_uid, account.pw_gid), (0o640, 0, grp.getgrnam("shadow").gr_gid)]
-        for mode, owner, group in tickets:
+        refused = [(0o600, 0, 0), (0o000, account.pw_uid, account.pw_gid), (0o640, 0, grp.getgrnam("shadow").gr_gid)]
+        for mode, owner, group in refused:
             fake.behave(NamesFile(host, directory, ticket(mode, owner, group)))
             fake.drop_connections()
             agent.refresh()
