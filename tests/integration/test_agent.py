@@ -232,5 +232,6 @@ def test_the_packaged_snippet_opens_the_host_to_those_of_its_recipe_only(start_d
     result = net_snmp.run("snmpget", *access, "-Oqv", "127.0.0.1", "TOVRIC-KELV-MIB::vmDisplayName.0")
     assert (result.returncode, result.stdout.strip().strip('"')) == (0, "web-1")
     if not version_2c:
-        weaker = net_snmp.run("snmpget", "-v3", "-l", "noAuthNoPriv", "-u", "manager", "127.0.0.1", "TOVRIC-KELV-MIB::vmDisplayName.0")
+        weaker = net_snmp.run("snmpget", "-v3", "-l", "noAuthNoPriv", "-u", "manager", "127.0.0.1",
+                              "TOVRIC-KELV-MIB::vmDisplayName.0")
         assert weaker.returncode != 0
