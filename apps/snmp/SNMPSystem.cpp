@@ -24,7 +24,7 @@ SNMP::Registration registration("SNMPSystem", SNMPSystem_variables, SNMPSystem_v
 SNMP::StringAnswer string;
 SNMP::ObjectIdAnswer objid;
 
-// What stands between the enterprise's OID and the version in `prodOID`: the KELV server among the products.
+// kelvVersions and kelvServer of the MIB, which precede the version in `prodOID`.
 constexpr oid kelvServer[] = {60, 1};
 
 // The enterprise prefix of a scalar's instance OID, then kelvServer and the version.

@@ -37,7 +37,7 @@ class Connection : public Tessim::ObjectImpl, public virtual Tessim::Object {
 
     // For long work on replies that does not wait for the daemon. Throws Tessim::TimeoutException when the
     // time budget in force is spent, and starts the backoff in which the daemon is not tried again;
-    // Tessim::StreamException when the process is told to end.
+    // Tessim::StreamException when the process is ending.
     static void CheckTimeLeft();
 
     // Whether this process opened the connection.

@@ -61,7 +61,7 @@ class FillerTest : public ClientTest {
         host.datastores["mute"] = nullptr;
         SNMPRaskRefreshCache();
     }
-    // The log without the lines of the rebuild itself, those about missing statistics and back-traces. A line
+    // The log without the lines of the rebuild itself, those about missing statistics and backtraces. A line
     // of another priority than 4 begins with it.
     std::string TakeLog() {
         std::string text = "\n";

@@ -57,7 +57,7 @@ inline std::vector<std::string> TextsOf(const Lines& lines, int priority) {
     return texts;
 }
 
-// What a report of `failure` looks like: the message line at priority 4, then its back-trace at `priority`.
+// What a report of `failure` looks like: the message line at priority 4, then its backtrace at `priority`.
 inline Lines Report(const std::string& message, const Tessim::Exception& failure, int priority) {
     Lines lines = {{4, message}};
     for (const std::string& line : failure.GetBacktrace()) {
