@@ -91,48 +91,39 @@ class ObservedZarnSvc final : public virtual ZarnSvc, public Tessim::ObjectImpl 
     Ref<ZarnSvc> service;
 };
 
-// The host as one connection sees it.
-class ConnectionSource final : public Ordane::ObjectSource {
+// Passes the messages of one connection to the dispatcher that the real daemon uses too.
+class LocalAdapter final : public Ordane::SoapStubAdapter, public Ordane::ObjectSource {
   public:
-    explicit ConnectionSource(FakeHost& host) : host(&host) {}
+    explicit LocalAdapter(FakeHost& host) : host(&host) {}
 
     Ref<Ordane::ManagedObject> Find(const Ordane::MoRef& reference) override { return host->Find(reference); }
     bool IsLoggedIn() const override { return loggedIn; }
-    void SetLoggedIn(bool now) { loggedIn = now; }
+
+  protected:
+    std::string Exchange(const std::string& request) override {
+        const std::string method = Ordane::Soap::Message(request, {}).GetName();
+        Reach().Send(method);
+        const Ordane::Reply reply = Ordane::HandleCall(request, *this, {});
+        if (!reply.fault && (method == "Login" || method == "Logout")) {
+            loggedIn = method == "Login";
+        }
+        return reply.text;
+    }
 
   private:
     FakeHost* host;
     bool loggedIn = false;
 };
 
-// Passes messages to the dispatcher that the real daemon uses too.
-class LocalAdapter final : public Ordane::SoapStubAdapter {
-  public:
-    explicit LocalAdapter(Ordane::ObjectSource& source) : source(&source) {}
-
-  protected:
-    std::string Exchange(const std::string& request) override {
-        Reach().Send(Ordane::Soap::Message(request, {}).GetName());
-        return Ordane::HandleCall(request, *source, {}).text;
-    }
-
-  private:
-    Ordane::ObjectSource* source;
-};
-
-// A local adapter of its own connection, which records its calls and its end.
+// A local adapter that records its calls and its end.
 class FakeAdapter final : public virtual Ordane::StubAdapter, public Tessim::ObjectImpl {
   public:
-    explicit FakeAdapter(FakeDaemon& daemon) : source(daemon.host), adapter(MakeRef<LocalAdapter>(source)) {}
+    explicit FakeAdapter(FakeHost& host) : adapter(MakeRef<LocalAdapter>(host)) {}
 
     Ref<Ordane::DataObject> Invoke(const Ordane::MoRef& target, const Ordane::MethodInfo& method,
                                    const Ordane::DataObject& request) override {
         Reach().Call(std::string(method.name));
-        Ref<Ordane::DataObject> reply = adapter->Invoke(target, method, request);
-        if (method.name == "Login" || method.name == "Logout") {
-            source.SetLoggedIn(method.name == "Login");
-        }
-        return reply;
+        return adapter->Invoke(target, method, request);
     }
     void Close() noexcept override {
         FakeDaemon::Record("close adapter");
@@ -140,7 +131,6 @@ class FakeAdapter final : public virtual Ordane::StubAdapter, public Tessim::Obj
     }
 
   private:
-    ConnectionSource source;
     Ref<LocalAdapter> adapter;
 };
 
@@ -177,7 +167,11 @@ void FakeDaemon::CreateStubAdapter(Tessim::Service::Logger* logger, ZarnSvc* ser
                                    const std::string& localPath, Ref<Ordane::StubAdapter>& out) {
     const Tessim::Zarn::Route route = service->Resolve(localPath);
     Step("create adapter on " + localPath + " to " + route.remotePath + " logging to " + NameOf(logger));
-    out = MakeRef<FakeAdapter>(*this);
+    out = MakeAdapter();
+}
+
+Ref<Ordane::StubAdapter> FakeDaemon::MakeAdapter() {
+    return MakeRef<FakeAdapter>(host);
 }
 
 void FakeDaemon::CreateMoFactory(Ordane::StubAdapter* adapter, Ref<Hask::MoFactory>& out) {
@@ -198,10 +192,6 @@ void FakeDaemon::WhenSent(const std::string& method, std::function<void()> actio
 
 int FakeDaemon::CountCalls(const std::string& method) const {
     return static_cast<int>(std::count(calls.begin(), calls.end(), method));
-}
-
-FakeDaemon* FakeDaemon::Alive() {
-    return current;
 }
 
 void FakeDaemon::Record(const std::string& event) {

@@ -57,6 +57,9 @@ class FakeDaemon final : public SNMP::Endpoint {
     // Calls of the runtime and of the API, and closings, in order, as text.
     std::vector<std::string> events;
 
+    // A new connection's adapter.
+    Tessim::Ref<Ordane::StubAdapter> MakeAdapter();
+
     // The factory of connections made from now on; null: the runtime's stubs.
     Tessim::Ref<Hask::MoFactory> factory;
 
@@ -67,8 +70,6 @@ class FakeDaemon final : public SNMP::Endpoint {
                            const std::string& localPath, Tessim::Ref<Ordane::StubAdapter>& out) override;
     void CreateMoFactory(Ordane::StubAdapter* adapter, Tessim::Ref<Hask::MoFactory>& out) override;
 
-    // The living one, or null.
-    static FakeDaemon* Alive();
     // Adds an event when one lives.
     static void Record(const std::string& event);
     // Adds the event of a step of connecting; throws where `failingStep` says so.

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
+#include <set>
 #include <stdexcept>
 #include <utility>
 
@@ -15,124 +16,40 @@ namespace TestSupport {
 namespace {
 
 using Ordane::DataArray;
+using Ordane::DataObject;
 using Ordane::MoRef;
 using Tessim::MakeRef;
 using Tessim::Ref;
 
+using QuerySpec = Hask::PerformanceManager::QuerySpec;
+using Objects = std::vector<Ref<Ordane::Any>>;
+
 // A managed object of the API that takes its replies from the host.
-template <class Api>
-class FakeObject : public Api {
+class FakeObject final : public Ordane::ManagedObject {
   public:
     FakeObject(FakeHost& host, const MoRef& reference)
-        : Api(MakeRef<MoRef>(reference.GetType(), reference.GetId())), host(&host) {}
+        : ManagedObject(MakeRef<MoRef>(reference.GetType(), reference.GetId())), host(&host) {}
 
-  protected:
-    FakeHost* host;
-};
-
-class ServiceInstance final : public FakeObject<Hask::ServiceInstance> {
-  public:
-    using FakeObject::FakeObject;
-    void RetrieveContent(Ref<Hask::ServiceInstanceContent>& out) override {
-        host->Ask("RetrieveContent");
-        out = host->content;
+    const Ordane::ManagedType* GetManagedType() const override {
+        const auto types = Hask::AllManagedTypes();
+        return *std::find_if(types.begin(), types.end(),
+                             [&](const auto* type) { return type->name == GetMoRef()->GetType(); });
     }
-};
-
-class SessionManager final : public FakeObject<Hask::SessionManager> {
-  public:
-    using FakeObject::FakeObject;
-    void AcquireLocalTicket(const std::string& userName, Ref<LocalTicket>& out) override {
-        host->ticketRequests.push_back(userName);
-        host->Ask("AcquireLocalTicket");
-        out = MakeRef<LocalTicket>();
-        out->SetUserName(host->ticketUser);
-        out->SetPasswordFilePath(host->MakeTicketFile());
-    }
-    void Login(const std::string& userName, const std::string& password,
-               const std::optional<std::string>& locale, Ref<Hask::UserSession>& out) override {
-        host->logins.push_back({userName, password, locale});
-        host->Ask("Login");
-        out = MakeRef<Hask::UserSession>();
-        out->SetKey("session");
-        out->SetUserName(userName);
-    }
-    void Logout() override { host->Ask("Logout"); }
-};
-
-class Folder final : public FakeObject<Hask::Folder> {
-  public:
-    using FakeObject::FakeObject;
-    void GetChildEntity(Ref<DataArray<MoRef>>& out) override {
-        host->Ask("GetChildEntity");
-        out = MakeRef<DataArray<MoRef>>();
-        for (const FakeVm& vm : host->vms) {
-            out->Append(MakeRef<MoRef>("VirtualMachine", vm.id));
-        }
-    }
-};
-
-class VirtualMachine final : public FakeObject<Hask::VirtualMachine> {
-  public:
-    VirtualMachine(FakeHost& host, const MoRef& reference, FakeVm vm)
-        : FakeObject(host, reference), vm(std::move(vm)) {}
-    void GetConfig(Ref<Hask::Vm::ConfigInfo>& out) override {
-        host->Ask("GetConfig");
-        out = vm.config;
-    }
-    void GetRuntime(Ref<Hask::Vm::RuntimeInfo>& out) override {
-        host->Ask("GetRuntime");
-        out = vm.runtime;
-    }
-    void GetGuest(Ref<Hask::Vm::GuestInfo>& out) override {
-        host->Ask("GetGuest");
-        out = vm.guest;
+    Ref<DataObject> Dispatch(const Ordane::MethodInfo& method, const DataObject& request) override {
+        return host->Reply(GetMoRef()->GetId(), method, request);
     }
 
   private:
-    FakeVm vm;
+    FakeHost* host;
 };
 
-class Datastore final : public FakeObject<Hask::Datastore> {
-  public:
-    using FakeObject::FakeObject;
-    void GetInfo(Ref<Info>& out) override {
-        host->Ask("GetInfo");
-        out = host->datastores.at(GetMoRef()->GetId());
+Objects ReferencesOf(const std::vector<FakeVm>& vms) {
+    Objects references;
+    for (const FakeVm& vm : vms) {
+        references.emplace_back(MakeRef<MoRef>("VirtualMachine", vm.id));
     }
-};
-
-class HostSystem final : public FakeObject<Hask::HostSystem> {
-  public:
-    using FakeObject::FakeObject;
-    void GetHardware(Ref<Hask::Host::HardwareInfo>& out) override {
-        host->Ask("GetHardware");
-        out = host->hardware;
-    }
-};
-
-class MemoryManagerSystem final : public FakeObject<Hask::Host::MemoryManagerSystem> {
-  public:
-    using FakeObject::FakeObject;
-    void GetConsoleReservationInfo(Ref<ServiceConsoleReservationInfo>& out) override {
-        host->Ask("GetConsoleReservationInfo");
-        out = host->consoleReservation;
-    }
-};
-
-class PerformanceManager final : public FakeObject<Hask::PerformanceManager> {
-  public:
-    using FakeObject::FakeObject;
-    void GetPerfCounter(Ref<DataArray<CounterInfo>>& out) override {
-        host->Ask("GetPerfCounter");
-        out = host->counters;
-    }
-    void QueryPerf(DataArray<QuerySpec>* querySpec, Ref<DataArray<EntityMetricBase>>& out) override {
-        host->queries.emplace_back(querySpec);
-        host->Ask("QueryPerf");
-        out = host->metrics;
-    }
-};
+    return references;
+}
 
 }  // namespace
 
@@ -158,51 +75,87 @@ void FakeHost::WhenAsked(const std::string& method, std::function<void()> action
     actions[method] = std::move(action);
 }
 
-void FakeHost::Ask(const std::string& method) const {
-    const auto action = actions.find(method);
-    if (action != actions.end() && action->second) {
+Ref<Ordane::ManagedObject> FakeHost::Find(const MoRef& reference) {
+    namespace Ids = Hask::HostAgent;
+    const std::string& type = reference.GetType();
+    const std::string& id = reference.GetId();
+    const std::set<std::pair<std::string, std::string>> managers = {
+        {"ServiceInstance", Ids::moid_serviceinstance},
+        {"SessionManager", Ids::moid_sessionmanager},
+        {"Folder", Ids::moid_vmfolder},
+        {"HostSystem", Ids::moid_hostsystem},
+        {"PerformanceManager", Ids::moid_perfmanager},
+        {"MemoryManagerSystem", Ids::moid_memorymanagersystem}};
+    const bool known = managers.contains({type, id}) || (type == "Datastore" && datastores.contains(id)) ||
+                       (type == "VirtualMachine" && FindVm(id).id == id);
+    return known ? MakeRef<FakeObject>(*this, reference) : nullptr;
+}
+
+FakeVm FakeHost::FindVm(const std::string& id) const {
+    const auto vm = std::find_if(vms.begin(), vms.end(), [&](const FakeVm& each) { return each.id == id; });
+    return vm != vms.end() ? *vm : FakeVm{};
+}
+
+Ref<DataObject> FakeHost::Reply(const std::string& id, const Ordane::MethodInfo& method,
+                                const DataObject& request) {
+    const std::string name(method.name);
+    const FakeVm vm = FindVm(id);
+    Record(name, request);
+    if (const auto action = actions.find(name); action != actions.end() && action->second) {
         action->second();
+    }
+    const std::map<std::string, std::function<Objects()>> results = {
+        {"RetrieveContent", [&] { return Objects{content}; }},
+        {"AcquireLocalTicket", [&] { return Objects{MakeTicket()}; }},
+        {"Login", [&] { return Objects{MakeRef<Hask::UserSession>()}; }},
+        {"Logout", [] { return Objects{}; }},
+        {"GetChildEntity", [&] { return ReferencesOf(vms); }},
+        {"GetConfig", [&] { return Objects{vm.config}; }},
+        {"GetRuntime", [&] { return Objects{vm.runtime}; }},
+        {"GetGuest", [&] { return Objects{vm.guest}; }},
+        {"GetInfo", [&] { return Objects{datastores.at(id)}; }},
+        {"GetHardware", [&] { return Objects{hardware}; }},
+        {"GetConsoleReservationInfo", [&] { return Objects{consoleReservation}; }},
+        {"GetPerfCounter", [&] { return Objects(counters->begin(), counters->end()); }},
+        {"QueryPerf", [&] { return Objects(metrics->begin(), metrics->end()); }}};
+    Ref<DataObject> response = method.response->create();
+    for (const Ref<Ordane::Any>& result : results.at(name)()) {
+        if (result) {
+            method.response->ownMembers[0].append(*response, Ordane::Value(result.Get()));
+        }
+    }
+    return response;
+}
+
+void FakeHost::Record(const std::string& method, const DataObject& request) {
+    std::vector<std::string> texts;
+    auto specs = MakeRef<DataArray<QuerySpec>>();
+    for (const Ordane::Member& parameter : request.GetDataObjectType()->ownMembers) {
+        parameter.forEach(request, [&](const Ordane::Value& value) {
+            if (const auto* text = std::get_if<std::string_view>(&value)) {
+                texts.emplace_back(*text);
+            } else {
+                specs->Append(Tessim::NarrowToType<QuerySpec>(std::get<Ordane::Any*>(value)));
+            }
+        });
+    }
+    if (method == "AcquireLocalTicket") {
+        ticketRequests.push_back(texts.at(0));
+    } else if (method == "Login") {
+        logins.push_back({texts.at(0), texts.at(1), texts.at(2)});
+    } else if (method == "QueryPerf") {
+        queries.push_back(specs);
     }
 }
 
-Ref<Ordane::ManagedObject> FakeHost::Find(const MoRef& reference) {
-    namespace Ids = Hask::HostAgent;
-    const auto is = [&](const char* type, const std::string& id) {
-        return reference.GetType() == type && reference.GetId() == id;
-    };
-    if (is("ServiceInstance", Ids::moid_serviceinstance)) {
-        return MakeRef<ServiceInstance>(*this, reference);
-    }
-    if (is("SessionManager", Ids::moid_sessionmanager)) {
-        return MakeRef<SessionManager>(*this, reference);
-    }
-    if (is("Folder", Ids::moid_vmfolder)) {
-        return MakeRef<Folder>(*this, reference);
-    }
-    if (is("HostSystem", Ids::moid_hostsystem)) {
-        return MakeRef<HostSystem>(*this, reference);
-    }
-    if (is("MemoryManagerSystem", Ids::moid_memorymanagersystem)) {
-        return MakeRef<MemoryManagerSystem>(*this, reference);
-    }
-    if (is("PerformanceManager", Ids::moid_perfmanager)) {
-        return MakeRef<PerformanceManager>(*this, reference);
-    }
-    if (reference.GetType() == "Datastore" && datastores.contains(reference.GetId())) {
-        return MakeRef<Datastore>(*this, reference);
-    }
-    const auto vm = std::find_if(vms.begin(), vms.end(),
-                                 [&](const FakeVm& each) { return each.id == reference.GetId(); });
-    if (reference.GetType() == "VirtualMachine" && vm != vms.end()) {
-        return MakeRef<VirtualMachine>(*this, reference, *vm);
-    }
-    return nullptr;
+Ref<Hask::SessionManager::LocalTicket> FakeHost::MakeTicket() {
+    auto ticket = MakeRef<Hask::SessionManager::LocalTicket>();
+    ticket->SetUserName(ticketUser);
+    ticket->SetPasswordFilePath(ticketPath ? *ticketPath : MakeTicketFile());
+    return ticket;
 }
 
 std::string FakeHost::MakeTicketFile() {
-    if (ticketPath) {
-        return *ticketPath;
-    }
     const std::filesystem::path path = folder / std::to_string(++ticketCount);
     std::ofstream(path, std::ios::binary) << ticketContent;
     if (::chmod(path.c_str(), S_IRUSR | S_IWUSR) != 0) {

@@ -24,7 +24,7 @@ struct FakeVm {
 struct LoginCall {
     std::string userName;
     std::string password;
-    std::optional<std::string> locale;
+    std::string locale;
 
     friend bool operator==(const LoginCall&, const LoginCall&) = default;
 };
@@ -63,12 +63,17 @@ class FakeHost {
     // The object of that type and id, or null. It uses this host and must not outlive it.
     Tessim::Ref<Ordane::ManagedObject> Find(const Ordane::MoRef& reference);
 
-    // For the objects: runs what WhenAsked set.
-    void Ask(const std::string& method) const;
-    // For the objects: the path of a ticket file, fresh unless the test set another.
-    std::string MakeTicketFile();
+    // For the objects: the response of the object with that id.
+    Tessim::Ref<Ordane::DataObject> Reply(const std::string& id, const Ordane::MethodInfo& method,
+                                          const Ordane::DataObject& request);
 
   private:
+    // Keeps the parameters of a call.
+    void Record(const std::string& method, const Ordane::DataObject& request);
+    FakeVm FindVm(const std::string& id) const;
+    Tessim::Ref<Hask::SessionManager::LocalTicket> MakeTicket();
+    std::string MakeTicketFile();
+
     std::map<std::string, std::function<void()>> actions;
     std::filesystem::path folder;  // holds the ticket files
     int ticketCount = 0;

@@ -7,36 +7,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <optional>
 
 namespace {
 
-// Counts down to the calls that fail.
-struct Countdown {
-    int left = 0;   // calls until the first of them, counting it
-    int times = 0;  // how many fail
-
-    bool Expires() {
-        if (left > 1) {
-            --left;
-            return false;
-        }
-        return left == 1 && times > 0 && times-- > 0;
-    }
-};
-
-struct Faults {
-    std::optional<std::time_t> time;
-    std::size_t callocElementSize = 0;
-    Countdown calloc;
-    Countdown strdup;
-    Countdown operatorNew;
-    std::string path;
-    int pathError = 0;  // 0: the path exists
-    int pathCalls = 0;
-};
-
-std::optional<Faults> faults;
+TestSupport::FaultInjection* faults = nullptr;
 
 }  // namespace
 
@@ -50,7 +24,7 @@ char* __real_strdup(const char* text);
 int __real_stat64(const char* path, struct stat64* status);
 
 std::time_t __wrap_time(std::time_t* stored) {
-    if (!faults || !faults->time) {
+    if (faults == nullptr || !faults->time) {
         return __real_time(stored);
     }
     if (stored != nullptr) {
@@ -60,8 +34,7 @@ std::time_t __wrap_time(std::time_t* stored) {
 }
 
 void* __wrap_calloc(std::size_t count, std::size_t size) {
-    if (faults && (faults->callocElementSize == 0 || faults->callocElementSize == size) &&
-        faults->calloc.Expires()) {
+    if (faults != nullptr && faults->callocElementSize == size && faults->calloc.Expires()) {
         errno = ENOMEM;
         return nullptr;
     }
@@ -69,7 +42,7 @@ void* __wrap_calloc(std::size_t count, std::size_t size) {
 }
 
 char* __wrap_strdup(const char* text) {
-    if (faults && faults->strdup.Expires()) {
+    if (faults != nullptr && faults->strdup.Expires()) {
         errno = ENOMEM;
         return nullptr;
     }
@@ -77,7 +50,7 @@ char* __wrap_strdup(const char* text) {
 }
 
 int __wrap_stat64(const char* path, struct stat64* status) {
-    if (!faults || faults->path.empty() || faults->path != path) {
+    if (faults == nullptr || faults->path.empty() || faults->path != path) {
         return __real_stat64(path, status);
     }
     ++faults->pathCalls;
@@ -94,7 +67,7 @@ int __wrap_stat64(const char* path, struct stat64* status) {
 
 // NOLINTBEGIN(cppcoreguidelines-no-malloc,hicpp-no-malloc)
 void* operator new(std::size_t size) {
-    if (faults && faults->operatorNew.Expires()) {
+    if (faults != nullptr && faults->operatorNew.Expires()) {
         throw std::bad_alloc();
     }
     void* const memory = std::malloc(size == 0 ? 1 : size);
@@ -114,42 +87,20 @@ void operator delete(void* memory, std::size_t /*size*/) noexcept {
 namespace TestSupport {
 
 FaultInjection::FaultInjection() {
-    assert(!faults);
-    faults.emplace();
+    assert(faults == nullptr);
+    faults = this;
 }
 
 FaultInjection::~FaultInjection() {
-    faults.reset();
+    faults = nullptr;
 }
 
-void FaultInjection::SetTime(std::time_t now) {
-    faults->time = now;
-}
-
-void FaultInjection::FailCalloc(std::size_t elementSize, int nth) {
-    faults->callocElementSize = elementSize;
-    faults->calloc = {nth, 1};
-}
-
-void FaultInjection::FailStrdup(int nth) {
-    faults->strdup = {nth, 1};
-}
-
-void FaultInjection::FailNew(int nth, int times) {
-    faults->operatorNew = {nth, times};
-}
-
-void FaultInjection::SetExists(const std::string& path, bool exists) {
-    FailStat64(path, exists ? 0 : ENOENT);
-}
-
-void FaultInjection::FailStat64(const std::string& path, int error) {
-    faults->path = path;
-    faults->pathError = error;
-}
-
-int FaultInjection::Stat64Calls() const {
-    return faults->pathCalls;
+bool FaultInjection::Countdown::Expires() {
+    if (left > 1) {
+        --left;
+        return false;
+    }
+    return left == 1 && times > 0 && times-- > 0;
 }
 
 }  // namespace TestSupport

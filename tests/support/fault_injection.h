@@ -4,8 +4,10 @@
 // target; shared libraries keep calling the real functions, except operator new.
 #pragma once
 
+#include <cerrno>
 #include <cstddef>
 #include <ctime>
+#include <optional>
 #include <string>
 
 namespace TestSupport {
@@ -19,20 +21,43 @@ class FaultInjection {
     FaultInjection& operator=(const FaultInjection&) = delete;
 
     // time() returns this from now on.
-    void SetTime(std::time_t now);
+    void SetTime(std::time_t now) { time = now; }
 
-    // The nth call from now on fails, once. For calloc only calls with this element size count; 0 counts all.
-    void FailCalloc(std::size_t elementSize, int nth = 1);
-    void FailStrdup(int nth = 1);
-    void FailNew(int nth = 1, int times = 1);  // `times` in a row, with std::bad_alloc
+    // The nth call from now on fails, once. For calloc only calls with this element size count.
+    void FailCalloc(std::size_t elementSize, int nth = 1) {
+        callocElementSize = elementSize;
+        calloc = {nth, 1};
+    }
+    void FailStrdup() { strdup = {1, 1}; }
+    void FailNew(int nth = 1, int times = 1) { operatorNew = {nth, times}; }  // `times` in a row
 
     // stat64 of exactly this path succeeds, or fails with ENOENT, from now on.
-    void SetExists(const std::string& path, bool exists);
-    // stat64 of exactly this path fails with that error number from now on.
-    void FailStat64(const std::string& path, int error);
-
+    void SetExists(const std::string& checked, bool exists) { FailStat64(checked, exists ? 0 : ENOENT); }
+    // stat64 of exactly this path fails with that error number from now on; 0: it succeeds.
+    void FailStat64(const std::string& checked, int error) {
+        path = checked;
+        pathError = error;
+    }
     // The number of stat64 calls for that path.
-    int Stat64Calls() const;
+    int Stat64Calls() const { return pathCalls; }
+
+    // What follows is for the calls.
+
+    struct Countdown {
+        int left = 0;   // calls until the first that fails, counting it
+        int times = 0;  // how many fail
+
+        // Counts a call, and returns whether it fails.
+        bool Expires();
+    };
+    std::optional<std::time_t> time;
+    std::size_t callocElementSize = 0;
+    Countdown calloc;
+    Countdown strdup;
+    Countdown operatorNew;
+    std::string path;
+    int pathError = 0;
+    int pathCalls = 0;
 };
 
 }  // namespace TestSupport

@@ -343,24 +343,22 @@ class OddFolder final : public Hask::Folder {
 // Fails at the VM "bad", and at the session manager when there is a failure to throw.
 class OddFactory final : public virtual Hask::MoFactory, public Tessim::ObjectImpl {
   public:
-    OddFactory(FakeHost& host, Ref<Ordane::DataArray<Ordane::MoRef>> children,
+    OddFactory(Ref<Ordane::StubAdapter> adapter, Ref<Ordane::DataArray<Ordane::MoRef>> children,
                const Tessim::Exception* sessionFailure = nullptr)
-        : host(&host), children(std::move(children)), sessionFailure(sessionFailure) {}
+        : adapter(std::move(adapter)), children(std::move(children)), sessionFailure(sessionFailure) {}
 
     void GetSessionManager(Ref<Hask::SessionManager>& out) override {
         if (sessionFailure != nullptr) {
             throw Tessim::Exception(*sessionFailure);
         }
-        found = host->Find(Ordane::MoRef("SessionManager", "ha-sessionmgr"));
-        out = Tessim::NarrowToType<Hask::SessionManager>(found);
+        out = Hask::SessionManager::MakeStub(adapter, "ha-sessionmgr");
     }
     void GetVmFolder(Ref<Hask::Folder>& out) override { out = MakeRef<OddFolder>(children); }
     void GetVirtualMachine(const std::string& id, Ref<Hask::VirtualMachine>& out) override {
         if (id == "bad") {
             throw Tessim::InvalidArgumentException("a bad id");
         }
-        found = host->Find(Ordane::MoRef("VirtualMachine", id));
-        out = Tessim::NarrowToType<Hask::VirtualMachine>(found);
+        out = Hask::VirtualMachine::MakeStub(adapter, id);
     }
     void GetServiceInstance(Ref<Hask::ServiceInstance>& /*out*/) override {}
     void GetHostSystem(Ref<Hask::HostSystem>& /*out*/) override {}
@@ -369,14 +367,13 @@ class OddFactory final : public virtual Hask::MoFactory, public Tessim::ObjectIm
     void GetPerformanceManager(const std::string& /*id*/, Ref<Hask::PerformanceManager>& /*out*/) override {}
 
   private:
-    FakeHost* host;
+    Ref<Ordane::StubAdapter> adapter;
     Ref<Ordane::DataArray<Ordane::MoRef>> children;
     const Tessim::Exception* sessionFailure;
-    Ref<Ordane::ManagedObject> found;
 };
 
 TEST_F(ClientTest, FailsToConnectWithoutASessionManager) {
-    daemon.factory = MakeRef<OddFactory>(host, nullptr, &failure);
+    daemon.factory = MakeRef<OddFactory>(daemon.MakeAdapter(), nullptr, &failure);
     EXPECT_FALSE(client->Init(nullptr));
     EXPECT_FALSE(client->IsInitialized());
     EXPECT_EQ(log.Take(), Report("OrdaneClient::Init: :it failed\n", failure, 7));
@@ -387,7 +384,7 @@ TEST_F(ClientTest, FailsToConnectWithoutASessionManager) {
 }
 
 TEST_F(ClientTest, ListsNothingOfAFolderWithoutAnArray) {
-    daemon.factory = MakeRef<OddFactory>(host, nullptr);
+    daemon.factory = MakeRef<OddFactory>(daemon.MakeAdapter(), nullptr);
     EXPECT_FALSE(AllVms());
     EXPECT_THAT(log.Take(), IsEmpty());
 }
@@ -395,7 +392,8 @@ TEST_F(ClientTest, ListsNothingOfAFolderWithoutAnArray) {
 TEST_F(ClientTest, KeepsWhatWasListedBeforeAFailure) {
     host.vms = {{"16", nullptr, nullptr, nullptr}};
     daemon.factory = MakeRef<OddFactory>(
-        host, Array<Ordane::MoRef>({Reference("VirtualMachine", "16"), Reference("VirtualMachine", "bad")}));
+        daemon.MakeAdapter(),
+        Array<Ordane::MoRef>({Reference("VirtualMachine", "16"), Reference("VirtualMachine", "bad")}));
     const auto vms = AllVms();
     ASSERT_TRUE(vms);
     ASSERT_EQ(vms->GetLength(), 1);
