@@ -1,10 +1,13 @@
 // What the tests of the client and of the refresh share.
 #pragma once
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <map>
+#include <sstream>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "apps/snmp/client/OrdaneClient.h"
@@ -18,8 +21,6 @@ namespace RefreshTests {
 using namespace ApiObjects;
 using SNMP::OrdaneClient;
 using Tessim::MakeRef;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using TestSupport::FakeDaemon;
 using TestSupport::FakeHost;
 using TestSupport::LogCapture;
@@ -27,44 +28,6 @@ using TestSupport::LogLine;
 
 using Lines = std::vector<LogLine>;
 using VmArray = Ordane::DataArray<Hask::VirtualMachine>;
-
-// The lines of these warnings.
-inline Lines Warnings(const std::vector<std::string>& texts) {
-    Lines lines;
-    for (const std::string& text : texts) {
-        lines.push_back({4, text});
-    }
-    return lines;
-}
-
-// The warnings about statistics that the last collection does not have.
-inline Lines MissingStatistics(const std::vector<std::string>& names) {
-    Lines lines;
-    for (const std::string& name : names) {
-        lines.push_back({4, "OrdaneClient::RetrieveStats: couldn't find stats for " + name + "\n"});
-    }
-    return lines;
-}
-
-// The texts of the lines with that priority.
-inline std::vector<std::string> TextsOf(const Lines& lines, int priority) {
-    std::vector<std::string> texts;
-    for (const LogLine& line : lines) {
-        if (line.priority == priority) {
-            texts.push_back(line.text);
-        }
-    }
-    return texts;
-}
-
-// What a report of `failure` looks like: the message line at priority 4, then its backtrace at `priority`.
-inline Lines Report(const std::string& message, const Tessim::Exception& failure, int priority) {
-    Lines lines = {{4, message}};
-    for (const std::string& line : failure.GetBacktrace()) {
-        lines.push_back({priority, line + "\n"});
-    }
-    return lines;
-}
 
 inline void SetCores(FakeHost& host, int cores) {
     const auto cpu = MakeRef<Hask::Host::CpuInfo>();
@@ -80,32 +43,57 @@ inline void SetMemory(FakeHost& host, std::int64_t reserved, std::int64_t unrese
     host.consoleReservation->SetUnreserved(unreserved);
 }
 
-// A daemon, and the lines that reach the agent's log.
+// A daemon, and commands whose effects are compared as text.
 class DaemonTest : public testing::Test {
   protected:
-    // Makes the connection break at that call, once.
-    void BreakAt(const std::string& method) {
-        daemon.WhenSent(method, [this, method] {
-            daemon.WhenSent(method, nullptr);
-            throw Tessim::StreamException("connection reset");
-        });
+    DaemonTest();
+
+    // Plays a session and expects that what happens is what it says. A line is
+    //     command argument; command argument -> results (calls sent, and connections opened or closed)
+    // and what a line logs follows it, indented, with priorities.
+    void Check(const std::string& session);
+
+    // Adds a command. The action may take the argument; its result is what the session shows.
+    template <class Action>
+    void Add(const std::string& name, Action action) {
+        commands[name] = [action](const std::string& argument) {
+            const auto run = [&] {
+                if constexpr (std::is_invocable_v<Action, std::string>) {
+                    return action(argument.empty() ? argument : argument.substr(1));
+                } else {
+                    return action();
+                }
+            };
+            std::ostringstream text;
+            if constexpr (std::is_void_v<decltype(run())>) {
+                run();
+            } else {
+                text << ' ' << std::boolalpha << run();
+            }
+            return text.str();
+        };
     }
-    // Makes that call fail, or work again.
-    void FailAt(const std::string& method) {
-        daemon.WhenCalled(method, [this] { throw failure; });
-    }
-    void Repair(const std::string& method) { daemon.WhenCalled(method, nullptr); }
+    // Whether sessions show that event of the daemon, or that line of the log.
+    virtual bool Shows(const std::string& event) const;
+    virtual bool Shows(const LogLine& /*line*/) const { return true; }
 
     FakeDaemon daemon;
     FakeHost& host = daemon.host;
     LogCapture log;
     const Tessim::Exception failure{"it failed"};
+
+  private:
+    std::string Play(const std::string& line);
+
+    std::map<std::string, std::function<std::string(const std::string&)>> commands;
 };
 
 // A client of its own, not the process-wide one.
 class ClientTest : public DaemonTest {
   protected:
-    Ref<VmArray> AllVms() {
+    ClientTest();
+
+    Ref<VmArray> AllVms() const {
         Ref<VmArray> vms = MakeRef<VmArray>();
         client->GetAllVM(vms);
         return vms;

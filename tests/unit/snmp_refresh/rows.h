@@ -71,9 +71,14 @@ inline auto Cards() {
 
 // How many rows each table has: VMs, network cards, adapters, targets, floppy drives, CD-ROM drives, then
 // CPUs, memories, disks and network cards of the resource groups.
-inline std::vector<std::size_t> Counts() {
-    return {Vms().size(),    Nics().size(), Hbas().size(),     Targets().size(), Floppies().size(),
-            Cdroms().size(), Cpus().size(), Memories().size(), Disks().size(),   Cards().size()};
+inline std::string Counts() {
+    std::string text = std::to_string(Vms().size());
+    for (const std::size_t count :
+         {Nics().size(), Hbas().size(), Targets().size(), Floppies().size(), Cdroms().size(), Cpus().size(),
+          Memories().size(), Disks().size(), Cards().size()}) {
+        text += ' ' + std::to_string(count);
+    }
+    return text;
 }
 
 // A line of text: the name of the table and the values of a row, strings quoted.

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <stdexcept>
 
 #include "runtime/hask/performance_counters.h"
 #include "runtime/ordane/faults.h"
@@ -8,13 +7,7 @@
 namespace RefreshTests {
 namespace {
 
-using testing::Pair;
-
 using MetricIds = Ordane::DataArray<Performance::MetricId>;
-using Metrics = std::vector<Ref<Performance::EntityMetric>>;
-
-constexpr std::int64_t beyond32Bits = (std::int64_t{1} << 32) + 5;
-const Lines noStatistics = {{4, "OrdaneClient::RetrieveStats: no stats available."}};
 
 // A client whose results fail at the second, or that has no metric ids.
 class FailingClient final : public OrdaneClient {
@@ -41,71 +34,124 @@ class FailingClient final : public OrdaneClient {
     int results = 0;
 };
 
-class StatisticsTest : public DaemonTest {
+std::string ToText(const MetricIds& ids) {
+    std::string text;
+    for (const auto& id : ids) {
+        text += ' ' + std::to_string(id->GetCounterId()) + '/' + id->GetInstance();
+    }
+    return text;
+}
+
+// Splits at the first `separator`; without one, the second text is empty.
+std::pair<std::string, std::string> Split(const std::string& text, char separator) {
+    const std::size_t at = text.find(separator);
+    return {text.substr(0, at), at == std::string::npos ? "" : text.substr(at + 1)};
+}
+
+class StatisticsTest : public ClientTest {
   protected:
     StatisticsTest() {
         host.counters = AllCounters();
         host.vms = {{"16", nullptr, nullptr, nullptr}, {"32", nullptr, nullptr, nullptr}};
+        client = failing;
         client->Init(nullptr);
+        // The daemon's catalogue: "key:group.counter" and so on.
+        Add("catalogue", [this](const std::string& text) {
+            host.counters = Array<Performance::CounterInfo>();
+            ForEachWord(text, [&](const std::string& word) {
+                const auto [key, name] = Split(word, ':');
+                const auto [group, counter] = Split(name, '.');
+                host.counters->Append(Counter(std::stoi(key), group, counter));
+            });
+        });
+        // The results of the next queries: "VM:counter/instance=sample" and so on.
+        Add("metrics", [this](const std::string& text) {
+            host.metrics = Array<Performance::EntityMetricBase>();
+            ForEachWord(text, [&](const std::string& word) {
+                const auto [vm, series] = Split(word, ':');
+                const auto [name, sample] = Split(series, '=');
+                const auto [counter, instance] = Split(name, '/');
+                host.metrics->Append(
+                    Metric(vm, {Series(std::stoi(counter), instance, {std::stoll(sample)})}));
+            });
+        });
+        Add("no-manager", [this] { host.content->SetPerfManager(nullptr); });
+        Add("other", [this] { client = MakeRef<OrdaneClient>(); });
+
+        Add("ids", [this] {
+            std::string text = "ids";
+            for (const auto& [name, id] : client->GetAvailableCounterIds()) {
+                text += ' ' + name + '=' + std::to_string(id);
+            }
+            return text;
+        });
+        Add("id", [this](const std::string& name) {
+            const auto [group, counter] = Split(name, '.');
+            return client->GetCounterIdFromName(group, counter);
+        });
+        Add("metric-ids", [this] {
+            Ref<MetricIds> ids;
+            client->GetQueryMetricIds(ids);
+            return ids ? "metrics" + ToText(*ids) : "null";
+        });
+        Add("manager", [this] {
+            Ref<Performance> manager;
+            client->GetPerfManager(manager);
+            return manager ? manager->GetMoRef()->GetId() : "null";
+        });
+        Add("collect", [this] {
+            const Ref<VmArray> vms = AllVms();
+            client->CollectVMStats(vms.Get());
+        });
+        // What the last query asked for.
+        Add("query", [this] {
+            std::string text = std::to_string(host.queries.size()) + ". query";
+            for (const auto& spec : *host.queries.back()) {
+                text += ", " + spec->GetEntity()->GetType() + ' ' + spec->GetEntity()->GetId() +
+                        " interval " + std::to_string(*spec->GetIntervalId()) + ToText(*spec->GetMetricId());
+            }
+            return text;
+        });
+        // Of "VM:group.counter/instance", the sample and its low 32 bits; without a slash, any instance.
+        Add("get", [this](const std::string& text) {
+            const auto [vm, statistic] = Split(text, ':');
+            const auto [name, instance] = Split(statistic, '/');
+            const auto [group, counter] = Split(name, '.');
+            const char* const any = statistic.find('/') == std::string::npos ? nullptr : instance.c_str();
+            return client->RetrieveHCStats(Reference("VirtualMachine", vm).Get(), group, counter, any);
+        });
     }
 
-    Ref<VmArray> AllVms() {
-        Ref<VmArray> vms;
-        client->GetAllVM(vms);
-        return vms;
-    }
-    void Collect() { client->CollectVMStats(AllVms().Get()); }
-    void Collect(const Metrics& metrics) {
-        host.metrics = Array<Performance::EntityMetricBase>({metrics.begin(), metrics.end()});
-        Collect();
-    }
-    void BreakTheConnection() {
-        BreakAt("GetChildEntity");
-        AllVms();
-        ASSERT_FALSE(client->IsInitialized());
-    }
-    // The daemon's catalogue.
-    void SetCounters(const std::vector<Ref<Performance::CounterInfo>>& counters) {
-        host.counters = Array(counters);
-    }
-    std::int64_t Retrieve(const std::string& id, const char* group, const char* counter,
-                          const char* instance) {
-        return client->RetrieveHCStats(Reference("VirtualMachine", id).Get(), group, counter, instance);
-    }
-    // Of the VM 16.
-    std::int64_t CpuUsed(const char* instance = "0") { return Retrieve("16", "cpu", "used", instance); }
-    void ExpectNoStatistics() {
-        EXPECT_EQ(CpuUsed(), -1);
-        EXPECT_EQ(log.Take(), noStatistics);
+    template <class Action>
+    static void ForEachWord(const std::string& text, Action action) {
+        std::istringstream words(text);
+        for (std::string word; words >> word;) {
+            action(word);
+        }
     }
 
-    Ref<FailingClient> client = MakeRef<FailingClient>();
+    Ref<FailingClient> failing = MakeRef<FailingClient>();
 };
 
 // Names and ids.
 
 TEST(CounterNames, AreThoseOfTheDaemonsCatalogue) {
-    EXPECT_EQ(OrdaneClient::sDISK_STATS_GRP, "disk");
-    EXPECT_EQ(OrdaneClient::sNET_STATS_GRP, "net");
-    EXPECT_EQ(OrdaneClient::sMEM_STATS_GRP, "mem");
-    EXPECT_EQ(OrdaneClient::sCPU_STATS_GRP, "cpu");
-    EXPECT_EQ(OrdaneClient::sDISK_COUNTER_NUMREAD, "numberRead");
-    EXPECT_EQ(OrdaneClient::sDISK_COUNTER_NUMWRITE, "numberWrite");
-    EXPECT_EQ(OrdaneClient::sDISK_COUNTER_READ, "read");
-    EXPECT_EQ(OrdaneClient::sDISK_COUNTER_WRITE, "write");
-    EXPECT_EQ(OrdaneClient::sNET_COUNTER_PKTRX, "packetsRx");
-    EXPECT_EQ(OrdaneClient::sNET_COUNTER_PKTTX, "packetsTx");
-    EXPECT_EQ(OrdaneClient::sNET_COUNTER_RX, "received");
-    EXPECT_EQ(OrdaneClient::sNET_COUNTER_TX, "transmitted");
-    EXPECT_EQ(OrdaneClient::sCPU_COUNTER_USED, "used");
-    EXPECT_EQ(OrdaneClient::sMEM_COUNTER_ACTIVE, "active");
+    using Names = OrdaneClient;
+    EXPECT_EQ(
+        (std::vector{Names::sDISK_STATS_GRP, Names::sNET_STATS_GRP, Names::sMEM_STATS_GRP,
+                     Names::sCPU_STATS_GRP, Names::sDISK_COUNTER_NUMREAD, Names::sDISK_COUNTER_NUMWRITE,
+                     Names::sDISK_COUNTER_READ, Names::sDISK_COUNTER_WRITE, Names::sNET_COUNTER_PKTRX,
+                     Names::sNET_COUNTER_PKTTX, Names::sNET_COUNTER_RX, Names::sNET_COUNTER_TX,
+                     Names::sCPU_COUNTER_USED, Names::sMEM_COUNTER_ACTIVE}),
+        (std::vector<std::string>{"disk", "net", "mem", "cpu", "numberRead", "numberWrite", "read", "write",
+                                  "packetsRx", "packetsTx", "received", "transmitted", "used", "active"}));
 }
 
 TEST(CounterNames, ArePackedAsGroupDotCounter) {
     SNMP::CounterList list;
     SNMP::PackStatsName(list, "net", "received", -1);
     SNMP::PackStatsName(list, "", "", 7);
-    EXPECT_THAT(list, ElementsAre(Pair("net.received", -1), Pair(".", 7)));
+    EXPECT_EQ(list, (SNMP::CounterList{{"net.received", -1}, {".", 7}}));
 }
 
 // No data of a daemon leads here.
@@ -116,399 +162,211 @@ TEST(CounterList, RejectsAnyNumberButTen) {
     try {
         SNMP::MakeCounterList(ten.first(9));
         ADD_FAILURE() << "nothing was thrown";
-    } catch (const Ordane::Fault::SystemError::Exception& failure) {
-        EXPECT_STREQ(failure.what(), text);
+    } catch (const Ordane::Fault::SystemError::Exception& thrown) {
+        EXPECT_STREQ(thrown.what(), text);
     }
     EXPECT_EQ(log.Take(), (Lines{{3, text}}));
     EXPECT_EQ(SNMP::MakeCounterList(ten).size(), 10U);
 }
 
-TEST_F(StatisticsTest, ResolvesTheTenCountersInTheirOrderOnce) {
-    EXPECT_THAT(client->GetAvailableCounterIds(),
-                ElementsAre(Pair("disk.numberRead", 1), Pair("disk.numberWrite", 2), Pair("disk.read", 3),
-                            Pair("disk.write", 4), Pair("net.received", 5), Pair("net.transmitted", 6),
-                            Pair("net.packetsTx", 7), Pair("net.packetsRx", 8), Pair("mem.active", 9),
-                            Pair("cpu.used", 10)));
-    EXPECT_EQ(client->GetAvailableCounterIds().size(), 10U);
-    EXPECT_EQ(daemon.CountCalls("GetPerfCounter"), 1);
+TEST_F(StatisticsTest, ResolvesTheTenCountersByTheirExactNamesOnce) {
+    Check(R"(
+fail RetrieveContent; ids -> ids
+  4 OrdaneClient::GetServiceInstanceContent: :it failed (7 backtrace)
+repair RetrieveContent; fail GetPerfCounter; ids -> throws it failed (RetrieveContent)
+repair GetPerfCounter; ids -> ids disk.numberRead=1 disk.numberWrite=2 disk.read=3 disk.write=4 net.received=5 net.transmitted=6 net.packetsTx=7 net.packetsRx=8 mem.active=9 cpu.used=10 (GetPerfCounter)
+metric-ids -> metrics 1/* 2/* 3/* 4/* 5/* 6/* 7/* 8/* 9/* 10/*
+id net.packetsRx -> 8
+id net.packetsrx -> -1
+id net.packets -> -1
+id .net.packetsRx -> -1
+)");
 }
 
-TEST_F(StatisticsTest, LeavesCountersThatTheCatalogueLacksUnresolved) {
-    SetCounters({Counter(70, "cpu", "usage"), Counter(71, "Cpu", "used"), Counter(72, "cpu", "Used"),
-                 Counter(73, "cpu.used", ""), Counter(74, "mem", "active")});
-    for (const auto& [name, id] : client->GetAvailableCounterIds()) {
-        EXPECT_EQ(id, name == "mem.active" ? 74 : -1) << name;
-    }
-    // Resolved all the same: the catalogue is not read again.
-    host.counters = AllCounters();
-    EXPECT_EQ(client->GetCounterIdFromName("cpu", "used"), -1);
-    EXPECT_EQ(daemon.CountCalls("GetPerfCounter"), 1);
+TEST_F(StatisticsTest, ResolvesToTheFirstCounterOfANameAndLeavesOthersUnresolved) {
+    Check(R"(
+catalogue 70:cpu.usage 71:Cpu.used 72:cpu.Used 73:cpu.used. 90:mem.active 3:mem.active; ids -> ids disk.numberRead=-1 disk.numberWrite=-1 disk.read=-1 disk.write=-1 net.received=-1 net.transmitted=-1 net.packetsTx=-1 net.packetsRx=-1 mem.active=90 cpu.used=-1 (RetrieveContent, GetPerfCounter)
+catalogue 33:cpu.used; id cpu.used -> -1
+collect -> (GetChildEntity, QueryPerf)
+query -> 1. query, VirtualMachine 16 interval 0 -1/* -1/* -1/* -1/* -1/* -1/* -1/* -1/* 90/* -1/*, VirtualMachine 32 interval 0 -1/* -1/* -1/* -1/* -1/* -1/* -1/* -1/* 90/* -1/*
+)");
 }
 
-TEST_F(StatisticsTest, ResolvesToTheFirstOfTwoCountersOfOneName) {
-    SetCounters({Counter(5, "cpu", "usage"), Counter(90, "cpu", "used", Performance::RollupType::summation),
-                 Counter(3, "cpu", "used", Performance::RollupType::average), Counter(4, "mem", "active")});
-    EXPECT_EQ(client->GetCounterIdFromName("cpu", "used"), 90);
-}
-
-TEST_F(StatisticsTest, FindsIdsByTheExactName) {
-    EXPECT_EQ(client->GetCounterIdFromName("net", "packetsRx"), 8);
-    EXPECT_EQ(client->GetCounterIdFromName("net", "packetsrx"), -1);
-    EXPECT_EQ(client->GetCounterIdFromName("net", "packets"), -1);
-    EXPECT_EQ(client->GetCounterIdFromName("", "net.packetsRx"), -1);
-}
-
-TEST_F(StatisticsTest, HasNoCountersWithoutAPerformanceManager) {
-    host.content->SetPerfManager(nullptr);
-    EXPECT_THAT(client->GetAvailableCounterIds(), IsEmpty());
-    EXPECT_EQ(client->GetCounterIdFromName("cpu", "used"), -1);
-    Ref<MetricIds> ids;
-    client->GetQueryMetricIds(ids);
-    ASSERT_TRUE(ids);
-    EXPECT_EQ(ids->GetLength(), 0);
-    EXPECT_EQ(daemon.CountCalls("GetPerfCounter"), 0);
-}
-
-TEST_F(StatisticsTest, ResolvesTheCountersAfterAnEarlierFailure) {
-    FailAt("RetrieveContent");
-    EXPECT_THAT(client->GetAvailableCounterIds(), IsEmpty());
-    Repair("RetrieveContent");
-    FailAt("GetPerfCounter");
-    EXPECT_THROW(client->GetAvailableCounterIds(), Tessim::Exception);
-    Repair("GetPerfCounter");
-    EXPECT_EQ(client->GetAvailableCounterIds().size(), 10U);
-    EXPECT_EQ(client->GetCounterIdFromName("cpu", "used"), 10);
-}
-
-TEST_F(StatisticsTest, ResolvesTheCountersAnewForEachClient) {
-    EXPECT_EQ(client->GetCounterIdFromName("cpu", "used"), 10);
-    SetCounters({Counter(33, "cpu", "used")});
-    const auto other = MakeRef<OrdaneClient>();
-    EXPECT_EQ(other->GetCounterIdFromName("cpu", "used"), 33);
-    EXPECT_EQ(other->GetAvailableCounterIds().size(), 10U);
-}
-
-TEST_F(StatisticsTest, SharesOneListAmongAllClients) {
-    Collect({Metric("16", {Series(10, "0", {1})})});
-    const auto other = MakeRef<OrdaneClient>();
-    EXPECT_EQ(&other->GetAvailableCounterIds(), &client->GetAvailableCounterIds());
-    // A client without a performance manager empties it for the others too.
-    host.content->SetPerfManager(nullptr);
-    EXPECT_THAT(MakeRef<OrdaneClient>()->GetAvailableCounterIds(), IsEmpty());
-    EXPECT_THAT(client->GetAvailableCounterIds(), IsEmpty());
-    EXPECT_EQ(CpuUsed(), -1);
-    EXPECT_EQ(log.Take(), MissingStatistics({"cpu.used"}));
+TEST_F(StatisticsTest, SharesOneListThatEachClientResolvesAnew) {
+    Check(R"(
+metrics 16:10/0=1; collect -> (GetChildEntity, RetrieveContent, GetPerfCounter, QueryPerf)
+catalogue 33:cpu.used; other; id cpu.used -> 33 (open stream, AcquireLocalTicket, Login, RetrieveContent, GetPerfCounter)
+no-manager; other; ids -> ids (Logout, close adapter, close stream /connection/2, shut service down, open stream, AcquireLocalTicket, Login, RetrieveContent)
+id cpu.used -> -1
+metric-ids -> metrics
+manager -> null
+)");
+    client = failing;
+    Check(R"(
+ids -> ids
+get 16:cpu.used/0 -> -1
+  4 OrdaneClient::RetrieveStats: couldn't find stats for cpu.used
+)");
 }
 
 TEST_F(StatisticsTest, KeepsIdsAndStatisticsAcrossAReconnect) {
-    Collect({Metric("16", {Series(10, "0", {1})})});
-    BreakTheConnection();
-    EXPECT_EQ(CpuUsed(), 1);
-    SetCounters({Counter(33, "cpu", "used")});
-    Collect();
-    EXPECT_EQ(daemon.openings.size(), 2U);
-    EXPECT_EQ(daemon.CountCalls("QueryPerf"), 2);
-    EXPECT_EQ(daemon.CountCalls("GetPerfCounter"), 1);
-    EXPECT_EQ(client->GetCounterIdFromName("cpu", "used"), 10);
-}
-
-TEST_F(StatisticsTest, ReturnsThePerformanceManagerThatTheContentNames) {
-    Ref<Performance> manager;
-    client->GetPerfManager(manager);
-    ASSERT_TRUE(manager);
-    EXPECT_EQ(manager->GetMoRef()->GetId(), "ha-perfmgr");
-    BreakTheConnection();
-    client->GetPerfManager(manager);
-    EXPECT_TRUE(manager);
-    EXPECT_EQ(daemon.openings.size(), 2U);
-    host.content->SetPerfManager(nullptr);
-    MakeRef<OrdaneClient>()->GetPerfManager(manager);
-    EXPECT_FALSE(manager);
-}
-
-TEST_F(StatisticsTest, MakesAMetricOfEveryInstanceForEachCounter) {
-    SetCounters({Counter(33, "cpu", "used")});
-    Ref<MetricIds> ids;
-    client->GetQueryMetricIds(ids);
-    ASSERT_TRUE(ids);
-    ASSERT_EQ(ids->GetLength(), 10);
-    for (int i = 0; i < 10; ++i) {
-        EXPECT_EQ((*ids)[i]->GetCounterId(), i == 9 ? 33 : -1) << i;
-        EXPECT_EQ((*ids)[i]->GetInstance(), "*") << i;
-    }
-    Ref<MetricIds> again = ids;
-    client->GetQueryMetricIds(again);
-    EXPECT_NE(again, ids);
+    Check(R"(
+metrics 16:10/0=1; collect -> (GetChildEntity, RetrieveContent, GetPerfCounter, QueryPerf)
+break GetChildEntity; list -> null (GetChildEntity, close adapter, close stream /connection/1, shut service down)
+get 16:cpu.used/0 -> 1
+manager -> ha-perfmgr (open stream, AcquireLocalTicket, Login)
+catalogue 33:cpu.used; collect -> (GetChildEntity, QueryPerf)
+id cpu.used -> 10
+)");
 }
 
 // Collecting.
 
-TEST_F(StatisticsTest, QueriesAllVmsAtOnce) {
-    Collect();
-    ASSERT_EQ(host.queries.size(), 1U);
-    const auto& specs = *host.queries[0];
-    ASSERT_EQ(specs.GetLength(), 2);
-    EXPECT_EQ(specs[0]->GetEntity()->GetId(), "16");
-    EXPECT_EQ(specs[1]->GetEntity()->GetId(), "32");
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(specs[i]->GetEntity()->GetType(), "VirtualMachine");
-        EXPECT_EQ(specs[i]->GetIntervalId(), 0);
-        ASSERT_EQ(specs[i]->GetMetricId()->GetLength(), 10);
-        for (int k = 0; k < 10; ++k) {
-            EXPECT_EQ((*specs[i]->GetMetricId())[k]->GetCounterId(), k + 1);
-            EXPECT_EQ((*specs[i]->GetMetricId())[k]->GetInstance(), "*");
-        }
-    }
-    EXPECT_EQ(daemon.CountCalls("QueryPerf"), 1);
-    EXPECT_THAT(log.Take(), IsEmpty());
-}
-
-TEST_F(StatisticsTest, QueriesUnresolvedCountersToo) {
-    SetCounters({});
-    Collect();
-    ASSERT_EQ(host.queries.size(), 1U);
-    EXPECT_EQ((*(*host.queries[0])[0]->GetMetricId())[0]->GetCounterId(), -1);
-}
-
-TEST_F(StatisticsTest, SendsAQueryWithoutSpecsForNoVms) {
+TEST_F(StatisticsTest, QueriesAllVmsAtOnceAndReplacesTheLastResults) {
+    Check(R"(
+get 16:no.such/0 -> -1
+  4 OrdaneClient::RetrieveStats: no stats available. (no line feed)
+metrics 16:10/0=1 16:9/=2; collect -> (GetChildEntity, RetrieveContent, GetPerfCounter, QueryPerf)
+query -> 1. query, VirtualMachine 16 interval 0 1/* 2/* 3/* 4/* 5/* 6/* 7/* 8/* 9/* 10/*, VirtualMachine 32 interval 0 1/* 2/* 3/* 4/* 5/* 6/* 7/* 8/* 9/* 10/*
+get 16:mem.active -> 2
+metrics 16:10/0=3; collect -> (GetChildEntity, QueryPerf)
+get 16:cpu.used/0 -> 3
+get 16:mem.active -> -1
+  4 OrdaneClient::RetrieveStats: couldn't find stats for mem.active.any
+metrics; collect -> (GetChildEntity, QueryPerf)
+get 16:cpu.used/0 -> -1
+  4 OrdaneClient::RetrieveStats: couldn't find stats for cpu.used.0
+)");
     client->CollectVMStats(MakeRef<VmArray>().Get());
-    ASSERT_EQ(host.queries.size(), 1U);
-    EXPECT_EQ(host.queries[0]->GetLength(), 0);
+    EXPECT_EQ(host.queries.at(3)->GetLength(), 0);
 }
 
-TEST_F(StatisticsTest, OnlyDropsTheResultsForANullArray) {
-    Collect({Metric("16", {Series(10, "0", {1})})});
-    EXPECT_EQ(CpuUsed(), 1);
-    daemon.calls.clear();
+// What leaves no statistics, after a collection that had some.
+TEST_F(StatisticsTest, DropsTheResultsBeforeANewQueryThatFails) {
+    const std::string collected = R"(
+metrics 16:10/0=7; collect -> (GetChildEntity, QueryPerf)
+get 16:cpu.used/0 -> 7
+)";
+    const std::string none = R"(get 16:cpu.used/0 -> -1
+  4 OrdaneClient::RetrieveStats: no stats available. (no line feed)
+)";
+    client->GetAvailableCounterIds();
+    Check(collected);
     client->CollectVMStats(nullptr);
-    EXPECT_THAT(daemon.calls, IsEmpty());
-    EXPECT_THAT(log.Take(), IsEmpty());
-    ExpectNoStatistics();
-}
+    Check('\n' + none);
 
-// No data of a daemon leads here.
-TEST_F(StatisticsTest, DropsTheResultsWithoutMetricIds) {
-    Collect({Metric("16", {Series(10, "0", {1})})});
-    client->withoutMetricIds = true;
-    Collect();
-    EXPECT_EQ(log.Take(), Warnings({"OrdaneClient::CollectVMStats no-op, no metrid Id to query.\n"}));
-    EXPECT_EQ(host.queries.size(), 1U);
-    ExpectNoStatistics();
-}
+    Check(collected);
+    failing->withoutMetricIds = true;
+    Check(R"(
+collect -> (GetChildEntity)
+  4 OrdaneClient::CollectVMStats no-op, no metrid Id to query.
+)" + none);
+    failing->withoutMetricIds = false;
 
-TEST_F(StatisticsTest, CollectsNothingWithoutAPerformanceManager) {
-    host.content->SetPerfManager(nullptr);
-    Collect();
-    EXPECT_EQ(log.Take(), Warnings({"OrdaneClient::CollectVMStats failed, no perf manager.\n"}));
-    EXPECT_THAT(host.queries, IsEmpty());
-    ExpectNoStatistics();
-}
+    Check(collected + R"(fail QueryPerf; collect -> (GetChildEntity)
+  4 OrdaneClient::CollectVMStats: :it failed (4 backtrace)
+connected? -> true
+)" + none);
 
-TEST_F(StatisticsTest, DropsTheResultsWhenThePerformanceManagerIsOutOfReach) {
-    Collect({Metric("16", {Series(10, "0", {1})})});
+    Check(R"(
+throw QueryPerf; collect -> throws not of the runtime (GetChildEntity)
+repair QueryPerf; break QueryPerf; collect -> (GetChildEntity, QueryPerf, close adapter, close stream /connection/1, shut service down)
+  4 OrdaneClient::CollectVMStats: :connection reset (4 backtrace)
+connected? -> false
+collect -> (open stream, AcquireLocalTicket, Login, GetChildEntity, QueryPerf)
+get 16:cpu.used/0 -> 7
+)");
     const Ref<VmArray> vms = AllVms();
-    BreakTheConnection();
-    daemon.down = "connection refused";
+    Check(R"(
+break GetChildEntity; list -> null (GetChildEntity, close adapter, close stream /connection/2, shut service down)
+down
+)");
     client->CollectVMStats(vms.Get());
     EXPECT_EQ(log.Take().back(), (LogLine{4, "OrdaneClient::CollectVMStats failed, no perf manager.\n"}));
-    ExpectNoStatistics();
+    Check('\n' + none);
 }
 
-TEST_F(StatisticsTest, ReportsAFailedQueryAndHasNoResults) {
-    Collect({Metric("16", {Series(10, "0", {1})})});
-    FailAt("QueryPerf");
-    EXPECT_NO_THROW(Collect());
-    EXPECT_EQ(log.Take(), Report("OrdaneClient::CollectVMStats: :it failed\n", failure, 4));
-    EXPECT_TRUE(client->IsInitialized());
-    ExpectNoStatistics();
-}
-
-TEST_F(StatisticsTest, ReportsABrokenConnectionOfTheQueryAndReconnects) {
-    BreakAt("QueryPerf");
-    EXPECT_NO_THROW(Collect());
-    const Lines lines = log.Take();
-    ASSERT_GE(lines.size(), 2U);
-    EXPECT_EQ(lines[0], (LogLine{4, "OrdaneClient::CollectVMStats: :connection reset\n"}));
-    EXPECT_EQ(lines[1].priority, 4);
-    EXPECT_EQ(lines[1].text.back(), '\n');
-    EXPECT_FALSE(client->IsInitialized());
-    Collect();
-    EXPECT_EQ(daemon.openings.size(), 2U);
-    EXPECT_EQ(host.queries.size(), 1U);
-}
-
-TEST_F(StatisticsTest, LetsAFailedCatalogueReachTheRefresh) {
-    FailAt("GetPerfCounter");
-    EXPECT_THROW(Collect(), Tessim::Exception);
-    EXPECT_THAT(host.queries, IsEmpty());
-}
-
-TEST_F(StatisticsTest, LetsOtherExceptionsOfTheQueryPass) {
-    daemon.WhenCalled("QueryPerf", [] { throw std::runtime_error("not of the runtime"); });
-    EXPECT_THROW(Collect(), std::runtime_error);
-    EXPECT_THAT(log.Take(), IsEmpty());
+TEST_F(StatisticsTest, CollectsNothingWithoutAPerformanceManagerOrItsCatalogue) {
+    Check(R"(
+fail GetPerfCounter; collect -> throws it failed (GetChildEntity, RetrieveContent)
+repair GetPerfCounter; no-manager; other; collect -> (open stream, AcquireLocalTicket, Login, GetChildEntity, RetrieveContent)
+  4 OrdaneClient::CollectVMStats failed, no perf manager.
+get 16:cpu.used/0 -> -1
+  4 OrdaneClient::RetrieveStats: no stats available. (no line feed)
+)");
 }
 
 // An error between two results of a query.
-class PartialCollectionTest : public StatisticsTest {
-  protected:
-    // Collects the statistics of both VMs, and fails at the second.
-    void CollectUntil(void (*error)(), const std::string& line) {
-        client->atSecondResult = error;
-        EXPECT_NO_THROW(
-            Collect({Metric("16", {Series(10, "0", {7000})}), Metric("32", {Series(10, "0", {7000})})}));
-        const Lines lines = log.Take();
-        ASSERT_GE(lines.size(), 2U);
-        EXPECT_EQ(lines[0], (LogLine{4, line}));
-        EXPECT_TRUE(std::all_of(lines.begin(), lines.end(), [](const LogLine& each) {
-            return each.priority == 4 && each.text.back() == '\n';
-        }));
-        EXPECT_EQ(CpuUsed(), 7000);
-        EXPECT_THAT(log.Take(), IsEmpty());
-        EXPECT_EQ(Retrieve("32", "cpu", "used", "0"), -1);
-        EXPECT_EQ(log.Take(), MissingStatistics({"cpu.used.0"}));
-    }
-};
-
-TEST_F(PartialCollectionTest, KeepsWhatCameBeforeTheError) {
-    CollectUntil([] { throw Tessim::InvalidArgumentException("a bad result"); },
-                 "OrdaneClient::CollectVMStats: :a bad result\n");
-    EXPECT_TRUE(client->IsInitialized());
+TEST_F(StatisticsTest, KeepsWhatCameBeforeAnErrorAndDropsABrokenConnection) {
+    client->GetAvailableCounterIds();
+    failing->atSecondResult = [] { throw Ordane::Fault::HostCommunication::Exception("reset"); };
+    Check(R"(
+metrics 16:10/0=7 32:10/0=8; collect -> (GetChildEntity, QueryPerf, Logout, close adapter, close stream /connection/1, shut service down)
+  4 OrdaneClient::CollectVMStats: :reset (4 backtrace)
+get 16:cpu.used/0 -> 7
+get 32:cpu.used/0 -> -1
+  4 OrdaneClient::RetrieveStats: couldn't find stats for cpu.used.0
+collect -> (open stream, AcquireLocalTicket, Login, GetChildEntity, QueryPerf)
+get 32:cpu.used/0 -> 8
+)");
 }
 
-TEST_F(PartialCollectionTest, DropsTheConnectionThatBrokeAndKeepsWhatCameBefore) {
-    CollectUntil([] { throw Ordane::Fault::HostCommunication::Exception("reset"); },
-                 "OrdaneClient::CollectVMStats: :reset\n");
-    EXPECT_FALSE(client->IsInitialized());
-    EXPECT_EQ(daemon.openings.size(), 1U);
-    client->atSecondResult = nullptr;
-    Collect();
-    EXPECT_TRUE(client->IsInitialized());
-    EXPECT_EQ(daemon.openings.size(), 2U);
-    EXPECT_EQ(Retrieve("32", "cpu", "used", "0"), 7000);
-}
-
-TEST_F(StatisticsTest, IgnoresResultsWithoutValuesOrOfOtherKinds) {
+// Results without values and of other kinds.
+TEST_F(StatisticsTest, IgnoresResultsWithoutSamples) {
     const auto withoutValues = MakeRef<Performance::EntityMetric>();
     withoutValues->SetEntity(Reference("VirtualMachine", "16"));
     const auto base = MakeRef<Performance::EntityMetricBase>();
     base->SetEntity(Reference("VirtualMachine", "16"));
     host.metrics =
         Array<Performance::EntityMetricBase>({base, withoutValues, Metric("16", {Series(10, "0", {7})})});
-    Collect();
-    EXPECT_EQ(CpuUsed(), 7);
-    EXPECT_THAT(log.Take(), IsEmpty());
+    client->GetAvailableCounterIds();
+    Check(R"(
+collect -> (GetChildEntity, QueryPerf)
+get 16:cpu.used/0 -> 7
+)");
 }
 
-TEST_F(StatisticsTest, ReplacesTheResultsOfTheLastCollection) {
-    Collect({Metric("16", {Series(10, "0", {1}), Series(9, "", {2})})});
-    Collect({Metric("16", {Series(10, "0", {3})})});
-    EXPECT_EQ(CpuUsed(), 3);
-    EXPECT_EQ(Retrieve("16", "mem", "active", nullptr), -1);
-}
+// Retrieving; what is found is the index's business.
 
-// Retrieving.
-
-TEST_F(StatisticsTest, HasNothingToRetrieveBeforeTheFirstCollection) {
-    ExpectNoStatistics();
-    EXPECT_EQ(client->RetrieveStats(Reference("VirtualMachine", "16").Get(), "no", "such", 0), -1);
-    EXPECT_EQ(log.Take(), noStatistics);
-    EXPECT_EQ(daemon.CountCalls("GetPerfCounter"), 0);
-}
-
-TEST_F(StatisticsTest, RetrievesTheFirstSampleOfTheFirstMatch) {
-    Collect({Metric("32", {Series(10, "0", {1})}), Metric("16", {Series(10, "1", {2, 20})}),
-             Metric("16", {Series(9, "0", {3}), Series(10, "0", {4, 40}), Series(10, "0", {5})})});
-    EXPECT_EQ(CpuUsed("0"), 4);
-    EXPECT_EQ(CpuUsed("1"), 2);
-    EXPECT_EQ(Retrieve("32", "cpu", "used", "0"), 1);
-    EXPECT_THAT(log.Take(), IsEmpty());
-}
-
-TEST_F(StatisticsTest, UsesAnIntegerInstanceAsItsText) {
-    Collect({Metric("16", {Series(10, "", {1}), Series(10, "00", {2}), Series(10, "0", {3}),
-                           Series(10, "-1", {4}), Series(10, "4000", {beyond32Bits})})});
+TEST_F(StatisticsTest, ReturnsASampleOrItsLow32BitsOfAnInstanceAsNumberOrText) {
+    const std::pair<std::int64_t, std::int32_t> cases[] = {{INT32_MAX, INT32_MAX},
+                                                           {std::int64_t{1} << 31, INT32_MIN},
+                                                           {(std::int64_t{1} << 32) - 1, -1},
+                                                           {(std::int64_t{1} << 32) + 5, 5},
+                                                           {INT64_MAX, -1},
+                                                           {-1, -1},
+                                                           {INT64_MIN, 0}};
     const auto vm = Reference("VirtualMachine", "16");
-    EXPECT_EQ(client->RetrieveHCStats(vm.Get(), "cpu", "used", 0), 3);
-    EXPECT_EQ(client->RetrieveStats(vm.Get(), "cpu", "used", 0), 3);
-    EXPECT_EQ(client->RetrieveHCStats(vm.Get(), "cpu", "used", -1), 4);
-    EXPECT_EQ(client->RetrieveHCStats(vm.Get(), "cpu", "used", 4000), beyond32Bits);
-    EXPECT_EQ(client->RetrieveStats(vm.Get(), "cpu", "used", 4000), 5);
-}
-
-TEST_F(StatisticsTest, MatchesAnyInstanceWithoutOne) {
-    Collect({Metric("16", {Series(9, "x", {1}), Series(10, "7", {2}), Series(10, "", {3})})});
-    EXPECT_EQ(CpuUsed(nullptr), 2);
-    EXPECT_EQ(CpuUsed(""), 3);
-    EXPECT_EQ(CpuUsed("0"), -1);
-}
-
-TEST_F(StatisticsTest, ReturnsASampleOrItsLow32Bits) {
-    const struct {
-        std::int64_t sample;
-        std::int32_t low;
-    } cases[] = {{0, 0},
-                 {INT32_MAX, INT32_MAX},
-                 {std::int64_t{1} << 31, INT32_MIN},
-                 {(std::int64_t{1} << 32) - 1, -1},
-                 {std::int64_t{1} << 32, 0},
-                 {beyond32Bits, 5},
-                 {std::int64_t{1} << 62, 0},
-                 {INT64_MAX, -1},
-                 {-1, -1},
-                 {INT64_MIN, 0}};
-    std::vector<Ref<Performance::MetricSeries>> series;
-    for (const auto& each : cases) {
-        series.push_back(Series(10, std::to_string(series.size()), {each.sample}));
+    for (const auto& [sample, low] : cases) {
+        host.metrics = Array<Performance::EntityMetricBase>(
+            {Metric("16", {Series(10, "", {1}), Series(10, "00", {2}), Series(10, "-1", {sample})})});
+        client->CollectVMStats(AllVms().Get());
+        EXPECT_EQ(client->RetrieveHCStats(vm.Get(), "cpu", "used", "-1"), sample);
+        EXPECT_EQ(client->RetrieveHCStats(vm.Get(), "cpu", "used", -1), sample);
+        EXPECT_EQ(client->RetrieveStats(vm.Get(), "cpu", "used", "-1"), low);
+        EXPECT_EQ(client->RetrieveStats(vm.Get(), "cpu", "used", -1), low);
     }
-    Collect({Metric("16", series)});
-    const auto vm = Reference("VirtualMachine", "16");
-    int instance = 0;
-    for (const auto& each : cases) {
-        EXPECT_EQ(CpuUsed(std::to_string(instance).c_str()), each.sample);
-        EXPECT_EQ(client->RetrieveStats(vm.Get(), "cpu", "used", std::to_string(instance).c_str()), each.low)
-            << each.sample;
-        ++instance;
-    }
-    EXPECT_THAT(log.Take(), IsEmpty());
+    EXPECT_EQ(log.Take(), Lines());
 }
 
-TEST_F(StatisticsTest, ComparesEntitiesByTheirIdAlone) {
-    Collect({Metric("16", {Series(10, "0", {1})}), Metric(std::nullopt, {Series(10, "0", {2})})});
-    EXPECT_EQ(client->RetrieveHCStats(Reference("Other", "16").Get(), "cpu", "used", "0"), 1);
-    EXPECT_EQ(client->RetrieveHCStats(nullptr, "cpu", "used", "0"), 2);
-    EXPECT_EQ(Retrieve("", "cpu", "used", "0"), -1);
-}
-
-TEST_F(StatisticsTest, NamesTheCounterWithoutAnId) {
-    SetCounters({Counter(-5, "cpu", "used"), Counter(0, "mem", "active")});
-    Collect({Metric("16", {Series(-1, "0", {3}), Series(-5, "0", {1}), Series(0, "", {2})})});
-    // 0 is an id, a negative number of the catalogue is none.
-    EXPECT_EQ(Retrieve("16", "mem", "active", nullptr), 2);
-    EXPECT_THAT(log.Take(), IsEmpty());
-    EXPECT_EQ(CpuUsed(), -1);
-    EXPECT_EQ(Retrieve("16", "disk", "read", "0"), -1);
-    EXPECT_EQ(Retrieve("16", "no", "such", "0"), -1);
-    EXPECT_EQ(log.Take(), MissingStatistics({"cpu.used", "disk.read", "no.such"}));
-}
-
+// 0 is an id, a negative number of the catalogue is none.
 TEST_F(StatisticsTest, NamesTheMissingStatisticOnOneLineOfTheLog) {
-    Collect({Metric("16", {Series(10, "0", {1}), Series(3, "a\nb", {1})})});
-    const auto unknown = Reference("VirtualMachine", "64");
-    EXPECT_EQ(client->RetrieveHCStats(unknown.Get(), "cpu", "used", "0"), -1);
-    EXPECT_EQ(client->RetrieveStats(unknown.Get(), "cpu", "used", 3), -1);
-    EXPECT_EQ(client->RetrieveStats(unknown.Get(), "mem", "active", nullptr), -1);
-    EXPECT_EQ(client->RetrieveHCStats(nullptr, "disk", "read", "disk-0:0"), -1);
-    EXPECT_EQ(Retrieve("16", "disk", "read", "a\nb"), 1);
-    EXPECT_EQ(Retrieve("16", "disk", "write", "a\nb"), -1);
-    EXPECT_EQ(log.Take(), MissingStatistics({"cpu.used.0", "cpu.used.3", "mem.active.any",
-                                             "disk.read.disk-0:0", "disk.write.a\\x0ab"}));
-}
-
-TEST_F(StatisticsTest, HasNoStatisticOfAVmWithoutResults) {
-    Collect(Metrics());
-    EXPECT_EQ(CpuUsed(), -1);
-    EXPECT_EQ(log.Take(), MissingStatistics({"cpu.used.0"}));
+    host.metrics = Array<Performance::EntityMetricBase>({Metric("16", {Series(3, "a\nb", {1})})});
+    Check(R"(
+catalogue -5:cpu.used 0:mem.active 3:disk.read; collect -> (GetChildEntity, RetrieveContent, GetPerfCounter, QueryPerf)
+get 16:mem.active -> -1
+  4 OrdaneClient::RetrieveStats: couldn't find stats for mem.active.any
+get 16:cpu.used/0 -> -1
+  4 OrdaneClient::RetrieveStats: couldn't find stats for cpu.used
+get 16:no.such/0 -> -1
+  4 OrdaneClient::RetrieveStats: couldn't find stats for no.such
+get 64:disk.read/disk-0:0 -> -1
+  4 OrdaneClient::RetrieveStats: couldn't find stats for disk.read.disk-0:0
+)");
+    const auto vm = Reference("VirtualMachine", "16");
+    EXPECT_EQ(client->RetrieveStats(vm.Get(), "disk", "read", "b\nc"), -1);
+    EXPECT_EQ(log.Take(),
+              (Lines{{4, "OrdaneClient::RetrieveStats: couldn't find stats for disk.read.b\\x0ac\n"}}));
 }
 
 }  // namespace
