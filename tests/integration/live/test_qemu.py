@@ -16,8 +16,8 @@ from libvirt_host import card_xml, disk_xml, guest_xml
 from snmp_client import Client
 
 CONFIG = "/etc/libvirt/qemu"
-# The daemon collects every 5 s, but rests for four times as long as it worked; a VM that does not respond costs one
-# collection 2 s. Deadlines allow for a host with other work.
+# The daemon rests for 5 s after each collection; a VM that does not respond costs one collection 2 s. Deadlines allow
+# for a host with other work.
 COLLECTED = 120
 # How long a guest may take to start working.
 GUEST_TIMEOUT = 180
@@ -342,3 +342,32 @@ def test_the_inventory_outlives_libvirtd_for_a_minute(libvirtd, start_libvirt_da
     system.wait_until(lambda: list(shown_vms(agent.client.bulk_walk()).values()) == ["guest"], "the agent to show it",
                       2 * system.REFRESH_INTERVAL)
     system.wait_until(lambda: "libvirt can be reached again: 1 VMs" in daemon.log_text(), "the log line")
+
+
+@pytest.mark.slow
+@pytest.mark.xdist_group("waits")
+@pytest.mark.parametrize("hang", [10, 40])
+def test_everything_is_current_ten_seconds_after_libvirtd_hung(libvirtd, start_libvirt_daemon, directory, api, hang):
+    """Shorter and longer than the time after which a silent connection counts as broken."""
+    for name in ("lively", "mortal"):
+        libvirtd.define(guest_xml(name, disk_xml(libvirtd.busy_image(name), "vda", "virtio")))
+        libvirtd.virsh(f"start {name}")
+    daemon = start_libvirt_daemon(libvirtd.uri)
+    vm_ids = daemon.vm_ids()
+    numbers = {name: vm_ids[libvirtd.virsh(f"domuuid {name}")[0].strip()] for name in ("lively", "mortal")}
+    now = api()
+
+    def reads():
+        return disk_reads(fresh_agent.ask(directory, lambda client: client.bulk_walk())[0], numbers)
+
+    system.wait_until(lambda: all(number > 0 for number in reads().values()), "the guests to read", GUEST_TIMEOUT)
+    before = reads()["lively"]
+    libvirtd.process.send_signal(signal.SIGSTOP)
+    os.kill(libvirtd.qemu_pid("mortal"), signal.SIGKILL)
+    time.sleep(hang)
+    libvirtd.process.send_signal(signal.SIGCONT)
+    went_on = time.monotonic()
+    system.wait_until(lambda: now.vms().get("mortal", (0, 0))[1] == "poweredOff", "the state", COLLECTED)
+    numbers.pop("mortal")
+    system.wait_until(lambda: reads()["lively"] > before, "the statistics", COLLECTED)
+    assert time.monotonic() < went_on + 10

@@ -173,7 +173,17 @@ TEST_F(CollectorTest, DoesNotWaitForTheStoragePools) {
     api->Hold(&FakeState::holdsPools);
     Start();
     EXPECT_EQ(Vms(), (std::vector{vmA, vmB}));
-    EXPECT_THAT(log.GetText(), HasSubstr("warning The list of storage pools is late"));
+    const std::string late =
+        "warning The list of storage pools is late, the last one serves until it arrives\n";
+    EXPECT_EQ(log.GetText(), late);
+    api->Hold(&FakeState::holdsPools, false);
+    for (const char* const time : {"3", "4"}) {
+        api->SetCpuTime(uuidA, std::stoul(time));
+        WaitForVms({std::string("1000 vm-a poweredOn running cpu.used 0=") + time, vmB});
+    }
+    EXPECT_EQ(log.GetText(), late);
+    api->Hold(&FakeState::holdsPools);
+    WaitForLog(late + late);
 }
 
 TEST_F(CollectorTest, StartsWithoutVmsOnAHostThatIsDownAndReturnsWhetherThatIsPermanent) {

@@ -2,7 +2,6 @@
 
 #include <spdlog/spdlog.h>
 
-#include <algorithm>
 #include <condition_variable>
 #include <mutex>
 #include <utility>
@@ -15,9 +14,6 @@ namespace Vessad::Libvirt {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-// A collection takes at most a fifth of the time: the collector rests four times as long as it worked.
-constexpr int restPerWork = 4;
 
 }  // namespace
 
@@ -68,7 +64,7 @@ Collector::~Collector() {
 
 std::shared_ptr<const Inventory> Collector::Get() {
     const std::lock_guard lock(shared->mutex);
-    const bool expired = shared->unreachableSince && Clock::now() - *shared->unreachableSince > options.keep;
+    const bool expired = shared->unreachableSince && options.now() - *shared->unreachableSince > options.keep;
     return expired ? shared->newestWithoutVms : shared->newest;
 }
 
@@ -89,14 +85,12 @@ void Collector::Run() {
     while (!shared->stopping) {
         shared->collectNow = false;
         lock.unlock();
-        const auto begun = Clock::now();
         Collect();
-        const auto worked = Clock::now() - begun;
         lock.lock();
         shared->attempted = true;
         shared->changed.notify_all();
-        const auto next = begun + std::max<Clock::duration>(options.interval, worked * (1 + restPerWork));
-        shared->changed.wait_until(lock, next, [this] { return shared->stopping || shared->collectNow; });
+        shared->changed.wait_for(lock, options.interval,
+                                 [this] { return shared->stopping || shared->collectNow; });
     }
 }
 
@@ -124,7 +118,8 @@ void Collector::Collect() {
 
 void Collector::FetchPools() {
     std::unique_lock lock(shared->mutex);
-    if (!shared->poolsPending) {
+    const bool isStillLate = shared->poolsPending;
+    if (!isStillLate) {
         shared->poolsPending = true;
         poolThread.Post([shared = shared](Connection* connection, const ApiError*) {
             std::optional<std::vector<std::string>> pools;
@@ -144,7 +139,7 @@ void Collector::FetchPools() {
         });
     }
     auto timeout = poolsKnown ? options.poolTimeout : options.firstPoolTimeout;
-    if (poolsLate) {
+    if (isStillLate) {
         timeout = std::chrono::milliseconds(0);
     }
     const bool inTime =
@@ -214,7 +209,7 @@ void Collector::ReportUnreachable(const ApiError& failure) {
             spdlog::warn("The host's libvirt cannot be reached: {}; there is no inventory until it can",
                          failure.what());
         }
-        shared->unreachableSince = Clock::now();
+        shared->unreachableSince = options.now();
     }
     shared->failure = failure;
     shared->attempted = true;

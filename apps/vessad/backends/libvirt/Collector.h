@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,13 +19,15 @@
 namespace Vessad::Libvirt {
 
 struct CollectorOptions {
-    std::chrono::milliseconds interval{5000};  // between the starts of two collections, at least
+    std::chrono::milliseconds interval{
+        5000};  // from the end of a collection to the next, however long it took
     SampleWorkers::Timeouts sampling;
     std::chrono::milliseconds poolTimeout{1000};       // for the storage pools; then the last ones serve
     std::chrono::milliseconds firstPoolTimeout{5000};  // while there are no last ones
     std::chrono::milliseconds readingTimeout{10000};   // for the domains; then the host counts as unreachable
     std::chrono::milliseconds keep{60000};  // how long the last inventory of an unreachable host serves
     std::vector<std::filesystem::path> osinfoDirectories = OsinfoDirectories();
+    std::function<std::chrono::steady_clock::time_point()> now = std::chrono::steady_clock::now;
 };
 
 // Collects in a thread of its own, which never calls the host itself: every call is made in a thread that may

@@ -39,14 +39,13 @@ void SampleTracker::StartRound(const std::vector<SampledDomain>& domains, TimePo
 
 void SampleTracker::MarkLateCalls(TimePoint now) {
     for (auto& [id, call] : calls) {
-        const bool known = unresponsive.contains(call.domain.uuid);
-        if (call.late || (!known && now < call.begun + timeouts.call)) {
+        if (call.late || now < call.deadline) {
             continue;
         }
         call.late = true;
         lastProgress = now;
         --available;
-        if (!known) {
+        if (!unresponsive.contains(call.domain.uuid)) {
             const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(now - call.begun);
             const auto since = std::chrono::system_clock::now() - waited;
             unresponsive[call.domain.uuid] = {call.domain.name, since};
@@ -65,7 +64,7 @@ std::optional<SampleTracker::TimePoint> SampleTracker::NextCheck(TimePoint now) 
     for (const auto& [id, call] : calls) {
         if (!call.late) {
             isWaiting = true;
-            next = std::min<TimePoint>(next, call.begun + timeouts.call);
+            next = std::min(next, call.deadline);
         }
     }
     if (isWaiting) {
@@ -99,7 +98,9 @@ bool SampleTracker::AddThread() {
 
 SampleTracker::Call SampleTracker::StartCall(TimePoint now) {
     const int id = ++lastCall;
-    const auto& call = calls.emplace(id, RunningCall{std::move(queue.front()), now, false}).first->second;
+    const bool isKnown = unresponsive.contains(queue.front().uuid);
+    const TimePoint deadline = now + (isKnown ? timeouts.retry : timeouts.call);
+    const auto& call = calls.emplace(id, RunningCall{std::move(queue.front()), now, deadline}).first->second;
     queue.pop_front();
     return {id, call.domain.uuid};
 }

@@ -20,6 +20,7 @@ struct SampledDomain {
 
 struct SampleTimeouts {
     std::chrono::milliseconds call{2000};   // for a domain to reply
+    std::chrono::milliseconds retry{200};   // for one that is known to be unresponsive
     std::chrono::milliseconds open{10000};  // for the host to accept a connection
 };
 
@@ -38,8 +39,8 @@ struct SampleResult {
 //   idle ──StartRound──▶ queued ──StartCall──▶ in call ──EndCall──▶ idle
 //
 // A call that takes longer than the timeout is late until it ends; its sample is dropped. Its domain is
-// unresponsive until a call for it succeeds or it is no longer sampled. A call for an unresponsive domain is
-// late at once, so that such a domain delays one round only. A domain in a call is not queued.
+// unresponsive until a call for it succeeds or it is no longer sampled. A call for an unresponsive domain has
+// a shorter timeout, so that such a domain hardly delays a round. A domain in a call is not queued.
 //
 //   AddThread ──▶ ready ──StartCall──▶ in call ──EndCall──▶ ready
 //                                         │
@@ -89,6 +90,7 @@ class SampleTracker {
     struct RunningCall {
         SampledDomain domain;
         TimePoint begun;
+        TimePoint deadline;
         bool late = false;
     };
 

@@ -66,14 +66,20 @@ class SampleWorkers::State : public std::enable_shared_from_this<State> {
             if (tracker.IsStopping()) {
                 break;
             }
+            lock.unlock();
+            // One that broke since its last call costs no sample.
+            if (connection && !connection->IsAlive()) {
+                connection.reset();
+            }
             if (!connection) {
-                lock.unlock();
                 connection = TryToOpen();
-                lock.lock();
-                if (!connection) {
-                    tracker.DropQueued();
-                    changed.notify_all();
-                }
+            }
+            lock.lock();
+            if (!connection) {
+                tracker.DropQueued();
+                changed.notify_all();
+            }
+            if (!tracker.HasQueued()) {
                 continue;
             }
             const SampleTracker::Call call = tracker.StartCall(Clock::now());

@@ -25,7 +25,7 @@ class SampleWorkers {
     ~SampleWorkers();
 
     // Returns the statistics of the domains that responded, by UUID. Waits for the others no longer than the
-    // timeouts say, and for a domain that is known to be unresponsive not at all. For one caller at a time.
+    // timeouts say. For one caller at a time.
     std::map<std::string, Statistics> Sample(const std::vector<Domain>& domains);
 
     // Makes a running Sample and every later one return at once. May be called from any thread.
