@@ -129,6 +129,13 @@ def units(drives):
         yield drive, unit
 
 
+def ide_index(cdrom):
+    target = cdrom.find("target")
+    if target.get("bus") == "ide":
+        return int(cdrom.find("address").get("bus")) * 2 + unit_on_controller(cdrom)
+    return {"hd": 100, "sd": 200, "vd": 300}[target.get("dev")[:2]] + number_of(target.get("dev"))
+
+
 def tables(*names):
     return [expected_tree.Table(name, partial=True) for name in names]
 
@@ -160,9 +167,8 @@ def inventory(listed, vm_ids, config_directory, storage):
             kind, target = drive.get("device", "disk"), drive.find("target")
             connected = "false" if shown is None else "true"
             if kind == "cdrom":
-                ide = target.get("bus") == "ide"
                 cdroms.add(cdVmIdx=k,
-                           cdIdeIndex=int(drive.find("address").get("bus")) * 2 + unit if ide else 0,
+                           cdIdeIndex=ide_index(drive),
                            cdBacking=shown or "no medium",
                            cdConnected=connected)
             elif kind == "floppy":

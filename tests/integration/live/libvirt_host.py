@@ -219,6 +219,10 @@ EVERY_DEVICE = """
     <target dev='hdb' bus='ide'/><readonly/></disk>
   <disk type='file' device='cdrom'><target dev='hdc' bus='ide'/><readonly/></disk>
   <disk type='block' device='cdrom'><source dev='/dev/sr0'/><target dev='hdd' bus='ide'/><readonly/></disk>
+  <disk type='file' device='cdrom'><target dev='sdc' bus='sata'/><readonly/></disk>
+  <disk type='file' device='cdrom'><target dev='sdd' bus='sata'/><readonly/></disk>
+  <disk type='file' device='cdrom'><target dev='sde' bus='scsi'/><readonly/></disk>
+  <disk type='file' device='cdrom'><target dev='sdf' bus='usb'/><readonly/></disk>
   <disk type='file' device='floppy'><source file='/srv/images/boot.flp'/><target dev='fda' bus='fdc'/></disk>
   <disk type='file' device='floppy'><target dev='fdb' bus='fdc'/></disk>
   <interface type='network'><mac address='52:54:00:00:{hi:02x}:{lo:02x}'/><source network='default'/>

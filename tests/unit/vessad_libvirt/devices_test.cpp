@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <map>
+
 #include "tests/unit/vessad_libvirt/description.h"
 
 namespace Vessad::Libvirt {
@@ -131,10 +133,48 @@ TEST(Drives, HaveRemovableMedia) {
         ElementsAre(
             "Cdrom 3002 | CD/DVD drive 1 | /pool/a.iso | 201:0 | pool:default [default] a.iso | connected",
             "Cdrom 3001 | CD/DVD drive 2 |  | 200:1 | device no medium | disconnected",
-            "Cdrom 3200 | CD/DVD drive 3 | /dev/sr0 | none:2 | device /dev/sr0 | connected",
+            "Cdrom 3200 | CD/DVD drive 3 | /dev/sr0 | 600:0 | device /dev/sr0 | connected",
             "Floppy 8000 | Floppy drive 1 | /pool/boot.flp | 400:0 | pool:default [default] boot.flp | "
             "connected",
             "Floppy 8001 | Floppy drive 2 |  | 400:1 | device no medium | disconnected"));
+}
+
+// Returns "KEY INDEX" of each CD-ROM drive, with the index that the agent works out.
+std::vector<std::string> CdromIndexes(const std::string& devices) {
+    const auto description = Describer()(DomainXmlWith(devices));
+    std::map<int, int> buses;
+    std::vector<std::string> indexes;
+    for (const auto& device : *description.config->GetHardware()->GetDevice()) {
+        if (const auto* ide = Tessim::NarrowToType<Hask::Vm::Device::VirtualIDEController>(device)) {
+            buses[ide->GetKey()] = ide->GetBusNumber();
+        }
+    }
+    for (const auto& device : *description.config->GetHardware()->GetDevice()) {
+        if (Tessim::NarrowToType<Hask::Vm::Device::VirtualCdrom>(device) != nullptr) {
+            const int index = buses.at(*device->GetControllerKey()) * 2 + *device->GetUnitNumber();
+            indexes.push_back(std::to_string(device->GetKey()) + " " + std::to_string(index));
+        }
+    }
+    return indexes;
+}
+
+TEST(CdromDrives, HaveAnIndexOfTheirOwnOnEveryBus) {
+    const std::string ide = Drive("cdrom", "hda", "ide", "0:0:0:0") + Drive("cdrom", "hdd", "ide", "0:1:0:1");
+    const std::string last = Drive("cdrom", "sdc", "usb");
+    EXPECT_THAT(CdromIndexes(ide + Drive("cdrom", "sda", "sata", "0:0:0:0") +
+                             Drive("cdrom", "sdb", "scsi", "0:0:0:0") + last +
+                             Drive("cdrom", "hdc", "sata", "0:0:0:2") + Drive("cdrom", "vda", "virtio") +
+                             Drive("cdrom", "xvda", "xen")),
+                ElementsAre("3000 0", "3003 3", "3100 200", "3101 201", "3102 202", "3002 102", "3200 300",
+                            "3300 400"));
+    EXPECT_THAT(CdromIndexes(last + ide), ElementsAre("3102 202", "3000 0", "3003 3"))
+        << "kept when others go";
+    EXPECT_THAT(CdromIndexes(last + last), ElementsAre("3102 202", "3103 203"));
+    EXPECT_THAT(Devices(Drive("cdrom", "sdb", "sata", "0:0:0:1") + Drive("cdrom", "sda", "sata", "0:0:0:0")),
+                ElementsAre("SATAController 15000 | SATA controller 0 | SATA | bus 0",
+                            "Cdrom 3101 | CD/DVD drive 1 |  | 550:1 | device no medium | disconnected",
+                            "IDEController 550 | IDE 100 | CD/DVD drives of other buses | bus 100",
+                            "Cdrom 3100 | CD/DVD drive 2 |  | 550:0 | device no medium | disconnected"));
 }
 
 TEST(Disks, HaveTheirBackings) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <map>
 #include <set>
 #include <string>
 #include <string_view>
@@ -19,6 +20,10 @@ using Tessim::Ref;
 constexpr int firstDiskKey = 2000;
 constexpr int firstCdromKey = 3000;
 constexpr int firstFloppyKey = 8000;
+// The IDE controllers that CD-ROM drives on other buses are shown on, two drives on each.
+constexpr int firstExtraIdeKey = 500;
+constexpr int firstExtraIdeBus = 50;
+constexpr int drivesPerIdeBus = 2;
 // The kernel's default for a control group.
 constexpr int defaultDiskShares = 100;
 
@@ -89,11 +94,11 @@ class Builder {
         for (const pugi::xml_node drive : drives) {
             const std::string_view kind = drive.attribute("device").as_string("disk");
             if (kind == "cdrom") {
-                AddRemovable(drive, MakeRef<Device::VirtualCdrom>(), firstCdromKey,
-                             "CD/DVD drive " + std::to_string(++cdroms));
+                AddCdrom(drive, "CD/DVD drive " + std::to_string(++cdroms));
             } else if (kind == "floppy") {
-                AddRemovable(drive, MakeRef<Device::VirtualFloppy>(), firstFloppyKey,
-                             "Floppy drive " + std::to_string(++floppies));
+                auto floppy = MakeRef<Device::VirtualFloppy>();
+                SetPlace(*floppy, drive);
+                AddRemovable(drive, floppy, firstFloppyKey, "Floppy drive " + std::to_string(++floppies));
             } else {
                 AddDisk(drive, "Hard disk " + std::to_string(++disks));
             }
@@ -119,8 +124,37 @@ class Builder {
         }
     }
 
-    void AddRemovable(pugi::xml_node drive, const Ref<Device::VirtualDevice>& device, int firstKey,
-                      const std::string& label) {
+    // The agent tells CD-ROM drives apart by their place on the IDE buses. One on another bus is shown on a
+    // further IDE bus, by its key, so that it keeps the place when others are attached and detached.
+    void AddCdrom(pugi::xml_node drive, const std::string& label) {
+        auto cdrom = MakeRef<Device::VirtualCdrom>();
+        const auto place = PlaceOnController(drive);
+        if (place && place->bus.name == "ide") {
+            SetPlace(*cdrom, drive);
+            AddRemovable(drive, cdrom, firstCdromKey, label);
+            return;
+        }
+        const int number = AddRemovable(drive, cdrom, firstCdromKey, label) - firstCdromKey;
+        cdrom->SetControllerKey(ExtraIdeController(number / drivesPerIdeBus));
+        cdrom->SetUnitNumber(number % drivesPerIdeBus);
+    }
+
+    // Returns the key of a controller of its own kind, which is added for its first drive.
+    int ExtraIdeController(int number) {
+        const auto [entry, isNew] = extraIdeControllers.try_emplace(number);
+        if (isNew) {
+            const int bus = firstExtraIdeBus + number;
+            auto controller = MakeRef<Device::VirtualIDEController>();
+            controller->SetBusNumber(bus);
+            entry->second = devices.Add(controller, firstExtraIdeKey + number, "IDE " + std::to_string(bus),
+                                        "CD/DVD drives of other buses");
+        }
+        return entry->second;
+    }
+
+    // Returns the device's key.
+    int AddRemovable(pugi::xml_node drive, const Ref<Device::VirtualDevice>& device, int firstKey,
+                     const std::string& label) {
         const DriveSource source = backings.SourceOf(drive);
         auto connection = MakeRef<Device::VirtualDevice::ConnectInfo>();
         connection->SetConnected(source.kind != DriveSource::Kind::None);
@@ -132,8 +166,7 @@ class Builder {
         }
         device->SetBacking(backing);
         device->SetConnectable(connection);
-        SetPlace(*device, drive);
-        devices.Add(device, KeyOf(firstKey, TargetOf(drive)), label, source.name);
+        return devices.Add(device, KeyOf(firstKey, TargetOf(drive)), label, source.name);
     }
 
     // A drive without a controller gets the unit of its target's letters, or the next free one, because the
@@ -156,6 +189,7 @@ class Builder {
     DomainDescription& description;
     DriveBackings backings;
     std::set<int> takenUnits;
+    std::map<int, int> extraIdeControllers;  // keys by number
 };
 
 }  // namespace
