@@ -1,8 +1,10 @@
-// Messages of the sample API, and why they are refused.
+// Texts of the sample API, and why they are refused.
 #pragma once
 
 #include <string>
+#include <vector>
 
+#include "tests/support/files.h"
 #include "tests/unit/ordane/sample.h"
 
 namespace Sample {
@@ -19,6 +21,28 @@ inline std::string CallOf(const std::string& method, const std::string& paramete
 
 inline const Ordane::MethodInfo& Method(const char* name) {
     return *Shop::staticType.FindMethod(name);
+}
+
+// An Everything in which every member is set, lists with two elements, to values that differ from each other.
+inline constexpr const char* everything =
+    "<x><flag>true</flag><flagMaybe>false</flagMaybe><flagList>false</flagList><flagList>true</flagList>"
+    "<small>-2147483648</small><smallMaybe>2147483647</smallMaybe><smallList>1</smallList><smallList>2</"
+    "smallList>"
+    "<large>-9223372036854775808</large><largeMaybe>9223372036854775807</largeMaybe>"
+    "<largeList>3</largeList><largeList>4</largeList>"
+    "<text>a text</text><textMaybe>maybe</textMaybe><textList>first</textList><textList>second</textList>"
+    "<state>open</state><stateMaybe>closed</stateMaybe><stateList>sold</stateList><stateList>open</stateList>"
+    "<thing xsi:type=\"SharpTool\"><name>saw</name></thing>"
+    "<thingList><name>cup</name></thingList>"
+    "<thingList xsi:type=\"RedToy\"><name>ball</name><count>7</count></thingList>"
+    "<thingListMaybe><name>jug</name></thingListMaybe>"
+    "<thingListMaybe xsi:type=\"RedToy\"><name>kite</name><count>7</count></thingListMaybe>"
+    "<reference type=\"Shop\">shop-2</reference><person type=\"Person\">ann</person>"
+    "<personList type=\"Person\">bob</personList><personList type=\"Person\">cy</personList></x>";
+
+// The cases of that file of cases/.
+inline std::vector<TestSupport::Case> ReadCases(const std::string& name) {
+    return TestSupport::ReadCases(ORDANE_CASES_DIR "/" + name + ".txt");
 }
 
 inline std::string Repeated(const std::string& text, std::size_t count) {

@@ -1,54 +1,18 @@
 #include "tests/unit/ordane/sample_shop.h"
 
-namespace Sample {
+#include "runtime/ordane/xml_codec.h"
+#include "tests/unit/ordane/messages.h"
 
-namespace {
+namespace Sample {
 
 using Tessim::MakeRef;
 
-Tessim::Ref<Ordane::DataArray<Thing>> MakeThings(const std::string& plainName, const std::string& toyName) {
-    const auto plain = MakeRef<Thing>();
-    plain->SetName(plainName);
-    const auto toy = MakeRef<RedToy>();
-    toy->SetName(toyName);
-    toy->SetCount(7);
-    auto things = MakeRef<Ordane::DataArray<Thing>>();
-    things->Append(plain);
-    things->Append(Tessim::Ref<Thing>(toy));
-    return things;
-}
-
-}  // namespace
-
 Tessim::Ref<Everything> MakeEverything() {
-    auto all = MakeRef<Everything>();
-    all->SetFlag(true);
-    all->SetFlagMaybe(false);
-    all->SetFlagList({false, true});
-    all->SetSmall(-2147483647 - 1);
-    all->SetSmallMaybe(2147483647);
-    all->SetSmallList({1, 2});
-    all->SetLarge(-9223372036854775807 - 1);
-    all->SetLargeMaybe(9223372036854775807);
-    all->SetLargeList({3, 4});
-    all->SetText("a text");
-    all->SetTextMaybe("maybe");
-    all->SetTextList({"first", "second"});
-    all->SetState(Shop::State::open);
-    all->SetStateMaybe(Shop::State::closed);
-    all->SetStateList({Shop::State::sold, Shop::State::open});
-    const auto tool = MakeRef<Tool>();
-    tool->SetName("saw");
-    all->SetThing(Tessim::Ref<Thing>(tool));
-    all->SetThingList(MakeThings("cup", "ball"));
-    all->SetThingListMaybe(MakeThings("jug", "kite"));
-    all->SetReference(MakeRef<Ordane::MoRef>("Shop", "shop-2"));
-    all->SetPerson(MakeRef<Ordane::MoRef>("Person", "ann"));
-    const auto persons = MakeRef<Ordane::DataArray<Ordane::MoRef>>();
-    persons->Append(MakeRef<Ordane::MoRef>("Person", "bob"));
-    persons->Append(MakeRef<Ordane::MoRef>("Person", "cy"));
-    all->SetPersonList(persons);
-    return all;
+    pugi::xml_document document;
+    document.load_string(everything);
+    const auto read = Ordane::Xml::ReadObject(document.document_element(), Everything::StaticType(),
+                                              Ordane::Xml::Unknown::Refuse);
+    return Tessim::NarrowToType<Everything>(read);
 }
 
 void FakeShop::Greet(const std::string& visitor, Tessim::Ref<Thing>& out) {

@@ -10,7 +10,7 @@
 
 namespace Sample {
 
-// An Everything in which every member is set, lists with two elements, to values that differ from each other.
+// What `everything` is the text of.
 Tessim::Ref<Everything> MakeEverything();
 
 // Returns prepared results and keeps its calls.

@@ -95,25 +95,10 @@ TEST_F(SoapStubAdapterTest, ThrowsAFaultLeavesTheResultAloneAndGoesOn) {
 
 TEST_F(SoapStubAdapterTest, ThrowsInvalidResponseForAReplyThatDoesNotFitAndIgnoresUnknownElements) {
     Tessim::Ref<Sample::Thing> thing;
-    const std::string place = "Greet: element Envelope/Body/";
-    for (const auto& [reply, failure] : {
-             std::pair<std::string, std::string>{"<GreetResponse/>",
-                                                 "GreetResponse: expected the member returnval"},
-             {"<GreetResponse><returnval><title/></returnval></GreetResponse>",
-              "GreetResponse/returnval: expected the member name"},
-             {"<GreetResponse><returnval xsi:type=\"Everything\"/></GreetResponse>",
-              "GreetResponse/returnval: expected a Thing, not the type Everything"},
-             {"<Fault><detail><InvalidLogin><message/><message/></InvalidLogin></detail></Fault>",
-              "Fault/detail/InvalidLogin/message: expected one element of this name"},
-             {"<Fault><detail><ManagedObjectNotFound><obj>shop-9</obj></ManagedObjectNotFound></detail></"
-              "Fault>",
-              "Fault/detail/ManagedObjectNotFound/obj: expected a reference with the type of its object"},
-             {"<Fault><detail><InvalidLogin xsi:type=\"Thing\"/></detail></Fault>",
-              "Fault/detail/InvalidLogin: expected a InvalidLogin, not the type Thing"},
-         }) {
+    for (const auto& [reply, failure] : Sample::ReadCases("unusable_responses")) {
         ReplyWith(Enveloped(reply));
         EXPECT_EQ(Sample::FailureOf<Fault::InvalidResponse::Exception>([&] { stub->Greet("ann", thing); }),
-                  place + failure);
+                  failure);
         EXPECT_FALSE(thing);
     }
     ReplyWith(
