@@ -19,21 +19,16 @@
 namespace KelvTest {
 namespace {
 
-using BioPointer = std::unique_ptr<BIO, int (*)(BIO*)>;
-
 void Require(bool done, const char* what) {
     if (!done) {
         throw std::runtime_error(std::string("TLS test server: ") + what);
     }
 }
 
-BioPointer MakeMemory(std::string_view content = "") {
-    BioPointer bio(BIO_new(BIO_s_mem()), BIO_free);
-    BIO_write(bio.get(), content.data(), static_cast<int>(content.size()));
-    return bio;
-}
-
-std::string TextOf(const BioPointer& bio) {
+// What `write` writes to a BIO.
+std::string TextOf(const std::function<void(BIO*)>& write) {
+    const std::unique_ptr<BIO, int (*)(BIO*)> bio(BIO_new(BIO_s_mem()), BIO_free);
+    write(bio.get());
     char* data = nullptr;
     const long size = BIO_get_mem_data(bio.get(), &data);
     return {data, static_cast<std::size_t>(size)};
@@ -60,25 +55,22 @@ BIO* MakeTransport(ServedConnection* connection) {
 
 }  // namespace
 
-Identity::Identity() {
-    const std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> key(EVP_EC_gen("P-256"), EVP_PKEY_free);
-    const std::unique_ptr<X509, void (*)(X509*)> own(X509_new(), X509_free);
-    X509_set_version(own.get(), 2);
-    ASN1_INTEGER_set(X509_get_serialNumber(own.get()), 1);
-    X509_gmtime_adj(X509_getm_notBefore(own.get()), -3600);
-    X509_gmtime_adj(X509_getm_notAfter(own.get()), 3600);
-    X509_set_pubkey(own.get(), key.get());
-    X509_NAME* const name = X509_get_subject_name(own.get());
+Identity::Identity() : key(EVP_EC_gen("P-256"), EVP_PKEY_free), x509(X509_new(), X509_free) {
+    X509* const own = x509.get();
+    X509_set_version(own, 2);
+    ASN1_INTEGER_set(X509_get_serialNumber(own), 1);
+    X509_gmtime_adj(X509_getm_notBefore(own), -3600);
+    X509_gmtime_adj(X509_getm_notAfter(own), 3600);
+    X509_set_pubkey(own, key.get());
+    X509_NAME* const name = X509_get_subject_name(own);
     X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("test"), -1,
                                -1, 0);
-    X509_set_issuer_name(own.get(), name);
-    Require(X509_sign(own.get(), key.get(), EVP_sha256()) > 0, "sign");
-    const BioPointer text = MakeMemory();
-    PEM_write_bio_X509(text.get(), own.get());
-    certificate = TextOf(text);
-    const BioPointer keyText = MakeMemory();
-    PEM_write_bio_PrivateKey(keyText.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr);
-    privateKey = TextOf(keyText);
+    X509_set_issuer_name(own, name);
+    Require(X509_sign(own, key.get(), EVP_sha256()) > 0, "sign");
+    certificate = TextOf([own](BIO* out) { PEM_write_bio_X509(out, own); });
+    privateKey = TextOf([this](BIO* out) {
+        PEM_write_bio_PrivateKey(out, key.get(), nullptr, nullptr, 0, nullptr, nullptr);
+    });
 }
 
 ServedConnection::ServedConnection(ssl_ctx_st* context, int descriptor)
@@ -109,21 +101,9 @@ bool ServedConnection::SendRaw(std::string_view bytes) {
     return bytes.empty();
 }
 
-void ServedConnection::Handshake() {
-    SSL_do_handshake(tls.get());
-}
-
-std::string ServedConnection::ReadLine() {
-    std::string line;
-    for (char byte = 0; byte != '\n' && SSL_read(tls.get(), &byte, 1) > 0;) {
-        line += byte;
-    }
-    return line;
-}
-
-std::string ServedConnection::ReadAll() {
+std::string ServedConnection::ReadUntil(char last) {
     std::string text;
-    for (char byte = 0; SSL_read(tls.get(), &byte, 1) > 0;) {
+    for (char byte = 0; (text.empty() || byte != last) && SSL_read(tls.get(), &byte, 1) > 0;) {
         text += byte;
     }
     return text;
@@ -133,26 +113,13 @@ bool ServedConnection::Send(std::string_view text) {
     return SSL_write(tls.get(), text.data(), static_cast<int>(text.size())) > 0;
 }
 
-bool ServedConnection::Serve(std::string_view after) {
-    return !ReadLine().empty() && Send("200 /connection/1\r\n" + std::string(after));
-}
-
-void ServedConnection::SendCloseNotify() {
-    SSL_shutdown(tls.get());
-}
-
-void ServedConnection::FloodWithTickets() {
-    while (SSL_new_session_ticket(tls.get()) == 1 && SSL_do_handshake(tls.get()) > 0) {
-    }
+bool ServedConnection::Serve() {
+    return !ReadLine().empty() && Send("200 /connection/1\r\n");
 }
 
 void ServedConnection::StaySilent() {
     pollfd poll{descriptor, POLLRDHUP, 0};
     ::poll(&poll, 1, -1);
-}
-
-bool ServedConnection::GotCloseNotify() const {
-    return (SSL_get_shutdown(tls.get()) & SSL_RECEIVED_SHUTDOWN) != 0;
 }
 
 TlsTestServer::TlsTestServer(Script script, int newestVersion)
@@ -162,13 +129,8 @@ TlsTestServer::TlsTestServer(Script script, int newestVersion)
     SSL_CTX_set_security_level(context.get(), 0);  // so that old versions can be offered
     SSL_CTX_set_min_proto_version(context.get(), 0);
     SSL_CTX_set_max_proto_version(context.get(), newestVersion);
-    const std::unique_ptr<X509, void (*)(X509*)> certificate(
-        PEM_read_bio_X509(MakeMemory(identity.certificate).get(), nullptr, nullptr, nullptr), X509_free);
-    const std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> key(
-        PEM_read_bio_PrivateKey(MakeMemory(identity.privateKey).get(), nullptr, nullptr, nullptr),
-        EVP_PKEY_free);
-    Require(SSL_CTX_use_certificate(context.get(), certificate.get()) == 1 &&
-                SSL_CTX_use_PrivateKey(context.get(), key.get()) == 1,
+    Require(SSL_CTX_use_certificate(context.get(), identity.x509.get()) == 1 &&
+                SSL_CTX_use_PrivateKey(context.get(), identity.key.get()) == 1,
             "use the key");
     Require(::listen(listener.Get(), 16) == 0, "listen");
     // The thread blocks all signals: a SIGALRM or SIGPIPE of a test is for the client.

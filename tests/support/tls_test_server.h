@@ -16,15 +16,19 @@
 
 #include "runtime/tessim/file_descriptor.h"
 
+struct evp_pkey_st;
 struct ssl_ctx_st;
 struct ssl_st;
+struct x509_st;
 
 namespace KelvTest {
 
-// A new private key and its self-signed certificate, in PEM.
+// A new private key and its self-signed certificate, also in PEM.
 struct Identity {
     Identity();
 
+    std::unique_ptr<evp_pkey_st, void (*)(evp_pkey_st*)> key;
+    std::unique_ptr<x509_st, void (*)(x509_st*)> x509;
     std::string privateKey;
     std::string certificate;
 };
@@ -47,28 +51,20 @@ class ServedConnection {
     ~ServedConnection();
 
     void SetWire(const Wire& changed) { wire = changed; }
-    void Handshake();
-    // Up to and with the line feed; shorter when the connection ended before.
-    std::string ReadLine();
-    // Everything until the client's end of the stream.
-    std::string ReadAll();
+    // Up to and with that byte; shorter when the connection ended before.
+    std::string ReadUntil(char last);
+    std::string ReadLine() { return ReadUntil('\n'); }
     // Returns whether all of it was sent.
     bool Send(std::string_view text);
-    // Handshake, the client's line, and the reply "200 /connection/1", then `after` in the same TLS record.
-    // Returns whether all of it was sent.
-    bool Serve(std::string_view after = "");
+    // Handshake, the client's line, and the reply "200 /connection/1". Returns whether all of it was sent.
+    bool Serve();
     // Sends bytes outside TLS. Returns whether all of them were sent.
     bool SendRaw(std::string_view bytes);
-    // Sends close_notify and waits for nothing.
-    void SendCloseNotify();
-    // Sends TLS 1.3 session tickets without end: records that the client must read but that carry no data.
-    void FloodWithTickets();
     // Waits until the client closes the connection. Reads nothing.
     void StaySilent();
 
-    // Whether the client ended its stream with a close_notify. Known after ReadAll.
-    bool GotCloseNotify() const;
     std::size_t GetSentBytes() const { return sent; }
+    ssl_st* GetNative() const { return tls.get(); }
 
   private:
     std::unique_ptr<ssl_st, void (*)(ssl_st*)> tls;

@@ -56,7 +56,6 @@ TEST(ConnectionOfANewProcess, ConnectsInOrder) {
 TEST(RuntimeEndpoint, RequestsTheManagementApiOverTls) {
     std::string request;
     KelvTest::TlsTestServer server([&](KelvTest::ServedConnection& peer) {
-        peer.Handshake();
         request = peer.ReadLine();
         peer.Send("200 /connection/1\r\n");
     });
