@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 #include <regex>
 #include <stdexcept>
 
@@ -19,35 +20,22 @@ namespace {
 using TestSupport::FindRegistered;
 using TestSupport::LogLine;
 
-// Variables that one handler serves: their numbers and magics ascend from 1 and from `firstMagic`.
-struct Served {
-    FindVarMethod* handler;
-    u_char firstMagic;
-    Oid parent;  // under the base
-};
-
-struct Expected {
-    const char* name;
-    Oid base;  // without the enterprise
-    std::size_t entrySize;
-    std::vector<Served> served;
-};
-
-// In their order.
-const std::vector<Expected> registrations{
-    {"SNMPVMInfo", {2, 1}, sizeof(variable2), {{SNMP_VMInfoTable, 3, {1}}}},
-    {"SNMPVMNet", {2, 4}, sizeof(variable2), {{SNMP_VMNetTable, 3, {1}}}},
-    {"SNMPVMHBA", {2, 2}, sizeof(variable2), {{SNMP_VMHBATable, 3, {1}}}},
-    {"SNMPVMTgt", {2, 3}, sizeof(variable2), {{SNMP_VMHBATgtTable, 9, {1}}}},
-    {"floppyTable", {2, 5}, sizeof(variable2), {{SNMP_VMFloppyTable, 3, {1}}}},
-    {"CDROMTable", {2, 6}, sizeof(variable2), {{SNMP_VMCDROMTable, 3, {1}}}},
-    {"SNMPResMem", {3, 2}, sizeof(variable4), {{SNMP_ResMem, 2, {}}, {SNMP_ResMemTable, 7, {4, 1}}}},
-    {"SNMPResCPU", {3, 1}, sizeof(variable4), {{SNMP_ResCPU, 2, {}}, {SNMP_ResCPUTable, 5, {2, 1}}}},
-    {"SNMPResDisk", {3, 3}, sizeof(variable2), {{SNMP_ResDiskTable, 3, {1}}}},
-    {"SNMPResNet", {3, 4}, sizeof(variable2), {{SNMP_ResNetTable, 3, {1}}}},
-    {"SNMPKelvNorv", {4, 1, 1}, sizeof(variable2), {{SNMP_KelvNorv, 1, {}}}},
-    {"SNMPSystem", {1}, sizeof(variable2), {{SNMP_System, 1, {}}}},
-};
+// The registrations in their order: name, base without the enterprise, then each handler with the suffixes
+// and magics of its variables.
+const char* const registrations = R"(
+SNMPVMInfo 2.1: SNMP_VMInfoTable 1.1=3 1.2=4 1.3=5 1.4=6 1.5=7 1.6=8 1.7=9 1.8=10
+SNMPVMNet 2.4: SNMP_VMNetTable 1.1=3 1.2=4 1.3=5 1.4=6 1.5=7
+SNMPVMHBA 2.2: SNMP_VMHBATable 1.1=3 1.2=4 1.3=5 1.4=6
+SNMPVMTgt 2.3: SNMP_VMHBATgtTable 1.1=9 1.2=10 1.3=11
+floppyTable 2.5: SNMP_VMFloppyTable 1.1=3 1.2=4 1.3=5 1.4=6
+CDROMTable 2.6: SNMP_VMCDROMTable 1.1=3 1.2=4 1.3=5 1.4=6
+SNMPResMem 3.2: SNMP_ResMem 1=2 2=3 3=4 SNMP_ResMemTable 4.1.1=7 4.1.2=8 4.1.3=9 4.1.4=10
+SNMPResCPU 3.1: SNMP_ResCPU 1=2 SNMP_ResCPUTable 2.1.1=5 2.1.2=6 2.1.3=7
+SNMPResDisk 3.3: SNMP_ResDiskTable 1.1=3 1.2=4 1.3=5 1.4=6 1.5=7 1.6=8 1.7=9 1.8=10
+SNMPResNet 3.4: SNMP_ResNetTable 1.1=3 1.2=4 1.3=5 1.4=6 1.5=7 1.6=8 1.7=9 1.8=10 1.9=11 1.10=12 1.11=13 1.12=14 1.13=15
+SNMPKelvNorv 4.1.1: SNMP_KelvNorv 1=1
+SNMPSystem 1: SNMP_System 1=1 2=2 3=3 4=4
+)";
 
 // The trace when the agent refuses them all.
 const std::vector<std::string> refusals{
@@ -154,42 +142,45 @@ class Module : public testing::Test {
     TestSupport::FakeDaemon daemon;
 };
 
+std::string ToText(const Oid& name) {
+    std::string text;
+    for (const oid subId : name) {
+        text += (text.empty() ? "" : ".") + std::to_string(subId);
+    }
+    return text;
+}
+
 TEST_F(Module, RegistersEachGroupsVariablesInOrderAndNothingElse) {
     init_SNMPKelv();
-    const SNMP::Registration* registration = SNMP::Registration::First();
-    for (auto expected = registrations.rbegin(); expected != registrations.rend(); ++expected) {
-        SCOPED_TRACE(expected->name);
-        ASSERT_NE(registration, nullptr);
-        const Oid base(registration->Base().begin(), registration->Base().end());
-        EXPECT_EQ(base, Enterprise(expected->base));
-        auto served = expected->served.begin();
-        u_char number = 0;
-        for (std::size_t i = 0; i < registration->Count(); ++i) {
-            const variable* const entry = registration->Entry(i);
-            EXPECT_EQ(
-                reinterpret_cast<const char*>(entry) - reinterpret_cast<const char*>(registration->Entry(0)),
-                static_cast<std::ptrdiff_t>(i * expected->entrySize));
-            if (entry->findVar != served->handler) {
-                ++served;
-                number = 0;
-                ASSERT_NE(served, expected->served.end());
-            }
-            EXPECT_EQ(entry->findVar, served->handler);
-            EXPECT_EQ(entry->magic, served->firstMagic + number);
-            const Oid name(entry->name, entry->name + entry->namelen);
-            EXPECT_EQ(name, Join(served->parent, {++number}));
-            EXPECT_EQ(TestSupport::RegistrationName(Join(base, name)), expected->name);
-            const variable* const copy = FindRegistered(Join(base, name));
+    std::map<FindVarMethod*, std::string> handlers{{SNMP_ResMem, "SNMP_ResMem"},
+                                                   {SNMP_ResCPU, "SNMP_ResCPU"},
+                                                   {SNMP_KelvNorv, "SNMP_KelvNorv"},
+                                                   {SNMP_System, "SNMP_System"}};
+    ForEachTable([&](const auto& table) { handlers[table.handler] = table.handlerName; });
+    std::string text;
+    for (const auto* each = SNMP::Registration::First(); each != nullptr; each = each->Next()) {
+        const Oid base(each->Base().begin(), each->Base().end());
+        std::string line;
+        const FindVarMethod* handler = nullptr;
+        for (std::size_t i = 0; i < each->Count(); ++i) {
+            const variable* const entry = each->Entry(i);
+            const Oid suffix(entry->name, entry->name + entry->namelen);
+            const variable* const copy = FindRegistered(Join(base, suffix));
             ASSERT_NE(copy, nullptr);
+            EXPECT_EQ(copy->findVar, entry->findVar);
             EXPECT_EQ(copy->magic, entry->magic);
             EXPECT_EQ(copy->type, entry->type);
             EXPECT_EQ(copy->acl, RONLY);
-            EXPECT_EQ(copy->findVar, entry->findVar);
+            line += line.empty() ? TestSupport::RegistrationName(Join(base, suffix)) + ' ' +
+                                       ToText({base.begin() + 7, base.end()}) + ':'
+                                 : "";
+            line += handler == entry->findVar ? "" : ' ' + handlers.at(entry->findVar);
+            line += ' ' + ToText(suffix) + '=' + std::to_string(entry->magic);
+            handler = entry->findVar;
         }
-        EXPECT_EQ(served, expected->served.end() - 1);
-        registration = registration->Next();
+        text.insert(0, line + '\n');
     }
-    EXPECT_EQ(registration, nullptr);
+    EXPECT_EQ('\n' + text, registrations);
     EXPECT_EQ(CountServed(), RegisteredVariables().size());
 }
 

@@ -1,335 +1,248 @@
 // The scalars' handlers, with the real client and a fake daemon. The client keeps what it has read for the
 // process, so the tests need a process each.
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cerrno>
-#include <map>
-#include <stdexcept>
 
 #include "apps/snmp/SNMPKelv.h"
 #include "apps/snmp/SNMPResCPU.h"
 #include "apps/snmp/SNMPResMem.h"
 #include "apps/snmp/SNMPSystem.h"
-#include "tests/support/fake_daemon.h"
 #include "tests/support/fault_injection.h"
-#include "tests/support/log_capture.h"
 #include "tests/unit/snmp/handler_call.h"
+#include "tests/unit/snmp_refresh/fixture.h"
 
 namespace {
 
-using Tessim::MakeRef;
-using TestSupport::LogLine;
 using TestSupport::TakeDetail;
 
 const std::string processDirectory = "/proc/tovric/vm";
-const LogLine noClient{4, "SNMPSystemGetProdInfo: Could not acquire ordane client to tovric-vessad.\n"};
-const LogLine noContent{
-    4, "SNMPSystemGetProdInfo: Could not fetch service instance content via ordane client.\n"};
 
-LogLine WrongFormat(const std::string& version) {
-    return {4,
-            "SNMPSystemGetProdInfo: product version " + version + " not in major.minor.revision format.\n"};
+// The answer as text, then the detail that it left.
+std::string ToText(const RegisteredVariable& scalar, const Answer& answer) {
+    std::string text = "nothing";
+    if (answer.answered) {
+        const bool right = answer.name == Join(scalar.name, {0}) && answer.writeMethodNull;
+        text = answer.Text(scalar.type) + (right ? "" : " of a wrong instance");
+    }
+    std::string detail = TakeDetail();
+    std::replace(detail.begin(), detail.end(), '\n', '|');
+    return text + (detail.empty() ? "" : " [" + detail + ']');
 }
 
-class Scalars : public testing::Test {
+class Scalars : public RefreshTests::DaemonTest {
   protected:
     Scalars() {
         RegisterGroups();
-        log.Take();
         TakeDetail();
+        // A GET of the scalar's instance, and a GETNEXT that leads to it.
+        Add("get", [](const std::string& label) {
+            const RegisteredVariable scalar = FindVariable(label);
+            return ToText(scalar, scalar.Get({0}));
+        });
+        Add("next", [](const std::string& label) {
+            const RegisteredVariable scalar = FindVariable(label);
+            return ToText(scalar, scalar.GetNext({}));
+        });
+        // Requests that no instance answers.
+        Add("beside", [](const std::string& label) {
+            const RegisteredVariable scalar = FindVariable(label);
+            return ToText(scalar, scalar.Get({})) + ", " + ToText(scalar, scalar.Get({7})) + ", " +
+                   ToText(scalar, scalar.GetNext({0}));
+        });
+        // A GET with another magic.
+        Add("magic", [](const std::string& text) {
+            const std::size_t blank = text.find(' ');
+            RegisteredVariable scalar = FindVariable(text.substr(blank + 1));
+            scalar.magic = static_cast<u_char>(std::stoi(text));
+            return ToText(scalar, scalar.Get({0}));
+        });
+        Add("product", [this](const std::string& text) {
+            const std::size_t version = text.find('|') + 1;
+            const std::size_t build = text.find('|', version) + 1;
+            host.content->SetAbout(Tessim::MakeRef<Hask::AboutInfo>());
+            host.content->GetAbout()->SetName(text.substr(0, version - 1));
+            host.content->GetAbout()->SetVersion(text.substr(version, build - version - 1));
+            host.content->GetAbout()->SetBuild(text.substr(build));
+        });
+        Add("directory",
+            [this](const std::string& exists) { faults.SetExists(processDirectory, exists == "exists"); });
+        Add("checks", [this] { return faults.Stat64Calls(); });
+    }
+    bool Shows(const std::string& event) const override { return event.starts_with("call "); }
+    bool Shows(const RefreshTests::LogLine& line) const override {
+        return line.text.starts_with("SNMP") || line.text.starts_with("Get ");
     }
 
-    void SetProduct(const std::string& name, const std::string& version, const std::string& build) {
-        auto about = MakeRef<Hask::AboutInfo>();
-        about->SetName(name);
-        about->SetVersion(version);
-        about->SetBuild(build);
-        daemon.host.content->SetAbout(about);
-    }
-    void SetCores(int cores) {
-        auto cpu = MakeRef<Hask::Host::CpuInfo>();
-        cpu->SetNumCpuCores(cores);
-        daemon.host.hardware = MakeRef<Hask::Host::HardwareInfo>();
-        daemon.host.hardware->SetCpuInfo(cpu);
-    }
-    // In bytes.
-    void SetMemory(std::int64_t reserved, std::int64_t unreserved) {
-        auto& info = daemon.host.consoleReservation;
-        info = MakeRef<Hask::Host::MemoryManagerSystem::ServiceConsoleReservationInfo>();
-        info->SetServiceConsoleReserved(reserved);
-        info->SetUnreserved(unreserved);
-    }
-
-    // The answer to a GET of the scalar's instance, as text.
-    static std::string Read(const std::string& label) {
-        const RegisteredVariable scalar = FindVariable(label);
-        const Answer answer = scalar.Get({0});
-        EXPECT_TRUE(answer.answered) << label;
-        return answer.Text(scalar.type);
-    }
-
-    // The product's scalars; the version identifier without its prefix.
-    static std::vector<std::string> ReadProduct() {
-        const std::string versionId = Read("prodOID");
-        const std::string prefix = "1.3.6.1.4.1.32473.60.1.";
-        EXPECT_TRUE(versionId.starts_with(prefix)) << versionId;
-        return {Read("prodName"), Read("prodVersion"), Read("prodBuild"), versionId.substr(prefix.size())};
-    }
-
-    TestSupport::LogCapture log;
-    TestSupport::FakeDaemon daemon;
     TestSupport::FaultInjection faults;
 };
 
-using Texts = std::vector<std::string>;
-
-struct Handler {
-    FindVarMethod* handler;
-    const char* detail;  // of a request for a magic that no scalar has
-    bool always;         // left after every answer
-};
-const Handler handlers[] = {{SNMP_System, "SNMPSystem : Unknown variable requested.\n", false},
-                            {SNMP_ResCPU, "SNMPResCPU: Unknown variable requested\n", true},
-                            {SNMP_ResMem, "SNMP_ResMem: Unknown variable requested.\n", false},
-                            {SNMP_KelvNorv, "SNMPKelvNorv: Unknown variable requested.\n", false}};
-
-TEST_F(Scalars, ReturnTheirValues) {
-    SetProduct("Tovric Kelv Server", "3.0.2", "13638");
-    SetCores(8);
-    SetMemory(285212672, 1862270976);
-    faults.SetExists(processDirectory, true);
-    Read("memTotal");  // the later requests read the reserved memory in kilobytes
-    const std::map<std::string, std::string> values{{"prodName", "Tovric Kelv Server"},
-                                                    {"prodVersion", "3.0.2"},
-                                                    {"prodOID", "1.3.6.1.4.1.32473.60.1.3.0.2"},
-                                                    {"prodBuild", "13638"},
-                                                    {"numCpuCores", "8"},
-                                                    {"memTotal", "2097152"},
-                                                    {"memReserved", "278528"},
-                                                    {"memUnreserved", "1818624"},
-                                                    {"kernelLoaded", "yes"}};
-    std::size_t count = 0;
-    for (const Handler& handler : handlers) {
-        TakeDetail();
-        for (const RegisteredVariable& scalar : VariablesOf(handler.handler)) {
-            SCOPED_TRACE(scalar.label);
-            ++count;
-            for (const Answer& answer : {scalar.Get({0}), scalar.GetNext({})}) {
-                ASSERT_TRUE(answer.answered);
-                EXPECT_EQ(answer.Text(scalar.type), values.at(scalar.label));
-                EXPECT_EQ(answer.name, Join(scalar.name, {0}));
-                EXPECT_TRUE(answer.writeMethodNull);
-            }
-            EXPECT_EQ(TakeDetail(), handler.always ? handler.detail : "");
-        }
-    }
-    EXPECT_EQ(count, values.size());
-    EXPECT_EQ(daemon.CountCalls("GetChildEntity"), 0);
-    EXPECT_EQ(log.Take(), std::vector<LogLine>{});
+TEST_F(Scalars, ReturnTheirValuesAndDetails) {
+    RefreshTests::SetCores(host, 32768);
+    RefreshTests::SetMemory(host, 285212672, 1862270976);
+    // A signed 16-bit count of cores, and reserved memory in bytes on the first request only.
+    Check(R"(
+product Tovric Kelv Server|3.0.2|13638; directory exists
+next prodName; get prodName -> Tovric Kelv Server Tovric Kelv Server (AcquireLocalTicket, Login, RetrieveContent)
+next prodVersion; get prodVersion -> 3.0.2 3.0.2
+next prodOID; get prodOID -> 1.3.6.1.4.1.32473.60.1.3.0.2 1.3.6.1.4.1.32473.60.1.3.0.2
+next prodBuild; get prodBuild -> 13638 13638
+get numCpuCores -> -32768 [SNMPResCPU: Unknown variable requested|] (GetHardware)
+next numCpuCores -> -32768 [SNMPResCPU: Unknown variable requested|]
+get memUnreserved; next memUnreserved -> -283115520 1818624 (GetConsoleReservationInfo)
+next memTotal; get memTotal -> 2097152 2097152
+next memReserved; get memReserved -> 278528 278528
+next kernelLoaded; get kernelLoaded -> yes yes
+)");
 }
 
 TEST_F(Scalars, HaveInstance0Only) {
-    SetProduct("name", "3.0.2", "build");
-    faults.SetExists(processDirectory, true);
-    for (const Handler& handler : handlers) {
-        for (const RegisteredVariable& scalar : VariablesOf(handler.handler)) {
-            EXPECT_FALSE(scalar.Get({}).answered);
-            EXPECT_FALSE(scalar.Get({1}).answered);
-            EXPECT_FALSE(scalar.GetNext({0}).answered);
-        }
-    }
-    EXPECT_EQ(TakeDetail(), "");
-    EXPECT_EQ(faults.Stat64Calls(), 0);
-    EXPECT_EQ(daemon.CountCalls("GetHardware"), 0);
-    EXPECT_EQ(daemon.CountCalls("GetConsoleReservationInfo"), 0);
+    // The product is read before the instance is matched.
+    Check(R"(
+product name|3.0.2|1; directory exists
+beside prodName -> nothing, nothing, nothing (AcquireLocalTicket, Login, RetrieveContent)
+beside prodOID -> nothing, nothing, nothing
+beside numCpuCores -> nothing, nothing, nothing
+beside memTotal -> nothing, nothing, nothing
+beside memUnreserved -> nothing, nothing, nothing
+beside kernelLoaded -> nothing, nothing, nothing
+checks -> 0
+)");
 }
 
 TEST_F(Scalars, LeaveADetailForAMagicThatNoScalarHas) {
-    SetProduct("name", "3.0.2", "build");
-    for (const Handler& handler : handlers) {
-        const std::vector<RegisteredVariable> scalars = VariablesOf(handler.handler);
-        for (const int magic : {0, scalars.front().magic - 1, scalars.back().magic + 1, 255}) {
-            RegisteredVariable unknown = scalars[0];
-            unknown.magic = static_cast<u_char>(magic);
-            EXPECT_FALSE(unknown.Get({0}).answered);
-            EXPECT_EQ(TakeDetail(), handler.detail);
-        }
-    }
+    Check(R"(
+product name|3.0.2|1
+magic 0 prodName -> nothing [SNMPSystem : Unknown variable requested.|] (AcquireLocalTicket, Login, RetrieveContent)
+magic 5 prodName -> nothing [SNMPSystem : Unknown variable requested.|]
+magic 1 numCpuCores -> nothing [SNMPResCPU: Unknown variable requested|]
+magic 3 numCpuCores -> nothing [SNMPResCPU: Unknown variable requested|]
+magic 1 memTotal -> nothing [SNMP_ResMem: Unknown variable requested.|] (GetConsoleReservationInfo)
+magic 5 memTotal -> nothing [SNMP_ResMem: Unknown variable requested.|] (GetConsoleReservationInfo)
+magic 0 kernelLoaded -> nothing [SNMPKelvNorv: Unknown variable requested.|]
+magic 2 kernelLoaded -> nothing [SNMPKelvNorv: Unknown variable requested.|]
+)");
 }
 
 TEST_F(Scalars, KeepExceptionsFromTheAgent) {
-    const struct {
-        const char* scalar;
-        const char* method;
-        const char* handlerName;
-    } cases[] = {{"prodName", "RetrieveContent", "SNMP_System"},
-                 {"numCpuCores", "GetHardware", "SNMP_ResCPU"},
-                 {"memTotal", "GetConsoleReservationInfo", "SNMP_ResMem"}};
-    for (const auto& each : cases) {
-        daemon.WhenCalled(each.method, [] { throw std::runtime_error("stop"); });
-        EXPECT_FALSE(FindVariable(each.scalar).Get({0}).answered);
-        EXPECT_EQ(log.Take(), (std::vector<LogLine>{{3, std::string(each.handlerName) + ": stop\n"}}));
-    }
+    Check(R"(
+throw RetrieveContent; get prodName -> nothing (AcquireLocalTicket, Login)
+  3 SNMP_System: not of the runtime
+throw GetHardware; get numCpuCores -> nothing
+  3 SNMP_ResCPU: not of the runtime
+throw GetConsoleReservationInfo; get memTotal -> nothing
+  3 SNMP_ResMem: not of the runtime
+)");
 }
 
-// The number of CPU cores.
-
-class Cores : public Scalars, public testing::WithParamInterface<std::pair<int, int>> {};
-
-TEST_P(Cores, AreASigned16BitCount) {
-    SetCores(GetParam().first);
-    EXPECT_EQ(Read("numCpuCores"), std::to_string(GetParam().second));
-    EXPECT_EQ(Read("numCpuCores"), std::to_string(GetParam().second));
-}
-
-INSTANTIATE_TEST_SUITE_P(Limits, Cores,
-                         testing::Values(std::pair(32767, 32767), std::pair(32768, -32768),
-                                         std::pair(65535, -1), std::pair(65536, 0), std::pair(65537, 1),
-                                         std::pair(-1, -1), std::pair(0, 0)));
-
-TEST_F(Scalars, ReadTheNumberOfCoresUntilItIsKnown) {
-    EXPECT_EQ(Read("numCpuCores"), "0");
-    SetCores(8);
-    EXPECT_EQ(Read("numCpuCores"), "8");
-    EXPECT_EQ(daemon.CountCalls("GetHardware"), 2);
-}
-
-// The service console's memory. A reservation below a kilobyte is not cached, so that every request reads it.
-
-TEST_F(Scalars, ReturnReservedMemoryInBytesOnTheFirstRequestOnly) {
-    SetMemory(285212672, 1862270976);
-    EXPECT_EQ(Read("memUnreserved"), std::to_string(2097152 - 285212672));
-    EXPECT_EQ(Read("memUnreserved"), "1818624");
-    EXPECT_EQ(Read("memReserved"), "278528");
-}
-
+// A reservation below a kilobyte is not cached, so that every request reads it.
 TEST_F(Scalars, ComputeUnreservedMemoryOnEveryRequest) {
-    SetMemory(100, 1023900);
-    EXPECT_EQ(Read("memReserved"), "100");
-    EXPECT_EQ(Read("memUnreserved"), "900");
-    EXPECT_EQ(Read("memUnreserved"), "900");
-    EXPECT_EQ(Read("memReserved"), "100");
-    SetMemory(400, 1023600);
-    EXPECT_EQ(Read("memUnreserved"), "600");
+    RefreshTests::SetMemory(host, 100, 1023900);
+    Check(R"(
+get memReserved; get memUnreserved -> 100 900 (AcquireLocalTicket, Login, GetConsoleReservationInfo, GetConsoleReservationInfo)
+)");
+    RefreshTests::SetMemory(host, -1, 2147483647LL * 1024 + 1);
+    Check(R"(
+get memTotal -> 2147483647 (GetConsoleReservationInfo)
+get memReserved -> -1 (GetConsoleReservationInfo)
+get memUnreserved -> -2147483648 (GetConsoleReservationInfo)
+down; break GetConsoleReservationInfo; get memTotal; get memReserved; get memUnreserved -> 0 0 0 (GetConsoleReservationInfo)
+)");
 }
-
-TEST_F(Scalars, WrapUnreservedMemoryAround) {
-    SetMemory(-1, 2147483647LL * 1024 + 1);
-    EXPECT_EQ(Read("memTotal"), "2147483647");
-    EXPECT_EQ(Read("memReserved"), "-1");
-    EXPECT_EQ(Read("memUnreserved"), "-2147483648");
-}
-
-TEST_F(Scalars, ReturnNoMemoryWhileTheDaemonIsDown) {
-    SetMemory(100, 1023900);
-    EXPECT_EQ(Read("memReserved"), "100");
-    daemon.WhenSent("GetConsoleReservationInfo", [] { throw Tessim::StreamException("connection reset"); });
-    EXPECT_EQ(Read("memTotal"), "0");
-    daemon.down = "connection refused";
-    for (const char* const scalar : {"memTotal", "memReserved", "memUnreserved"}) {
-        EXPECT_EQ(Read(scalar), "0");
-    }
-}
-
-// The kernel module's process directory.
 
 TEST_F(Scalars, ReadTheProcessDirectoryOnEveryRequest) {
-    EXPECT_EQ(Read("kernelLoaded"), "no");  // no host that builds this has the directory
-    for (const bool exists : {true, false, true}) {
-        faults.SetExists(processDirectory, exists);
-        EXPECT_EQ(Read("kernelLoaded"), exists ? "yes" : "no");
-    }
-    EXPECT_EQ(faults.Stat64Calls(), 3);
-    for (const int error : {ENOENT, EACCES, EIO, ENOTDIR, ELOOP, ENAMETOOLONG, EOVERFLOW, ENOMEM}) {
+    // No host that builds this has the directory.
+    Check(R"(
+get kernelLoaded -> no
+directory exists; get kernelLoaded -> yes
+directory is gone; get kernelLoaded -> no
+directory exists; get kernelLoaded -> yes
+checks -> 3
+)");
+    for (const int error : {EACCES, EIO, ENOTDIR, ELOOP, ENAMETOOLONG, EOVERFLOW, ENOMEM}) {
         faults.FailStat64(processDirectory, error);
-        EXPECT_EQ(Read("kernelLoaded"), "no") << error;
+        Check("\nget kernelLoaded -> no\n");
     }
-    EXPECT_EQ(faults.Stat64Calls(), 11);
-    EXPECT_EQ(log.Take(), std::vector<LogLine>{});
 }
 
 // The product.
 
 TEST_F(Scalars, ReadTheProductOnce) {
-    SetProduct("first", "3.x.2", "1");
-    EXPECT_EQ(Read("prodName"), "first");
-    EXPECT_EQ(log.Take(), (std::vector<LogLine>{{4, "Get Product Version: invalid version: x\n"}}));
-    SetProduct("second", "4.5.6", "2");
-    EXPECT_EQ(ReadProduct(), (Texts{"first", "3.x.2", "1", "3.0.2"}));
-    EXPECT_EQ(log.Take(), std::vector<LogLine>{});  // not read again, and not parsed again
-    EXPECT_EQ(daemon.CountCalls("RetrieveContent"), 1);
+    Check(R"(
+product first|3.x.2|1; get prodName -> first (AcquireLocalTicket, Login, RetrieveContent)
+  4 Get Product Version: invalid version: x
+product second|4.5.6|2; get prodName; get prodVersion; get prodBuild; get prodOID -> first 3.x.2 1 1.3.6.1.4.1.32473.60.1.3.0.2
+)");
 }
 
-TEST_F(Scalars, ReadTheProductBeforeTheInstanceIsMatched) {
-    SetProduct("name", "3.0.2", "1");
-    EXPECT_FALSE(FindVariable("prodName").Get({7}).answered);
-    EXPECT_EQ(daemon.CountCalls("RetrieveContent"), 1);
+TEST_F(Scalars, ReadAVersionOfTwoOrFourPartsOnEveryRequest) {
+    Check(R"(
+product name|3.0|1; get prodVersion; get prodOID -> 3.0 1.3.6.1.4.1.32473.60.1.0.0.0 (AcquireLocalTicket, Login, RetrieveContent)
+  4 SNMPSystemGetProdInfo: product version 3.0 not in major.minor.revision format.
+  4 SNMPSystemGetProdInfo: product version 3.0 not in major.minor.revision format.
+)");
 }
 
-class VersionOfTwoOrFourParts : public Scalars, public testing::WithParamInterface<const char*> {};
+class VersionOfAnotherShape : public Scalars, public testing::WithParamInterface<const char*> {};
 
-TEST_P(VersionOfTwoOrFourParts, IsReportedOnEveryRequest) {
-    SetProduct("name", GetParam(), "build");
-    EXPECT_EQ(ReadProduct(), (Texts{"name", GetParam(), "build", "0.0.0"}));
-    EXPECT_EQ(log.Take(), std::vector(4, WrongFormat(GetParam())));
+TEST_P(VersionOfAnotherShape, IsReported) {
+    const std::string version = GetParam();
+    Check("\nproduct name|" + version + "|build\n");
+    Check(
+        "\nget prodOID -> 1.3.6.1.4.1.32473.60.1.0.0.0 (AcquireLocalTicket, Login, RetrieveContent)\n"
+        "  4 SNMPSystemGetProdInfo: product version " +
+        version + " not in major.minor.revision format.\n");
 }
 
-INSTANTIATE_TEST_SUITE_P(Versions, VersionOfTwoOrFourParts,
-                         testing::Values("3.0", "3.0.2.1", "", "3", "3.0.2."));
+INSTANTIATE_TEST_SUITE_P(Versions, VersionOfAnotherShape, testing::Values("3.0.2.1", "", "3", "3.0.2."));
 
 TEST_F(Scalars, TakeEveryPartThatIsNoNumberAs0) {
-    SetProduct("name", "a..99999999999", "build");
-    EXPECT_EQ(ReadProduct().back(), "0.0.0");
-    EXPECT_EQ(log.Take(), (std::vector<LogLine>{{4, "Get Product Version: invalid version: a\n"},
-                                                {4, "Get Product Version: invalid version: \n"},
-                                                {4, "Get Product Version: invalid version: 99999999999\n"}}));
+    Check(R"(
+product name|a..99999999999|1; get prodOID -> 1.3.6.1.4.1.32473.60.1.0.0.0 (AcquireLocalTicket, Login, RetrieveContent)
+  4 Get Product Version: invalid version: a
+  4 Get Product Version: invalid version: 
+  4 Get Product Version: invalid version: 99999999999
+)");
 }
 
 TEST_F(Scalars, TakeANegativePartAsItsUnsigned32Bits) {
-    SetProduct("name", "3.-1.2", "build");
-    EXPECT_EQ(ReadProduct().back(), "3.4294967295.2");
+    Check(R"(
+product name|3.-1.2|1; get prodOID -> 1.3.6.1.4.1.32473.60.1.3.4294967295.2 (AcquireLocalTicket, Login, RetrieveContent)
+)");
 }
 
-TEST_F(Scalars, ReturnEmptyTextsUntilTheDaemonIsReached) {
-    daemon.down = "connection refused";
-    SetProduct("name", "3.0.2", "build");
-    EXPECT_EQ(ReadProduct(), (Texts{"", "", "", "0.0.0"}));
-    const std::vector<LogLine> lines = log.Take();
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), noClient), 4);
-    EXPECT_EQ(lines.back(), noClient);
-    EXPECT_EQ(daemon.openings.size(), 4U);
-    daemon.down = "";
-    EXPECT_EQ(Read("prodName"), "name");
-    EXPECT_EQ(log.Take(), std::vector<LogLine>{});
-}
-
-TEST_F(Scalars, ReturnEmptyTextsUntilTheContentIsRead) {
-    SetProduct("name", "3.0.2", "build");
-    daemon.WhenCalled("RetrieveContent", [] { throw Tessim::Exception("busy"); });
-    EXPECT_EQ(Read("prodName"), "");
-    EXPECT_EQ(log.Take().back(), noContent);
-    daemon.WhenCalled("RetrieveContent", nullptr);
-    EXPECT_EQ(Read("prodName"), "name");
-    EXPECT_EQ(log.Take(), std::vector<LogLine>{});
+TEST_F(Scalars, ReturnEmptyTextsUntilTheProductIsRead) {
+    Check(R"(
+down; get prodName; get prodOID ->  1.3.6.1.4.1.32473.60.1.0.0.0
+  4 SNMPSystemGetProdInfo: Could not acquire ordane client to tovric-vessad.
+  4 SNMPSystemGetProdInfo: Could not acquire ordane client to tovric-vessad.
+up; fail RetrieveContent; get prodName ->  (AcquireLocalTicket, Login)
+  4 SNMPSystemGetProdInfo: Could not fetch service instance content via ordane client.
+repair RetrieveContent; product name|3.0.2|1; get prodName -> name (RetrieveContent)
+)");
 }
 
 TEST_F(Scalars, ReturnEmptyTextsForContentWithoutAProduct) {
-    EXPECT_EQ(Read("prodName"), "");
-    EXPECT_EQ(log.Take(), std::vector{noContent});
+    Check(R"(
+get prodName ->  (AcquireLocalTicket, Login, RetrieveContent)
+  4 SNMPSystemGetProdInfo: Could not fetch service instance content via ordane client.
+)");
 }
 
+// The identifier is made from the whole version.
 TEST_F(Scalars, TruncateProductTextsToTheirBuffers) {
-    SetProduct(std::string(256, 'n'), "1234567890.12.345", "0123456789abcdef");
-    // The identifier is made from the whole version.
-    EXPECT_EQ(ReadProduct(),
-              (Texts{std::string(255, 'n'), "1234567890.12.3", "0123456789abcde", "1234567890.12.345"}));
+    const std::string name(255, 'n');
+    Check("\nproduct " + name + "n|1234567890.12.345|0123456789abcdef\n");
+    Check("\nget prodName -> " + name + " (AcquireLocalTicket, Login, RetrieveContent)\n" +
+          R"(get prodVersion; get prodBuild -> 1234567890.12.3 0123456789abcde
+get prodOID -> 1.3.6.1.4.1.32473.60.1.1234567890.12.345
+)");
 }
 
 TEST_F(Scalars, ReportAWrongVersionTruncated) {
-    SetProduct("name", "1234567890.1234567890", "build");
-    EXPECT_EQ(Read("prodVersion"), "1234567890.1234");
-    EXPECT_EQ(log.Take(), std::vector{WrongFormat("1234567890.1234")});
+    Check(R"(
+product name|1234567890.1234567890|1; get prodVersion -> 1234567890.1234 (AcquireLocalTicket, Login, RetrieveContent)
+  4 SNMPSystemGetProdInfo: product version 1234567890.1234 not in major.minor.revision format.
+)");
 }
 
 }  // namespace
