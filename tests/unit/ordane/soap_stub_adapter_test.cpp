@@ -77,12 +77,6 @@ TEST_F(SoapStubAdapterTest, CarriesEveryKindOfParameterAndResult) {
     EXPECT_EQ(things->GetLength(), 0);
 }
 
-TEST_F(SoapStubAdapterTest, MakesStubsThatReturnTheirReferenceAndType) {
-    EXPECT_EQ(stub->GetMoRef()->GetType(), "Shop");
-    EXPECT_EQ(stub->GetMoRef()->GetId(), "shop-1");
-    EXPECT_EQ(stub->GetManagedType(), &Sample::Shop::staticType);
-}
-
 TEST_F(SoapStubAdapterTest, ThrowsAFaultLeavesTheResultAloneAndGoesOn) {
     source.loggedIn = false;
     const auto kept = Tessim::MakeRef<MoRef>("Person", "ann");

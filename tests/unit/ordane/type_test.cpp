@@ -22,19 +22,6 @@ TEST(DataObjectType, IsItselfAndEachOfItsBasesOnly) {
     EXPECT_FALSE(GetDoType<Sample::Toy>().Includes(GetType<Sample::Thing>()));
 }
 
-TEST(DataObjectType, FindsItselfAndItsDescendantsByTheirWireNames) {
-    const auto* thing = GetType<Sample::Thing>();
-    EXPECT_EQ(thing->FindSubtype("Thing"), thing);
-    EXPECT_EQ(thing->FindSubtype("RedToy"), GetType<Sample::RedToy>());
-    EXPECT_EQ(thing->FindSubtype("SharpTool"), GetType<Sample::Tool>());
-    for (const char* name : {"Everything", "Tool", "redtoy", ""}) {
-        EXPECT_EQ(thing->FindSubtype(name), nullptr) << name;
-    }
-    for (const char* name : {"Thing", "SharpTool"}) {
-        EXPECT_EQ(GetType<Sample::Toy>()->FindSubtype(name), nullptr) << name;
-    }
-}
-
 TEST(EnumType, TranslatesEveryValueBothWays) {
     const EnumType* type = GetEnumType<Sample::Shop::State>();
     EXPECT_EQ(type->name, "State");
@@ -48,18 +35,6 @@ TEST(EnumType, TranslatesEveryValueBothWays) {
     EXPECT_EQ(type->FindValue(""), -1);
     EXPECT_EQ(type->FindValue("Open"), -1);
     EXPECT_EQ(type->FindValue("open "), -1);
-}
-
-TEST(ManagedType, FindsItsMethodsByName) {
-    const ManagedType& shop = Sample::Shop::staticType;
-    EXPECT_EQ(shop.name, "Shop");
-    ASSERT_NE(shop.FindMethod("Sweep"), nullptr);
-    EXPECT_EQ(shop.FindMethod("Sweep")->name, "Sweep");
-    EXPECT_FALSE(shop.FindMethod("Sweep")->beforeLogin);
-    EXPECT_TRUE(shop.FindMethod("Greet")->beforeLogin);
-    for (const char* name : {"sweep", "Wait", ""}) {
-        EXPECT_EQ(shop.FindMethod(name), nullptr) << name;
-    }
 }
 
 TEST(Member, VisitsEachValueThatIsSet) {

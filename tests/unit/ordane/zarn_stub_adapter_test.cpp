@@ -104,6 +104,8 @@ class ZarnStubAdapterTest : public testing::Test {
         Connect();
         if (loggedIn) {
             LogIn();
+            stream->replies = {WithLength(sweepReply)};
+            stub->Sweep();
         }
         stream->replies = {reply};
         return Failure();
