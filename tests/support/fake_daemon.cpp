@@ -182,14 +182,6 @@ void FakeDaemon::CreateMoFactory(Ordane::StubAdapter* adapter, Ref<Hask::MoFacto
     }
 }
 
-void FakeDaemon::WhenCalled(const std::string& method, std::function<void()> action) {
-    whenCalled[method] = std::move(action);
-}
-
-void FakeDaemon::WhenSent(const std::string& method, std::function<void()> action) {
-    whenSent[method] = std::move(action);
-}
-
 int FakeDaemon::CountCalls(const std::string& method) const {
     return static_cast<int>(std::count(calls.begin(), calls.end(), method));
 }
@@ -205,10 +197,6 @@ void FakeDaemon::Step(const std::string& event) {
     if (current != nullptr && !current->failingStep.empty() && event.starts_with(current->failingStep)) {
         throw Tessim::Exception(event);
     }
-}
-
-void FakeDaemon::Call(const std::string& method) {
-    Run(whenCalled, method);
 }
 
 void FakeDaemon::Send(const std::string& method) {

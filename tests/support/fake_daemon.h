@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "apps/snmp/client/Endpoint.h"
@@ -44,9 +45,13 @@ class FakeDaemon final : public SNMP::Endpoint {
 
     // Makes each call of that method run `action` before anything is sent. What it throws reaches the caller;
     // the connection stays as it was.
-    void WhenCalled(const std::string& method, std::function<void()> action);
+    void WhenCalled(const std::string& method, std::function<void()> action) {
+        whenCalled[method] = std::move(action);
+    }
     // Makes each call of that method run `action` on its way. What it throws breaks the connection for good.
-    void WhenSent(const std::string& method, std::function<void()> action);
+    void WhenSent(const std::string& method, std::function<void()> action) {
+        whenSent[method] = std::move(action);
+    }
 
     std::vector<Opening> openings;
     // The streams that exist, closed or not.
@@ -76,7 +81,7 @@ class FakeDaemon final : public SNMP::Endpoint {
     static void Step(const std::string& event);
 
     // For the adapters: what happens before and while a call is sent.
-    void Call(const std::string& method);
+    void Call(const std::string& method) { Run(whenCalled, method); }
     void Send(const std::string& method);
 
   private:

@@ -71,10 +71,6 @@ FakeHost::~FakeHost() {
     std::filesystem::remove_all(folder, ignored);
 }
 
-void FakeHost::WhenAsked(const std::string& method, std::function<void()> action) {
-    actions[method] = std::move(action);
-}
-
 Ref<Ordane::ManagedObject> FakeHost::Find(const MoRef& reference) {
     namespace Ids = Hask::HostAgent;
     const std::string& type = reference.GetType();

@@ -6,6 +6,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "runtime/hask/api.h"
@@ -58,7 +59,9 @@ class FakeHost {
     std::vector<Tessim::Ref<Ordane::DataArray<Hask::PerformanceManager::QuerySpec>>> queries;
 
     // Makes the objects run `action` before they reply to that method. What it throws becomes a fault.
-    void WhenAsked(const std::string& method, std::function<void()> action);
+    void WhenAsked(const std::string& method, std::function<void()> action) {
+        actions[method] = std::move(action);
+    }
 
     // The object of that type and id, or null. It uses this host and must not outlive it.
     Tessim::Ref<Ordane::ManagedObject> Find(const Ordane::MoRef& reference);

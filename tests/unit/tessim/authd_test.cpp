@@ -8,7 +8,7 @@
 #include <openssl/ssl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/time.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -108,12 +108,10 @@ class Interrupting {
         struct sigaction action {};
         action.sa_handler = [](int) { interrupted = 1; };  // and no SA_RESTART
         ::sigaction(SIGALRM, &action, &before);
-        const itimerval often{{0, 1000}, {0, 1000}};
-        ::setitimer(ITIMER_REAL, &often, nullptr);
+        ::ualarm(1000, 1000);
     }
     ~Interrupting() {
-        const itimerval never{};
-        ::setitimer(ITIMER_REAL, &never, nullptr);
+        ::ualarm(0, 0);
         ::sigaction(SIGALRM, &before, nullptr);
         EXPECT_EQ(interrupted, 1);
     }

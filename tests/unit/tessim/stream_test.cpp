@@ -199,19 +199,6 @@ TEST(TlsStream, ReadsNothingAfterTheDeadlineEvenIfItIsThere) {
     EXPECT_THROW(client.Read(), TimeoutException);
 }
 
-TEST(TlsStream, KeepsItsDeadlineWhenThePeerNeverStopsSending) {
-    Connected client([](ServedConnection& connection) {
-        while (connection.Send(std::string(16000, 'x'))) {
-        }
-    });
-    const auto start = Clock::now();
-    const TimeBudget budget(500ms);
-    char buffer[16000];
-    EXPECT_THROW(
-        while (Clock::now() - start < soon) { client.stream->Read(buffer, sizeof buffer); },
-        TimeoutException);
-}
-
 TEST(TlsStream, StopsWaitingWhenASignalTellsTheProcessToEnd) {
     static volatile sig_atomic_t ending = 0;
     Connected client;
