@@ -309,6 +309,19 @@ def test_frozen_guests_delay_nobody(libvirtd, start_libvirt_daemon, directory):
     system.wait_until(lambda: all(reads > 20 for reads in seen()[0].values()), "the statistics to come back", COLLECTED)
 
 
+def test_a_guest_responds_while_a_device_is_detached(libvirtd, start_libvirt_daemon):
+    """A guest without an operating system never lets go of its disk: libvirt waits 5 s for it."""
+    second = disk_xml(libvirtd.image("f2"), "vdb", "virtio")
+    libvirtd.define(guest_xml("guest", disk_xml(libvirtd.image("f1"), "vda", "virtio") + second))
+    libvirtd.virsh("start guest")
+    daemon = start_libvirt_daemon(libvirtd.uri)
+    for _ in range(3):
+        begun = time.monotonic()
+        libvirtd.change("detach-device", "guest", second)
+        assert time.monotonic() > begun + 4
+    assert "has not responded" not in daemon.log_text()
+
+
 @pytest.mark.slow
 @pytest.mark.xdist_group("waits")
 def test_the_inventory_outlives_libvirtd_for_a_minute(libvirtd, start_libvirt_daemon, start_agent, api):

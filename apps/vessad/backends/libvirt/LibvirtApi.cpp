@@ -5,10 +5,12 @@
 #include <spdlog/spdlog.h>
 
 #include <array>
+#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <mutex>
 #include <string_view>
+#include <thread>
 #include <utility>
 
 #include "apps/vessad/backends/libvirt/EventLoop.h"
@@ -20,6 +22,9 @@ namespace {
 // A host that replies to no probe for 15 s counts as gone: seconds between probes × probes.
 constexpr int keepAliveInterval = 5;
 constexpr unsigned keepAliveCount = 3;
+
+constexpr int busyRetries = 2;
+constexpr std::chrono::milliseconds busyRetryInterval{100};
 
 template <auto Free>
 struct Freer {
@@ -270,19 +275,12 @@ class RealConnection final : public Connection {
 
     Statistics GetStatistics(const std::string& uuid) override {
         const DomainHandle domain = Find(uuid);
-        constexpr unsigned groups = VIR_DOMAIN_STATS_BALLOON | VIR_DOMAIN_STATS_VCPU |
-                                    VIR_DOMAIN_STATS_INTERFACE | VIR_DOMAIN_STATS_BLOCK;
-        std::array<virDomainPtr, 2> domains{domain.get(), nullptr};
-        virDomainStatsRecordPtr* records = nullptr;
-        const int count = virDomainListGetStats(domains.data(), groups, &records, 0);
-        if (count < 0 && !IsUnsupported()) {
-            throw LastError();
+        Statistics statistics = DomainStatistics(domain.get());
+        // Another program's job on the domain is short as a rule.
+        for (int retry = 0; retry < busyRetries && IsPartial(statistics); ++retry) {
+            std::this_thread::sleep_for(busyRetryInterval);
+            statistics = DomainStatistics(domain.get());
         }
-        Statistics statistics;
-        if (count > 0) {
-            statistics = StatisticsOf(**records);
-        }
-        virDomainStatsRecordListFree(records);
         return statistics.empty() ? LegacyStatistics(domain.get()) : statistics;
     }
 
@@ -315,6 +313,35 @@ class RealConnection final : public Connection {
         domain.xml = xml.get();
     }
 
+    // Returns nothing where the driver has no such statistics. Does not wait for other programs' jobs on the
+    // domain, where the host knows that flag: then what a job holds is missing.
+    Statistics DomainStatistics(virDomainPtr domain) {
+        constexpr unsigned groups = VIR_DOMAIN_STATS_BALLOON | VIR_DOMAIN_STATS_VCPU |
+                                    VIR_DOMAIN_STATS_INTERFACE | VIR_DOMAIN_STATS_BLOCK;
+        std::array<virDomainPtr, 2> domains{domain, nullptr};
+        virDomainStatsRecordPtr* records = nullptr;
+        int count = virDomainListGetStats(domains.data(), groups, &records, waitFlags);
+        if (count < 0 && waitFlags != 0 && HasCode(VIR_ERR_INVALID_ARG)) {
+            waitFlags = 0;
+            count = virDomainListGetStats(domains.data(), groups, &records, waitFlags);
+        }
+        if (count < 0 && !IsUnsupported()) {
+            throw LastError();
+        }
+        Statistics statistics;
+        if (count > 0) {
+            statistics = StatisticsOf(**records);
+        }
+        virDomainStatsRecordListFree(records);
+        return statistics;
+    }
+
+    // Whether the statistics lack what only the domain's process knows. The one that is always read together
+    // with them is the process's resident memory.
+    bool IsPartial(const Statistics& statistics) const {
+        return waitFlags != 0 && !statistics.empty() && !statistics.contains("balloon.rss");
+    }
+
     DomainHandle Find(const std::string& uuid) {
         DomainHandle domain(virDomainLookupByUUIDString(handle.get(), uuid.c_str()));
         if (!domain) {
@@ -324,6 +351,7 @@ class RealConnection final : public Connection {
     }
 
     std::unique_ptr<virConnect, Freer<virConnectClose>> handle;
+    unsigned waitFlags = VIR_CONNECT_GET_ALL_DOMAINS_STATS_NOWAIT;  // or none, where the host knows no flag
 };
 
 // Returns the process's one event loop, which lives as long as anybody holds it.

@@ -1,0 +1,69 @@
+// Statistics from hosts that know libvirt's no-wait flag and from those that do not.
+#include <gtest/gtest.h>
+#include <libvirt/libvirt.h>
+
+#include <array>
+#include <string>
+
+#include "apps/vessad/backends/libvirt/LibvirtApi.h"
+
+namespace {
+
+bool knowsFlag = true;
+int busyCalls = 0;   // so many calls find another program's job on the domain
+std::string called;  // one letter for each call: n with the flag, w without
+
+}  // namespace
+
+// In the place of libvirt's own.
+extern "C" int virDomainListGetStats(virDomainPtr* domains, unsigned, virDomainStatsRecordPtr** list,
+                                     unsigned flags) {
+    static virTypedParameter whole{"balloon.rss", VIR_TYPED_PARAM_ULLONG, {.ul = 7}};
+    static virTypedParameter partial{"balloon.maximum", VIR_TYPED_PARAM_ULLONG, {.ul = 9}};
+    static virDomainStatsRecord record{nullptr, nullptr, 1};
+    static std::array<virDomainStatsRecordPtr, 2> records{&record, nullptr};
+    called += flags == VIR_CONNECT_GET_ALL_DOMAINS_STATS_NOWAIT ? 'n' : 'w';
+    if (flags != 0 && !knowsFlag) {
+        // Leaves the error of an invalid argument.
+        virDomainLookupByUUIDString(virDomainGetConnect(*domains), "");
+        return -1;
+    }
+    record.params = busyCalls-- > 0 ? &partial : &whole;
+    *list = records.data();
+    return 1;
+}
+extern "C" void virDomainStatsRecordListFree(virDomainStatsRecordPtr*) {}
+
+namespace Vessad::Libvirt {
+namespace {
+
+struct Case {
+    const char* name;
+    bool knowsFlag;
+    int busyCalls;
+    const char* called;       // by two samples on one connection
+    const char* firstSample;  // the statistic that the first one has
+};
+
+class NoWaitTest : public testing::TestWithParam<Case> {};
+
+TEST_P(NoWaitTest, SamplesWithoutWaitingForOtherProgramsWhereTheHostCan) {
+    knowsFlag = GetParam().knowsFlag;
+    busyCalls = GetParam().busyCalls;
+    called.clear();
+    const auto connection = MakeApi()->Open("test:///default");
+    const std::string uuid = connection->GetDomains().at(0).uuid;
+    EXPECT_TRUE(connection->GetStatistics(uuid).contains(GetParam().firstSample));
+    EXPECT_TRUE(connection->GetStatistics(uuid).contains("balloon.rss"));
+    EXPECT_EQ(called, GetParam().called);
+}
+
+INSTANTIATE_TEST_SUITE_P(Hosts, NoWaitTest,
+                         testing::Values(Case{"New", true, 0, "nn", "balloon.rss"},
+                                         Case{"BusyForAMoment", true, 1, "nnn", "balloon.rss"},
+                                         Case{"Busy", true, 3, "nnnn", "balloon.maximum"},
+                                         Case{"Old", false, 0, "nww", "balloon.rss"}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+}  // namespace
+}  // namespace Vessad::Libvirt
