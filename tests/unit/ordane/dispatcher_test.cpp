@@ -32,12 +32,7 @@ class DispatcherTest : public testing::Test {
     std::string FaultOf(const std::string& text) {
         const Reply reply = Handle(text);
         EXPECT_TRUE(reply.fault);
-        try {
-            Soap::Message(reply.text, {}).GetResponse(Sample::Method("Sweep"));
-        } catch (const Fault::MethodFault::Exception& thrown) {
-            return std::string(thrown.GetFault()->GetDataObjectType()->name) + ": " + thrown.what();
-        }
-        return reply.text;
+        return Sample::FaultIn(reply.text);
     }
 
     Sample::ShopSource source;

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "runtime/ordane/soap.h"
 #include "tests/support/files.h"
 #include "tests/unit/ordane/sample.h"
 
@@ -39,6 +40,16 @@ inline constexpr const char* everything =
     "<thingListMaybe xsi:type=\"RedToy\"><name>kite</name><count>7</count></thingListMaybe>"
     "<reference type=\"Shop\">shop-2</reference><person type=\"Person\">ann</person>"
     "<personList type=\"Person\">bob</personList><personList type=\"Person\">cy</personList></x>";
+
+// The type and the message of the fault in the message `text`.
+inline std::string FaultIn(const std::string& text) {
+    try {
+        Ordane::Soap::Message(text, {}).GetResponse(Method("Sweep"));
+    } catch (const Ordane::Fault::MethodFault::Exception& thrown) {
+        return std::string(thrown.GetFault()->GetDataObjectType()->name) + ": " + thrown.what();
+    }
+    return "no fault";
+}
 
 // The cases of that file of cases/.
 inline std::vector<TestSupport::Case> ReadCases(const std::string& name) {

@@ -16,6 +16,7 @@ namespace {
 
 using Sample::CallOf;
 using Sample::Enveloped;
+using Sample::FaultIn;
 using Sample::Method;
 using Sample::Repeated;
 using testing::HasSubstr;
@@ -92,16 +93,6 @@ TEST(SoapMessage, TakesAnyPrefixAHeaderAndCommentsAndTheTargetAnywhere) {
     EXPECT_EQ(message.GetTarget()->GetType(), "Shop");
     EXPECT_EQ(message.GetTarget()->GetId(), "shop-1");
     EXPECT_EQ(message.GetParameters(Method("Greet"))->GetDataObjectType(), Method("Greet").request);
-}
-
-// The type and message of the fault in a message.
-std::string FaultIn(const std::string& text) {
-    try {
-        Message(text, {}).GetResponse(Method("Sweep"));
-    } catch (const Fault::MethodFault::Exception& thrown) {
-        return std::string(thrown.GetFault()->GetDataObjectType()->name) + ": " + thrown.what();
-    }
-    return "no fault";
 }
 
 TEST(SoapFault, OfAnyTypeIsThrownWithItsTypeAndMessage) {

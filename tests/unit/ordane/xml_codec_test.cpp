@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <limits>
 #include <sstream>
 
 #include "runtime/tessim/exception.h"
@@ -12,8 +11,6 @@
 
 namespace Ordane::Xml {
 namespace {
-
-using testing::ElementsAre;
 
 // The T that `text` is, read as messages are.
 template <class T>
@@ -61,36 +58,6 @@ std::string CarriedMembers(const std::string& members, Unknown unknown = Unknown
 
 TEST(XmlCodec, WritesAndReadsEveryKindOfMemberInTheOrderOfItsType) {
     EXPECT_EQ(Carried<Sample::Everything>(Sample::everything, Unknown::Refuse), Sample::everything);
-}
-
-TEST(XmlCodec, ReadsEachMemberForItsGetter) {
-    const auto all = Sample::MakeEverything();
-    EXPECT_TRUE(all->IsFlag());
-    EXPECT_EQ(all->IsFlagMaybe(), false);
-    EXPECT_THAT(all->IsFlagList(), ElementsAre(false, true));
-    EXPECT_EQ(all->GetSmall(), std::numeric_limits<std::int32_t>::min());
-    EXPECT_EQ(all->GetSmallMaybe(), std::numeric_limits<std::int32_t>::max());
-    EXPECT_THAT(all->GetSmallList(), ElementsAre(1, 2));
-    EXPECT_EQ(all->GetLarge(), std::numeric_limits<std::int64_t>::min());
-    EXPECT_EQ(all->GetLargeMaybe(), std::numeric_limits<std::int64_t>::max());
-    EXPECT_THAT(all->GetLargeList(), ElementsAre(3, 4));
-    EXPECT_EQ(all->GetText(), "a text");
-    EXPECT_EQ(all->GetTextMaybe(), "maybe");
-    EXPECT_THAT(all->GetTextList(), ElementsAre("first", "second"));
-    EXPECT_EQ(all->GetState(), Sample::Shop::State::open);
-    EXPECT_EQ(all->GetStateMaybe(), Sample::Shop::State::closed);
-    EXPECT_THAT(all->GetStateList(), ElementsAre(Sample::Shop::State::sold, Sample::Shop::State::open));
-    EXPECT_EQ(all->GetThing()->GetDataObjectType(), GetType<Sample::Tool>());
-    ASSERT_EQ(all->GetThingList()->GetLength(), 2);
-    const auto* toy = Tessim::NarrowToType<Sample::RedToy>((*all->GetThingList())[1]);
-    ASSERT_NE(toy, nullptr);
-    EXPECT_EQ(toy->GetName(), "ball");
-    EXPECT_EQ(toy->GetCount(), 7);
-    EXPECT_EQ((*all->GetThingListMaybe())[0]->GetName(), "jug");
-    EXPECT_EQ(all->GetReference()->GetType(), "Shop");
-    EXPECT_EQ(all->GetReference()->GetId(), "shop-2");
-    EXPECT_EQ(all->GetPerson()->GetId(), "ann");
-    EXPECT_EQ((*all->GetPersonList())[1]->GetId(), "cy");
 }
 
 TEST(XmlCodec, CarriesMembers) {

@@ -26,8 +26,9 @@ TEST(PreambleRequestLine, IsParsedIntoWhatItWasMadeOfAndInNoOtherForm) {
 }
 
 TEST(PreambleRequestLine, CarriesOnlyTextsThatFit) {
-    for (const std::string& text :
-         {"a\"b"s, "a\r\nOPEN 2"s, "\0"s, "\xC3\xA4"s, "\x7f"s, std::string(maxPreambleLine, 'x')}) {
+    const std::string longest(maxPreambleLine - MakeRequestLine({2, "", ""}).size(), 'x');
+    EXPECT_EQ(MakeRequestLine({2, longest, ""}).size(), maxPreambleLine);
+    for (const std::string& text : {"a\"b"s, "a\r\nOPEN 2"s, "\0"s, "\xC3\xA4"s, "\x7f"s, longest + 'x'}) {
         EXPECT_THROW(MakeRequestLine({2, text, ""}), InvalidArgumentException) << text;
         EXPECT_THROW(MakeRequestLine({2, "", text}), InvalidArgumentException) << text;
     }

@@ -273,8 +273,10 @@ TEST_F(DaemonDirectoryTest, MakesItsOwnerTrustedForFilesDirectlyInThere) {
 }
 
 TEST_F(DaemonDirectoryTest, MakesNobodyTrustedWhenSomebodyElseMayHaveMadeIt) {
-    ASSERT_EQ(::chmod("/run", 0777), 0);
-    EXPECT_THAT(Content(ticket), HasSubstr(untrusted));
+    for (const mode_t mode : {0775U, 0757U}) {
+        ASSERT_EQ(::chmod("/run", mode), 0);
+        EXPECT_THAT(Content(ticket), HasSubstr(untrusted));
+    }
     ASSERT_EQ(::chmod("/run", 0755), 0);
     ASSERT_EQ(::chown("/run", otherUser, 0), 0);
     EXPECT_THAT(Content(ticket), HasSubstr(untrusted));
