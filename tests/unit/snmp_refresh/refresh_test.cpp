@@ -10,6 +10,7 @@
 #include "runtime/ordane/faults.h"
 #include "runtime/tessim/time_budget.h"
 #include "tests/support/fault_injection.h"
+#include "tests/support/files.h"
 #include "tests/unit/snmp/released_blocks.h"
 #include "tests/unit/snmp_refresh/fixture.h"
 #include "tests/unit/snmp_refresh/rows.h"
@@ -24,52 +25,9 @@ using TestSupport::FaultInjection;
 
 constexpr std::time_t start = 1'700'000'000;
 
-// A VM with two devices of each kind and statistics for all of them, in the format of described hosts.
+// The VM of full_vm.yaml, with two devices of each kind and statistics for all of them.
 std::string FullVm(const std::string& id, const std::string& powerState) {
-    static const std::string vm = R"(
-  - id: "ID"
-    runtime: {powerState: STATE}
-    guest: {guestState: running}
-    config:
-      name: vm-ID
-      guestFullName: Guest of vm-ID
-      cpuAllocation: {shares: {shares: 2000}}
-      memoryAllocation: {shares: {shares: 5120}}
-      hardware:
-        numCPU: 2
-        memoryMB: 512
-        device:
-          - {type: VirtualLsiLogicController, key: 1000, busNumber: 0, deviceInfo: {label: vm-ID SCSI 0, summary: ""}}
-          - {type: VirtualBusLogicController, key: 1001, busNumber: 1, deviceInfo: {label: vm-ID SCSI 1, summary: ""}}
-          - {type: VirtualDisk, key: 2000, unitNumber: 0, deviceInfo: {label: vm-ID Disk 1, summary: ""},
-             backing: {type: DeviceBackingInfo, deviceName: raw-1}, shares: {shares: 10}}
-          - {type: VirtualDisk, key: 2001, unitNumber: 1, deviceInfo: {label: vm-ID Disk 2, summary: ""},
-             backing: {type: DeviceBackingInfo, deviceName: raw-2}, shares: {shares: 20}}
-          - {type: VirtualEthernetCard, key: 4000, deviceInfo: {label: vm-ID Adapter 1, summary: vm-ID card 1},
-             backing: {type: DeviceBackingInfo, deviceName: VM Network}, macAddress: "00:16:3e:00:00:01"}
-          - {type: VirtualEthernetCard, key: 4001, deviceInfo: {label: vm-ID Adapter 2, summary: vm-ID card 2},
-             backing: {type: DeviceBackingInfo, deviceName: VM Network}}
-          - {type: VirtualIDEController, key: 200, busNumber: 0}
-          - {type: VirtualCdrom, key: 3000, controllerKey: 200, unitNumber: 0, connectable: {connected: true},
-             backing: {type: DeviceBackingInfo, deviceName: /dev/cd0}}
-          - {type: VirtualCdrom, key: 3001, controllerKey: 200, unitNumber: 1, connectable: {connected: false},
-             backing: {type: DeviceBackingInfo, deviceName: /dev/cd1}}
-          - {type: VirtualFloppy, key: 8000, unitNumber: 0, connectable: {connected: true},
-             backing: {type: DeviceBackingInfo, deviceName: /dev/fd0}}
-          - {type: VirtualFloppy, key: 8001, unitNumber: 1, connectable: {connected: false},
-             backing: {type: DeviceBackingInfo, deviceName: /dev/fd1}}
-    stats:
-      disk.numberRead: {raw-1: 1, raw-2: 1}
-      disk.numberWrite: {raw-1: 2, raw-2: 2}
-      disk.read: {raw-1: 3, raw-2: 3}
-      disk.write: {raw-1: 4, raw-2: 4}
-      net.received: {"4000": 5, "4001": 5}
-      net.transmitted: {"4000": 6, "4001": 6}
-      net.packetsTx: {"4000": 7, "4001": 7}
-      net.packetsRx: {"4000": 8, "4001": 8}
-      mem.active: {"": 9}
-      cpu.used: {"0": 10, "1": 11}
-)";
+    static const std::string vm = TestSupport::ReadFile(FULL_VM);
     return std::regex_replace(std::regex_replace(vm, std::regex("\\bID\\b"), id), std::regex("STATE"),
                               powerState);
 }
