@@ -1,117 +1,82 @@
 #include "apps/vessad/ConnectionTable.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <map>
-#include <memory>
+#include <sstream>
 #include <string>
-#include <string_view>
-#include <vector>
 
 namespace Vessad {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-
 struct FakeConnection final : ConnectionTable::Entry {
-    FakeConnection(std::uint64_t number, std::vector<std::string>& log) : number(number), log(log) {}
-    void Evict(std::string_view why) override {
-        log.push_back(std::to_string(number) + ": " + std::string(why));
-    }
+    FakeConnection(std::uint64_t number, std::ostream& log) : number(number), log(log) {}
+    void Evict(std::string_view why) override { log << number << ' ' << why << ", "; }
 
     std::uint64_t number;
-    std::vector<std::string>& log;
+    std::ostream& log;
 };
 
-class ConnectionTableTest : public ::testing::Test {
-  protected:
-    // Adds connections, or moves them to another stage.
-    void Place(Stage stage, const std::vector<std::uint64_t>& numbers) {
-        for (const std::uint64_t number : numbers) {
-            auto& connection = connections[number];
+// Returns what a table of at most two connections at each stage does when the words of `script` are followed:
+// a stage or "remove" with the connections to place there or to remove, "make-room", "close", and "release",
+// which ends all connections. "NUMBER REASON" for each eviction, then the number of connections at the
+// stages.
+std::string Follow(const std::string& script) {
+    static const std::map<std::string, Stage> stages{
+        {"preamble", Stage::Preamble}, {"login", Stage::Login}, {"session", Stage::Session}};
+    ConnectionTable table({.preamble = 2, .login = 2, .session = 2});
+    std::ostringstream transcript;
+    std::map<std::uint64_t, std::shared_ptr<FakeConnection>> connections;
+    std::istringstream words(script);
+    std::string command;
+    for (std::string word; words >> word;) {
+        if (word == "make-room") {
+            table.MakeRoom("short");
+        } else if (word == "close") {
+            table.Close("over");
+        } else if (word == "release") {
+            connections.clear();
+        } else if (std::isdigit(word[0]) == 0) {
+            command = word;
+        } else if (command == "remove") {
+            table.Remove(std::stoull(word));
+        } else {
+            auto& connection = connections[std::stoull(word)];
             if (!connection) {
-                connection = std::make_shared<FakeConnection>(number, evicted);
+                connection = std::make_shared<FakeConnection>(std::stoull(word), transcript);
             }
-            table.Place(number, connection, stage);
+            table.Place(connection->number, connection, stages.at(command));
         }
     }
-
-    ConnectionTable table{{.preamble = 2, .login = 2, .session = 2}};
-    std::map<std::uint64_t, std::shared_ptr<FakeConnection>> connections;
-    std::vector<std::string> evicted;  // each as "number: reason"
-};
-
-TEST_F(ConnectionTableTest, EvictsTheOldestOfAFullStage) {
-    for (const Stage stage : {Stage::Preamble, Stage::Login, Stage::Session}) {
-        const auto number = static_cast<std::uint64_t>(stage) * 10;
-        Place(stage, {number, number + 1});
-        EXPECT_THAT(evicted, IsEmpty());
-        Place(stage, {number + 2});
-        EXPECT_THAT(evicted, ElementsAre(std::to_string(number) + ": too many connections"));
-        EXPECT_EQ(table.Count(stage), 2U);
-        evicted.clear();
-    }
+    transcript << table.Count(Stage::Preamble) << table.Count(Stage::Login) << table.Count(Stage::Session);
+    return transcript.str();
 }
 
-TEST_F(ConnectionTableTest, LimitsEachStageSeparately) {
-    Place(Stage::Login, {1});
-    Place(Stage::Session, {2});
-    Place(Stage::Preamble, {10, 11, 12});
-    EXPECT_THAT(evicted, ElementsAre("10: too many connections"));
+TEST(ConnectionTable, EvictsTheOldestOfAFullStage) {
+    EXPECT_EQ(Follow("preamble 1 2 login 3 4 session 5 6"), "222");
+    EXPECT_EQ(Follow("preamble 1 2 3 login 4 5 6 session 7 8 9"),
+              "1 too many connections, 4 too many connections, 7 too many connections, 222");
 }
 
-TEST_F(ConnectionTableTest, MovesAConnectionToAnotherStageAsItsNewest) {
-    Place(Stage::Preamble, {1});
-    Place(Stage::Login, {2, 1});
-    EXPECT_EQ(table.Count(Stage::Preamble), 0U);
-    Place(Stage::Login, {3});
-    EXPECT_THAT(evicted, ElementsAre("2: too many connections"));
+TEST(ConnectionTable, MakesAConnectionTheNewestOfItsStage) {
+    EXPECT_EQ(Follow("preamble 1 login 2 1"), "020");
+    EXPECT_EQ(Follow("preamble 1 login 2 1 3"), "2 too many connections, 020");
+    EXPECT_EQ(Follow("session 1 2 1 3"), "2 too many connections, 002");
 }
 
-TEST_F(ConnectionTableTest, MakesAConnectionTheNewestOfItsStageAgain) {
-    Place(Stage::Session, {1, 2, 1, 3});
-    EXPECT_THAT(evicted, ElementsAre("2: too many connections"));
+TEST(ConnectionTable, DropsConnectionsThatAreRemovedOrNoLongerExist) {
+    EXPECT_EQ(Follow("preamble 1 remove 1 1 99 preamble 2 3"), "200");
+    EXPECT_EQ(Follow("preamble 1 release 2 3"), "200");
 }
 
-TEST_F(ConnectionTableTest, RemovesConnections) {
-    Place(Stage::Preamble, {1});
-    for (const std::uint64_t number : {1, 1, 99}) {
-        table.Remove(number);
-    }
-    Place(Stage::Preamble, {2, 3});
-    EXPECT_THAT(evicted, IsEmpty());
-    EXPECT_EQ(table.Count(Stage::Preamble), 2U);
+TEST(ConnectionTable, MakesRoomByEvictingConnectionsWithoutALogin) {
+    EXPECT_EQ(Follow("session 1 login 2 preamble 3 make-room"), "3 short, 011");
+    EXPECT_EQ(Follow("session 1 login 2 preamble 3 make-room make-room make-room"), "3 short, 2 short, 001");
 }
 
-TEST_F(ConnectionTableTest, MakesRoomByEvictingConnectionsWithoutALogin) {
-    Place(Stage::Session, {1});
-    Place(Stage::Login, {2});
-    Place(Stage::Preamble, {3});
-    table.MakeRoom("short");
-    EXPECT_THAT(evicted, ElementsAre("3: short"));
-    table.MakeRoom("short");
-    table.MakeRoom("short");
-    EXPECT_THAT(evicted, ElementsAre("3: short", "2: short"));
-}
-
-TEST_F(ConnectionTableTest, EvictsEveryConnectionWhenClosed) {
-    Place(Stage::Session, {1});
-    Place(Stage::Preamble, {2});
-    table.Close("over");
-    EXPECT_THAT(evicted, ElementsAre("2: over", "1: over"));
-    Place(Stage::Session, {3});
-    EXPECT_EQ(evicted.size(), 3U);
-    EXPECT_EQ(table.Count(Stage::Session), 0U);
-}
-
-TEST_F(ConnectionTableTest, SkipsConnectionsThatNoLongerExist) {
-    Place(Stage::Preamble, {1});
-    connections.clear();
-    Place(Stage::Preamble, {2, 3});
-    EXPECT_THAT(evicted, IsEmpty());
-    EXPECT_EQ(table.Count(Stage::Preamble), 2U);
+TEST(ConnectionTable, EvictsEveryConnectionWhenClosed) {
+    EXPECT_EQ(Follow("session 1 preamble 2 close session 3"), "2 over, 1 over, 3 too many connections, 000");
 }
 
 }  // namespace

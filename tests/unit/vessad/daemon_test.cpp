@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/unit/vessad/log_lines.h"
 #include "tests/unit/vessad/raw_client.h"
 #include "tests/unit/vessad/sample_host.h"
 #include "tests/unit/vessad/temporary_directory.h"

@@ -5,11 +5,10 @@
 #include <chrono>
 #include <cstdint>
 #include <limits>
-#include <memory>
-#include <optional>
+#include <regex>
+#include <sstream>
 #include <string>
 #include <tuple>
-#include <utility>
 #include <vector>
 
 #include "runtime/ordane/faults.h"
@@ -22,82 +21,70 @@ using Hask::PerformanceManager;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-using Metrics = std::vector<std::pair<std::int32_t, std::string>>;
-using Statistic = std::tuple<std::int32_t, std::string, std::int64_t>;
-
-constexpr std::int32_t memActive = 9;
-constexpr std::int32_t cpuUsed = 10;
-
-Tessim::Ref<PerformanceManager::QuerySpec> Spec(const std::string& id, const Metrics& metrics,
-                                                std::optional<std::int32_t> interval = 0,
-                                                const std::string& type = "VirtualMachine") {
-    auto spec = Tessim::MakeRef<PerformanceManager::QuerySpec>();
-    spec->SetEntity(Tessim::MakeRef<Ordane::MoRef>(type, id));
-    for (const auto& [counter, instance] : metrics) {
-        auto metric = Tessim::MakeRef<PerformanceManager::MetricId>();
-        metric->SetCounterId(counter);
-        metric->SetInstance(instance);
-        spec->GetMetricId()->Append(metric);
+// Returns what a query on the sample host returns after two seconds. `query`: words, of which
+// "TYPE:ID:INTERVAL", where the interval may be empty, starts a query of an entity, and
+// "COUNTER/INSTANCE" names its metrics. The result has "ID:" and "COUNTER/INSTANCE=VALUE".
+std::string Query(const std::string& query) {
+    static const auto inventory = ReadHost(VessadTest::sampleHost, "test");
+    Ordane::DataArray<PerformanceManager::QuerySpec> specs;
+    Tessim::Ref<PerformanceManager::QuerySpec> spec;
+    std::istringstream stream(query);
+    for (std::string word; stream >> word;) {
+        static const std::regex entity("(.*):(.*):(.*)");
+        if (std::smatch parts; std::regex_match(word, parts, entity)) {
+            spec = Tessim::MakeRef<PerformanceManager::QuerySpec>();
+            spec->SetEntity(Tessim::MakeRef<Ordane::MoRef>(parts[1], parts[2]));
+            spec->SetIntervalId(parts[3].length() == 0 ? std::nullopt
+                                                       : std::optional(std::stoi(parts[3].str())));
+            specs.Append(spec);
+        } else {
+            auto metric = Tessim::MakeRef<PerformanceManager::MetricId>();
+            metric->SetCounterId(std::stoi(word));
+            metric->SetInstance(word.substr(word.find('/') + 1));
+            spec->GetMetricId()->Append(metric);
+        }
     }
-    spec->SetIntervalId(interval);
-    return spec;
-}
-
-using Results = std::vector<std::pair<std::string, std::vector<Statistic>>>;
-
-// The results of a query on the sample host after two seconds, each as its entity's id and its statistics.
-Results Query(const std::vector<Tessim::Ref<PerformanceManager::QuerySpec>>& specs) {
-    static const std::shared_ptr<const Inventory> inventory = ReadHost(VessadTest::sampleHost, "test");
-    Ordane::DataArray<PerformanceManager::QuerySpec> list;
-    for (const auto& spec : specs) {
-        list.Append(spec);
-    }
-    Results results;
-    const auto found = QueryPerformance(*inventory, list, seconds(2));
+    std::string results;
+    const auto found = QueryPerformance(*inventory, specs, seconds(2));
     for (const auto& base : *found) {
         const auto* metric = Tessim::NarrowToType<PerformanceManager::EntityMetric>(base);
-        std::vector<Statistic> statistics;
+        results += metric->GetEntity()->GetId() + ": ";
         for (const auto& series : *metric->GetValue()) {
             const auto* whole = Tessim::NarrowToType<PerformanceManager::IntSeries>(series);
-            EXPECT_EQ(whole->GetValue().size(), 1U);
-            statistics.emplace_back(whole->GetId()->GetCounterId(), whole->GetId()->GetInstance(),
-                                    whole->GetValue().at(0));
+            results += std::to_string(whole->GetId()->GetCounterId()) + "/" + whole->GetId()->GetInstance();
+            for (const std::int64_t value : whole->GetValue()) {
+                results += "=" + std::to_string(value);
+            }
+            results += " ";
         }
-        results.emplace_back(metric->GetEntity()->GetId(), statistics);
     }
     return results;
 }
 
+// Counter 9 is mem.active, 10 is cpu.used, which rises by 35 per second for instance 1.
 TEST(Performance, ReturnsTheStatisticsThatTheMetricIdsNameInTheirOrder) {
-    const Statistic cpu0(cpuUsed, "0", 181000);
-    const Statistic cpu1(cpuUsed, "1", 90570);  // 35 per second
-    const Statistic memory(memActive, "", 131072);
-    const Statistic large(cpuUsed, "0", 4611686018427387904);
-    const Metrics allCpus{{cpuUsed, "*"}};
-    for (const auto& [specs, results] :
-         std::vector<std::pair<std::vector<Tessim::Ref<PerformanceManager::QuerySpec>>, Results>>{
-             {{Spec("16", {{cpuUsed, "*"}, {memActive, "*"}})}, {{"16", {cpu0, cpu1, memory}}}},
-             {{Spec("16", {{memActive, ""}, {cpuUsed, "1"}, {cpuUsed, "0"}})},
-              {{"16", {memory, cpu1, cpu0}}}},
-             // Other instances match exactly; unknown counters match nothing.
-             {{Spec("16", {{cpuUsed, ""}, {cpuUsed, "00"}, {memActive, "0"}})}, {{"16", {}}}},
-             {{Spec("16", {{-1, "*"}, {4711, "*"}})}, {{"16", {}}}},
-             // Unknown entities are left out.
-             {{Spec("name-17", allCpus), Spec("gone", allCpus), Spec("16", allCpus),
-               Spec("ds-1", allCpus, 0, "Datastore"), Spec("16", allCpus, 0, "Folder")},
-              {{"name-17", {large}}, {"16", {cpu0, cpu1}}}},
-             {{Spec("17", allCpus), Spec("16", {})}, {{"17", {}}, {"16", {}}}},
-             {{Spec("16", allCpus, std::nullopt)}, {{"16", {cpu0, cpu1}}}},
-             {{}, {}}}) {
-        EXPECT_EQ(Query(specs), results);
-    }
+    EXPECT_EQ(Query("VirtualMachine:16:0 10/* 9/*"), "16: 10/0=181000 10/1=90570 9/=131072 ");
+    EXPECT_EQ(Query("VirtualMachine:16:0 9/ 10/1 10/0"), "16: 9/=131072 10/1=90570 10/0=181000 ");
+    EXPECT_EQ(Query("VirtualMachine:16:0 10/ 10/00 9/0"), "16: ") << "other instances match exactly";
+    EXPECT_EQ(Query("VirtualMachine:16:0 -1/* 4711/*"), "16: ") << "unknown counters match nothing";
+    EXPECT_EQ(Query("VirtualMachine:name-17:0 10/* VirtualMachine:gone:0 10/* VirtualMachine:16:0 10/* "
+                    "Datastore:ds-1:0 10/* Folder:16:0 10/*"),
+              "name-17: 10/0=4611686018427387904 16: 10/0=181000 10/1=90570 ")
+        << "unknown entities are left out";
+    EXPECT_EQ(Query("VirtualMachine:17:0 10/* VirtualMachine:16:0"), "17: 16: ");
+    EXPECT_EQ(Query("VirtualMachine:16: 10/0"), "16: 10/0=181000 ");
+    EXPECT_EQ(Query(""), "");
 }
 
 TEST(Performance, RejectsOtherIntervalsAndMoreStatisticsThanAResponseCanCarry) {
-    EXPECT_THROW(Query({Spec("16", {}, 20)}), Ordane::Fault::InvalidArgument::Exception);
-    EXPECT_THROW(Query({Spec("gone", {}, -1)}), Ordane::Fault::InvalidArgument::Exception);
-    EXPECT_THROW(Query({Spec("16", Metrics(200'000, {memActive, "*"}))}),
-                 Ordane::Fault::InvalidArgument::Exception);
+    std::string excess = "VirtualMachine:16:0";
+    for (int count = 0; count < 200'000; ++count) {
+        excess += " 9/*";
+    }
+    for (const std::string& query :
+         {std::string("VirtualMachine:16:20"), std::string("VirtualMachine:gone:-1"), excess}) {
+        EXPECT_THROW(Query(query), Ordane::Fault::InvalidArgument::Exception) << query.substr(0, 30);
+    }
 }
 
 TEST(Performance, ComputesRatesFromTheStartOfTheDaemonAndWrapsAtSixtyFourBits) {

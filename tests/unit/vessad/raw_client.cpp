@@ -8,11 +8,9 @@
 #include <sys/time.h>
 
 #include <array>
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <stdexcept>
-#include <thread>
 
 #include "runtime/hask/host_agent.h"
 #include "tests/unit/vessad/temporary_directory.h"
@@ -49,17 +47,6 @@ std::string TextOf(const std::string& xml, const std::string& element) {
     const std::size_t at = xml.find("<" + element + ">");
     const std::size_t begin = at + element.size() + 2;
     return at == std::string::npos ? std::string() : xml.substr(begin, xml.find('<', begin) - begin);
-}
-
-bool Await(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout.tv_sec);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
 }
 
 RawClient::RawClient(std::uint16_t port)

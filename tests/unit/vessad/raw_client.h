@@ -26,9 +26,6 @@ std::string MakeCall(const std::string& type, const std::string& id, const std::
 // The text of the first element of that name, empty when there is none.
 std::string TextOf(const std::string& xml, const std::string& element);
 
-// Returns whether `condition` became true within 10 s.
-bool Await(const std::function<bool()>& condition);
-
 class RawClient {
   public:
     // Connects. Throws std::runtime_error when no server listens.

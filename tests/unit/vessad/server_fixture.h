@@ -17,22 +17,22 @@ namespace VessadTest {
 
 class ServerTest : public ::testing::Test {
   protected:
-    void SetUp() override {
+    ServerTest() {
         options.listen = Vessad::ParseListenAddress("127.0.0.1:0");
         options.tickets.directory = directory.GetPath() / "tickets";
         StartServer();
     }
 
-    // Again with other timeouts.
-    void StartServer(const Vessad::Timeouts& timeouts = {}) {
+    // Replaces the server by one with the options given, which rejects logins without a delay unless
+    // `timeouts` says otherwise.
+    void StartServer(const Vessad::Timeouts& timeouts = {.rejectedLogin = {}},
+                     const Vessad::ConnectionTable::Limits& connections = {}) {
         options.timeouts = timeouts;
+        options.connections = connections;
+        server.reset();
         server = std::make_unique<Vessad::Server>(options, backend);
         server->Start();
         port = server->GetEndpoint().port();
-    }
-
-    bool AwaitLog(const std::string& text) const {
-        return Await([&] { return log.GetText().find(text) != std::string::npos; });
     }
 
     std::vector<std::string> TicketFiles() const { return FilesIn(options.tickets.directory); }
@@ -44,13 +44,13 @@ class ServerTest : public ::testing::Test {
         return client;
     }
 
-    // A client that has logged in.
     std::unique_ptr<RawClient> LoggedIn() const {
         auto client = Opened();
         EXPECT_EQ(client->LogIn(client->AcquireTicket()).status, 200);
         return client;
     }
 
+    // Returns the status of the response.
     static int ListVms(RawClient& client) {
         return client.Call("Folder", "ha-folder-vm", "GetChildEntity").status;
     }
