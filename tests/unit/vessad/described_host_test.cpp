@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <sstream>
@@ -151,11 +150,9 @@ TEST_F(DescribedHostFile, IsRejectedUnlessItIsARegularFileOfAtMost64MiB) {
     };
     expectMistake(file, file.string() + ": cannot read it: No such file or directory");
     expectMistake(directory.GetPath(), "it is no regular file");
-    ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
+    directory.Run("mkfifo host.yaml");
     expectMistake(file, "it is no regular file");
-    fs::remove(file);
-    WriteAll(file, "vms: []\n");
-    fs::resize_file(file, 64UL * 1024 * 1024 + 1);
+    directory.Run("rm host.yaml && truncate -s 67108865 host.yaml");
     expectMistake(file, "it is larger than 67108864 bytes");
 }
 

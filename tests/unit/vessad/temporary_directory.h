@@ -1,6 +1,9 @@
-// A temporary directory that is removed with its object.
+// A temporary directory that is removed with its object, its files, and a full disk.
 #pragma once
 
+#include <sys/resource.h>
+
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -29,8 +32,32 @@ class TemporaryDirectory {
 
     const std::filesystem::path& GetPath() const { return path; }
 
+    // Runs shell commands in the directory. Throws std::runtime_error when they fail.
+    void Run(const std::string& commands) const {
+        if (std::system(("cd '" + path.string() + "' && " + commands).c_str()) != 0) {
+            throw std::runtime_error("failed: " + commands);
+        }
+    }
+
   private:
     std::filesystem::path path;
+};
+
+// While an object of this class lives, this process can write no file beyond `size` bytes, as on a full disk.
+class FullDisk {
+  public:
+    explicit FullDisk(rlim_t size) {
+        ::signal(SIGXFSZ, SIG_IGN);
+        ::getrlimit(RLIMIT_FSIZE, &before);
+        const rlimit full{size, before.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &full);
+    }
+    FullDisk(const FullDisk&) = delete;
+    FullDisk& operator=(const FullDisk&) = delete;
+    ~FullDisk() { ::setrlimit(RLIMIT_FSIZE, &before); }
+
+  private:
+    rlimit before{};
 };
 
 inline std::vector<std::string> FilesIn(const std::filesystem::path& directory) {

@@ -12,7 +12,6 @@ namespace {
 
 using namespace std::string_literals;
 
-// "NAME | CPUS, SHARES | MEMORY, SHARES | GUEST | FILE".
 std::string Describe(const std::string& xml, Describer describe = {}) {
     return ConfigLine(*describe(xml).config);
 }
@@ -20,10 +19,8 @@ std::string Describe(const std::string& xml, Describer describe = {}) {
 TEST(DescribeDomain, ReadsNameMemoryCpusAndGuest) {
     EXPECT_EQ(Describe(DomainXmlWith("")),
               "web-1 | 2 CPUs, 1024 shares | 512 MB, 512 shares | hvm (x86_64) | no file");
-    EXPECT_EQ(Describer()(DomainXmlWith("")).config->GetHardware()->GetDevice()->GetLength(), 0);
-}
-
-TEST(DescribeDomain, CountsEnabledCpusAndKeepsMemoryAndTextWithinTheirRange) {
+    EXPECT_EQ(DeviceLines(*Describer()(DomainXmlWith("")).config), std::vector<std::string>());
+    // The enabled CPUs, and memory and text within their range.
     EXPECT_EQ(Describe("<domain><name>a&#1;b</name><memory unit='KiB'>1</memory><vcpu current='3'>8</vcpu>"
                        "<os><type>exe</type></os></domain>"),
               "a\uFFFDb | 3 CPUs, 1024 shares | 0 MB, 0 shares | exe | no file");

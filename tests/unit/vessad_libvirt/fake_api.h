@@ -1,7 +1,6 @@
 // A host that a test makes up, in the place of libvirt.
 #pragma once
 
-#include <chrono>
 #include <condition_variable>
 #include <map>
 #include <memory>
@@ -9,25 +8,11 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "apps/vessad/backends/libvirt/LibvirtApi.h"
 
 namespace Vessad::Libvirt {
-
-// Waits for `condition` up to a time that only a failing test takes; returns whether it came true.
-template <class Condition>
-bool WaitFor(Condition condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
 
 // What the host does; a test changes it while several threads use it.
 struct FakeState {

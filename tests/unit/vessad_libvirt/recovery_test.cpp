@@ -29,7 +29,7 @@ class RecoveryTest : public testing::TestWithParam<seconds> {
         api->With([&](FakeState& state) { state.domains = std::move(domains); });
     }
     void WaitForVms(const std::vector<std::string>& lines) const {
-        WaitFor([&] { return VmLines(*collector->Get()) == lines; });
+        VessadTest::Await([&] { return VmLines(*collector->Get()) == lines; });
         EXPECT_EQ(VmLines(*collector->Get()), lines);
     }
 
@@ -55,7 +55,7 @@ TEST_P(RecoveryTest, TheHostIsServedAnewByTheNextCollection) {
     WaitForVms(before);
 
     api->Hold(&FakeState::holdsDomains);
-    ASSERT_TRUE(WaitFor([&] { return log.GetText().find("cannot be reached") != std::string::npos; }));
+    ASSERT_TRUE(log.AwaitLine("cannot be reached"));
     Pass(GetParam());
     EXPECT_EQ(VmLines(*collector->Get()), GetParam() < options.keep ? before : std::vector<std::string>());
     SetDomains({OneCpu(uuidA, DomainState::ShutOff), OneCpu(uuidB, DomainState::Running)});

@@ -1,20 +1,85 @@
 #include "apps/vessad/backends/libvirt/SampleTracker.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <regex>
+#include <sstream>
 
 #include "tests/unit/vessad/log_lines.h"
 
 namespace Vessad::Libvirt {
 namespace {
 
-using std::chrono::milliseconds;
 using std::chrono::seconds;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Key;
+
+// Follows a script of words on a tracker, and returns what that returns and logs, in order. The domains are
+// "0", "1" and so on, named "vm-0", "vm-1", and calls have ids from 1:
+//   "round N" starts one of the first N domains, "threads" adds threads: "+COUNT";
+//   "call": the domain's UUID; "succeed ID", "fail ID", "break ID": whether its thread "goes on" or "ends";
+//   "pass S": so many seconds; "check": the seconds to the next check, or "over";
+//   "end": the domains that the round has samples of; "queued", "in-calls", "stop".
+std::string Follow(const std::string& script,
+                   SampleTimeouts timeouts = {.call = seconds(2), .open = seconds(10)}) {
+    const VessadTest::LogLines log;
+    std::size_t logged = 0;
+    SampleTracker::TimePoint now{seconds(1000)};
+    SampleTracker tracker(timeouts);
+    std::ostringstream transcript;
+    std::istringstream words(script);
+    const auto number = [&](auto value) {
+        words >> value;
+        return value;
+    };
+    const auto end = [&](SampleResult result) {
+        transcript << (tracker.EndCall(number(0), std::move(result), now) ? "goes on, " : "ends, ");
+    };
+    for (std::string word; words >> word;) {
+        if (word == "round") {
+            std::vector<SampledDomain> domains;
+            for (int index = 0, count = number(0); index < count; ++index) {
+                domains.push_back({std::to_string(index), "vm-" + std::to_string(index)});
+            }
+            tracker.StartRound(domains, now);
+        } else if (word == "threads") {
+            int added = 0;
+            for (; tracker.AddThread(); ++added) {
+            }
+            transcript << '+' << added << ", ";
+        } else if (word == "call") {
+            transcript << tracker.StartCall(now).uuid << ", ";
+        } else if (word == "succeed") {
+            end({Statistics{}, false, ""});
+        } else if (word == "fail" || word == "break") {
+            end({std::nullopt, word == "break", "refused"});
+        } else if (word == "pass") {
+            now += std::chrono::milliseconds(std::lround(number(0.0) * 1000));
+            tracker.MarkLateCalls(now);
+        } else if (word == "check") {
+            const auto next = tracker.NextCheck(now);
+            if (next) {
+                transcript << std::chrono::duration<double>(*next - now).count() << " s, ";
+            } else {
+                transcript << "over, ";
+            }
+        } else if (word == "end") {
+            for (const auto& sample : tracker.EndRound()) {
+                transcript << "sample of " << sample.first << ", ";
+            }
+        } else if (word == "queued") {
+            transcript << (tracker.HasQueued() ? "queued, " : "not queued, ");
+        } else if (word == "in-calls") {
+            transcript << (tracker.AreAllThreadsInCalls() ? "all in calls, " : "some ready, ");
+        } else {
+            tracker.Stop();
+        }
+        const std::string text = log.GetText();
+        transcript << text.substr(logged);
+        logged = text.size();
+    }
+    static const std::regex time(R"(\d+-\d\d-\d\d \d\d:\d\d:\d\d)");
+    return std::regex_replace(transcript.str(), time, "TIME");
+}
 
 std::string Late(int number) {
     const std::string text = std::to_string(number);
@@ -24,188 +89,70 @@ std::string Late(int number) {
 const std::string again = "info VM vm-0 (0) responds again, it had not since TIME\n";
 const std::string failed = "debug VM vm-0 (0) has no statistics: refused\n";
 
-class SampleTrackerTest : public testing::Test {
-  protected:
-    // Starts a round of the domains "0", "1" and so on, named "vm-0", "vm-1"; returns how many threads it
-    // adds.
-    int StartRound(int count) {
-        std::vector<SampledDomain> domains;
-        for (int number = 0; number < count; ++number) {
-            domains.push_back({std::to_string(number), "vm-" + std::to_string(number)});
-        }
-        tracker.StartRound(domains, now);
-        return AddThreads();
-    }
-    int AddThreads() {
-        int added = 0;
-        while (tracker.AddThread()) {
-            ++added;
-        }
-        return added;
-    }
-    void Pass(std::chrono::milliseconds time) {
-        now += time;
-        tracker.MarkLateCalls(now);
-    }
-    // Returns the id of a call that starts now.
-    int Call() { return tracker.StartCall(now).id; }
-    bool Succeed(int call) { return tracker.EndCall(call, {Statistics{}, false, ""}, now); }
-    bool Fail(int call, bool connectionBroke = false) {
-        return tracker.EndCall(call, {std::nullopt, connectionBroke, "refused"}, now);
-    }
-    // Returns the time until the next check, or nothing when the round is over.
-    std::optional<SampleTracker::TimePoint::duration> NextCheck() {
-        const auto next = tracker.NextCheck(now);
-        return next ? std::optional(*next - now) : std::nullopt;
-    }
-    std::string Log() const {
-        static const std::regex time(R"(\d+-\d\d-\d\d \d\d:\d\d:\d\d)");
-        return std::regex_replace(log.GetText(), time, "TIME");
-    }
-
-    VessadTest::LogLines log;
-    SampleTracker::TimePoint now{seconds(1000)};
-    SampleTracker tracker{{.call = seconds(2), .open = seconds(10)}};
-};
-
-TEST_F(SampleTrackerTest, ReturnsTheSamplesOfARound) {
-    EXPECT_EQ(StartRound(2), 4);
-    const auto first = tracker.StartCall(now);
-    EXPECT_EQ(first.uuid, "0");
-    EXPECT_EQ(NextCheck(), seconds(2));
-    Pass(seconds(1));
-    const int second = Call();
-    EXPECT_EQ(NextCheck(), seconds(1)) << "the timeout of the first";
-    EXPECT_FALSE(tracker.HasQueued());
-    EXPECT_TRUE(Succeed(first.id));
-    EXPECT_TRUE(Succeed(second));
-    EXPECT_EQ(NextCheck(), std::nullopt);
-    EXPECT_THAT(tracker.EndRound(), ElementsAre(Key("0"), Key("1")));
-    EXPECT_THAT(tracker.EndRound(), IsEmpty());
-    EXPECT_EQ(Log(), "");
+TEST(SampleTracker, ReturnsTheSamplesOfARound) {
+    EXPECT_EQ(Follow("round 2 threads call check pass 1 call check queued succeed 1 succeed 2 check end end"),
+              "+4, 0, 2 s, 1, 1 s, not queued, goes on, goes on, over, sample of 0, sample of 1, ");
 }
 
-TEST_F(SampleTrackerTest, ReplacesTheThreadOfALateCallAndDropsItsSample) {
-    StartRound(1);
-    const int call = Call();
-    Pass(seconds(2));
-    EXPECT_EQ(NextCheck(), std::nullopt);
-    EXPECT_EQ(AddThreads(), 1);
-    EXPECT_EQ(Log(), Late(0));
-    tracker.EndRound();
-    StartRound(1);
-    EXPECT_FALSE(tracker.HasQueued()) << "its call still runs";
-    EXPECT_FALSE(Succeed(call)) << "another thread took its place";
-    EXPECT_EQ(Log(), Late(0) + again);
-    EXPECT_THAT(tracker.EndRound(), IsEmpty());
+TEST(SampleTracker, ReplacesTheThreadOfALateCallAndDropsItsSample) {
+    const std::string late = "round 1 threads call pass 2 check threads end ";
+    EXPECT_EQ(Follow(late), "+4, 0, " + Late(0) + "over, +1, ");
+    // Its call still runs, and another thread has taken its place.
+    EXPECT_EQ(Follow(late + "round 1 threads queued succeed 1 end"),
+              "+4, 0, " + Late(0) + "over, +1, +0, not queued, ends, " + again);
 }
 
-// libvirt fails a call after a while when another program's call holds the domain.
-TEST_F(SampleTrackerTest, TakesAnErrorForNoResponse) {
-    StartRound(1);
-    const int late = Call();
-    Pass(seconds(2));
-    Fail(late);
-    StartRound(1);
-    const int next = Call();
-    EXPECT_EQ(NextCheck(), milliseconds(200)) << "a shorter timeout";
-    Pass(milliseconds(200));
-    EXPECT_EQ(NextCheck(), std::nullopt);
-    EXPECT_TRUE(Fail(next)) << "its thread is not replaced";
-    EXPECT_EQ(AddThreads(), 0);
-    StartRound(1);
-    Succeed(Call());
-    EXPECT_THAT(tracker.EndRound(), ElementsAre(Key("0")));
-    EXPECT_EQ(Log(), Late(0) + failed + failed + again);
+// libvirt fails a call after a while when another program's call holds the domain. The next call has a
+// shorter timeout, and its thread is not replaced.
+TEST(SampleTracker, TakesAnErrorForNoResponse) {
+    EXPECT_EQ(
+        Follow("round 1 threads call pass 2 fail 1 round 1 threads call check pass 0.2 check fail 2 threads "
+               "round 1 threads call succeed 3 end"),
+        "+4, 0, " + Late(0) + "goes on, " + failed + "+0, 0, 0.2 s, over, goes on, " + failed +
+            "+0, +0, 0, goes on, " + again + "sample of 0, ");
 }
 
-TEST_F(SampleTrackerTest, LogsThatAnUnresponsiveDomainIsGoneOnceItsCallEnded) {
-    StartRound(1);
-    const int call = Call();
-    Pass(seconds(2));
-    StartRound(0);
-    EXPECT_EQ(Log(), Late(0));
-    Fail(call);
-    StartRound(0);
-    EXPECT_EQ(Log(),
-              Late(0) + failed + "info VM vm-0 (0), which had not responded since TIME, no longer runs\n");
+TEST(SampleTracker, LogsThatAnUnresponsiveDomainIsGoneOnceItsCallEnded) {
+    EXPECT_EQ(Follow("round 1 threads call pass 2 round 0 fail 1 round 0"),
+              "+4, 0, " + Late(0) + "goes on, " + failed +
+                  "info VM vm-0 (0), which had not responded since TIME, no longer runs\n");
 }
 
-TEST_F(SampleTrackerTest, StartsAtMostTwelveThreadsAndLogsOnceThatNoneIsAvailable) {
+TEST(SampleTracker, StartsAtMostTwelveThreadsAndLogsOnceThatNoneIsAvailable) {
+    std::string script = "round 40 ";
     std::string expected;
-    std::vector<int> calls;
-    for (int added = StartRound(40); added > 0; added = AddThreads()) {
-        for (; added > 0; --added) {
-            expected += Late(static_cast<int>(calls.size()));
-            calls.push_back(Call());
+    for (int first = 0; first < 12; first += 4) {
+        script += "threads call call call call pass 2 ";
+        expected += "+4, ";
+        for (int index = first; index < first + 4; ++index) {
+            expected += std::to_string(index) + ", ";
         }
-        Pass(seconds(2));
+        expected += Late(first) + Late(first + 1) + Late(first + 2) + Late(first + 3);
     }
-    EXPECT_EQ(calls.size(), 12U);
-    EXPECT_TRUE(tracker.AreAllThreadsInCalls());
     const std::string shortage =
         "error 12 VMs do not respond, no other VM has statistics until one of them does\n";
-    expected += shortage;
-    for (int round = 0; round < 2; ++round) {
-        EXPECT_EQ(NextCheck(), std::nullopt);
-        tracker.EndRound();
-        EXPECT_EQ(Log(), expected);
-        StartRound(40);
-    }
-    EXPECT_TRUE(Succeed(calls[0]));
-    EXPECT_NE(NextCheck(), std::nullopt);
-    tracker.EndRound();
-    StartRound(40);
-    Call();
-    Pass(seconds(2));
-    tracker.EndRound();
-    EXPECT_EQ(Log(), expected + again + Late(0) + shortage) << "logged again after a response";
+    EXPECT_EQ(Follow(script + "threads in-calls check end round 40 check end round 40 succeed 1 check end "
+                              "round 40 call pass 2 end"),
+              expected + "+0, all in calls, over, " + shortage + "over, goes on, " + again + "2 s, 0, " +
+                  Late(0) + shortage);
 }
 
-TEST_F(SampleTrackerTest, WaitsForConnectionsAsLongAsTheirTimeoutSinceTheLastProgress) {
-    StartRound(2);
-    Pass(seconds(9));
-    EXPECT_EQ(NextCheck(), seconds(1));
-    EXPECT_TRUE(Succeed(Call()));
-    Pass(seconds(9));
-    EXPECT_EQ(NextCheck(), seconds(1));
-    Pass(seconds(1));
-    EXPECT_EQ(NextCheck(), std::nullopt);
-    EXPECT_THAT(tracker.EndRound(), ElementsAre(Key("0")));
-    EXPECT_EQ(Log(), "");
+TEST(SampleTracker, WaitsForConnectionsAsLongAsTheirTimeoutSinceTheLastProgress) {
+    EXPECT_EQ(Follow("round 2 threads pass 9 check call succeed 1 pass 9 check pass 1 check end"),
+              "+4, 1 s, 0, goes on, 1 s, over, sample of 0, ");
+    EXPECT_EQ(Follow("round 2 threads call pass 2 pass 9 check"), "+4, 0, " + Late(0) + "1 s, ");
+    EXPECT_EQ(
+        Follow("round 1 threads call pass 11 check", {.call = std::chrono::hours(1), .open = seconds(10)}),
+        "+4, 0, 10 s, ");
 }
 
-TEST_F(SampleTrackerTest, CountsTheTimeForConnectionsFromTheEndOfTheLastCallInTime) {
-    StartRound(2);
-    Call();
-    Pass(seconds(2));
-    Pass(seconds(9));
-    EXPECT_EQ(NextCheck(), seconds(1)) << "the call became late 9 s ago";
-    SampleTracker slow({.call = std::chrono::hours(1), .open = seconds(10)});
-    slow.StartRound({{"0", "vm-0"}}, now);
-    EXPECT_TRUE(slow.AddThread());
-    slow.StartCall(now);
-    now += seconds(11);
-    EXPECT_EQ(slow.NextCheck(now), now + seconds(10));
+TEST(SampleTracker, EndsTheRoundOfAHostWhoseConnectionBroke) {
+    EXPECT_EQ(Follow("round 9 threads call break 1 check"), "+4, 0, goes on, over, ");
 }
 
-TEST_F(SampleTrackerTest, EndsTheRoundOfAHostWhoseConnectionBroke) {
-    StartRound(9);
-    EXPECT_TRUE(Fail(Call(), true));
-    EXPECT_EQ(NextCheck(), std::nullopt);
-    EXPECT_EQ(Log(), "");
-}
-
-TEST_F(SampleTrackerTest, EndsEverythingWhenItIsStopped) {
-    StartRound(9);
-    const int call = Call();
-    Pass(seconds(2));
-    tracker.Stop();
-    EXPECT_EQ(AddThreads(), 0);
-    EXPECT_EQ(NextCheck(), std::nullopt);
-    EXPECT_FALSE(Succeed(call));
-    EXPECT_EQ(Log(), Late(0));
-    EXPECT_THAT(tracker.EndRound(), IsEmpty());
+TEST(SampleTracker, EndsEverythingWhenItIsStopped) {
+    EXPECT_EQ(Follow("round 9 threads call pass 2 stop threads check succeed 1 end"),
+              "+4, 0, " + Late(0) + "+0, over, ends, ");
 }
 
 }  // namespace

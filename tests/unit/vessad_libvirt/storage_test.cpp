@@ -55,31 +55,25 @@ TEST(Storage, LocatesFilesOfARemoteHostInPoolsAndDirectories) {
 class LinksTest : public testing::Test {
   protected:
     VessadTest::TemporaryDirectory directory;
-    const std::filesystem::path root = std::filesystem::canonical(directory.GetPath());
+    const std::string root = std::filesystem::canonical(directory.GetPath());
     const std::vector<Mount> local{{"/dev/sda1", "/", "ext4"}};
 };
 
-TEST_F(LinksTest, OfDirectoriesAndFilesAreFollowed) {
-    std::filesystem::create_directory(root / "real");
-    std::filesystem::create_directory_symlink("real", root / "relative");
-    std::filesystem::create_directory_symlink(root / "relative", root / "absolute");
-    std::filesystem::create_symlink("../real/./1.img", root / "real" / "link.img");
-    const Storage storage(local, {{"pool", "dir", (root / "absolute").string(), ""}});
-    EXPECT_EQ(storage.Locate(root / "absolute" / "link.img").relative, "1.img");
-    EXPECT_EQ(storage.Locate(root / "absolute" / "link.img").datastoreName, "pool");
-    EXPECT_EQ(storage.Locate(root / "real" / "missing.img").datastoreName, "pool");
-}
-
-TEST_F(LinksTest, InACircleAreNotFollowedForever) {
-    std::filesystem::create_symlink("b", root / "a");
-    std::filesystem::create_symlink("a", root / "b");
-    EXPECT_EQ(Storage(local, {}).Locate(root / "a").datastoreName, "/");
+TEST_F(LinksTest, OfDirectoriesAndFilesAreFollowedButNotForeverInACircle) {
+    directory.Run(
+        "mkdir real && ln -s real relative && ln -s \"$PWD/relative\" absolute && "
+        "ln -s ../real/./1.img real/link.img && ln -s b a && ln -s a b");
+    const Storage storage(local, {{"pool", "dir", root + "/absolute", ""}});
+    const std::string pool = "pool:pool pool " + root + "/real/ ";
+    EXPECT_EQ(Locate(storage, root + "/absolute/link.img"), pool + "1.img /dev/sda1");
+    EXPECT_EQ(Locate(storage, root + "/real/missing.img"), pool + "missing.img /dev/sda1");
+    EXPECT_EQ(storage.Locate(root + "/a").datastoreName, "/");
 }
 
 TEST_F(LinksTest, OnANetworkFileSystemAreNotRead) {
-    std::filesystem::create_directory_symlink("/", root / "link");
-    const Storage storage({{local[0], {"server:/x", root.string(), "nfs"}}}, {});
-    EXPECT_EQ(storage.Locate(root / "link" / "1.img").relative, "link/1.img");
+    directory.Run("ln -s / link");
+    const Storage storage({{local[0], {"server:/x", root, "nfs"}}}, {});
+    EXPECT_EQ(storage.Locate(root + "/link/1.img").relative, "link/1.img");
 }
 
 TEST(ReadMounts, ReturnsSourceDirectoryAndTypeWithEscapedBlanks) {

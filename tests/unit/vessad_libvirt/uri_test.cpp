@@ -1,14 +1,27 @@
+// URIs: where they lead, those that can never work, and hosts that are not there yet.
 #include "apps/vessad/backends/libvirt/Uri.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <stdexcept>
+#include <string>
+
+#include "apps/vessad/backends/LibvirtBackend.h"
+#include "tests/unit/vessad/log_lines.h"
+#include "tests/unit/vessad/temporary_directory.h"
 
 namespace Vessad::Libvirt {
 namespace {
 
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::ThrowsMessage;
+
 // "LOCALITY DIRECTORY".
 std::string Describe(const std::string& uri) {
+    EXPECT_EQ(FindMistake(uri), std::nullopt) << uri;
     return (IsLocal(uri) ? "local " : "remote ") + ConfigDirectory(uri).value_or("unknown");
 }
 
@@ -21,11 +34,12 @@ TEST(Uri, HasLocalityAndConfigDirectory) {
     EXPECT_EQ(Describe("qemu:///embed"), "local unknown");
     EXPECT_EQ(Describe("qemu+ssh://example.org/session"), "remote unknown");
     EXPECT_EQ(Describe("lxc:///system"), "local /etc/libvirt/lxc/");
+    EXPECT_EQ(Describe("lxc:///"), "local /etc/libvirt/lxc/");
     EXPECT_EQ(Describe("xen:///system"), "local /etc/libvirt/libxl/");
     EXPECT_EQ(Describe("xen://example.org"), "remote /etc/libvirt/libxl/");
     EXPECT_EQ(Describe("test:///default"), "local unknown");
     EXPECT_EQ(Describe("vz:///system"), "local unknown");
-    EXPECT_EQ(Describe("nonsense"), "local unknown");
+    EXPECT_EQ(Describe("alias"), "local unknown");
 }
 
 // In a process of its own, because it changes the environment.
@@ -36,10 +50,46 @@ TEST(ConfigDirectoryDeathTest, OfASessionIsInTheUsersOwn) {
             ::unsetenv("XDG_CONFIG_HOME");
             const bool home = ConfigDirectory("qemu:///session") == "/home/me/.config/libvirt/qemu/";
             ::setenv("XDG_CONFIG_HOME", "/srv/configuration", 1);
-            const bool xdg = ConfigDirectory("qemu:///session") == "/srv/configuration/libvirt/qemu/";
+            const bool xdg = Describe("qemu:///session") == "local /srv/configuration/libvirt/qemu/";
             std::exit(home && xdg ? 0 : 1);
         },
         testing::ExitedWithCode(0), "");
+}
+
+// There need be no libvirtd for it.
+TEST(Uri, ThatCanNeverWorkIsRefusedAtOnceWithTheReason) {
+    const VessadTest::LogLines log;
+    const VessadTest::TemporaryDirectory directory;
+    for (const auto& [uri, reason] : std::vector<std::pair<std::string, std::string>>{
+             {"", "it is empty"},
+             {"qemu:///sys tem", "a blank"},
+             {":///system", "it names no driver"},
+             {"qemu:///sytem", R"(no path "/sytem", only "/system", "/session", "/embed")"},
+             {"qemu://system", R"(no path "")"},
+             {"qemu+ssh://root@example.org/", R"(no path "/")"},
+             {"lxc:///sytem", R"(no path "/sytem")"},
+             {"xen:///sytem", R"(no path "/sytem")"},
+             // As libvirt says:
+             {"qemu+foo:///system", "transport"},
+             {"no-alias", "driver"},
+             {"test:///does/not/exist.xml", "/does/not/exist.xml"}}) {
+        const auto make = [&, uri = uri] { MakeLibvirtBackend(uri, directory.GetPath() / "state"); };
+        EXPECT_THAT(make, ThrowsMessage<std::runtime_error>(AllOf(
+                              HasSubstr("the libvirt URI " + uri + " cannot be used: "), HasSubstr(reason))))
+            << uri;
+    }
+}
+
+TEST(Uri, OfAHostThatIsDownYieldsAnInventoryWithoutVms) {
+    const VessadTest::TemporaryDirectory directory;
+    const VessadTest::LogLines log;
+    const auto backend =
+        MakeLibvirtBackend("qemu+unix:///system?socket=" + (directory.GetPath() / "none").string(),
+                           directory.GetPath() / "state");
+    EXPECT_TRUE(backend->GetInventory()->vms.empty());
+    EXPECT_EQ(log.Count("warning The host's libvirt cannot be reached: Failed to connect socket"), 1);
+    EXPECT_EQ(log.Count("; there is no inventory until it can"), 1);
+    EXPECT_EQ(log.Count("the last inventory serves"), 0);
 }
 
 }  // namespace
