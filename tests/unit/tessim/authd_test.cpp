@@ -233,12 +233,7 @@ TEST_P(BrokenOff, IsAStreamErrorAtEveryByte) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Authd, BrokenOff,
-                         testing::Combine(testing::Values(TLS1_2_VERSION, TLS1_3_VERSION), testing::Bool()),
-                         [](const auto& tested) {
-                             return std::string(std::get<0>(tested.param) == TLS1_2_VERSION ? "Tls12"
-                                                                                            : "Tls13") +
-                                    (std::get<1>(tested.param) ? "Reset" : "Closed");
-                         });
+                         testing::Combine(testing::Values(TLS1_2_VERSION, TLS1_3_VERSION), testing::Bool()));
 
 TEST(AuthdClient, ReportsThatNobodyListensAndLeavesTheHandleAsItWas) {
     TlsTestServer server(Serve);
