@@ -14,7 +14,6 @@ namespace Ordane {
 namespace {
 
 using Sample::CallOf;
-using Sample::Enveloped;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;

@@ -153,7 +153,7 @@ TEST_F(SecretFileTest, IsRefusedForWhatItsPathIsOrLeadsTo) {
         // The environment is always fresh, root's, and readable by root alone.
         {"empty", {folder + "/empty", "/proc/self/environ"}},
         {old, {"/etc/shadow"}},
-        {folder + "/\\x1b[31m\\x0afake log line\": No such file", {folder + "/\x1b[31m\nfake log line"}},
+        {folder + R"(/\x1b[31m\x0afake log line": No such file)", {folder + "/\x1b[31m\nfake log line"}},
     };
     for (const auto& [reason, paths] : refusals) {
         for (const std::string& refused : paths) {
