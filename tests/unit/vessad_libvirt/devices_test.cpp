@@ -225,6 +225,30 @@ TEST(NetworkCards, HaveTheNextFreeKeyWhenTheirsIsTaken) {
                             "EthernetCard 8002 | Network adapter 2 | user | MAC  | device user | connected"));
 }
 
+// libvirt's numbers, and what no int can hold.
+TEST(Addresses, ThatNoVmHasAreTakenForTheNearestThatItMayHave) {
+    const std::string huge = "'99999999999'";
+    const std::string address = "<address type='drive' controller=" + huge + " bus=" + huge +
+                                " target=" + huge + " unit='-2147483648'/>";
+    EXPECT_THAT(
+        Devices("<controller type='scsi' index=" + huge +
+                "/><controller type='ide' index='-7'/>"
+                "<disk><target dev='sda' bus='scsi'/>" +
+                address + "</disk>" + "<disk><target dev='hda' bus='ide'/>" + address + "</disk>" +
+                Card("<address type='pci' domain='0' bus=" + huge + " slot=" + huge + " function=" + huge +
+                     "/>")),
+        ElementsAre("SCSIController 66535 | SCSI controller 65535 | SCSI | bus 65535",
+                    "IDEController 200 | IDE 0 | IDE | bus 0", "IDEController 201 | IDE 1 | IDE | bus 1",
+                    "IDEController 131270 | IDE 131070 | IDE | bus 131070",
+                    "IDEController 131271 | IDE 131071 | IDE | bus 131071",
+                    "Disk 2100 | Hard disk 1 (sda) |  | 66535:65535",
+                    "Disk 2000 | Hard disk 2 (hda) |  | 131271:0",
+                    "EthernetCard 17370775 | Network adapter 1 | user | MAC  | device user | connected"));
+    const std::string both = "<address type='drive' controller='0' target=" + huge + " unit=" + huge + "/>";
+    EXPECT_THAT(DevicesBesideControllers("<disk><target dev='sda' bus='scsi'/>" + both + "</disk>"),
+                ElementsAre("Disk 2100 | Hard disk 1 (sda) |  | 1000:1073790975"));  // 65535 × 16384 + 65535
+}
+
 // "KEY DEVICE" of each card, which name its statistics.
 std::vector<std::string> Cards(const std::string& devices) {
     std::vector<std::string> cards;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "apps/vessad/backends/libvirt/XmlAttributes.h"
+
 namespace Vessad::Libvirt {
 namespace {
 
@@ -40,7 +42,7 @@ ControllerRef MakeScsiController(std::string_view model) {
 }
 
 int DrivePlace::ControllerKey() const {
-    const int channel = bus.channels > 1 ? address.bus : 0;
+    const int channel = std::min(address.bus, bus.channels - 1);
     return bus.firstKey + address.controller * bus.channels + channel;
 }
 
@@ -53,8 +55,8 @@ std::optional<DrivePlace> PlaceOnController(pugi::xml_node drive) {
         return std::nullopt;
     }
     return DrivePlace{*bus,
-                      {address.attribute("controller").as_int(), address.attribute("bus").as_int(),
-                       address.attribute("target").as_int(), address.attribute("unit").as_int()}};
+                      {AddressNumber(address, "controller"), AddressNumber(address, "bus"),
+                       AddressNumber(address, "target"), AddressNumber(address, "unit")}};
 }
 
 }  // namespace Vessad::Libvirt

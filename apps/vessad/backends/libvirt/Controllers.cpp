@@ -4,6 +4,7 @@
 #include <string>
 
 #include "apps/vessad/backends/libvirt/Buses.h"
+#include "apps/vessad/backends/libvirt/XmlAttributes.h"
 
 namespace Vessad::Libvirt {
 namespace {
@@ -13,7 +14,7 @@ std::map<int, std::string> ModelsOf(const Bus& bus, pugi::xml_node devices) {
     std::map<int, std::string> models;
     for (const pugi::xml_node controller : devices.children("controller")) {
         if (controller.attribute("type").value() == bus.name) {
-            models[controller.attribute("index").as_int()] = controller.attribute("model").value();
+            models[AddressNumber(controller, "index")] = controller.attribute("model").value();
         }
     }
     for (const pugi::xml_node drive : devices.children("disk")) {

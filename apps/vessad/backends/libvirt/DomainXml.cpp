@@ -47,7 +47,7 @@ std::string GuestFullName(pugi::xml_node domain, GuestNames& names) {
 
 int CpuCount(pugi::xml_node domain) {
     const pugi::xml_node cpus = domain.child("vcpu");
-    return cpus.attribute("current").as_int(cpus.text().as_int());
+    return std::max(0, cpus.attribute("current").as_int(cpus.text().as_int()));
 }
 
 int MemoryMB(pugi::xml_node domain) {

@@ -46,8 +46,8 @@ int KeyOf(pugi::xml_node card, int position) {
         const auto number = MacNumber(card.child("mac").attribute("address").value());
         return number ? firstMacKey + *number : firstKey + position;
     }
-    const int slot = address.attribute("bus").as_int() * slotsPerBus + address.attribute("slot").as_int();
-    return firstKey + slot * functionsPerSlot + address.attribute("function").as_int();
+    const int slot = AddressNumber(address, "bus") * slotsPerBus + AddressNumber(address, "slot");
+    return firstKey + slot * functionsPerSlot + AddressNumber(address, "function");
 }
 
 // Returns the name of what the card is connected to, else the kind of the connection.
