@@ -19,47 +19,33 @@ u_char* AnswerAMatch(variable* vp, oid* name, size_t* length, int exact, size_t*
     return result == 1 ? bytes.data() : nullptr;
 }
 
-Answer Call(const Oid& name, const Oid& request, bool exact) {
-    return RegisteredVariable{"test", name, AnswerAMatch, 1, ASN_INTEGER}.Call(request, exact);
+// Whether the request leads to the instance, which it becomes then; else it stays as it is.
+bool Matches(const Oid& request, bool exact, const Oid& name = scalar) {
+    const Answer answer = RegisteredVariable{"test", name, AnswerAMatch, 1, ASN_INTEGER}.Call(request, exact);
+    EXPECT_EQ(answer.name, answer.answered ? Join(name, {0}) : request);
+    EXPECT_EQ(answer.length, answer.answered ? 4U : Answer::unset);
+    EXPECT_EQ(answer.writeMethodNull, answer.answered);
+    return answer.answered;
 }
 
-void ExpectMatch(const Oid& request, bool exact, const Oid& name = scalar) {
-    const Answer answer = Call(name, request, exact);
-    EXPECT_TRUE(answer.answered);
-    EXPECT_EQ(answer.name, Join(name, {0}));
-    EXPECT_EQ(answer.length, 4U);
-    EXPECT_TRUE(answer.writeMethodNull);
-}
-
-void ExpectNoMatch(const Oid& request, bool exact, const Oid& name = scalar) {
-    const Answer answer = Call(name, request, exact);
-    EXPECT_FALSE(answer.answered);
-    EXPECT_EQ(answer.name, request);
-    EXPECT_EQ(answer.length, Answer::unset);
-    EXPECT_FALSE(answer.writeMethodNull);
-}
-
-TEST(CheckParam, MatchesAGetOfTheInstanceOnly) {
-    ExpectMatch(instance, true);
-    for (const Oid& other :
-         {scalar, Join(scalar, {1}), Join(instance, {0}), Oid{1, 3, 6, 1, 4, 1, 32473, 3, 1, 2, 0},
-          Oid{1, 3, 6}, Oid{}, Oid(MAX_OID_LEN, 1)}) {
-        ExpectNoMatch(other, true);
-    }
-}
-
-TEST(CheckParam, MatchesAGetNextFromBeforeTheInstanceOnly) {
+TEST(CheckParam, MatchesAGetOfTheInstanceAndAGetNextFromBeforeIt) {
+    EXPECT_TRUE(Matches(instance, true));
     for (const Oid& before : {scalar, Oid{}, Enterprise({}), Enterprise({3, 1, 0, 99, 99})}) {
-        ExpectMatch(before, false);
+        EXPECT_FALSE(Matches(before, true));
+        EXPECT_TRUE(Matches(before, false));
     }
-    for (const Oid& other : {instance, Join(instance, {0}), Enterprise({3, 1, 2})}) {
-        ExpectNoMatch(other, false);
+    EXPECT_FALSE(Matches(instance, false));
+    for (const Oid& beyond :
+         {Join(instance, {0}), Join(scalar, {1}), Enterprise({3, 1, 2}), Enterprise({3, 1, 2, 0})}) {
+        EXPECT_FALSE(Matches(beyond, true));
+        EXPECT_FALSE(Matches(beyond, false));
     }
+    EXPECT_FALSE(Matches(Oid(MAX_OID_LEN, 1), true));
 }
 
 TEST(CheckParam, RefusesAnOidThatLeavesNoRoomForTheInstance) {
-    ExpectNoMatch({}, false, Oid(MAX_OID_LEN, 1));
-    ExpectMatch({}, false, Oid(MAX_OID_LEN - 1, 1));
+    EXPECT_FALSE(Matches({}, false, Oid(MAX_OID_LEN, 1)));
+    EXPECT_TRUE(Matches({}, false, Oid(MAX_OID_LEN - 1, 1)));
 }
 
 }  // namespace

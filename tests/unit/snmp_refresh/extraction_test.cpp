@@ -110,26 +110,7 @@ TEST(DsPath, BecomesAPathOnTheHost) {
         GetPathFromDsPath(withPairs ? pairs.Get() : nullptr, dsPath, result);
         return result;
     };
-    const std::pair<const char*, const char*> cases[] = {{"[storage1] vm/vm.cfg", "/volumes/4a5b/vm/vm.cfg"},
-                                                         {"[noslash] vm/vm.cfg", "/volumes/4a5bvm/vm.cfg"},
-                                                         {"[ storage1 ]  vm.cfg  ", "/volumes/4a5b/vm.cfg"},
-                                                         {"[storage1]vm.cfg", "/volumes/4a5b/vm.cfg"},
-                                                         {"[two words] a b.cfg", "/volumes/tw/a b.cfg"},
-                                                         {"[storage1]", "/volumes/4a5b/"},
-                                                         {"[storage1] [x] y.cfg", "/volumes/4a5b/[x] y.cfg"},
-                                                         {"before [storage1] vm.cfg", "/volumes/4a5b/vm.cfg"},
-                                                         {"] [storage1] vm.cfg", "/volumes/4a5b/vm.cfg"},
-                                                         {"[] vm.cfg", "vm.cfg"},
-                                                         {"[  ] vm.cfg ", "vm.cfg"},
-                                                         {"vm/vm.cfg", "vm/vm.cfg"},
-                                                         {"storage1] vm.cfg", "storage1] vm.cfg"},
-                                                         {"[storage1 vm.cfg", "[storage1 vm.cfg"},
-                                                         {"] x [storage1 vm.cfg", "] x [storage1 vm.cfg"},
-                                                         {"[Storage1] vm.cfg", "[Storage1] vm.cfg"},
-                                                         {"[storage2]  vm.cfg ", "[storage2]  vm.cfg "},
-                                                         {" plain ", " plain "},
-                                                         {"", ""}};
-    for (const auto& [dsPath, expected] : cases) {
+    for (const auto& [dsPath, expected] : TestSupport::ReadCases(DATASTORE_PATHS)) {
         EXPECT_EQ(pathOf(dsPath, true), expected) << '"' << dsPath << '"';
     }
     EXPECT_EQ(pathOf("[storage1] vm.cfg", false), "[storage1] vm.cfg");
