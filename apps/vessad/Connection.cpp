@@ -49,8 +49,8 @@ struct SizeLimits {
 constexpr SizeLimits beforeLogin{8 * 1024, 16UL * 1024, {.maxElements = 100, .maxDepth = 16}};
 constexpr SizeLimits afterLogin{8 * 1024, 8UL * 1024 * 1024, {.maxElements = 400'000, .maxDepth = 64}};
 
-// Everything but Evict runs on the socket's strand. Each pending operation holds a reference to the
-// connection.
+// Everything but Evict runs in the thread of the socket's executor. Each pending operation holds a reference
+// to the connection.
 class Connection final : public ConnectionTable::Entry, public std::enable_shared_from_this<Connection> {
     // A handler that calls `method`. Defined before its users because its type is deduced.
     template <class Method>

@@ -30,8 +30,9 @@ struct ConnectionContext {
     Timeouts timeouts;
 };
 
-// Serves the client of `socket`, whose executor must be a strand, and places the connection in the table as
-// `number`. The connection owns itself until the client, a timeout or the table closes it.
+// Serves the client of `socket`, whose executor must run one handler at a time, and places the connection in
+// the table as `number`. To be called in a handler of that executor. The connection owns itself until the
+// client, a timeout or the table closes it. Throws std::bad_alloc.
 void StartConnection(boost::asio::ip::tcp::socket socket, ConnectionContext& context, std::uint64_t number);
 
 }  // namespace Vessad

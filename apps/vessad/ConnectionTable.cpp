@@ -1,7 +1,5 @@
 #include "apps/vessad/ConnectionTable.h"
 
-#include <vector>
-
 namespace Vessad {
 
 ConnectionTable::ConnectionTable(const Limits& given) : limits{given.preamble, given.login, given.session} {}
@@ -16,8 +14,9 @@ void ConnectionTable::Place(std::uint64_t number, const std::shared_ptr<Entry>& 
         } else {
             Queue& queue = At(stage);
             const std::uint64_t turn = nextTurn++;
-            queue.emplace(turn, Queued{number, entry});
+            // In this order: without memory for the second, Remove clears the first.
             positions[number] = {stage, turn};
+            queue.emplace(turn, Queued{number, entry});
             if (queue.size() > limits.at(static_cast<std::size_t>(stage))) {
                 evicted = TakeOldestLocked(queue);
             }
@@ -50,19 +49,19 @@ void ConnectionTable::MakeRoom(std::string_view why) {
 }
 
 void ConnectionTable::Close(std::string_view why) {
-    std::vector<std::shared_ptr<Entry>> evicted;
-    {
-        const std::lock_guard lock(mutex);
-        closed = true;
-        for (Queue& queue : queues) {
-            while (!queue.empty()) {
-                evicted.push_back(TakeOldestLocked(queue));
+    std::unique_lock lock(mutex);
+    closed = true;
+    for (Queue& queue : queues) {
+        while (!queue.empty()) {
+            const std::uint64_t number = queue.begin()->second.number;
+            std::shared_ptr<Entry> evicted = queue.begin()->second.entry.lock();
+            lock.unlock();
+            if (evicted) {
+                evicted->Evict(why);
+                evicted.reset();
             }
-        }
-    }
-    for (const std::shared_ptr<Entry>& entry : evicted) {
-        if (entry) {
-            entry->Evict(why);
+            lock.lock();
+            RemoveLocked(number);
         }
     }
 }

@@ -52,7 +52,8 @@ class ConnectionTable {
     // stage.
     void MakeRoom(std::string_view why);
 
-    // Evicts every connection, and each that is placed later.
+    // Evicts every connection, and each that is placed later. Throws what Evict throws; may be called again
+    // then.
     void Close(std::string_view why);
 
     // The number of connections at a stage.

@@ -6,19 +6,19 @@
 #include <algorithm>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/address.hpp>
-#include <boost/asio/post.hpp>
-#include <boost/asio/steady_timer.hpp>
-#include <boost/asio/strand.hpp>
 #include <charconv>
-#include <optional>
+#include <deque>
+#include <exception>
+#include <memory>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
 #include <thread>
 #include <utility>
-#include <vector>
 
+#include "apps/vessad/Lane.h"
 #include "apps/vessad/TlsIdentity.h"
+#include "runtime/tessim/file_descriptor.h"
 
 namespace Vessad {
 
@@ -27,13 +27,14 @@ namespace {
 namespace asio = boost::asio;
 using asio::ip::tcp;
 
-constexpr unsigned minThreads = 2;  // one long call must not block the others
-constexpr unsigned maxThreads = 4;
-constexpr std::chrono::milliseconds acceptBackoff{50};
+// Threads that serve connections; a long call delays only those of its thread.
+constexpr unsigned minLanes = 2;
+constexpr unsigned maxLanes = 4;
 constexpr rlim_t otherFiles = 64;  // open files besides connections
 
-tcp::acceptor Listen(const asio::any_io_executor& executor, const tcp::endpoint& endpoint) {
-    tcp::acceptor acceptor(executor);
+Tessim::FileDescriptor Listen(const tcp::endpoint& endpoint) {
+    asio::io_context unused;
+    tcp::acceptor acceptor(unused);
     boost::system::error_code error;
     const auto check = [&](boost::system::error_code result) {
         if (result) {
@@ -45,7 +46,7 @@ tcp::acceptor Listen(const asio::any_io_executor& executor, const tcp::endpoint&
     check(acceptor.set_option(tcp::acceptor::reuse_address(true), error));
     check(acceptor.bind(endpoint, error));
     check(acceptor.listen(asio::socket_base::max_listen_connections, error));
-    return acceptor;
+    return Tessim::FileDescriptor(acceptor.release());
 }
 
 }  // namespace
@@ -83,132 +84,77 @@ tcp::endpoint ParseListenAddress(const std::string& text) {
 class Server::Implementation {
   public:
     Implementation(const ServerOptions& options, Backend& backend)
-        : acceptStrand(asio::make_strand(io)),
-          acceptor(Listen(acceptStrand, options.listen)),
-          acceptTimer(acceptStrand),
+        : lanes(MakeLanes(options)),
           tls(MakeTlsContext()),
-          tickets(options.tickets, io.get_executor()),
+          tickets(options.tickets, lanes.front().GetExecutor()),
           table(options.connections),
           services{backend, tickets},
-          context{services, table, tls, options.timeouts} {}
+          context{services, table, tls, options.timeouts},
+          shared{context} {}
 
     Implementation(const Implementation&) = delete;
     Implementation& operator=(const Implementation&) = delete;
-    ~Implementation() {
-        try {
-            Stop();
-        } catch (...) {
-            // Out of memory. The threads must not outlive what they use.
-            io.stop();
-            Join();
+    ~Implementation() { Stop(); }
+
+    tcp::endpoint GetEndpoint() const { return lanes.front().GetEndpoint(); }
+
+    void Start() {
+        started = true;
+        for (Lane& lane : lanes) {
+            lane.Start(shared);
         }
     }
 
-    tcp::endpoint GetEndpoint() const { return acceptor.local_endpoint(); }
-
-    void Start() {
-        asio::post(acceptStrand, [this] { Accept(); });
-        const unsigned count = std::clamp(std::thread::hardware_concurrency(), minThreads, maxThreads);
-        for (unsigned index = 0; index < count; ++index) {
-            threads.emplace_back([this] { Run(); });
+    bool CheckProgress() {
+        bool progressed = true;
+        for (Lane& lane : lanes) {
+            progressed = lane.CheckProgress() && progressed;
         }
+        return progressed;
     }
 
     void Stop() {
-        if (threads.empty()) {
+        if (!std::exchange(started, false)) {
             return;
         }
-        // Leaves the threads nothing to run, so that they return, and connections end before what they use.
-        asio::post(acceptStrand, [this] {
-            stopping = true;
-            acceptor.close();
-            acceptTimer.cancel();
-            table.Close("the daemon is stopping");
-            tickets.Close();
-        });
-        Join();
+        // Leaves the lanes nothing to do, so that they end, and connections before what they use.
+        for (bool closed = false; !closed;) {
+            try {
+                for (Lane& lane : lanes) {
+                    lane.Close();
+                }
+                table.Close("the daemon is stopping");
+                tickets.Close();
+                closed = true;
+            } catch (const std::exception&) {
+                // Out of memory.
+                std::this_thread::sleep_for(Lane::retryDelay);
+            }
+        }
+        for (Lane& lane : lanes) {
+            lane.Join();
+        }
     }
 
   private:
-    void Join() {
-        for (std::thread& thread : threads) {
-            thread.join();
+    static std::deque<Lane> MakeLanes(const ServerOptions& options) {
+        const Tessim::FileDescriptor listener = Listen(options.listen);
+        std::deque<Lane> lanes;
+        for (unsigned count = std::clamp(std::thread::hardware_concurrency(), minLanes, maxLanes); count > 0;
+             --count) {
+            lanes.emplace_back(options.listen.protocol(), listener.Get());
         }
-        threads.clear();
+        return lanes;
     }
 
-    void Run() {
-        // An exception from a handler releases that handler's connection, and affects no other.
-        for (;;) {
-            try {
-                io.run();
-                return;
-            } catch (const std::exception& failure) {
-                spdlog::error("A connection failed and is closed: {}", failure.what());
-            }
-        }
-    }
-
-    void Accept() {
-        acceptor.async_accept(asio::make_strand(io),
-                              [this](const boost::system::error_code& error, tcp::socket socket) {
-                                  OnAccept(error, std::move(socket));
-                              });
-    }
-
-    void OnAccept(const boost::system::error_code& error, tcp::socket socket) {
-        if (stopping) {
-            return;
-        }
-        if (error && error != asio::error::connection_aborted) {
-            // Out of descriptors or memory; the client stays in the backlog until there are some.
-            if (!std::exchange(exhausted, true)) {
-                spdlog::warn("Cannot accept connections, evicting those without a login: {}",
-                             error.message());
-            }
-            table.MakeRoom("out of files or memory");
-            acceptTimer.expires_after(acceptBackoff);
-            acceptTimer.async_wait([this](const boost::system::error_code& stopped) {
-                if (!stopped && !stopping) {
-                    Accept();
-                }
-            });
-            return;
-        }
-        exhausted = false;
-        if (!error) {
-            Serve(std::move(socket));
-        }
-        Accept();
-    }
-
-    void Serve(tcp::socket socket) {
-        const std::uint64_t number = ++connections;
-        try {
-            boost::system::error_code ignored;
-            const tcp::endpoint peer = socket.remote_endpoint(ignored);
-            spdlog::debug("Connection {}: accepted from {} port {}", number, peer.address().to_string(),
-                          peer.port());
-            socket.set_option(tcp::no_delay(true), ignored);
-            StartConnection(std::move(socket), context, number);
-        } catch (const std::exception& failure) {
-            spdlog::error("Connection {}: cannot be served, closing: {}", number, failure.what());
-        }
-    }
-
-    asio::io_context io;
-    asio::strand<asio::io_context::executor_type> acceptStrand;  // guards accepting and stopping
-    tcp::acceptor acceptor;
-    asio::steady_timer acceptTimer;
+    std::deque<Lane> lanes;
     asio::ssl::context tls;
     TicketStore tickets;
     ConnectionTable table;
     Services services;
     ConnectionContext context;
-    std::uint64_t connections = 0;
-    bool stopping = false;
-    bool exhausted = false;  // whether the last accept ran out of files or memory
-    std::vector<std::thread> threads;
+    Lane::Shared shared;
+    bool started = false;
 };
 
 Server::Server(const ServerOptions& options, Backend& backend)
@@ -222,6 +168,10 @@ tcp::endpoint Server::GetEndpoint() const {
 
 void Server::Start() {
     implementation->Start();
+}
+
+bool Server::CheckProgress() {
+    return implementation->CheckProgress();
 }
 
 void Server::Stop() {

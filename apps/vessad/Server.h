@@ -38,6 +38,10 @@ class Server {
     // Serves on threads of its own. Call it once.
     void Start();
 
+    // Returns whether every thread of the server has run since the previous call, true at the first, and
+    // starts the next check. Call it after Start, at intervals of seconds. Throws std::bad_alloc.
+    bool CheckProgress();
+
     // Closes every connection, removes every ticket and waits for the threads. May be called again; the
     // destructor calls it.
     void Stop();

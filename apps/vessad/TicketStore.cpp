@@ -132,50 +132,56 @@ void TicketStore::RemoveStale() const {
 }
 
 std::string TicketStore::Issue(std::uint64_t owner) {
-    const std::string file = std::string(filePrefix) + RandomHex(nameBytes);
-    std::string password = RandomHex(passwordBytes);
-    WriteFile(file, password);
-    const std::lock_guard lock(mutex);
-    if (closed) {
-        RemoveFile(file);
-        throw std::system_error(ECANCELED, std::generic_category(), "the daemon is stopping");
+    Tickets made;
+    const Ticket& ticket =
+        made.emplace(owner, Ticket{std::string(filePrefix) + RandomHex(nameBytes), RandomHex(passwordBytes),
+                                   Clock::now() + options.lifetime})
+            .first->second;
+    std::string path = options.directory / ticket.file;
+    WriteFile(ticket.file, ticket.password);
+    Tickets::node_type previous;
+    try {
+        const std::lock_guard lock(mutex);
+        if (closed) {
+            throw std::system_error(ECANCELED, std::generic_category(), "the daemon is stopping");
+        }
+        ArmTimer(ticket.expiry);
+        previous = tickets.extract(owner);
+        tickets.merge(made);
+    } catch (...) {
+        Remove(made.extract(owner));
+        throw;
     }
-    if (const auto previous = tickets.find(owner); previous != tickets.end()) {
-        Remove(previous);
-    }
-    tickets.emplace(owner, Ticket{file, std::move(password), Clock::now() + options.lifetime});
-    ArmTimer();
-    return options.directory / file;
+    Remove(std::move(previous));
+    return path;
 }
 
 bool TicketStore::Redeem(std::uint64_t owner, std::string_view password) {
-    const std::lock_guard lock(mutex);
-    const auto ticket = tickets.find(owner);
-    if (ticket == tickets.end()) {
+    Tickets::node_type node = Take(owner);
+    if (!node) {
         return false;
     }
-    const std::string& expected = ticket->second.password;
-    const bool same = password.size() == expected.size() &&
-                      CRYPTO_memcmp(password.data(), expected.data(), expected.size()) == 0;
-    const bool valid = Clock::now() < ticket->second.expiry;
-    Remove(ticket);
+    const Ticket& ticket = node.mapped();
+    const bool same = password.size() == ticket.password.size() &&
+                      CRYPTO_memcmp(password.data(), ticket.password.data(), password.size()) == 0;
+    const bool valid = Clock::now() < ticket.expiry;
+    Remove(std::move(node));
     return same && valid;
 }
 
 void TicketStore::Drop(std::uint64_t owner) {
-    const std::lock_guard lock(mutex);
-    if (const auto ticket = tickets.find(owner); ticket != tickets.end()) {
-        Remove(ticket);
-    }
+    Remove(Take(owner));
 }
 
 void TicketStore::Close() {
-    const std::lock_guard lock(mutex);
-    closed = true;
-    timer.cancel();
-    while (!tickets.empty()) {
-        Remove(tickets.begin());
+    Tickets removed;
+    {
+        const std::lock_guard lock(mutex);
+        closed = true;
+        timer.cancel();
+        removed.swap(tickets);
     }
+    RemoveAll(std::move(removed));
 }
 
 std::size_t TicketStore::Count() const {
@@ -215,40 +221,58 @@ void TicketStore::RemoveFile(const std::string& file) const {
     }
 }
 
-void TicketStore::Remove(std::map<std::uint64_t, Ticket>::iterator ticket) {
-    RemoveFile(ticket->second.file);
-    OPENSSL_cleanse(ticket->second.password.data(), ticket->second.password.size());
-    tickets.erase(ticket);
+TicketStore::Tickets::node_type TicketStore::Take(std::uint64_t owner) {
+    const std::lock_guard lock(mutex);
+    return tickets.extract(owner);
 }
 
-void TicketStore::ArmTimer() {
-    if (timerArmed || tickets.empty()) {
+void TicketStore::Remove(Tickets::node_type ticket) const {
+    if (ticket) {
+        RemoveFile(ticket.mapped().file);
+        OPENSSL_cleanse(ticket.mapped().password.data(), ticket.mapped().password.size());
+    }
+}
+
+void TicketStore::RemoveAll(Tickets removed) const {
+    while (!removed.empty()) {
+        Remove(removed.extract(removed.begin()));
+    }
+}
+
+void TicketStore::ArmTimer(Clock::time_point latest) {
+    if (timerArmed) {
         return;
     }
-    const auto next = std::min_element(tickets.begin(), tickets.end(), [](const auto& a, const auto& b) {
-        return a.second.expiry < b.second.expiry;
-    });
-    timerArmed = true;
-    timer.expires_at(next->second.expiry);
+    for (const auto& [owner, ticket] : tickets) {
+        latest = std::min(latest, ticket.expiry);
+    }
+    timer.expires_at(latest);
     timer.async_wait([this](const boost::system::error_code& error) {
         if (!error) {
             RemoveExpired();
         }
     });
+    timerArmed = true;
 }
 
 void TicketStore::RemoveExpired() {
-    const std::lock_guard lock(mutex);
     const Clock::time_point now = Clock::now();
-    for (auto ticket = tickets.begin(); ticket != tickets.end();) {
-        const auto next = std::next(ticket);
-        if (ticket->second.expiry <= now) {
-            Remove(ticket);
+    Tickets removed;
+    {
+        const std::lock_guard lock(mutex);
+        for (auto ticket = tickets.begin(); ticket != tickets.end();) {
+            const auto next = std::next(ticket);
+            if (ticket->second.expiry <= now) {
+                removed.insert(tickets.extract(ticket));
+            }
+            ticket = next;
         }
-        ticket = next;
+        timerArmed = false;
+        if (!tickets.empty()) {
+            ArmTimer(Clock::time_point::max());
+        }
     }
-    timerArmed = false;
-    ArmTimer();
+    RemoveAll(std::move(removed));
 }
 
 }  // namespace Vessad

@@ -64,12 +64,19 @@ class TicketStore {
         Clock::time_point expiry;
     };
 
+    using Tickets = std::map<std::uint64_t, Ticket>;  // by connection
+
     void OpenDirectory();
     void RemoveStale() const;
     void WriteFile(const std::string& file, std::string_view password) const;
     void RemoveFile(const std::string& file) const;
-    void Remove(std::map<std::uint64_t, Ticket>::iterator ticket);
-    void ArmTimer();
+    // Without the mutex, because they may log.
+    void Remove(Tickets::node_type ticket) const;
+    void RemoveAll(Tickets removed) const;
+    // Returns the connection's ticket, empty when there is none, which the caller is to remove.
+    Tickets::node_type Take(std::uint64_t owner);
+    // With the mutex; for the first expiry of the tickets and `latest`.
+    void ArmTimer(Clock::time_point latest);
     void RemoveExpired();
 
     const TicketOptions options;
@@ -77,7 +84,7 @@ class TicketStore {
     Tessim::FileDescriptor directory;
 
     mutable std::mutex mutex;  // guards all below
-    std::map<std::uint64_t, Ticket> tickets;
+    Tickets tickets;
     boost::asio::steady_timer timer;
     bool timerArmed = false;
     bool closed = false;

@@ -60,6 +60,9 @@ class Backend {
 
     // Reads the source again (SIGHUP). Logs a failure, and keeps the current inventory then. Does not throw.
     virtual void Reload() = 0;
+
+    // Returns whether the backend's own threads run; a host that does not respond stops none of them.
+    virtual bool IsMakingProgress() { return true; }
 };
 
 // Makes an entry of the catalogue, whose descriptions have `group` and `name` as key, label and summary.

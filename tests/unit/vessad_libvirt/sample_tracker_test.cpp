@@ -5,8 +5,7 @@
 #include <cmath>
 #include <regex>
 #include <sstream>
-
-#include "tests/unit/vessad/log_lines.h"
+#include <string_view>
 
 namespace Vessad::Libvirt {
 namespace {
@@ -21,8 +20,6 @@ using std::chrono::seconds;
 //   "end": the domains that the round has samples of; "queued", "in-calls", "stop".
 std::string Follow(const std::string& script,
                    SampleTimeouts timeouts = {.call = seconds(2), .open = seconds(10)}) {
-    const VessadTest::LogLines log;
-    std::size_t logged = 0;
     SampleTracker::TimePoint now{seconds(1000)};
     SampleTracker tracker(timeouts);
     std::ostringstream transcript;
@@ -73,9 +70,10 @@ std::string Follow(const std::string& script,
         } else {
             tracker.Stop();
         }
-        const std::string text = log.GetText();
-        transcript << text.substr(logged);
-        logged = text.size();
+        for (const SampleTracker::LogLine& line : tracker.TakeLog()) {
+            const auto level = spdlog::level::to_string_view(line.level);
+            transcript << std::string_view(level.data(), level.size()) << ' ' << line.text << '\n';
+        }
     }
     static const std::regex time(R"(\d+-\d\d-\d\d \d\d:\d\d:\d\d)");
     return std::regex_replace(transcript.str(), time, "TIME");

@@ -2,7 +2,10 @@
 
 #include <spdlog/spdlog.h>
 
+#include <algorithm>
+#include <atomic>
 #include <condition_variable>
+#include <exception>
 #include <mutex>
 #include <utility>
 
@@ -14,6 +17,20 @@ namespace Vessad::Libvirt {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+constexpr const char* unreachable = "The host's libvirt cannot be reached";
+
+// How often the collector's thread wakes up while it waits, in the time that it may go without progress.
+constexpr int wakeUps = 6;
+
+// Calls `function` at the end of a scope, however it is left.
+template <class Function>
+struct AtEnd {
+    Function function;
+    ~AtEnd() { function(); }
+};
+template <class Function>
+AtEnd(Function) -> AtEnd<Function>;
 
 }  // namespace
 
@@ -38,6 +55,24 @@ struct Collector::Shared {
     bool attempted = false;           // a collection has ended or failed
     bool collectNow = false;
     bool stopping = false;
+
+    Clock::duration progressInterval{};
+    std::atomic<Clock::time_point> lastProgress = Clock::now();  // of the collector's thread
+
+    void Progress() { lastProgress = Clock::now(); }
+
+    // Waits for `condition` or until `end`, with the mutex locked; returns whether the condition holds.
+    template <class Condition>
+    bool Wait(std::unique_lock<std::mutex>& lock, Clock::time_point end, Condition condition) {
+        for (;;) {
+            Progress();
+            const auto now = Clock::now();
+            if (condition() || now >= end) {
+                return condition();
+            }
+            changed.wait_until(lock, std::min<Clock::time_point>(end, now + progressInterval), condition);
+        }
+    }
 };
 
 Collector::Collector(const std::shared_ptr<Api>& api, const std::string& uri, VmIds vmIds,
@@ -49,6 +84,7 @@ Collector::Collector(const std::shared_ptr<Api>& api, const std::string& uri, Vm
       poolThread(api, uri),
       readingThread(api, uri),
       workers(api, uri, this->options.sampling) {
+    shared->progressInterval = this->options.progress / wakeUps;
     thread = SignalFreeThread([this] { Run(); });
 }
 
@@ -68,6 +104,10 @@ std::shared_ptr<const Inventory> Collector::Get() {
     return expired ? shared->newestWithoutVms : shared->newest;
 }
 
+bool Collector::IsMakingProgress() const {
+    return Clock::now() - shared->lastProgress.load() < options.progress;
+}
+
 void Collector::CollectNow() {
     const std::lock_guard lock(shared->mutex);
     shared->collectNow = true;
@@ -85,12 +125,29 @@ void Collector::Run() {
     while (!shared->stopping) {
         shared->collectNow = false;
         lock.unlock();
-        Collect();
+        TryToCollect();
         lock.lock();
         shared->attempted = true;
         shared->changed.notify_all();
-        shared->changed.wait_for(lock, options.interval,
-                                 [this] { return shared->stopping || shared->collectNow; });
+        shared->Wait(lock, Clock::now() + options.interval,
+                     [this] { return shared->stopping || shared->collectNow; });
+    }
+}
+
+// A collection that fails for want of memory or of a thread counts like one of a host that cannot be reached.
+void Collector::TryToCollect() {
+    try {
+        try {
+            Collect();
+        } catch (const std::exception& failure) {
+            std::unique_lock lock(shared->mutex);
+            ReportFailure(lock, "No inventory can be collected",
+                          ApiError(failure.what(), ApiError::Kind::Temporary));
+        }
+    } catch (...) {
+        // No memory for the log line either.
+        const std::lock_guard lock(shared->mutex);
+        MarkUnreachable();
     }
 }
 
@@ -110,7 +167,7 @@ void Collector::Collect() {
         }
     }
     vmIds.Admit(uuids);
-    const auto samples = workers.Sample(running);
+    const auto samples = workers.Sample(running, [this] { shared->Progress(); });
     if (Publish(BuildInventory(*reading, vmIds, samples, *Get()))) {
         spdlog::info("The host's libvirt can be reached again: {} VMs", reading->domains.size());
     }
@@ -120,30 +177,33 @@ void Collector::FetchPools() {
     std::unique_lock lock(shared->mutex);
     const bool isStillLate = shared->poolsPending;
     if (!isStillLate) {
-        shared->poolsPending = true;
         poolThread.Post([shared = shared](Connection* connection, const ApiError*) {
             std::optional<std::vector<std::string>> pools;
+            const AtEnd end{[&] {
+                const std::lock_guard guard(shared->mutex);
+                if (pools) {
+                    shared->pools = std::move(*pools);
+                }
+                shared->poolsPending = false;
+                shared->changed.notify_all();
+            }};
             try {
                 if (connection != nullptr) {
                     pools = connection->GetPools();
                 }
-            } catch (const ApiError& error) {
+            } catch (const std::exception& error) {
                 spdlog::debug("No storage pools: {}", error.what());
             }
-            const std::lock_guard guard(shared->mutex);
-            if (pools) {
-                shared->pools = std::move(*pools);
-            }
-            shared->poolsPending = false;
-            shared->changed.notify_all();
         });
+        shared->poolsPending = true;
     }
     auto timeout = poolsKnown ? options.poolTimeout : options.firstPoolTimeout;
     if (isStillLate) {
         timeout = std::chrono::milliseconds(0);
     }
-    const bool inTime =
-        shared->changed.wait_for(lock, timeout, [this] { return shared->stopping || !shared->poolsPending; });
+    const bool inTime = shared->Wait(lock, Clock::now() + timeout,
+                                     [this] { return shared->stopping || !shared->poolsPending; });
+    lock.unlock();
     if (!inTime && !poolsLate) {
         spdlog::warn("The list of storage pools is late, the last one serves until it arrives");
     }
@@ -154,40 +214,48 @@ void Collector::FetchPools() {
 // A reading that is late is waited for all the same: a slow host is served, once it has replied.
 std::optional<HostReading> Collector::FetchReading() {
     std::unique_lock lock(shared->mutex);
-    shared->readingPending = true;
+    shared->reading.reset();
+    shared->readingError.reset();
     readingThread.Post([shared = shared, reader = reader, pools = shared->pools](Connection* connection,
                                                                                  const ApiError* failure) {
         std::optional<HostReading> reading;
         std::optional<ApiError> readingError;
+        const AtEnd end{[&] {
+            const std::lock_guard guard(shared->mutex);
+            shared->reading = std::move(reading);
+            shared->readingError = std::move(readingError);
+            shared->readingPending = false;
+            shared->changed.notify_all();
+        }};
         if (failure != nullptr) {
             readingError = *failure;
-        } else {
-            try {
-                reading = reader->Read(*connection, pools);
-            } catch (const ApiError& error) {
-                readingError = error;
-            }
+            return;
         }
-        const std::lock_guard guard(shared->mutex);
-        shared->reading = std::move(reading);
-        shared->readingError = std::move(readingError);
-        shared->readingPending = false;
-        shared->changed.notify_all();
+        try {
+            reading = reader->Read(*connection, pools);
+        } catch (const ApiError& error) {
+            readingError = error;
+        } catch (const std::exception& error) {
+            readingError = ApiError(error.what(), ApiError::Kind::Temporary);
+        }
     });
+    shared->readingPending = true;
     const auto ended = [this] { return shared->stopping || !shared->readingPending; };
-    if (!shared->changed.wait_for(lock, options.readingTimeout, ended)) {
-        ReportUnreachable({"no reply in time", ApiError::Kind::Temporary});
-        shared->changed.wait(lock, ended);
+    if (!shared->Wait(lock, Clock::now() + options.readingTimeout, ended)) {
+        ReportFailure(lock, unreachable, {"no reply in time", ApiError::Kind::Temporary});
+        shared->Wait(lock, Clock::time_point::max(), ended);
     }
     if (shared->stopping) {
         return std::nullopt;
     }
-    if (shared->readingError) {
-        ReportUnreachable(*shared->readingError);
-    } else {
+    if (shared->reading) {
         shared->failure.reset();
+        return std::exchange(shared->reading, std::nullopt);
     }
-    return std::exchange(shared->reading, std::nullopt);
+    const std::optional<ApiError> failure = std::exchange(shared->readingError, std::nullopt);
+    ReportFailure(lock, unreachable,
+                  failure ? *failure : ApiError("the host cannot be read", ApiError::Kind::Temporary));
+    return std::nullopt;
 }
 
 bool Collector::Publish(std::shared_ptr<const Inventory> inventory) {
@@ -199,17 +267,25 @@ bool Collector::Publish(std::shared_ptr<const Inventory> inventory) {
     return std::exchange(shared->unreachableSince, std::nullopt).has_value();
 }
 
-void Collector::ReportUnreachable(const ApiError& failure) {
-    if (!shared->unreachableSince) {
-        if (shared->published) {
-            spdlog::warn("The host's libvirt cannot be reached: {}; the last inventory serves for {} s",
-                         failure.what(),
+bool Collector::MarkUnreachable() {
+    if (shared->unreachableSince) {
+        return false;
+    }
+    shared->unreachableSince = options.now();
+    return true;
+}
+
+void Collector::ReportFailure(std::unique_lock<std::mutex>& lock, const char* what, const ApiError& failure) {
+    if (MarkUnreachable()) {
+        const bool published = shared->published;
+        lock.unlock();
+        if (published) {
+            spdlog::warn("{}: {}; the last inventory serves for {} s", what, failure.what(),
                          std::chrono::duration_cast<std::chrono::seconds>(options.keep).count());
         } else {
-            spdlog::warn("The host's libvirt cannot be reached: {}; there is no inventory until it can",
-                         failure.what());
+            spdlog::warn("{}: {}; there is no inventory until it can", what, failure.what());
         }
-        shared->unreachableSince = options.now();
+        lock.lock();
     }
     shared->failure = failure;
     shared->attempted = true;

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -25,7 +26,8 @@ struct CollectorOptions {
     std::chrono::milliseconds poolTimeout{1000};       // for the storage pools; then the last ones serve
     std::chrono::milliseconds firstPoolTimeout{5000};  // while there are no last ones
     std::chrono::milliseconds readingTimeout{10000};   // for the domains; then the host counts as unreachable
-    std::chrono::milliseconds keep{60000};  // how long the last inventory of an unreachable host serves
+    std::chrono::milliseconds keep{60000};      // how long the last inventory of an unreachable host serves
+    std::chrono::milliseconds progress{30000};  // how long the collector's thread may take for a step
     std::vector<std::filesystem::path> osinfoDirectories = OsinfoDirectories();
     std::function<std::chrono::steady_clock::time_point()> now = std::chrono::steady_clock::now;
 };
@@ -46,6 +48,9 @@ class Collector {
     // Starts the next collection now, or as soon as the running one ends.
     void CollectNow();
 
+    // Returns whether the collector's thread has run within the time that `options.progress` is.
+    bool IsMakingProgress() const;
+
     // Waits until the first collection has ended or `timeout` is over; returns why the latest one failed, if
     // it did.
     std::optional<ApiError> WaitForFirst(std::chrono::milliseconds timeout);
@@ -54,14 +59,17 @@ class Collector {
     struct Shared;
 
     void Run();
+    void TryToCollect();
     void Collect();
     void FetchPools();
     // Returns nothing when the host cannot be reached or the collector is ending.
     std::optional<HostReading> FetchReading();
     // Returns whether the host was unreachable until now.
     bool Publish(std::shared_ptr<const Inventory> inventory);
-    // To be called with the shared mutex held.
-    void ReportUnreachable(const ApiError& failure);
+    // Returns whether the host was reachable until now. To be called with the shared mutex held.
+    bool MarkUnreachable();
+    // `lock` holds the shared mutex, which is unlocked while the log is written.
+    void ReportFailure(std::unique_lock<std::mutex>& lock, const char* what, const ApiError& failure);
 
     const CollectorOptions options;
     const std::shared_ptr<Shared> shared;

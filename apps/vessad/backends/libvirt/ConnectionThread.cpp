@@ -3,6 +3,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <exception>
 #include <mutex>
 #include <optional>
 #include <utility>
@@ -21,6 +22,8 @@ constexpr std::chrono::seconds endTimeout{2};
 struct ConnectionThread::State {
     std::shared_ptr<Api> api;
     std::string uri;
+    // Made beforehand, because making it takes memory.
+    const ApiError noResources{"out of memory or threads", ApiError::Kind::Temporary};
 
     std::mutex mutex;
     std::condition_variable changed;
@@ -39,7 +42,12 @@ struct ConnectionThread::State {
             Task task = std::move(tasks.front());
             tasks.pop_front();
             lock.unlock();
-            Perform(task, connection);
+            try {
+                Perform(task, connection);
+            } catch (...) {
+                // Out of memory. The connection is in an unknown state.
+                connection.reset();
+            }
             task = nullptr;
             lock.lock();
         }
@@ -52,13 +60,15 @@ struct ConnectionThread::State {
 
     void Perform(const Task& task, std::unique_ptr<Connection>& connection) const {
         std::optional<ApiError> failure;
-        if (!connection || !connection->IsAlive()) {
-            connection.reset();
-            try {
+        try {
+            if (!connection || !connection->IsAlive()) {
+                connection.reset();
                 connection = api->Open(uri);
-            } catch (const ApiError& error) {
-                failure = error;
             }
+        } catch (const ApiError& error) {
+            failure = error;
+        } catch (const std::exception&) {
+            failure = noResources;
         }
         task(connection.get(), failure ? &*failure : nullptr);
     }

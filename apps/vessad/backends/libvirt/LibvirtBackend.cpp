@@ -25,6 +25,7 @@ class LibvirtBackend final : public Backend {
 
     std::shared_ptr<const Inventory> GetInventory() override { return collector.Get(); }
     void Reload() override { collector.CollectNow(); }
+    bool IsMakingProgress() override { return collector.IsMakingProgress(); }
 
   private:
     Libvirt::Collector collector;

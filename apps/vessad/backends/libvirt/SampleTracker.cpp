@@ -1,6 +1,6 @@
 #include "apps/vessad/backends/libvirt/SampleTracker.h"
 
-#include <spdlog/spdlog.h>
+#include <spdlog/fmt/fmt.h>
 
 #include <algorithm>
 #include <iomanip>
@@ -29,6 +29,7 @@ std::string LocalTime(std::chrono::system_clock::time_point moment) {
 void SampleTracker::StartRound(const std::vector<SampledDomain>& domains, TimePoint now) {
     lastProgress = now;
     samples.clear();
+    queue.clear();
     RemoveUnresponsiveExcept(domains);
     for (const SampledDomain& domain : domains) {
         if (!IsInCall(domain.uuid)) {
@@ -49,8 +50,9 @@ void SampleTracker::MarkLateCalls(TimePoint now) {
             const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(now - call.begun);
             const auto since = std::chrono::system_clock::now() - waited;
             unresponsive[call.domain.uuid] = {call.domain.name, since};
-            spdlog::warn("VM {} ({}) has not responded since {}, it has no statistics until it does",
-                         call.domain.name, call.domain.uuid, LocalTime(since));
+            Log(spdlog::level::warn,
+                "VM {} ({}) has not responded since {}, it has no statistics until it does", call.domain.name,
+                call.domain.uuid, LocalTime(since));
         }
     }
 }
@@ -78,13 +80,24 @@ std::optional<SampleTracker::TimePoint> SampleTracker::NextCheck(TimePoint now) 
 std::map<std::string, Statistics> SampleTracker::EndRound() {
     if (available > 0) {
         shortage = false;
-    } else if (!queue.empty() && !stopping && !shortage) {
-        spdlog::error("{} VMs do not respond, no other VM has statistics until one of them does",
-                      unresponsive.size());
+    } else if (!queue.empty() && !unresponsive.empty() && !stopping && !shortage) {
+        Log(spdlog::level::err, "{} VMs do not respond, no other VM has statistics until one of them does",
+            unresponsive.size());
         shortage = true;
     }
+    refused = refused && available < wantedThreads;
     queue.clear();
     return std::exchange(samples, {});
+}
+
+std::vector<SampleTracker::LogLine> SampleTracker::TakeLog() {
+    return std::exchange(log, {});
+}
+
+template <class... Arguments>
+void SampleTracker::Log(spdlog::level::level_enum level, fmt::format_string<Arguments...> format,
+                        Arguments&&... arguments) {
+    log.push_back({level, fmt::format(format, std::forward<Arguments>(arguments)...)});
 }
 
 bool SampleTracker::AddThread() {
@@ -96,13 +109,22 @@ bool SampleTracker::AddThread() {
     return true;
 }
 
+void SampleTracker::CancelThread(const char* why) {
+    --available;
+    --threads;
+    if (!refused) {
+        refused = true;
+        Log(spdlog::level::err, "No further thread for statistics, some VMs may have none: {}", why);
+    }
+}
+
 SampleTracker::Call SampleTracker::StartCall(TimePoint now) {
-    const int id = ++lastCall;
     const bool isKnown = unresponsive.contains(queue.front().uuid);
     const TimePoint deadline = now + (isKnown ? timeouts.retry : timeouts.call);
-    const auto& call = calls.emplace(id, RunningCall{std::move(queue.front()), now, deadline}).first->second;
+    Call call{++lastCall, queue.front().uuid};
+    calls.emplace(call.id, RunningCall{queue.front(), now, deadline});
     queue.pop_front();
-    return {id, call.domain.uuid};
+    return call;
 }
 
 bool SampleTracker::EndCall(int id, SampleResult result, TimePoint now) {
@@ -111,6 +133,10 @@ bool SampleTracker::EndCall(int id, SampleResult result, TimePoint now) {
         return false;
     }
     lastProgress = now;
+    const bool goesOn = !call.late || available < wantedThreads;
+    if (call.late && goesOn) {
+        ++available;
+    }
     if (result.statistics) {
         MarkResponsive(call.domain.uuid);
         if (!call.late) {
@@ -119,15 +145,10 @@ bool SampleTracker::EndCall(int id, SampleResult result, TimePoint now) {
     } else if (result.connectionBroke) {
         queue.clear();
     } else {
-        spdlog::debug("VM {} ({}) has no statistics: {}", call.domain.name, call.domain.uuid, result.error);
+        Log(spdlog::level::debug, "VM {} ({}) has no statistics: {}", call.domain.name, call.domain.uuid,
+            result.error);
     }
-    if (call.late) {
-        if (available >= wantedThreads) {
-            return false;
-        }
-        ++available;
-    }
-    return true;
+    return goesOn;
 }
 
 void SampleTracker::Stop() {
@@ -150,16 +171,16 @@ void SampleTracker::RemoveUnresponsiveExcept(const std::vector<SampledDomain>& d
         if (sampled.contains(uuid) || IsInCall(uuid)) {
             return false;
         }
-        spdlog::info("VM {} ({}), which had not responded since {}, no longer runs", state.name, uuid,
-                     LocalTime(state.since));
+        Log(spdlog::level::info, "VM {} ({}), which had not responded since {}, no longer runs", state.name,
+            uuid, LocalTime(state.since));
         return true;
     });
 }
 
 void SampleTracker::MarkResponsive(const std::string& uuid) {
     if (const auto found = unresponsive.find(uuid); found != unresponsive.end()) {
-        spdlog::info("VM {} ({}) responds again, it had not since {}", found->second.name, uuid,
-                     LocalTime(found->second.since));
+        Log(spdlog::level::info, "VM {} ({}) responds again, it had not since {}", found->second.name, uuid,
+            LocalTime(found->second.since));
         unresponsive.erase(found);
     }
 }

@@ -1,6 +1,9 @@
 // The bookkeeping of SampleWorkers.
 #pragma once
 
+#include <spdlog/common.h>
+#include <spdlog/fmt/fmt.h>
+
 #include <chrono>
 #include <cstddef>
 #include <deque>
@@ -31,8 +34,9 @@ struct SampleResult {
     std::string error;
 };
 
-// Tracks domains, calls and threads, and logs domains that become unresponsive or respond again. Has neither
-// threads nor a clock: callers pass the time and exclude each other.
+// Tracks domains, calls and threads, and keeps log lines of domains that become unresponsive or respond
+// again. Has neither threads nor a clock: callers pass the time and exclude each other. Throws std::bad_alloc
+// only.
 //
 // A round samples a set of domains, each by one call at a time:
 //
@@ -59,6 +63,11 @@ class SampleTracker {
         std::string uuid;
     };
 
+    struct LogLine {
+        spdlog::level::level_enum level;
+        std::string text;
+    };
+
     explicit SampleTracker(SampleTimeouts timeouts) : timeouts(timeouts) {}
 
     void StartRound(const std::vector<SampledDomain>& domains, TimePoint now);
@@ -68,9 +77,14 @@ class SampleTracker {
     // Drops the domains that are still queued. Returns the samples of the round by UUID.
     std::map<std::string, Statistics> EndRound();
 
+    // Returns what is to be logged since the previous call.
+    std::vector<LogLine> TakeLog();
+
     // Returns whether the caller is to start another thread, which it counts as ready.
     bool AddThread();
     void RemoveThread() { --threads; }
+    // Takes back the latest AddThread, whose thread could not be started.
+    void CancelThread(const char* why);
 
     bool HasQueued() const { return !queue.empty(); }
     void DropQueued() { queue.clear(); }
@@ -99,11 +113,15 @@ class SampleTracker {
         std::chrono::system_clock::time_point since;
     };
 
+    template <class... Arguments>
+    void Log(spdlog::level::level_enum level, fmt::format_string<Arguments...> format,
+             Arguments&&... arguments);
     bool IsInCall(const std::string& uuid) const;
     void RemoveUnresponsiveExcept(const std::vector<SampledDomain>& domains);
     void MarkResponsive(const std::string& uuid);
 
     const SampleTimeouts timeouts;
+    std::vector<LogLine> log;
     std::deque<SampledDomain> queue;
     std::map<int, RunningCall> calls;                  // by id
     std::map<std::string, Unresponsive> unresponsive;  // by UUID
@@ -113,6 +131,7 @@ class SampleTracker {
     int lastCall = 0;
     TimePoint lastProgress;  // when a call was last waited for, became late or ended
     bool shortage = false;   // no thread is available, and the log says so
+    bool refused = false;    // no thread could be started, and the log says so
     bool stopping = false;
 };
 

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <exception>
 #include <mutex>
 #include <utility>
 
@@ -25,17 +26,28 @@ class SampleWorkers::State : public std::enable_shared_from_this<State> {
     State(std::shared_ptr<Api> api, std::string uri, Timeouts timeouts)
         : api(std::move(api)), uri(std::move(uri)), tracker(timeouts) {}
 
-    std::map<std::string, Statistics> Sample(const std::vector<Domain>& domains) {
+    std::map<std::string, Statistics> Sample(const std::vector<Domain>& domains,
+                                             const std::function<void()>& progress) {
         std::unique_lock lock(mutex);
+        ++rounds;
         tracker.StartRound(domains, Clock::now());
-        for (;;) {
+        for (bool refused = false;;) {
+            progress();
             tracker.MarkLateCalls(Clock::now());
-            while (tracker.AddThread()) {
-                SignalFreeThread([self = shared_from_this()] { self->Run(); }).detach();
+            while (!refused && tracker.AddThread()) {
+                try {
+                    SignalFreeThread([self = shared_from_this()] { self->Run(); }).detach();
+                } catch (const std::exception& failure) {
+                    refused = true;
+                    tracker.CancelThread(failure.what());
+                }
             }
+            WriteLog(lock);
             const auto next = tracker.NextCheck(Clock::now());
             if (!next) {
-                return tracker.EndRound();
+                auto samples = tracker.EndRound();
+                WriteLog(lock);
+                return samples;
             }
             changed.notify_all();
             changed.wait_until(lock, *next);
@@ -66,28 +78,18 @@ class SampleWorkers::State : public std::enable_shared_from_this<State> {
             if (tracker.IsStopping()) {
                 break;
             }
-            lock.unlock();
-            // One that broke since its last call costs no sample.
-            if (connection && !connection->IsAlive()) {
-                connection.reset();
-            }
-            if (!connection) {
-                connection = TryToOpen();
-            }
-            lock.lock();
-            if (!connection) {
+            try {
+                goesOn = SampleNext(lock, connection);
+                changed.notify_all();
+                WriteLog(lock);
+            } catch (...) {
+                // Out of memory: no further domain is sampled in this round.
+                if (!lock) {
+                    lock.lock();
+                }
                 tracker.DropQueued();
                 changed.notify_all();
             }
-            if (!tracker.HasQueued()) {
-                continue;
-            }
-            const SampleTracker::Call call = tracker.StartCall(Clock::now());
-            lock.unlock();
-            SampleResult result = SampleOne(connection, call.uuid);
-            lock.lock();
-            goesOn = tracker.EndCall(call.id, std::move(result), Clock::now());
-            changed.notify_all();
         }
         lock.unlock();
         connection.reset();
@@ -96,10 +98,57 @@ class SampleWorkers::State : public std::enable_shared_from_this<State> {
         changed.notify_all();
     }
 
+    // Unlocks while the log is written.
+    void WriteLog(std::unique_lock<std::mutex>& lock) {
+        const auto lines = tracker.TakeLog();
+        if (lines.empty()) {
+            return;
+        }
+        lock.unlock();
+        for (const SampleTracker::LogLine& line : lines) {
+            spdlog::log(line.level, line.text);
+        }
+        lock.lock();
+    }
+
+    // Returns whether the thread goes on. Unlocks for calls to the host; an exception leaves the tracker
+    // without this thread's call, and `lock` in either state.
+    bool SampleNext(std::unique_lock<std::mutex>& lock, std::unique_ptr<Connection>& connection) {
+        const int before = rounds;
+        lock.unlock();
+        // One that broke since its last call costs no sample.
+        if (connection && !connection->IsAlive()) {
+            connection.reset();
+        }
+        if (!connection) {
+            connection = TryToOpen();
+        }
+        lock.lock();
+        // What was not there for the previous round may be for this one.
+        if (!connection && rounds == before) {
+            tracker.DropQueued();
+        }
+        if (!connection || !tracker.HasQueued()) {
+            return true;
+        }
+        const SampleTracker::Call call = tracker.StartCall(Clock::now());
+        lock.unlock();
+        SampleResult result;
+        try {
+            result = SampleOne(connection, call.uuid);
+        } catch (...) {
+            // Out of memory. The connection is in an unknown state.
+            connection.reset();
+            result.connectionBroke = true;
+        }
+        lock.lock();
+        return tracker.EndCall(call.id, std::move(result), Clock::now());
+    }
+
     std::unique_ptr<Connection> TryToOpen() const {
         try {
             return api->Open(uri);
-        } catch (const ApiError& error) {
+        } catch (const std::exception& error) {
             spdlog::debug("No connection for statistics: {}", error.what());
             return nullptr;
         }
@@ -126,6 +175,7 @@ class SampleWorkers::State : public std::enable_shared_from_this<State> {
     std::mutex mutex;
     std::condition_variable changed;
     SampleTracker tracker;
+    int rounds = 0;
 };
 
 SampleWorkers::SampleWorkers(std::shared_ptr<Api> api, std::string uri, Timeouts timeouts)
@@ -140,8 +190,9 @@ void SampleWorkers::Stop() {
     state->Stop();
 }
 
-std::map<std::string, Statistics> SampleWorkers::Sample(const std::vector<Domain>& domains) {
-    return state->Sample(domains);
+std::map<std::string, Statistics> SampleWorkers::Sample(const std::vector<Domain>& domains,
+                                                        const std::function<void()>& progress) {
+    return state->Sample(domains, progress);
 }
 
 }  // namespace Vessad::Libvirt

@@ -1,6 +1,7 @@
 // Samples the statistics of many domains at once, although any of their processes may hang.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -25,8 +26,10 @@ class SampleWorkers {
     ~SampleWorkers();
 
     // Returns the statistics of the domains that responded, by UUID. Waits for the others no longer than the
-    // timeouts say. For one caller at a time.
-    std::map<std::string, Statistics> Sample(const std::vector<Domain>& domains);
+    // timeouts say. Works with fewer threads, or none, while the system grants no more. Calls `progress`
+    // every few seconds. For one caller at a time.
+    std::map<std::string, Statistics> Sample(
+        const std::vector<Domain>& domains, const std::function<void()>& progress = [] {});
 
     // Makes a running Sample and every later one return at once. May be called from any thread.
     void Stop();

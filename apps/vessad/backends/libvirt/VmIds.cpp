@@ -218,8 +218,8 @@ void VmIds::Admit(const std::vector<std::string>& uuids) {
             full = true;
             break;
         }
-        ids.emplace(uuid, static_cast<std::int32_t>(next));
         unsaved.insert(uuid);
+        ids.emplace(uuid, static_cast<std::int32_t>(next));
         next += step;
     }
     if (unsaved.empty()) {
