@@ -37,6 +37,11 @@ Parsed ParseCommandLine(int count, const char* const* arguments) {
                    "Directory of what must survive a restart (libvirt hosts)")
         ->type_name("DIR")
         ->capture_default_str();
+    app.add_option("--forget-after", options.forgetAfterDays,
+                   "Days after which a VM that is gone loses its id (libvirt hosts); 0: never")
+        ->type_name("DAYS")
+        ->capture_default_str()
+        ->check(CLI::Range(0, 1000000));
     app.add_option("--log-level", options.logLevel, "Lowest level to log")
         ->type_name("LEVEL")
         ->capture_default_str()

@@ -16,6 +16,7 @@ struct Options {
     std::filesystem::path ticketDirectory = "/run/tovric-vessad";
     std::string ticketGroup;
     std::filesystem::path stateDirectory = "/var/lib/tovric-vessad";
+    int forgetAfterDays = 400;  // 0: never
     std::string logLevel = "info";
     bool foreground = false;
 };

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <syslog.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
@@ -65,7 +66,8 @@ std::unique_ptr<Vessad::Backend> MakeBackend(const Options& options) {
     }
     if (options.libvirt) {
 #ifdef VESSAD_HAVE_LIBVIRT
-        return Vessad::MakeLibvirtBackend(*options.libvirt, options.stateDirectory);
+        return Vessad::MakeLibvirtBackend(*options.libvirt, options.stateDirectory,
+                                          std::chrono::days(options.forgetAfterDays));
 #else
         throw std::runtime_error("this build of the daemon has no libvirt");
 #endif

@@ -288,7 +288,8 @@ def test_a_wrong_command_line_is_explained(directory, arguments, word):
 def test_help_names_every_option():
     result = run("--help")
     assert result.returncode == 0
-    for option in ("--host", "--libvirt", "--listen", "--ticket-dir", "--ticket-group", "--state-dir", "--foreground"):
+    for option in ("--host", "--libvirt", "--listen", "--ticket-dir", "--ticket-group", "--state-dir", "--forget-after",
+                   "--foreground"):
         assert option in result.stdout
 
 

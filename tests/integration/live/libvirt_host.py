@@ -288,4 +288,4 @@ class Daemon(system.Daemon):
     def vm_ids(self):
         """UUID → id of the VM, as the daemon keeps them."""
         lines = (pathlib.Path(self.state) / "identities").read_text().splitlines()[2:]
-        return {uuid: int(number) for number, uuid in (line.split() for line in lines)}
+        return {uuid: int(number) for number, uuid, _ in (line.split() for line in lines)}

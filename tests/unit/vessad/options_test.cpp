@@ -33,22 +33,23 @@ std::string Parse(const std::string& arguments) {
     const Options& options = *parsed.options;
     return (options.host ? shorten(*options.host) : "none") + " | " + options.libvirt.value_or("none") +
            " | " + options.listen + " | " + shorten(options.ticketDirectory) + " | " + options.ticketGroup +
-           " | " + shorten(options.stateDirectory) + " | " + options.logLevel + " | " +
-           (options.foreground ? "foreground" : "background");
+           " | " + shorten(options.stateDirectory) + " | " + std::to_string(options.forgetAfterDays) + " | " +
+           options.logLevel + " | " + (options.foreground ? "foreground" : "background");
 }
 
 TEST(Options, HaveDefaultsAndComeFromTheCommandLine) {
     EXPECT_EQ(Parse(""),
               "none | none | 127.0.0.1:902 | /run/tovric-vessad |  | /var/lib/tovric-vessad | "
-              "info | background");
+              "400 | info | background");
     EXPECT_EQ(Parse("--host h.yaml --listen [::1]:1902 --ticket-dir t --ticket-group snmp --state-dir s "
                     "--log-level debug --foreground"),
-              "./h.yaml | none | [::1]:1902 | ./t | snmp | ./s | debug | foreground");
-    EXPECT_EQ(Parse("--libvirt qemu:///system --state-dir /s"),
-              "none | qemu:///system | 127.0.0.1:902 | /run/tovric-vessad |  | /s | info | background");
+              "./h.yaml | none | [::1]:1902 | ./t | snmp | ./s | 400 | debug | foreground");
+    EXPECT_EQ(Parse("--libvirt qemu:///system --state-dir /s --forget-after 0"),
+              "none | qemu:///system | 127.0.0.1:902 | /run/tovric-vessad |  | /s | 0 | info | background");
     EXPECT_EQ(Parse("--help"), "success");
     for (const char* const mistake :
-         {"--host a --libvirt b", "--host", "--colour", "word", "--listen 0.0.0.0:902", "--log-level loud"}) {
+         {"--host a --libvirt b", "--host", "--colour", "word", "--listen 0.0.0.0:902", "--log-level loud",
+          "--forget-after -1", "--forget-after soon"}) {
         EXPECT_EQ(Parse(mistake), "failure") << mistake;
     }
 }

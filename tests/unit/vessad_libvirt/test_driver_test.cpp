@@ -29,7 +29,7 @@ std::shared_ptr<const Inventory> Read(const std::string& elements) {
                              "<cpu><mhz>3000</mhz><model>x86_64</model><active>12</active><nodes>1</nodes>"
                              "<sockets>1</sockets><cores>6</cores><threads>2</threads></cpu>"
                              "<memory>8388608</memory></node>");
-    return MakeLibvirtBackend("test://" + file.string(), directory.GetPath() / "state")->GetInventory();
+    return MakeLibvirtBackend("test://" + file.string(), directory.GetPath() / "state", {})->GetInventory();
 }
 
 // A domain of the host file; `digit` ends its name and UUID.

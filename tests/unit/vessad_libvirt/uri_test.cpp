@@ -73,7 +73,7 @@ TEST(Uri, ThatCanNeverWorkIsRefusedAtOnceWithTheReason) {
              {"qemu+foo:///system", "transport"},
              {"no-alias", "driver"},
              {"test:///does/not/exist.xml", "/does/not/exist.xml"}}) {
-        const auto make = [&, uri = uri] { MakeLibvirtBackend(uri, directory.GetPath() / "state"); };
+        const auto make = [&, uri = uri] { MakeLibvirtBackend(uri, directory.GetPath() / "state", {}); };
         EXPECT_THAT(make, ThrowsMessage<std::runtime_error>(AllOf(
                               HasSubstr("the libvirt URI " + uri + " cannot be used: "), HasSubstr(reason))))
             << uri;
@@ -85,7 +85,7 @@ TEST(Uri, OfAHostThatIsDownYieldsAnInventoryWithoutVms) {
     const VessadTest::LogLines log;
     const auto backend =
         MakeLibvirtBackend("qemu+unix:///system?socket=" + (directory.GetPath() / "none").string(),
-                           directory.GetPath() / "state");
+                           directory.GetPath() / "state", {});
     EXPECT_TRUE(backend->GetInventory()->vms.empty());
     EXPECT_EQ(log.Count("warning The host's libvirt cannot be reached: Failed to connect socket"), 1);
     EXPECT_EQ(log.Count("; there is no inventory until it can"), 1);

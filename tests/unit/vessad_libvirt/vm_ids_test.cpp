@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <optional>
 
 #include "tests/unit/vessad/log_lines.h"
@@ -26,7 +27,8 @@ using VessadTest::WriteAll;
 const std::string a = uuidA;
 const std::string b = uuidB;
 const std::string c = uuidC;
-const std::string heading = "tovric-vessad identities 1\n";
+const std::string heading = "tovric-vessad identities 2\n";
+const std::string oldHeading = "tovric-vessad identities 1\n";
 
 class VmIdsTest : public testing::Test {
   protected:
@@ -34,28 +36,31 @@ class VmIdsTest : public testing::Test {
     std::vector<int> Ids() const { return {ids->Find(a), ids->Find(b), ids->Find(c)}; }
     void Restart() {
         ids.reset();
-        ids.emplace(path);
+        ids.emplace(path, options);
     }
     void StartWith(const std::string& text) {
         ids.reset();
         WriteAll(file, text);
-        ids.emplace(path);
+        Restart();
     }
+    void PassDays(int days) { now += std::chrono::days(days); }
 
     VessadTest::TemporaryDirectory directory;
     VessadTest::LogLines log;
     const std::filesystem::path path = directory.GetPath() / "state" / "vessad";
     const std::filesystem::path file = path / "identities";
     const std::filesystem::path damaged = path / "identities.damaged-1";
-    // A directory of this name makes every write fail, also for root.
+    // A directory of this name keeps the file from being replaced, also by root.
     const std::filesystem::path obstacle = path / "identities.new";
-    std::optional<VmIds> ids{path};
+    std::chrono::sys_days now{std::chrono::days(20000)};
+    VmIdsOptions options{.now = [this] { return now; }};
+    std::optional<VmIds> ids{std::in_place, path, options};
 };
 
 TEST_F(VmIdsTest, AreAssignedInOrderAndKeptInATextThatOnlyTheOwnerReads) {
     ids->Admit({a, b});
     EXPECT_THAT(Ids(), ElementsAre(1000, 2000, 0));
-    EXPECT_EQ(ReadAll(file), heading + "next 3000\n1000 " + a + "\n2000 " + b + "\n");
+    EXPECT_EQ(ReadAll(file), heading + "next 1000\n1000 " + a + " 20000\n2000 " + b + " 20000\n");
     EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms(0600));
     ids->Admit({});
     Restart();
@@ -93,16 +98,17 @@ TEST_F(VmIdsTest, RejectADirectoryOrFileThatCannotBeTrusted) {
 
 TEST_F(VmIdsTest, ThatCannotBeSavedAreHiddenUntilTheyAre) {
     ids->Admit({a});
-    std::filesystem::create_directory(obstacle);
-    Restart();
-    ids->Admit({a});
-    EXPECT_THAT(log.GetText(), IsEmpty()) << "known VMs need no write";
-    ids->Admit({a, b});
-    ids->Admit({a, b, c});
-    EXPECT_THAT(Ids(), ElementsAre(1000, 0, 0));
-    EXPECT_EQ(log.Count("error VM ids are not saved: cannot write " + obstacle.string()), 1);
-    EXPECT_EQ(log.Count("; 1 new VMs stay hidden until they are"), 1);
-    std::filesystem::remove(obstacle);
+    {
+        const VessadTest::FullDisk full(ReadAll(file).size());
+        Restart();
+        ids->Admit({a});
+        EXPECT_THAT(log.GetText(), IsEmpty()) << "known VMs need no write";
+        ids->Admit({a, b});
+        ids->Admit({a, b, c});
+        EXPECT_THAT(Ids(), ElementsAre(1000, 0, 0));
+        EXPECT_EQ(log.Count("error VM ids are not saved: cannot write " + file.string()), 1);
+        EXPECT_EQ(log.Count("; 1 new VMs stay hidden until they are"), 1);
+    }
     ids->Admit({a, b});
     EXPECT_THAT(Ids(), ElementsAre(1000, 2000, 3000));
     Restart();
@@ -125,7 +131,7 @@ TEST_F(VmIdsTest, KeepTheOldFileWhenTheDiskIsFull) {
 }
 
 TEST_F(VmIdsTest, OfADamagedFileAreTakenOverAndTheFileIsKept) {
-    const std::string text = heading + "next 7000\n1000 " + a + "\n2000 0000\n3000 " + b;
+    const std::string text = oldHeading + "next 7000\n1000 " + a + "\n2000 0000\n3000 " + b;
     StartWith(text);
     EXPECT_EQ(ReadAll(damaged), text);
     EXPECT_THAT(log.GetText(), HasSubstr("error The damaged " + file.string() + " is kept as " +
@@ -142,7 +148,7 @@ TEST_F(VmIdsTest, OfADamagedFileAreTakenOverAndTheFileIsKept) {
 }
 
 TEST_F(VmIdsTest, LeaveADamagedFileInItsPlaceUntilAValidOneReplacesIt) {
-    const std::string text = heading + "next 7000\n5000 " + a + "\nrubbish\n";
+    const std::string text = oldHeading + "next 7000\n5000 " + a + "\nrubbish\n";
     std::filesystem::create_directory(obstacle);
     EXPECT_THROW(StartWith(text), std::runtime_error);
     EXPECT_EQ(ReadAll(file), text);
@@ -154,13 +160,13 @@ TEST_F(VmIdsTest, LeaveADamagedFileInItsPlaceUntilAValidOneReplacesIt) {
 }
 
 TEST_F(VmIdsTest, EndWithTheLargestNumberThatAnAgentCanShow) {
-    StartWith(heading + "next 2147483000\n");
+    StartWith(oldHeading + "next 2147483000\n");
     ids->Admit({a, b});
     EXPECT_THAT(log.GetText(), HasSubstr("No VM id is left"));
     Restart();
     EXPECT_THAT(Ids(), ElementsAre(2147483000, 0, 0));
     EXPECT_THAT(log.GetText(), Not(HasSubstr("damaged")));
-    StartWith(heading + "next 2147483000\nrubbish\n");
+    StartWith(oldHeading + "next 2147483000\nrubbish\n");
     ids->Admit({a});
     Restart();
     EXPECT_THAT(Ids(), ElementsAre(0, 0, 0));
@@ -170,14 +176,104 @@ TEST_F(VmIdsTest, EndWithTheLargestNumberThatAnAgentCanShow) {
 TEST_F(VmIdsTest, RecogniseADamagedFile) {
     int number = 0;
     for (const std::string& text : std::vector<std::string>{
-             heading + "next 3000\n1000 " + a + "\n1000 " + b + "\n",
-             heading + "next 3000\n1000 " + a + "\n2000 " + a + "\n", heading + "next 1000\n1000 " + a + "\n",
-             heading + "1000 " + a + "\n", heading + "next 2000\n-5 " + a + "\n",
-             heading + "next 2000\n1000 0000000000000-4000-8000-00000000000a\n", "other heading\nnext 1000\n",
-             ""}) {
+             oldHeading + "next 3000\n1000 " + a + "\n1000 " + b + "\n",
+             oldHeading + "next 3000\n1000 " + a + "\n2000 " + a + "\n",
+             oldHeading + "next 1000\n1000 " + a + "\n", oldHeading + "1000 " + a + "\n",
+             oldHeading + "next 2000\n-5 " + a + "\n",
+             oldHeading + "next 2000\n1000 0000000000000-4000-8000-00000000000a\n",
+             heading + "next 3000\n1000 " + a + " 1\n1000 " + b + " 1\n",
+             heading + "next 3000\n1000 " + a + " 1\n2000 " + a + " 1\n",
+             heading + "next 2000\n1000 " + a + "\n", heading + "next 2000\n1000 " + a + " 0\n",
+             heading + "1000 " + a + " 1\n", "other heading\nnext 1000\n", ""}) {
         StartWith(text);
         EXPECT_EQ(ReadAll(path / ("identities.damaged-" + std::to_string(++number))), text);
     }
+}
+
+TEST_F(VmIdsTest, AreAppendedToTheFile) {
+    std::filesystem::create_directory(obstacle);
+    ids->Admit({a});
+    ids->Admit({a, b});
+    Restart();
+    EXPECT_THAT(Ids(), ElementsAre(1000, 2000, 0));
+    EXPECT_THAT(log.GetText(), IsEmpty());
+}
+
+TEST_F(VmIdsTest, ReplaceAFileThatSomebodyElseHasWritten) {
+    WriteAll(file, "rubbish");
+    ids->Admit({a});
+    EXPECT_EQ(ReadAll(file), heading + "next 2000\n1000 " + a + " 20000\n");
+}
+
+// As after a crash of the system in the middle of a write.
+TEST_F(VmIdsTest, LoseNothingButAnIncompleteLastLine) {
+    const std::string first = heading + "next 1000\n1000 " + a + " 20000\n";
+    const std::string whole = first + "2000 " + b + " 20000\n";
+    for (std::size_t size = first.size() + 1; size < whole.size(); ++size) {
+        StartWith(whole.substr(0, size));
+        EXPECT_THAT(Ids(), ElementsAre(1000, 0, 0));
+        EXPECT_EQ(ReadAll(file).size(), size) << "no write is needed";
+        ids->Admit({a, c});
+        Restart();
+        EXPECT_THAT(Ids(), ElementsAre(1000, 0, 2000));
+    }
+    EXPECT_EQ(log.Count("warning The last line of " + file.string() + " is incomplete and ignored\n"),
+              whole.size() - first.size() - 1);
+    EXPECT_THAT(FilesIn(path), ElementsAre("identities"));
+}
+
+TEST_F(VmIdsTest, OfAFileWithoutDaysCountAsSeenToday) {
+    StartWith(oldHeading + "next 7000\n1000 " + a + "\n2000 " + b + "\n");
+    ids->Admit({b});
+    EXPECT_EQ(ReadAll(file), heading + "next 7000\n1000 " + a + " 20000\n2000 " + b + " 20000\n");
+    EXPECT_THAT(log.GetText(), IsEmpty());
+}
+
+TEST_F(VmIdsTest, OfVmsThatAreGoneForLongAreForgottenAndNotAssignedAgain) {
+    ids->Admit({a, b});
+    PassDays(300);
+    ids->Admit({b});
+    PassDays(100);
+    Restart();
+    ids->Admit({c});
+    EXPECT_THAT(Ids(), ElementsAre(1000, 2000, 3000));
+    EXPECT_THAT(log.GetText(), IsEmpty());
+    PassDays(300);
+    Restart();
+    EXPECT_THAT(Ids(), ElementsAre(1000, 2000, 3000)) << "nothing is forgotten before the VMs are seen";
+    ids->Admit({c});
+    EXPECT_THAT(Ids(), ElementsAre(0, 2000, 3000));
+    PassDays(101);
+    ids->Admit({});
+    EXPECT_EQ(ReadAll(file), heading + "next 4000\n3000 " + c + " 20700\n");
+    PassDays(1000);
+    ids->Admit({a});
+    Restart();
+    EXPECT_THAT(Ids(), ElementsAre(4000, 0, 0));
+    const std::string forgotten =
+        "info 1 VMs that were not seen for 400 days are forgotten, their ids are not assigned again\n";
+    EXPECT_EQ(log.GetText(), forgotten + forgotten + forgotten);
+}
+
+TEST_F(VmIdsTest, OfVmsThatAreGoneAreKeptWhereThatIsWanted) {
+    options.forgetAfter = std::chrono::days(0);
+    Restart();
+    ids->Admit({a});
+    PassDays(100000);
+    ids->Admit({b});
+    EXPECT_THAT(Ids(), ElementsAre(1000, 2000, 0));
+}
+
+TEST_F(VmIdsTest, AreKeptInAFileThatStaysShort) {
+    for (int day = 0; day < 250; ++day) {
+        ids->Admit({a});
+        const std::string text = ReadAll(file);
+        EXPECT_LE(std::count(text.begin(), text.end(), '\n'), 2 + 102);
+        PassDays(1);
+    }
+    Restart();
+    EXPECT_THAT(Ids(), ElementsAre(1000, 0, 0));
+    EXPECT_EQ(ReadAll(file).substr(0, 37), heading + "next 2000\n");
 }
 
 }  // namespace

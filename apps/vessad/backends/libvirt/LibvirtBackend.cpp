@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <stdexcept>
+#include <utility>
 
 #include "apps/vessad/backends/libvirt/Collector.h"
 #include "apps/vessad/backends/libvirt/LibvirtApi.h"
@@ -15,8 +16,8 @@ constexpr std::chrono::seconds firstTimeout{10};
 
 class LibvirtBackend final : public Backend {
   public:
-    LibvirtBackend(const std::string& uri, const std::filesystem::path& stateDirectory)
-        : collector(Libvirt::MakeApi(), uri, Libvirt::VmIds(stateDirectory), Libvirt::CollectorOptions{}) {
+    LibvirtBackend(const std::string& uri, Libvirt::VmIds vmIds)
+        : collector(Libvirt::MakeApi(), uri, std::move(vmIds), Libvirt::CollectorOptions{}) {
         const auto failure = collector.WaitForFirst(firstTimeout);
         if (failure && failure->GetKind() == Libvirt::ApiError::Kind::Permanent) {
             throw std::runtime_error("the libvirt URI " + uri + " cannot be used: " + failure->what());
@@ -34,11 +35,13 @@ class LibvirtBackend final : public Backend {
 }  // namespace
 
 std::unique_ptr<Backend> MakeLibvirtBackend(const std::string& uri,
-                                            const std::filesystem::path& stateDirectory) {
+                                            const std::filesystem::path& stateDirectory,
+                                            std::chrono::days forgetAfter) {
     if (const auto mistake = Libvirt::FindMistake(uri)) {
         throw std::runtime_error("the libvirt URI " + uri + " cannot be used: " + *mistake);
     }
-    return std::make_unique<LibvirtBackend>(uri, stateDirectory);
+    return std::make_unique<LibvirtBackend>(uri,
+                                            Libvirt::VmIds(stateDirectory, {.forgetAfter = forgetAfter}));
 }
 
 }  // namespace Vessad
