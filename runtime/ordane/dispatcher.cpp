@@ -22,9 +22,7 @@ Call Read(std::string_view text, ObjectSource& source, const Soap::Limits& limit
     // Without a session the reply must not show which objects exist.
     Tessim::Ref<ManagedObject> object = source.Find(*target);
     const MethodInfo* method = object ? object->GetManagedType()->FindMethod(name) : nullptr;
-    if (!source.IsLoggedIn() && (method == nullptr || !method->beforeLogin)) {
-        throw Fault::NotAuthenticated::Exception("log in first");
-    }
+    MethodInfo::CheckSession(method, source.IsLoggedIn());
     if (!object) {
         const auto fault = Tessim::MakeRef<Fault::ManagedObjectNotFound>();
         fault->SetMessage("no " + Xml::EscapeName(target->GetType()) + " " +

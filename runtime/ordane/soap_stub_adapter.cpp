@@ -35,6 +35,7 @@ Tessim::Ref<DataObject> SoapStubAdapter::Invoke(const MoRef& target, const Metho
     if (!brokenBy.empty()) {
         throw Fault::HostCommunication::Exception(brokenBy);
     }
+    MethodInfo::CheckSession(&method, loggedIn);
     const std::string text = Soap::EncodeRequest(target, method, request);
     std::unique_ptr<Soap::Message> message;
     // An interrupted exchange, for lack of memory too, leaves its reply in the stream, where the next call

@@ -12,6 +12,7 @@ class SoapStubAdapter : public virtual StubAdapter, public Tessim::ObjectImpl {
   public:
     Tessim::Ref<DataObject> Invoke(const MoRef& target, const MethodInfo& method,
                                    const DataObject& request) final;
+    bool IsBroken() const noexcept override { return !brokenBy.empty(); }
     void Close() noexcept override;
 
   protected:
@@ -19,8 +20,8 @@ class SoapStubAdapter : public virtual StubAdapter, public Tessim::ObjectImpl {
     // Tessim::SystemException when it cannot; the adapter is then broken for good.
     virtual std::string Exchange(const std::string& request) = 0;
 
-    // Whether a call of the method "Login" has succeeded. Until then the service is untrusted, and no call
-    // has a long reply.
+    // Whether a call of the method "Login" has succeeded. Until then the service is untrusted: no call has a
+    // long reply, and none that needs a login is made.
     bool IsLoggedIn() const { return loggedIn; }
 
   private:

@@ -23,10 +23,14 @@ struct EnumType {
     std::string_view name;
     std::span<const std::string_view> texts;
 
-    // The text of a value; empty for a value that the enumeration does not have.
+    // The text of a value, also of one that KeepUnknown returned; empty for any other. Thread-safe.
     std::string_view GetText(int value) const;
-    // The value of a text, or -1.
+    // The value of a text, or -1. Thread-safe.
     int FindValue(std::string_view text) const;
+    // A value that stands for `text`, which is none of the enumeration's; the same one for equal texts. The
+    // text is kept for the life of the process, so after 64 of them, and for one of more than 64 bytes, the
+    // value is that of "unknown". Thread-safe.
+    static int KeepUnknown(std::string_view text);
 };
 
 // One value of a member, as codecs see it. Whole numbers and enumeration values are int64; texts and objects
@@ -75,6 +79,10 @@ struct MethodInfo {
     const DataObjectType* response;  // its only member, where there is one, is "returnval"
     bool beforeLogin;                // whether it may be called without a session
     int index;                       // its position in the managed type
+
+    // Throws Fault::NotAuthenticated::Exception when a call of `method` needs a session and there is none.
+    // Null stands for a method that does not exist, which needs one.
+    static void CheckSession(const MethodInfo* method, bool isLoggedIn);
 };
 
 struct ManagedType {

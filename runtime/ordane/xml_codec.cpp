@@ -97,9 +97,13 @@ void ReadMember(pugi::xml_node element, const Member& member, Unknown unknown, D
             break;
         }
         case ValueKind::Enum: {
-            const int value = member.enumType->FindValue(TextOf(element));
-            if (value < 0) {
+            const std::string text = TextOf(element);
+            int value = member.enumType->FindValue(text);
+            if (value < 0 && unknown == Unknown::Refuse) {
                 Refuse(element, "a " + std::string(member.enumType->name));
+            }
+            if (value < 0) {
+                value = EnumType::KeepUnknown(text);
             }
             member.append(object, Value(std::int64_t{value}));
             break;
@@ -187,9 +191,12 @@ Tessim::Ref<DataObject> ReadObject(pugi::xml_node element, const DataObjectType&
     const DataObjectType* type = &declared;
     if (const pugi::xml_attribute named = element.attribute(concreteType)) {
         type = declared.FindSubtype(WithoutPrefix(named.value()));
-        if (type == nullptr) {
+        if (type == nullptr && unknown == Unknown::Refuse) {
             Refuse(element,
                    "a " + std::string(declared.name) + ", not the type " + EscapeName(named.value()));
+        }
+        if (type == nullptr) {
+            type = &declared;
         }
     }
     Tessim::Ref<DataObject> object = type->create();

@@ -9,9 +9,10 @@
 
 namespace Ordane::Xml {
 
-// What to do with an element that is no member of its type, and with a text or reference that fails IsText. A
-// client ignores the element and accepts the text, so that a newer daemon can send more; a server refuses
-// both.
+// What to do with what the declarations do not have: an element that is no member of its type, an xsi:type, a
+// text of an enumeration; and with a text or reference that fails IsText. A server refuses them. A client, to
+// which a newer daemon may send more, ignores the element, reads the object as its declared type, keeps the
+// enumeration's text (EnumType::KeepUnknown) and accepts the text.
 enum class Unknown { Ignore, Refuse };
 
 // Appends the element `name` that holds `text`, as far as its first NUL. This and everything below that
@@ -28,8 +29,8 @@ void WriteObject(pugi::xml_node parent, std::string_view name, const DataObject&
 void WriteMembers(pugi::xml_node element, const DataObject& object);
 
 // Returns the object that `element` holds, of type `declared` or the descendant that xsi:type names. Throws
-// Tessim::InvalidArgumentException with the place and what was expected: an unknown type, a missing, repeated
-// or ill-typed member. White space around numbers and booleans does not count.
+// Tessim::InvalidArgumentException with the place and what was expected: a missing, repeated or ill-typed
+// member, and what `unknown` refuses. White space around numbers and booleans does not count.
 Tessim::Ref<DataObject> ReadObject(pugi::xml_node element, const DataObjectType& declared, Unknown unknown);
 
 // The name without its prefix.

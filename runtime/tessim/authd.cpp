@@ -1,5 +1,7 @@
 #include "runtime/tessim/authd.h"
 
+#include <algorithm>
+#include <chrono>
 #include <utility>
 
 #include "runtime/tessim/exception.h"
@@ -10,11 +12,19 @@
 namespace Tessim::Authd {
 namespace {
 
+// How long a peer may send or take no byte.
+constexpr std::chrono::seconds silenceLimit{2};
+
+Clock::time_point Deadline() {
+    return std::min(TimeBudget::Deadline(), Clock::now() + silenceLimit);
+}
+
 class ServiceStreamImpl final : public virtual ServiceStream, public ObjectImpl {
   public:
     ServiceStreamImpl(const Ssl::SSLContext& context, Peer peer, const std::string& request,
                       Clock::time_point deadline)
         : connection(context, std::move(peer), deadline) {
+        connection.CheckOwner();
         connection.Write(request.data(), request.size(), deadline);
         // One byte at a time: what follows the line belongs to the service, and OpenSSL keeps it for the next
         // Read.
@@ -25,13 +35,15 @@ class ServiceStreamImpl final : public virtual ServiceStream, public ObjectImpl 
     const std::string& GetConnectionPath() const override { return path; }
 
     std::size_t Read(void* buffer, std::size_t size) override {
-        return connection.Read(buffer, size, TimeBudget::Deadline());
+        return connection.Read(buffer, size, Deadline());
     }
     void Write(const void* data, std::size_t size) override {
-        connection.Write(data, size, TimeBudget::Deadline());
+        connection.GetPeer().CheckBackoff();
+        connection.Write(data, size, Deadline());
     }
     void Close() noexcept override { connection.Close(); }
     bool IsOwn() const noexcept override { return connection.IsOwn(); }
+    bool IsConnected() const noexcept override { return connection.IsConnected(); }
 
   private:
     TlsConnection connection;

@@ -3,22 +3,21 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <map>
 #include <mutex>
+#include <utility>
 
 #include "runtime/tessim/exception.h"
 #include "runtime/tessim/string_util.h"
-#include "runtime/tessim/time_budget.h"
 
 namespace Tessim {
 namespace {
 
-constexpr std::chrono::seconds backoffAfterTimeout{5};
-
-struct Backoff {
-    Clock::time_point end;
-    std::string message;
-};
+constexpr std::chrono::seconds firstBackoff{5};
+// Below the 20 s after which the module tries again: a longer pause would make it miss that attempt.
+constexpr std::chrono::seconds longestBackoff{20};
+constexpr std::chrono::minutes calm{1};
 
 std::mutex backoffsMutex;
 
@@ -29,6 +28,13 @@ std::map<std::string, Backoff>& Backoffs() {
 }
 
 }  // namespace
+
+void Backoff::Start(Clock::time_point now, std::string newMessage) {
+    const bool isFirst = length == Clock::duration::zero() || now > end + calm;
+    length = isFirst ? firstBackoff : std::min<Clock::duration>(2 * length, longestBackoff);
+    end = now + length;
+    message = std::move(newMessage);
+}
 
 Peer::Peer(const std::string& host, std::uint16_t port) {
     auto* const v4 = reinterpret_cast<sockaddr_in*>(&address);
@@ -58,20 +64,16 @@ Peer::Peer(const std::string& host, std::uint16_t port) {
 void Peer::CheckBackoff() const {
     const std::lock_guard lock(backoffsMutex);
     const auto backoff = Backoffs().find(GetKey());
-    if (backoff == Backoffs().end()) {
-        return;
+    if (backoff != Backoffs().end() && backoff->second.IsActive(Clock::now())) {
+        throw TimeoutException(backoff->second.GetMessage());
     }
-    if (Clock::now() < backoff->second.end) {
-        throw TimeoutException(backoff->second.message);
-    }
-    Backoffs().erase(backoff);
 }
 
 void Peer::ThrowTimeout(const char* step) const {
     const std::string message = name + ": no reply in time (" + step + ")";
     {
         const std::lock_guard lock(backoffsMutex);
-        Backoffs()[GetKey()] = {Clock::now() + backoffAfterTimeout, message};
+        Backoffs()[GetKey()].Start(Clock::now(), message);
     }
     throw TimeoutException(message);
 }

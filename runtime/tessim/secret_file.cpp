@@ -8,12 +8,12 @@
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <optional>
 #include <string_view>
 #include <system_error>
 #include <tuple>
 #include <utility>
 
+#include "runtime/tessim/daemon_directory.h"
 #include "runtime/tessim/exception.h"
 #include "runtime/tessim/file_descriptor.h"
 #include "runtime/tessim/stream.h"
@@ -26,8 +26,6 @@ using TimePoint = std::chrono::system_clock::time_point;
 
 constexpr std::size_t maxShownPath = 256;
 constexpr std::chrono::seconds clockSlack{2};
-constexpr const char* runDirectory = "/run";
-constexpr const char* daemonDirectory = "tovric-vessad";
 constexpr std::string_view daemonPrefix = "/run/tovric-vessad/";
 
 class FileStream final : public virtual Stream, public ObjectImpl {
@@ -53,6 +51,7 @@ class FileStream final : public virtual Stream, public ObjectImpl {
     }
     void Close() noexcept override { descriptor.Close(); }
     bool IsOwn() const noexcept override { return getpid() == owner; }
+    bool IsConnected() const noexcept override { return static_cast<bool>(descriptor); }
 
   private:
     FileDescriptor descriptor;
@@ -88,7 +87,7 @@ class Candidate {
 
     [[noreturn]] void RefuseForError() const { Refuse(std::generic_category().message(errno)); }
 
-    int Directory() const { return directory ? directory.Get() : AT_FDCWD; }
+    int Directory() const { return directory.IsOpen() ? directory.GetDescriptor() : AT_FDCWD; }
 
     void CheckPath() const {
         if (!path.starts_with('/') || path.find('\0') != std::string::npos) {
@@ -110,20 +109,10 @@ class Candidate {
         if (!path.starts_with(daemonPrefix) || path.find('/', daemonPrefix.size()) != std::string::npos) {
             return;
         }
-        constexpr int flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-        const FileDescriptor run(::open(runDirectory, flags));
-        struct stat status {};
-        if (!run || ::fstat(run.Get(), &status) != 0 || status.st_uid != 0 ||
-            (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-            return;
+        directory = DaemonDirectory::Open();
+        if (directory.IsOpen()) {
+            name = path.substr(daemonPrefix.size());
         }
-        FileDescriptor found(::openat(run.Get(), daemonDirectory, flags));
-        if (!found || ::fstat(found.Get(), &status) != 0) {
-            return;
-        }
-        directory = std::move(found);
-        daemonUser = status.st_uid;
-        name = path.substr(daemonPrefix.size());
     }
 
     struct statx Status(int base, const char* relative, int flags) const {
@@ -144,25 +133,35 @@ class Candidate {
         if ((status.stx_mode & (S_IRWXO | S_IWGRP)) != 0) {
             Refuse("others can read or write it");
         }
-        if (status.stx_uid != 0 && status.stx_uid != ::geteuid() && status.stx_uid != daemonUser) {
+        if (!directory.IsTrusted(status.stx_uid)) {
             Refuse("its owner is not trusted");
         }
         if (status.stx_size == 0) {
             Refuse("it is empty");
         }
-        const bool hasBirth = (status.stx_mask & STATX_BTIME) != 0;
-        if (IsOld(status.stx_ctime) || (hasBirth && IsOld(status.stx_btime))) {
-            Refuse("it is older than the request for it");
+        CheckTime(status.stx_ctime);
+        if ((status.stx_mask & STATX_BTIME) != 0) {
+            CheckTime(status.stx_btime);
         }
     }
 
-    // In seconds and nanoseconds, as no single count of either holds every time of both sides.
-    bool IsOld(const statx_timestamp& time) const {
-        const auto limit = notBefore.time_since_epoch();
-        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(limit);
-        const auto rest = std::chrono::duration_cast<std::chrono::nanoseconds>(limit - seconds);
-        return std::make_tuple(std::int64_t{time.tv_sec} + clockSlack.count(), std::int64_t{time.tv_nsec}) <
-               std::make_tuple(std::int64_t{seconds.count()}, std::int64_t{rest.count()});
+    void CheckTime(const statx_timestamp& time) const {
+        constexpr std::int64_t slack = clockSlack.count();
+        if (std::make_tuple(time.tv_sec + slack, std::int64_t{time.tv_nsec}) < Parts(notBefore)) {
+            Refuse("it is older than the request for it");
+        }
+        if (Parts(std::chrono::system_clock::now()) <
+            std::make_tuple(time.tv_sec - slack, std::int64_t{time.tv_nsec})) {
+            Refuse("it is from the future");
+        }
+    }
+
+    // Seconds and nanoseconds, as no single count of either holds every time of both sides.
+    static std::tuple<std::int64_t, std::int64_t> Parts(TimePoint time) {
+        const auto sinceEpoch = time.time_since_epoch();
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch);
+        const auto rest = std::chrono::duration_cast<std::chrono::nanoseconds>(sinceEpoch - seconds);
+        return {seconds.count(), rest.count()};
     }
 
     // The kernel makes the files of these when they are looked up: they are always new, and some of them are
@@ -184,8 +183,7 @@ class Candidate {
     const std::string& path;
     std::string name;  // of the file, within the directory
     TimePoint notBefore;
-    FileDescriptor directory;  // none for the current one, of which absolute paths make no use
-    std::optional<uid_t> daemonUser;
+    DaemonDirectory directory;  // open when the file is to be directly in it
 };
 
 class SystemFactoryImpl final : public virtual SystemFactory, public ObjectImpl {

@@ -12,12 +12,15 @@
 
 #include <cerrno>
 #include <ctime>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <utility>
 
+#include "runtime/tessim/daemon_directory.h"
 #include "runtime/tessim/exception.h"
 #include "runtime/tessim/openssl_error.h"
+#include "runtime/tessim/peer_owner.h"
 
 namespace Tessim {
 namespace {
@@ -158,8 +161,25 @@ void TlsConnection::Close() noexcept {
     socket.descriptor.Close();
 }
 
+void TlsConnection::CheckOwner() const {
+    const std::optional<uid_t> user = FindPeerOwner(socket.descriptor.Get(), *peer.GetAddress());
+    if (!user) {
+        ThrowBroken("checking its owner", closedByPeer);
+    }
+    if (!DaemonDirectory::Open().IsTrusted(*user)) {
+        throw SystemException(peer.GetName() + " belongs to user " + std::to_string(*user) +
+                              ", who does not run the daemon");
+    }
+}
+
 bool TlsConnection::IsOwn() const noexcept {
     return getpid() == owner;
+}
+
+bool TlsConnection::IsConnected() const noexcept {
+    // POLLRDHUP tells of the end also while bytes before it wait to be read.
+    pollfd poll{socket.descriptor.Get(), POLLRDHUP, 0};
+    return usable && ::poll(&poll, 1, 0) == 0;
 }
 
 void TlsConnection::Connect() {

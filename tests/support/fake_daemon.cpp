@@ -50,6 +50,7 @@ class FakeStream final : public virtual Tessim::Authd::ServiceStream, public Tes
     bool IsOwn() const noexcept override {
         return getpid() == owner && (current == nullptr || !current->foreignStreams);
     }
+    bool IsConnected() const noexcept override { return current == nullptr || !current->closesStreams; }
 
   private:
     static void Count(int change) {
@@ -125,6 +126,7 @@ class FakeAdapter final : public virtual Ordane::StubAdapter, public Tessim::Obj
         Reach().Call(std::string(method.name));
         return adapter->Invoke(target, method, request);
     }
+    bool IsBroken() const noexcept override { return adapter->IsBroken(); }
     void Close() noexcept override {
         FakeDaemon::Record("close adapter");
         adapter->Close();

@@ -39,6 +39,8 @@ class FakeDaemon final : public SNMP::Endpoint {
     std::string down;
     // Every stream says that another process made it.
     bool foreignStreams = false;
+    // The end of every stream has arrived.
+    bool closesStreams = false;
     // A step of connecting whose event starts with this throws a Tessim::Exception with the event as its
     // message; empty: none does.
     std::string failingStep;

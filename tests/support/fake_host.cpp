@@ -58,6 +58,8 @@ FakeHost::FakeHost()
       counters(MakeRef<DataArray<Hask::PerformanceManager::CounterInfo>>()),
       metrics(MakeRef<DataArray<Hask::PerformanceManager::EntityMetricBase>>()) {
     content->SetSessionManager(MakeRef<MoRef>("SessionManager", Hask::HostAgent::moid_sessionmanager));
+    content->SetAbout(MakeRef<Hask::AboutInfo>());
+    content->GetAbout()->SetName("Product");
     content->SetPerfManager(MakeRef<MoRef>("PerformanceManager", Hask::HostAgent::moid_perfmanager));
     std::string name = (std::filesystem::temp_directory_path() / "tickets.XXXXXX").string();
     if (::mkdtemp(name.data()) == nullptr) {

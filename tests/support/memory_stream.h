@@ -51,6 +51,7 @@ class MemoryStream final : public virtual Tessim::Authd::ServiceStream, public T
     }
     void Close() noexcept override { closed = true; }
     bool IsOwn() const noexcept override { return true; }
+    bool IsConnected() const noexcept override { return !closed; }
     const std::string& GetConnectionPath() const override { return path; }
 
   private:

@@ -20,6 +20,7 @@ class FakeAdapter final : public Ordane::StubAdapter, public Tessim::ObjectImpl 
         events += target.GetType() + " " + target.GetId() + " " + std::string(method.name) + ", ";
         return method.response->create();
     }
+    bool IsBroken() const noexcept override { return false; }
     void Close() noexcept override {}
 
   private:

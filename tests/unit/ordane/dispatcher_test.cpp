@@ -70,11 +70,11 @@ TEST_F(DispatcherTest, CallsMarkedMethodsBeforeLogin) {
 
 TEST_F(DispatcherTest, RepliesAlikeToEveryCallBeforeLogin) {
     source.loggedIn = false;
-    const std::string known = CallOf("Sweep");
+    const std::string known = CallOf("GetOwner");
     EXPECT_EQ(FaultOf(known), "NotAuthenticated: log in first");
-    for (const std::string& call : {CallOf("Sweep", "", otherShop), CallOf("Sweep", "", person),
+    for (const std::string& call : {CallOf("GetOwner", "", otherShop), CallOf("GetOwner", "", person),
                                     CallOf("Greet", "<visitor>ann</visitor>", otherShop), CallOf("Burn"),
-                                    CallOf("Sweep", "<unknown/>"), CallOf("Store")}) {
+                                    CallOf("GetOwner", "<unknown/>"), CallOf("Store")}) {
         EXPECT_EQ(Handle(call).text, Handle(known).text) << call;
     }
     EXPECT_THAT(source.shop->calls, IsEmpty());

@@ -33,9 +33,16 @@ class SoapStubAdapterTest : public testing::Test {
   protected:
     SoapStubAdapterTest() { Connect(); }
 
-    void Connect() {
+    void Connect(bool loggedIn = true) {
         adapter = Tessim::MakeRef<FakeAdapter>();
         stub = Sample::Shop::MakeStub(Tessim::Ref<StubAdapter>(adapter), "shop-1");
+        if (loggedIn) {
+            ReplyWith(Enveloped("<LoginResponse/>"));
+            MethodInfo login = Sample::Method("Sweep");
+            login.name = "Login";
+            adapter->Invoke(*stub->GetMoRef(), login, *login.request->create());
+            adapter->exchanges = 0;
+        }
         adapter->reply = [this](const std::string& request) { return HandleCall(request, source).text; };
     }
 
@@ -85,6 +92,17 @@ TEST_F(SoapStubAdapterTest, ThrowsAFaultLeavesTheResultAloneAndGoesOn) {
     EXPECT_EQ(out, kept);
     source.loggedIn = true;
     EXPECT_NO_THROW(stub->Sweep());
+}
+
+TEST_F(SoapStubAdapterTest, SendsNothingThatNeedsALoginBeforeOne) {
+    Connect(false);
+    Tessim::Ref<MoRef> owner;
+    EXPECT_EQ(Sample::FailureOf<Fault::NotAuthenticated::Exception>([&] { stub->GetOwner(owner); }),
+              "log in first");
+    EXPECT_EQ(adapter->exchanges, 0);
+    EXPECT_FALSE(adapter->IsBroken());
+    stub->Sweep();
+    EXPECT_EQ(adapter->exchanges, 1);
 }
 
 TEST_F(SoapStubAdapterTest, ThrowsInvalidResponseForAReplyThatDoesNotFitAndIgnoresUnknownElements) {

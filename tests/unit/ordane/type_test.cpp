@@ -37,6 +37,23 @@ TEST(EnumType, TranslatesEveryValueBothWays) {
     EXPECT_EQ(type->FindValue("open "), -1);
 }
 
+TEST(EnumType, KeepsTextsThatNoEnumerationHas) {
+    const int value = EnumType::KeepUnknown("crashed");
+    EXPECT_EQ(EnumType::KeepUnknown("crashed"), value);
+    EXPECT_EQ(GetEnumType<Sample::Shop::State>()->GetText(value), "crashed");
+    const auto textOf = [](const std::string& text) {
+        return GetEnumType<Sample::Shop::State>()->GetText(EnumType::KeepUnknown(text));
+    };
+    EXPECT_EQ(textOf(std::string(64, 'x')), std::string(64, 'x'));
+    EXPECT_EQ(textOf(std::string(65, 'x')), "unknown");
+    for (int number = 3; number <= 64; ++number) {
+        EXPECT_EQ(textOf(std::to_string(number)), std::to_string(number));
+    }
+    EXPECT_EQ(textOf("one more"), "unknown");
+    EXPECT_EQ(textOf("crashed"), "crashed");
+    EXPECT_EQ(GetEnumType<Sample::Shop::State>()->GetText(1 << 20), "");
+}
+
 TEST(Member, VisitsEachValueThatIsSet) {
     const auto full = Sample::MakeEverything();
     full->GetThingList()->Append(nullptr);  // null elements are left out

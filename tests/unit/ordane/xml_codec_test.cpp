@@ -102,8 +102,6 @@ TEST(XmlCodec, RefusesMembersThatDoNotFitTheirType) {
     for (const auto& [member, refusal] : Sample::ReadCases("refused_members")) {
         EXPECT_EQ(CarriedMembers(member), refusal);
     }
-    EXPECT_EQ(Carried<Sample::Toy>("<x xsi:type=\"Thing\"><name>b</name></x>"),
-              "element x: expected a Toy, not the type Thing");
 }
 
 TEST(XmlCodec, RefusesAsServerOnlyUnknownElementsAndWhatXmlCannotCarry) {
@@ -119,7 +117,7 @@ TEST(XmlCodec, TruncatesTheNamesOfAPeer) {
     const std::string name(100'000, 'n');
     EXPECT_EQ(CarriedMembers("<" + name + "/>", Unknown::Refuse),
               "element x/" + name.substr(0, 198) + ": expected a member of Everything");
-    EXPECT_EQ(CarriedMembers("<thing xsi:type=\"" + name + "\"/>"),
+    EXPECT_EQ(CarriedMembers("<thing xsi:type=\"" + name + "\"/>", Unknown::Refuse),
               "element x/thing: expected a Thing, not the type " + name.substr(0, 64));
 }
 

@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
+#include <sys/fsuid.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -20,6 +21,7 @@
 
 #include "runtime/tessim/exception.h"
 #include "runtime/tessim/file_descriptor.h"
+#include "runtime/tessim/peer.h"
 #include "runtime/tessim/time_budget.h"
 #include "tests/support/tls_test_server.h"
 #include "tests/unit/tessim/open_stream.h"
@@ -249,6 +251,27 @@ TEST(AuthdClient, ReportsThatNobodyListensAndLeavesTheHandleAsItWas) {
     }
 }
 
+TEST(AuthdClient, SendsNothingToAPeerOfAnotherUser) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can become another user";
+    }
+    constexpr uid_t other = 65534;
+    std::string line = "none";
+    TlsTestServer server([&](ServedConnection& connection) {
+        if (::setfsuid(other) == 0) {  // of this thread, from its next connection on
+            connection.Serve();
+        } else {
+            line = connection.ReadLine();
+        }
+    });
+    EXPECT_EQ(Try(server.GetPort()), "opened");
+    const std::string name = "localhost:" + std::to_string(server.GetPort());
+    EXPECT_EQ(MessageOf<SystemException>([&] { OpenStream(server.GetPort()); }),
+              name + " belongs to user 65534, who does not run the daemon");
+    server.WaitForScripts(2);
+    EXPECT_EQ(line, "");
+}
+
 TEST(AuthdClient, ThrowsWithoutADescriptor) {
     rlimit limit{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
@@ -294,6 +317,25 @@ TEST(AuthdDeadline, EndsAWaitForTheConnection) {
     }
     const TimeBudget budget(200ms);
     EXPECT_THAT(Try(port), ContainsRegex("^timeout: .*connecting"));
+}
+
+TEST(Backoff, DoublesWithEachTimeoutUpTo20SecondsUntilAMinuteWithoutOne) {
+    Backoff backoff;
+    Clock::time_point now{1h};
+    EXPECT_FALSE(backoff.IsActive(now));
+    const std::chrono::nanoseconds minute = 1min;
+    for (const auto& [pause, next] : {std::pair{5s, minute},
+                                      {10s, minute},
+                                      {20s, minute},
+                                      {20s, minute + 1ns},
+                                      {5s, minute},
+                                      {10s, minute}}) {
+        backoff.Start(now, "late");
+        EXPECT_TRUE(backoff.IsActive(now + pause - 1ns));
+        EXPECT_FALSE(backoff.IsActive(now + pause));
+        EXPECT_EQ(backoff.GetMessage(), "late");
+        now += pause + next;
+    }
 }
 
 TEST(AuthdBackoff, FailsAttemptsAtThatPortAtOnceWithTheSameMessageForFiveSeconds) {

@@ -5,11 +5,13 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 
 #include <algorithm>
 #include <atomic>
 #include <climits>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -22,6 +24,22 @@
 #include "runtime/tessim/exception.h"
 #include "runtime/tessim/stream.h"
 #include "tests/unit/tessim/open_stream.h"
+
+namespace {
+
+// How far the wall clock is behind the real one.
+std::chrono::seconds clockOffset{0};
+
+}  // namespace
+
+// In place of the C library's.
+extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t clock, timespec* now) noexcept {
+    const int result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+    if (clock == CLOCK_REALTIME) {
+        now->tv_sec -= clockOffset.count();
+    }
+    return result;
+}
 
 namespace Tessim::System {
 namespace {
@@ -188,6 +206,17 @@ TEST_F(SecretFileTest, IsMadeAfterItWasRequested) {
     EXPECT_EQ(Content(path, TimePoint::min()), "password");
     EXPECT_EQ(Content(path, start + 1s), "password");  // the file system's clock is coarser
     EXPECT_THAT(Content(path, TimePoint::max()), HasSubstr(old));
+}
+
+// As left by an earlier clock, ahead of the one that was set back.
+TEST_F(SecretFileTest, IsNotFromTheFuture) {
+    Make(path);
+    clockOffset = 1s;
+    EXPECT_EQ(Content(path, TimePoint::min()), "password");
+    clockOffset = 1h;
+    EXPECT_THAT(Content(path, start - 2h), HasSubstr("it is from the future"));
+    clockOffset = 0s;
+    EXPECT_EQ(Content(path, TimePoint::min()), "password");
 }
 
 TEST_F(SecretFileTest, IsNoOldFileThatWasChangedSince) {

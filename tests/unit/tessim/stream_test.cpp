@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "runtime/tessim/exception.h"
+#include "runtime/tessim/peer.h"
 #include "runtime/tessim/time_budget.h"
 #include "tests/support/tls_test_server.h"
 #include "tests/unit/tessim/open_stream.h"
@@ -136,6 +137,25 @@ TEST(TlsStream, RaisesNoSignalWhenThePeerIsGone) {
     }
 }
 
+TEST(TlsStream, IsConnectedUntilItIsClosedOrItsEndArrives) {
+    Connected client([&](ServedConnection& connection) {
+        connection.Send("unread");
+        connection.ReadLine();
+    });
+    EXPECT_TRUE(client.stream->IsConnected());
+    client.Write("\n");
+    client.server.WaitForScripts(1);
+    const auto start = Clock::now();
+    while (client.stream->IsConnected() && Clock::now() - start < soon) {
+        std::this_thread::sleep_for(1ms);
+    }
+    EXPECT_FALSE(client.stream->IsConnected());
+    const auto other = OpenStream(client.server.GetPort());
+    EXPECT_TRUE(other->IsConnected());
+    other->Close();
+    EXPECT_FALSE(other->IsConnected());
+}
+
 TEST(TlsStream, MayBeClosedTwiceAndIsOfNoUseThen) {
     Connected client;
     EXPECT_EQ(client.OwnDescriptors().size(), 1U);
@@ -186,6 +206,12 @@ TEST(TlsStream, EndsAnOperationAtTheDeadlineAndStartsTheBackoff) {
         // What comes now may belong to the request that timed out.
         EXPECT_THROW(client.Read(), StreamException);
     }
+}
+
+TEST(TlsStream, WritesNothingInTheBackoff) {
+    Connected client;
+    EXPECT_THROW(Peer("localhost", client.server.GetPort()).ThrowTimeout("long work"), TimeoutException);
+    EXPECT_THAT(MessageOf<TimeoutException>([&] { client.Write("x"); }), HasSubstr("long work"));
 }
 
 TEST(TlsStream, ReadsNothingAfterTheDeadlineEvenIfItIsThere) {

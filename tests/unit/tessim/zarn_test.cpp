@@ -20,6 +20,7 @@ class PlainStream final : public virtual System::Stream, public ObjectImpl {
     void Write(const void* /*data*/, std::size_t /*size*/) override {}
     void Close() noexcept override {}
     bool IsOwn() const noexcept override { return true; }
+    bool IsConnected() const noexcept override { return true; }
 };
 
 class ZarnSvcTest : public testing::Test {
