@@ -51,6 +51,10 @@ DATA_LOG = [
     r"SetDiskResource: found vdisk of unknown backing\.", r"OrdaneClient::RetrieveStats: couldn't find stats for .*",
 ]
 
+# Of an agent whose tables are empty because it cannot reach its daemon, or were.
+OUTAGE_LOG = r"SNMPRask: tables (are empty until tovric-vessad delivers the VMs|have been empty for \d+ s" \
+             r"|are filled again after \d+ s)\."
+
 
 def sanitizer_libraries():
     """The sanitizers that the module was built with: a program built without them must preload them."""

@@ -174,4 +174,8 @@ bool Connection::IsOwn() const {
     return stream && stream->IsOwn();
 }
 
+bool Connection::IsUsable() const {
+    return IsOwn() && IsLoggedIn() && !stubAdapter->IsBroken() && stream->IsConnected();
+}
+
 }  // namespace SNMP

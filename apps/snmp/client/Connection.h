@@ -42,6 +42,11 @@ class Connection : public Tessim::ObjectImpl, public virtual Tessim::Object {
 
     // Whether this process opened the connection.
     bool IsOwn() const;
+    // Whether queries can be made: this process opened the connection, the daemon has accepted a login, no
+    // call found the connection broken, and its end has not arrived. Does not wait.
+    bool IsUsable() const;
+    // Whether the daemon has accepted a login.
+    bool IsLoggedIn() const { return static_cast<bool>(userSession); }
     // The factory of stubs, owned by the connection; null before Connect.
     Hask::MoFactory* GetMoFactory() const { return moFactory.Get(); }
 

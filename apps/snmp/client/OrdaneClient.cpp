@@ -15,6 +15,12 @@ using Tessim::Ref;
 
 constexpr std::int64_t bytesPerKilobyte = 1024;
 
+// A daemon that has not reached its hypervisor yet does not know its product.
+bool IsComplete(const Hask::ServiceInstanceContent* content) {
+    const Hask::AboutInfo* const about = content != nullptr ? content->GetAbout() : nullptr;
+    return about != nullptr && !about->GetName().empty();
+}
+
 }  // namespace
 
 OrdaneClient::~OrdaneClient() {
@@ -26,6 +32,14 @@ OrdaneClient::~OrdaneClient() {
 
 bool OrdaneClient::IsInitialized() const {
     return initialized && connection->IsOwn();
+}
+
+bool OrdaneClient::DropUselessConnection() {
+    if (!initialized || connection->IsUsable()) {
+        return false;
+    }
+    DropConnection();
+    return true;
 }
 
 bool OrdaneClient::Init(Tessim::Writer* writer) {
@@ -103,7 +117,9 @@ void OrdaneClient::GetServiceInstanceContent(Ref<Hask::ServiceInstanceContent>& 
         Ref<Hask::ServiceInstance> instance;
         factory.GetServiceInstance(instance);
         instance->RetrieveContent(out);
-        serviceContent = out;
+        if (connection->IsLoggedIn() && IsComplete(out.Get())) {
+            serviceContent = out;
+        }
     });
 }
 

@@ -56,11 +56,17 @@ class OrdaneClient : public Tessim::ObjectImpl, public virtual Tessim::Object {
     bool Init(Tessim::Writer* writer);
     // Whether Init has succeeded in this process and no query found the connection broken since.
     bool IsInitialized() const;
+    // Drops a connection on which no query can succeed: its end has arrived, it is broken, or the daemon has
+    // accepted no login. Returns whether it did. The next query connects anew. Does not wait.
+    bool DropUselessConnection();
 
     // Every VM of the host in the folder's order. Null on failure; VMs listed before an error stay.
     void GetAllVM(Tessim::Ref<Ordane::DataArray<Hask::VirtualMachine>>& out);
-    // The daemon's product and its managers; fetched once per process. Null on failure.
+    // The daemon's product and its managers. Null on failure. Fetched until it comes from a session and names
+    // the product; then kept for the life of the process.
     void GetServiceInstanceContent(Tessim::Ref<Hask::ServiceInstanceContent>& out);
+    // Whether that content is kept.
+    bool IsServiceInstanceContentKept() const { return static_cast<bool>(serviceContent); }
     // The information of the datastore with the id `datastore`; its type tells the kind. Null on failure.
     void GetDatastoreInfo(const std::string& datastore, Tessim::Ref<Hask::Datastore::Info>& out);
     // The host's CPU cores, truncated to a signed 16-bit count; cached once it is not 0. 0 on failure.

@@ -6,6 +6,7 @@
 char* SNMPAllocString(const char* source);
 
 // The same as a lasting string, for rows whose strings outlive their collection. Equal texts share one copy,
-// so memory grows with the number of distinct texts only. Returns null, after the same warning, when there is
-// no memory.
+// so memory grows with the number of distinct texts only, and to 16 MiB at most: beyond, every further text
+// reads as "SNMP Error", which a warning says once. Returns null, after the same warning as above, when there
+// is no memory.
 const char* SNMPLastingString(const char* source);

@@ -54,11 +54,11 @@ void SNMPSystemGetProdInfo() {
     if (parts.size() != prodVersion2.size()) {
         snmp_log(LOG_WARNING,
                  "SNMPSystemGetProdInfo: product version %s not in major.minor.revision format.\n",
-                 prodVersion);
+                 Tessim::StringUtil::EscapeControls(prodVersion).c_str());
         return;
     }
     for (std::size_t i = 0; i < parts.size(); ++i) {
         prodVersion2[i] = ParseVersionPart(parts[i]);
     }
-    prodInfoGood = true;
+    prodInfoGood = client->IsServiceInstanceContentKept();
 }

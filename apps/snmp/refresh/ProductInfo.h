@@ -11,5 +11,6 @@ extern char prodBuild[16];
 extern std::array<std::int32_t, 3> prodVersion2;  // major, minor, revision
 
 // Fetches the product information from the daemon unless it is known. A version that is not
-// major.minor.revision counts as unknown, so that the next call fetches it again. Failures are logged.
+// major.minor.revision, and content that the client does not keep (OrdaneClient.h), count as unknown, so that
+// the next call fetches it again. Failures are logged.
 void SNMPSystemGetProdInfo();

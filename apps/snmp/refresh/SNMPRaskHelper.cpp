@@ -12,6 +12,7 @@
 #include "apps/snmp/collections/ResTables.h"
 #include "apps/snmp/collections/VMTables.h"
 #include "apps/snmp/refresh/CacheFiller.h"
+#include "apps/snmp/refresh/Outage.h"
 #include "apps/snmp/refresh/VMExtraction.h"
 #include "runtime/tessim/assertion.h"
 #include "runtime/tessim/exception.h"
@@ -32,6 +33,8 @@ constexpr std::chrono::seconds rebuildLimit{5};
 // When the last rebuild was started, in wall-clock seconds; 0: none, or the last one failed.
 std::time_t lastRefresh = 0;
 
+SNMP::Outage outage;
+
 // A partial cache must not be served: unless the rebuild completes, the tables are emptied and the next
 // request retries.
 class RebuildGuard {
@@ -43,6 +46,7 @@ class RebuildGuard {
         if (!complete) {
             SNMPRaskTable_Destroy();
             lastRefresh = 0;
+            outage.Continue(Tessim::Clock::now());
         }
     }
     void Complete() { complete = true; }
@@ -99,15 +103,24 @@ void SNMPRaskTable_Init() {
 void SNMPRaskRefreshCache() {
     SNMPRaskTable_Destroy();
     ClearReportedVMID();
-    OrdaneClient* const client = SNMP::GetOrdaneClient();
+    OrdaneClient* client = SNMP::GetOrdaneClient();
+    if (client != nullptr && client->DropUselessConnection()) {
+        client = SNMP::GetOrdaneClient();
+    }
     if (client == nullptr) {
         snmp_log(LOG_WARNING, "SNMPRAskRefreshCache: Could not acquire ordane client to tovric-vessad.\n");
+        outage.Continue(Tessim::Clock::now());
         return;
     }
     Ref<Ordane::DataArray<Hask::VirtualMachine>> allVms;
     client->GetAllVM(allVms);
     if (!allVms || allVms->GetLength() == 0) {
         snmp_log(LOG_INFO, "SNMPRaskRefreshCache: no VM found.\n");
+        if (allVms) {
+            outage.End(Tessim::Clock::now());
+        } else {
+            outage.Continue(Tessim::Clock::now());
+        }
         return;
     }
     snmp_log(LOG_INFO, "SNMPRask: start refreshing cache...\n");
@@ -124,6 +137,7 @@ void SNMPRaskRefreshCache() {
     }
     allVms->Clear();
     SNMP::FillTables(client, vms.Get(), configs.Get());
+    outage.End(Tessim::Clock::now());
 }
 
 int GetNumCpu() {

@@ -44,6 +44,7 @@ Tessim::Ref<CounterInfo> MakeCounter(std::int32_t key, const std::string& group,
 
 std::vector<Tessim::Ref<CounterInfo>> StandardCounters() {
     std::vector<Tessim::Ref<CounterInfo>> counters;
+    counters.reserve(Hask::Counters::standard.size());
     std::int32_t key = 0;
     for (const auto& [group, name, rollup] : Hask::Counters::standard) {
         counters.push_back(MakeCounter(++key, group, name, rollup));

@@ -5,6 +5,7 @@ a test overrides the step that it breaks. A change of behaviour takes effect at 
 """
 
 import contextlib
+import ctypes
 import dataclasses
 import functools
 import os
@@ -392,6 +393,7 @@ class FakeDaemon:
         self.streams = []
         self.lock = threading.Lock()
         self.listener = None
+        self.owner = 0                  # the user who accepts connections
         self.listen()
 
     def listen(self):
@@ -412,6 +414,7 @@ class FakeDaemon:
 
     def _accept(self, listener):
         while True:
+            ctypes.CDLL(None).setfsuid(self.owner)      # of this thread only
             try:
                 plain, _ = listener.accept()
             except OSError:

@@ -1,5 +1,6 @@
 """A daemon that names a file of its choice as the ticket: the agent neither waits for it nor sends its content."""
 
+import copy
 import grp
 import os
 import pathlib
@@ -7,6 +8,8 @@ import socket
 import threading
 import time
 
+import fake_daemon
+import mib
 import pytest
 import system
 import watch
@@ -210,7 +213,6 @@ def test_the_content_of_no_other_file_is_sent(name, directory, fake, good, host,
         took = 0
         for _ in range(3):
             fake.drop_connections()
-            agent.refresh()
             took = max(took, agent.refresh()[0])
     assert fake.count("AcquireLocalTicket") >= 3 and made
     assert took < CONNECT + watch.SLACK
@@ -260,7 +262,6 @@ def test_an_unreadable_file_is_no_ticket_for_an_unprivileged_agent(fake, good, d
         for mode, owner, group in refused:
             fake.behave(NamesFile(host, directory, ticket(mode, owner, group)))
             fake.drop_connections()
-            agent.refresh()
             took, rows = agent.refresh()
             assert took < CONNECT + watch.SLACK and not rows
     prober.check(CONNECT)
@@ -299,7 +300,6 @@ def test_a_file_that_changes_while_it_is_checked_is_not_sent(fake, good, directo
         with watch.Prober() as prober:
             for _ in range(300):
                 fake.drop_connections()
-                agent.refresh()
                 took, _ = agent.refresh()
                 assert took < CONNECT + watch.SLACK
                 slowest = max(slowest, took)
@@ -314,3 +314,43 @@ def test_a_file_that_changes_while_it_is_checked_is_not_sent(fake, good, directo
     assert watch.descriptors(agent.pid) == before
     watch.report("the ticket's name is another file at each of 300 logins", "sends a good file's content or nothing",
                  slowest, prober, faults=300)
+
+
+def test_another_user_on_the_port_is_told_nothing(fake, host, shifted_agent):
+    other = system.agent_account().pw_uid
+    fake.owner = other
+    fake.close_port()
+    fake.listen()
+    agent = shifted_agent()
+    with watch.Prober() as prober:
+        took, rows = agent.refresh()
+    assert not rows and fake.accepted >= 2 and not fake.received
+    assert f"localhost:902 belongs to user {other}, who does not run the daemon" in agent.log_text()
+    prober.check(CONNECT)
+    fake.owner = 0
+    fake.close_port()
+    fake.listen()
+    agent.recover(host)
+    watch.report("the port belongs to another user", "closes the connection without a byte of its own", took, prober)
+
+
+class Forger(GoodBehaviour):
+    """Serves everything without a login, for which it gives no ticket."""
+
+    BEFORE_LOGIN = GoodBehaviour.BEFORE_LOGIN + ("GetChildEntity", "GetHardware", "GetConsoleReservationInfo")
+
+    def result(self, call):
+        return fake_daemon.fault("SystemError") if call.method == "AcquireLocalTicket" else super().result(call)
+
+
+def test_nothing_is_asked_or_kept_without_a_session(fake, good, directory, host, shifted_agent):
+    forged = copy.deepcopy(host)
+    forged["about"]["name"] = "forged"
+    fake.behave(Forger(forged, directory))
+    agent = shifted_agent()
+    product, cores, memory = agent.client.get(*map(mib.oid, ("prodName", "numCpuCores", "memTotal")))
+    assert (product.value, cores.value, memory.value) == (b"forged", 0, 0)
+    assert not agent.refresh()[1]
+    assert {call.method for call in fake.calls} == {"AcquireLocalTicket", "RetrieveContent"}
+    fake.behave(good)
+    agent.recover(host)

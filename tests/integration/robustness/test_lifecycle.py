@@ -364,7 +364,6 @@ def test_the_agent_ends_within_two_seconds_of_a_signal_in_a_rebuild(number, meth
     fake.behave(Replaced(good, **{method: stay_silent}))
     if method == "AcquireLocalTicket":
         fake.drop_connections()
-        agent.refresh()
     agent.age_cache()
     client = Client(timeout=0.1)
     with pytest.raises(TimeoutError):

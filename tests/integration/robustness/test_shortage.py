@@ -128,7 +128,6 @@ def test_interrupted_system_calls_change_nothing(agent, fake, good, host):
         for number in range(60):
             if number % 3 == 0:
                 fake.drop_connections()
-                agent.refresh()
             assert agent.refresh()[1], "a rebuild came to nothing"
             agent.assert_right(host)
     prober.check(1)
@@ -147,7 +146,6 @@ def test_interrupted_waits_end_in_time(name, behaviour, agent, fake, good, host)
     before = watch.descriptors(agent.pid)
     fake.behave(Replaced(good, AcquireLocalTicket=behaviour))
     fake.drop_connections()
-    agent.refresh()
     with watch.Prober() as prober, storm(agent):
         took, _ = agent.refresh()
     assert CONNECT * 0.9 < took < CONNECT + watch.SLACK

@@ -222,6 +222,7 @@ repair RetrieveContent; product name|3.0.2|1; get prodName -> name (RetrieveCont
 }
 
 TEST_F(Scalars, ReturnEmptyTextsForContentWithoutAProduct) {
+    host.content->SetAbout(nullptr);
     Check(R"(
 get prodName ->  (AcquireLocalTicket, Login, RetrieveContent)
   4 SNMPSystemGetProdInfo: Could not fetch service instance content via ordane client.
@@ -238,10 +239,26 @@ get prodOID -> 1.3.6.1.4.1.32473.60.1.1234567890.12.345
 )");
 }
 
-TEST_F(Scalars, ReportAWrongVersionTruncated) {
+TEST_F(Scalars, AskForTheProductUntilItHasAName) {
+    Check(R"(
+product |3.0.2|1; get prodVersion -> 3.0.2 (AcquireLocalTicket, Login, RetrieveContent)
+product name|3.0.2|1; get prodName -> name (RetrieveContent)
+get prodName -> name
+)");
+}
+
+TEST_F(Scalars, ReportAWrongVersionTruncatedAndEscaped) {
     Check(R"(
 product name|1234567890.1234567890|1; get prodVersion -> 1234567890.1234 (AcquireLocalTicket, Login, RetrieveContent)
   4 SNMPSystemGetProdInfo: product version 1234567890.1234 not in major.minor.revision format.
+)");
+}
+
+TEST_F(Scalars, ReportAWrongVersionEscaped) {
+    host.content->GetAbout()->SetVersion("1\n2");
+    Check(R"(
+get prodBuild ->  (AcquireLocalTicket, Login, RetrieveContent)
+  4 SNMPSystemGetProdInfo: product version 1\x0a2 not in major.minor.revision format.
 )");
 }
 

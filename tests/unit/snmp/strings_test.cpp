@@ -64,6 +64,23 @@ TEST(LastingString, ReadsAsAnErrorWithoutASource) {
     EXPECT_STREQ(SNMPLastingString(nullptr), "SNMP Error");
 }
 
+TEST(LastingString, ReadsAsAnErrorBeyond16MiBOfTexts) {
+    TestSupport::LogCapture log;
+    const std::string mebibyte(1024 * 1024, 'x');
+    for (int i = 0; i < 15; ++i) {
+        const std::string text = std::to_string(i) + mebibyte;
+        EXPECT_EQ(SNMPLastingString(text.c_str()), text);
+    }
+    EXPECT_STREQ(SNMPLastingString(("15" + mebibyte).c_str()), "SNMP Error");
+    EXPECT_STREQ(SNMPLastingString(("16" + mebibyte).c_str()), "SNMP Error");
+    EXPECT_EQ(log.Take(),
+              (std::vector<LogLine>{{4,
+                                     "SNMPLastingString: 16777216 bytes are in use, further texts "
+                                     "read as \"SNMP Error\".\n"}}));
+    EXPECT_EQ(SNMPLastingString(("0" + mebibyte).c_str()), "0" + mebibyte);
+    EXPECT_STREQ(SNMPLastingString("there is room for this"), "there is room for this");
+}
+
 TEST(LastingString, WarnsAndReturnsNullWithoutMemory) {
     TestSupport::LogCapture log;
     TestSupport::FaultInjection faults;

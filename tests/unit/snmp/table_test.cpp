@@ -182,8 +182,7 @@ TYPED_TEST(Table, KeepsAnExceptionOfTheRefreshFromTheAgent) {
     daemon.WhenCalled("GetChildEntity", [] { throw std::runtime_error("stop"); });
     this->clock.SetTime(aTime);
     EXPECT_FALSE(this->columns[0].GetNext({}).answered);
-    EXPECT_EQ(this->log.Take(),
-              (std::vector<LogLine>{{3, std::string(this->table.handlerName) + ": stop\n"}}));
+    EXPECT_EQ(this->log.Take().back(), (LogLine{3, std::string(this->table.handlerName) + ": stop\n"}));
 }
 
 using VmTable = Table<vmEntry>;

@@ -60,8 +60,9 @@ TEST_F(ProcessWideClientTest, KeepsItsLoggerWhenAQueryReconnects) {
     Check(R"(
 get -> a client (open stream, AcquireLocalTicket)
   6 Failed to read ticket. Ticket file too long.
-break GetChildEntity; list -> null (GetChildEntity, close adapter, close stream /connection/1, shut service down)
-list -> null (open stream, AcquireLocalTicket, GetChildEntity)
+break RetrieveContent; content -> null (RetrieveContent, close adapter, close stream /connection/1, shut service down)
+  4 GetServiceInstanceContent: connection to tovric-vessad is broken.
+list -> null (open stream, AcquireLocalTicket)
   6 Failed to read ticket. Ticket file too long.
   4 OrdaneClient::GetAllVM: :log in first (7 backtrace)
 )");
@@ -108,14 +109,45 @@ end -> (Logout, close adapter, close stream /connection/1, shut service down)
 )");
 }
 
-// The daemon refuses the first query instead.
-TEST_F(ClientTest, IsConnectedAlsoWhenTheTicketCannotBeRead) {
+TEST_F(ClientTest, WithoutASessionSendsNothingThatNeedsOneAndKeepsNothing) {
     host.ticketPath = "/nowhere";
     Check(R"(
 init -> true (open stream, AcquireLocalTicket)
-list -> null (GetChildEntity)
+list -> null
   4 OrdaneClient::GetAllVM: :log in first (7 backtrace)
 connected? -> true
+content -> content (RetrieveContent)
+content -> content (RetrieveContent)
+)");
+}
+
+TEST_F(ClientTest, DropsOnlyAConnectionOnWhichNoQueryCanSucceed) {
+    daemon.WhenSent("Login", [&] { daemon.closesStreams = false; });
+    Check(R"(
+drop? -> false
+init; drop? -> true false (open stream, AcquireLocalTicket, Login)
+close; connected? -> true
+drop? -> true (Logout, close adapter, close stream /connection/1, shut service down)
+connected? -> false
+init -> true (open stream, AcquireLocalTicket, Login)
+)");
+    host.ticketPath = "/nowhere";
+    Check(R"(
+new; init -> true (Logout, close adapter, close stream /connection/2, shut service down, open stream, AcquireLocalTicket)
+drop? -> true (close adapter, close stream /connection/3, shut service down)
+)");
+}
+
+TEST_F(ClientTest, KeepsTheServiceContentOnceItNamesTheProduct) {
+    host.content->GetAbout()->SetName("");
+    Check(R"(
+content -> content (open stream, AcquireLocalTicket, Login, RetrieveContent)
+content -> content (RetrieveContent)
+)");
+    host.content->GetAbout()->SetName("Product");
+    Check(R"(
+content -> content (RetrieveContent)
+content -> content
 )");
 }
 
@@ -173,11 +205,6 @@ const QueryCase queries[] = {
 class ClientQueryTest : public ClientTest {
   protected:
     ClientQueryTest() {
-        Add("content", [this] {
-            auto content = MakeRef<Hask::ServiceInstanceContent>();
-            client->GetServiceInstanceContent(content);
-            return content ? "content" : "null";
-        });
         Add("datastore", [this](const std::string& id) {
             auto info = MakeRef<Hask::Datastore::Info>();
             client->GetDatastoreInfo(id, info);

@@ -50,6 +50,7 @@ DaemonTest::DaemonTest() {
     Add("down", [this] { daemon.down = "connection refused"; });
     Add("up", [this] { daemon.down.clear(); });
     Add("foreign", [this] { daemon.foreignStreams = true; });
+    Add("close", [this] { daemon.closesStreams = true; });
     Add("own", [this] { daemon.foreignStreams = false; });
     // The step of connecting that fails; without an argument, none.
     Add("step", [this](const std::string& step) { daemon.failingStep = step; });
@@ -103,6 +104,7 @@ std::string DaemonTest::Play(const std::string& line) {
 
 ClientTest::ClientTest() {
     Add("init", [this] { return client->Init(nullptr); });
+    Add("drop?", [this] { return client->DropUselessConnection(); });
     Add("connected?", [this] { return client->IsInitialized(); });
     Add("list", [this] {
         Ref<VmArray> vms = Array<Hask::VirtualMachine>({Hask::VirtualMachine::MakeStub(nullptr, "old")});
@@ -112,6 +114,11 @@ ClientTest::ClientTest() {
             text += ' ' + (*vms)[i]->GetMoRef()->GetId();
         }
         return text;
+    });
+    Add("content", [this] {
+        auto content = MakeRef<Hask::ServiceInstanceContent>();
+        client->GetServiceInstanceContent(content);
+        return content ? "content" : "null";
     });
     Add("new", [this] { client = MakeRef<OrdaneClient>(); });
     Add("end", [this] { client.Reset(); });

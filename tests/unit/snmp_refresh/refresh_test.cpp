@@ -7,6 +7,7 @@
 
 #include "apps/snmp/agent/NetSnmp.h"
 #include "apps/snmp/refresh/CacheFiller.h"
+#include "apps/snmp/refresh/Outage.h"
 #include "runtime/ordane/faults.h"
 #include "runtime/tessim/time_budget.h"
 #include "tests/support/fault_injection.h"
@@ -91,11 +92,48 @@ class RefreshTest : public DaemonTest {
     // The end of a rebuild stands for its other lines.
     bool Shows(const LogLine& line) const override {
         return !line.text.starts_with("SNMPRask: start") &&
+               (showsOutages || !line.text.starts_with("SNMPRask: tables")) &&
                !line.text.starts_with("SNMPRaskRefreshCache: Examining");
     }
 
     std::unique_ptr<FaultInjection> clock = std::make_unique<FaultInjection>();
+    bool showsOutages = false;
 };
+
+TEST_F(RefreshTest, SaysWhenFailuresEmptyTheTablesAndWhenTheyAreFilledAgain) {
+    showsOutages = true;
+    // No VM at all is no failure.
+    Check(R"(
+at 0; rows -> 0 0 0 0 0 0 0 0 0 0 (open stream)
+  6 SNMPRaskRefreshCache: no VM found.
+vm 16; fail GetConfig; at 21
+  4 SNMPRaskRefreshCache exception:it failed (4 backtrace)
+  4 SNMPRask: tables are empty until tovric-vessad delivers the VMs.
+at 21
+  4 SNMPRaskRefreshCache exception:it failed (4 backtrace)
+repair GetConfig; break GetChildEntity; at 21
+  6 SNMPRaskRefreshCache: no VM found.
+at 42 -> (open stream)
+  6 SNMPRask: refreshing cache completed.
+  5 SNMPRask: tables are filled again after 0 s.
+)");
+}
+
+TEST(Outage, IsToldOnceAMinuteWhileItLasts) {
+    LogCapture log;
+    SNMP::Outage outage;
+    const SNMP::Outage::Clock::time_point begin{1h};
+    outage.End(begin);
+    for (const auto after : {0s, 59s, 60s, 119s, 120s}) {
+        outage.Continue(begin + after);
+    }
+    outage.End(begin + 150s);
+    outage.End(begin + 151s);
+    EXPECT_EQ(log.Take(), (Lines{{4, "SNMPRask: tables are empty until tovric-vessad delivers the VMs.\n"},
+                                 {4, "SNMPRask: tables have been empty for 60 s.\n"},
+                                 {4, "SNMPRask: tables have been empty for 120 s.\n"},
+                                 {5, "SNMPRask: tables are filled again after 150 s.\n"}}));
+}
 
 // When.
 
@@ -526,14 +564,11 @@ repair GetConfig; fault GetConfig; expire; at 0
 )");
 }
 
-// The next request finds the connection broken, the one after that reconnects.
-TEST_F(RefreshTest, ReportsAConnectionThatBreaksInTheMiddle) {
+TEST_F(RefreshTest, ReconnectsAtOnceAfterAConnectionThatBreaksInTheMiddle) {
     Check(R"(
 vm 16; break GetRuntime; at 0; rows -> 0 0 0 0 0 0 0 0 0 0 (open stream)
   4 SNMPRaskRefreshCache exception:connection reset (4 backtrace)
-at 0
-  6 SNMPRaskRefreshCache: no VM found.
-at 20; at 21; rows -> 1 2 2 2 2 2 2 1 2 2 (open stream)
+at 0; rows -> 1 2 2 2 2 2 2 1 2 2 (open stream)
   6 SNMPRask: refreshing cache completed.
 )");
 }
