@@ -60,6 +60,7 @@ def test_a_kept_demo_can_be_queried_and_stopped_as_it_says(tmp_path, monkeypatch
     reply = subprocess.run(shlex.split(query), capture_output=True, text=True)
     assert reply.returncode == 0 and "every device" in reply.stdout
     assert all(system.is_alive(pid) for pid in stop[1:])
+    assert (system.ROOT / "build/demo-agent.pid").read_text().strip() == stop[1]
     subprocess.run(["bash", "-c", stop[0]], check=True)
     for pid in stop[1:]:
         system.wait_until(lambda: not system.is_alive(pid), "the demo's processes to end")
@@ -87,3 +88,4 @@ def test_the_demo_reports_that_a_live_host_cannot_be_reached(tmp_path):
     result = demo("--libvirt", f"qemu+unix:///system?socket={tmp_path}/nobody")
     assert result.returncode != 0
     assert re.search("demo: libvirt cannot be reached: .*nobody", result.stderr)
+    assert "vmTable" not in result.stdout
