@@ -2,6 +2,7 @@
 
 #include <spdlog/spdlog.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <boost/asio/io_context.hpp>
@@ -47,6 +48,22 @@ Tessim::FileDescriptor Listen(const tcp::endpoint& endpoint) {
     check(acceptor.bind(endpoint, error));
     check(acceptor.listen(asio::socket_base::max_listen_connections, error));
     return Tessim::FileDescriptor(acceptor.release());
+}
+
+// Returns where the socket listens. Throws std::runtime_error when it does not, or not on TCP at a loopback
+// address.
+tcp::endpoint ListeningEndpoint(int descriptor) {
+    int listening = 0;
+    socklen_t size = sizeof listening;
+    tcp::endpoint local;
+    auto capacity = static_cast<socklen_t>(local.capacity());
+    const bool isTcp = ::getsockopt(descriptor, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) == 0 &&
+                       listening != 0 && ::getsockname(descriptor, local.data(), &capacity) == 0 &&
+                       (local.data()->sa_family == AF_INET || local.data()->sa_family == AF_INET6);
+    if (!isTcp || !local.address().is_loopback()) {
+        throw std::runtime_error("the passed socket does not listen on TCP at a loopback address");
+    }
+    return local;
 }
 
 }  // namespace
@@ -138,11 +155,13 @@ class Server::Implementation {
 
   private:
     static std::deque<Lane> MakeLanes(const ServerOptions& options) {
-        const Tessim::FileDescriptor listener = Listen(options.listen);
+        const Tessim::FileDescriptor listener =
+            options.listener >= 0 ? Tessim::FileDescriptor(options.listener) : Listen(options.listen);
+        const tcp protocol = ListeningEndpoint(listener.Get()).protocol();
         std::deque<Lane> lanes;
         for (unsigned count = std::clamp(std::thread::hardware_concurrency(), minLanes, maxLanes); count > 0;
              --count) {
-            lanes.emplace_back(options.listen.protocol(), listener.Get());
+            lanes.emplace_back(protocol, listener.Get());
         }
         return lanes;
     }

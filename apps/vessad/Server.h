@@ -14,6 +14,8 @@ namespace Vessad {
 
 struct ServerOptions {
     boost::asio::ip::tcp::endpoint listen;  // port 0: a free one
+    // A listening TCP socket on a loopback address, which the server owns, instead of `listen`; -1: none.
+    int listener = -1;
     TicketOptions tickets;
     Timeouts timeouts;
     ConnectionTable::Limits connections;

@@ -6,13 +6,17 @@
 #include <sys/stat.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
+#include <ctime>
 #include <exception>
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <system_error>
 
 #include "apps/vessad/Background.h"
 #include "apps/vessad/LogFormat.h"
@@ -29,6 +33,7 @@
 namespace {
 
 using Vessad::Options;
+using Clock = std::chrono::steady_clock;
 
 constexpr const char* programName = "tovric-vessad";
 
@@ -36,6 +41,35 @@ void NotifyServiceManager([[maybe_unused]] const char* state) {
 #ifdef VESSAD_HAVE_SYSTEMD
     ::sd_notify(0, state);
 #endif
+}
+
+// Returns the socket that the service manager passed to listen on, or -1.
+int PassedListener() {
+#ifdef VESSAD_HAVE_SYSTEMD
+    const int count = ::sd_listen_fds(1);
+    if (count < 0) {
+        throw std::system_error(-count, std::generic_category(), "cannot take over the passed socket");
+    }
+    if (count > 1) {
+        throw std::runtime_error("more than one socket is passed");
+    }
+    if (count == 1) {
+        return SD_LISTEN_FDS_START;
+    }
+#endif
+    return -1;
+}
+
+// Returns how often the service manager is to be told that the daemon makes progress; nothing: never.
+std::optional<std::chrono::microseconds> WatchdogInterval() {
+#ifdef VESSAD_HAVE_SYSTEMD
+    constexpr std::uint64_t reportsPerTimeout = 4;
+    std::uint64_t timeout = 0;
+    if (::sd_watchdog_enabled(0, &timeout) > 0) {
+        return std::chrono::microseconds(timeout / reportsPerTimeout);
+    }
+#endif
+    return std::nullopt;
 }
 
 // Where the log goes. Threads may use the logger at any time, so it stays and its sinks are replaced.
@@ -87,10 +121,38 @@ sigset_t BlockSignals() {
     return signals;
 }
 
+// Tells the service manager that the daemon makes progress, where it does.
+void ReportProgress(Vessad::Server& server, Vessad::Backend& backend) {
+    try {
+        const bool serves = server.CheckProgress();
+        if (serves && backend.IsMakingProgress()) {
+            NotifyServiceManager("WATCHDOG=1");
+        } else {
+            spdlog::error("{} stands still, the service manager restarts the daemon unless that ends",
+                          serves ? "The collector" : "A thread that accepts and serves");
+        }
+    } catch (const std::exception& failure) {
+        spdlog::error("No progress is reported to the service manager: {}", failure.what());
+    }
+}
+
+// Waits for one of the signals, or until `end` where there is one; returns its number, 0 at the end.
+int WaitForSignal(const sigset_t& signals, std::optional<Clock::time_point> end) {
+    if (!end) {
+        int number = 0;
+        return ::sigwait(&signals, &number) == 0 ? number : 0;
+    }
+    const auto left = std::max<std::chrono::nanoseconds>(*end - Clock::now(), std::chrono::nanoseconds(0));
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
+    const timespec timeout{seconds.count(), (left - seconds).count()};
+    return std::max(0, ::sigtimedwait(&signals, nullptr, &timeout));
+}
+
 void Serve(const Options& options, LogDestination& log) {
     ::umask(077);
     const sigset_t signals = BlockSignals();
     Vessad::ServerOptions serverOptions;
+    serverOptions.listener = PassedListener();
     serverOptions.listen = Vessad::ParseListenAddress(options.listen);
     serverOptions.tickets.directory = options.ticketDirectory;
     serverOptions.tickets.group = options.ticketGroup;
@@ -111,9 +173,15 @@ void Serve(const Options& options, LogDestination& log) {
     spdlog::info("Listening on {} port {}", endpoint.address().to_string(), endpoint.port());
     NotifyServiceManager("READY=1");
 
+    const auto interval = WatchdogInterval();
+    std::optional<Clock::time_point> nextReport;
     for (;;) {
-        int number = 0;
-        if (::sigwait(&signals, &number) != 0) {
+        if (interval && (!nextReport || Clock::now() >= *nextReport)) {
+            ReportProgress(server, *backend);
+            nextReport = Clock::now() + *interval;
+        }
+        const int number = WaitForSignal(signals, nextReport);
+        if (number == 0) {
             continue;
         }
         if (number == SIGHUP) {
