@@ -27,7 +27,7 @@ class CollectorTest : public testing::Test {
   protected:
     CollectorTest() {
         options.interval = milliseconds(10);
-        options.sampling.call = milliseconds(50);
+        options.sampling.call = options.sampling.log = milliseconds(50);
         options.poolTimeout = milliseconds(200);
         options.osinfoDirectories.clear();
         SetDomains({SmallDomain(uuidA, "vm-a"), SmallDomain(uuidB, "vm-b")});

@@ -19,7 +19,7 @@ using std::chrono::seconds;
 //   "pass S": so many seconds; "check": the seconds to the next check, or "over";
 //   "end": the domains that the round has samples of; "queued", "in-calls", "stop".
 std::string Follow(const std::string& script,
-                   SampleTimeouts timeouts = {.call = seconds(2), .open = seconds(10)}) {
+                   SampleTimeouts timeouts = {.call = seconds(2), .log = seconds(2), .open = seconds(10)}) {
     SampleTracker::TimePoint now{seconds(1000)};
     SampleTracker tracker(timeouts);
     std::ostringstream transcript;
@@ -108,6 +108,18 @@ TEST(SampleTracker, TakesAnErrorForNoResponse) {
                "round 1 threads call succeed 3 end"),
         "+4, 0, " + Late(0) + "goes on, " + failed + "+0, 0, 0.2 s, over, goes on, " + failed +
             "+0, +0, 0, goes on, " + again + "sample of 0, ");
+}
+
+// As long as libvirt waits for a guest to let go of a device.
+TEST(SampleTracker, LogsNothingOfADomainThatRespondsBeforeItsTime) {
+    const SampleTimeouts timeouts{.log = seconds(10)};
+    const std::string late = "round 1 threads call pass 5 ";
+    EXPECT_EQ(Follow(late + "pass 4.9 succeed 1 round 1 call succeed 2 end", timeouts),
+              "+4, 0, goes on, 0, goes on, sample of 0, ");
+    EXPECT_EQ(Follow(late + "fail 1 round 0 round 1 call pass 9 succeed 2", timeouts),
+              "+4, 0, goes on, " + failed + "0, goes on, ");
+    EXPECT_EQ(Follow(late + "pass 5 pass 1 round 1 pass 5 succeed 1", timeouts),
+              "+4, 0, " + Late(0) + "goes on, " + again);
 }
 
 TEST(SampleTracker, LogsThatAnUnresponsiveDomainIsGoneOnceItsCallEnded) {

@@ -40,21 +40,29 @@ void SampleTracker::StartRound(const std::vector<SampledDomain>& domains, TimePo
 
 void SampleTracker::MarkLateCalls(TimePoint now) {
     for (auto& [id, call] : calls) {
-        if (call.late || now < call.deadline) {
-            continue;
+        if (!call.late && now >= call.deadline) {
+            unresponsive.try_emplace(call.domain.uuid,
+                                     Unresponsive{call.domain.name, call.begun, std::nullopt});
+            call.late = true;
+            lastProgress = now;
+            --available;
         }
-        call.late = true;
-        lastProgress = now;
-        --available;
-        if (!unresponsive.contains(call.domain.uuid)) {
-            const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(now - call.begun);
-            const auto since = std::chrono::system_clock::now() - waited;
-            unresponsive[call.domain.uuid] = {call.domain.name, since};
-            Log(spdlog::level::warn,
-                "VM {} ({}) has not responded since {}, it has no statistics until it does", call.domain.name,
-                call.domain.uuid, LocalTime(since));
+        if (call.late) {
+            LogUnresponsive(call.domain.uuid, now);
         }
     }
+}
+
+void SampleTracker::LogUnresponsive(const std::string& uuid, TimePoint now) {
+    Unresponsive& domain = unresponsive.at(uuid);
+    if (domain.since || now < domain.begun + timeouts.log) {
+        return;
+    }
+    const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(now - domain.begun);
+    const auto since = std::chrono::system_clock::now() - waited;
+    Log(spdlog::level::warn, "VM {} ({}) has not responded since {}, it has no statistics until it does",
+        domain.name, uuid, LocalTime(since));
+    domain.since = since;
 }
 
 std::optional<SampleTracker::TimePoint> SampleTracker::NextCheck(TimePoint now) {
@@ -171,16 +179,20 @@ void SampleTracker::RemoveUnresponsiveExcept(const std::vector<SampledDomain>& d
         if (sampled.contains(uuid) || IsInCall(uuid)) {
             return false;
         }
-        Log(spdlog::level::info, "VM {} ({}), which had not responded since {}, no longer runs", state.name,
-            uuid, LocalTime(state.since));
+        if (state.since) {
+            Log(spdlog::level::info, "VM {} ({}), which had not responded since {}, no longer runs",
+                state.name, uuid, LocalTime(*state.since));
+        }
         return true;
     });
 }
 
 void SampleTracker::MarkResponsive(const std::string& uuid) {
     if (const auto found = unresponsive.find(uuid); found != unresponsive.end()) {
-        Log(spdlog::level::info, "VM {} ({}) responds again, it had not since {}", found->second.name, uuid,
-            LocalTime(found->second.since));
+        if (const auto since = found->second.since) {
+            Log(spdlog::level::info, "VM {} ({}) responds again, it had not since {}", found->second.name,
+                uuid, LocalTime(*since));
+        }
         unresponsive.erase(found);
     }
 }

@@ -24,6 +24,7 @@ struct SampledDomain {
 struct SampleTimeouts {
     std::chrono::milliseconds call{2000};   // for a domain to reply
     std::chrono::milliseconds retry{200};   // for one that is known to be unresponsive
+    std::chrono::milliseconds log{10000};   // for the log to say that a domain does not reply
     std::chrono::milliseconds open{10000};  // for the host to accept a connection
 };
 
@@ -44,7 +45,8 @@ struct SampleResult {
 //
 // A call that takes longer than the timeout is late until it ends; its sample is dropped. Its domain is
 // unresponsive until a call for it succeeds or it is no longer sampled. A call for an unresponsive domain has
-// a shorter timeout, so that such a domain hardly delays a round. A domain in a call is not queued.
+// a shorter timeout, so that such a domain hardly delays a round. A domain in a call is not queued. The log
+// says what a domain does only where it did not respond for longer than other programs' jobs take.
 //
 //   AddThread ──▶ ready ──StartCall──▶ in call ──EndCall──▶ ready
 //                                         │
@@ -110,7 +112,8 @@ class SampleTracker {
 
     struct Unresponsive {
         std::string name;
-        std::chrono::system_clock::time_point since;
+        TimePoint begun;                                             // the first call
+        std::optional<std::chrono::system_clock::time_point> since;  // that time, once the log has said it
     };
 
     template <class... Arguments>
@@ -119,6 +122,7 @@ class SampleTracker {
     bool IsInCall(const std::string& uuid) const;
     void RemoveUnresponsiveExcept(const std::vector<SampledDomain>& domains);
     void MarkResponsive(const std::string& uuid);
+    void LogUnresponsive(const std::string& uuid, TimePoint now);
 
     const SampleTimeouts timeouts;
     std::vector<LogLine> log;
