@@ -126,22 +126,18 @@ Ref<DataObject> FakeHost::Reply(const std::string& id, const Ordane::MethodInfo&
 }
 
 void FakeHost::Record(const std::string& method, const DataObject& request) {
-    std::vector<std::string> texts;
+    std::vector<std::string>& sent = texts[method].emplace_back();
     auto specs = MakeRef<DataArray<QuerySpec>>();
     for (const Ordane::Member& parameter : request.GetDataObjectType()->ownMembers) {
         parameter.forEach(request, [&](const Ordane::Value& value) {
             if (const auto* text = std::get_if<std::string_view>(&value)) {
-                texts.emplace_back(*text);
+                sent.emplace_back(*text);
             } else {
                 specs->Append(Tessim::NarrowToType<QuerySpec>(std::get<Ordane::Any*>(value)));
             }
         });
     }
-    if (method == "AcquireLocalTicket") {
-        ticketRequests.push_back(texts.at(0));
-    } else if (method == "Login") {
-        logins.push_back({texts.at(0), texts.at(1), texts.at(2)});
-    } else if (method == "QueryPerf") {
+    if (method == "QueryPerf") {
         queries.push_back(specs);
     }
 }

@@ -21,15 +21,6 @@ struct FakeVm {
     Tessim::Ref<Hask::Vm::GuestInfo> guest;
 };
 
-// The parameters of a login.
-struct LoginCall {
-    std::string userName;
-    std::string password;
-    std::string locale;
-
-    friend bool operator==(const LoginCall&, const LoginCall&) = default;
-};
-
 class FakeHost {
   public:
     // A host without VMs, datastores or statistics, whose content names its managers.
@@ -54,8 +45,7 @@ class FakeHost {
     std::optional<std::string> ticketPath;
 
     // The requests.
-    std::vector<std::string> ticketRequests;  // the users
-    std::vector<LoginCall> logins;
+    std::map<std::string, std::vector<std::vector<std::string>>> texts;  // by method, those of each call
     std::vector<Tessim::Ref<Ordane::DataArray<Hask::PerformanceManager::QuerySpec>>> queries;
 
     // Makes the objects run `action` before they reply to that method. What it throws becomes a fault.

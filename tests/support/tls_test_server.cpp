@@ -9,7 +9,6 @@
 #include <openssl/x509.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <csignal>

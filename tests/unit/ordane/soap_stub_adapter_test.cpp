@@ -14,7 +14,6 @@ namespace {
 
 using Sample::Enveloped;
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 // Gets each reply from a function.
 class FakeAdapter final : public SoapStubAdapter {

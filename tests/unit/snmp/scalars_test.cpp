@@ -64,6 +64,7 @@ class Scalars : public RefreshTests::DaemonTest {
             host.content->GetAbout()->SetVersion(text.substr(version, build - version - 1));
             host.content->GetAbout()->SetBuild(text.substr(build));
         });
+        Add("product-missing", [this] { host.content->SetAbout(nullptr); });
         Add("directory",
             [this](const std::string& exists) { faults.SetExists(processDirectory, exists == "exists"); });
         Add("checks", [this] { return faults.Stat64Calls(); });
@@ -76,78 +77,7 @@ class Scalars : public RefreshTests::DaemonTest {
     TestSupport::FaultInjection faults;
 };
 
-TEST_F(Scalars, ReturnTheirValuesAndDetails) {
-    RefreshTests::SetCores(host, 32768);
-    RefreshTests::SetMemory(host, 285212672, 1862270976);
-    // A signed 16-bit count of cores, and reserved memory in bytes on the first request only.
-    Check(R"(
-product Tovric Kelv Server|3.0.2|13638; directory exists
-next prodName; get prodName -> Tovric Kelv Server Tovric Kelv Server (AcquireLocalTicket, Login, RetrieveContent)
-next prodVersion; get prodVersion -> 3.0.2 3.0.2
-next prodOID; get prodOID -> 1.3.6.1.4.1.32473.60.1.3.0.2 1.3.6.1.4.1.32473.60.1.3.0.2
-next prodBuild; get prodBuild -> 13638 13638
-get numCpuCores -> -32768 [SNMPResCPU: Unknown variable requested|] (GetHardware)
-next numCpuCores -> -32768 [SNMPResCPU: Unknown variable requested|]
-get memUnreserved; next memUnreserved -> -283115520 1818624 (GetConsoleReservationInfo)
-next memTotal; get memTotal -> 2097152 2097152
-next memReserved; get memReserved -> 278528 278528
-next kernelLoaded; get kernelLoaded -> yes yes
-)");
-}
-
-TEST_F(Scalars, HaveInstance0Only) {
-    // The product is read before the instance is matched.
-    Check(R"(
-product name|3.0.2|1; directory exists
-beside prodName -> nothing, nothing, nothing (AcquireLocalTicket, Login, RetrieveContent)
-beside prodOID -> nothing, nothing, nothing
-beside numCpuCores -> nothing, nothing, nothing
-beside memTotal -> nothing, nothing, nothing
-beside memUnreserved -> nothing, nothing, nothing
-beside kernelLoaded -> nothing, nothing, nothing
-checks -> 0
-)");
-}
-
-TEST_F(Scalars, LeaveADetailForAMagicThatNoScalarHas) {
-    Check(R"(
-product name|3.0.2|1
-magic 0 prodName -> nothing [SNMPSystem : Unknown variable requested.|] (AcquireLocalTicket, Login, RetrieveContent)
-magic 5 prodName -> nothing [SNMPSystem : Unknown variable requested.|]
-magic 1 numCpuCores -> nothing [SNMPResCPU: Unknown variable requested|]
-magic 3 numCpuCores -> nothing [SNMPResCPU: Unknown variable requested|]
-magic 1 memTotal -> nothing [SNMP_ResMem: Unknown variable requested.|] (GetConsoleReservationInfo)
-magic 5 memTotal -> nothing [SNMP_ResMem: Unknown variable requested.|] (GetConsoleReservationInfo)
-magic 0 kernelLoaded -> nothing [SNMPKelvNorv: Unknown variable requested.|]
-magic 2 kernelLoaded -> nothing [SNMPKelvNorv: Unknown variable requested.|]
-)");
-}
-
-TEST_F(Scalars, KeepExceptionsFromTheAgent) {
-    Check(R"(
-throw RetrieveContent; get prodName -> nothing (AcquireLocalTicket, Login)
-  3 SNMP_System: not of the runtime
-throw GetHardware; get numCpuCores -> nothing
-  3 SNMP_ResCPU: not of the runtime
-throw GetConsoleReservationInfo; get memTotal -> nothing
-  3 SNMP_ResMem: not of the runtime
-)");
-}
-
-// A reservation below a kilobyte is not cached, so that every request reads it.
-TEST_F(Scalars, ComputeUnreservedMemoryOnEveryRequest) {
-    RefreshTests::SetMemory(host, 100, 1023900);
-    Check(R"(
-get memReserved; get memUnreserved -> 100 900 (AcquireLocalTicket, Login, GetConsoleReservationInfo, GetConsoleReservationInfo)
-)");
-    RefreshTests::SetMemory(host, -1, 2147483647LL * 1024 + 1);
-    Check(R"(
-get memTotal -> 2147483647 (GetConsoleReservationInfo)
-get memReserved -> -1 (GetConsoleReservationInfo)
-get memUnreserved -> -2147483648 (GetConsoleReservationInfo)
-down; break GetConsoleReservationInfo; get memTotal; get memReserved; get memUnreserved -> 0 0 0 (GetConsoleReservationInfo)
-)");
-}
+const bool registered = RefreshTests::RegisterSessions<Scalars>("Scalars", "scalars");
 
 TEST_F(Scalars, ReadTheProcessDirectoryOnEveryRequest) {
     // No host that builds this has the directory.
@@ -164,24 +94,6 @@ checks -> 3
     }
 }
 
-// The product.
-
-TEST_F(Scalars, ReadTheProductOnce) {
-    Check(R"(
-product first|3.x.2|1; get prodName -> first (AcquireLocalTicket, Login, RetrieveContent)
-  4 Get Product Version: invalid version: x
-product second|4.5.6|2; get prodName; get prodVersion; get prodBuild; get prodOID -> first 3.x.2 1 1.3.6.1.4.1.32473.60.1.3.0.2
-)");
-}
-
-TEST_F(Scalars, ReadAVersionOfTwoOrFourPartsOnEveryRequest) {
-    Check(R"(
-product name|3.0|1; get prodVersion; get prodOID -> 3.0 1.3.6.1.4.1.32473.60.1.0.0.0 (AcquireLocalTicket, Login, RetrieveContent)
-  4 SNMPSystemGetProdInfo: product version 3.0 not in major.minor.revision format.
-  4 SNMPSystemGetProdInfo: product version 3.0 not in major.minor.revision format.
-)");
-}
-
 class VersionOfAnotherShape : public Scalars, public testing::WithParamInterface<const char*> {};
 
 TEST_P(VersionOfAnotherShape, IsReported) {
@@ -195,40 +107,6 @@ TEST_P(VersionOfAnotherShape, IsReported) {
 
 INSTANTIATE_TEST_SUITE_P(Versions, VersionOfAnotherShape, testing::Values("3.0.2.1", "", "3", "3.0.2."));
 
-TEST_F(Scalars, TakeEveryPartThatIsNoNumberAs0) {
-    Check(R"(
-product name|a..99999999999|1; get prodOID -> 1.3.6.1.4.1.32473.60.1.0.0.0 (AcquireLocalTicket, Login, RetrieveContent)
-  4 Get Product Version: invalid version: a
-  4 Get Product Version: invalid version: 
-  4 Get Product Version: invalid version: 99999999999
-)");
-}
-
-TEST_F(Scalars, TakeANegativePartAsItsUnsigned32Bits) {
-    Check(R"(
-product name|3.-1.2|1; get prodOID -> 1.3.6.1.4.1.32473.60.1.3.4294967295.2 (AcquireLocalTicket, Login, RetrieveContent)
-)");
-}
-
-TEST_F(Scalars, ReturnEmptyTextsUntilTheProductIsRead) {
-    Check(R"(
-down; get prodName; get prodOID ->  1.3.6.1.4.1.32473.60.1.0.0.0
-  4 SNMPSystemGetProdInfo: Could not acquire ordane client to tovric-vessad.
-  4 SNMPSystemGetProdInfo: Could not acquire ordane client to tovric-vessad.
-up; fail RetrieveContent; get prodName ->  (AcquireLocalTicket, Login)
-  4 SNMPSystemGetProdInfo: Could not fetch service instance content via ordane client.
-repair RetrieveContent; product name|3.0.2|1; get prodName -> name (RetrieveContent)
-)");
-}
-
-TEST_F(Scalars, ReturnEmptyTextsForContentWithoutAProduct) {
-    host.content->SetAbout(nullptr);
-    Check(R"(
-get prodName ->  (AcquireLocalTicket, Login, RetrieveContent)
-  4 SNMPSystemGetProdInfo: Could not fetch service instance content via ordane client.
-)");
-}
-
 // The identifier is made from the whole version.
 TEST_F(Scalars, TruncateProductTextsToTheirBuffers) {
     const std::string name(255, 'n');
@@ -236,21 +114,6 @@ TEST_F(Scalars, TruncateProductTextsToTheirBuffers) {
     Check("\nget prodName -> " + name + " (AcquireLocalTicket, Login, RetrieveContent)\n" +
           R"(get prodVersion; get prodBuild -> 1234567890.12.3 0123456789abcde
 get prodOID -> 1.3.6.1.4.1.32473.60.1.1234567890.12.345
-)");
-}
-
-TEST_F(Scalars, AskForTheProductUntilItHasAName) {
-    Check(R"(
-product |3.0.2|1; get prodVersion -> 3.0.2 (AcquireLocalTicket, Login, RetrieveContent)
-product name|3.0.2|1; get prodName -> name (RetrieveContent)
-get prodName -> name
-)");
-}
-
-TEST_F(Scalars, ReportAWrongVersionTruncatedAndEscaped) {
-    Check(R"(
-product name|1234567890.1234567890|1; get prodVersion -> 1234567890.1234 (AcquireLocalTicket, Login, RetrieveContent)
-  4 SNMPSystemGetProdInfo: product version 1234567890.1234 not in major.minor.revision format.
 )");
 }
 

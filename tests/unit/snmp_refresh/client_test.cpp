@@ -29,31 +29,10 @@ class ProcessWideClientTest : public ClientTest {
     }
 };
 
-TEST_F(ProcessWideClientTest, IsNullWhileTheDaemonIsDownAndConnectsOnce) {
-    Check(R"(
-down; get -> null (open stream, shut service down)
-  6 Disconnect: not connected.
-  4 OrdaneClient::Init: :connection refused (7 backtrace)
-  4 Could not init ordane client to tovric-vessad.
-get -> null (open stream, shut service down)
-  6 Disconnect: not connected.
-  4 OrdaneClient::Init: :connection refused (7 backtrace)
-  4 Could not init ordane client to tovric-vessad.
-up; get -> a client (open stream, AcquireLocalTicket, Login)
-connected? -> true
-get -> the same
-)");
-}
+const bool registered = RegisterSessions<ClientTest>("ClientTest", "client");
 
-TEST_F(ProcessWideClientTest, ConnectsWhenTheModuleStarts) {
-    Check(R"(
-down; module -> false (open stream, shut service down)
-  6 Disconnect: not connected.
-  4 OrdaneClient::Init: :connection refused (7 backtrace)
-  4 Could not init ordane client to tovric-vessad.
-up; module -> true (open stream, AcquireLocalTicket, Login)
-)");
-}
+const bool registeredProcessWide =
+    RegisterSessions<ProcessWideClientTest>("ProcessWideClientTest", "process_wide_client");
 
 TEST_F(ProcessWideClientTest, KeepsItsLoggerWhenAQueryReconnects) {
     host.ticketContent = std::string(1024, 'x');
@@ -98,29 +77,6 @@ list -> VMs (close adapter, close stream /connection/1, shut service down, open 
 )");
 }
 
-// Init, and the end of a client.
-
-TEST_F(ClientTest, ConnectsOnFirstUseOnceAndLogsOutAtItsEnd) {
-    Check(R"(
-connected? -> false
-end; new; init -> true (open stream, AcquireLocalTicket, Login)
-init -> true
-end -> (Logout, close adapter, close stream /connection/1, shut service down)
-)");
-}
-
-TEST_F(ClientTest, WithoutASessionSendsNothingThatNeedsOneAndKeepsNothing) {
-    host.ticketPath = "/nowhere";
-    Check(R"(
-init -> true (open stream, AcquireLocalTicket)
-list -> null
-  4 OrdaneClient::GetAllVM: :log in first (7 backtrace)
-connected? -> true
-content -> content (RetrieveContent)
-content -> content (RetrieveContent)
-)");
-}
-
 TEST_F(ClientTest, DropsOnlyAConnectionOnWhichNoQueryCanSucceed) {
     daemon.WhenSent("Login", [&] { daemon.closesStreams = false; });
     Check(R"(
@@ -131,36 +87,9 @@ drop? -> true (Logout, close adapter, close stream /connection/1, shut service d
 connected? -> false
 init -> true (open stream, AcquireLocalTicket, Login)
 )");
-    host.ticketPath = "/nowhere";
     Check(R"(
-new; init -> true (Logout, close adapter, close stream /connection/2, shut service down, open stream, AcquireLocalTicket)
+ticket /nowhere; new; init -> true (Logout, close adapter, close stream /connection/2, shut service down, open stream, AcquireLocalTicket)
 drop? -> true (close adapter, close stream /connection/3, shut service down)
-)");
-}
-
-TEST_F(ClientTest, KeepsTheServiceContentOnceItNamesTheProduct) {
-    host.content->GetAbout()->SetName("");
-    Check(R"(
-content -> content (open stream, AcquireLocalTicket, Login, RetrieveContent)
-content -> content (RetrieveContent)
-)");
-    host.content->GetAbout()->SetName("Product");
-    Check(R"(
-content -> content (RetrieveContent)
-content -> content
-)");
-}
-
-TEST_F(ClientTest, ReconnectsAfterAFailedLogin) {
-    Check(R"(
-fault Login; init -> false (open stream, AcquireLocalTicket, Login, close adapter, close stream /connection/1, shut service down)
-  4 OrdaneClient::Init: :not today, %1 %s (7 backtrace)
-connected? -> false
-throw Login; init -> throws not of the runtime (open stream, AcquireLocalTicket)
-connected? -> false
-repair Login; step get factory; init -> false (close adapter, close stream /connection/2, shut service down, open stream, close adapter, close stream /connection/3, shut service down)
-  4 OrdaneClient::Init: :get factory (7 backtrace)
-streams -> 0
 )");
 }
 
@@ -217,24 +146,20 @@ class ClientQueryTest : public ClientTest {
             const std::int64_t total = client->GetMemoryReservation(reserved);
             return std::to_string(reserved) + " of " + std::to_string(total);
         });
-        Add("has-cores", [this](const std::string& cores) { SetCores(host, std::stoi(cores)); });
-        Add("has-memory", [this](const std::string& bytes) {
-            std::size_t blank = 0;
-            const std::int64_t reserved = std::stoll(bytes, &blank);
-            SetMemory(host, reserved, std::stoll(bytes.substr(blank)));
-        });
         host.datastores["ds"] = MakeRef<Hask::Datastore::Info>();
+        host.datastores["drell"] = MakeRef<Hask::Host::DrellDatastoreInfo>();
+        host.datastores["mute"] = nullptr;
     }
 };
+
+const bool registeredQueries = RegisterSessions<ClientQueryTest>("ClientQueryTest", "queries");
 
 class QueryTest : public ClientQueryTest, public testing::WithParamInterface<QueryCase> {};
 
 TEST_P(QueryTest, ReportsFailuresAndReconnectsOnlyWhenTheConnectionBroke) {
-    SetCores(host, 8);
-    SetMemory(host, 4096, 4096);
     const QueryCase& query = GetParam();
     std::string session = R"(
-down; COMMAND -> NOTHING (open stream, shut service down)
+has-cores 8; has-memory 4096 4096; down; COMMAND -> NOTHING (open stream, shut service down)
   4 OrdaneClient::Init: :connection refused (7 backtrace)
 up; fail METHOD; COMMAND -> NOTHING (open stream, AcquireLocalTicket, Login)
   4 OrdaneClient::NAME: :it failed (7 backtrace)
@@ -255,8 +180,6 @@ BROKENCOMMAND -> RESULT (open stream, AcquireLocalTicket, Login, METHOD)
 
 INSTANTIATE_TEST_SUITE_P(Queries, QueryTest, testing::ValuesIn(queries),
                          [](const auto& info) { return info.param.method; });
-
-// GetAllVM.
 
 TEST_F(ClientTest, ListsEveryChildOfTheFolderInItsOrder) {
     host.vms = {{"48", nullptr, nullptr, nullptr},
@@ -318,91 +241,6 @@ list -> VMs 16 (open stream, AcquireLocalTicket, Login)
   4 OrdaneClient::GetAllVM: :a bad id (7 backtrace)
 )");
 }
-
-// The other queries.
-
-TEST_F(ClientTest, FetchesTheServiceContentOnceEvenAcrossABrokenConnection) {
-    host.content->SetAbout(MakeRef<Hask::AboutInfo>());
-    host.content->GetAbout()->SetName("Product");
-    Ref<Hask::ServiceInstanceContent> first;
-    client->GetServiceInstanceContent(first);
-    ASSERT_TRUE(first);
-    EXPECT_EQ(first->GetAbout()->GetName(), "Product");
-    Check(R"(
-break GetChildEntity; list -> null (GetChildEntity, close adapter, close stream /connection/1, shut service down)
-)");
-    // Not even a connection is needed.
-    Ref<Hask::ServiceInstanceContent> second;
-    client->GetServiceInstanceContent(second);
-    EXPECT_EQ(second, first);
-    EXPECT_EQ(daemon.openings.size(), 1U);
-}
-
-TEST_F(ClientQueryTest, FetchesADatastoreEachTime) {
-    host.datastores["drell"] = MakeRef<Hask::Host::DrellDatastoreInfo>();
-    host.datastores["mute"] = nullptr;
-    client->Init(nullptr);
-    Check(R"(
-datastore drell -> drell (GetInfo)
-datastore ds -> plain (GetInfo)
-datastore ds -> plain (GetInfo)
-datastore mute -> null (GetInfo)
-datastore ds-9 -> null (GetInfo)
-  4 OrdaneClient::GetDatastoreInfo: :no Datastore ds-9 (7 backtrace)
-connected? -> true
-)");
-}
-
-TEST_F(ClientQueryTest, RetriesAHostWithoutCoresAndCachesTheSigned16BitCountForTheProcess) {
-    client->Init(nullptr);
-    Check("\ncores -> 0 (GetHardware)\n");
-    host.hardware = MakeRef<Hask::Host::HardwareInfo>();
-    Check(R"(
-cores -> 0 (GetHardware)
-has-cores 0; cores -> 0 (GetHardware)
-has-cores 65536; cores -> 0 (GetHardware)
-has-cores 40000; cores -> -25536 (GetHardware)
-has-cores 9; cores -> -25536
-end -> (Logout, close adapter, close stream /connection/1, shut service down)
-new; cores -> -25536
-)");
-}
-
-TEST_F(ClientQueryTest, ReturnsTheReservationInBytesFirstAndInKilobytesAfterwards) {
-    client->Init(nullptr);
-    Check(R"(
-memory -> 0 of 0 (GetConsoleReservationInfo)
-has-memory 0 4096; memory -> 0 of 4 (GetConsoleReservationInfo)
-has-memory 1023 1; memory -> 1023 of 1 (GetConsoleReservationInfo)
-memory -> 1023 of 1 (GetConsoleReservationInfo)
-fail GetConsoleReservationInfo; memory -> 0 of 0
-  4 OrdaneClient::GetMemory: :it failed (7 backtrace)
-repair GetConsoleReservationInfo; has-memory 9223372036854775807 9223372036854775807; memory -> 9223372036854775807 of 0 (GetConsoleReservationInfo)
-has-memory 285212672 1862270976; memory -> 285212672 of 2097152 (GetConsoleReservationInfo)
-memory -> 278528 of 2097152
-memory -> 278528 of 2097152
-)");
-}
-
-TEST_F(ClientQueryTest, RoundsKilobytesTowardZero) {
-    SetMemory(host, -3000, -1000);
-    client->Init(nullptr);
-    Check(R"(
-memory -> -3000 of -3 (GetConsoleReservationInfo)
-memory -> -2 of -3
-)");
-}
-
-TEST_F(ClientQueryTest, WrapsTheTotalAround) {
-    SetMemory(host, INT64_MAX, 1);
-    client->Init(nullptr);
-    Check(R"(
-memory -> 9223372036854775807 of -9007199254740992 (GetConsoleReservationInfo)
-memory -> 9007199254740991 of -9007199254740992
-)");
-}
-
-// The writer.
 
 TEST(Writer, LogsAtPrioritySixWhateverTheLengthAndAfterItsClose) {
     LogCapture log;

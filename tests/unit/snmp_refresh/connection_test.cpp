@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "apps/snmp/client/SNMPWriter.h"
 #include "runtime/hask/host_agent.h"
 #include "runtime/tessim/peer.h"
 #include "runtime/tessim/service.h"
@@ -14,7 +15,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using SNMP::Connection;
-using TestSupport::LoginCall;
 
 // Makes what is logged events of the daemon: level and text.
 class EventLogger final : public virtual Tessim::Service::Logger, public Tessim::ObjectImpl {
@@ -28,17 +28,10 @@ class EventLogger final : public virtual Tessim::Service::Logger, public Tessim:
     std::string name = "events";
 };
 
-class NullWriter final : public virtual Tessim::Writer, public Tessim::ObjectImpl {
-  public:
-    void Write(const char* /*text*/, int /*length*/) override {}
-    void Close() override {}
-    std::string ToString() const override { return "nowhere"; }
-};
-
 // The first connection of a process makes the application object too.
 TEST(ConnectionOfANewProcess, ConnectsInOrder) {
     FakeDaemon daemon;
-    const auto writer = MakeRef<NullWriter>();
+    const auto writer = MakeRef<SNMPWriter>();
     const auto connection = MakeRef<Connection>();
     connection->Init(writer.Get());
     EXPECT_EQ(daemon.events,
@@ -80,11 +73,12 @@ class ConnectionTest : public DaemonTest {
         Add("factory?", [this] { return connection->GetMoFactory() != nullptr; });
         Add("end", [this] { connection.Reset(); });
         Add("new", [this] { connection = MakeRef<Connection>(); });
-        Add("ticket", [this](const std::string& path) { host.ticketPath = path; });
     }
 
     Ref<Connection> connection = MakeRef<Connection>();
 };
+
+const bool registered = RegisterSessions<ConnectionTest>("ConnectionTest", "connection");
 
 TEST_F(ConnectionTest, UsesTheDefaultLoggerWithoutAWriter) {
     connection->Init(nullptr);
@@ -92,53 +86,12 @@ TEST_F(ConnectionTest, UsesTheDefaultLoggerWithoutAWriter) {
     EXPECT_EQ(daemon.events.at(5), "create adapter on /ordane/ to /tesk/api/ordane/ logging to events");
 }
 
-TEST_F(ConnectionTest, ConnectsLogsInAndEndsOnceEach) {
-    Check(R"(
-own? -> false
-factory? -> false
-init -> (open stream, AcquireLocalTicket, Login)
-own? -> true
-connect -> (5 Already connected.)
-login -> (5 Already logged in.)
-logout -> (Logout)
-logout -> (5 Logout: not logged in.)
-disconnect -> (close adapter, close stream /connection/1)
-disconnect -> (5 Disconnect: not connected.)
-own? -> false
-factory? -> true
-connect -> (open stream)
-login -> (AcquireLocalTicket, Login)
-end -> (Logout, close adapter, close stream /connection/2, shut service down)
-streams -> 0
-new; end -> (5 Disconnect: not connected.)
-)");
-}
-
-TEST_F(ConnectionTest, KeepsTheSessionWhenALogoutFailsAndClosesAllTheSame) {
-    Check(R"(
-init -> (open stream, AcquireLocalTicket, Login)
-fault Logout; logout -> throws not today, %1 %s (Logout)
-login -> (5 Already logged in.)
-break Logout; disconnect -> (Logout, close adapter, close stream /connection/1)
-connect -> (open stream)
-login -> (AcquireLocalTicket, Login)
-)");
-}
-
-TEST_F(ConnectionTest, SendsNothingOnAStreamOfAnotherProcess) {
-    Check(R"(
-init -> (open stream, AcquireLocalTicket, Login)
-foreign; own? -> false
-end -> (close adapter, close stream /connection/1, shut service down)
-)");
-}
-
 TEST_F(ConnectionTest, RequestsARootTicketAndLogsInWithIt) {
     host.ticketUser = "ticket-user";
     host.ticketContent = "s3cret";
     connection->Init(nullptr);
-    EXPECT_EQ(host.ticketRequests, std::vector<std::string>{"root"});
-    EXPECT_EQ(host.logins, (std::vector<LoginCall>{{"ticket-user", "s3cret", "en"}}));
+    EXPECT_EQ(host.texts.at("AcquireLocalTicket").at(0), std::vector<std::string>{"root"});
+    EXPECT_EQ(host.texts.at("Login").at(0), (std::vector<std::string>{"ticket-user", "s3cret", "en"}));
 }
 
 TEST_F(ConnectionTest, SendsAPasswordOfOneWordOfAtMost1023PrintableCharacters) {
@@ -162,10 +115,11 @@ TEST_F(ConnectionTest, SendsAPasswordOfOneWordOfAtMost1023PrintableCharacters) {
     }
     for (const auto& [content, outcome] : outcomes) {
         host.ticketContent = content;
-        host.logins.clear();
+        host.texts.clear();
         connection = MakeRef<Connection>();
         connection->Init(nullptr);
-        EXPECT_EQ(host.logins.empty() ? daemon.events.back() : "sent " + host.logins[0].password, outcome);
+        EXPECT_EQ(host.texts.contains("Login") ? "sent " + host.texts["Login"][0][1] : daemon.events.back(),
+                  outcome);
     }
 }
 
@@ -183,59 +137,9 @@ logout -> (5 Logout: not logged in.)
 )");
 }
 
-TEST_F(ConnectionTest, LetsARefusedLoginAndOtherExceptionsPass) {
-    Check(R"(
-fault Login; init -> throws not today, %1 %s (open stream, AcquireLocalTicket, Login)
-connect -> (5 Already connected.)
-logout -> (5 Logout: not logged in.)
-throw AcquireLocalTicket; login -> throws not of the runtime
-)");
-}
-
-// The service made so far is kept, and shut down in the end.
-TEST_F(ConnectionTest, LetsAFailedStreamPass) {
-    Check(R"(
-down; init -> throws connection refused (open stream)
-factory? -> false
-own? -> false
-end -> (5 Disconnect: not connected., shut service down)
-)");
-}
-
-TEST_F(ConnectionTest, HasNoConnectionWithoutItsPath) {
-    Check(R"(
-step get connection path; init -> throws get connection path, flags 0 (open stream)
-streams -> 1
-end -> (5 Disconnect: not connected., shut service down)
-streams -> 0
-)");
-}
-
-// It has its path, and so is connected until it disconnects.
-TEST_F(ConnectionTest, StaysConnectedWithWhatItMadeBeforeAStepFailed) {
-    Check(R"(
-step map; init -> throws map /connection/1, /tesk/api/ordane/, /ordane/ (open stream)
-own? -> true
-step; connect -> (5 Already connected.)
-disconnect -> (close stream /connection/1)
-step create adapter; connect -> throws create adapter on /ordane/ to /tesk/api/ordane/ logging to events (open stream)
-disconnect -> (close stream /connection/2)
-step get factory; connect -> throws get factory (open stream)
-streams -> 3
-end -> (close adapter, close stream /connection/3, shut service down)
-streams -> 0
-step; new; init -> (open stream, AcquireLocalTicket, Login)
-)");
-}
-
-TEST(CheckTimeLeft, PassesWithinTheTimeBudget) {
-    EXPECT_NO_THROW(Connection::CheckTimeLeft());
-    const Tessim::TimeBudget plenty(1h);
-    EXPECT_NO_THROW(Connection::CheckTimeLeft());
-}
-
-TEST(CheckTimeLeft, TimesOutWithTheBudgetAndStartsTheBackoff) {
+TEST(CheckTimeLeft, TimesOutWithTheTimeBudgetAndStartsTheBackoff) {
     const Tessim::Peer daemon("localhost", 902);
+    EXPECT_NO_THROW(Connection::CheckTimeLeft());
     EXPECT_NO_THROW(daemon.CheckBackoff());
     {
         const Tessim::TimeBudget spent(0s);

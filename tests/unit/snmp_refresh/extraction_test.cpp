@@ -47,6 +47,15 @@ struct ExtractionCase {
 
 class FillerTest : public ClientTest {
   protected:
+    FillerTest() {
+        Add("cores", GetNumCpu);
+        Add("memory", [] {
+            long reserved = -5;
+            long total = -5;
+            GetMemory(&reserved, &total);
+            return std::to_string(reserved) + " of " + std::to_string(total);
+        });
+    }
     ~FillerTest() override { SNMPRaskTable_Destroy(); }
 
     void Rebuild(const std::string& vms) {
@@ -89,8 +98,6 @@ TEST_P(ExtractionTest, MakesTheRowsAndLogsWhatIsMissing) {
 
 INSTANTIATE_TEST_SUITE_P(Cases, ExtractionTest, testing::ValuesIn(TestSupport::ListFiles(EXTRACTION_CASES)),
                          [](const auto& info) { return info.param.stem().string(); });
-
-// GetPathFromDsPath.
 
 TEST(DsPath, BecomesAPathOnTheHost) {
     const auto pairs = MakeRef<Ordane::DataArray<Hask::Vm::ConfigInfo::DatastoreUrlPair>>();
@@ -160,7 +167,8 @@ TEST_F(FillerTest, MakesAtMost65536CpuRowsOfAVm) {
         resCPUNode* const last =
             SetCPUResource(client.Get(), (*vms)[0], config.Get(), SNMPResCPUTable_GetPtr());
         log.Take();
-        EXPECT_EQ(TestRows::Cpus().size(), static_cast<std::size_t>(std::min(cpus, most))) << cpus;
+        EXPECT_EQ(TestRows::List<resCPUNode>().size(), static_cast<std::size_t>(std::min(cpus, most)))
+            << cpus;
         EXPECT_EQ(last->cpuVMID, 16 + std::min(cpus, most) - 1) << cpus;
         SNMPResCPUTable_Destroy();
     }
@@ -195,44 +203,21 @@ TEST(DiskWithoutMemoryForItsName, HasNoStatistics) {
 
 // The scalars.
 
-TEST_F(FillerTest, ReadsTheCoresFromTheProcessWideClient) {
-    SetCores(host, 40000);
-    EXPECT_EQ(GetNumCpu(), 40000 - 65536);
-}
-
-TEST_F(FillerTest, HasNeitherCoresNorMemoryWithoutAClient) {
-    daemon.down = "connection refused";
-    EXPECT_EQ(GetNumCpu(), 0);
-    EXPECT_EQ(log.Take().back(),
-              (LogLine{4, "GetNumCPu: Could not acquire ordane client to tovric-vessad.\n"}));
-    long reserved = -5;
-    long total = -5;
-    GetMemory(&reserved, &total);
-    EXPECT_EQ(reserved, 0);
-    EXPECT_EQ(total, 0);
-    EXPECT_EQ(log.Take().back(),
-              (LogLine{4, "GetMemory: Could not acquire ordane client to tovric-vessad.\n"}));
-}
-
-TEST_F(FillerTest, NarrowsTheMemoryReservationTo32Bits) {
-    SetMemory(host, (std::int64_t{1} << 32) + 2048, (std::int64_t{1} << 42) - (std::int64_t{1} << 32) + 2048);
-    long reserved = -5;
-    long total = -5;
-    GetMemory(&reserved, &total);
-    EXPECT_EQ(reserved, 2048);  // bytes
-    EXPECT_EQ(total, 4);        // kilobytes
-    GetMemory(&reserved, &total);
-    EXPECT_EQ(reserved, (1 << 22) + 2);
-    EXPECT_EQ(total, 4);
-}
-
-TEST_F(FillerTest, KeepsTheSignOfANarrowedReservation) {
-    SetMemory(host, std::int64_t{1} << 31, 0);
-    long reserved = 0;
-    long total = 0;
-    GetMemory(&reserved, &total);
-    EXPECT_EQ(reserved, INT32_MIN);
-    EXPECT_EQ(total, 1 << 21);
+TEST_F(FillerTest, HasTheCoresAndTheReservationOfTheProcessWideClientInOneInteger) {
+    const std::string down = R"(
+  6 Disconnect: not connected.
+  4 OrdaneClient::Init: :connection refused (7 backtrace)
+  4 Could not init ordane client to tovric-vessad.
+)";
+    // The reservation in bytes first, then in kilobytes.
+    Check("\ndown; cores -> 0 (open stream, shut service down)" + down +
+          "  4 GetNumCPu: Could not acquire ordane client to tovric-vessad.\n" +
+          "memory -> 0 of 0 (open stream, shut service down)" + down +
+          R"(  4 GetMemory: Could not acquire ordane client to tovric-vessad.
+up; has-cores 40000; cores -> -25536 (open stream, AcquireLocalTicket, Login, GetHardware)
+has-memory 6442450944 4391604064256; memory -> -2147483648 of 4 (GetConsoleReservationInfo)
+memory -> 6291456 of 4
+)");
 }
 
 TEST(MemoryDeathTest, NeedsBothPointers) {

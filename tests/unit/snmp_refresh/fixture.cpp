@@ -7,6 +7,8 @@
 #include <set>
 #include <stdexcept>
 
+#include "tests/support/files.h"
+
 namespace RefreshTests {
 namespace {
 
@@ -31,6 +33,20 @@ std::string Render(const Lines& lines) {
 
 }  // namespace
 
+std::map<std::string, std::string> ReadSessions(const std::string& file) {
+    std::istringstream lines(TestSupport::ReadFile(SESSIONS "/" + file + ".txt"));
+    std::map<std::string, std::string> sessions;
+    std::string name;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with("== ")) {
+            name = line.substr(3);
+        } else {
+            sessions[name] += line + '\n';
+        }
+    }
+    return sessions;
+}
+
 DaemonTest::DaemonTest() {
     Add("fail", [this](const std::string& method) { daemon.WhenCalled(method, [this] { throw failure; }); });
     Add("throw", [this](const std::string& method) {
@@ -52,6 +68,23 @@ DaemonTest::DaemonTest() {
     Add("foreign", [this] { daemon.foreignStreams = true; });
     Add("close", [this] { daemon.closesStreams = true; });
     Add("own", [this] { daemon.foreignStreams = false; });
+    Add("ticket", [this](const std::string& path) { host.ticketPath = path; });
+    Add("product-name", [this](const std::string& name) { host.content->GetAbout()->SetName(name); });
+    Add("has-cores", [this](const std::string& cores) {
+        host.hardware = MakeRef<Hask::Host::HardwareInfo>();
+        if (!cores.empty()) {
+            const auto cpu = MakeRef<Hask::Host::CpuInfo>();
+            cpu->SetNumCpuCores(std::stoi(cores));
+            host.hardware->SetCpuInfo(cpu);
+        }
+    });
+    // The bytes that are reserved and those that are not.
+    Add("has-memory", [this](const std::string& bytes) {
+        std::size_t blank = 0;
+        host.consoleReservation = MakeRef<Hask::Host::MemoryManagerSystem::ServiceConsoleReservationInfo>();
+        host.consoleReservation->SetServiceConsoleReserved(std::stoll(bytes, &blank));
+        host.consoleReservation->SetUnreserved(std::stoll(bytes.substr(blank)));
+    });
     // The step of connecting that fails; without an argument, none.
     Add("step", [this](const std::string& step) { daemon.failingStep = step; });
     Add("streams", [this] { return daemon.streams; });
@@ -68,7 +101,9 @@ void DaemonTest::Check(const std::string& session) {
     std::istringstream lines(session);
     std::string text;
     for (std::string line; std::getline(lines, line);) {
-        if (!line.starts_with(' ')) {
+        if (line.starts_with('#')) {
+            text += line + '\n';
+        } else if (!line.starts_with(' ')) {
             text += Play(line.substr(0, line.find(" -> "))) + '\n';
             Lines shown = log.Take();
             std::erase_if(shown, [this](const LogLine& each) { return !Shows(each); });

@@ -8,6 +8,7 @@
 #include <sstream>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "apps/snmp/client/OrdaneClient.h"
@@ -29,20 +30,6 @@ using TestSupport::LogLine;
 using Lines = std::vector<LogLine>;
 using VmArray = Ordane::DataArray<Hask::VirtualMachine>;
 
-inline void SetCores(FakeHost& host, int cores) {
-    const auto cpu = MakeRef<Hask::Host::CpuInfo>();
-    cpu->SetNumCpuCores(cores);
-    host.hardware = MakeRef<Hask::Host::HardwareInfo>();
-    host.hardware->SetCpuInfo(cpu);
-}
-
-// In bytes.
-inline void SetMemory(FakeHost& host, std::int64_t reserved, std::int64_t unreserved) {
-    host.consoleReservation = MakeRef<Hask::Host::MemoryManagerSystem::ServiceConsoleReservationInfo>();
-    host.consoleReservation->SetServiceConsoleReserved(reserved);
-    host.consoleReservation->SetUnreserved(unreserved);
-}
-
 // A daemon, and commands whose effects are compared as text.
 class DaemonTest : public testing::Test {
   protected:
@@ -50,7 +37,7 @@ class DaemonTest : public testing::Test {
 
     // Plays a session and expects that what happens is what it says. A line is
     //     command argument; command argument -> results (calls sent, and connections opened or closed)
-    // and what a line logs follows it, indented, with priorities.
+    // and what a line logs follows it, indented, with priorities. Lines that start with "#" are comments.
     void Check(const std::string& session);
 
     // Adds a command. The action may take the argument; its result is what the session shows.
@@ -101,5 +88,27 @@ class ClientTest : public DaemonTest {
 
     Ref<OrdaneClient> client = MakeRef<OrdaneClient>();
 };
+
+// The text of each session of sessions/`file`.txt by its name: a session follows a line "== NAME". Throws
+// std::runtime_error when there is no such file.
+std::map<std::string, std::string> ReadSessions(const std::string& file);
+
+// Registers a test of `Fixture` for each session of sessions/`file`.txt: that it happens as it says.
+template <class Fixture>
+bool RegisterSessions(const char* fixture, const std::string& file) {
+    class Test final : public Fixture {
+      public:
+        explicit Test(std::string text) : text(std::move(text)) {}
+        void TestBody() override { this->Check(text); }
+
+      private:
+        std::string text;
+    };
+    for (const auto& [name, text] : ReadSessions(file)) {
+        testing::RegisterTest(fixture, name.c_str(), nullptr, nullptr, __FILE__, __LINE__,
+                              [text = text]() -> Fixture* { return new Test(text); });
+    }
+    return true;
+}
 
 }  // namespace RefreshTests

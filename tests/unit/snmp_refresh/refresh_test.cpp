@@ -74,16 +74,26 @@ class RefreshTest : public DaemonTest {
             clock->SetTime(start + std::stoi(seconds));
             SNMPRaskTable_Init();
         });
+        // Makes the call end 15 seconds after the start.
+        Add("slow-call", [this](const std::string& method) {
+            daemon.WhenSent(method, [this] { clock->SetTime(start + 15); });
+        });
+        Add("no-memory", [this] { clock->FailCalloc(sizeof(vmEntry)); });
+        Add("module", [] { return SNMPRaskHelper_Init() != 0; });
+        Add("ending", [] { netsnmp_running = 0; });
+        Add("running", [] { netsnmp_running = 1; });
         Add("expire", SNMPRaskTable_Expire);
         Add("destroy", SNMPRaskTable_Destroy);
         Add("rebuild", SNMPRaskRefreshCache);
+        Add("queries", [this] { return host.queries.size(); });
+        Add("show-outages", [this] { showsOutages = true; });
         Add("rows", TestRows::Counts);
         Add("memories", [] {
             std::string text;
-            for (const auto* row : TestRows::Memories()) {
-                text += (text.empty() ? "" : " ") + std::to_string(row->memVMID);
+            for (const auto* row : TestRows::List<resMemNode>()) {
+                text += " " + std::to_string(row->memVMID) + ":" + std::to_string(row->memActive);
             }
-            return text;
+            return text.substr(text.empty() ? 0 : 1);
         });
     }
     ~RefreshTest() override { SNMPRaskTable_Destroy(); }
@@ -100,24 +110,7 @@ class RefreshTest : public DaemonTest {
     bool showsOutages = false;
 };
 
-TEST_F(RefreshTest, SaysWhenFailuresEmptyTheTablesAndWhenTheyAreFilledAgain) {
-    showsOutages = true;
-    // No VM at all is no failure.
-    Check(R"(
-at 0; rows -> 0 0 0 0 0 0 0 0 0 0 (open stream)
-  6 SNMPRaskRefreshCache: no VM found.
-vm 16; fail GetConfig; at 21
-  4 SNMPRaskRefreshCache exception:it failed (4 backtrace)
-  4 SNMPRask: tables are empty until tovric-vessad delivers the VMs.
-at 21
-  4 SNMPRaskRefreshCache exception:it failed (4 backtrace)
-repair GetConfig; break GetChildEntity; at 21
-  6 SNMPRaskRefreshCache: no VM found.
-at 42 -> (open stream)
-  6 SNMPRask: refreshing cache completed.
-  5 SNMPRask: tables are filled again after 0 s.
-)");
-}
+const bool registered = RegisterSessions<RefreshTest>("RefreshTest", "refresh");
 
 TEST(Outage, IsToldOnceAMinuteWhileItLasts) {
     LogCapture log;
@@ -133,33 +126,6 @@ TEST(Outage, IsToldOnceAMinuteWhileItLasts) {
                                  {4, "SNMPRask: tables have been empty for 60 s.\n"},
                                  {4, "SNMPRask: tables have been empty for 120 s.\n"},
                                  {5, "SNMPRask: tables are filled again after 150 s.\n"}}));
-}
-
-// When.
-
-TEST_F(RefreshTest, RebuildsAtTheFirstRequestAndThenAfterMoreThan20Seconds) {
-    // Counted from the last rebuild; a clock that went back changes nothing.
-    Check(R"(
-vm 16; rows -> 0 0 0 0 0 0 0 0 0 0
-at 0; rows -> 1 2 2 2 2 2 2 1 2 2 (open stream)
-  6 SNMPRask: refreshing cache completed.
-at 0; at 1; at 10; at 19; at -1; at -21; at -1000000; at 20
-at 21; rows -> 1 2 2 2 2 2 2 1 2 2
-  6 SNMPRask: refreshing cache completed.
-at 41
-at 42
-  6 SNMPRask: refreshing cache completed.
-)");
-}
-
-TEST_F(RefreshTest, CountsFromTheStartOfARebuildNotFromItsEnd) {
-    daemon.WhenSent("GetConfig", [this] { clock->SetTime(start + 15); });
-    Check(R"(
-vm 16; at 0 -> (open stream)
-  6 SNMPRask: refreshing cache completed.
-at 21
-  6 SNMPRask: refreshing cache completed.
-)");
 }
 
 TEST_F(RefreshTest, HasFiveSecondsOfWhichOneIsForTheConnection) {
@@ -194,7 +160,7 @@ TEST_F(RefreshTest, TimesOutWhileItFillsTheTables) {
             const Tessim::TimeBudget spent(0s);
             SNMPRaskTable_Init();
         }
-        EXPECT_TRUE(TestRows::Vms().empty());
+        EXPECT_TRUE(TestRows::List<vmEntry>().empty());
         const Lines lines = log.Take();
         EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const LogLine& line) {
             return line.text.starts_with("SNMPRaskRefreshCache exception:localhost:902: ");
@@ -202,40 +168,8 @@ TEST_F(RefreshTest, TimesOutWhileItFillsTheTables) {
     }
     // Retried at once, as after any exception.
     SNMPRaskTable_Init();
-    EXPECT_EQ(TestRows::Vms().size(), 1U);
+    EXPECT_EQ(TestRows::List<vmEntry>().size(), 1U);
 }
-
-TEST_F(RefreshTest, EndsWhenTheAgentIsToldToEnd) {
-    ASSERT_NE(SNMPRaskHelper_Init(), 0);
-    Check(R"(
-vm 16; at 0; rows -> 1 2 2 2 2 2 2 1 2 2
-  6 SNMPRask: refreshing cache completed.
-)");
-    netsnmp_running = 0;
-    Check(R"(
-at 21; rows -> 0 0 0 0 0 0 0 0 0 0
-  4 SNMPRaskRefreshCache exception:processing its replies: the process is ending (4 backtrace)
-)");
-    netsnmp_running = 1;
-    Check(R"(
-at 21; rows -> 1 2 2 2 2 2 2 1 2 2
-  6 SNMPRask: refreshing cache completed.
-)");
-}
-
-TEST_F(RefreshTest, RebuildsAtTheNextRequestAfterExpireAndInItsTurnAfterDestroy) {
-    Check(R"(
-vm 16; at 0; expire; rows -> 1 2 2 2 2 2 2 1 2 2 (open stream)
-  6 SNMPRask: refreshing cache completed.
-at 1; at 21
-  6 SNMPRask: refreshing cache completed.
-destroy; at 21; rows -> 0 0 0 0 0 0 0 0 0 0
-at 22; rows -> 1 2 2 2 2 2 2 1 2 2
-  6 SNMPRask: refreshing cache completed.
-)");
-}
-
-// What.
 
 TEST_F(RefreshTest, FillsEveryTableOfTwoVms) {
     Check("\nvm 16; vm 32\n");
@@ -348,18 +282,18 @@ vm 16; unconfigured-vm 24; vm 32; at 21; rows -> 2 4 4 4 4 4 4 2 4 4
   6 SNMPRask: refreshing cache completed.
 )");
     EXPECT_EQ(host.queries.at(0)->GetLength(), 0);
-    EXPECT_EQ(TestRows::Vms()[1]->vmIdx, 1);
-    EXPECT_EQ(TestRows::Vms()[1]->vmVMID, 32);
+    EXPECT_EQ(TestRows::List<vmEntry>()[1]->vmIdx, 1);
+    EXPECT_EQ(TestRows::List<vmEntry>()[1]->vmVMID, 32);
 }
 
 TEST_F(RefreshTest, MakesNoResourceRowsOfAPoweredOffVm) {
     Check(R"(
-vm 16 poweredOff; vm 32 suspended; at 0; rows; memories -> 2 4 4 4 4 4 2 1 2 2 32 (open stream)
+vm 16 poweredOff; vm 32 suspended; at 0; rows; memories -> 2 4 4 4 4 4 2 1 2 2 32:9 (open stream)
   6 SNMPRask: refreshing cache completed.
 )");
-    EXPECT_EQ(TestRows::Cpus()[0]->cpuVMID, 32);
-    EXPECT_EQ(TestRows::Disks()[0]->diskIdx, 1);
-    EXPECT_EQ(TestRows::Cards()[0]->netIdx, 1);
+    EXPECT_EQ(TestRows::List<resCPUNode>()[0]->cpuVMID, 32);
+    EXPECT_EQ(TestRows::List<resDiskNode>()[0]->diskIdx, 1);
+    EXPECT_EQ(TestRows::List<resNetNode>()[0]->netIdx, 1);
     EXPECT_EQ(host.queries.at(0)->GetLength(), 2);
 }
 
@@ -373,7 +307,7 @@ remove-vm; at 21; rows -> 1 2 2 2 2 2 2 1 2 2
   6 SNMPRask: refreshing cache completed.
 )");
     EXPECT_EQ(atTheFirstCall, "0 0 0 0 0 0 0 0 0 0");
-    EXPECT_EQ(TestRows::Disks()[0]->diskIdx, 1);
+    EXPECT_EQ(TestRows::List<resDiskNode>()[0]->diskIdx, 1);
 }
 
 TEST_F(RefreshTest, KeepsOneLastingCopyPerTextOverRebuilds) {
@@ -381,8 +315,9 @@ TEST_F(RefreshTest, KeepsOneLastingCopyPerTextOverRebuilds) {
     const auto texts = [] {
         SNMPRaskTable_Expire();
         SNMPRaskTable_Init();
-        return std::vector<const char*>{TestRows::Disks().at(1)->diskName, TestRows::Disks().at(3)->diskName,
-                                        TestRows::Cards().at(0)->netName, TestRows::Cards().at(0)->netMac};
+        return std::vector<const char*>{
+            TestRows::List<resDiskNode>().at(1)->diskName, TestRows::List<resDiskNode>().at(3)->diskName,
+            TestRows::List<resNetNode>().at(0)->netName, TestRows::List<resNetNode>().at(0)->netMac};
     };
     const std::vector<const char*> first = texts();
     EXPECT_EQ(texts(), first);
@@ -390,43 +325,6 @@ TEST_F(RefreshTest, KeepsOneLastingCopyPerTextOverRebuilds) {
     EXPECT_EQ(first[0], first[1]);
     EXPECT_EQ(std::vector<std::string>(first.begin() + 1, first.end()),
               (std::vector<std::string>{"raw-2", "vm-16 card 1", "00:16:3e:00:00:01"}));
-}
-
-TEST_F(RefreshTest, LogsEachBadVmIdOncePerRebuild) {
-    Check(R"(
-vm vm-x; at 0; memories -> -1 (open stream)
-  4 SetVMInfo: invalid VM Id: vm-x
-  6 SNMPRask: refreshing cache completed.
-at 21
-  4 SetVMInfo: invalid VM Id: vm-x
-  6 SNMPRask: refreshing cache completed.
-vm 16; vm 99999999999; at 42; memories -> -1 16 -1
-  4 SetVMInfo: invalid VM Id: vm-x
-  4 SetVMInfo: invalid VM Id: 99999999999
-  6 SNMPRask: refreshing cache completed.
-)");
-}
-
-TEST_F(RefreshTest, FillsTheTablesWithoutStatisticsWhenTheQueryFails) {
-    Check(R"(
-small-vm 16; fail QueryPerf; at 0; rows; memories -> 1 0 0 0 0 0 1 1 0 0 16 (open stream)
-  4 OrdaneClient::CollectVMStats: :it failed (4 backtrace)
-  4 OrdaneClient::RetrieveStats: no stats available. (no line feed)
-  4 OrdaneClient::RetrieveStats: no stats available. (no line feed)
-  6 SNMPRask: refreshing cache completed.
-at 20
-)");
-    EXPECT_EQ(TestRows::Memories().at(0)->memActive, -1);
-}
-
-TEST_F(RefreshTest, FillsTheTablesWithoutAPerformanceManager) {
-    Check(R"(
-small-vm 16; no-manager; at 0; rows -> 1 0 0 0 0 0 1 1 0 0 (open stream)
-  4 OrdaneClient::CollectVMStats failed, no perf manager.
-  4 OrdaneClient::RetrieveStats: no stats available. (no line feed)
-  4 OrdaneClient::RetrieveStats: no stats available. (no line feed)
-  6 SNMPRask: refreshing cache completed.
-)");
 }
 
 // No data of a daemon leads here.
@@ -443,66 +341,6 @@ TEST_F(RefreshTest, RejectsAVmWithoutItsConfiguration) {
         EXPECT_STREQ(thrown.what(), text);
     }
     EXPECT_EQ(log.Take(), (Lines{{3, text}}));
-}
-
-// Empty tables.
-
-TEST_F(RefreshTest, LogsThatThereIsNoVmOncePerInterval) {
-    Check(R"(
-vm 16; at 0 -> (open stream)
-  6 SNMPRask: refreshing cache completed.
-remove-vm; at 21; rows -> 0 0 0 0 0 0 0 0 0 0
-  6 SNMPRaskRefreshCache: no VM found.
-at 41
-at 42
-  6 SNMPRaskRefreshCache: no VM found.
-)");
-}
-
-TEST_F(RefreshTest, IsEmptyWithoutAClientAndRetriesInItsTurn) {
-    Check(R"(
-vm 16; down; at 0; rows -> 0 0 0 0 0 0 0 0 0 0 (open stream)
-  6 Disconnect: not connected.
-  4 OrdaneClient::Init: :connection refused (7 backtrace)
-  4 Could not init ordane client to tovric-vessad.
-  4 SNMPRAskRefreshCache: Could not acquire ordane client to tovric-vessad.
-up; at 20; rows -> 0 0 0 0 0 0 0 0 0 0
-at 21; rows -> 1 2 2 2 2 2 2 1 2 2 (open stream)
-  6 SNMPRask: refreshing cache completed.
-foreign; down; at 41; rows -> 1 2 2 2 2 2 2 1 2 2
-at 42; rows -> 0 0 0 0 0 0 0 0 0 0 (open stream)
-  6 Disconnect: not connected.
-  4 OrdaneClient::Init: :connection refused (7 backtrace)
-  4 Could not init ordane client to tovric-vessad.
-  4 SNMPRAskRefreshCache: Could not acquire ordane client to tovric-vessad.
-own; up; at 62; at 63; rows -> 1 2 2 2 2 2 2 1 2 2 (open stream)
-  6 SNMPRask: refreshing cache completed.
-)");
-}
-
-TEST_F(RefreshTest, FindsNoVmWhenTheConnectionBreaksAndReconnectsInItsTurn) {
-    Check(R"(
-vm 16; at 0 -> (open stream)
-  6 SNMPRask: refreshing cache completed.
-break GetChildEntity; at 21; rows -> 0 0 0 0 0 0 0 0 0 0
-  6 SNMPRaskRefreshCache: no VM found.
-at 41
-at 42; rows -> 1 2 2 2 2 2 2 1 2 2 (open stream)
-  6 SNMPRask: refreshing cache completed.
-)");
-}
-
-// No memory.
-
-TEST_F(RefreshTest, IsEmptyWithoutMemoryForTheVmRowsAndRetriesInItsTurn) {
-    clock->FailCalloc(sizeof(vmEntry));
-    Check(R"(
-vm 16; at 0; rows -> 0 0 0 0 0 0 0 0 0 0 (open stream)
-  4 SNMPRaskRefreshCache: Out of memory?
-at 20; at 21; rows -> 1 2 2 2 2 2 2 1 2 2
-  6 SNMPRask: refreshing cache completed.
-)");
-    EXPECT_EQ(host.queries.size(), 1U);
 }
 
 // Rows of some tables are of one size; within a VM they are made table by table: cards, adapters, disks,
@@ -539,8 +377,6 @@ at 20; at 21; rows -> 3 6 6 6 6 6 6 3 6 6
     }
 }
 
-// Exceptions.
-
 // The second VM fails, so that there are rows already.
 TEST_F(RefreshTest, EmptiesTheTablesAfterAnExceptionAndRetriesAtOnce) {
     Check("\nvm 16; vm 32; rebuild -> (open stream)\n  6 SNMPRask: refreshing cache completed.\n");
@@ -564,26 +400,6 @@ repair GetConfig; fault GetConfig; expire; at 0
 )");
 }
 
-TEST_F(RefreshTest, ReconnectsAtOnceAfterAConnectionThatBreaksInTheMiddle) {
-    Check(R"(
-vm 16; break GetRuntime; at 0; rows -> 0 0 0 0 0 0 0 0 0 0 (open stream)
-  4 SNMPRaskRefreshCache exception:connection reset (4 backtrace)
-at 0; rows -> 1 2 2 2 2 2 2 1 2 2 (open stream)
-  6 SNMPRask: refreshing cache completed.
-)");
-}
-
-TEST_F(RefreshTest, ReconnectsAtOnceWhenTheStatisticsBreakTheConnection) {
-    Check(R"(
-vm 16; break QueryPerf; at 0; rows -> 0 0 0 0 0 0 0 0 0 0 (open stream)
-  4 OrdaneClient::CollectVMStats: :connection reset (4 backtrace)
-  4 SNMPRaskRefreshCache exception:connection reset (4 backtrace)
-at 0; rows -> 1 2 2 2 2 2 2 1 2 2 (open stream)
-  6 SNMPRask: refreshing cache completed.
-)");
-    EXPECT_EQ(TestRows::Memories().at(0)->memActive, 9);
-}
-
 // Without the log capture, which needs memory itself.
 TEST(RefreshWithoutMemory, KeepsNoPartialCacheWhenNotEvenTheReportCanBeMade) {
     FakeDaemon daemon;
@@ -596,22 +412,19 @@ TEST(RefreshWithoutMemory, KeepsNoPartialCacheWhenNotEvenTheReportCanBeMade) {
     });
     snmp_disable_log();
     EXPECT_THROW(SNMPRaskTable_Init(), std::bad_alloc);
-    EXPECT_TRUE(TestRows::Vms().empty());
+    EXPECT_TRUE(TestRows::List<vmEntry>().empty());
     daemon.WhenCalled("GetGuest", nullptr);
     SNMPRaskTable_Init();
-    EXPECT_EQ(TestRows::Vms().size(), 1U);
+    EXPECT_EQ(TestRows::List<vmEntry>().size(), 1U);
     SNMPRaskTable_Destroy();
 }
-
-// Emptying.
 
 TEST_F(RefreshTest, EmptiesTheTablesInAFixedOrder) {
     AddVm(host, FullVm("16", "poweredOn"));
     SNMPRaskTable_Init();
-    const std::vector<const void*> heads = {
-        TestRows::Vms()[0],      TestRows::Nics()[0],   TestRows::Hbas()[0], TestRows::Targets()[0],
-        TestRows::Floppies()[0], TestRows::Cdroms()[0], TestRows::Cpus()[0], TestRows::Memories()[0],
-        TestRows::Disks()[0],    TestRows::Cards()[0]};
+    std::vector<const void*> heads;
+    ForEachTable([&](const auto& table) { heads.push_back(ListRows(table).at(0)); });
+    std::swap(heads.at(6), heads.at(7));  // CPUs before memories, unlike at unload
     std::vector<const void*> released = ReleasedBlocks(SNMPRaskTable_Destroy);
     std::erase_if(released, [&](const void* block) {
         return std::find(heads.begin(), heads.end(), block) == heads.end();

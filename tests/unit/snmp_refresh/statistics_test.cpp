@@ -1,5 +1,3 @@
-#include <algorithm>
-
 #include "runtime/hask/performance_counters.h"
 #include "runtime/ordane/faults.h"
 #include "tests/unit/snmp_refresh/fixture.h"
@@ -133,19 +131,7 @@ class StatisticsTest : public ClientTest {
     Ref<FailingClient> failing = MakeRef<FailingClient>();
 };
 
-// Names and ids.
-
-TEST(CounterNames, AreThoseOfTheDaemonsCatalogue) {
-    using Names = OrdaneClient;
-    EXPECT_EQ(
-        (std::vector{Names::sDISK_STATS_GRP, Names::sNET_STATS_GRP, Names::sMEM_STATS_GRP,
-                     Names::sCPU_STATS_GRP, Names::sDISK_COUNTER_NUMREAD, Names::sDISK_COUNTER_NUMWRITE,
-                     Names::sDISK_COUNTER_READ, Names::sDISK_COUNTER_WRITE, Names::sNET_COUNTER_PKTRX,
-                     Names::sNET_COUNTER_PKTTX, Names::sNET_COUNTER_RX, Names::sNET_COUNTER_TX,
-                     Names::sCPU_COUNTER_USED, Names::sMEM_COUNTER_ACTIVE}),
-        (std::vector<std::string>{"disk", "net", "mem", "cpu", "numberRead", "numberWrite", "read", "write",
-                                  "packetsRx", "packetsTx", "received", "transmitted", "used", "active"}));
-}
+const bool registered = RegisterSessions<StatisticsTest>("StatisticsTest", "statistics");
 
 TEST(CounterNames, ArePackedAsGroupDotCounter) {
     SNMP::CounterList list;
@@ -169,29 +155,6 @@ TEST(CounterList, RejectsAnyNumberButTen) {
     EXPECT_EQ(SNMP::MakeCounterList(ten).size(), 10U);
 }
 
-TEST_F(StatisticsTest, ResolvesTheTenCountersByTheirExactNamesOnce) {
-    Check(R"(
-fail RetrieveContent; ids -> ids
-  4 OrdaneClient::GetServiceInstanceContent: :it failed (7 backtrace)
-repair RetrieveContent; fail GetPerfCounter; ids -> throws it failed (RetrieveContent)
-repair GetPerfCounter; ids -> ids disk.numberRead=1 disk.numberWrite=2 disk.read=3 disk.write=4 net.received=5 net.transmitted=6 net.packetsTx=7 net.packetsRx=8 mem.active=9 cpu.used=10 (GetPerfCounter)
-metric-ids -> metrics 1/* 2/* 3/* 4/* 5/* 6/* 7/* 8/* 9/* 10/*
-id net.packetsRx -> 8
-id net.packetsrx -> -1
-id net.packets -> -1
-id .net.packetsRx -> -1
-)");
-}
-
-TEST_F(StatisticsTest, ResolvesToTheFirstCounterOfANameAndLeavesOthersUnresolved) {
-    Check(R"(
-catalogue 70:cpu.usage 71:Cpu.used 72:cpu.Used 73:cpu.used. 90:mem.active 3:mem.active; ids -> ids disk.numberRead=-1 disk.numberWrite=-1 disk.read=-1 disk.write=-1 net.received=-1 net.transmitted=-1 net.packetsTx=-1 net.packetsRx=-1 mem.active=90 cpu.used=-1 (RetrieveContent, GetPerfCounter)
-catalogue 33:cpu.used; id cpu.used -> -1
-collect -> (GetChildEntity, QueryPerf)
-query -> 1. query, VirtualMachine 16 interval 0 -1/* -1/* -1/* -1/* -1/* -1/* -1/* -1/* 90/* -1/*, VirtualMachine 32 interval 0 -1/* -1/* -1/* -1/* -1/* -1/* -1/* -1/* 90/* -1/*
-)");
-}
-
 TEST_F(StatisticsTest, SharesOneListThatEachClientResolvesAnew) {
     Check(R"(
 metrics 16:10/0=1; collect -> (GetChildEntity, RetrieveContent, GetPerfCounter, QueryPerf)
@@ -208,19 +171,6 @@ get 16:cpu.used/0 -> -1
   4 OrdaneClient::RetrieveStats: couldn't find stats for cpu.used
 )");
 }
-
-TEST_F(StatisticsTest, KeepsIdsAndStatisticsAcrossAReconnect) {
-    Check(R"(
-metrics 16:10/0=1; collect -> (GetChildEntity, RetrieveContent, GetPerfCounter, QueryPerf)
-break GetChildEntity; list -> null (GetChildEntity, close adapter, close stream /connection/1, shut service down)
-get 16:cpu.used/0 -> 1
-manager -> ha-perfmgr (open stream, AcquireLocalTicket, Login)
-catalogue 33:cpu.used; collect -> (GetChildEntity, QueryPerf)
-id cpu.used -> 10
-)");
-}
-
-// Collecting.
 
 TEST_F(StatisticsTest, QueriesAllVmsAtOnceAndReplacesTheLastResults) {
     Check(R"(
@@ -286,16 +236,6 @@ down
     Check('\n' + none);
 }
 
-TEST_F(StatisticsTest, CollectsNothingWithoutAPerformanceManagerOrItsCatalogue) {
-    Check(R"(
-fail GetPerfCounter; collect -> throws it failed (GetChildEntity, RetrieveContent)
-repair GetPerfCounter; no-manager; other; collect -> (open stream, AcquireLocalTicket, Login, GetChildEntity, RetrieveContent)
-  4 OrdaneClient::CollectVMStats failed, no perf manager.
-get 16:cpu.used/0 -> -1
-  4 OrdaneClient::RetrieveStats: no stats available. (no line feed)
-)");
-}
-
 // An error between two results of a query.
 TEST_F(StatisticsTest, KeepsWhatCameBeforeAnErrorAndDropsABrokenConnection) {
     client->GetAvailableCounterIds();
@@ -325,8 +265,6 @@ collect -> (GetChildEntity, QueryPerf)
 get 16:cpu.used/0 -> 7
 )");
 }
-
-// Retrieving; what is found is the index's business.
 
 TEST_F(StatisticsTest, ReturnsASampleOrItsLow32BitsOfAnInstanceAsNumberOrText) {
     const std::pair<std::int64_t, std::int32_t> cases[] = {{INT32_MAX, INT32_MAX},

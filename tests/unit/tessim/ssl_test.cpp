@@ -24,11 +24,6 @@ Ref<Crypto::KeyStore> MakeKeys(const std::string& key = "", const std::string& c
     return keys;
 }
 
-TEST(KeyStore, NeedsAPrivateKeyAndItsCertificateOrNeither) {
-    EXPECT_THROW(MakeKeys("key", ""), InvalidArgumentException);
-    EXPECT_THROW(MakeKeys("", "certificate"), InvalidArgumentException);
-}
-
 TEST(SSLContext, RequiresTls12AndUsesTheKeyWithItsCertificate) {
     const KelvTest::Identity own;
     Ref<SSLContext> context;
@@ -62,7 +57,9 @@ TEST(SSLContext, RejectsTextsThatAreNoKeysOrCertificates) {
     }
 }
 
-TEST(SSLContext, NeedsAKeyStoreAKnownVersionAndNoOptions) {
+TEST(SSLContext, NeedsAKeyWithItsCertificateOrNeitherAKnownVersionAndNoOptions) {
+    EXPECT_THROW(MakeKeys("key", ""), InvalidArgumentException);
+    EXPECT_THROW(MakeKeys("", "certificate"), InvalidArgumentException);
     EXPECT_THROW(InitSSL("fast"), InvalidArgumentException);
     Ref<SSLContext> context;
     EXPECT_THROW(CreateSSLContext(nullptr, SupportedVersion::Tls12OrNewer, context),

@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "runtime/tessim/exception.h"
-#include "tests/unit/tessim/open_stream.h"
-
 namespace Tessim {
 namespace {
 
@@ -41,18 +38,6 @@ TEST(TimeBudget, CountsTheEarliestEndWhenNested) {
         EXPECT_LE(TimeBudget::Deadline(), Clock::now());
     }
     EXPECT_EQ(TimeBudget::Deadline(), outerEnd);
-}
-
-TEST(TimeBudget, EndsWaitsOnlyWhenTheProcessIsEnding) {
-    static bool ending = false;
-    EXPECT_NO_THROW(TimeBudget::CheckEnding("waiting"));
-    TimeBudget::EndWaitsWhen([] { return ending; });
-    EXPECT_NO_THROW(TimeBudget::CheckEnding("waiting"));
-    ending = true;
-    EXPECT_EQ(MessageOf<StreamException>([] { TimeBudget::CheckEnding("waiting"); }),
-              "waiting: the process is ending");
-    TimeBudget::EndWaitsWhen(nullptr);
-    EXPECT_NO_THROW(TimeBudget::CheckEnding("waiting"));
 }
 
 }  // namespace
