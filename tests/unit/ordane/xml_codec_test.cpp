@@ -76,12 +76,6 @@ TEST(XmlCodec, ReadsAnAbsentListAsEmptyOrNullAndWritesBothAsAbsent) {
     EXPECT_EQ(Write(*all), without);
 }
 
-TEST(XmlCodec, HasNamesWithoutPrefix) {
-    pugi::xml_document document;
-    document.load_string("<a:x/>");
-    EXPECT_EQ(LocalName(document.first_child()), "x");
-}
-
 TEST(XmlCodec, ReadsTextsWithTheirWhiteSpaceCharacterDataAndEntitiesOfXml) {
     for (const auto& [content, text] : Sample::ReadCases("texts")) {
         const std::string thing = "<x><name>" + content + "</name></x>";

@@ -94,19 +94,6 @@ checks -> 3
     }
 }
 
-class VersionOfAnotherShape : public Scalars, public testing::WithParamInterface<const char*> {};
-
-TEST_P(VersionOfAnotherShape, IsReported) {
-    const std::string version = GetParam();
-    Check("\nproduct name|" + version + "|build\n");
-    Check(
-        "\nget prodOID -> 1.3.6.1.4.1.32473.60.1.0.0.0 (AcquireLocalTicket, Login, RetrieveContent)\n"
-        "  4 SNMPSystemGetProdInfo: product version " +
-        version + " not in major.minor.revision format.\n");
-}
-
-INSTANTIATE_TEST_SUITE_P(Versions, VersionOfAnotherShape, testing::Values("3.0.2.1", "", "3", "3.0.2."));
-
 // The identifier is made from the whole version.
 TEST_F(Scalars, TruncateProductTextsToTheirBuffers) {
     const std::string name(255, 'n');
