@@ -2,10 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <map>
 #include <sstream>
 #include <string>
+
+#include "tests/support/files.h"
 
 namespace Vessad {
 namespace {
@@ -53,30 +54,10 @@ std::string Follow(const std::string& script) {
     return transcript.str();
 }
 
-TEST(ConnectionTable, EvictsTheOldestOfAFullStage) {
-    EXPECT_EQ(Follow("preamble 1 2 login 3 4 session 5 6"), "222");
-    EXPECT_EQ(Follow("preamble 1 2 3 login 4 5 6 session 7 8 9"),
-              "1 too many connections, 4 too many connections, 7 too many connections, 222");
-}
-
-TEST(ConnectionTable, MakesAConnectionTheNewestOfItsStage) {
-    EXPECT_EQ(Follow("preamble 1 login 2 1"), "020");
-    EXPECT_EQ(Follow("preamble 1 login 2 1 3"), "2 too many connections, 020");
-    EXPECT_EQ(Follow("session 1 2 1 3"), "2 too many connections, 002");
-}
-
-TEST(ConnectionTable, DropsConnectionsThatAreRemovedOrNoLongerExist) {
-    EXPECT_EQ(Follow("preamble 1 remove 1 1 99 preamble 2 3"), "200");
-    EXPECT_EQ(Follow("preamble 1 release 2 3"), "200");
-}
-
-TEST(ConnectionTable, MakesRoomByEvictingConnectionsWithoutALogin) {
-    EXPECT_EQ(Follow("session 1 login 2 preamble 3 make-room"), "3 short, 011");
-    EXPECT_EQ(Follow("session 1 login 2 preamble 3 make-room make-room make-room"), "3 short, 2 short, 001");
-}
-
-TEST(ConnectionTable, EvictsEveryConnectionWhenClosed) {
-    EXPECT_EQ(Follow("session 1 preamble 2 close session 3"), "2 over, 1 over, 3 too many connections, 000");
+TEST(ConnectionTable, FollowsScripts) {
+    for (const auto& [script, transcript] : TestSupport::ReadCases(VESSAD_TEST_CASES "/connections.txt")) {
+        EXPECT_EQ(Follow(script), transcript) << script;
+    }
 }
 
 }  // namespace

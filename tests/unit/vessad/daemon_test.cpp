@@ -83,7 +83,8 @@ TEST_F(DaemonTest, ListensInTheBackgroundWhenTheStarterReturns) {
     EXPECT_THAT(Log(), HasSubstr("Serving the built-in sample host"));
     const std::string arguments = "--listen 127.0.0.1:" + std::to_string(port);
     EXPECT_EQ(Run(arguments), 1);
-    EXPECT_THAT(Log(), HasSubstr("Address already in use"));
+    EXPECT_THAT(Log(), HasSubstr("cannot listen on 127.0.0.1 port " + std::to_string(port) +
+                                 ": Address already in use"));
     Stop(SIGTERM);
     ASSERT_EQ(Run(arguments), 0);
     EXPECT_THAT(ServedContent(), HasSubstr("<about>"));

@@ -6,8 +6,6 @@
 #include <filesystem>
 #include <sstream>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "tests/support/files.h"
 #include "tests/unit/vessad/log_lines.h"
@@ -48,87 +46,16 @@ std::string Catalogue(const std::string& description) {
     return text.str();
 }
 
-TEST(DescribedHost, HasTheStandardCountersUnlessItDefinesItsOwn) {
-    EXPECT_EQ(Catalogue("vms: []"),
-              R"(1 disk.numberRead summation
-2 disk.numberWrite summation
-3 disk.read summation
-4 disk.write summation
-5 net.received summation
-6 net.transmitted summation
-7 net.packetsTx summation
-8 net.packetsRx summation
-9 mem.active latest
-10 cpu.used summation
-)");
-    EXPECT_EQ(Catalogue("{counters: [], vms: []}"), "");
-}
-
-TEST(DescribedHost, AssignsStatisticsToTheFirstCounterOfAName) {
-    EXPECT_EQ(Catalogue(R"(
-counters:
-  - {key: 9, group: mem, name: active}
-  - {key: 91, group: cpu, name: used, rollup: maximum}
-  - {key: 7, group: cpu, name: used, rollup: summation}
-vms: [{id: "1", config: null, stats: {cpu.used: {"0": 5, "": 6}, mem.active: {"": 7}}}]
-)"),
-              R"(9 mem.active average
-91 cpu.used maximum
-7 cpu.used summation
-1: 91 0
-1: 91 
-1: 9 
-)");
-}
-
-TEST(DescribedHost, StatesPlaceAndExpectationOfAMistake) {
-    const std::string vm = "vms:\n  - ";
-    const std::string stats = vm + "{id: a, config: null, stats: ";
-    for (const auto& [text, mistake] : std::vector<std::pair<std::string, std::string>>{
-             {"", "1:1: expected a mapping, found nothing"},
-             {"about: {name: a, version: b, build: c}", "1:1: expected the member vms, found none"},
-             {vm + "{id: 16, config: null}", "2:10: vms[0].id: expected text in quotes, found 16"},
-             {vm + "{id: '16'}", "2:5: vms[0]: expected the member config, found none"},
-             {vm + "{id: '16', config: null, colour: red}",
-              "2:30: vms[0]: expected one of id, config, runtime, guest, stats, found colour"},
-             {vm + "{id: '16', config: null, guest: null}",
-              "2:37: vms[0].guest: expected a mapping with the members of " +
-                  std::string(Hask::Vm::GuestInfo::staticType.name) + ", found nothing"},
-             {vm + "{id: a, config: null}\n  - {id: a, config: null}\n",
-              "3:10: vms[1].id: expected an id that no other VM has, found the text \"a\""},
-             {stats + "{cpu.idle: {'0': 1}}}",
-              "2:35: vms[0].stats: expected a counter of the catalogue, found cpu.idle"},
-             {stats + "{cpu.used: {'0': 1.5}}}",
-              "2:51: vms[0].stats.\"cpu.used\".0: expected a whole number from -9223372036854775808 to "
-              "9223372036854775807, found 1.5"},
-             {stats + "{cpu.used: {'0': {start: 1}}}}",
-              "2:51: vms[0].stats.\"cpu.used\".0: expected the member perSecond, found none"},
-             {stats + "{cpu.used: {'0': {start: 1, perSecond: 1e19}}}}",
-              "2:73: vms[0].stats.\"cpu.used\".0.perSecond: expected a rate of at most 10^18, found 1e19"},
-             {stats + "{cpu.used: {'0': 1, \"0\": 2}}}",
-              "2:54: vms[0].stats.\"cpu.used\": expected each key once, found 0 again"},
-             {"counters: [{key: -1, group: a, name: b}]\nvms: []\n",
-              "1:18: counters[0].key: expected a whole number from 0 to 2147483647, found -1"},
-             {"counters: [{key: 1, group: a, name: b}, {key: 1, group: a, name: c}]\nvms: []\n",
-              "1:47: counters[1].key: expected a key that no other counter has, found 1"},
-             {"counters: [{key: 1, group: a, name: b, rollup: sum}]\nvms: []\n",
-              "1:48: counters[0].rollup: expected one of average, maximum, minimum, latest, summation, none, "
-              "found the text \"sum\""},
-             {"datastores: [{id: a}, {id: a}]\nvms: []\n",
-              "1:28: datastores[1].id: expected an id that no other datastore has, found the text \"a\""},
-             {"datastores: [{name: a}]\nvms: []\n",
-              "1:14: datastores[0]: expected the member id, found none"}}) {
-        EXPECT_THAT([&] { ReadHost(text, "h.yaml"); }, ThrowsMessage<std::exception>("h.yaml:" + mistake))
-            << text;
+TEST(DescribedHost, IsReadOrRejectedWithPlaceAndExpectationOfTheMistake) {
+    for (const auto& [text, expected] : TestSupport::ReadCases(VESSAD_TEST_CASES "/described_hosts.txt")) {
+        std::string outcome;
+        try {
+            outcome = Catalogue(text);
+        } catch (const std::exception& error) {
+            outcome = error.what();
+        }
+        EXPECT_EQ(outcome, expected) << text;
     }
-}
-
-TEST(DescribedHost, AcceptsADeviceOnAnUnknownDatastore) {
-    EXPECT_NO_THROW(
-        ReadHost("vms: [{id: '1', config: {name: a, guestFullName: b, hardware: {numCPU: 1, memoryMB: 1, "
-                 "device: [{type: VirtualDisk, key: 1, backing: {type: FileBackingInfo, fileName: f, "
-                 "datastore: nowhere}}]}}}]",
-                 "h.yaml"));
 }
 
 TEST(DescribedHost, ReadsEverySampleHostAndHasABuiltInOne) {

@@ -36,13 +36,6 @@ SSL_CTX* SharedContext() {
 
 }  // namespace
 
-std::string MakeCall(const std::string& type, const std::string& id, const std::string& method,
-                     const std::string& parameters) {
-    return R"(<e:Envelope xmlns:e="http://schemas.xmlsoap.org/soap/envelope/"><e:Body><)" + method +
-           R"( xmlns="urn:ordane"><_this type=")" + type + R"(">)" + id + "</_this>" + parameters + "</" +
-           method + "></e:Body></e:Envelope>";
-}
-
 std::string TextOf(const std::string& xml, const std::string& element) {
     const std::size_t at = xml.find("<" + element + ">");
     const std::size_t begin = at + element.size() + 2;
@@ -136,7 +129,9 @@ HttpReply RawClient::Post(std::string_view body) {
 
 HttpReply RawClient::Call(const std::string& type, const std::string& id, const std::string& method,
                           const std::string& parameters) {
-    return Post(MakeCall(type, id, method, parameters));
+    return Post(R"(<e:Envelope xmlns:e="http://schemas.xmlsoap.org/soap/envelope/"><e:Body><)" + method +
+                R"( xmlns="urn:ordane"><_this type=")" + type + R"(">)" + id + "</_this>" + parameters +
+                "</" + method + "></e:Body></e:Envelope>");
 }
 
 std::string RawClient::AcquireTicket() {

@@ -19,10 +19,6 @@ struct HttpReply {
     std::string body;
 };
 
-// An API call as a SOAP message, its parameters given as XML.
-std::string MakeCall(const std::string& type, const std::string& id, const std::string& method,
-                     const std::string& parameters = "");
-
 // The text of the first element of that name, empty when there is none.
 std::string TextOf(const std::string& xml, const std::string& element);
 
@@ -49,7 +45,7 @@ class RawClient {
     // A POST of `body` to the API.
     HttpReply Post(std::string_view body);
 
-    // Posts an API call.
+    // Posts an API call, its parameters given as XML.
     HttpReply Call(const std::string& type, const std::string& id, const std::string& method,
                    const std::string& parameters = "");
     // Returns the password of a new ticket, empty when there is no ticket.

@@ -274,12 +274,5 @@ TEST_F(ServerTest, ClosesEverythingWhenItStops) {
     server->Stop();
 }
 
-TEST_F(ServerTest, NamesAddressAndReasonWhenItCannotListen) {
-    options.listen = server->GetEndpoint();
-    EXPECT_THAT([&] { Server(options, backend); },
-                ::testing::ThrowsMessage<std::runtime_error>(
-                    HasSubstr("cannot listen on 127.0.0.1 port " + std::to_string(port) + ": ")));
-}
-
 }  // namespace
 }  // namespace Vessad

@@ -5,9 +5,11 @@
 
 #include <array>
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "tests/support/files.h"
 #include "tests/unit/vessad/server_fixture.h"
 
 namespace Vessad {
@@ -79,32 +81,13 @@ TEST_F(SessionTest, ReturnsASystemErrorWhenNoTicketCanBeWritten) {
 }
 
 TEST_F(SessionTest, ReturnsServiceContentAlwaysAndTheObjectsOfTheInventoryAfterLoginOnly) {
-    const std::string everyVm =
-        "VirtualMachine\">16</returnval><returnval type=\"VirtualMachine\">17"
-        "</returnval><returnval type=\"VirtualMachine\">name-17</returnval></";
-    const std::string console =
-        "<serviceConsoleReserved>285212672</serviceConsoleReserved>"
-        "<unreserved>1862270976</unreserved>";
-    const std::string query =
-        "<querySpec><entity type=\"VirtualMachine\">name-17</entity><metricId><counterId>"
-        "10</counterId><instance>*</instance></metricId></querySpec>";
     for (const bool loggedIn : {false, true}) {
-        for (const auto& [type, id, method, part] : std::vector<std::array<std::string, 4>>{
-                 {"Folder", "ha-folder-vm", "GetChildEntity", everyVm},
-                 {"VirtualMachine", "16", "GetConfig", "<name>web</name>"},
-                 {"VirtualMachine", "16", "GetRuntime", "<powerState>poweredOn</powerState>"},
-                 {"VirtualMachine", "16", "GetGuest", "<guestState>running</guestState>"},
-                 {"VirtualMachine", "16", "NoSuchMethod", "has no method NoSuchMethod"},
-                 {"VirtualMachine", "gone", "GetConfig", "<obj type=\"VirtualMachine\">gone</obj></Managed"},
-                 {"Datastore", "ds-1", "GetInfo", "<diskName>disk-0:0</diskName>"},
-                 {"Datastore", "ds-1", "GetInfo", "<returnval xsi:type=\"DrellDatastoreInfo\">"},
-                 {"Datastore", "gone", "GetInfo",
-                  "<obj type=\"Datastore\">gone</obj></ManagedObjectNotFound>"},
-                 {"HostSystem", "ha-host", "GetHardware", "<numCpuCores>12</numCpuCores>"},
-                 {"MemoryManagerSystem", "memoryManagerSystem", "GetConsoleReservationInfo", console},
-                 {"PerformanceManager", "ha-perfmgr", "GetPerfCounter", "<key>used</key>"},
-                 {"PerformanceManager", "ha-perfmgr", "QueryPerf", "<value>4611686018427387904</value>"}}) {
-            const std::string reply = Call(type, id, method, method == "QueryPerf" ? query : "");
+        for (const auto& [call, part] : TestSupport::ReadCases(VESSAD_TEST_CASES "/guarded_calls.txt")) {
+            std::array<std::string, 4> parts;
+            std::istringstream words(call);
+            words >> parts[0] >> parts[1] >> parts[2];
+            std::getline(words, parts[3]);
+            const std::string reply = Call(parts[0], parts[1], parts[2], parts[3]);
             EXPECT_EQ(reply.find("<NotAuthenticated") == std::string::npos, loggedIn) << reply;
             EXPECT_EQ(reply.find(part) != std::string::npos, loggedIn) << part << " in " << reply;
         }

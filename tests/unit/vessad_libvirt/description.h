@@ -48,7 +48,7 @@ struct Describer {
 
 // One line per device, "TYPE KEY | LABEL | SUMMARY" without the "Virtual" that types start with, and after
 // further bars what the device has of: its bus number, its place "CONTROLLER:UNIT", its MAC address, its
-// backing, whether it is connected.
+// backing, its shares, whether it is connected.
 inline std::vector<std::string> DeviceLines(const Hask::Vm::ConfigInfo& config) {
     namespace Device = Hask::Vm::Device;
     std::vector<std::string> lines;
@@ -74,6 +74,9 @@ inline std::vector<std::string> DeviceLines(const Hask::Vm::ConfigInfo& config) 
             const auto* const datastore = file->GetDatastore();
             line << " | " << datastore->GetId() << ' ' << file->GetFileName()
                  << (datastore->GetType() == "Datastore" ? "" : " of the type " + datastore->GetType());
+        }
+        if (const auto* disk = Tessim::NarrowToType<Device::VirtualDisk>(device)) {
+            line << " | " << disk->GetShares()->GetShares() << " shares";
         }
         if (const auto* connection = device->GetConnectable()) {
             line << (connection->IsConnected() ? " | connected" : " | disconnected");

@@ -4,38 +4,26 @@
 #include <gtest/gtest.h>
 
 #include "apps/vessad/backends/libvirt/Text.h"
+#include "tests/support/files.h"
 #include "tests/unit/vessad/temporary_directory.h"
 #include "tests/unit/vessad_libvirt/description.h"
 
 namespace Vessad::Libvirt {
 namespace {
 
-using namespace std::string_literals;
-
-std::string Describe(const std::string& xml, Describer describe = {}) {
+std::string Describe(const std::string& xml, bool hasScheduler = false) {
+    Describer describe;
+    if (hasScheduler) {
+        describe.schedulerShares = 100;
+        describe.configFile = "/etc/web-1.xml";
+    }
     return ConfigLine(*describe(xml).config);
 }
 
-TEST(DescribeDomain, ReadsNameMemoryCpusAndGuest) {
-    EXPECT_EQ(Describe(DomainXmlWith("")),
-              "web-1 | 2 CPUs, 1024 shares | 512 MB, 512 shares | hvm (x86_64) | no file");
-    EXPECT_EQ(DeviceLines(*Describer()(DomainXmlWith("")).config), std::vector<std::string>());
-    // The enabled CPUs, and memory and text within their range.
-    EXPECT_EQ(Describe("<domain><name>a&#1;b</name><memory unit='KiB'>1</memory><vcpu current='3'>8</vcpu>"
-                       "<os><type>exe</type></os></domain>"),
-              "a\uFFFDb | 3 CPUs, 1024 shares | 0 MB, 0 shares | exe | no file");
-    EXPECT_EQ(Describe("<domain><memory unit='KiB'>9223372036854775807</memory></domain>"),
-              " | 0 CPUs, 1024 shares | 2147483647 MB, 2147483647 shares |  | no file");
-}
-
-TEST(DescribeDomain, TakesCpuSharesFromTheXmlElseFromTheScheduler) {
-    Describer describe;
-    describe.schedulerShares = 100;
-    describe.configFile = "/etc/web-1.xml";
-    EXPECT_EQ(Describe(DomainXmlWith(""), describe),
-              "web-1 | 2 CPUs, 100 shares | 512 MB, 512 shares | hvm (x86_64) | /etc/web-1.xml");
-    EXPECT_EQ(Describe(DomainXmlWith("", "<cputune><shares>2048</shares></cputune>"), describe),
-              "web-1 | 2 CPUs, 2048 shares | 512 MB, 512 shares | hvm (x86_64) | /etc/web-1.xml");
+TEST(DescribeDomain, ReadsNameMemoryCpusGuestAndShares) {
+    for (const auto& [xml, line] : TestSupport::ReadCases(LIBVIRT_TEST_CASES "/domains.txt")) {
+        EXPECT_EQ(Describe(xml, line.ends_with("/etc/web-1.xml")), line) << xml;
+    }
 }
 
 TEST(DescribeDomain, RejectsWhatIsNoDomain) {
@@ -95,12 +83,9 @@ TEST_F(GuestNamesTest, NeverComeFromOutsideTheDatabase) {
 }
 
 TEST(WireText, ReplacesOnlyTheBytesThatXmlCannotCarry) {
-    EXPECT_EQ(WireText(""), "");
-    EXPECT_EQ(WireText("web-1 \t größe 日本 \U0001F427"), "web-1 \t größe 日本 \U0001F427");
-    EXPECT_EQ(WireText("a\x01\x02"s + "b\0c"s), "a\uFFFD\uFFFDb\uFFFDc");
-    EXPECT_EQ(WireText("\xff"s + "a"), "\uFFFDa");
-    EXPECT_EQ(WireText("\xe2\x82"s + "x€"), "\uFFFD\uFFFDx€");
-    EXPECT_EQ(WireText("end \xf0\x9f\x90"), "end \uFFFD\uFFFD\uFFFD");
+    for (const auto& [bytes, text] : TestSupport::ReadCases(LIBVIRT_TEST_CASES "/texts.txt")) {
+        EXPECT_EQ(WireText(bytes), text);
+    }
 }
 
 }  // namespace

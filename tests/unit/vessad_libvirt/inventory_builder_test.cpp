@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "apps/vessad/backends/libvirt/SeriesBuilder.h"
+#include "tests/support/files.h"
 #include "tests/unit/vessad/temporary_directory.h"
 #include "tests/unit/vessad_libvirt/description.h"
 
@@ -127,48 +128,15 @@ TEST(States, AreShownAsDocumented) {
     }
 }
 
-std::string SeriesOf(const std::string& statistics) {
+TEST(BuildSeries, ReturnsTheStatisticsOfTheCounters) {
     DomainDescription domain;
     domain.disks = {{"vda", "/dev/sda1"}, {"vdb", "/dev/sda1"}, {"vdc", "/dev/sdb"}};
     domain.cards = {{"vnet0", 4000}, {"vnet7", 4024}, {"", 4032}};
-    return SeriesText(BuildSeries(ParseStatistics(statistics), domain, KeysOf(StandardCounters())));
-}
-
-TEST(BuildSeries, LeavesOutWhatIsNotSampledOrNotInTheCatalogue) {
-    EXPECT_EQ(SeriesOf(""), "");
-    EXPECT_TRUE(BuildSeries(ParseStatistics("vcpu.0.time=1"), {}, {}).empty());
-}
-
-TEST(BuildSeries, CountsMillisecondsOfTheEnabledCpus) {
-    EXPECT_EQ(SeriesOf("vcpu.current=3 vcpu.maximum=16 vcpu.0.time=181000999999 vcpu.2.time=1000000 "
-                       "vcpu.2.wait=7 vcpu.10.time=999999"),
-              "cpu.used 0=181000, cpu.used 1=1, cpu.used 2=0");
-    EXPECT_EQ(SeriesOf("vcpu.0.state=1 vcpu.1.time=5000000"), "cpu.used 1=5");
-}
-
-TEST(BuildSeries, TakesMemoryFromTheGuestElseFromTheHost) {
-    EXPECT_EQ(SeriesOf("balloon.rss=900 balloon.available=1000 balloon.unused=400"), "mem.active =600");
-    EXPECT_EQ(SeriesOf("balloon.rss=900 balloon.available=1000"), "mem.active =900");
-    EXPECT_EQ(SeriesOf("balloon.rss=900 balloon.available=1000 balloon.unused=1001"), "mem.active =900");
-    EXPECT_EQ(SeriesOf("balloon.current=1000"), "");
-}
-
-// hdc is a CD-ROM drive.
-TEST(BuildSeries, SumsTheDisksOfOneNameBeforeItRounds) {
-    EXPECT_EQ(SeriesOf("block.count=4 block.0.name=vda block.1.name=hdc block.2.name=vdb block.3.name=vdc "
-                       "block.0.rd.reqs=10 block.0.rd.bytes=1023 block.0.wr.reqs=20 block.0.wr.bytes=512 "
-                       "block.1.rd.reqs=99 block.2.rd.reqs=1 block.2.rd.bytes=1 block.2.wr.reqs=2 "
-                       "block.2.wr.bytes=511 block.3.rd.reqs=5 block.3.rd.bytes=2048"),
-              "disk.numberRead /dev/sda1=11, disk.numberRead /dev/sdb=5, disk.numberWrite /dev/sda1=22, "
-              "disk.read /dev/sda1=1, disk.read /dev/sdb=2, disk.write /dev/sda1=0");
-}
-
-TEST(BuildSeries, NamesCardsByTheirKeysInTheGuestsDirection) {
-    EXPECT_EQ(
-        SeriesOf("net.0.name=vnet7 net.0.rx.bytes=4096 net.0.rx.pkts=3 net.0.tx.bytes=2047 net.0.tx.pkts=5 "
-                 "net.1.name=vnet0 net.1.rx.pkts=8 net.2.name= net.2.rx.pkts=9"),
-        "net.packetsRx 4000=8, net.packetsRx 4024=3, net.packetsTx 4024=5, net.received 4024=4, "
-        "net.transmitted 4024=1");
+    const auto keys = KeysOf(StandardCounters());
+    for (const auto& [statistics, series] : TestSupport::ReadCases(LIBVIRT_TEST_CASES "/series.txt")) {
+        EXPECT_EQ(SeriesText(BuildSeries(ParseStatistics(statistics), domain, keys)), series) << statistics;
+    }
+    EXPECT_TRUE(BuildSeries(ParseStatistics("vcpu.0.time=1"), {}, {}).empty()) << "no counter";
 }
 
 }  // namespace

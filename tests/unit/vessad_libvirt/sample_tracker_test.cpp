@@ -7,6 +7,8 @@
 #include <sstream>
 #include <string_view>
 
+#include "tests/support/files.h"
+
 namespace Vessad::Libvirt {
 namespace {
 
@@ -84,30 +86,13 @@ std::string Late(int number) {
     return "warning VM vm-" + text + " (" + text +
            ") has not responded since TIME, it has no statistics until it does\n";
 }
-const std::string again = "info VM vm-0 (0) responds again, it had not since TIME\n";
 const std::string failed = "debug VM vm-0 (0) has no statistics: refused\n";
+const std::string again = "info VM vm-0 (0) responds again, it had not since TIME\n";
 
-TEST(SampleTracker, ReturnsTheSamplesOfARound) {
-    EXPECT_EQ(Follow("round 2 threads call check pass 1 call check queued succeed 1 succeed 2 check end end"),
-              "+4, 0, 2 s, 1, 1 s, not queued, goes on, goes on, over, sample of 0, sample of 1, ");
-}
-
-TEST(SampleTracker, ReplacesTheThreadOfALateCallAndDropsItsSample) {
-    const std::string late = "round 1 threads call pass 2 check threads end ";
-    EXPECT_EQ(Follow(late), "+4, 0, " + Late(0) + "over, +1, ");
-    // Its call still runs, and another thread has taken its place.
-    EXPECT_EQ(Follow(late + "round 1 threads queued succeed 1 end"),
-              "+4, 0, " + Late(0) + "over, +1, +0, not queued, ends, " + again);
-}
-
-// libvirt fails a call after a while when another program's call holds the domain. The next call has a
-// shorter timeout, and its thread is not replaced.
-TEST(SampleTracker, TakesAnErrorForNoResponse) {
-    EXPECT_EQ(
-        Follow("round 1 threads call pass 2 fail 1 round 1 threads call check pass 0.2 check fail 2 threads "
-               "round 1 threads call succeed 3 end"),
-        "+4, 0, " + Late(0) + "goes on, " + failed + "+0, 0, 0.2 s, over, goes on, " + failed +
-            "+0, +0, 0, goes on, " + again + "sample of 0, ");
+TEST(SampleTracker, FollowsScripts) {
+    for (const auto& [script, transcript] : TestSupport::ReadCases(LIBVIRT_TEST_CASES "/sampling.txt")) {
+        EXPECT_EQ(Follow(script), transcript) << script;
+    }
 }
 
 // As long as libvirt waits for a guest to let go of a device.
@@ -120,12 +105,6 @@ TEST(SampleTracker, LogsNothingOfADomainThatRespondsBeforeItsTime) {
               "+4, 0, goes on, " + failed + "0, goes on, ");
     EXPECT_EQ(Follow(late + "pass 5 pass 1 round 1 pass 5 succeed 1", timeouts),
               "+4, 0, " + Late(0) + "goes on, " + again);
-}
-
-TEST(SampleTracker, LogsThatAnUnresponsiveDomainIsGoneOnceItsCallEnded) {
-    EXPECT_EQ(Follow("round 1 threads call pass 2 round 0 fail 1 round 0"),
-              "+4, 0, " + Late(0) + "goes on, " + failed +
-                  "info VM vm-0 (0), which had not responded since TIME, no longer runs\n");
 }
 
 TEST(SampleTracker, StartsAtMostTwelveThreadsAndLogsOnceThatNoneIsAvailable) {
@@ -147,22 +126,10 @@ TEST(SampleTracker, StartsAtMostTwelveThreadsAndLogsOnceThatNoneIsAvailable) {
                   Late(0) + shortage);
 }
 
-TEST(SampleTracker, WaitsForConnectionsAsLongAsTheirTimeoutSinceTheLastProgress) {
-    EXPECT_EQ(Follow("round 2 threads pass 9 check call succeed 1 pass 9 check pass 1 check end"),
-              "+4, 1 s, 0, goes on, 1 s, over, sample of 0, ");
-    EXPECT_EQ(Follow("round 2 threads call pass 2 pass 9 check"), "+4, 0, " + Late(0) + "1 s, ");
+TEST(SampleTracker, EndsTheRoundWhenTheTimeToOpenConnectionsIsOverAlsoDuringCalls) {
     EXPECT_EQ(
         Follow("round 1 threads call pass 11 check", {.call = std::chrono::hours(1), .open = seconds(10)}),
         "+4, 0, 10 s, ");
-}
-
-TEST(SampleTracker, EndsTheRoundOfAHostWhoseConnectionBroke) {
-    EXPECT_EQ(Follow("round 9 threads call break 1 check"), "+4, 0, goes on, over, ");
-}
-
-TEST(SampleTracker, EndsEverythingWhenItIsStopped) {
-    EXPECT_EQ(Follow("round 9 threads call pass 2 stop threads check succeed 1 end"),
-              "+4, 0, " + Late(0) + "+0, over, ends, ");
 }
 
 }  // namespace

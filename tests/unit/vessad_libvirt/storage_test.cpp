@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <map>
 
+#include "tests/support/files.h"
 #include "tests/unit/vessad/temporary_directory.h"
 
 namespace Vessad::Libvirt {
@@ -23,33 +25,19 @@ std::string Locate(const Storage& storage, const std::string& file) {
            place.device.value_or("none");
 }
 
-TEST(Storage, LocatesFilesInFileSystems) {
-    const Storage host(mounts, {});
-    EXPECT_EQ(Locate(host, "/srv/images/web/1.qcow2"),
-              "directory:/srv/images /srv/images /srv/images/ web/1.qcow2 /dev/mapper/vg");
-    EXPECT_EQ(Locate(host, "/srv/images2/1.img"), "directory:/ / / srv/images2/1.img /dev/sda1");
-    EXPECT_EQ(Locate(host, "/nfs/1.img"), "directory:/nfs /nfs /nfs/ 1.img none");
-    EXPECT_EQ(Locate(host, "/run/1.img"), "directory:/run /run /run/ 1.img none");
-    EXPECT_EQ(Locate(host, "/tank/vm/1.img"), "directory:/tank/vm /tank/vm /tank/vm/ 1.img tank/vm");
-    EXPECT_EQ(Locate(host, "/twice/1"), "directory:/twice /twice /twice/ 1 /dev/sdc1");
-}
-
-TEST(Storage, LocatesFilesInPools) {
-    const Storage host(mounts, {{"default", "dir", "/srv/images", ""},
-                                {"inner", "dir", "/srv/images/inner", ""},
-                                {"shared", "netfs", "/srv/images/shared", ""}});
-    EXPECT_EQ(Locate(host, "/srv/images/web 1.img"),
-              "pool:default default /srv/images/ web 1.img /dev/mapper/vg");
-    EXPECT_EQ(Locate(host, "/srv/images/inner/1.img"),
-              "pool:inner inner /srv/images/inner/ 1.img /dev/mapper/vg");
-    EXPECT_EQ(Locate(host, "/srv/images/shared/1.img"), "pool:shared shared /srv/images/shared/ 1.img none");
-}
-
-TEST(Storage, LocatesFilesOfARemoteHostInPoolsAndDirectories) {
-    const Storage host(std::nullopt, {{"default", "dir", "/pool", ""}, {"disk", "fs", "/disk", "/dev/sdb1"}});
-    EXPECT_EQ(Locate(host, "/pool/1.img"), "pool:default default /pool/ 1.img /pool");
-    EXPECT_EQ(Locate(host, "/disk/1.img"), "pool:disk disk /disk/ 1.img /dev/sdb1");
-    EXPECT_EQ(Locate(host, "/other/vm/1.img"), "directory:/other/vm /other/vm /other/vm/ 1.img /other/vm");
+TEST(Storage, LocatesFilesInPoolsElseInFileSystemsOrDirectoriesOfARemoteHost) {
+    const std::map<std::string, Storage> hosts{
+        {"plain", {mounts, {}}},
+        {"pools",
+         {mounts,
+          {{"default", "dir", "/srv/images", ""},
+           {"inner", "dir", "/srv/images/inner", ""},
+           {"shared", "netfs", "/srv/images/shared", ""}}}},
+        {"remote", {std::nullopt, {{"default", "dir", "/pool", ""}, {"disk", "fs", "/disk", "/dev/sdb1"}}}}};
+    for (const auto& [file, place] : TestSupport::ReadCases(LIBVIRT_TEST_CASES "/places.txt")) {
+        const std::size_t blank = file.find(' ');
+        EXPECT_EQ(Locate(hosts.at(file.substr(0, blank)), file.substr(blank + 1)), place) << file;
+    }
 }
 
 class LinksTest : public testing::Test {

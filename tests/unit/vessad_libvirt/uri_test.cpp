@@ -9,6 +9,7 @@
 #include <string>
 
 #include "apps/vessad/backends/LibvirtBackend.h"
+#include "tests/support/files.h"
 #include "tests/unit/vessad/log_lines.h"
 #include "tests/unit/vessad/temporary_directory.h"
 
@@ -26,20 +27,9 @@ std::string Describe(const std::string& uri) {
 }
 
 TEST(Uri, HasLocalityAndConfigDirectory) {
-    EXPECT_EQ(Describe("qemu:///system"), "local /etc/libvirt/qemu/");
-    EXPECT_EQ(Describe("qemu+unix:///system?socket=/run/a@b:c/sock"), "local /etc/libvirt/qemu/");
-    EXPECT_EQ(Describe("qemu+ssh://root@example.org/system"), "remote /etc/libvirt/qemu/");
-    EXPECT_EQ(Describe("qemu+tcp://127.0.0.1:16509/system"), "remote /etc/libvirt/qemu/");
-    EXPECT_EQ(Describe("qemu:///embed?a=b&root=/srv/embedded"), "local /srv/embedded/etc/qemu/");
-    EXPECT_EQ(Describe("qemu:///embed"), "local unknown");
-    EXPECT_EQ(Describe("qemu+ssh://example.org/session"), "remote unknown");
-    EXPECT_EQ(Describe("lxc:///system"), "local /etc/libvirt/lxc/");
-    EXPECT_EQ(Describe("lxc:///"), "local /etc/libvirt/lxc/");
-    EXPECT_EQ(Describe("xen:///system"), "local /etc/libvirt/libxl/");
-    EXPECT_EQ(Describe("xen://example.org"), "remote /etc/libvirt/libxl/");
-    EXPECT_EQ(Describe("test:///default"), "local unknown");
-    EXPECT_EQ(Describe("vz:///system"), "local unknown");
-    EXPECT_EQ(Describe("alias"), "local unknown");
+    for (const auto& [uri, description] : TestSupport::ReadCases(LIBVIRT_TEST_CASES "/uris.txt")) {
+        EXPECT_EQ(Describe(uri), description) << uri;
+    }
 }
 
 // In a process of its own, because it changes the environment.
@@ -60,19 +50,7 @@ TEST(ConfigDirectoryDeathTest, OfASessionIsInTheUsersOwn) {
 TEST(Uri, ThatCanNeverWorkIsRefusedAtOnceWithTheReason) {
     const VessadTest::LogLines log;
     const VessadTest::TemporaryDirectory directory;
-    for (const auto& [uri, reason] : std::vector<std::pair<std::string, std::string>>{
-             {"", "it is empty"},
-             {"qemu:///sys tem", "a blank"},
-             {":///system", "it names no driver"},
-             {"qemu:///sytem", R"(no path "/sytem", only "/system", "/session", "/embed")"},
-             {"qemu://system", R"(no path "")"},
-             {"qemu+ssh://root@example.org/", R"(no path "/")"},
-             {"lxc:///sytem", R"(no path "/sytem")"},
-             {"xen:///sytem", R"(no path "/sytem")"},
-             // As libvirt says:
-             {"qemu+foo:///system", "transport"},
-             {"no-alias", "driver"},
-             {"test:///does/not/exist.xml", "/does/not/exist.xml"}}) {
+    for (const auto& [uri, reason] : TestSupport::ReadCases(LIBVIRT_TEST_CASES "/useless_uris.txt")) {
         const auto make = [&, uri = uri] { MakeLibvirtBackend(uri, directory.GetPath() / "state", {}); };
         EXPECT_THAT(make, ThrowsMessage<std::runtime_error>(AllOf(
                               HasSubstr("the libvirt URI " + uri + " cannot be used: "), HasSubstr(reason))))
