@@ -100,10 +100,22 @@ class Connection final : public ConnectionTable::Entry, public std::enable_share
         }
     }
 
+    void LogTimeout(const char* step) {
+        if (!context.services.log.Admit(LogLimit::Kind::Timeout)) {
+            return;
+        }
+        const std::string ticket = session.DescribeUnusedTicket();
+        if (ticket.empty()) {
+            spdlog::info("Connection {}: {} timed out, closing", number, step);
+        } else {
+            spdlog::warn("Connection {}: login timed out, closing: {}", number, ticket);
+        }
+    }
+
     // Closes the connection by starting no further operation.
     void Fail(const char* step, const error_code& error) {
         if (error == beast::error::timeout && !closing) {
-            spdlog::info("Connection {}: {} timed out, closing", number, step);
+            LogTimeout(step);
         }
         LogClose(std::string(step) + ": " + error.message());
     }
@@ -143,8 +155,10 @@ class Connection final : public ConnectionTable::Entry, public std::enable_share
     }
 
     void RejectPreamble(int status, const std::string& reason) {
-        spdlog::info("Connection {}: preamble \"{}\" rejected, closing: {} {}", number,
-                     Tessim::StringUtil::EscapeUntrusted(line, maxShownPreamble), status, reason);
+        if (context.services.log.Admit(LogLimit::Kind::Preamble)) {
+            spdlog::info("Connection {}: preamble \"{}\" rejected, closing: {} {}", number,
+                         Tessim::StringUtil::EscapeUntrusted(line, maxShownPreamble), status, reason);
+        }
         line = Authd::MakeReplyLine(status, reason);
         asio::async_write(stream, asio::buffer(line),
                           [self = shared_from_this()](const error_code& /*error*/, std::size_t /*size*/) {
@@ -211,7 +225,9 @@ class Connection final : public ConnectionTable::Entry, public std::enable_share
 
     // Closes after the reply, because the start of the next request is unknown.
     void RejectRequest(http::status status, const std::string& why) {
-        spdlog::info("Connection {}: request rejected, closing: {}", number, why);
+        if (context.services.log.Admit(LogLimit::Kind::Request)) {
+            spdlog::info("Connection {}: request rejected, closing: {}", number, why);
+        }
         PrepareReply(status, why + "\n", "text/plain");
         response.keep_alive(false);
         Send();

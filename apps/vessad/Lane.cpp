@@ -125,7 +125,7 @@ void Lane::OnAccept(const error_code& error, tcp::socket socket) {
 
 // After running out of descriptors or memory. The client stays in the backlog until there are some.
 void Lane::RetryLater(const error_code& error) {
-    if (!shared->exhausted.exchange(true)) {
+    if (!shared->exhausted.exchange(true) && shared->context.services.log.Admit(LogLimit::Kind::Accept)) {
         spdlog::warn("Cannot accept connections, evicting those without a login: {}", error.message());
     }
     shared->context.table.MakeRoom("out of files or memory");

@@ -130,6 +130,8 @@ class Server::Implementation {
         return progressed;
     }
 
+    void FlushLog() { services.log.Flush(); }
+
     void Stop() {
         if (!std::exchange(started, false)) {
             return;
@@ -187,6 +189,10 @@ tcp::endpoint Server::GetEndpoint() const {
 
 void Server::Start() {
     implementation->Start();
+}
+
+void Server::FlushLog() {
+    implementation->FlushLog();
 }
 
 bool Server::CheckProgress() {

@@ -44,6 +44,9 @@ class Server {
     // starts the next check. Call it after Start, at intervals of seconds. Throws std::bad_alloc.
     bool CheckProgress();
 
+    // Logs how many log lines of untrusted clients were suppressed. Call it at intervals of a minute or less.
+    void FlushLog();
+
     // Closes every connection, removes every ticket and waits for the threads. May be called again; the
     // destructor calls it.
     void Stop();

@@ -63,7 +63,9 @@ class Session::SessionManagerObject final : public Hask::SessionManager {
             out->SetUserName(userName);
             out->SetPasswordFilePath(session.services.tickets.Issue(session.connection));
         } catch (const std::exception& failure) {
-            spdlog::error("Connection {}: cannot issue a ticket: {}", session.connection, failure.what());
+            if (session.services.log.Admit(LogLimit::Kind::Ticket)) {
+                spdlog::error("Connection {}: cannot issue a ticket: {}", session.connection, failure.what());
+            }
             throw;
         }
     }
@@ -73,9 +75,11 @@ class Session::SessionManagerObject final : public Hask::SessionManager {
         const bool ticketValid = session.services.tickets.Redeem(session.connection, password);
         if (!ticketValid || userName != onlyUser) {
             session.loginRejected = true;
-            spdlog::warn("Connection {}: login of \"{}\" rejected: {}", session.connection,
-                         Tessim::StringUtil::EscapeUntrusted(userName, maxShownName),
-                         ticketValid ? "unknown user" : "not the password of this connection's ticket");
+            if (session.services.log.Admit(LogLimit::Kind::Login)) {
+                spdlog::warn("Connection {}: login of \"{}\" rejected: {}", session.connection,
+                             Tessim::StringUtil::EscapeUntrusted(userName, maxShownName),
+                             ticketValid ? "unknown user" : "not the password of this connection's ticket");
+            }
             throw Fault::InvalidLogin::Exception("the user name or the password is wrong");
         }
         session.loggedIn = true;
@@ -110,6 +114,10 @@ Tessim::Ref<Ordane::ManagedObject> Session::Find(const Ordane::MoRef& reference)
     }
     return FindHostObject(services.backend.GetInventory(), reference,
                           std::chrono::steady_clock::now() - services.started);
+}
+
+std::string Session::DescribeUnusedTicket() const {
+    return services.tickets.Describe(connection);
 }
 
 bool Session::TakeRejectedLogin() {

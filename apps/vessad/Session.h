@@ -3,7 +3,9 @@
 
 #include <chrono>
 #include <cstdint>
+#include <string>
 
+#include "apps/vessad/LogLimit.h"
 #include "apps/vessad/TicketStore.h"
 #include "apps/vessad/backends/Backend.h"
 #include "runtime/ordane/dispatcher.h"
@@ -14,6 +16,7 @@ namespace Vessad {
 struct Services {
     Backend& backend;
     TicketStore& tickets;
+    LogLimit log{};
     std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
 };
 
@@ -27,6 +30,9 @@ class Session final : public Ordane::ObjectSource {
 
     Tessim::Ref<Ordane::ManagedObject> Find(const Ordane::MoRef& reference) override;
     bool IsLoggedIn() const override { return loggedIn; }
+
+    // Returns which ticket the client did not use and who can read it, for the log; empty when there is none.
+    std::string DescribeUnusedTicket() const;
 
     // Returns whether a login was rejected since the last call. The reply to it is to be delayed.
     bool TakeRejectedLogin();

@@ -169,6 +169,17 @@ bool TicketStore::Redeem(std::uint64_t owner, std::string_view password) {
     return same && valid;
 }
 
+std::string TicketStore::Describe(std::uint64_t owner) const {
+    const std::lock_guard lock(mutex);
+    const auto ticket = tickets.find(owner);
+    if (ticket == tickets.end()) {
+        return {};
+    }
+    return "the ticket " + (options.directory / ticket->second.file).string() +
+           " was not used, which besides root and this user " +
+           (options.group.empty() ? "nobody can read" : "the group " + options.group + " can read");
+}
+
 void TicketStore::Drop(std::uint64_t owner) {
     Remove(Take(owner));
 }

@@ -47,6 +47,9 @@ class TicketStore {
     // its password. The comparison takes constant time.
     bool Redeem(std::uint64_t owner, std::string_view password);
 
+    // Returns which ticket the connection has and who can read it, for the log; empty when it has none.
+    std::string Describe(std::uint64_t owner) const;
+
     // Removes the connection's ticket, if any.
     void Drop(std::uint64_t owner);
 

@@ -36,6 +36,7 @@ using Vessad::Options;
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* programName = "tovric-vessad";
+constexpr std::chrono::minutes reportInterval{1};  // without a watchdog
 
 void NotifyServiceManager([[maybe_unused]] const char* state) {
 #ifdef VESSAD_HAVE_SYSTEMD
@@ -136,13 +137,9 @@ void ReportProgress(Vessad::Server& server, Vessad::Backend& backend) {
     }
 }
 
-// Waits for one of the signals, or until `end` where there is one; returns its number, 0 at the end.
-int WaitForSignal(const sigset_t& signals, std::optional<Clock::time_point> end) {
-    if (!end) {
-        int number = 0;
-        return ::sigwait(&signals, &number) == 0 ? number : 0;
-    }
-    const auto left = std::max<std::chrono::nanoseconds>(*end - Clock::now(), std::chrono::nanoseconds(0));
+// Waits for one of the signals until `end`; returns its number, 0 at the end.
+int WaitForSignal(const sigset_t& signals, Clock::time_point end) {
+    const auto left = std::max<std::chrono::nanoseconds>(end - Clock::now(), std::chrono::nanoseconds(0));
     const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
     const timespec timeout{seconds.count(), (left - seconds).count()};
     return std::max(0, ::sigtimedwait(&signals, nullptr, &timeout));
@@ -173,12 +170,15 @@ void Serve(const Options& options, LogDestination& log) {
     spdlog::info("Listening on {} port {}", endpoint.address().to_string(), endpoint.port());
     NotifyServiceManager("READY=1");
 
-    const auto interval = WatchdogInterval();
-    std::optional<Clock::time_point> nextReport;
+    const auto watchdog = WatchdogInterval();
+    auto nextReport = Clock::now();
     for (;;) {
-        if (interval && (!nextReport || Clock::now() >= *nextReport)) {
-            ReportProgress(server, *backend);
-            nextReport = Clock::now() + *interval;
+        if (Clock::now() >= nextReport) {
+            if (watchdog) {
+                ReportProgress(server, *backend);
+            }
+            server.FlushLog();
+            nextReport = Clock::now() + watchdog.value_or(reportInterval);
         }
         const int number = WaitForSignal(signals, nextReport);
         if (number == 0) {

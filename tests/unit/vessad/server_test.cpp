@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -179,6 +180,19 @@ TEST_F(ServerTest, ClosesConnectionsThatTimeOut) {
     }
     for (const std::string step : {"TLS handshake", "preamble", "wait for a request", "request"}) {
         EXPECT_TRUE(log.AwaitLine(": " + step + " timed out, closing")) << step;
+    }
+}
+
+TEST_F(ServerTest, NamesTheTicketThatWasNotUsedAndWhoCanReadIt) {
+    for (const std::string& group : {std::string(), std::string(::getgrgid(::getegid())->gr_name)}) {
+        options.tickets.group = group;
+        StartServer({.login = 300ms});
+        const auto client = Opened();
+        EXPECT_NE(client->AcquireTicket(), "");
+        const std::string ticket = options.tickets.directory / TicketFiles().at(0);
+        EXPECT_TRUE(log.AwaitLine("warning Connection 1: login timed out, closing: the ticket " + ticket +
+                                  " was not used, which besides root and this user " +
+                                  (group.empty() ? "nobody can read" : "the group " + group + " can read")));
     }
 }
 
