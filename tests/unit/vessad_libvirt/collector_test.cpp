@@ -147,6 +147,25 @@ TEST_F(CollectorTest, KeepsTheInventoryUntilTheNextCollectionHoweverLateItIs) {
     AwaitVms({});
 }
 
+TEST_F(CollectorTest, FindsTheGuestNamesOfADatabaseThatWasInstalledWhenItIsToldToCollect) {
+    options.osinfoDirectories = {directory.GetPath()};
+    Domain domain = SmallDomain(uuidA, "vm-a");
+    domain.xml = DomainXmlWith(
+        "",
+        "<metadata><osinfo:libosinfo xmlns:osinfo='http://libosinfo.org/xmlns/libvirt/domain/1.0'>"
+        "<osinfo:os id='http://debian.org/debian/12'/></osinfo:libosinfo></metadata>");
+    SetDomains({domain});
+    Start();
+    const auto name = [&] { return collector->Get()->vms.at(0)->config->GetGuestFullName(); };
+    EXPECT_EQ(name(), "hvm (x86_64)");
+    std::filesystem::create_directories(directory.GetPath() / "os/debian.org");
+    VessadTest::WriteAll(
+        directory.GetPath() / "os/debian.org/debian-12.xml",
+        "<libosinfo><os id='http://debian.org/debian/12'><name>Debian 12</name></os></libosinfo>");
+    collector->CollectNow();
+    EXPECT_TRUE(VessadTest::Await([&] { return name() == "Debian 12"; })) << name();
+}
+
 TEST_F(CollectorTest, ServesAReadingThatIsLate) {
     options.interval = std::chrono::hours(1);
     options.readingTimeout = milliseconds(20);

@@ -54,6 +54,7 @@ struct Collector::Shared {
     std::optional<ApiError> failure;  // of the latest collection
     bool attempted = false;           // a collection has ended or failed
     bool collectNow = false;
+    bool describesAnew = false;  // the next reading
     bool stopping = false;
 
     Clock::duration progressInterval{};
@@ -111,6 +112,7 @@ bool Collector::IsMakingProgress() const {
 void Collector::CollectNow() {
     const std::lock_guard lock(shared->mutex);
     shared->collectNow = true;
+    shared->describesAnew = true;
     shared->changed.notify_all();
 }
 
@@ -216,30 +218,35 @@ std::optional<HostReading> Collector::FetchReading() {
     std::unique_lock lock(shared->mutex);
     shared->reading.reset();
     shared->readingError.reset();
-    readingThread.Post([shared = shared, reader = reader, pools = shared->pools](Connection* connection,
-                                                                                 const ApiError* failure) {
-        std::optional<HostReading> reading;
-        std::optional<ApiError> readingError;
-        const AtEnd end{[&] {
-            const std::lock_guard guard(shared->mutex);
-            shared->reading = std::move(reading);
-            shared->readingError = std::move(readingError);
-            shared->readingPending = false;
-            shared->changed.notify_all();
-        }};
-        if (failure != nullptr) {
-            readingError = *failure;
-            return;
-        }
-        try {
-            reading = reader->Read(*connection, pools);
-        } catch (const ApiError& error) {
-            readingError = error;
-        } catch (const std::exception& error) {
-            readingError = ApiError(error.what(), ApiError::Kind::Temporary);
-        }
-    });
+    readingThread.Post(
+        [shared = shared, reader = reader, pools = shared->pools, describesAnew = shared->describesAnew](
+            Connection* connection, const ApiError* failure) {
+            std::optional<HostReading> reading;
+            std::optional<ApiError> readingError;
+            const AtEnd end{[&] {
+                const std::lock_guard guard(shared->mutex);
+                shared->reading = std::move(reading);
+                shared->readingError = std::move(readingError);
+                shared->readingPending = false;
+                shared->changed.notify_all();
+            }};
+            if (failure != nullptr) {
+                readingError = *failure;
+                return;
+            }
+            try {
+                if (describesAnew) {
+                    reader->Forget();
+                }
+                reading = reader->Read(*connection, pools);
+            } catch (const ApiError& error) {
+                readingError = error;
+            } catch (const std::exception& error) {
+                readingError = ApiError(error.what(), ApiError::Kind::Temporary);
+            }
+        });
     shared->readingPending = true;
+    shared->describesAnew = false;
     const auto ended = [this] { return shared->stopping || !shared->readingPending; };
     if (!shared->Wait(lock, Clock::now() + options.readingTimeout, ended)) {
         ReportFailure(lock, unreachable, {"no reply in time", ApiError::Kind::Temporary});

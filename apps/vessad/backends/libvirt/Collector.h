@@ -45,7 +45,8 @@ class Collector {
     // Never null.
     std::shared_ptr<const Inventory> Get();
 
-    // Starts the next collection now, or as soon as the running one ends.
+    // Starts the next collection now, or as soon as the running one ends. It describes every VM anew, with
+    // the names that the osinfo database has by then.
     void CollectNow();
 
     // Returns whether the collector's thread has run within the time that `options.progress` is.

@@ -22,6 +22,9 @@ class GuestNames {
     // nothing when no database has it. `id` is untrusted: it cannot lead out of the directories.
     std::optional<std::string> Find(const std::string& id);
 
+    // Looks every name up anew.
+    void Forget() { known.clear(); }
+
   private:
     std::vector<std::filesystem::path> directories;
     std::map<std::string, std::string> known;  // by id

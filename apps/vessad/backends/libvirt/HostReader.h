@@ -39,6 +39,12 @@ class HostReader {
     // its cached description. `pools`: the XML of the active pools. Throws ApiError.
     HostReading Read(Connection& connection, const std::vector<std::string>& pools);
 
+    // Describes every domain anew, with what the osinfo database has by then.
+    void Forget() {
+        guestNames.Forget();
+        cache.clear();
+    }
+
   private:
     struct CacheEntry {
         std::string xml;
