@@ -25,7 +25,7 @@ class ConnectionTable {
         std::size_t login = 512;
         std::size_t session = 2560;
 
-        std::size_t Total() const { return preamble + login + session; }
+        constexpr std::size_t Total() const { return preamble + login + session; }
     };
 
     class Entry {

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <spdlog/spdlog.h>
+#include <unistd.h>
 
 #include <boost/asio/post.hpp>
 #include <exception>
@@ -17,6 +18,8 @@ using asio::ip::tcp;
 using boost::system::error_code;
 
 namespace {
+
+constexpr int acceptsInARow = 16;
 
 int Duplicate(int descriptor) {
     const int copy = ::fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
@@ -40,9 +43,16 @@ struct EndAccept {
 };
 using PendingAccept = std::unique_ptr<bool, EndAccept>;
 
+struct EndWaiting {
+    void operator()(std::atomic<unsigned>* waiting) const { --*waiting; }
+};
+using WaitingGuest = std::unique_ptr<std::atomic<unsigned>, EndWaiting>;
+
 }  // namespace
 
-Lane::Lane(const tcp& protocol, int listener) : acceptor(io, protocol, Duplicate(listener)) {}
+Lane::Lane(const tcp& protocol, int listener) : acceptor(io, protocol, Duplicate(listener)) {
+    acceptor.non_blocking(true);
+}
 
 void Lane::Start(Shared& given) {
     shared = &given;
@@ -89,7 +99,7 @@ void Lane::Run() {
 }
 
 void Lane::Resume() {
-    if (!accepting && !stopping) {
+    if (!accepting && !stopping && this != &shared->guestLane) {
         std::this_thread::sleep_for(retryDelay);
         Accept();
     }
@@ -97,7 +107,7 @@ void Lane::Resume() {
 
 // Makes an accept pending unless one is.
 void Lane::Accept() {
-    if (accepting || stopping) {
+    if (accepting || stopping || this == &shared->guestLane) {
         return;
     }
     accepting = true;
@@ -118,7 +128,17 @@ void Lane::OnAccept(const error_code& error, tcp::socket socket) {
     }
     shared->exhausted = false;
     if (!error) {
-        Serve(std::move(socket));
+        Admit(std::move(socket));
+    }
+    // In one go, because the listening socket's queue is all that a flood leaves to others.
+    for (int more = 0; more < acceptsInARow; ++more) {
+        tcp::socket next(io);
+        error_code none;
+        acceptor.accept(next, none);
+        if (none) {
+            break;
+        }
+        Admit(std::move(next));
     }
     Accept();
 }
@@ -128,7 +148,9 @@ void Lane::RetryLater(const error_code& error) {
     if (!shared->exhausted.exchange(true) && shared->context.services.log.Admit(LogLimit::Kind::Accept)) {
         spdlog::warn("Cannot accept connections, evicting those without a login: {}", error.message());
     }
-    shared->context.table.MakeRoom("out of files or memory");
+    for (ConnectionTable* const table : {&shared->guests.table, &shared->context.table}) {
+        table->MakeRoom("out of files or memory");
+    }
     timer.expires_after(retryDelay);
     timer.async_wait([this](const error_code& stopped) {
         if (!stopped) {
@@ -137,7 +159,45 @@ void Lane::RetryLater(const error_code& error) {
     });
 }
 
-void Lane::Serve(tcp::socket socket) {
+void Lane::Admit(tcp::socket socket) {
+    error_code gone;
+    const tcp::endpoint peer = socket.remote_endpoint(gone);
+    if (gone) {
+        return;
+    }
+    if (shared->ticketReaders.Include(socket.native_handle(), *peer.data())) {
+        Serve(std::move(socket), shared->context);
+    } else {
+        shared->guestLane.Queue(std::move(socket), peer.protocol());
+    }
+}
+
+// Called by the other lanes' threads. Closes the connection when too many wait already, so that a flood takes
+// neither memory nor descriptors.
+void Lane::Queue(tcp::socket guest, const tcp& protocol) {
+    ++waiting;
+    WaitingGuest place(&waiting);
+    if (waiting > maxWaitingGuests) {
+        // By a reset, which leaves nothing to wait for in the kernel either.
+        error_code ignored;
+        guest.set_option(asio::socket_base::linger(true, 0), ignored);
+        return;
+    }
+    tcp::socket moved(io);
+    const int descriptor = guest.release();
+    error_code failed;
+    moved.assign(protocol, descriptor, failed);
+    if (failed) {
+        ::close(descriptor);
+        return;
+    }
+    asio::post(io, [this, place = std::move(place), moved = std::move(moved)]() mutable {
+        place.reset();
+        Serve(std::move(moved), shared->guests);
+    });
+}
+
+void Lane::Serve(tcp::socket socket, ConnectionContext& context) {
     const std::uint64_t number = ++shared->accepted;
     try {
         error_code ignored;
@@ -145,7 +205,7 @@ void Lane::Serve(tcp::socket socket) {
         spdlog::debug("Connection {}: accepted from {} port {}", number, peer.address().to_string(),
                       peer.port());
         socket.set_option(tcp::no_delay(true), ignored);
-        StartConnection(std::move(socket), shared->context, number);
+        StartConnection(std::move(socket), context, number);
     } catch (const std::exception& failure) {
         spdlog::error("Connection {}: cannot be served, closing: {}", number, failure.what());
     }

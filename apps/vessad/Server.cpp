@@ -31,7 +31,10 @@ using asio::ip::tcp;
 // Threads that serve connections; a long call delays only those of its thread.
 constexpr unsigned minLanes = 2;
 constexpr unsigned maxLanes = 4;
-constexpr rlim_t otherFiles = 64;  // open files besides connections
+// Of users who cannot log in; a session of theirs is one of somebody who has joined the group meanwhile.
+constexpr ConnectionTable::Limits guestLimits{.preamble = 32, .login = 32, .session = 32};
+constexpr rlim_t otherFiles = 64 + 160;  // open files besides connections of users who can log in
+static_assert(otherFiles >= 64 + guestLimits.Total() + Lane::maxWaitingGuests);
 
 Tessim::FileDescriptor Listen(const tcp::endpoint& endpoint) {
     asio::io_context unused;
@@ -105,9 +108,12 @@ class Server::Implementation {
           tls(MakeTlsContext()),
           tickets(options.tickets, lanes.front().GetExecutor()),
           table(options.connections),
+          guestTable(guestLimits),
+          ticketReaders(options.tickets.group, Tessim::FileDescriptor(options.diagnostics)),
           services{backend, tickets},
           context{services, table, tls, options.timeouts},
-          shared{context} {}
+          guests{services, guestTable, tls, options.timeouts},
+          shared{context, ticketReaders, guests, lanes.back()} {}
 
     Implementation(const Implementation&) = delete;
     Implementation& operator=(const Implementation&) = delete;
@@ -143,6 +149,7 @@ class Server::Implementation {
                     lane.Close();
                 }
                 table.Close("the daemon is stopping");
+                guestTable.Close("the daemon is stopping");
                 tickets.Close();
                 closed = true;
             } catch (const std::exception&) {
@@ -161,8 +168,9 @@ class Server::Implementation {
             options.listener >= 0 ? Tessim::FileDescriptor(options.listener) : Listen(options.listen);
         const tcp protocol = ListeningEndpoint(listener.Get()).protocol();
         std::deque<Lane> lanes;
-        for (unsigned count = std::clamp(std::thread::hardware_concurrency(), minLanes, maxLanes); count > 0;
-             --count) {
+        // The last one is the guests'.
+        for (unsigned count = std::clamp(std::thread::hardware_concurrency(), minLanes, maxLanes) + 1;
+             count > 0; --count) {
             lanes.emplace_back(protocol, listener.Get());
         }
         return lanes;
@@ -172,8 +180,11 @@ class Server::Implementation {
     asio::ssl::context tls;
     TicketStore tickets;
     ConnectionTable table;
+    ConnectionTable guestTable;
+    TicketReaders ticketReaders;
     Services services;
     ConnectionContext context;
+    ConnectionContext guests;
     Lane::Shared shared;
     bool started = false;
 };

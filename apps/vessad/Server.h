@@ -16,9 +16,12 @@ struct ServerOptions {
     boost::asio::ip::tcp::endpoint listen;  // port 0: a free one
     // A listening TCP socket on a loopback address, which the server owns, instead of `listen`; -1: none.
     int listener = -1;
+    // A NETLINK_SOCK_DIAG socket, which the server owns, of the network that connections come from; -1: the
+    // server is in it.
+    int diagnostics = -1;
     TicketOptions tickets;
     Timeouts timeouts;
-    ConnectionTable::Limits connections;
+    ConnectionTable::Limits connections;  // of users who can log in
 };
 
 // Parses "ADDRESS:PORT": an IPv4 address, an IPv6 address in brackets or "localhost", which is 127.0.0.1 and
@@ -56,7 +59,8 @@ class Server {
     std::unique_ptr<Implementation> implementation;
 };
 
-// Raises the limit of open files as far as needed and allowed, and returns how many connections it permits.
+// Raises the limit of open files as far as needed and allowed, and returns how many connections of users who
+// can log in it permits.
 ConnectionTable::Limits RaiseFileLimit();
 
 }  // namespace Vessad

@@ -3,6 +3,7 @@
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/sinks/syslog_sink.h>
 #include <spdlog/spdlog.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <syslog.h>
 
@@ -17,6 +18,7 @@
 #include <optional>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include "apps/vessad/Background.h"
 #include "apps/vessad/LogFormat.h"
@@ -44,21 +46,20 @@ void NotifyServiceManager([[maybe_unused]] const char* state) {
 #endif
 }
 
-// Returns the socket that the service manager passed to listen on, or -1.
-int PassedListener() {
+// Takes over the sockets that the service manager passed: one to listen on, one for diagnostics.
+void TakePassedSockets([[maybe_unused]] Vessad::ServerOptions& options) {
 #ifdef VESSAD_HAVE_SYSTEMD
     const int count = ::sd_listen_fds(1);
     if (count < 0) {
-        throw std::system_error(-count, std::generic_category(), "cannot take over the passed socket");
+        throw std::system_error(-count, std::generic_category(), "cannot take over the passed sockets");
     }
-    if (count > 1) {
-        throw std::runtime_error("more than one socket is passed");
-    }
-    if (count == 1) {
-        return SD_LISTEN_FDS_START;
+    for (int passed = SD_LISTEN_FDS_START; passed < SD_LISTEN_FDS_START + count; ++passed) {
+        int& place = ::sd_is_socket(passed, AF_NETLINK, 0, -1) > 0 ? options.diagnostics : options.listener;
+        if (std::exchange(place, passed) >= 0) {
+            throw std::runtime_error("more than one socket is passed to listen on, or for diagnostics");
+        }
     }
 #endif
-    return -1;
 }
 
 // Returns how often the service manager is to be told that the daemon makes progress; nothing: never.
@@ -149,7 +150,7 @@ void Serve(const Options& options, LogDestination& log) {
     ::umask(077);
     const sigset_t signals = BlockSignals();
     Vessad::ServerOptions serverOptions;
-    serverOptions.listener = PassedListener();
+    TakePassedSockets(serverOptions);
     serverOptions.listen = Vessad::ParseListenAddress(options.listen);
     serverOptions.tickets.directory = options.ticketDirectory;
     serverOptions.tickets.group = options.ticketGroup;

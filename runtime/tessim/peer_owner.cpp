@@ -66,18 +66,22 @@ Query MakeQuery(int socket, const sockaddr& peer) {
 
 }  // namespace
 
-std::optional<uid_t> FindPeerOwner(int socket, const sockaddr& peer) {
+std::optional<uid_t> FindPeerOwner(int socket, const sockaddr& peer, int diagnostics) {
     const Query query = MakeQuery(socket, peer);
-    const FileDescriptor netlink(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
-    if (!netlink) {
-        Fail("socket", errno);
+    FileDescriptor own;
+    if (diagnostics < 0) {
+        own = FileDescriptor(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
+        if (!own) {
+            Fail("socket", errno);
+        }
+        diagnostics = own.Get();
     }
-    if (::send(netlink.Get(), &query, sizeof query, 0) != sizeof query) {
+    if (::send(diagnostics, &query, sizeof query, 0) != sizeof query) {
         Fail("send", errno);
     }
     alignas(nlmsghdr) std::array<char, 4096> buffer{};
     // The kernel replies before it returns from send.
-    const ssize_t length = ::recv(netlink.Get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+    const ssize_t length = ::recv(diagnostics, buffer.data(), buffer.size(), MSG_DONTWAIT);
     if (length < 0) {
         Fail("recv", errno);
     }

@@ -1,4 +1,4 @@
-// Whose process holds the other end of a TCP connection within this host. Internal to the runtime.
+// Whose process holds the other end of a TCP connection within this host.
 #pragma once
 
 #include <sys/socket.h>
@@ -9,8 +9,10 @@
 namespace Tessim {
 
 // The user whose process accepted the TCP socket `socket`, connected to `peer`, an IPv4 or IPv6 address and
-// port, as the kernel knows it (sock_diag(7)); none when no process of this host holds that end. Throws
-// SystemException when the kernel does not tell. Thread-safe.
-std::optional<uid_t> FindPeerOwner(int socket, const sockaddr& peer);
+// port, as the kernel knows it (sock_diag(7)); none when no process of this host holds that end.
+// `diagnostics`: a NETLINK_SOCK_DIAG socket of the connection's network namespace, which no other thread uses
+// meanwhile; -1: this process is in that namespace. Throws SystemException when the kernel does not tell.
+// Thread-safe.
+std::optional<uid_t> FindPeerOwner(int socket, const sockaddr& peer, int diagnostics = -1);
 
 }  // namespace Tessim

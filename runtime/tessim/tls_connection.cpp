@@ -10,7 +10,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <ctime>
 #include <optional>
 #include <string>
@@ -26,6 +28,8 @@ namespace Tessim {
 namespace {
 
 constexpr const char* closedByPeer = "the peer closed the connection";
+constexpr const char* connecting = "connecting";
+constexpr std::chrono::milliseconds connectRetry{100};
 
 std::string ErrorText(int error) {
     return std::generic_category().message(error);
@@ -183,6 +187,16 @@ bool TlsConnection::IsConnected() const noexcept {
 }
 
 void TlsConnection::Connect() {
+    // A listening socket with a full queue ignores requests, and the kernel repeats one after a second.
+    while (!TryToConnect()) {
+        if (Clock::now() >= socket.deadline) {
+            peer.ThrowTimeout(connecting);
+        }
+    }
+}
+
+// Returns false when there is no reply within connectRetry.
+bool TlsConnection::TryToConnect() {
     socket.descriptor = FileDescriptor(
         ::socket(peer.GetAddress()->sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
     if (!socket.descriptor) {
@@ -195,7 +209,9 @@ void TlsConnection::Connect() {
 
     int error = ::connect(descriptor, peer.GetAddress(), peer.GetAddressLength()) == 0 ? 0 : errno;
     if (error == EINPROGRESS || error == EINTR) {
-        Wait(POLLOUT, "connecting");
+        if (!WaitUntil(std::min(socket.deadline, Clock::now() + connectRetry), POLLOUT, connecting)) {
+            return false;
+        }
         socklen_t length = sizeof error;
         if (::getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &length) != 0) {
             error = errno;
@@ -204,6 +220,7 @@ void TlsConnection::Connect() {
     if (error != 0) {
         throw StreamException("cannot connect to " + peer.GetName() + ": " + ErrorText(error));
     }
+    return true;
 }
 
 void TlsConnection::MakeTls(const Ssl::SSLContext& context) {
@@ -254,11 +271,18 @@ bool TlsConnection::Drive(const char* step, Call call) {
 }
 
 void TlsConnection::Wait(short events, const char* step) const {
+    if (!WaitUntil(socket.deadline, events, step)) {
+        peer.ThrowTimeout(step);
+    }
+}
+
+// Returns whether one of the events, or an error, is there before `end`.
+bool TlsConnection::WaitUntil(Clock::time_point end, short events, const char* step) const {
     for (;;) {
         TimeBudget::CheckEnding(step);
-        const auto left = socket.deadline - Clock::now();
+        const auto left = end - Clock::now();
         if (left <= Clock::duration::zero()) {
-            peer.ThrowTimeout(step);
+            return false;
         }
         const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
         timespec timeout{};
@@ -267,7 +291,7 @@ void TlsConnection::Wait(short events, const char* step) const {
         pollfd poll{socket.descriptor.Get(), events, 0};
         const int ready = ::ppoll(&poll, 1, &timeout, nullptr);
         if (ready > 0) {
-            return;
+            return true;
         }
         if (ready < 0 && errno != EINTR) {
             throw SystemException("cannot wait for " + peer.GetName() + ": " + ErrorText(errno));

@@ -61,11 +61,13 @@ class TlsConnection {
     };
 
     void Connect();
+    bool TryToConnect();
     void MakeTls(const Ssl::SSLContext& context);
     void CheckUsable() const;
     template <class Call>
     bool Drive(const char* step, Call call);
     void Wait(short events, const char* step) const;
+    bool WaitUntil(Clock::time_point end, short events, const char* step) const;
     std::string ReasonOfFailure() const;
     [[noreturn]] void ThrowBroken(const char* step, const std::string& reason) const;
 
