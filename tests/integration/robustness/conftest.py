@@ -73,9 +73,13 @@ class ShiftedAgent(system.Agent):
 
     def age_cache(self):
         """Lets the wall clock run ahead by more than the cache lives."""
-        self.shifted += system.REFRESH_INTERVAL + 2
+        self.step_clock(system.REFRESH_INTERVAL + 2)
+
+    def step_clock(self, seconds):
+        """Sets the agent's wall clock forward, or back when negative."""
+        self.shifted += seconds
         with self.shared.open("r+b") as stream:
-            stream.write(self.shifted.to_bytes(8, "little"))
+            stream.write(self.shifted.to_bytes(8, "little", signed=True))
 
     def heap(self):
         """The bytes that the agent's heap holds."""
