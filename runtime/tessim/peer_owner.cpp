@@ -24,10 +24,14 @@ struct Query {
     inet_diag_req_v2 request;
 };
 
-[[noreturn]] void Fail(const char* step, int error) {
-    throw SystemException(std::string("the kernel does not tell who owns a connection (tcp_diag): ") + step +
-                          ": " + std::generic_category().message(error));
-}
+struct Reply {
+    nlmsghdr header;
+    union {
+        inet_diag_msg found;
+        nlmsgerr error;
+    };
+    std::array<char, 4096> attributes;
+};
 
 // Copies an address and a port, both in network byte order, as the query has them.
 void Fill(const sockaddr& from, __be32 (&address)[4], __be16& port) {
@@ -42,13 +46,10 @@ void Fill(const sockaddr& from, __be32 (&address)[4], __be16& port) {
     }
 }
 
-// The query for the socket at the other end.
-Query MakeQuery(int socket, const sockaddr& peer) {
+// The kernel's reply to the query for the socket at the other end. False, with errno, when there is none.
+bool Ask(int socket, const sockaddr& peer, int diagnostics, Reply& reply) {
     sockaddr_storage own{};
-    socklen_t length = sizeof own;
-    if (::getsockname(socket, reinterpret_cast<sockaddr*>(&own), &length) != 0) {
-        Fail("getsockname", errno);
-    }
+    socklen_t ownLength = sizeof own;
     Query query{};
     query.header.nlmsg_len = sizeof query;
     query.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
@@ -57,55 +58,36 @@ Query MakeQuery(int socket, const sockaddr& peer) {
     query.request.sdiag_protocol = IPPROTO_TCP;
     query.request.idiag_states = ~0U;
     inet_diag_sockid& id = query.request.id;
-    Fill(peer, id.idiag_src, id.idiag_sport);
-    Fill(reinterpret_cast<const sockaddr&>(own), id.idiag_dst, id.idiag_dport);
     id.idiag_cookie[0] = INET_DIAG_NOCOOKIE;
     id.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
-    return query;
+    const FileDescriptor made(
+        diagnostics < 0 ? ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG) : -1);
+    const int netlink = made ? made.Get() : diagnostics;
+    if (::getsockname(socket, reinterpret_cast<sockaddr*>(&own), &ownLength) != 0) {
+        return false;
+    }
+    Fill(peer, id.idiag_src, id.idiag_sport);
+    Fill(reinterpret_cast<const sockaddr&>(own), id.idiag_dst, id.idiag_dport);
+    // The kernel replies before it returns from send.
+    return ::send(netlink, &query, sizeof query, 0) >= 0 &&
+           ::recv(netlink, &reply, sizeof reply, MSG_DONTWAIT) >= 0;
 }
 
 }  // namespace
 
 std::optional<uid_t> FindPeerOwner(int socket, const sockaddr& peer, int diagnostics) {
-    const Query query = MakeQuery(socket, peer);
-    FileDescriptor own;
-    if (diagnostics < 0) {
-        own = FileDescriptor(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
-        if (!own) {
-            Fail("socket", errno);
-        }
-        diagnostics = own.Get();
+    Reply reply{};
+    int error = Ask(socket, peer, diagnostics, reply) ? 0 : errno;
+    if (reply.header.nlmsg_type == NLMSG_ERROR) {
+        error = -reply.error.error;
     }
-    if (::send(diagnostics, &query, sizeof query, 0) != sizeof query) {
-        Fail("send", errno);
+    if (error != 0 && error != ENOENT) {
+        throw SystemException("the kernel does not tell who owns a connection (tcp_diag): " +
+                              std::generic_category().message(error));
     }
-    alignas(nlmsghdr) std::array<char, 4096> buffer{};
-    // The kernel replies before it returns from send.
-    const ssize_t length = ::recv(diagnostics, buffer.data(), buffer.size(), MSG_DONTWAIT);
-    if (length < 0) {
-        Fail("recv", errno);
-    }
-    nlmsghdr header{};
-    const auto size = static_cast<std::size_t>(length);
-    const char* const payload = buffer.data() + sizeof header;
-    if (size >= sizeof header) {
-        std::memcpy(&header, buffer.data(), sizeof header);
-    }
-    if (header.nlmsg_type == NLMSG_ERROR && size >= sizeof header + sizeof(nlmsgerr)) {
-        nlmsgerr error{};
-        std::memcpy(&error, payload, sizeof error);
-        if (error.error == -ENOENT) {
-            return std::nullopt;
-        }
-        Fail("reply", -error.error);
-    }
-    if (header.nlmsg_type != SOCK_DIAG_BY_FAMILY || size < sizeof header + sizeof(inet_diag_msg)) {
-        Fail("reply", EPROTO);
-    }
-    inet_diag_msg found{};
-    std::memcpy(&found, payload, sizeof found);
     // A socket that no process holds, not accepted yet or closed already, counts as root's in `idiag_uid`.
-    return found.idiag_inode != 0 ? std::optional<uid_t>(found.idiag_uid) : std::nullopt;
+    const bool isHeld = reply.header.nlmsg_type == SOCK_DIAG_BY_FAMILY && reply.found.idiag_inode != 0;
+    return isHeld ? std::optional<uid_t>(reply.found.idiag_uid) : std::nullopt;
 }
 
 }  // namespace Tessim

@@ -6,6 +6,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "apps/snmp/agent/NetSnmp.h"
 
@@ -21,13 +22,6 @@ const char* OrErrorText(const char* source) {
 constexpr std::size_t maxLastingBytes = 16UL * 1024 * 1024;
 // What the set allocates for a text besides its characters, about.
 constexpr std::size_t lastingOverhead = 96;
-
-// Returns the text that stands for those beyond the limit.
-const char* LogLastingLimit() {
-    snmp_log(LOG_WARNING, "SNMPLastingString: %zu bytes are in use, further texts read as \"%s\".\n",
-             maxLastingBytes, errorText);
-    return errorText;
-}
 
 void LogNoMemory() {
     snmp_log(LOG_WARNING, "SNMPAllocString: strdup() failed.\n");
@@ -47,14 +41,19 @@ const char* SNMPLastingString(const char* source) {
     // A set never moves its elements, so their characters stay where they are.
     static std::set<std::string, std::less<>> lasting;
     static std::size_t bytes = 0;
+    static bool limitReached = false;
     try {
         const std::string_view text = OrErrorText(source);
         auto position = lasting.lower_bound(text);
         if (position == lasting.end() || *position != text) {
             const std::size_t needed = text.size() + lastingOverhead;
             if (needed > maxLastingBytes - bytes) {
-                static const char* const first = LogLastingLimit();
-                return first;
+                if (!std::exchange(limitReached, true)) {
+                    snmp_log(LOG_WARNING,
+                             "SNMPLastingString: %zu bytes are in use, further texts read as \"%s\".\n",
+                             maxLastingBytes, errorText);
+                }
+                return errorText;
             }
             position = lasting.emplace_hint(position, text);
             bytes += needed;

@@ -120,7 +120,9 @@ TEST_F(SecretFileTest, IsAReadOnlyStreamOfThisProcess) {
     EXPECT_THROW(stream->Write("x", 1), StreamException);
     EXPECT_EQ(ReadBytes(*stream, 1024).size(), 1024U);
     EXPECT_EQ(ReadBytes(*stream, 4096).size(), 3000U - 1024U);
+    EXPECT_TRUE(stream->IsConnected());
     stream->Close();
+    EXPECT_FALSE(stream->IsConnected());
     stream->Close();
     EXPECT_EQ(OpenDescriptors(), descriptors);
     char byte = 0;

@@ -1,12 +1,15 @@
 #include "runtime/tessim/service.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
 
 #include "runtime/tessim/exception.h"
+#include "runtime/tessim/file_descriptor.h"
 
 namespace Tessim::Service {
 namespace {
@@ -53,6 +56,11 @@ TEST(App, IsMadeOnceAndLogsToStandardErrorAtFirst) {
     testing::internal::CaptureStderr();
     Log(nullptr, Logger::LogLevel::Error, "to everybody");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "to everybody\n");
+    // A log that cannot be written holds nobody up.
+    const FileDescriptor kept(::dup(STDERR_FILENO));
+    ASSERT_GE(::dup2(FileDescriptor(::open("/dev/full", O_WRONLY)).Get(), STDERR_FILENO), 0);
+    Log(nullptr, Logger::LogLevel::Error, "to nobody");
+    ASSERT_GE(::dup2(kept.Get(), STDERR_FILENO), 0);
 
     SetDefaultLogger(logger.Get());
     EXPECT_THROW(SetDefaultLogger(nullptr), InvalidArgumentException);
