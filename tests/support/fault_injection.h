@@ -23,7 +23,8 @@ class FaultInjection {
     // time() returns this from now on.
     void SetTime(std::time_t now) { time = now; }
 
-    // The nth call from now on fails, once. For calloc only calls with this element size count.
+    // The nth call from now on fails, once. For calloc only calls with this element size count, unless it is
+    // 0.
     void FailCalloc(std::size_t elementSize, int nth = 1) {
         callocElementSize = elementSize;
         calloc = {nth, 1};

@@ -343,32 +343,29 @@ TEST_F(RefreshTest, RejectsAVmWithoutItsConfiguration) {
     EXPECT_EQ(log.Take(), (Lines{{3, text}}));
 }
 
-// Rows of some tables are of one size; within a VM they are made table by table: cards, adapters, disks,
-// CD-ROM drives, floppy drives, then CPUs, memory, disks and cards of the resource groups.
-static_assert(sizeof(vmNetNode) != sizeof(vmHBANode) && sizeof(vmHBANode) == sizeof(vmCDROMNode) &&
-              sizeof(vmHBANode) == sizeof(vmFloppyNode));
-static_assert(sizeof(vmHBATgtNode) == sizeof(resCPUNode) && sizeof(resCPUNode) == sizeof(resMemNode));
-
 // The second VM's first row of one table cannot be allocated in a rebuild of three VMs with two devices of
 // each kind. It is not an exception, and retried in its turn.
 TEST_F(RefreshTest, EndsAFillerWithoutMemoryAndContinuesWithTheNextFillerAndVm) {
+    // Rows are allocated one by one, after those of the VM table: of each VM two cards, adapters, disks,
+    // CD-ROM drives and floppy drives, then two CPUs, the memory, two disks and two cards of the resource
+    // groups.
+    constexpr int secondVm = 1 + 17 + 1;
     const struct {
-        std::size_t size;
-        int nth;  // which allocation of that size it is
+        int nth;
         std::string counts;
         std::string message;
-    } cases[] = {{sizeof(vmNetNode), 3, "3 4 6 6 6 6 6 3 6 6", "SetNicInfo"},
-                 {sizeof(vmHBANode), 7, "3 6 4 6 6 6 6 3 6 6", "SetStorageInfo: HBANode"},
-                 {sizeof(vmCDROMNode), 9, "3 6 6 6 6 4 6 3 6 6", "SetCdromInfo"},
-                 {sizeof(vmFloppyNode), 11, "3 6 6 6 4 6 6 3 6 6", "SetFloppyInfo"},
-                 {sizeof(vmHBATgtNode), 6, "3 6 6 4 6 6 6 3 6 6", "SetStorageInfo: HBATgt"},
-                 {sizeof(resCPUNode), 8, "3 6 6 6 6 6 4 3 6 6", "SetCPUResource"},
-                 {sizeof(resMemNode), 10, "3 6 6 6 6 6 6 2 6 6", "SetMemResource"},
-                 {sizeof(resDiskNode), 3, "3 6 6 6 6 6 6 3 4 6", "SetDiskResource"},
-                 {sizeof(resNetNode), 3, "3 6 6 6 6 6 6 3 6 4", "SetNetResource"}};
+    } cases[] = {{secondVm, "3 4 6 6 6 6 6 3 6 6", "SetNicInfo"},
+                 {secondVm + 2, "3 6 4 6 6 6 6 3 6 6", "SetStorageInfo: HBANode"},
+                 {secondVm + 4, "3 6 6 4 6 6 6 3 6 6", "SetStorageInfo: HBATgt"},
+                 {secondVm + 6, "3 6 6 6 6 4 6 3 6 6", "SetCdromInfo"},
+                 {secondVm + 8, "3 6 6 6 4 6 6 3 6 6", "SetFloppyInfo"},
+                 {secondVm + 10, "3 6 6 6 6 6 4 3 6 6", "SetCPUResource"},
+                 {secondVm + 12, "3 6 6 6 6 6 6 2 6 6", "SetMemResource"},
+                 {secondVm + 13, "3 6 6 6 6 6 6 3 4 6", "SetDiskResource"},
+                 {secondVm + 15, "3 6 6 6 6 6 6 3 6 4", "SetNetResource"}};
     Check("\nvm 16; vm 32; vm 48; rebuild -> (open stream)\n  6 SNMPRask: refreshing cache completed.\n");
     for (const auto& each : cases) {
-        clock->FailCalloc(each.size, each.nth);
+        clock->FailCalloc(0, each.nth);
         Check("\nexpire; at 0; rows -> " + each.counts + "\n  4 " + each.message + R"(: Out of memory?
   6 SNMPRask: refreshing cache completed.
 at 20; at 21; rows -> 3 6 6 6 6 6 6 3 6 6
