@@ -124,11 +124,15 @@ class SampleWorkers::State : public std::enable_shared_from_this<State> {
             connection = TryToOpen();
         }
         lock.lock();
-        // What was not there for the previous round may be for this one.
-        if (!connection && rounds == before) {
+        // What was found in the previous round need not hold in this one: the connection may have broken
+        // since, or the host be back.
+        if (rounds != before) {
+            return true;
+        }
+        if (!connection) {
             tracker.DropQueued();
         }
-        if (!connection || !tracker.HasQueued()) {
+        if (!tracker.HasQueued()) {
             return true;
         }
         const SampleTracker::Call call = tracker.StartCall(Clock::now());
