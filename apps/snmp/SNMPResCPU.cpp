@@ -32,15 +32,13 @@ constexpr SNMP::Column<resCPUNode> columns[] = {
     {3, "cpuUsedSec", UsedSeconds},
 };
 
-constexpr SNMP::Table<resCPUNode, 1> table{
+constexpr SNMP::Table<resCPUNode> table{
     .handlerName = "SNMP_ResCPUTable",
     .handler = SNMP_ResCPUTable,
     .unknownColumn = "SNMP_ResCPUTable: Unknown variable requested.\n",
     .columns = columns,
     .firstMagic = 5,
-    .rewind = SNMPResCPUTable_Init,
-    .next = SNMPResCPUTable_GetNext,
-    .index = {&resCPUNode::cpuVMID},
+    .rows = {SNMPResCPUTable_Init, SNMPResCPUTable_GetNext, resCPUOrder},
 };
 SNMP::AnswerBuffers buffers;
 

@@ -20,15 +20,13 @@ constexpr SNMP::Column<resDiskNode> columns[] = {
 };
 // clang-format on
 
-constexpr SNMP::Table<resDiskNode, 1> table{
+constexpr SNMP::Table<resDiskNode> table{
     .handlerName = "SNMP_ResDiskTable",
     .handler = SNMP_ResDiskTable,
     .unknownColumn = "SNMP_ResDiskTable: Unknown variable requested.\n",
     .columns = columns,
     .firstMagic = 3,
-    .rewind = SNMPResDiskTable_Init,
-    .next = SNMPResDiskTable_GetNext,
-    .index = {&resDiskNode::diskIdx},
+    .rows = {SNMPResDiskTable_Init, SNMPResDiskTable_GetNext, resDiskOrder},
 };
 SNMP::AnswerBuffers buffers;
 

@@ -22,15 +22,13 @@ constexpr SNMP::Column<resMemNode> columns[] = {
     {4, "memActive", &resMemNode::memActive},
 };
 
-constexpr SNMP::Table<resMemNode, 1> table{
+constexpr SNMP::Table<resMemNode> table{
     .handlerName = "SNMP_ResMemTable",
     .handler = SNMP_ResMemTable,
     .unknownColumn = "SNMP_ResMemTable: Unknown variable requested.\n",
     .columns = columns,
     .firstMagic = 7,
-    .rewind = SNMPResMemTable_Init,
-    .next = SNMPResMemTable_GetNext,
-    .index = {&resMemNode::memVMID},
+    .rows = {SNMPResMemTable_Init, SNMPResMemTable_GetNext, resMemOrder},
 };
 SNMP::AnswerBuffers buffers;
 

@@ -27,15 +27,13 @@ constexpr SNMP::Column<resNetNode> columns[] = {
     {13, "netHCRx", &resNetNode::netHCRx},
 };
 
-constexpr SNMP::Table<resNetNode, 1> table{
+constexpr SNMP::Table<resNetNode> table{
     .handlerName = "SNMP_ResNetTable",
     .handler = SNMP_ResNetTable,
     .unknownColumn = "SNMP_ResNetTable: Unknown variable requested.\n",
     .columns = columns,
     .firstMagic = 3,
-    .rewind = SNMPResNetTable_Init,
-    .next = SNMPResNetTable_GetNext,
-    .index = {&resNetNode::netIdx},
+    .rows = {SNMPResNetTable_Init, SNMPResNetTable_GetNext, resNetOrder},
 };
 SNMP::AnswerBuffers buffers;
 

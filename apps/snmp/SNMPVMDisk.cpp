@@ -13,15 +13,13 @@ constexpr SNMP::Column<vmHBANode> hbaColumns[] = {
     {4, "hbaType", &vmHBANode::hbaType},
 };
 
-constexpr SNMP::Table<vmHBANode, 2> hbaTable{
+constexpr SNMP::Table<vmHBANode> hbaTable{
     .handlerName = "SNMP_VMHBATable",
     .handler = SNMP_VMHBATable,
     .unknownColumn = "SNMP_VMHBATable: Unknown variable requested.\n",
     .columns = hbaColumns,
     .firstMagic = 3,
-    .rewind = SNMPVMHBATable_Init,
-    .next = SNMPVMHBATable_GetNext,
-    .index = {&vmHBANode::vmIdx, &vmHBANode::hbaBus},
+    .rows = {SNMPVMHBATable_Init, SNMPVMHBATable_GetNext, vmHBAOrder},
 };
 SNMP::AnswerBuffers hbaBuffers;
 
@@ -36,15 +34,13 @@ constexpr SNMP::Column<vmHBATgtNode> tgtColumns[] = {
     {3, "tgtLabel", &vmHBATgtNode::tgtLabel},
 };
 
-constexpr SNMP::Table<vmHBATgtNode, 2> tgtTable{
+constexpr SNMP::Table<vmHBATgtNode> tgtTable{
     .handlerName = "SNMP_VMHBATgtTable",
     .handler = SNMP_VMHBATgtTable,
     .unknownColumn = "SNMP_VMHBATgtTable: Unknown variable requested.\n",
     .columns = tgtColumns,
     .firstMagic = 9,
-    .rewind = SNMPVMHBATgtTable_Init,
-    .next = SNMPVMHBATgtTable_GetNext,
-    .index = {&vmHBATgtNode::vmIdx, &vmHBATgtNode::tgtUnit},
+    .rows = {SNMPVMHBATgtTable_Init, SNMPVMHBATgtTable_GetNext, vmHBATgtOrder},
 };
 SNMP::AnswerBuffers tgtBuffers;
 

@@ -13,15 +13,13 @@ constexpr SNMP::Column<vmFloppyNode> floppyColumns[] = {
     {4, "fdConnected", &vmFloppyNode::fdConnected},
 };
 
-constexpr SNMP::Table<vmFloppyNode, 2> floppyTable{
+constexpr SNMP::Table<vmFloppyNode> floppyTable{
     .handlerName = "SNMP_VMFloppyTable",
     .handler = SNMP_VMFloppyTable,
     .unknownColumn = "SNMP_VMFloppyTable: Unknown variable requested.\n",
     .columns = floppyColumns,
     .firstMagic = 3,
-    .rewind = SNMPVMFloppyTable_Init,
-    .next = SNMPVMFloppyTable_GetNext,
-    .index = {&vmFloppyNode::vmIdx, &vmFloppyNode::fdUnit},
+    .rows = {SNMPVMFloppyTable_Init, SNMPVMFloppyTable_GetNext, vmFloppyOrder},
 };
 SNMP::AnswerBuffers floppyBuffers;
 
@@ -38,15 +36,13 @@ constexpr SNMP::Column<vmCDROMNode> cdromColumns[] = {
     {4, "cdConnected", &vmCDROMNode::cdConnected},
 };
 
-constexpr SNMP::Table<vmCDROMNode, 2> cdromTable{
+constexpr SNMP::Table<vmCDROMNode> cdromTable{
     .handlerName = "SNMP_VMCDROMTable",
     .handler = SNMP_VMCDROMTable,
     .unknownColumn = "SNMP_VMCDROMTable: Unknown variable requested.\n",
     .columns = cdromColumns,
     .firstMagic = 3,
-    .rewind = SNMPVMCDROMTable_Init,
-    .next = SNMPVMCDROMTable_GetNext,
-    .index = {&vmCDROMNode::vmIdx, &vmCDROMNode::cdIdeIndex},
+    .rows = {SNMPVMCDROMTable_Init, SNMPVMCDROMTable_GetNext, vmCDROMOrder},
 };
 SNMP::AnswerBuffers cdromBuffers;
 

@@ -17,15 +17,13 @@ constexpr SNMP::Column<vmEntry> columns[] = {
     {8, "vmGuestState", &vmEntry::vmGuestState},
 };
 
-constexpr SNMP::Table<vmEntry, 0> table{
+constexpr SNMP::Table<vmEntry> table{
     .handlerName = "SNMP_VMInfoTable",
     .handler = SNMP_VMInfoTable,
     .unknownColumn = "SNMPVMInfo_Table: Unknown variable requested.\n",
     .columns = columns,
     .firstMagic = 3,
-    .rewind = SNMPVMInfoTable_Init,
-    .next = SNMPVMInfoTable_GetNext,
-    .index = {},
+    .rows = {vmInfoTableIndex, SNMPVMInfoTable_GetNext},
 };
 SNMP::AnswerBuffers buffers;
 

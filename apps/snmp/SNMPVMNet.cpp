@@ -17,15 +17,13 @@ constexpr SNMP::Column<vmNetNode> columns[] = {
 };
 // clang-format on
 
-constexpr SNMP::Table<vmNetNode, 2> table{
+constexpr SNMP::Table<vmNetNode> table{
     .handlerName = "SNMP_VMNetTable",
     .handler = SNMP_VMNetTable,
     .unknownColumn = "SNMP_VMNetTable: unknown variable requested.\n",
     .columns = columns,
     .firstMagic = 3,
-    .rewind = SNMPVMNetTable_Init,
-    .next = SNMPVMNetTable_GetNext,
-    .index = {&vmNetNode::vmIdx, &vmNetNode::nicIdx},
+    .rows = {SNMPVMNetTable_Init, SNMPVMNetTable_GetNext, vmNetOrder},
 };
 SNMP::AnswerBuffers buffers;
 

@@ -5,6 +5,7 @@
 resCPUNode* resCPUList = nullptr;
 std::int32_t resCPUTableIndex = 0;
 resCPUNode* resCPUListTravPtr = nullptr;
+SNMP::RowOrder<resCPUNode> resCPUOrder(resCPUList);
 
 void SNMPResCPUTable_Init() {
     SNMP::RewindRows(resCPUList, resCPUTableIndex, resCPUListTravPtr);
@@ -15,16 +16,18 @@ int SNMPResCPUTable_GetNext(resCPUNode** row) {
 }
 
 void SNMPResCPUTable_Destroy() {
-    SNMP::DestroyRows(resCPUList);
+    SNMP::DestroyRows(resCPUList, resCPUOrder);
 }
 
 resCPUNode** SNMPResCPUTable_GetPtr() {
+    resCPUOrder.Forget();
     return &resCPUList;
 }
 
 resMemNode* resMemList = nullptr;
 std::int32_t resMemTableIndex = 0;
 resMemNode* resMemListTravPtr = nullptr;
+SNMP::RowOrder<resMemNode> resMemOrder(resMemList);
 
 void SNMPResMemTable_Init() {
     SNMP::RewindRows(resMemList, resMemTableIndex, resMemListTravPtr);
@@ -35,16 +38,18 @@ int SNMPResMemTable_GetNext(resMemNode** row) {
 }
 
 void SNMPResMemTable_Destroy() {
-    SNMP::DestroyRows(resMemList);
+    SNMP::DestroyRows(resMemList, resMemOrder);
 }
 
 resMemNode** SNMPResMemTable_GetPtr() {
+    resMemOrder.Forget();
     return &resMemList;
 }
 
 resDiskNode* resDiskList = nullptr;
 std::int32_t resDiskTableIndex = 0;
 resDiskNode* resDiskListTravPtr = nullptr;
+SNMP::RowOrder<resDiskNode> resDiskOrder(resDiskList);
 
 void SNMPResDiskTable_Init() {
     SNMP::RewindRows(resDiskList, resDiskTableIndex, resDiskListTravPtr);
@@ -55,16 +60,18 @@ int SNMPResDiskTable_GetNext(resDiskNode** row) {
 }
 
 void SNMPResDiskTable_Destroy() {
-    SNMP::DestroyRows(resDiskList);
+    SNMP::DestroyRows(resDiskList, resDiskOrder);
 }
 
 resDiskNode** SNMPResDiskTable_GetPtr() {
+    resDiskOrder.Forget();
     return &resDiskList;
 }
 
 resNetNode* resNetList = nullptr;
 std::int32_t resNetTableIndex = 0;
 resNetNode* resNetListTravPtr = nullptr;
+SNMP::RowOrder<resNetNode> resNetOrder(resNetList);
 
 void SNMPResNetTable_Init() {
     SNMP::RewindRows(resNetList, resNetTableIndex, resNetListTravPtr);
@@ -75,9 +82,10 @@ int SNMPResNetTable_GetNext(resNetNode** row) {
 }
 
 void SNMPResNetTable_Destroy() {
-    SNMP::DestroyRows(resNetList);
+    SNMP::DestroyRows(resNetList, resNetOrder);
 }
 
 resNetNode** SNMPResNetTable_GetPtr() {
+    resNetOrder.Forget();
     return &resNetList;
 }

@@ -3,23 +3,28 @@
 // Destroy releases the rows alone: the strings of disk and network rows are lasting strings.
 #pragma once
 
+#include "apps/snmp/collections/RowOrder.h"
 #include "apps/snmp/collections/Rows.h"
 
 extern resCPUNode* resCPUList;
 extern std::int32_t resCPUTableIndex;
 extern resCPUNode* resCPUListTravPtr;
+extern SNMP::RowOrder<resCPUNode> resCPUOrder;
 
 extern resMemNode* resMemList;
 extern std::int32_t resMemTableIndex;
 extern resMemNode* resMemListTravPtr;
+extern SNMP::RowOrder<resMemNode> resMemOrder;
 
 extern resDiskNode* resDiskList;
 extern std::int32_t resDiskTableIndex;
 extern resDiskNode* resDiskListTravPtr;
+extern SNMP::RowOrder<resDiskNode> resDiskOrder;
 
 extern resNetNode* resNetList;
 extern std::int32_t resNetTableIndex;
 extern resNetNode* resNetListTravPtr;
+extern SNMP::RowOrder<resNetNode> resNetOrder;
 
 extern "C" {
 

@@ -1,12 +1,13 @@
 // The mechanics of a list collection: rows chained through `next`, returned one by one.
 //
-// A table keeps three module-wide variables: the head of its list, the number of rows returned since the last
-// rewind, and the row to return next. Its operations pass them here.
+// A table keeps four module-wide variables: the head of its list, the number of rows returned since the last
+// rewind, the row to return next, and the order of the rows. Its operations pass them here.
 #pragma once
 
 #include <cstdint>
 #include <cstdlib>
 
+#include "apps/snmp/collections/RowOrder.h"
 #include "apps/snmp/collections/Rows.h"
 
 namespace SNMP {
@@ -38,9 +39,10 @@ void FreeStrings(const Row& row) {
 }
 
 // Releases every row with the strings that it owns, and leaves the list empty. Rows returned before are
-// invalid then; count and traversal keep their values until the next rewind.
+// invalid then; count and traversal keep their values until the next rewind, and there is no order.
 template <class Row>
-void DestroyRows(Row*& head) {
+void DestroyRows(Row*& head, RowOrder<Row>& order) {
+    order.Forget();
     while (head != nullptr) {
         Row* const row = head;
         FreeStrings(*row);

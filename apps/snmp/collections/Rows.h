@@ -113,6 +113,28 @@ struct resNetNode {
     resNetNode* next;
 };
 
+// The fields whose values are a row's index, in their order; none where the index is the row's position.
+template <class Row>
+inline constexpr std::array<std::int32_t Row::*, 0> indexFields{};
+template <>
+inline constexpr std::array indexFields<vmHBANode>{&vmHBANode::vmIdx, &vmHBANode::hbaBus};
+template <>
+inline constexpr std::array indexFields<vmHBATgtNode>{&vmHBATgtNode::vmIdx, &vmHBATgtNode::tgtUnit};
+template <>
+inline constexpr std::array indexFields<vmNetNode>{&vmNetNode::vmIdx, &vmNetNode::nicIdx};
+template <>
+inline constexpr std::array indexFields<vmFloppyNode>{&vmFloppyNode::vmIdx, &vmFloppyNode::fdUnit};
+template <>
+inline constexpr std::array indexFields<vmCDROMNode>{&vmCDROMNode::vmIdx, &vmCDROMNode::cdIdeIndex};
+template <>
+inline constexpr std::array indexFields<resCPUNode>{&resCPUNode::cpuVMID};
+template <>
+inline constexpr std::array indexFields<resMemNode>{&resMemNode::memVMID};
+template <>
+inline constexpr std::array indexFields<resDiskNode>{&resDiskNode::diskIdx};
+template <>
+inline constexpr std::array indexFields<resNetNode>{&resNetNode::netIdx};
+
 // The strings that a row of the type owns: what a collection releases with the row.
 template <class Row>
 inline constexpr std::array<char * Row::*, 0> ownedStrings{};

@@ -43,6 +43,7 @@ void SNMPVMInfoTable_SetNumEntries(int n) {
 vmHBANode* vmHBAList = nullptr;
 std::int32_t vmHBATableIndex = 0;
 vmHBANode* vmHBAListTravPtr = nullptr;
+SNMP::RowOrder<vmHBANode> vmHBAOrder(vmHBAList);
 
 void SNMPVMHBATable_Init() {
     SNMP::RewindRows(vmHBAList, vmHBATableIndex, vmHBAListTravPtr);
@@ -53,16 +54,18 @@ int SNMPVMHBATable_GetNext(vmHBANode** row) {
 }
 
 void SNMPVMHBATable_Destroy() {
-    SNMP::DestroyRows(vmHBAList);
+    SNMP::DestroyRows(vmHBAList, vmHBAOrder);
 }
 
 vmHBANode** SNMPVMHBATable_GetPtr() {
+    vmHBAOrder.Forget();
     return &vmHBAList;
 }
 
 vmHBATgtNode* vmHBATgtList = nullptr;
 std::int32_t vmHBATgtTableIndex = 0;
 vmHBATgtNode* vmHBATgtListTravPtr = nullptr;
+SNMP::RowOrder<vmHBATgtNode> vmHBATgtOrder(vmHBATgtList);
 
 void SNMPVMHBATgtTable_Init() {
     SNMP::RewindRows(vmHBATgtList, vmHBATgtTableIndex, vmHBATgtListTravPtr);
@@ -73,16 +76,18 @@ int SNMPVMHBATgtTable_GetNext(vmHBATgtNode** row) {
 }
 
 void SNMPVMHBATgtTable_Destroy() {
-    SNMP::DestroyRows(vmHBATgtList);
+    SNMP::DestroyRows(vmHBATgtList, vmHBATgtOrder);
 }
 
 vmHBATgtNode** SNMPVMHBATgtTable_GetPtr() {
+    vmHBATgtOrder.Forget();
     return &vmHBATgtList;
 }
 
 vmNetNode* vmNetList = nullptr;
 std::int32_t vmNetTableIndex = 0;
 vmNetNode* vmNetListTravPtr = nullptr;
+SNMP::RowOrder<vmNetNode> vmNetOrder(vmNetList);
 
 void SNMPVMNetTable_Init() {
     SNMP::RewindRows(vmNetList, vmNetTableIndex, vmNetListTravPtr);
@@ -93,16 +98,18 @@ int SNMPVMNetTable_GetNext(vmNetNode** row) {
 }
 
 void SNMPVMNetTable_Destroy() {
-    SNMP::DestroyRows(vmNetList);
+    SNMP::DestroyRows(vmNetList, vmNetOrder);
 }
 
 vmNetNode** SNMPVMNetTable_GetPtr() {
+    vmNetOrder.Forget();
     return &vmNetList;
 }
 
 vmFloppyNode* vmFloppyList = nullptr;
 std::int32_t vmFloppyTableIndex = 0;
 vmFloppyNode* vmFloppyListTravPtr = nullptr;
+SNMP::RowOrder<vmFloppyNode> vmFloppyOrder(vmFloppyList);
 
 void SNMPVMFloppyTable_Init() {
     SNMP::RewindRows(vmFloppyList, vmFloppyTableIndex, vmFloppyListTravPtr);
@@ -113,16 +120,18 @@ int SNMPVMFloppyTable_GetNext(vmFloppyNode** row) {
 }
 
 void SNMPVMFloppyTable_Destroy() {
-    SNMP::DestroyRows(vmFloppyList);
+    SNMP::DestroyRows(vmFloppyList, vmFloppyOrder);
 }
 
 vmFloppyNode** SNMPVMFloppyTable_GetPtr() {
+    vmFloppyOrder.Forget();
     return &vmFloppyList;
 }
 
 vmCDROMNode* vmCDROMList = nullptr;
 std::int32_t vmCDROMTableIndex = 0;
 vmCDROMNode* vmCDROMListTravPtr = nullptr;
+SNMP::RowOrder<vmCDROMNode> vmCDROMOrder(vmCDROMList);
 
 void SNMPVMCDROMTable_Init() {
     SNMP::RewindRows(vmCDROMList, vmCDROMTableIndex, vmCDROMListTravPtr);
@@ -133,9 +142,10 @@ int SNMPVMCDROMTable_GetNext(vmCDROMNode** row) {
 }
 
 void SNMPVMCDROMTable_Destroy() {
-    SNMP::DestroyRows(vmCDROMList);
+    SNMP::DestroyRows(vmCDROMList, vmCDROMOrder);
 }
 
 vmCDROMNode** SNMPVMCDROMTable_GetPtr() {
+    vmCDROMOrder.Forget();
     return &vmCDROMList;
 }

@@ -6,10 +6,12 @@
 //   GetNext  stores the next row and returns its position in the list; stores null and returns -1 at the end.
 //   Destroy  releases the rows and the strings that they own, and leaves the list empty. Rows
 //            returned before are invalid then; the cursor stays as it is until the next Init.
-//   GetPtr   returns the address of the head variable, through which rows are linked in. Rows
-//            are `calloc`-ed, and the collection owns them.
+//   GetPtr   returns the address of the head variable, through which rows are linked in until the next
+//            Destroy, and forgets the order of the rows. Rows are `calloc`-ed, and the collection owns
+//            them.
 #pragma once
 
+#include "apps/snmp/collections/RowOrder.h"
 #include "apps/snmp/collections/Rows.h"
 
 // An array: the block of rows or null, the number of rows, and the position that GetNext returns next.
@@ -17,26 +19,32 @@ extern vmEntry* vmInfoTable;
 extern std::int32_t vmInfoTableNumEnt;
 extern std::int32_t vmInfoTableIndex;
 
-// A list: its head, the number of rows returned since the last Init, and the row that GetNext returns next.
+// A list: its head, the number of rows returned since the last Init, the row that GetNext returns next, and
+// the order of its rows.
 extern vmHBANode* vmHBAList;
 extern std::int32_t vmHBATableIndex;
 extern vmHBANode* vmHBAListTravPtr;
+extern SNMP::RowOrder<vmHBANode> vmHBAOrder;
 
 extern vmHBATgtNode* vmHBATgtList;
 extern std::int32_t vmHBATgtTableIndex;
 extern vmHBATgtNode* vmHBATgtListTravPtr;
+extern SNMP::RowOrder<vmHBATgtNode> vmHBATgtOrder;
 
 extern vmNetNode* vmNetList;
 extern std::int32_t vmNetTableIndex;
 extern vmNetNode* vmNetListTravPtr;
+extern SNMP::RowOrder<vmNetNode> vmNetOrder;
 
 extern vmFloppyNode* vmFloppyList;
 extern std::int32_t vmFloppyTableIndex;
 extern vmFloppyNode* vmFloppyListTravPtr;
+extern SNMP::RowOrder<vmFloppyNode> vmFloppyOrder;
 
 extern vmCDROMNode* vmCDROMList;
 extern std::int32_t vmCDROMTableIndex;
 extern vmCDROMNode* vmCDROMListTravPtr;
+extern SNMP::RowOrder<vmCDROMNode> vmCDROMOrder;
 
 extern "C" {
 

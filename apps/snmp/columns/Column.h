@@ -11,9 +11,11 @@
 #include <initializer_list>
 #include <span>
 #include <stdexcept>
+#include <type_traits>
 #include <variant>
 
 #include "apps/snmp/agent/NetSnmp.h"
+#include "apps/snmp/collections/RowOrder.h"
 
 namespace SNMP {
 
@@ -45,18 +47,30 @@ struct Scalar {
     const char* name;  // its name in the MIB
 };
 
-// A table with rows of type Row. Rows are indexed by the fields `index`, or, where Width is 0, by their
-// position.
-template <class Row, std::size_t Width>
+// How the rows of an array are read: the position that `next` returns next, and the collection's GetNext.
+template <class Row>
+struct ArrayAccess {
+    std::int32_t& position;
+    int (*next)(Row** row);
+};
+
+// How the rows of a list are read: the collection's Init and GetNext, and the order of the rows.
+template <class Row>
+struct ListAccess {
+    void (*rewind)();
+    int (*next)(Row** row);
+    RowOrder<Row>& order;
+};
+
+// A table with rows of type Row: a list, or an array where rows are indexed by their position.
+template <class Row>
 struct Table {
     const char* handlerName;  // in the log
     FindVarMethod* handler;
     const char* unknownColumn;  // the detail of a request for a magic that no column has
     std::span<const Column<Row>> columns;
     u_char firstMagic;  // of column 1; the others follow by number
-    void (*rewind)();
-    int (*next)(Row** row);
-    std::array<std::int32_t Row::*, Width> index;
+    std::conditional_t<indexFields<Row>.empty(), ArrayAccess<Row>, ListAccess<Row>> rows;
 
     // The column with that magic, or null.
     constexpr const Column<Row>* FindColumn(u_char magic) const {
@@ -99,8 +113,8 @@ constexpr Variables<Variable, count> ScalarVariables(const Scalar (&scalars)[cou
 }
 
 // The variables of a table whose entry has the sub-identifiers `entry` under the group's base OID.
-template <class Variable, std::size_t count, class Row, std::size_t Width, std::same_as<int>... SubIds>
-constexpr Variables<Variable, count> ColumnVariables(const Table<Row, Width>& table, SubIds... entry) {
+template <class Variable, std::size_t count, class Row, std::same_as<int>... SubIds>
+constexpr Variables<Variable, count> ColumnVariables(const Table<Row>& table, SubIds... entry) {
     if (table.columns.size() != count) {
         throw std::logic_error("one variable per column");
     }

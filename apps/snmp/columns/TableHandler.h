@@ -34,8 +34,8 @@ u_char* SetAnswer(const Row& row, const typename Column<Row>::Field& field, Answ
 
 // Returns the answer to a request into `table`; null when no row matches it, for a magic that no column has
 // and, after a line in the log, after an exception.
-template <class Row, std::size_t Width>
-u_char* HandleTable(const Table<Row, Width>& table, AnswerBuffers& buffers, const Request& request) noexcept {
+template <class Row>
+u_char* HandleTable(const Table<Row>& table, AnswerBuffers& buffers, const Request& request) noexcept {
     return Guard(table.handlerName, [&]() -> u_char* {
         SNMPRaskTable_Init();
         const Row* const row = FindRow(table, request);

@@ -7,12 +7,13 @@
 #pragma once
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <span>
 
 #include "apps/snmp/agent/NetSnmp.h"
+#include "apps/snmp/collections/RowOrder.h"
 #include "apps/snmp/columns/Column.h"
 
 namespace SNMP {
@@ -26,15 +27,6 @@ struct Request {
     std::size_t* varLen;
     WriteMethod** writeMethod;
 };
-
-// A row's index, sub-identifier by sub-identifier.
-template <std::size_t Width>
-using RowIndex = std::array<oid, Width>;
-
-// The field as a sub-identifier: its 32 bits, unsigned, so that -1 is 4294967295.
-inline oid ToSubId(std::int32_t field) noexcept {
-    return static_cast<std::uint32_t>(field);
-}
 
 // The part of a request that an index of one column is compared with.
 template <std::size_t Width>
@@ -63,61 +55,110 @@ class RequestedIndex {
 
     // GET: whether the index is the requested one. GETNEXT: whether it lies beyond the request.
     bool Admits(const RowIndex<Width>& index) const noexcept {
-        const std::size_t shared = std::min(Width, tail.size());
-        for (std::size_t i = 0; i < shared; ++i) {
-            if (index[i] != tail[i]) {
-                return !exact && index[i] > tail[i];
-            }
+        return exact ? Compare(index) == 0 : Compare(index) > 0;
+    }
+
+    // Whether the index is admitted, or larger than an admitted one.
+    bool Reaches(const RowIndex<Width>& index) const noexcept {
+        return exact ? Compare(index) >= 0 : Compare(index) > 0;
+    }
+
+    // The smallest index that may be admitted, of one sub-identifier, as a position.
+    std::int32_t FirstPosition() const noexcept {
+        constexpr oid largest = std::numeric_limits<std::int32_t>::max();
+        if (tail.empty()) {
+            return 0;
         }
-        return exact || Width > tail.size();
+        return static_cast<std::int32_t>(exact ? std::min(tail[0], largest)
+                                               : std::min(tail[0], largest - 1) + 1);
     }
 
   private:
+    // Below, at (0) or above what is requested.
+    int Compare(const RowIndex<Width>& index) const noexcept {
+        const std::size_t shared = std::min(Width, tail.size());
+        for (std::size_t i = 0; i < shared; ++i) {
+            if (index[i] != tail[i]) {
+                return index[i] < tail[i] ? -1 : 1;
+            }
+        }
+        return Width == tail.size() ? 0 : Width < tail.size() ? -1 : 1;
+    }
+
     bool exact;
     bool reachable = false;
     // The request beyond the column OID; empty when it ends within that or precedes it.
     std::span<const oid> tail;
 };
 
+// A row and its index.
+template <class Row>
+struct IndexedRow {
+    static constexpr std::size_t width = std::max<std::size_t>(indexFields<Row>.size(), 1);
+
+    const Row* row = nullptr;
+    RowIndex<width> index{};
+};
+
+// The answering row of a list by its definition, whatever the order of the list; null when there is none.
+template <class Row>
+IndexedRow<Row> FindByWalk(const ListAccess<Row>& rows,
+                           const RequestedIndex<IndexedRow<Row>::width>& requested) {
+    IndexedRow<Row> best;
+    Row* row = nullptr;
+    rows.rewind();
+    while (rows.next(&row) != -1) {
+        const auto index = IndexOf(*row);
+        if (requested.Admits(index) && (best.row == nullptr || index < best.index)) {
+            best = {row, index};
+        }
+    }
+    return best;
+}
+
+// The same row, by the order of the list where it is known.
+template <class Row>
+IndexedRow<Row> FindRow(const ListAccess<Row>& rows,
+                        const RequestedIndex<IndexedRow<Row>::width>& requested) {
+    if (!rows.order.IsKnown()) {
+        return FindByWalk(rows, requested);
+    }
+    const Row* const row =
+        rows.order.FindFirst([&](const Row& each) { return requested.Reaches(IndexOf(each)); });
+    if (row == nullptr || !requested.Admits(IndexOf(*row))) {
+        return {};
+    }
+    return {row, IndexOf(*row)};
+}
+
+// The answering row of an array; null when there is none.
+template <class Row>
+IndexedRow<Row> FindRow(const ArrayAccess<Row>& rows, const RequestedIndex<1>& requested) {
+    Row* row = nullptr;
+    rows.position = requested.FirstPosition();
+    const int position = rows.next(&row);
+    return {row, {static_cast<std::uint32_t>(position)}};
+}
+
 // The row that answers the request, or null. On success the request's OID becomes the row's instance OID, the
-// answer's length 4 and the write method null.
-template <class Row, std::size_t Width>
-const Row* FindRow(const Table<Row, Width>& table, const Request& request) {
-    constexpr bool isArray = Width == 0;
-    constexpr std::size_t indexWidth = isArray ? 1 : Width;
-    const RequestedIndex<indexWidth> requested(request);
+// answer's length 4 and the write method null. Allocates nothing.
+template <class Row>
+const Row* FindRow(const Table<Row>& table, const Request& request) {
+    const RequestedIndex<IndexedRow<Row>::width> requested(request);
     if (!requested.Reachable()) {
         return nullptr;
     }
-    // Positions ascend, so that the first one beyond a request is the next. Lists come in any order.
-    const bool firstIsBest = request.exact != 0 || isArray;
-    const Row* best = nullptr;
-    RowIndex<indexWidth> bestIndex{};
-    Row* row = nullptr;
-    table.rewind();
-    for (int position = table.next(&row); position != -1; position = table.next(&row)) {
-        RowIndex<indexWidth> index{ToSubId(position)};
-        for (std::size_t i = 0; i < Width; ++i) {
-            index[i] = ToSubId(row->*table.index[i]);
-        }
-        if (requested.Admits(index) && (best == nullptr || index < bestIndex)) {
-            best = row;
-            bestIndex = index;
-            if (firstIsBest) {
-                break;
-            }
-        }
-    }
-    if (best == nullptr) {
+    const IndexedRow<Row> found = FindRow(table.rows, requested);
+    if (found.row == nullptr) {
         return nullptr;
     }
     const std::size_t columnLength = request.vp->namelen;
     std::copy_n(request.vp->name, columnLength, request.name);
-    std::copy_n(bestIndex.begin(), indexWidth, request.name + columnLength);
-    *request.length = columnLength + indexWidth;
+    std::copy(found.index.begin(), found.index.end(), request.name + columnLength);
+    *request.length = columnLength + found.index.size();
     *request.varLen = 4;
     *request.writeMethod = nullptr;
-    return best;
+    return found.row;
 }
 
 }  // namespace SNMP

@@ -59,6 +59,19 @@ class CacheFiller {
     TailCursor<resNetNode> resNet{SNMPResNetTable_GetPtr()};
 };
 
+// Of every list.
+void OrderRows() {
+    vmNetOrder.Make();
+    vmHBAOrder.Make();
+    vmHBATgtOrder.Make();
+    vmCDROMOrder.Make();
+    vmFloppyOrder.Make();
+    resCPUOrder.Make();
+    resMemOrder.Make();
+    resDiskOrder.Make();
+    resNetOrder.Make();
+}
+
 }  // namespace
 
 void FillTables(OrdaneClient* client, Ordane::DataArray<Hask::VirtualMachine>* vms,
@@ -82,6 +95,7 @@ void FillTables(OrdaneClient* client, Ordane::DataArray<Hask::VirtualMachine>* v
     for (int index = 0; index < count; ++index) {
         filler.Fill(index, (*vms)[index], (*configs)[index]);
     }
+    OrderRows();
     snmp_log(LOG_INFO, "SNMPRask: refreshing cache completed.\n");
 }
 

@@ -145,10 +145,14 @@ static void FindColumns(void) {
     }
 }
 
-static u_char* Next(struct variable* column, oid* name, size_t* length, size_t* valueLength) {
+static u_char* Call(struct variable* column, oid* name, size_t* length, int exact, size_t* valueLength) {
     WriteMethod* write = NULL;
     *valueLength = 0;
-    return column->findVar(column, name, length, 0, valueLength, &write);
+    return column->findVar(column, name, length, exact, valueLength, &write);
+}
+
+static u_char* Next(struct variable* column, oid* name, size_t* length, size_t* valueLength) {
+    return Call(column, name, length, 0, valueLength);
 }
 
 static void AddInstance(struct Dump* dump, const oid* name, size_t length, const u_char* value,
@@ -251,10 +255,18 @@ static void RebuildWithoutDescriptors(void) {
     allocations = 4;
 }
 
-static void RequestEveryColumn(void) {
+/* Walks every column, with a GET of each instance. */
+static void RequestEveryInstance(void) {
     for (int i = 0; i < columnCount; ++i) {
         if (!IsScalar(&columns[i])) {
-            Request(&columns[i]);
+            oid name[MAX_OID_LEN];
+            size_t length = columns[i].namelen, valueLength;
+            memcpy(name, columns[i].name, length * sizeof(oid));
+            counting = 1;
+            while (Next(&columns[i], name, &length, &valueLength) != NULL &&
+                   Call(&columns[i], name, &length, 1, &valueLength) != NULL) {
+            }
+            counting = 0;
         }
     }
 }
@@ -288,7 +300,7 @@ int main(int argc, char** argv) {
     }
     const int scalars = strcmp(argv[2], "scalars") == 0;
     void (*const scenario)(void) = scalars                               ? RequestEveryScalar
-                                   : strcmp(argv[2], "request") == 0     ? RequestEveryColumn
+                                   : strcmp(argv[2], "request") == 0     ? RequestEveryInstance
                                    : strcmp(argv[2], "descriptors") == 0 ? RebuildWithoutDescriptors
                                                                          : Rebuild;
     failOn = strcmp(argv[3], "on") == 0;

@@ -90,6 +90,8 @@ TYPED_TEST(Table, ReturnsEveryFieldOfItsRowsInTheOrderOfTheirIndexes) {
     InsertRow(this->table, 6);  // numbers are 0, texts are missing
     ASSERT_GE(this->columns.size(), this->table.fields.size());
     this->ExpectRows();
+    OrderRows(this->table);
+    this->ExpectRows();
     EXPECT_EQ(TakeDetail(), "");
 }
 
@@ -115,6 +117,7 @@ TYPED_TEST(Table, FindsTheRowThatAnswersByDefinition) {
         }
     }
     const std::vector<Oid> instances = Instances(this->table, column.name);
+    OrderRows(this->table);
     for (const Oid& start : starts) {
         for (const Oid& tail : tails) {
             for (const bool exact : {true, false}) {
@@ -175,6 +178,12 @@ vms:
     EXPECT_TRUE(this->columns[0].GetNext({}).answered);
     EXPECT_EQ(daemon.CountCalls("GetChildEntity"), 1);
     this->log.Take();
+    if constexpr (!isArray<TypeParam>) {
+        EXPECT_TRUE(this->table.order->IsKnown());
+    }
+    this->clock.SetTime(0);
+    this->AddRow(0, 0);
+    this->ExpectRows();
 }
 
 TYPED_TEST(Table, KeepsAnExceptionOfTheRefreshFromTheAgent) {

@@ -37,6 +37,10 @@ constexpr bool isArray = std::is_same_v<Row, vmEntry>;
 template <class Row>
 using Traversal = std::conditional_t<isArray<Row>, std::nullptr_t, Row**>;
 
+// What a list's rows are ordered by; an array has none.
+template <class Row>
+using Order = std::conditional_t<isArray<Row>, std::nullptr_t, SNMP::RowOrder<Row>*>;
+
 template <class Row>
 struct TableFacts {
     // `const char*` texts are lasting strings, `char*` ones are owned by the row.
@@ -54,8 +58,10 @@ struct TableFacts {
     int (*getNext)(Row**);
     void (*destroy)();
     Row** (*getPtr)();
-    std::int32_t* index;  // the collection's variables
+    Row** head;  // the collection's variables
+    std::int32_t* index;
     Traversal<Row> traversal;
+    Order<Row> order;
     std::size_t indexFields;  // how many of the first fields are the index; 0: the position is
     // In the order of the columns. Values of columns without an entry are left to the fillers' tests and to
     // the expected tree.
@@ -66,32 +72,34 @@ template <class Row>
 const TableFacts<Row>& Facts();
 
 // The facts of a table; the last arguments are its fields, with `Row` for the row's type.
-#define TABLE_FACTS(rowType, table, unknownColumn, indexVariable, traversal, indexFields, ...) \
-    template <>                                                                                \
-    inline const TableFacts<rowType>& Facts() {                                                \
-        using Row = rowType;                                                                   \
-        static const TableFacts<Row> facts{"SNMP_" #table "Table",                             \
-                                           SNMP_##table##Table,                                \
-                                           unknownColumn,                                      \
-                                           SNMP##table##Table_Init,                            \
-                                           SNMP##table##Table_GetNext,                         \
-                                           SNMP##table##Table_Destroy,                         \
-                                           SNMP##table##Table_GetPtr,                          \
-                                           indexVariable,                                      \
-                                           traversal,                                          \
-                                           indexFields,                                        \
-                                           {__VA_ARGS__}};                                     \
-        return facts;                                                                          \
+#define TABLE_FACTS(rowType, table, unknownColumn, head, indexVariable, traversal, order, fields, ...) \
+    template <>                                                                                        \
+    inline const TableFacts<rowType>& Facts() {                                                        \
+        using Row = rowType;                                                                           \
+        static const TableFacts<Row> facts{"SNMP_" #table "Table",                                     \
+                                           SNMP_##table##Table,                                        \
+                                           unknownColumn,                                              \
+                                           SNMP##table##Table_Init,                                    \
+                                           SNMP##table##Table_GetNext,                                 \
+                                           SNMP##table##Table_Destroy,                                 \
+                                           SNMP##table##Table_GetPtr,                                  \
+                                           head,                                                       \
+                                           indexVariable,                                              \
+                                           traversal,                                                  \
+                                           order,                                                      \
+                                           fields,                                                     \
+                                           {__VA_ARGS__}};                                             \
+        return facts;                                                                                  \
     }
-#define LIST_FACTS(rowType, table, list, unknown, indexFields, ...)                        \
-    TABLE_FACTS(rowType, table, "SNMP_" #table "Table: " unknown " variable requested.\n", \
-                &list##TableIndex, &list##ListTravPtr, indexFields, __VA_ARGS__)
+#define LIST_FACTS(rowType, table, list, unknown, fields, ...)                                          \
+    TABLE_FACTS(rowType, table, "SNMP_" #table "Table: " unknown " variable requested.\n", &list##List, \
+                &list##TableIndex, &list##ListTravPtr, &list##Order, fields, __VA_ARGS__)
 
-TABLE_FACTS(vmEntry, VMInfo, "SNMPVMInfo_Table: Unknown variable requested.\n", &vmInfoTableIndex, nullptr, 0,
-            {"vmIdx", &Row::vmIdx}, {"vmDisplayName", &Row::vmDisplayName},
-            {"vmConfigFile", &Row::vmConfigFile}, {"vmGuestOS", &Row::vmGuestOS},
-            {"vmMemSize", &Row::vmMemSize}, {"vmState", &Row::vmState}, {"vmVMID", &Row::vmVMID},
-            {"vmGuestState", &Row::vmGuestState})
+TABLE_FACTS(vmEntry, VMInfo, "SNMPVMInfo_Table: Unknown variable requested.\n", &vmInfoTable,
+            &vmInfoTableIndex, nullptr, nullptr, 0, {"vmIdx", &Row::vmIdx},
+            {"vmDisplayName", &Row::vmDisplayName}, {"vmConfigFile", &Row::vmConfigFile},
+            {"vmGuestOS", &Row::vmGuestOS}, {"vmMemSize", &Row::vmMemSize}, {"vmState", &Row::vmState},
+            {"vmVMID", &Row::vmVMID}, {"vmGuestState", &Row::vmGuestState})
 LIST_FACTS(vmHBANode, VMHBA, vmHBA, "Unknown", 2, {"hbaVmIdx", &Row::vmIdx}, {"hbaBus", &Row::hbaBus},
            {"hbaLabel", &Row::hbaLabel}, {"hbaType", &Row::hbaType})
 LIST_FACTS(vmHBATgtNode, VMHBATgt, vmHBATgt, "Unknown", 2, {"tgtVmIdx", &Row::vmIdx},
@@ -146,14 +154,22 @@ std::vector<Row*> ListRows(const TableFacts<Row>& table) {
     std::vector<Row*> rows;
     if constexpr (isArray<Row>) {
         for (std::int32_t position = 0; position < vmInfoTableNumEnt; ++position) {
-            rows.push_back(*table.getPtr() + position);
+            rows.push_back(*table.head + position);
         }
     } else {
-        for (Row* row = *table.getPtr(); row != nullptr; row = row->next) {
+        for (Row* row = *table.head; row != nullptr; row = row->next) {
             rows.push_back(row);
         }
     }
     return rows;
+}
+
+// Orders the rows, as a rebuild does at its end.
+template <class Row>
+void OrderRows(const TableFacts<Row>& table) {
+    if constexpr (!isArray<Row>) {
+        table.order->Make();
+    }
 }
 
 // Links `rows` in that order.
