@@ -31,7 +31,7 @@ boost::asio::ip::tcp::endpoint ParseListenAddress(const std::string& text);
 class Server {
   public:
     // Listens and prepares the ticket directory; accepts no connection yet. `backend` must outlive the
-    // server. Throws std::runtime_error with the reason.
+    // server. Throws std::runtime_error, or Tessim::SystemException, with the reason.
     Server(const ServerOptions& options, Backend& backend);
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;

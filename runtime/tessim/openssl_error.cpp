@@ -2,6 +2,8 @@
 
 #include <openssl/err.h>
 
+#include "runtime/tessim/exception.h"
+
 namespace Tessim {
 
 std::string TakeOpenSslErrors() {
@@ -19,6 +21,12 @@ std::string TakeOpenSslErrors() {
         }
     }
     return text.empty() ? "no reason from OpenSSL" : text;
+}
+
+void RequireOpenSsl(bool done, const std::string& what) {
+    if (!done) {
+        throw SystemException("cannot " + what + ": " + TakeOpenSslErrors());
+    }
 }
 
 }  // namespace Tessim

@@ -39,16 +39,10 @@ class SSLContextImpl final : public virtual SSLContext, public ObjectImpl {
     ContextPointer context;
 };
 
-void Require(bool done, const char* what) {
-    if (!done) {
-        throw SystemException(std::string("cannot ") + what + ": " + TakeOpenSslErrors());
-    }
-}
-
 BioPointer OpenText(const std::string& pem) {
     BioPointer bio(pem.size() <= INT_MAX ? BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()))
                                          : nullptr);
-    Require(bio != nullptr, "read a PEM text");
+    RequireOpenSsl(bio != nullptr, "read a PEM text");
     return bio;
 }
 
@@ -59,26 +53,26 @@ int NoPassphrase(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*unused
 
 CertificatePointer ReadCertificate(const std::string& pem) {
     CertificatePointer certificate(PEM_read_bio_X509(OpenText(pem).get(), nullptr, NoPassphrase, nullptr));
-    Require(certificate != nullptr, "read a certificate");
+    RequireOpenSsl(certificate != nullptr, "read a certificate");
     return certificate;
 }
 
 void UseOwnKey(SSL_CTX* context, const Crypto::KeyStore& keys) {
     const KeyPointer key(
         PEM_read_bio_PrivateKey(OpenText(keys.GetPrivateKey()).get(), nullptr, NoPassphrase, nullptr));
-    Require(key != nullptr, "read the private key");
-    Require(SSL_CTX_use_certificate(context, ReadCertificate(keys.GetCertificate()).get()) == 1 &&
-                SSL_CTX_use_PrivateKey(context, key.get()) == 1,
-            "use the private key and its certificate");
+    RequireOpenSsl(key != nullptr, "read the private key");
+    RequireOpenSsl(SSL_CTX_use_certificate(context, ReadCertificate(keys.GetCertificate()).get()) == 1 &&
+                       SSL_CTX_use_PrivateKey(context, key.get()) == 1,
+                   "use the private key and its certificate");
 }
 
 void RequireTrustedPeer(SSL_CTX* context, const Crypto::KeyStore& keys) {
     X509_STORE* store = SSL_CTX_get_cert_store(context);
     for (const std::string& pem : keys.GetTrustedCertificates()) {
-        Require(X509_STORE_add_cert(store, ReadCertificate(pem).get()) == 1, "trust a certificate");
+        RequireOpenSsl(X509_STORE_add_cert(store, ReadCertificate(pem).get()) == 1, "trust a certificate");
     }
     // A listed certificate is trusted as it is, whoever signed it.
-    Require(X509_STORE_set_flags(store, X509_V_FLAG_PARTIAL_CHAIN) == 1, "trust the certificates");
+    RequireOpenSsl(X509_STORE_set_flags(store, X509_V_FLAG_PARTIAL_CHAIN) == 1, "trust the certificates");
     SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
 }
 
@@ -89,7 +83,7 @@ void InitSSL(const std::string& options) {
         throw InvalidArgumentException("reserved options of InitSSL are set");
     }
     ERR_clear_error();
-    Require(OPENSSL_init_ssl(0, nullptr) == 1, "make OpenSSL ready");
+    RequireOpenSsl(OPENSSL_init_ssl(0, nullptr) == 1, "make OpenSSL ready");
 }
 
 void CreateSSLContext(Crypto::KeyStore* keys, SupportedVersion version, Ref<SSLContext>& out) {
@@ -98,10 +92,11 @@ void CreateSSLContext(Crypto::KeyStore* keys, SupportedVersion version, Ref<SSLC
     }
     ERR_clear_error();
     ContextPointer context(SSL_CTX_new(TLS_client_method()));
-    Require(context != nullptr, "make a TLS context");
-    Require(SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION) == 1, "require TLS 1.2");
+    RequireOpenSsl(context != nullptr, "make a TLS context");
+    RequireOpenSsl(SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION) == 1, "require TLS 1.2");
     // For TLS 1.2 elliptic curves only: a hostile peer's finite-field parameters can cost seconds of work.
-    Require(SSL_CTX_set_cipher_list(context.get(), "ECDHE+AESGCM:ECDHE+CHACHA20") == 1, "choose the ciphers");
+    RequireOpenSsl(SSL_CTX_set_cipher_list(context.get(), "ECDHE+AESGCM:ECDHE+CHACHA20") == 1,
+                   "choose the ciphers");
     SSL_CTX_set_options(context.get(), SSL_OP_NO_RENEGOTIATION);
     SSL_CTX_set_session_cache_mode(context.get(), SSL_SESS_CACHE_OFF);
     SSL_CTX_set_verify(context.get(), SSL_VERIFY_NONE, nullptr);

@@ -98,9 +98,7 @@ int Create(BIO* bio) {
 BIO_METHOD* SocketMethod() {
     static BIO_METHOD* const method = [] {
         BIO_METHOD* made = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "deadline socket");
-        if (made == nullptr) {
-            throw SystemException("cannot make a TLS transport: " + TakeOpenSslErrors());
-        }
+        RequireOpenSsl(made != nullptr, "make a TLS transport");
         BIO_meth_set_write(made, Send);
         BIO_meth_set_read(made, Receive);
         BIO_meth_set_ctrl(made, Control);
@@ -227,9 +225,7 @@ void TlsConnection::MakeTls(const Ssl::SSLContext& context) {
     ERR_clear_error();
     tls.reset(SSL_new(context.GetNative()));
     BIO* const bio = tls ? BIO_new(SocketMethod()) : nullptr;
-    if (bio == nullptr) {
-        throw SystemException("cannot prepare TLS for " + peer.GetName() + ": " + TakeOpenSslErrors());
-    }
+    RequireOpenSsl(bio != nullptr, "prepare TLS for " + peer.GetName());
     BIO_set_data(bio, &socket);
     SSL_set_bio(tls.get(), bio, bio);  // which owns it now
     SSL_set_connect_state(tls.get());

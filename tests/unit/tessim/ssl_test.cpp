@@ -9,6 +9,7 @@
 
 #include "runtime/tessim/crypto.h"
 #include "runtime/tessim/exception.h"
+#include "runtime/tessim/openssl_error.h"
 #include "tests/support/tls_test_server.h"
 #include "tests/unit/tessim/open_stream.h"
 
@@ -22,6 +23,14 @@ Ref<Crypto::KeyStore> MakeKeys(const std::string& key = "", const std::string& c
     Ref<Crypto::KeyStore> keys;
     Crypto::CreateKeyStore(key, certificate, trusted, keys);
     return keys;
+}
+
+TEST(OpenSslErrors, AreNamedWithTheirDataOldestFirstAndTaken) {
+    InitSSL("");
+    ERR_raise(ERR_LIB_SSL, ERR_R_PASSED_NULL_PARAMETER);
+    ERR_raise_data(ERR_LIB_USER, 1, "detail");  // a library without texts
+    EXPECT_EQ(TakeOpenSslErrors(), "passed a null parameter; error 1073741825 (detail)");
+    EXPECT_EQ(TakeOpenSslErrors(), "no reason from OpenSSL");
 }
 
 TEST(SSLContext, RequiresTls12AndUsesTheKeyWithItsCertificate) {
