@@ -199,7 +199,8 @@ Tessim::Ref<DataObject> Message::GetParameters(const MethodInfo& method) const {
 }
 
 bool Message::IsReplyTo(const MethodInfo& method) const {
-    return GetName() == std::string(method.name) + "Response" || GetName() == "Fault";
+    const std::string name = GetName();
+    return name == "Fault" || name == std::string(method.name) + "Response";
 }
 
 Tessim::Ref<DataObject> Message::GetResponse(const MethodInfo& method) const {
