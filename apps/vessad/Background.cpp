@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "apps/vessad/ErrnoException.h"
+#include "apps/vessad/RequireCall.h"
 
 namespace Vessad {
 
@@ -33,15 +33,11 @@ namespace {
 
 Background::Background() {
     std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
-        throw ErrnoException("cannot create a pipe");
-    }
+    RequireCall(::pipe2(ends.data(), O_CLOEXEC) == 0, "cannot create a pipe");
     Tessim::FileDescriptor reading(ends[0]);
     readyPipe = Tessim::FileDescriptor(ends[1]);
     const pid_t child = ::fork();
-    if (child < 0) {
-        throw ErrnoException("cannot fork");
-    }
+    RequireCall(child >= 0, "cannot fork");
     if (child > 0) {
         readyPipe.Close();
         ExitWithChild(child, reading.Get());
@@ -51,16 +47,12 @@ Background::Background() {
 
 void Background::Ready() {
     const Tessim::FileDescriptor null(::open("/dev/null", O_RDWR | O_CLOEXEC));
-    if (!null || ::chdir("/") != 0) {
-        throw ErrnoException("cannot detach from the terminal");
-    }
+    RequireCall(null && ::chdir("/") == 0, "cannot detach from the terminal");
     for (const int standardStream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         ::dup2(null.Get(), standardStream);
     }
     const char byte = 0;
-    if (::write(readyPipe.Get(), &byte, 1) != 1) {
-        throw ErrnoException("cannot report readiness to the starting process");
-    }
+    RequireCall(::write(readyPipe.Get(), &byte, 1) == 1, "cannot report readiness to the starting process");
     readyPipe.Close();
 }
 

@@ -9,7 +9,7 @@
 #include <memory>
 #include <utility>
 
-#include "apps/vessad/ErrnoException.h"
+#include "apps/vessad/RequireCall.h"
 
 namespace Vessad {
 
@@ -23,9 +23,7 @@ constexpr int acceptsInARow = 16;
 
 int Duplicate(int descriptor) {
     const int copy = ::fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
-    if (copy < 0) {
-        throw ErrnoException("cannot use the listening socket");
-    }
+    RequireCall(copy >= 0, "cannot use the listening socket");
     return copy;
 }
 

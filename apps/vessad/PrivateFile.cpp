@@ -4,15 +4,13 @@
 
 #include <stdexcept>
 
-#include "apps/vessad/ErrnoException.h"
+#include "apps/vessad/RequireCall.h"
 
 namespace Vessad {
 
 struct stat CheckPrivate(int descriptor, const std::string& name) {
     struct stat status {};
-    if (::fstat(descriptor, &status) != 0) {
-        throw ErrnoException("cannot stat " + name);
-    }
+    RequireCall(::fstat(descriptor, &status) == 0, "cannot stat " + name);
     if (status.st_uid != ::geteuid()) {
         throw std::runtime_error(name + " belongs to another user");
     }

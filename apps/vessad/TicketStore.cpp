@@ -18,8 +18,8 @@
 #include <utility>
 #include <vector>
 
-#include "apps/vessad/ErrnoException.h"
 #include "apps/vessad/PrivateFile.h"
+#include "apps/vessad/RequireCall.h"
 
 namespace Vessad {
 
@@ -55,10 +55,8 @@ gid_t FindGroup(const std::string& name) {
     std::vector<char> buffer(64UL * 1024);
     group entry{};
     group* found = nullptr;
-    if (const int error = ::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
-        error != 0) {
-        throw std::system_error(error, std::generic_category(), "cannot look up the group " + name);
-    }
+    errno = ::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
+    RequireCall(errno == 0, "cannot look up the group " + name);
     if (found == nullptr) {
         throw std::runtime_error("there is no group " + name);
     }
@@ -88,20 +86,19 @@ void TicketStore::OpenDirectory() {
     const std::string name = "the ticket directory " + options.directory.string();
     const bool forGroup = !options.group.empty();
     const bool created = ::mkdir(options.directory.c_str(), 0700) == 0;
-    if (!created && errno != EEXIST) {
-        throw ErrnoException("cannot create " + name);
-    }
+    RequireCall(created || errno == EEXIST, "cannot create " + name);
     directory = Tessim::FileDescriptor(
         ::open(options.directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!directory) {
-        throw ErrnoException("cannot open " + name);
-    }
-    if (created && ((forGroup && ::fchown(directory.Get(), static_cast<uid_t>(-1), group) != 0) ||
-                    ::fchmod(directory.Get(), forGroup ? groupDirectoryMode : openDirectoryMode) != 0)) {
-        const int reason = errno;
-        ::rmdir(options.directory.c_str());
-        errno = reason;
-        throw ErrnoException("cannot set group and mode of " + name);
+    RequireCall(directory.Get() >= 0, "cannot open " + name);
+    if (created) {
+        try {
+            RequireCall((!forGroup || ::fchown(directory.Get(), static_cast<uid_t>(-1), group) == 0) &&
+                            ::fchmod(directory.Get(), forGroup ? groupDirectoryMode : openDirectoryMode) == 0,
+                        "cannot set group and mode of " + name);
+        } catch (...) {
+            ::rmdir(options.directory.c_str());
+            throw;
+        }
     }
     const struct stat status = CheckPrivate(directory.Get(), name);
     const mode_t search = forGroup && status.st_gid == group ? S_IXGRP : S_IXOTH;
@@ -114,9 +111,7 @@ void TicketStore::RemoveStale() const {
     // fdopendir takes ownership of the descriptor.
     const int copy = ::fcntl(directory.Get(), F_DUPFD_CLOEXEC, 0);
     const std::unique_ptr<DIR, int (*)(DIR*)> stream(copy < 0 ? nullptr : ::fdopendir(copy), ::closedir);
-    if (!stream) {
-        throw ErrnoException("cannot list the ticket directory");
-    }
+    RequireCall(stream != nullptr, "cannot list the ticket directory");
     std::vector<std::string> stale;
     while (const dirent* entry = ::readdir(stream.get())) {
         if (IsTicketName(entry->d_name)) {
@@ -203,26 +198,20 @@ std::size_t TicketStore::Count() const {
 void TicketStore::WriteFile(const std::string& file, std::string_view password) const {
     Tessim::FileDescriptor descriptor(
         ::openat(directory.Get(), file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!descriptor) {
-        throw ErrnoException("cannot create a ticket file");
-    }
-    const auto fail = [&](const char* what) {
-        const int reason = errno;
-        RemoveFile(file);
-        errno = reason;
-        throw ErrnoException(what);
-    };
-    if (!options.group.empty() && (::fchown(descriptor.Get(), static_cast<uid_t>(-1), group) != 0 ||
-                                   ::fchmod(descriptor.Get(), 0640) != 0)) {
-        fail("cannot set the group of a ticket file");
-    }
-    while (!password.empty()) {
-        const ssize_t written = ::write(descriptor.Get(), password.data(), password.size());
-        if (written > 0) {
-            password.remove_prefix(static_cast<std::size_t>(written));
-        } else if (written == 0 || errno != EINTR) {
-            fail("cannot write a ticket file");
+    RequireCall(descriptor.Get() >= 0, "cannot create a ticket file");
+    try {
+        RequireCall(
+            options.group.empty() || (::fchown(descriptor.Get(), static_cast<uid_t>(-1), group) == 0 &&
+                                      ::fchmod(descriptor.Get(), 0640) == 0),
+            "cannot set the group of a ticket file");
+        while (!password.empty()) {
+            const ssize_t written = ::write(descriptor.Get(), password.data(), password.size());
+            RequireCall(written > 0 || (written < 0 && errno == EINTR), "cannot write a ticket file");
+            password.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
         }
+    } catch (...) {
+        RemoveFile(file);
+        throw;
     }
 }
 

@@ -148,11 +148,12 @@ TEST_F(TicketStoreTest, RemovesDroppedTicketsAndAllOnClose) {
 }
 
 TEST_F(TicketStoreTest, RemovesTheFilesOfAKilledDaemon) {
-    const std::string name = "ticket-" + std::string(32, 'a');
-    directory.Run("mkdir -m 700 tickets && cd tickets && touch notes ticket-short " + name);
+    const std::string name = "ticket-" + std::string(31, 'a');
+    directory.Run("mkdir -m 700 tickets && cd tickets && touch notes ticket-short " + name + "x " + name +
+                  "0");
     const VessadTest::LogLines log;
     Store();
-    EXPECT_THAT(Files(), ::testing::UnorderedElementsAre("notes", "ticket-short"));
+    EXPECT_THAT(Files(), ::testing::UnorderedElementsAre("notes", "ticket-short", name + "x"));
     EXPECT_EQ(log.GetText(), "warning Removed 1 stale tickets of an earlier daemon\n");
 }
 
@@ -179,6 +180,32 @@ TEST_F(TicketStoreTest, RejectsADirectoryThatIsNotPrivateOrWithoutItsGroup) {
     options = {directory.GetPath() / "missing/tickets", ""};
     EXPECT_THAT([this] { Store(); },
                 ThrowsMessage<std::exception>(HasSubstr("cannot create the ticket dir")));
+}
+
+TEST_F(TicketStoreTest, LeavesNothingThatItsGroupCannotRead) {
+    directory.Run("chmod 777 .");
+    if (::geteuid() == 0) {
+        ASSERT_EQ(::seteuid(65534), 0);  // who is not in the group
+    }
+    options.group = "daemon";
+    EXPECT_THAT([this] { Store(); },
+                ThrowsMessage<std::exception>(HasSubstr("cannot set group and mode of ")));
+    EXPECT_TRUE(fs::create_directory(options.directory));
+    EXPECT_THAT([this] { Store().Issue(1); },
+                ThrowsMessage<std::exception>(HasSubstr("cannot set the group of a ticket file")));
+    EXPECT_THAT(Files(), IsEmpty());
+}
+
+TEST_F(TicketStoreTest, LogsThatAFileCannotBeRemovedUnlessItIsGone) {
+    const VessadTest::LogLines log;
+    fs::remove(Store().Issue(1));
+    Store().Drop(1);
+    const fs::path file = Store().Issue(2);
+    fs::remove(file);
+    fs::create_directory(file);
+    Store().Drop(2);
+    EXPECT_EQ(log.GetText(),
+              "warning Cannot remove ticket file " + file.filename().string() + ": Is a directory\n");
 }
 
 TEST_F(TicketStoreTest, LeavesNoFileWhenTheDiskIsFull) {

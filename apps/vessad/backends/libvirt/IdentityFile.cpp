@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <stdexcept>
@@ -15,26 +16,19 @@
 namespace Vessad::Libvirt {
 namespace {
 
-std::runtime_error Failure(const std::string& what, const std::filesystem::path& path) {
-    return std::runtime_error(what + " " + path.string() + ": " + std::generic_category().message(errno));
+// Throws, with errno's message, unless a system call was `done`.
+void Require(bool done, const char* what, const std::filesystem::path& path) {
+    if (!done) {
+        throw std::runtime_error(std::string(what) + " " + path.string() + ": " +
+                                 std::generic_category().message(errno));
+    }
 }
 
 void WriteAll(int descriptor, std::string_view text, const std::filesystem::path& path) {
     while (!text.empty()) {
         const ssize_t written = ::write(descriptor, text.data(), text.size());
-        if (written < 0 && errno == EINTR) {
-            continue;
-        }
-        if (written < 0) {
-            throw Failure("cannot write", path);
-        }
-        text.remove_prefix(static_cast<std::size_t>(written));
-    }
-}
-
-void Sync(int descriptor, const std::filesystem::path& path) {
-    if (::fsync(descriptor) < 0) {
-        throw Failure("cannot write", path);
+        Require(written >= 0 || errno == EINTR, "cannot write", path);
+        text.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
     }
 }
 
@@ -42,17 +36,14 @@ void Sync(int descriptor, const std::filesystem::path& path) {
 Tessim::FileDescriptor OpenLocked(const std::filesystem::path& directory) {
     Tessim::FileDescriptor descriptor(
         ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!descriptor) {
-        throw Failure("cannot open the state directory", directory);
-    }
+    Require(descriptor.Get() >= 0, "cannot open the state directory", directory);
     CheckPrivate(descriptor.Get(), "the state directory " + directory.string());
-    if (::flock(descriptor.Get(), LOCK_EX | LOCK_NB) < 0) {
-        if (errno == EWOULDBLOCK) {
-            throw std::runtime_error("the state directory " + directory.string() +
-                                     " is in use by another daemon");
-        }
-        throw Failure("cannot lock the state directory", directory);
+    const bool locked = ::flock(descriptor.Get(), LOCK_EX | LOCK_NB) == 0;
+    if (!locked && errno == EWOULDBLOCK) {
+        throw std::runtime_error("the state directory " + directory.string() +
+                                 " is in use by another daemon");
     }
+    Require(locked, "cannot lock the state directory", directory);
     return descriptor;
 }
 
@@ -75,12 +66,10 @@ std::optional<std::string> IdentityFile::Read(std::int64_t limit) {
     // Waits for no writer, whatever the file is.
     const Tessim::FileDescriptor descriptor(
         ::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!descriptor) {
-        if (errno == ENOENT) {
-            return std::nullopt;
-        }
-        throw Failure("cannot read", file);
+    if (!descriptor && errno == ENOENT) {
+        return std::nullopt;
     }
+    Require(descriptor.Get() >= 0, "cannot read", file);
     const struct stat status = CheckPrivate(descriptor.Get(), file.string());
     if (!S_ISREG(status.st_mode)) {
         throw std::runtime_error(file.string() + " is not a regular file");
@@ -93,15 +82,12 @@ std::optional<std::string> IdentityFile::Read(std::int64_t limit) {
     std::array<char, 65536> buffer{};
     for (;;) {
         const ssize_t length = ::read(descriptor.Get(), buffer.data(), buffer.size());
+        Require(length >= 0 || errno == EINTR, "cannot read", file);
         if (length == 0) {
             size = static_cast<std::int64_t>(text.size());
             return text;
         }
-        if (length > 0) {
-            text.append(buffer.data(), static_cast<std::size_t>(length));
-        } else if (errno != EINTR) {
-            throw Failure("cannot read", file);
-        }
+        text.append(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
     }
 }
 
@@ -112,16 +98,12 @@ void IdentityFile::Replace(std::string_view text) {
     ::unlink(fresh.c_str());
     const Tessim::FileDescriptor descriptor(
         ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    if (!descriptor) {
-        throw Failure("cannot write", fresh);
-    }
+    Require(descriptor.Get() >= 0, "cannot write", fresh);
     WriteAll(descriptor.Get(), text, fresh);
-    Sync(descriptor.Get(), fresh);
-    if (::rename(fresh.c_str(), file.c_str()) < 0) {
-        throw Failure("cannot write", file);
-    }
+    Require(::fsync(descriptor.Get()) == 0, "cannot write", fresh);
+    Require(::rename(fresh.c_str(), file.c_str()) == 0, "cannot write", file);
     size = static_cast<std::int64_t>(text.size());
-    Sync(lock.Get(), directory);
+    Require(::fsync(lock.Get()) == 0, "cannot write", directory);
 }
 
 bool IdentityFile::Append(std::string_view text) {
@@ -134,7 +116,7 @@ bool IdentityFile::Append(std::string_view text) {
     }
     try {
         WriteAll(descriptor.Get(), text, file);
-        Sync(descriptor.Get(), file);
+        Require(::fsync(descriptor.Get()) == 0, "cannot write", file);
     } catch (const std::runtime_error&) {
         // Where this fails too, the size differs the next time.
         static_cast<void>(::ftruncate(descriptor.Get(), size) == 0);
@@ -153,11 +135,7 @@ std::filesystem::path IdentityFile::KeepDamaged() const {
             break;
         }
     }
-    std::error_code error;
-    std::filesystem::create_hard_link(file, name, error);
-    if (error) {
-        throw std::runtime_error("the damaged file " + file.string() + " cannot be kept: " + error.message());
-    }
+    Require(::link(file.c_str(), name.c_str()) == 0, "cannot keep the damaged file", file);
     return name;
 }
 

@@ -69,8 +69,9 @@ ApiError LastError() {
     return {text, IsPermanentCode(*error) ? ApiError::Kind::Permanent : ApiError::Kind::Temporary};
 }
 
-void Check(int result) {
-    if (result < 0) {
+// Throws the latest error unless the call was `done`.
+void Check(bool done) {
+    if (!done) {
         throw LastError();
     }
 }
@@ -183,12 +184,10 @@ class RealConnection final : public Connection {
         const CString uri(virConnectGetURI(handle.get()));
         const char* driver = virConnectGetType(handle.get());
         virNodeInfo node{};
-        if (!uri || driver == nullptr) {
-            throw LastError();
-        }
-        Check(virConnectGetVersion(handle.get(), &host.version));
-        Check(virConnectGetLibVersion(handle.get(), &host.libvirtVersion));
-        Check(virNodeGetInfo(handle.get(), &node));
+        Check(uri && driver != nullptr);
+        Check(virConnectGetVersion(handle.get(), &host.version) >= 0);
+        Check(virConnectGetLibVersion(handle.get(), &host.libvirtVersion) >= 0);
+        Check(virNodeGetInfo(handle.get(), &node) >= 0);
         host.uri = uri.get();
         host.driver = driver;
         host.cores = static_cast<int>(node.nodes * node.sockets * node.cores);
@@ -199,7 +198,7 @@ class RealConnection final : public Connection {
     std::vector<Domain> GetDomains() override {
         virDomainPtr* list = nullptr;
         const int count = virConnectListAllDomains(handle.get(), &list, 0);
-        Check(count);
+        Check(count >= 0);
         std::vector<Domain> domains;
         for (const DomainHandle& domain : TakeList<DomainHandle>(list, count)) {
             Domain described = Identify(domain.get());
@@ -226,7 +225,7 @@ class RealConnection final : public Connection {
         if (count < 0 && IsUnsupported()) {
             return {};
         }
-        Check(count);
+        Check(count >= 0);
         std::vector<std::string> pools;
         for (const PoolHandle& pool : TakeList<PoolHandle>(list, count)) {
             // A pool that vanished meanwhile has none.
@@ -289,7 +288,7 @@ class RealConnection final : public Connection {
     static Domain Identify(virDomainPtr handle) {
         Domain domain;
         std::array<char, VIR_UUID_STRING_BUFLEN> uuid{};
-        Check(virDomainGetUUIDString(handle, uuid.data()));
+        Check(virDomainGetUUIDString(handle, uuid.data()) >= 0);
         domain.uuid = uuid.data();
         domain.name = virDomainGetName(handle);
         domain.active = IsActive(domain.state, virDomainGetID(handle));
@@ -300,13 +299,11 @@ class RealConnection final : public Connection {
     static void Describe(virDomainPtr handle, Domain& domain) {
         int state = 0;
         int reason = 0;
-        Check(virDomainGetState(handle, &state, &reason, 0));
+        Check(virDomainGetState(handle, &state, &reason, 0) >= 0);
         const int persistent = virDomainIsPersistent(handle);
-        Check(persistent);
+        Check(persistent >= 0);
         const CString xml(virDomainGetXMLDesc(handle, 0));
-        if (!xml) {
-            throw LastError();
-        }
+        Check(xml != nullptr);
         domain.persistent = persistent == 1;
         domain.state = StateOf(state);
         domain.active = IsActive(domain.state, virDomainGetID(handle));
@@ -325,9 +322,7 @@ class RealConnection final : public Connection {
             waitFlags = 0;
             count = virDomainListGetStats(domains.data(), groups, &records, waitFlags);
         }
-        if (count < 0 && !IsUnsupported()) {
-            throw LastError();
-        }
+        Check(count >= 0 || IsUnsupported());
         Statistics statistics;
         if (count > 0) {
             statistics = StatisticsOf(**records);
@@ -344,9 +339,7 @@ class RealConnection final : public Connection {
 
     DomainHandle Find(const std::string& uuid) {
         DomainHandle domain(virDomainLookupByUUIDString(handle.get(), uuid.c_str()));
-        if (!domain) {
-            throw LastError();
-        }
+        Check(domain != nullptr);
         return domain;
     }
 
@@ -372,9 +365,7 @@ class RealApi final : public Api {
     RealApi() {
         // The default handler writes every error to standard error.
         virSetErrorFunc(nullptr, [](void*, virErrorPtr) {});
-        if (virInitialize() < 0) {
-            throw LastError();
-        }
+        Check(virInitialize() >= 0);
         loop = SharedEventLoop();
     }
 
