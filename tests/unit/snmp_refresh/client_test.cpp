@@ -1,9 +1,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <ostream>
-#include <regex>
-
 #include "apps/snmp/client/SNMPWriter.h"
 #include "apps/snmp/refresh/SNMPRaskHelper.h"
 #include "tests/unit/snmp_refresh/fixture.h"
@@ -33,19 +30,6 @@ const bool registered = RegisterSessions<ClientTest>("ClientTest", "client");
 
 const bool registeredProcessWide =
     RegisterSessions<ProcessWideClientTest>("ProcessWideClientTest", "process_wide_client");
-
-TEST_F(ProcessWideClientTest, KeepsItsLoggerWhenAQueryReconnects) {
-    host.ticketContent = std::string(1024, 'x');
-    Check(R"(
-get -> a client (open stream, AcquireLocalTicket)
-  6 Failed to read ticket. Ticket file too long.
-break RetrieveContent; content -> null (RetrieveContent, close adapter, close stream /connection/1, shut service down)
-  4 GetServiceInstanceContent: connection to tovric-vessad is broken.
-list -> null (open stream, AcquireLocalTicket)
-  6 Failed to read ticket. Ticket file too long.
-  4 OrdaneClient::GetAllVM: :log in first (7 backtrace)
-)");
-}
 
 TEST_F(ProcessWideClientTest, OpensItsOwnConnectionInAForkedChild) {
     ASSERT_NE(GetOrdaneClient(), nullptr);
@@ -77,22 +61,6 @@ list -> VMs (close adapter, close stream /connection/1, shut service down, open 
 )");
 }
 
-TEST_F(ClientTest, DropsOnlyAConnectionOnWhichNoQueryCanSucceed) {
-    daemon.WhenSent("Login", [&] { daemon.closesStreams = false; });
-    Check(R"(
-drop? -> false
-init; drop? -> true false (open stream, AcquireLocalTicket, Login)
-close; connected? -> true
-drop? -> true (Logout, close adapter, close stream /connection/1, shut service down)
-connected? -> false
-init -> true (open stream, AcquireLocalTicket, Login)
-)");
-    Check(R"(
-ticket /nowhere; new; init -> true (Logout, close adapter, close stream /connection/2, shut service down, open stream, AcquireLocalTicket)
-drop? -> true (close adapter, close stream /connection/3, shut service down)
-)");
-}
-
 TEST_F(ClientTest, LogsTheBacktraceOfAFailedConnectionAsDebugLines) {
     daemon.WhenCalled("Login", [this] { throw failure; });
     EXPECT_FALSE(client->Init(nullptr));
@@ -102,34 +70,6 @@ TEST_F(ClientTest, LogsTheBacktraceOfAFailedConnectionAsDebugLines) {
     }
     EXPECT_EQ(log.Take(), expected);
 }
-
-// What all queries have in common.
-
-struct QueryCase {
-    std::string command;
-    std::string method;      // the call that it sends
-    std::string failedName;  // how the log names it when it fails
-    std::string brokenLine;  // the lines of the log when the connection breaks
-    std::string nothing;     // its result when there is none
-    std::string result;
-
-    friend std::ostream& operator<<(std::ostream& stream, const QueryCase& each) {
-        return stream << each.command;
-    }
-};
-
-// The two names in the log lines of "memory" are fixed.
-const QueryCase queries[] = {
-    {"list", "GetChildEntity", "GetAllVM", "", "null", "VMs"},
-    {"content", "RetrieveContent", "GetServiceInstanceContent",
-     "  4 GetServiceInstanceContent: connection to tovric-vessad is broken.\n", "null", "content"},
-    {"datastore ds", "GetInfo", "GetDatastoreInfo",
-     "  4 GetDatastoreInfo: connection to tovric-vessad is broken.\n", "null", "plain"},
-    {"cores", "GetHardware", "GetNumCpuCores", "  4 GetNumCpuCores: connection to tovric-vessad is broken.\n",
-     "0", "8"},
-    {"memory", "GetConsoleReservationInfo", "GetMemory",
-     "  4 GetNumCpuCores: connection to tovric-vessad is broken.\n", "0 of 0", "4096 of 8"},
-};
 
 class ClientQueryTest : public ClientTest {
   protected:
@@ -153,33 +93,6 @@ class ClientQueryTest : public ClientTest {
 };
 
 const bool registeredQueries = RegisterSessions<ClientQueryTest>("ClientQueryTest", "queries");
-
-class QueryTest : public ClientQueryTest, public testing::WithParamInterface<QueryCase> {};
-
-TEST_P(QueryTest, ReportsFailuresAndReconnectsOnlyWhenTheConnectionBroke) {
-    const QueryCase& query = GetParam();
-    std::string session = R"(
-has-cores 8; has-memory 4096 4096; down; COMMAND -> NOTHING (open stream, shut service down)
-  4 OrdaneClient::Init: :connection refused (7 backtrace)
-up; fail METHOD; COMMAND -> NOTHING (open stream, AcquireLocalTicket, Login)
-  4 OrdaneClient::NAME: :it failed (7 backtrace)
-throw METHOD; COMMAND -> throws not of the runtime
-repair METHOD; break METHOD; COMMAND -> NOTHING (METHOD, close adapter, close stream /connection/2, shut service down)
-BROKENCOMMAND -> RESULT (open stream, AcquireLocalTicket, Login, METHOD)
-)";
-    for (const auto& [placeholder, text] : {std::pair("BROKEN", query.brokenLine),
-                                            {"COMMAND", query.command},
-                                            {"METHOD", query.method},
-                                            {"NAME", query.failedName},
-                                            {"NOTHING", query.nothing},
-                                            {"RESULT", query.result}}) {
-        session = std::regex_replace(session, std::regex(placeholder), text);
-    }
-    Check(session);
-}
-
-INSTANTIATE_TEST_SUITE_P(Queries, QueryTest, testing::ValuesIn(queries),
-                         [](const auto& info) { return info.param.method; });
 
 TEST_F(ClientTest, ListsEveryChildOfTheFolderInItsOrder) {
     host.vms = {{"48", nullptr, nullptr, nullptr},

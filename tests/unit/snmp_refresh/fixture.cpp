@@ -67,8 +67,11 @@ DaemonTest::DaemonTest() {
     Add("up", [this] { daemon.down.clear(); });
     Add("foreign", [this] { daemon.foreignStreams = true; });
     Add("close", [this] { daemon.closesStreams = true; });
+    Add("open", [this] { daemon.closesStreams = false; });
     Add("own", [this] { daemon.foreignStreams = false; });
     Add("ticket", [this](const std::string& path) { host.ticketPath = path; });
+    Add("ticket-of",
+        [this](const std::string& size) { host.ticketContent = std::string(std::stoul(size), 'x'); });
     Add("product-name", [this](const std::string& name) { host.content->GetAbout()->SetName(name); });
     Add("has-cores", [this](const std::string& cores) {
         host.hardware = MakeRef<Hask::Host::HardwareInfo>();

@@ -57,6 +57,7 @@ class RefreshTest : public DaemonTest {
             AddVm(host, "  - {id: '" + id + "', runtime: {powerState: poweredOn}, config: {name: '', " +
                             "guestFullName: '', hardware: {numCPU: 1, memoryMB: 64}}}\n");
         });
+        Add("yaml-vm", [this](const std::string& yaml) { AddVm(host, "  - " + yaml); });
         Add("unconfigured-vm", [this](const std::string& id) {
             host.vms.push_back({id, nullptr, nullptr, nullptr});
         });
@@ -79,15 +80,38 @@ class RefreshTest : public DaemonTest {
             daemon.WhenSent(method, [this] { clock->SetTime(start + 15); });
         });
         Add("no-memory", [this] { clock->FailCalloc(sizeof(vmEntry)); });
+        Add("no-adapter-memory", [this] { clock->FailCalloc(sizeof(vmHBANode)); });
+        Add("no-memory-for-row", [this](const std::string& nth) { clock->FailCalloc(0, std::stoi(nth)); });
         Add("module", [] { return SNMPRaskHelper_Init() != 0; });
         Add("ending", [] { netsnmp_running = 0; });
         Add("running", [] { netsnmp_running = 1; });
         Add("expire", SNMPRaskTable_Expire);
         Add("destroy", SNMPRaskTable_Destroy);
         Add("rebuild", SNMPRaskRefreshCache);
-        Add("queries", [this] { return host.queries.size(); });
+        // Their number, and of how many VMs the last was.
+        Add("queries", [this] {
+            return std::to_string(host.queries.size()) + ". of " +
+                   std::to_string(host.queries.back()->GetLength()) + " VMs";
+        });
         Add("show-outages", [this] { showsOutages = true; });
+        Add("show-log", [this] { showsLog = true; });
+        Add("show-calls", [this] { showsCalls = true; });
         Add("rows", TestRows::Counts);
+        Add("count-when-sent", [this](const std::string& method) {
+            daemon.WhenSent(method, [this] { counted = TestRows::Counts(); });
+        });
+        Add("counted", [this] { return counted; });
+        Add("tables",
+            [] { return RowText(TestRows::VmText() + TestRows::DeviceText() + TestRows::ResourceText()); });
+        Add("resources", [] { return RowText(TestRows::ResourceText()); });
+        Add("vms", [] {
+            std::string text;
+            for (const auto* row : TestRows::List<vmEntry>()) {
+                text += (text.empty() ? "" : " ") + std::to_string(row->vmIdx) + ":" +
+                        std::to_string(row->vmVMID);
+            }
+            return text;
+        });
         Add("memories", [] {
             std::string text;
             for (const auto* row : TestRows::List<resMemNode>()) {
@@ -98,16 +122,26 @@ class RefreshTest : public DaemonTest {
     }
     ~RefreshTest() override { SNMPRaskTable_Destroy(); }
 
-    bool Shows(const std::string& event) const override { return event == "open stream"; }
+    bool Shows(const std::string& event) const override {
+        return event == "open stream" || (showsCalls && event.starts_with("call "));
+    }
     // The end of a rebuild stands for its other lines.
     bool Shows(const LogLine& line) const override {
-        return !line.text.starts_with("SNMPRask: start") &&
-               (showsOutages || !line.text.starts_with("SNMPRask: tables")) &&
-               !line.text.starts_with("SNMPRaskRefreshCache: Examining");
+        return showsLog || (!line.text.starts_with("SNMPRask: start") &&
+                            (showsOutages || !line.text.starts_with("SNMPRask: tables")) &&
+                            !line.text.starts_with("SNMPRaskRefreshCache: Examining"));
+    }
+    // The counts, and the rows on lines of their own, indented.
+    static std::string RowText(const std::string& rows) {
+        return TestRows::Counts() +
+               std::regex_replace("\n" + rows.substr(0, rows.size() - 1), std::regex("\n"), "\n  ");
     }
 
     std::unique_ptr<FaultInjection> clock = std::make_unique<FaultInjection>();
     bool showsOutages = false;
+    bool showsLog = false;
+    bool showsCalls = false;
+    std::string counted;
 };
 
 const bool registered = RegisterSessions<RefreshTest>("RefreshTest", "refresh");
@@ -171,145 +205,6 @@ TEST_F(RefreshTest, TimesOutWhileItFillsTheTables) {
     EXPECT_EQ(TestRows::List<vmEntry>().size(), 1U);
 }
 
-TEST_F(RefreshTest, FillsEveryTableOfTwoVms) {
-    Check("\nvm 16; vm 32\n");
-    SNMPRaskTable_Init();
-    EXPECT_EQ(log.Take(), (Lines{{6, "SNMPRask: start refreshing cache...\n"},
-                                 {6, "SNMPRaskRefreshCache: Examining 2 VMs found.\n"},
-                                 {6, "SNMPRask: refreshing cache completed.\n"}}));
-    EXPECT_EQ('\n' + TestRows::VmText() + TestRows::DeviceText() + TestRows::ResourceText(), R"(
-vm 0 "vm-16" "Unknown config: 16" "Guest of vm-16" 512 "poweredOn" 16 "running"
-vm 1 "vm-32" "Unknown config: 32" "Guest of vm-32" 512 "poweredOn" 32 "running"
-nic 0 0 "vm-16 Adapter 1" "VM Network" "monitor_dev"
-nic 0 1 "vm-16 Adapter 2" "VM Network" "monitor_dev"
-nic 1 0 "vm-32 Adapter 1" "VM Network" "monitor_dev"
-nic 1 1 "vm-32 Adapter 2" "VM Network" "monitor_dev"
-hba 0 0 "vm-16 SCSI 0" "lsilogic"
-hba 0 1 "vm-16 SCSI 1" "buslogic"
-hba 1 0 "vm-32 SCSI 0" "lsilogic"
-hba 1 1 "vm-32 SCSI 1" "buslogic"
-target 0 0 "vm-16 Disk 1"
-target 0 1 "vm-16 Disk 2"
-target 1 0 "vm-32 Disk 1"
-target 1 1 "vm-32 Disk 2"
-floppy 0 0 "/dev/fd0" "true"
-floppy 0 1 "/dev/fd1" "false"
-floppy 1 0 "/dev/fd0" "true"
-floppy 1 1 "/dev/fd1" "false"
-cdrom 0 0 "/dev/cd0" "true"
-cdrom 0 1 "/dev/cd1" "false"
-cdrom 1 0 "/dev/cd0" "true"
-cdrom 1 1 "/dev/cd1" "false"
-cpu 16 2000 0.00999999978
-cpu 17 0 0.0109999999
-cpu 32 2000 0.00999999978
-cpu 33 0 0.0109999999
-memory 16 5120 524288 9
-memory 32 5120 524288 9
-disk 1 "raw-1" 16 10 1 3 2 4
-disk 2 "raw-2" 16 20 1 3 2 4
-disk 3 "raw-1" 32 10 1 3 2 4
-disk 4 "raw-2" 32 20 1 3 2 4
-card 1 "vm-16 card 1" 16 "00:16:3e:00:00:01" 0 7 6 8 5 7 6 8 5
-card 2 "vm-16 card 2" 16 "SNMP Error" 0 7 6 8 5 7 6 8 5
-card 3 "vm-32 card 1" 32 "00:16:3e:00:00:01" 0 7 6 8 5 7 6 8 5
-card 4 "vm-32 card 2" 32 "SNMP Error" 0 7 6 8 5 7 6 8 5
-)");
-}
-
-TEST_F(RefreshTest, SendsNoMoreCallsThanItMust) {
-    Check("\nvm 16; vm 32 poweredOff\n");
-    SNMPRaskTable_Init();
-    EXPECT_EQ(daemon.calls,
-              (std::vector<std::string>{"AcquireLocalTicket", "Login", "GetChildEntity", "GetConfig",
-                                        "GetConfig", "RetrieveContent", "GetPerfCounter", "QueryPerf",
-                                        "GetRuntime", "GetGuest", "GetRuntime", "GetGuest"}));
-    daemon.calls.clear();
-    SNMPRaskTable_Expire();
-    SNMPRaskTable_Init();
-    EXPECT_EQ(daemon.calls, (std::vector<std::string>{"GetChildEntity", "GetConfig", "GetConfig", "QueryPerf",
-                                                      "GetRuntime", "GetGuest", "GetRuntime", "GetGuest"}));
-}
-
-TEST_F(RefreshTest, CallsTheFillersInTheirOrder) {
-    // Every filler warns about this VM.
-    Describe(host, R"(
-vms:
-  - id: vm-x
-    runtime: {powerState: poweredOn}
-    config: {name: odd, guestFullName: "", hardware: {numCPU: 1, memoryMB: 0, device: [
-      {type: VirtualFloppy, key: 1}, {type: VirtualCdrom, key: 2},
-      {type: VirtualDisk, key: 3, deviceInfo: {label: D, summary: ""}},
-      {type: VirtualSCSIController, key: 4, busNumber: 0}, {type: VirtualEthernetCard, key: 5}]}}
-)");
-    clock->FailCalloc(sizeof(vmHBANode));
-    Check(R"(
-at 0 -> (open stream)
-  4 SetVMInfo: invalid VM Id: vm-x
-  4 SetNicInfo: Null device backing.
-  4 SetStorageInfo: HBANode: Out of memory?
-  4 SetStorageInfo: cannot find unit number for disk D.
-  4 SetCdromInfo:  No unit number for cdrom.
-  4 SetCdromInfo:  No ConnectInfo found for cdrom 0
-  4 SetCdromInfo: Found cdrom of unknown backing.
-  4 SetFloppyInfo: No unit number for floppy.
-  4 SetFloppyInfo:  Null ConnectInfo for floppy.
-  4 SetCdromInfo: Found floppy of unknown backing.
-  4 OrdaneClient::RetrieveStats: couldn't find stats for cpu.used.0
-  4 OrdaneClient::RetrieveStats: couldn't find stats for mem.active.any
-  4 SetDiskResource: found vdisk of unknown backing.
-  4 OrdaneClient::RetrieveStats: couldn't find stats for disk.numberRead.unknown
-  4 OrdaneClient::RetrieveStats: couldn't find stats for disk.read.unknown
-  4 OrdaneClient::RetrieveStats: couldn't find stats for disk.numberWrite.unknown
-  4 OrdaneClient::RetrieveStats: couldn't find stats for disk.write.unknown
-  4 OrdaneClient::RetrieveStats: couldn't find stats for net.packetsTx.5
-  4 OrdaneClient::RetrieveStats: couldn't find stats for net.transmitted.5
-  4 OrdaneClient::RetrieveStats: couldn't find stats for net.packetsRx.5
-  4 OrdaneClient::RetrieveStats: couldn't find stats for net.received.5
-  4 OrdaneClient::RetrieveStats: couldn't find stats for net.packetsTx.5
-  4 OrdaneClient::RetrieveStats: couldn't find stats for net.transmitted.5
-  4 OrdaneClient::RetrieveStats: couldn't find stats for net.packetsRx.5
-  4 OrdaneClient::RetrieveStats: couldn't find stats for net.received.5
-  6 SNMPRask: refreshing cache completed.
-)");
-}
-
-TEST_F(RefreshTest, SkipsVmsWithoutAConfiguration) {
-    Check(R"(
-unconfigured-vm 8; at 0; rows -> 0 0 0 0 0 0 0 0 0 0 (open stream)
-  6 SNMPRask: refreshing cache completed.
-vm 16; unconfigured-vm 24; vm 32; at 21; rows -> 2 4 4 4 4 4 4 2 4 4
-  6 SNMPRask: refreshing cache completed.
-)");
-    EXPECT_EQ(host.queries.at(0)->GetLength(), 0);
-    EXPECT_EQ(TestRows::List<vmEntry>()[1]->vmIdx, 1);
-    EXPECT_EQ(TestRows::List<vmEntry>()[1]->vmVMID, 32);
-}
-
-TEST_F(RefreshTest, MakesNoResourceRowsOfAPoweredOffVm) {
-    Check(R"(
-vm 16 poweredOff; vm 32 suspended; at 0; rows; memories -> 2 4 4 4 4 4 2 1 2 2 32:9 (open stream)
-  6 SNMPRask: refreshing cache completed.
-)");
-    EXPECT_EQ(TestRows::List<resCPUNode>()[0]->cpuVMID, 32);
-    EXPECT_EQ(TestRows::List<resDiskNode>()[0]->diskIdx, 1);
-    EXPECT_EQ(TestRows::List<resNetNode>()[0]->netIdx, 1);
-    EXPECT_EQ(host.queries.at(0)->GetLength(), 2);
-}
-
-TEST_F(RefreshTest, StartsEachRebuildFromEmptyTables) {
-    std::string atTheFirstCall;
-    daemon.WhenSent("GetChildEntity", [&] { atTheFirstCall = TestRows::Counts(); });
-    Check(R"(
-vm 16; vm 32; at 0; rows -> 2 4 4 4 4 4 4 2 4 4 (open stream)
-  6 SNMPRask: refreshing cache completed.
-remove-vm; at 21; rows -> 1 2 2 2 2 2 2 1 2 2
-  6 SNMPRask: refreshing cache completed.
-)");
-    EXPECT_EQ(atTheFirstCall, "0 0 0 0 0 0 0 0 0 0");
-    EXPECT_EQ(TestRows::List<resDiskNode>()[0]->diskIdx, 1);
-}
-
 TEST_F(RefreshTest, KeepsOneLastingCopyPerTextOverRebuilds) {
     Check("\nvm 16; vm 32\n");
     const auto texts = [] {
@@ -341,60 +236,6 @@ TEST_F(RefreshTest, RejectsAVmWithoutItsConfiguration) {
         EXPECT_STREQ(thrown.what(), text);
     }
     EXPECT_EQ(log.Take(), (Lines{{3, text}}));
-}
-
-// The second VM's first row of one table cannot be allocated in a rebuild of three VMs with two devices of
-// each kind. It is not an exception, and retried in its turn.
-TEST_F(RefreshTest, EndsAFillerWithoutMemoryAndContinuesWithTheNextFillerAndVm) {
-    // Rows are allocated one by one, after those of the VM table: of each VM two cards, adapters, disks,
-    // CD-ROM drives and floppy drives, then two CPUs, the memory, two disks and two cards of the resource
-    // groups.
-    constexpr int secondVm = 1 + 17 + 1;
-    const struct {
-        int nth;
-        std::string counts;
-        std::string message;
-    } cases[] = {{secondVm, "3 4 6 6 6 6 6 3 6 6", "SetNicInfo"},
-                 {secondVm + 2, "3 6 4 6 6 6 6 3 6 6", "SetStorageInfo: HBANode"},
-                 {secondVm + 4, "3 6 6 4 6 6 6 3 6 6", "SetStorageInfo: HBATgt"},
-                 {secondVm + 6, "3 6 6 6 6 4 6 3 6 6", "SetCdromInfo"},
-                 {secondVm + 8, "3 6 6 6 4 6 6 3 6 6", "SetFloppyInfo"},
-                 {secondVm + 10, "3 6 6 6 6 6 4 3 6 6", "SetCPUResource"},
-                 {secondVm + 12, "3 6 6 6 6 6 6 2 6 6", "SetMemResource"},
-                 {secondVm + 13, "3 6 6 6 6 6 6 3 4 6", "SetDiskResource"},
-                 {secondVm + 15, "3 6 6 6 6 6 6 3 6 4", "SetNetResource"}};
-    Check("\nvm 16; vm 32; vm 48; rebuild -> (open stream)\n  6 SNMPRask: refreshing cache completed.\n");
-    for (const auto& each : cases) {
-        clock->FailCalloc(0, each.nth);
-        Check("\nexpire; at 0; rows -> " + each.counts + "\n  4 " + each.message + R"(: Out of memory?
-  6 SNMPRask: refreshing cache completed.
-at 20; at 21; rows -> 3 6 6 6 6 6 6 3 6 6
-  6 SNMPRask: refreshing cache completed.
-)");
-    }
-}
-
-// The second VM fails, so that there are rows already.
-TEST_F(RefreshTest, EmptiesTheTablesAfterAnExceptionAndRetriesAtOnce) {
-    Check("\nvm 16; vm 32; rebuild -> (open stream)\n  6 SNMPRask: refreshing cache completed.\n");
-    for (const std::string method : {"GetConfig", "GetRuntime", "GetGuest"}) {
-        const std::string session = R"(
-expire; fail-second METHOD; at 0; rows -> 0 0 0 0 0 0 0 0 0 0
-  4 SNMPRaskRefreshCache exception:it failed (4 backtrace)
-fail METHOD; at 0; rows -> 0 0 0 0 0 0 0 0 0 0
-  4 SNMPRaskRefreshCache exception:it failed (4 backtrace)
-throw METHOD; at 0 -> throws not of the runtime
-repair METHOD; rows -> 0 0 0 0 0 0 0 0 0 0
-at 0; at 20; rows -> 2 4 4 4 4 4 4 2 4 4
-  6 SNMPRask: refreshing cache completed.
-)";
-        Check(std::regex_replace(session, std::regex("METHOD"), method));
-    }
-    Check(R"(
-fail GetConfig; rebuild -> throws it failed
-repair GetConfig; fault GetConfig; expire; at 0
-  4 SNMPRaskRefreshCache exception:not today, %1 %s (4 backtrace)
-)");
 }
 
 // Without the log capture, which needs memory itself.

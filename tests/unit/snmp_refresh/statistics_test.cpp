@@ -1,5 +1,6 @@
 #include "runtime/hask/performance_counters.h"
 #include "runtime/ordane/faults.h"
+#include "tests/support/files.h"
 #include "tests/unit/snmp_refresh/fixture.h"
 
 namespace RefreshTests {
@@ -74,7 +75,13 @@ class StatisticsTest : public ClientTest {
             });
         });
         Add("no-manager", [this] { host.content->SetPerfManager(nullptr); });
+        Add("no-metric-ids", [this] { failing->withoutMetricIds = true; });
+        Add("metric-ids-again", [this] { failing->withoutMetricIds = false; });
+        Add("reset-at-second-result", [this] {
+            failing->atSecondResult = [] { throw Ordane::Fault::HostCommunication::Exception("reset"); };
+        });
         Add("other", [this] { client = MakeRef<OrdaneClient>(); });
+        Add("first", [this] { client = failing; });
 
         Add("ids", [this] {
             std::string text = "ids";
@@ -101,6 +108,8 @@ class StatisticsTest : public ClientTest {
             const Ref<VmArray> vms = AllVms();
             client->CollectVMStats(vms.Get());
         });
+        Add("collect-none", [this] { client->CollectVMStats(MakeRef<VmArray>().Get()); });
+        Add("collect-null", [this] { client->CollectVMStats(nullptr); });
         // What the last query asked for.
         Add("query", [this] {
             std::string text = std::to_string(host.queries.size()) + ". query";
@@ -112,7 +121,7 @@ class StatisticsTest : public ClientTest {
         });
         // Of "VM:group.counter/instance", the sample and its low 32 bits; without a slash, any instance.
         Add("get", [this](const std::string& text) {
-            const auto [vm, statistic] = Split(text, ':');
+            const auto [vm, statistic] = Split(TestSupport::Unescape(text), ':');
             const auto [name, instance] = Split(statistic, '/');
             const auto [group, counter] = Split(name, '.');
             const char* const any = statistic.find('/') == std::string::npos ? nullptr : instance.c_str();
@@ -155,102 +164,6 @@ TEST(CounterList, RejectsAnyNumberButTen) {
     EXPECT_EQ(SNMP::MakeCounterList(ten).size(), 10U);
 }
 
-TEST_F(StatisticsTest, SharesOneListThatEachClientResolvesAnew) {
-    Check(R"(
-metrics 16:10/0=1; collect -> (GetChildEntity, RetrieveContent, GetPerfCounter, QueryPerf)
-catalogue 33:cpu.used; other; id cpu.used -> 33 (open stream, AcquireLocalTicket, Login, RetrieveContent, GetPerfCounter)
-no-manager; other; ids -> ids (Logout, close adapter, close stream /connection/2, shut service down, open stream, AcquireLocalTicket, Login, RetrieveContent)
-id cpu.used -> -1
-metric-ids -> metrics
-manager -> null
-)");
-    client = failing;
-    Check(R"(
-ids -> ids
-get 16:cpu.used/0 -> -1
-  4 OrdaneClient::RetrieveStats: couldn't find stats for cpu.used
-)");
-}
-
-TEST_F(StatisticsTest, QueriesAllVmsAtOnceAndReplacesTheLastResults) {
-    Check(R"(
-get 16:no.such/0 -> -1
-  4 OrdaneClient::RetrieveStats: no stats available. (no line feed)
-metrics 16:10/0=1 16:9/=2; collect -> (GetChildEntity, RetrieveContent, GetPerfCounter, QueryPerf)
-query -> 1. query, VirtualMachine 16 interval 0 1/* 2/* 3/* 4/* 5/* 6/* 7/* 8/* 9/* 10/*, VirtualMachine 32 interval 0 1/* 2/* 3/* 4/* 5/* 6/* 7/* 8/* 9/* 10/*
-get 16:mem.active -> 2
-metrics 16:10/0=3; collect -> (GetChildEntity, QueryPerf)
-get 16:cpu.used/0 -> 3
-get 16:mem.active -> -1
-  4 OrdaneClient::RetrieveStats: couldn't find stats for mem.active.any
-metrics; collect -> (GetChildEntity, QueryPerf)
-get 16:cpu.used/0 -> -1
-  4 OrdaneClient::RetrieveStats: couldn't find stats for cpu.used.0
-)");
-    client->CollectVMStats(MakeRef<VmArray>().Get());
-    EXPECT_EQ(host.queries.at(3)->GetLength(), 0);
-}
-
-// What leaves no statistics, after a collection that had some.
-TEST_F(StatisticsTest, DropsTheResultsBeforeANewQueryThatFails) {
-    const std::string collected = R"(
-metrics 16:10/0=7; collect -> (GetChildEntity, QueryPerf)
-get 16:cpu.used/0 -> 7
-)";
-    const std::string none = R"(get 16:cpu.used/0 -> -1
-  4 OrdaneClient::RetrieveStats: no stats available. (no line feed)
-)";
-    client->GetAvailableCounterIds();
-    Check(collected);
-    client->CollectVMStats(nullptr);
-    Check('\n' + none);
-
-    Check(collected);
-    failing->withoutMetricIds = true;
-    Check(R"(
-collect -> (GetChildEntity)
-  4 OrdaneClient::CollectVMStats no-op, no metrid Id to query.
-)" + none);
-    failing->withoutMetricIds = false;
-
-    Check(collected + R"(fail QueryPerf; collect -> (GetChildEntity)
-  4 OrdaneClient::CollectVMStats: :it failed (4 backtrace)
-connected? -> true
-)" + none);
-
-    Check(R"(
-throw QueryPerf; collect -> throws not of the runtime (GetChildEntity)
-repair QueryPerf; break QueryPerf; collect -> (GetChildEntity, QueryPerf, close adapter, close stream /connection/1, shut service down)
-  4 OrdaneClient::CollectVMStats: :connection reset (4 backtrace)
-connected? -> false
-collect -> (open stream, AcquireLocalTicket, Login, GetChildEntity, QueryPerf)
-get 16:cpu.used/0 -> 7
-)");
-    const Ref<VmArray> vms = AllVms();
-    Check(R"(
-break GetChildEntity; list -> null (GetChildEntity, close adapter, close stream /connection/2, shut service down)
-down
-)");
-    client->CollectVMStats(vms.Get());
-    EXPECT_EQ(log.Take().back(), (LogLine{4, "OrdaneClient::CollectVMStats failed, no perf manager.\n"}));
-    Check('\n' + none);
-}
-
-// An error between two results of a query.
-TEST_F(StatisticsTest, KeepsWhatCameBeforeAnErrorAndDropsABrokenConnection) {
-    client->GetAvailableCounterIds();
-    failing->atSecondResult = [] { throw Ordane::Fault::HostCommunication::Exception("reset"); };
-    Check(R"(
-metrics 16:10/0=7 32:10/0=8; collect -> (GetChildEntity, QueryPerf, Logout, close adapter, close stream /connection/1, shut service down)
-  4 OrdaneClient::CollectVMStats: :reset (4 backtrace)
-get 16:cpu.used/0 -> 7
-get 32:cpu.used/0 -> -1
-  4 OrdaneClient::RetrieveStats: couldn't find stats for cpu.used.0
-collect -> (open stream, AcquireLocalTicket, Login, GetChildEntity, QueryPerf)
-get 32:cpu.used/0 -> 8
-)");
-}
-
 // Results without values and of other kinds.
 TEST_F(StatisticsTest, IgnoresResultsWithoutSamples) {
     const auto withoutValues = MakeRef<Performance::EntityMetric>();
@@ -285,26 +198,6 @@ TEST_F(StatisticsTest, ReturnsASampleOrItsLow32BitsOfAnInstanceAsNumberOrText) {
         EXPECT_EQ(client->RetrieveStats(vm.Get(), "cpu", "used", -1), low);
     }
     EXPECT_EQ(log.Take(), Lines());
-}
-
-// 0 is an id, a negative number of the catalogue is none.
-TEST_F(StatisticsTest, NamesTheMissingStatisticOnOneLineOfTheLog) {
-    host.metrics = Array<Performance::EntityMetricBase>({Metric("16", {Series(3, "a\nb", {1})})});
-    Check(R"(
-catalogue -5:cpu.used 0:mem.active 3:disk.read; collect -> (GetChildEntity, RetrieveContent, GetPerfCounter, QueryPerf)
-get 16:mem.active -> -1
-  4 OrdaneClient::RetrieveStats: couldn't find stats for mem.active.any
-get 16:cpu.used/0 -> -1
-  4 OrdaneClient::RetrieveStats: couldn't find stats for cpu.used
-get 16:no.such/0 -> -1
-  4 OrdaneClient::RetrieveStats: couldn't find stats for no.such
-get 64:disk.read/disk-0:0 -> -1
-  4 OrdaneClient::RetrieveStats: couldn't find stats for disk.read.disk-0:0
-)");
-    const auto vm = Reference("VirtualMachine", "16");
-    EXPECT_EQ(client->RetrieveStats(vm.Get(), "disk", "read", "b\nc"), -1);
-    EXPECT_EQ(log.Take(),
-              (Lines{{4, "OrdaneClient::RetrieveStats: couldn't find stats for disk.read.b\\x0ac\n"}}));
 }
 
 }  // namespace
