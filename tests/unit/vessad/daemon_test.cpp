@@ -74,6 +74,10 @@ TEST_F(DaemonTest, WithoutLibvirtServesADescribedHostOnly) {
     WriteAll(directory.GetPath() / "host.yaml", sampleHost);
     Start("--host host.yaml");
     EXPECT_THAT(ServedContent(), HasSubstr("1.2.3"));
+    std::string changed = sampleHost;
+    WriteAll(directory.GetPath() / "host.yaml", changed.replace(changed.find("1.2.3"), 5, "4.5.6"));
+    ::kill(daemon, SIGHUP);
+    EXPECT_TRUE(Await([&] { return ServedContent().find("4.5.6") != std::string::npos; })) << Log();
     Stop(SIGINT);
     EXPECT_THAT(Log(), HasSubstr("SIGINT received, stopping"));
 }

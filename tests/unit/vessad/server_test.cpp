@@ -274,6 +274,28 @@ TEST_F(ServerTest, RecoversFromRunningOutOfFiles) {
     EXPECT_EQ(ListVms(*LoggedIn()), 200);
 }
 
+TEST_F(ServerTest, FitsItsConnectionsIntoTheLimitOfOpenFiles) {
+    rlimit files{};
+    ::getrlimit(RLIMIT_NOFILE, &files);
+    const rlim_t enough = ConnectionTable::Limits().Total() + 224;
+    ASSERT_GE(files.rlim_max, enough);
+    std::string served;
+    for (const auto& [soft, hard] :
+         std::vector<std::pair<rlim_t, rlim_t>>{{256, enough}, {256, enough - 1}, {256, 524}, {200, 200}}) {
+        const rlimit given{soft, hard};
+        ::setrlimit(RLIMIT_NOFILE, &given);
+        const auto limits = RaiseFileLimit();
+        ::getrlimit(RLIMIT_NOFILE, &files);
+        served += std::to_string(files.rlim_cur) + " files: " + std::to_string(limits.preamble) + " " +
+                  std::to_string(limits.login) + " " + std::to_string(limits.session) + "\n";
+    }
+    EXPECT_EQ(
+        served,
+        "4320 files: 1024 512 2560\n4319 files: 1365 1365 1365\n524 files: 100 100 100\n200 files: 1 1 1\n");
+    EXPECT_THAT(log.GetText(),
+                HasSubstr("warning Limit of 524 open files, serving at most 300 connections\n"));
+}
+
 TEST_F(ServerTest, ClosesEverythingWhenItStops) {
     RawClient silent(port);
     const auto waiting = Opened();

@@ -13,6 +13,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "apps/vessad/Server.h"
 #include "runtime/tessim/file_descriptor.h"
@@ -66,18 +68,17 @@ class ServiceTest : public ::testing::Test {
         }
     }
 
-    void Start(const FileDescriptor& passed) {
+    // With that socket passed `count` times.
+    void Start(const FileDescriptor& passed, const char* count = "1") {
         const std::string tickets = (directory.GetPath() / "tickets").string();
         daemon = ::fork();
         if (daemon == 0) {
             ::dup2(::open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
-            if (passed.Get() == firstPassed) {
-                ::fcntl(firstPassed, F_SETFD, 0);
-            } else {
-                ::dup2(passed.Get(), firstPassed);
-            }
+            const int copy = ::dup(passed.Get());
+            ::dup2(copy, firstPassed);
+            ::dup2(copy, firstPassed + 1);
             ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
-            ::setenv("LISTEN_FDS", "1", 1);
+            ::setenv("LISTEN_FDS", count, 1);
             ::setenv("NOTIFY_SOCKET", noticePath.c_str(), 1);
             ::setenv("WATCHDOG_USEC", "400000", 1);
             ::unsetenv("WATCHDOG_PID");
@@ -137,13 +138,19 @@ TEST_F(ServiceTest, ReportsProgressUntilItStops) {
     EXPECT_EQ(Wait(), 0);
 }
 
-TEST_F(ServiceTest, RefusesASocketThatIsNotALoopbackListener) {
-    for (const bool listens : {true, false}) {
-        const FileDescriptor socket = Bind(listens ? INADDR_ANY : INADDR_LOOPBACK, listens);
-        Start(socket);
+TEST_F(ServiceTest, RefusesAllButOneSocketThatListensAtALoopbackAddress) {
+    const FileDescriptor everywhere = Bind(INADDR_ANY, true);
+    const FileDescriptor silent = Bind(INADDR_LOOPBACK, false);
+    const FileDescriptor good = Bind(INADDR_LOOPBACK, true);
+    for (const auto& [socket, count, reason] :
+         std::vector<std::tuple<const FileDescriptor*, const char*, std::string>>{
+             {&everywhere, "1", "the passed socket does not listen on TCP at a loopback address"},
+             {&silent, "1", "the passed socket does not listen on TCP at a loopback address"},
+             {&good, "2", "more than one socket is passed to listen on, or for diagnostics"},
+             {&good, "two", "cannot take over the passed sockets: Invalid argument"}}) {
+        Start(*socket, count);
         EXPECT_EQ(Wait(), 1);
-        EXPECT_THAT(ReadAll(logPath),
-                    HasSubstr("the passed socket does not listen on TCP at a loopback address"));
+        EXPECT_THAT(ReadAll(logPath), HasSubstr(reason));
         std::filesystem::remove(logPath);
     }
 }

@@ -85,6 +85,10 @@ TEST_F(CollectorTest, KeepsTheDescriptionOfAVmThatTheHostDoesNotDescribe) {
     SetDomains({undescribed, SmallDomain(uuidB, "vm-b")});
     AwaitVms({"1000 vm-a poweredOn unknown cpu.used 0=1", vmB});
     EXPECT_EQ(log.Count("cannot be read"), 0);
+    undescribed.xml = "<domain>";
+    SetDomains({undescribed, SmallDomain(uuidB, "vm-b")});
+    AwaitVms({"1000 unconfigured poweredOn unknown", vmB});
+    EXPECT_EQ(log.Count("error The XML of VM " + uuidA + " cannot be read, it has no configuration: "), 1);
 }
 
 // libvirt can be configured to keep the process of a crashed domain.

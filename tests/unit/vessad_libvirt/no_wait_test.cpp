@@ -1,4 +1,5 @@
 // Statistics from hosts that know libvirt's no-wait flag and from those that do not.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <libvirt/libvirt.h>
 
@@ -12,6 +13,14 @@ namespace {
 bool knowsFlag = true;
 int busyCalls = 0;   // so many calls find another program's job on the domain
 std::string called;  // one letter for each call: n with the flag, w without
+virTypedParameter mixed[] = {{"text", VIR_TYPED_PARAM_STRING, {.s = const_cast<char*>("fd0")}},
+                             {"int", VIR_TYPED_PARAM_INT, {.i = 1}},
+                             {"negative", VIR_TYPED_PARAM_INT, {.i = -1}},
+                             {"unsigned", VIR_TYPED_PARAM_UINT, {.ui = 2}},
+                             {"long", VIR_TYPED_PARAM_LLONG, {.l = 3}},
+                             {"real", VIR_TYPED_PARAM_DOUBLE, {.d = 4}},
+                             {"balloon.rss", VIR_TYPED_PARAM_ULLONG, {.ul = 5}}};
+bool servesMixed = false;
 
 }  // namespace
 
@@ -28,7 +37,8 @@ extern "C" int virDomainListGetStats(virDomainPtr* domains, unsigned, virDomainS
         virDomainLookupByUUIDString(virDomainGetConnect(*domains), "");
         return -1;
     }
-    record.params = busyCalls-- > 0 ? &partial : &whole;
+    record.params = servesMixed ? mixed : busyCalls-- > 0 ? &partial : &whole;
+    record.nparams = servesMixed ? static_cast<int>(std::size(mixed)) : 1;
     *list = records.data();
     return 1;
 }
@@ -57,6 +67,17 @@ TEST(NoWaitTest, SamplesWithoutWaitingForOtherProgramsWhereTheHostCan) {
         EXPECT_TRUE(connection->GetStatistics(uuid).contains("balloon.rss"));
         EXPECT_EQ(called, host.called);
     }
+}
+
+TEST(NoWaitTest, TakesTextsAndWholeNumbersOfStatistics) {
+    servesMixed = true;
+    const auto connection = MakeApi()->Open("test:///default");
+    EXPECT_EQ(
+        connection->GetStatistics(connection->GetDomains().at(0).uuid),
+        (Statistics{{"text", "fd0"}, {"int", 1U}, {"unsigned", 2U}, {"long", 3U}, {"balloon.rss", 5U}}));
+    const auto unknown = [&] { connection->GetStatistics("00000000-0000-4000-8000-000000000000"); };
+    EXPECT_THAT(unknown,
+                testing::Throws<ApiError>(testing::Property(&ApiError::GetKind, ApiError::Kind::Gone)));
 }
 
 }  // namespace

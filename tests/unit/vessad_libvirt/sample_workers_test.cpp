@@ -62,6 +62,18 @@ TEST_F(SampleWorkersTest, SampleEveryDomainOfAHostThatIsUp) {
     EXPECT_THAT(workers->Sample(domains), SizeIs(100));
 }
 
+TEST_F(SampleWorkersTest, SampleTheOthersWhenAConnectionBreaksInACall) {
+    MakeDomains(3);
+    StartWith({.call = hours(1)});
+    api->Freeze("0");
+    auto samples = SampleInBackground();
+    ASSERT_TRUE(Await([&] { return api->CountWaiting() == 1; }));
+    api->SetDown(false);  // which breaks the connections
+    api->Release();
+    EXPECT_THAT(samples.get(), SizeIs(2));
+    EXPECT_THAT(workers->Sample(domains), SizeIs(3));
+}
+
 TEST_F(SampleWorkersTest, SampleTheOthersWhileADomainDoesNotRespondOrFails) {
     MakeDomains(20);
     api->Freeze("3");

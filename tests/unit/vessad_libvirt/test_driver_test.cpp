@@ -20,15 +20,20 @@ using testing::UnorderedElementsAre;
 TEST(TestDriver, HasItsHostAndDomainsWithStatesDevicesAndStatistics) {
     const VessadTest::TemporaryDirectory directory;
     const VessadTest::LogLines log;
-    const auto inventory = MakeLibvirtBackend("test://" LIBVIRT_TEST_CASES "/test_driver_host.xml",
-                                              directory.GetPath() / "state", {})
-                               ->GetInventory();
+    const auto backend = MakeLibvirtBackend("test://" LIBVIRT_TEST_CASES "/test_driver_host.xml",
+                                            directory.GetPath() / "state", {});
+    const auto inventory = backend->GetInventory();
+    backend->Reload();
+    EXPECT_TRUE(backend->IsMakingProgress());
     EXPECT_THAT(HostLine(*inventory),
                 testing::MatchesRegex(
                     "TEST 0.0.2, libvirt [0-9.]+, 6 cores, 8589934592 bytes, 0 reserved, 10 counters"));
-    EXPECT_THAT(VmLines(*inventory), UnorderedElementsAre(HasSubstr("0 vm-1 poweredOn running "),
-                                                          EndsWith("0 vm-2 poweredOff notRunning"),
-                                                          HasSubstr("0 vm-3 suspended notRunning cpu.used")));
+    EXPECT_THAT(VmLines(*inventory),
+                UnorderedElementsAre(
+                    HasSubstr("0 vm-1 poweredOn running "), EndsWith("0 vm-2 poweredOff notRunning"),
+                    HasSubstr("0 vm-3 suspended notRunning cpu.used"),
+                    HasSubstr("0 blocked poweredOn running"), HasSubstr("0 ending poweredOn shuttingDown"),
+                    EndsWith("0 crashed poweredOff notRunning"), HasSubstr("0 asleep suspended standby")));
     std::map<std::string, std::decay_t<decltype(inventory->vms.at(0))>> vms;
     for (const auto& vm : inventory->vms) {
         vms[ConfigLine(*vm->config)] = vm;

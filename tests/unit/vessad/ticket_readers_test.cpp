@@ -1,0 +1,64 @@
+#include "apps/vessad/TicketReaders.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/fsuid.h>
+#include <unistd.h>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+
+#include "tests/unit/vessad/log_lines.h"
+
+namespace Vessad {
+namespace {
+
+using boost::asio::ip::tcp;
+
+// A connection to `address` whose other end is a socket of `user`, and whether `readers` include that user.
+bool IncludesUser(TicketReaders& readers, uid_t user, const char* address = "127.0.0.1") {
+    boost::asio::io_context io;
+    tcp::acceptor acceptor(io, {boost::asio::ip::make_address(address), 0});
+    tcp::socket client(io);
+    ::setfsuid(user);  // of this thread, for the sockets that it makes
+    client.open(acceptor.local_endpoint().protocol());
+    ::setfsuid(::geteuid());
+    client.connect(acceptor.local_endpoint());
+    tcp::endpoint peer;
+    tcp::socket served = acceptor.accept(peer);
+    return readers.Include(served.native_handle(), *peer.data());
+}
+
+TEST(TicketReadersTest, AreRootTheDaemonsUserAndTheGroupOfTheTickets) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can become another user";
+    }
+    // Debian's users "daemon" and "bin" are each in the group of their name only; nobody has the last number.
+    constexpr uid_t daemon = 1;
+    constexpr uid_t bin = 2;
+    constexpr uid_t missing = 4'000'000;
+    for (const auto& [group, expected] : std::vector<std::pair<std::string, std::string>>{
+             {"", "1000"}, {"daemon", "1100"}, {"bin", "1010"}, {"no-such-group-here", "1000"}}) {
+        TicketReaders readers(group, {});
+        for (const char* const address : {"127.0.0.1", "127.0.0.1", "::1"}) {
+            std::string included;
+            for (const uid_t user : {uid_t{0}, daemon, bin, missing}) {
+                included += IncludesUser(readers, user, address) ? '1' : '0';
+            }
+            EXPECT_EQ(included, expected) << group << " at " << address;
+        }
+    }
+}
+
+TEST(TicketReadersTest, AreAllUsersWhereTheKernelDoesNotTellWhoConnects) {
+    const VessadTest::LogLines log;
+    TicketReaders readers("", Tessim::FileDescriptor(::open("/dev/null", O_RDWR)));
+    EXPECT_TRUE(IncludesUser(readers, 1));
+    EXPECT_TRUE(IncludesUser(readers, 1));
+    EXPECT_EQ(log.GetText(),
+              "warning All local users are served alike: the kernel does not tell who owns a connection "
+              "(tcp_diag): Socket operation on non-socket\n");
+}
+
+}  // namespace
+}  // namespace Vessad
