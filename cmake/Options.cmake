@@ -14,4 +14,8 @@ if(KELV_COVERAGE)
   # Several threads count.
   target_compile_options(kelv_options INTERFACE --coverage -fprofile-update=atomic)
   target_link_options(kelv_options INTERFACE --coverage)
+  # So do processes that end without exit handlers.
+  add_library(coverage_exit STATIC ${CMAKE_CURRENT_LIST_DIR}/coverage_exit.c)
+  target_link_libraries(kelv_options INTERFACE coverage_exit)
+  target_link_options(kelv_options INTERFACE LINKER:--wrap=_exit,--wrap=_Exit,--wrap=abort)
 endif()
