@@ -7,10 +7,11 @@ import tempfile
 
 import pytest
 
-for helper in ("mib", "expected_tree", "system", "snmp_client", "wire"):
+for helper in ("mib", "expected_tree", "system", "snmp_client", "wire", "libvirt_host"):
     pytest.register_assert_rewrite(helper)
 
 import fault_report  # noqa: E402
+import libvirt_host  # noqa: E402
 import network       # noqa: E402
 import system        # noqa: E402
 
@@ -79,6 +80,23 @@ def start_daemon(directory):
             code = daemon.stop()
             assert was_stopped or code == 0, f"the daemon ended with {code}: {daemon.log_text()}"
             assert not list(daemon.tickets.iterdir()), "tickets are left"
+
+        yield start
+
+
+@pytest.fixture
+def start_libvirt_daemon(directory):
+    """start_libvirt_daemon(uri) starts the daemon on a libvirt host; it must stop cleanly at the end."""
+    with contextlib.ExitStack() as stack:
+        def start(uri, *options):
+            daemon = libvirt_host.Daemon(uri, directory, *options)
+            stack.callback(check_stop, daemon)
+            return daemon
+
+        def check_stop(daemon):
+            was_stopped = daemon.process.poll() is not None
+            code = daemon.stop()
+            assert was_stopped or code == 0, f"the daemon ended with {code}: {daemon.log_text()}"
 
         yield start
 

@@ -7,7 +7,6 @@ With xdist's `--dist loadgroup` the tests that compute, one group, run one after
 another group, run beside them with a libvirtd of their own.
 """
 
-import contextlib
 import pathlib
 import shutil
 import tempfile
@@ -19,8 +18,7 @@ def pytest_configure(config):
     config.addinivalue_line("markers", "xdist_group(name): the tests of a group run one after the other")
 
 
-for helper in ("libvirt_host", "domain_tree"):
-    pytest.register_assert_rewrite(helper)
+pytest.register_assert_rewrite("domain_tree")
 
 import libvirt_host  # noqa: E402
 
@@ -44,20 +42,3 @@ def libvirtd(shared_libvirtd):
     if shared_libvirtd.process.poll() is not None:
         shared_libvirtd.start()
     shared_libvirtd.end_guests()
-
-
-@pytest.fixture
-def start_libvirt_daemon(directory):
-    """start_libvirt_daemon(uri) starts the daemon on a libvirt host; it must stop cleanly at the end."""
-    with contextlib.ExitStack() as stack:
-        def start(uri, *options):
-            daemon = libvirt_host.Daemon(uri, directory, *options)
-            stack.callback(check_stop, daemon)
-            return daemon
-
-        def check_stop(daemon):
-            was_stopped = daemon.process.poll() is not None
-            code = daemon.stop()
-            assert was_stopped or code == 0, f"the daemon ended with {code}: {daemon.log_text()}"
-
-        yield start

@@ -101,11 +101,14 @@ class ShiftedAgent(system.Agent):
     def recover(self, host, daemon=None):
         """Waits until the agent serves the whole tree again. After a timeout it waits 5 s or more before it connects
         again, and on a busy computer even a good daemon may time out."""
+        self.wait_for_rows()
+        self.assert_right(host, daemon)
+
+    def wait_for_rows(self):
         deadline = time.monotonic() + 10 + 2 * watch.SLACK
         while not self.refresh()[1]:
             assert time.monotonic() < deadline, "the agent does not recover"
             time.sleep(0.2)
-        self.assert_right(host, daemon)
 
     def assert_right(self, host, daemon=None):
         """The agent serves the host's whole tree; daemon: the one whose running statistics it has."""
