@@ -318,9 +318,7 @@ class LibvirtSoak(Soak):
         self.daemon = self.start_daemon(self.host)
         assert not self.refresh()
         self.libvirtd.process.send_signal(signal.SIGCONT)
-        self.responds_since = time.time()
-        # Meanwhile the rows may change: without a last inventory, the domains may come before the storage pools.
-        time.sleep(self.CURRENT)
+        self.libvirtd_responds()
 
     def libvirtd_hangs_for_long(self):
         """Longer than the time after which a silent connection counts as broken."""

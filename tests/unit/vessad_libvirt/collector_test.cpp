@@ -201,6 +201,28 @@ TEST_F(CollectorTest, DoesNotWaitForTheStoragePools) {
     EXPECT_TRUE(VessadTest::Await([&] { return log.GetText() == late + late; }));
 }
 
+TEST_F(CollectorTest, HasThePoolsInTheFirstInventoryOfAHostThatHungAtFirst) {
+    options.interval = std::chrono::hours(1);
+    options.firstPoolTimeout = options.readingTimeout = milliseconds(20);
+    options.poolTimeout = std::chrono::seconds(30);
+    Domain domain = SmallDomain(uuidA, "vm-a");
+    domain.xml = DomainXmlWith(
+        "<disk type='file' device='disk'><source file='/pool/a.img'/><target dev='vda' "
+        "bus='virtio'/></disk>");
+    SetDomains({domain});
+    api->Hold(&FakeState::holdsPools);
+    api->Hold(&FakeState::holdsDomains);
+    ASSERT_TRUE(Start());
+    api->Hold(&FakeState::holdsDomains, false);
+    ASSERT_TRUE(VessadTest::Await(
+        [&] { return api->With([](const FakeState& state) { return state.schedulerCalls; }) == 1; }));
+    api->Hold(&FakeState::holdsPools, false);
+    ASSERT_TRUE(VessadTest::Await([&] { return !Vms().empty(); }));
+    EXPECT_EQ(DeviceLines(*collector->Get()->vms.at(0)->config),
+              (std::vector<std::string>{"Disk 2200 | Hard disk 1 (vda) | /pool/a.img | none:0 | "
+                                        "pool:default [default] a.img | 100 shares"}));
+}
+
 TEST_F(CollectorTest, StartsWithoutVmsOnAHostThatIsDownAndReturnsWhetherThatIsPermanent) {
     for (const bool permanent : {false, true}) {
         api->SetDown(true, permanent);

@@ -155,7 +155,10 @@ void Collector::TryToCollect() {
 
 void Collector::Collect() {
     FetchPools();
-    const auto reading = FetchReading();
+    auto reading = FetchReading();
+    if (reading && HaveFirstPoolsCome()) {
+        reading = FetchReading();
+    }
     if (!reading) {
         return;
     }
@@ -211,6 +214,20 @@ void Collector::FetchPools() {
     }
     poolsLate = !inTime;
     poolsKnown = poolsKnown || inTime;
+}
+
+// A host that hung while the daemon started replies to both requests at the same time. Without its pools
+// their disks would be in other datastores until the next collection.
+bool Collector::HaveFirstPoolsCome() {
+    std::unique_lock lock(shared->mutex);
+    if (shared->published || !poolsLate) {
+        return false;
+    }
+    const bool come = shared->Wait(lock, Clock::now() + options.poolTimeout,
+                                   [this] { return shared->stopping || !shared->poolsPending; });
+    poolsLate = !come;
+    poolsKnown = poolsKnown || come;
+    return come;
 }
 
 // A reading that is late is waited for all the same: a slow host is served, once it has replied.

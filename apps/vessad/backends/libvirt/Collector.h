@@ -63,6 +63,8 @@ class Collector {
     void TryToCollect();
     void Collect();
     void FetchPools();
+    // Waits for pools that were late for the first inventory; returns whether they have come now.
+    bool HaveFirstPoolsCome();
     // Returns nothing when the host cannot be reached or the collector is ending.
     std::optional<HostReading> FetchReading();
     // Returns whether the host was unreachable until now.
