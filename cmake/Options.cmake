@@ -17,5 +17,5 @@ if(KELV_COVERAGE)
   # So do processes that end without exit handlers.
   add_library(coverage_exit STATIC ${CMAKE_CURRENT_LIST_DIR}/coverage_exit.c)
   target_link_libraries(kelv_options INTERFACE coverage_exit)
-  target_link_options(kelv_options INTERFACE LINKER:--wrap=_exit,--wrap=_Exit,--wrap=abort)
+  target_link_options(kelv_options INTERFACE LINKER:--wrap=_exit,--wrap=_Exit,--wrap=abort,--undefined=__wrap_abort)
 endif()
