@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+
 #include "tests/unit/vessad/log_lines.h"
 #include "tests/unit/vessad/temporary_directory.h"
 #include "tests/unit/vessad_libvirt/description.h"
@@ -137,6 +139,33 @@ TEST_F(CollectorTest, DropsTheVmsAlsoWhileACallHangs) {
     AwaitVms({});
     api->Hold(&FakeState::holdsDomains, false);
     AwaitVms({vmA, vmB});
+}
+
+// As when libvirtd was stopped and continues, having closed the connections that it left without a reply.
+TEST_F(CollectorTest, ServesTheHostAnewByTheNextCollectionHoweverLongACallHung) {
+    std::atomic<std::chrono::seconds> passed{std::chrono::seconds(0)};
+    options.readingTimeout = milliseconds(50);
+    options.now = [&] { return std::chrono::steady_clock::now() + passed.load(); };
+    int hangs = 0;
+    for (const auto hang :
+         {std::chrono::seconds(30), std::chrono::seconds(180), std::chrono::seconds(3600)}) {
+        SetDomains({SmallDomain(uuidA, "vm-a"), SmallDomain(uuidB, "vm-b")});
+        api->SetCpuTime(uuidB, 2);
+        Start();
+        AwaitVms({vmA, vmB});
+        api->Hold(&FakeState::holdsDomains);
+        ++hangs;
+        ASSERT_TRUE(VessadTest::Await([&] { return log.Count("cannot be reached") == hangs; }));
+        passed = passed.load() + hang;
+        EXPECT_EQ(Vms(), hang < options.keep ? std::vector({vmA, vmB}) : std::vector<std::string>());
+        SetDomains({SmallDomain(uuidA, "vm-a", DomainState::ShutOff), SmallDomain(uuidB, "vm-b")});
+        api->SetCpuTime(uuidB, 3);
+        api->Hold(&FakeState::holdsDomains, false);
+        AwaitVms({"1000 vm-a poweredOff notRunning", "2000 vm-b poweredOn running cpu.used 0=3"});
+        SetDomains({});
+        AwaitVms({});
+        collector.reset();
+    }
 }
 
 // The time starts when the host is found unreachable, not with the last collection.
