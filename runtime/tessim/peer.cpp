@@ -1,7 +1,10 @@
 #include "runtime/tessim/peer.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <map>
@@ -15,9 +18,9 @@ namespace Tessim {
 namespace {
 
 constexpr std::chrono::seconds firstBackoff{5};
-// Below the 20 s after which the module tries again: a longer pause would make it miss that attempt.
 constexpr std::chrono::seconds longestBackoff{20};
 constexpr std::chrono::minutes calm{1};
+constexpr std::chrono::seconds recovered{20};
 
 std::mutex backoffsMutex;
 
@@ -29,11 +32,37 @@ std::map<std::string, Backoff>& Backoffs() {
 
 }  // namespace
 
-void Backoff::Start(Clock::time_point now, std::string newMessage) {
+void Backoff::Start(Clock::time_point now, std::string newMessage, FileDescriptor newConnection) {
+    if (now > end + recovered) {
+        replied = closed = false;
+    }
     const bool isFirst = length == Clock::duration::zero() || now > end + calm;
     length = isFirst ? firstBackoff : std::min<Clock::duration>(2 * length, longestBackoff);
+    begin = now;
     end = now + length;
     message = std::move(newMessage);
+    connection = length > firstBackoff ? std::move(newConnection) : FileDescriptor();
+    owner = ::getpid();
+}
+
+bool Backoff::IsActive(Clock::time_point now) {
+    if (now < end && now >= begin + firstBackoff && TakeSign()) {
+        end = now;
+    }
+    if (now >= end) {
+        connection.Close();
+    }
+    return now < end;
+}
+
+// Whether the peer has replied, or closed the connection, for the first time.
+bool Backoff::TakeSign() {
+    pollfd poll{connection.Get(), POLLIN | POLLRDHUP, 0};
+    if (!connection || owner != ::getpid() || ::poll(&poll, 1, 0) <= 0) {
+        return false;
+    }
+    bool& sign = (poll.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0 ? closed : replied;
+    return !std::exchange(sign, true);
 }
 
 Peer::Peer(const std::string& host, std::uint16_t port) {
@@ -69,11 +98,12 @@ void Peer::CheckBackoff() const {
     }
 }
 
-void Peer::ThrowTimeout(const char* step) const {
+void Peer::ThrowTimeout(const char* step, int socket) const {
     const std::string message = name + ": no reply in time (" + step + ")";
+    FileDescriptor connection(::fcntl(socket, F_DUPFD_CLOEXEC, 0));  // none where there are no more
     {
         const std::lock_guard lock(backoffsMutex);
-        Backoffs()[GetKey()].Start(Clock::now(), message);
+        Backoffs()[GetKey()].Start(Clock::now(), message, std::move(connection));
     }
     throw TimeoutException(message);
 }

@@ -3,27 +3,42 @@
 
 #include <sys/socket.h>
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <string>
 
+#include "runtime/tessim/file_descriptor.h"
 #include "runtime/tessim/time_budget.h"
 
 namespace Tessim {
 
 // The pause after a timeout, in which a peer is not tried again: 5 s, twice as long for each further timeout
-// up to 20 s, and 5 s again once a minute without one has followed the last pause.
+// up to 20 s, and 5 s again once a minute without one has followed the last pause. It ends after 5 s when the
+// peer has replied on the connection that timed out, or closed it: then its process runs again, or a new one.
+// Each of the two counts once until 20 s without a timeout have followed a pause, so that a peer that is always
+// late is not tried more often.
 class Backoff {
   public:
-    // Starts the pause after a timeout at `now`, about which `message` tells.
-    void Start(Clock::time_point now, std::string message);
-    bool IsActive(Clock::time_point now) const { return now < end; }
+    // Starts the pause after a timeout at `now`, about which `message` tells. `connection` is a duplicate of
+    // the one that timed out, or none; it is closed when the pause ends, or at once if it is not needed.
+    void Start(Clock::time_point now, std::string message, FileDescriptor connection = {});
+    // Does not wait. In a child of fork, which must not use the connection, the pause has its full length.
+    bool IsActive(Clock::time_point now);
     // Of the last timeout.
     const std::string& GetMessage() const { return message; }
 
   private:
+    bool TakeSign();
+
     Clock::duration length{};
+    Clock::time_point begin{};
     Clock::time_point end{};
     std::string message;
+    FileDescriptor connection;
+    pid_t owner = 0;  // of the connection
+    bool replied = false;
+    bool closed = false;
 };
 
 class Peer {
@@ -41,8 +56,9 @@ class Peer {
     // of this process to the same address and port timed out. Thread-safe.
     void CheckBackoff() const;
 
-    // Starts the backoff and throws TimeoutException. `step` names the wait that timed out. Thread-safe.
-    [[noreturn]] void ThrowTimeout(const char* step) const;
+    // Starts the backoff and throws TimeoutException. `step` names the wait that timed out, `socket` is the
+    // connection's, -1 where there is none. Thread-safe.
+    [[noreturn]] void ThrowTimeout(const char* step, int socket = -1) const;
 
   private:
     std::string GetKey() const;

@@ -188,7 +188,7 @@ void TlsConnection::Connect() {
     // A listening socket with a full queue ignores requests, and the kernel repeats one after a second.
     while (!TryToConnect()) {
         if (Clock::now() >= socket.deadline) {
-            peer.ThrowTimeout(connecting);
+            peer.ThrowTimeout(connecting, socket.descriptor.Get());
         }
     }
 }
@@ -268,7 +268,7 @@ bool TlsConnection::Drive(const char* step, Call call) {
 
 void TlsConnection::Wait(short events, const char* step) const {
     if (!WaitUntil(socket.deadline, events, step)) {
-        peer.ThrowTimeout(step);
+        peer.ThrowTimeout(step, socket.descriptor.Get());
     }
 }
 

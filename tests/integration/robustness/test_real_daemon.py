@@ -115,30 +115,42 @@ def test_a_daemon_that_is_killed_and_started_again_is_found_again(start_daemon, 
 
 
 @pytest.mark.slow
-def test_a_daemon_that_hangs_holds_the_agent_for_five_seconds_a_minute(start_daemon, start_agent):
-    daemon = start_daemon(SMALL)
+def test_a_daemon_that_hangs_holds_the_agent_for_five_seconds_a_minute(start_daemon, start_agent, directory):
+    # Without a reservation the memory is asked for again each time, by a second manager every 5 s.
+    file = directory / "host.yaml"
+    file.write_text(SMALL.read_text().replace("serviceConsoleReserved: 285212672", "serviceConsoleReserved: 0"))
+    daemon = start_daemon(file)
     agent = start_agent()
     agent.allow_log(".*")
-    name = mib.oid("vmDisplayName", 0)
+    name, memory = mib.oid("vmDisplayName", 0), mib.oid("memTotal")
     assert agent.client.get(name)[0].value
+    waits, recoveries, next_memory = [], [], 0
+
+    def poll():
+        nonlocal next_memory
+        started = time.monotonic()
+        cell = agent.client.get(name)[0]
+        if started > next_memory:
+            agent.client.get(memory)
+            next_memory = started + 5
+        waits.append((started, time.monotonic() - started))
+        time.sleep(0.1)
+        return cell.type == "OCTET STRING"
+
     with watch.Prober() as prober:
-        daemon.signal(signal.SIGSTOP)
-        waits, minute = [], time.monotonic() + system.REFRESH_INTERVAL + 60
-        while time.monotonic() < minute:
-            started = time.monotonic()
-            agent.client.get(name)
-            waits.append(time.monotonic() - started)
-            time.sleep(0.1)
-        daemon.signal(signal.SIGCONT)
-        continued = time.monotonic()
-        while agent.client.get(name)[0].type != "OCTET STRING":
-            assert time.monotonic() < continued + 35
-            time.sleep(0.1)
-    took = time.monotonic() - continued
-    waited = sum(wait for wait in waits if wait > 0.2)
+        for seconds in (80, 33):
+            daemon.signal(signal.SIGSTOP)
+            over = time.monotonic() + seconds
+            while time.monotonic() < over:
+                poll()
+            daemon.signal(signal.SIGCONT)
+            while not poll():
+                assert time.monotonic() < over + 35
+            recoveries.append(time.monotonic() - over)
+    worst = max(sum(wait for at, wait in waits if begin <= at < begin + 60 and wait > 0.2) for begin, _ in waits)
+    longest = max(wait for _, wait in waits)
     prober.check(2.3)
-    assert max(waits) < 2.3 + watch.SLACK / 3
-    # Of the first minute after the rebuild that found the daemon hanging, which is the worst one.
-    assert 2 < waited < 5 + watch.SLACK / 3
-    watch.report(f"tovric-vessad is stopped for 80 s; whole again after {took:.0f} s", f"waits {waited:.1f} s in all",
-                 max(waits), prober)
+    assert longest < 2.3 + watch.SLACK / 3
+    assert 2 < worst < 5 + watch.SLACK / 3
+    watch.report("tovric-vessad is stopped for 80 and 33 s",
+                 f"whole again after {recoveries[0]:.0f} and {recoveries[1]:.0f} s, waits {worst:.1f} s in the worst minute", longest, prober)

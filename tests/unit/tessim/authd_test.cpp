@@ -11,6 +11,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <optional>
@@ -336,6 +338,67 @@ TEST(Backoff, DoublesWithEachTimeoutUpTo20SecondsUntilAMinuteWithoutOne) {
         EXPECT_EQ(backoff.GetMessage(), "late");
         now += pause + next;
     }
+}
+
+TEST(Backoff, EndsAfterFiveSecondsOnceForAReplyAndOnceForTheEndOfTheConnection) {
+    using namespace std::string_literals;
+    Backoff backoff;
+    Clock::time_point now{1h};
+    backoff.Start(now, "late");
+    now += 5s;
+    const auto descriptors = OpenDescriptors();
+    for (const auto& [calm, sign, pause] : {std::tuple{0s, "nothing"s, 10s},
+                                            {0s, "reply"s, 5s},
+                                            {20s, "reply"s, 20s},
+                                            {0s, "end"s, 5s},
+                                            {20s, "end"s, 20s},
+                                            {21s, "end"s, 5s},
+                                            {0s, "reply"s, 5s},
+                                            {61s, "nothing"s, 5s}}) {
+        now += calm;
+        std::array<int, 2> ends{};
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
+        FileDescriptor peer(ends[1]);
+        backoff.Start(now, "late", FileDescriptor(ends[0]));
+        if (sign == "reply") {
+            ASSERT_EQ(::write(peer.Get(), "x", 1), 1);
+        } else if (sign == "end") {
+            peer.Close();
+        }
+        ExpectInChild([&] { return backoff.IsActive(now + 5s) || calm == 61s; });
+        EXPECT_TRUE(backoff.IsActive(now + pause - 1ns)) << sign;
+        EXPECT_FALSE(backoff.IsActive(now + pause)) << sign;
+        now += pause;
+        peer.Close();
+        EXPECT_EQ(OpenDescriptors(), descriptors) << sign;
+    }
+}
+
+TEST(AuthdBackoff, EndsWhenThePeerGoesOn) {
+    std::atomic<bool> goesOn = false;
+    TlsTestServer server([&](ServedConnection& connection) {
+        while (!goesOn) {
+            std::this_thread::sleep_for(10ms);
+        }
+        Serve(connection);
+    });
+    const auto opens = [&] {
+        const TimeBudget budget(1s);
+        try {
+            return OpenStream(server.GetPort()).Get() != nullptr;
+        } catch (const TimeoutException&) {
+            return false;
+        }
+    };
+    EXPECT_FALSE(opens());
+    std::this_thread::sleep_for(5s);
+    EXPECT_FALSE(opens());
+    const auto start = Clock::now();  // of a backoff of 10 s
+    goesOn = true;
+    while (!opens()) {
+        std::this_thread::sleep_for(50ms);
+    }
+    EXPECT_LT(Clock::now() - start, 9s);
 }
 
 TEST(AuthdBackoff, FailsAttemptsAtThatPortAtOnceWithTheSameMessageForFiveSeconds) {
