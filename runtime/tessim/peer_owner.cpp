@@ -7,7 +7,9 @@
 #include <sys/socket.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -48,12 +50,16 @@ void Fill(const sockaddr& from, __be32 (&address)[4], __be16& port) {
 
 // The kernel's reply to the query for the socket at the other end. False, with errno, when there is none.
 bool Ask(int socket, const sockaddr& peer, int diagnostics, Reply& reply) {
+    // Starts where no earlier process did.
+    static std::atomic sequence =
+        static_cast<std::uint32_t>(std::chrono::steady_clock::now().time_since_epoch().count());
     sockaddr_storage own{};
     socklen_t ownLength = sizeof own;
     Query query{};
     query.header.nlmsg_len = sizeof query;
     query.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
     query.header.nlmsg_flags = NLM_F_REQUEST;
+    query.header.nlmsg_seq = ++sequence;
     query.request.sdiag_family = static_cast<std::uint8_t>(peer.sa_family);
     query.request.sdiag_protocol = IPPROTO_TCP;
     query.request.idiag_states = ~0U;
@@ -68,9 +74,17 @@ bool Ask(int socket, const sockaddr& peer, int diagnostics, Reply& reply) {
     }
     Fill(peer, id.idiag_src, id.idiag_sport);
     Fill(reinterpret_cast<const sockaddr&>(own), id.idiag_dst, id.idiag_dport);
-    // The kernel replies before it returns from send.
-    return ::send(netlink, &query, sizeof query, 0) >= 0 &&
-           ::recv(netlink, &reply, sizeof reply, MSG_DONTWAIT) >= 0;
+    if (::send(netlink, &query, sizeof query, 0) < 0) {
+        return false;
+    }
+    // The kernel replies before it returns from send. A reply to a query of an earlier process may wait in a
+    // socket that outlives processes.
+    while (::recv(netlink, &reply, sizeof reply, MSG_DONTWAIT) >= 0) {
+        if (reply.header.nlmsg_seq == query.header.nlmsg_seq) {
+            return true;
+        }
+    }
+    return false;
 }
 
 }  // namespace
@@ -78,7 +92,7 @@ bool Ask(int socket, const sockaddr& peer, int diagnostics, Reply& reply) {
 std::optional<uid_t> FindPeerOwner(int socket, const sockaddr& peer, int diagnostics) {
     Reply reply{};
     int error = Ask(socket, peer, diagnostics, reply) ? 0 : errno;
-    if (reply.header.nlmsg_type == NLMSG_ERROR) {
+    if (error == 0 && reply.header.nlmsg_type == NLMSG_ERROR) {
         error = -reply.error.error;
     }
     if (error != 0 && error != ENOENT) {
@@ -86,7 +100,9 @@ std::optional<uid_t> FindPeerOwner(int socket, const sockaddr& peer, int diagnos
                               std::generic_category().message(error));
     }
     // A socket that no process holds, not accepted yet or closed already, counts as root's in `idiag_uid`.
-    const bool isHeld = reply.header.nlmsg_type == SOCK_DIAG_BY_FAMILY && reply.found.idiag_inode != 0;
+    // When it is gone, the kernel finds the listening one, which has no peer.
+    const bool isHeld = error == 0 && reply.header.nlmsg_type == SOCK_DIAG_BY_FAMILY &&
+                        reply.found.idiag_inode != 0 && reply.found.id.idiag_dport != 0;
     return isHeld ? std::optional<uid_t>(reply.found.idiag_uid) : std::nullopt;
 }
 
