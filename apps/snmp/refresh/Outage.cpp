@@ -28,7 +28,7 @@ void Outage::Continue(Clock::time_point now) {
 
 void Outage::End(Clock::time_point now) {
     if (start) {
-        snmp_log(LOG_NOTICE, "SNMPRask: tables are filled again after %lld s.\n", Seconds(now - *start));
+        snmp_log(LOG_WARNING, "SNMPRask: tables are filled again after %lld s.\n", Seconds(now - *start));
         start.reset();
     }
 }

@@ -159,7 +159,7 @@ TEST(Outage, IsToldOnceAMinuteWhileItLasts) {
     EXPECT_EQ(log.Take(), (Lines{{4, "SNMPRask: tables are empty until tovric-vessad delivers the VMs.\n"},
                                  {4, "SNMPRask: tables have been empty for 60 s.\n"},
                                  {4, "SNMPRask: tables have been empty for 120 s.\n"},
-                                 {5, "SNMPRask: tables are filled again after 150 s.\n"}}));
+                                 {4, "SNMPRask: tables are filled again after 150 s.\n"}}));
 }
 
 TEST_F(RefreshTest, HasFiveSecondsOfWhichOneIsForTheConnection) {
