@@ -60,7 +60,7 @@ void Lane::Start(Shared& given) {
 
 bool Lane::CheckProgress() {
     const bool progressed = responded.exchange(false);
-    asio::post(io, [this] { responded = true; });
+    asio::post(io, [this] { responded = accepting || retrying || this == &shared->guestLane; });
     return progressed;
 }
 
@@ -152,9 +152,11 @@ void Lane::RetryLater(const error_code& error) {
     timer.expires_after(retryDelay);
     timer.async_wait([this](const error_code& stopped) {
         if (!stopped) {
+            retrying = false;
             Accept();
         }
     });
+    retrying = true;
 }
 
 void Lane::Admit(tcp::socket socket) {

@@ -57,8 +57,8 @@ class Lane {
     // when there is no thread.
     void Start(Shared& given);
 
-    // Returns whether the thread has run a handler since the previous call, true at the first, and starts the
-    // next check. Throws std::bad_alloc.
+    // Returns whether the thread has run a handler since the previous call, true at the first, and was then
+    // about to accept, unless the lane accepts nothing itself. Starts the next check. Throws std::bad_alloc.
     bool CheckProgress();
 
     // Ends accepting soon. Throws std::bad_alloc.
@@ -86,6 +86,7 @@ class Lane {
     std::atomic<bool> responded = true;  // to the latest check
     // Of the thread:
     bool accepting = false;  // an accept is pending
+    bool retrying = false;   // the timer for the next one is
     bool stopping = false;
     std::thread thread;
 };
