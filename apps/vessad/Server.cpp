@@ -109,7 +109,7 @@ class Server::Implementation {
           tickets(options.tickets, lanes.front().GetExecutor()),
           table(options.connections),
           guestTable(guestLimits),
-          ticketReaders(options.tickets.group, Tessim::FileDescriptor(options.diagnostics)),
+          ticketReaders(FindGroup(options.tickets.group), Tessim::FileDescriptor(options.diagnostics)),
           services{backend, tickets},
           context{services, table, tls, options.timeouts},
           guests{services, guestTable, tls, options.timeouts},

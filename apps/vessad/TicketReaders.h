@@ -4,33 +4,44 @@
 #include <sys/socket.h>
 #include <sys/types.h>
 
-#include <map>
-#include <mutex>
-#include <optional>
+#include <functional>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "runtime/tessim/file_descriptor.h"
 
 namespace Vessad {
 
+// A group of the system's database.
+struct Group {
+    // Whether a user is in it; true where the database cannot be read. May take long. Thread-safe.
+    std::function<bool(uid_t)> includes = [](uid_t) { return false; };
+    std::vector<uid_t> members;  // some of those who are: the user of its name, and whom it lists
+};
+
+// An unknown or empty name is a group of nobody.
+Group FindGroup(const std::string& name);
+
 class TicketReaders {
   public:
-    // `group`: the tickets', empty where they have none. `diagnostics`: see Tessim::FindPeerOwner.
-    TicketReaders(const std::string& group, Tessim::FileDescriptor diagnostics);
+    // `diagnostics`: see Tessim::FindPeerOwner. Throws std::system_error when there is no thread.
+    TicketReaders(Group group, Tessim::FileDescriptor diagnostics);
+    TicketReaders(const TicketReaders&) = delete;
+    TicketReaders& operator=(const TicketReaders&) = delete;
+    ~TicketReaders();
 
     // Returns whether the process at the other end of the TCP socket `socket`, connected to `peer`, may read
-    // tickets; true also where the kernel does not tell whose it is, false when it has closed its end. What
-    // groups a user is in is looked up once. Thread-safe. Throws std::bad_alloc.
+    // tickets; true also where the kernel does not tell whose it is, false when it has closed its end, and
+    // while its user is looked up, which a thread does once. Does not wait for that. Thread-safe. Throws
+    // std::bad_alloc.
     bool Include(int socket, const sockaddr& peer);
 
   private:
-    bool MayRead(uid_t user) const;
+    struct State;
+    static void LookUp(State& state);
 
-    const Tessim::FileDescriptor diagnostics;
-    std::optional<gid_t> group;
-    std::mutex mutex;  // guards all below, and the use of diagnostics
-    std::map<uid_t, bool> known;
-    bool warned = false;
+    const std::shared_ptr<State> state;
 };
 
 }  // namespace Vessad

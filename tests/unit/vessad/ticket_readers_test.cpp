@@ -7,6 +7,8 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <chrono>
+#include <future>
 
 #include "tests/unit/vessad/log_lines.h"
 
@@ -39,7 +41,7 @@ TEST(TicketReadersTest, AreRootTheDaemonsUserAndTheGroupOfTheTickets) {
     constexpr uid_t missing = 4'000'000;
     for (const auto& [group, expected] : std::vector<std::pair<std::string, std::string>>{
              {"", "1000"}, {"daemon", "1100"}, {"bin", "1010"}, {"no-such-group-here", "1000"}}) {
-        TicketReaders readers(group, {});
+        TicketReaders readers(FindGroup(group), {});
         for (const char* const address : {"127.0.0.1", "127.0.0.1", "::1"}) {
             std::string included;
             for (const uid_t user : {uid_t{0}, daemon, bin, missing}) {
@@ -50,9 +52,26 @@ TEST(TicketReadersTest, AreRootTheDaemonsUserAndTheGroupOfTheTickets) {
     }
 }
 
+TEST(TicketReadersTest, DoNotWaitForTheLookUpOfAUser) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can become another user";
+    }
+    std::promise<void> found;
+    const auto isOne = [isFound = std::shared_future<void>(found.get_future())](uid_t user) {
+        isFound.wait_for(std::chrono::seconds(20));
+        return user == 1;
+    };
+    TicketReaders readers({isOne, {}}, {});
+    EXPECT_FALSE(IncludesUser(readers, 1));
+    EXPECT_FALSE(IncludesUser(readers, 1));
+    EXPECT_TRUE(IncludesUser(readers, 0));
+    found.set_value();
+    EXPECT_TRUE(VessadTest::Await([&] { return IncludesUser(readers, 1); }));
+}
+
 TEST(TicketReadersTest, AreAllUsersWhereTheKernelDoesNotTellWhoConnects) {
     const VessadTest::LogLines log;
-    TicketReaders readers("", Tessim::FileDescriptor(::open("/dev/null", O_RDWR)));
+    TicketReaders readers({}, Tessim::FileDescriptor(::open("/dev/null", O_RDWR)));
     EXPECT_TRUE(IncludesUser(readers, 1));
     EXPECT_TRUE(IncludesUser(readers, 1));
     EXPECT_EQ(log.GetText(),
