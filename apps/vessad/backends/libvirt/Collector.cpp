@@ -57,6 +57,7 @@ struct Collector::Shared {
     bool describesAnew = false;  // the next reading
     bool stopping = false;
 
+    std::function<Clock::time_point()> now;
     Clock::duration progressInterval{};
     std::atomic<Clock::time_point> lastProgress = Clock::now();  // of the collector's thread
 
@@ -67,11 +68,11 @@ struct Collector::Shared {
     bool Wait(std::unique_lock<std::mutex>& lock, Clock::time_point end, Condition condition) {
         for (;;) {
             Progress();
-            const auto now = Clock::now();
-            if (condition() || now >= end) {
+            const auto time = now();
+            if (condition() || time >= end) {
                 return condition();
             }
-            changed.wait_until(lock, std::min<Clock::time_point>(end, now + progressInterval), condition);
+            changed.wait_for(lock, std::min<Clock::duration>(end - time, progressInterval), condition);
         }
     }
 };
@@ -85,6 +86,7 @@ Collector::Collector(const std::shared_ptr<Api>& api, const std::string& uri, Vm
       poolThread(api, uri),
       readingThread(api, uri),
       workers(api, uri, this->options.sampling) {
+    shared->now = this->options.now;
     shared->progressInterval = this->options.progress / wakeUps;
     thread = SignalFreeThread([this] { Run(); });
 }
@@ -131,7 +133,7 @@ void Collector::Run() {
         lock.lock();
         shared->attempted = true;
         shared->changed.notify_all();
-        shared->Wait(lock, Clock::now() + options.interval,
+        shared->Wait(lock, options.now() + options.interval,
                      [this] { return shared->stopping || shared->collectNow; });
     }
 }
@@ -206,7 +208,7 @@ void Collector::FetchPools() {
     if (isStillLate) {
         timeout = std::chrono::milliseconds(0);
     }
-    const bool inTime = shared->Wait(lock, Clock::now() + timeout,
+    const bool inTime = shared->Wait(lock, options.now() + timeout,
                                      [this] { return shared->stopping || !shared->poolsPending; });
     lock.unlock();
     if (!inTime && !poolsLate) {
@@ -223,7 +225,7 @@ bool Collector::HaveFirstPoolsCome() {
     if (shared->published || !poolsLate) {
         return false;
     }
-    const bool come = shared->Wait(lock, Clock::now() + options.poolTimeout,
+    const bool come = shared->Wait(lock, options.now() + options.poolTimeout,
                                    [this] { return shared->stopping || !shared->poolsPending; });
     poolsLate = !come;
     poolsKnown = poolsKnown || come;
@@ -265,7 +267,7 @@ std::optional<HostReading> Collector::FetchReading() {
     shared->readingPending = true;
     shared->describesAnew = false;
     const auto ended = [this] { return shared->stopping || !shared->readingPending; };
-    if (!shared->Wait(lock, Clock::now() + options.readingTimeout, ended)) {
+    if (!shared->Wait(lock, options.now() + options.readingTimeout, ended)) {
         ReportFailure(lock, unreachable, {"no reply in time", ApiError::Kind::Temporary});
         shared->Wait(lock, Clock::time_point::max(), ended);
     }

@@ -29,6 +29,7 @@ struct CollectorOptions {
     std::chrono::milliseconds keep{60000};      // how long the last inventory of an unreachable host serves
     std::chrono::milliseconds progress{30000};  // how long the collector's thread may take for a step
     std::vector<std::filesystem::path> osinfoDirectories = OsinfoDirectories();
+    // The clock of all these times but `sampling` and `progress`. Thread-safe.
     std::function<std::chrono::steady_clock::time_point()> now = std::chrono::steady_clock::now;
 };
 
