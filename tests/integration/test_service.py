@@ -31,6 +31,11 @@ def test_the_unit_is_confined():
     assert checked.returncode == 0, checked.stdout + checked.stderr
 
 
+def test_the_unit_is_started_again_however_often_it_fails():
+    assert {"Restart=on-failure", "RestartSec=5", "StartLimitIntervalSec=0",
+            "WatchdogSec=60"} <= set(UNIT.read_text().splitlines())
+
+
 @pytest.fixture
 def own_run():
     """A command that runs others where /run is new and has the service's directory, as systemd makes it."""
