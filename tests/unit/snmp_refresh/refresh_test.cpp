@@ -75,6 +75,11 @@ class RefreshTest : public DaemonTest {
             clock->SetTime(start + std::stoi(seconds));
             SNMPRaskTable_Init();
         });
+        // A request without time.
+        Add("late", [] {
+            const Tessim::TimeBudget spent(0s);
+            SNMPRaskTable_Init();
+        });
         // Makes the call end 15 seconds after the start.
         Add("slow-call", [this](const std::string& method) {
             daemon.WhenSent(method, [this] { clock->SetTime(start + 15); });
@@ -104,14 +109,6 @@ class RefreshTest : public DaemonTest {
         Add("tables",
             [] { return RowText(TestRows::VmText() + TestRows::DeviceText() + TestRows::ResourceText()); });
         Add("resources", [] { return RowText(TestRows::ResourceText()); });
-        Add("vms", [] {
-            std::string text;
-            for (const auto* row : TestRows::List<vmEntry>()) {
-                text += (text.empty() ? "" : " ") + std::to_string(row->vmIdx) + ":" +
-                        std::to_string(row->vmVMID);
-            }
-            return text;
-        });
         Add("memories", [] {
             std::string text;
             for (const auto* row : TestRows::List<resMemNode>()) {
@@ -183,26 +180,6 @@ TEST_F(RefreshTest, HasFiveSecondsOfWhichOneIsForTheConnection) {
     EXPECT_LE(deadlines[2], end + 5s);
     EXPECT_EQ(std::count(deadlines.begin() + 2, deadlines.end(), deadlines[2]), 4);
     EXPECT_GT(Tessim::TimeBudget::Deadline() - Tessim::Clock::now(), 10s);
-}
-
-TEST_F(RefreshTest, TimesOutWhileItFillsTheTables) {
-    for (const std::string hardware : {"numCPU: 1", "numCPU: 0, device: [{type: VirtualDisk, key: 1}]",
-                                       "numCPU: 0, device: [{type: VirtualEthernetCard, key: 1}]"}) {
-        Describe(host, std::string("vms: [{id: '16', runtime: {powerState: poweredOn}, config: {name: vm, ") +
-                           "guestFullName: '', hardware: {memoryMB: 0, " + hardware + "}}}]");
-        {
-            const Tessim::TimeBudget spent(0s);
-            SNMPRaskTable_Init();
-        }
-        EXPECT_TRUE(TestRows::List<vmEntry>().empty());
-        const Lines lines = log.Take();
-        EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const LogLine& line) {
-            return line.text.starts_with("SNMPRaskRefreshCache exception:localhost:902: ");
-        }));
-    }
-    // Retried at once, as after any exception.
-    SNMPRaskTable_Init();
-    EXPECT_EQ(TestRows::List<vmEntry>().size(), 1U);
 }
 
 TEST_F(RefreshTest, KeepsOneLastingCopyPerTextOverRebuilds) {
