@@ -125,7 +125,7 @@ bool TicketReaders::Include(int socket, const sockaddr& peer) {
         return place->second.value_or(false);
     }
     if (state->known.size() >= maxKnown) {
-        std::erase_if(state->known, [](const auto& other) { return other.second == false; });
+        std::erase_if(state->known, [](const auto& other) { return !other.second.value_or(true); });
     }
     if (state->known.size() < maxKnown) {
         state->known.try_emplace(*user);

@@ -365,7 +365,7 @@ TEST(Backoff, EndsAfterFiveSecondsOnceForAReplyAndOnceForTheEndOfTheConnection) 
         } else if (sign == "end") {
             peer.Close();
         }
-        ExpectInChild([&] { return backoff.IsActive(now + 5s) || calm == 61s; });
+        ExpectInChild([&, isFirst = calm == 61s] { return backoff.IsActive(now + 5s) || isFirst; });
         EXPECT_TRUE(backoff.IsActive(now + pause - 1ns)) << sign;
         EXPECT_FALSE(backoff.IsActive(now + pause)) << sign;
         now += pause;
