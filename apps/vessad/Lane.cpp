@@ -44,7 +44,7 @@ using PendingAccept = std::unique_ptr<bool, EndAccept>;
 struct EndWaiting {
     void operator()(std::atomic<unsigned>* waiting) const { --*waiting; }
 };
-using WaitingGuest = std::unique_ptr<std::atomic<unsigned>, EndWaiting>;
+using WaitingOutsider = std::unique_ptr<std::atomic<unsigned>, EndWaiting>;
 
 }  // namespace
 
@@ -60,7 +60,7 @@ void Lane::Start(Shared& given) {
 
 bool Lane::CheckProgress() {
     const bool progressed = responded.exchange(false);
-    asio::post(io, [this] { responded = accepting || retrying || this == &shared->guestLane; });
+    asio::post(io, [this] { responded = accepting || retrying || this == &shared->outsiderLane; });
     return progressed;
 }
 
@@ -97,7 +97,7 @@ void Lane::Run() {
 }
 
 void Lane::Resume() {
-    if (!accepting && !stopping && this != &shared->guestLane) {
+    if (!accepting && !stopping && this != &shared->outsiderLane) {
         std::this_thread::sleep_for(retryDelay);
         Accept();
     }
@@ -105,7 +105,7 @@ void Lane::Resume() {
 
 // Makes an accept pending unless one is.
 void Lane::Accept() {
-    if (accepting || stopping || this == &shared->guestLane) {
+    if (accepting || stopping || this == &shared->outsiderLane) {
         return;
     }
     accepting = true;
@@ -146,7 +146,7 @@ void Lane::RetryLater(const error_code& error) {
     if (!shared->exhausted.exchange(true) && shared->context.services.log.Admit(LogLimit::Kind::Accept)) {
         spdlog::warn("Cannot accept connections, evicting those without a login: {}", error.message());
     }
-    for (ConnectionTable* const table : {&shared->guests.table, &shared->context.table}) {
+    for (ConnectionTable* const table : {&shared->outsiders.table, &shared->context.table}) {
         table->MakeRoom("out of files or memory");
     }
     timer.expires_after(retryDelay);
@@ -168,23 +168,23 @@ void Lane::Admit(tcp::socket socket) {
     if (shared->ticketReaders.Include(socket.native_handle(), *peer.data())) {
         Serve(std::move(socket), shared->context);
     } else {
-        shared->guestLane.Queue(std::move(socket), peer.protocol());
+        shared->outsiderLane.Queue(std::move(socket), peer.protocol());
     }
 }
 
 // Called by the other lanes' threads. Closes the connection when too many wait already, so that a flood takes
 // neither memory nor descriptors.
-void Lane::Queue(tcp::socket guest, const tcp& protocol) {
+void Lane::Queue(tcp::socket outsider, const tcp& protocol) {
     ++waiting;
-    WaitingGuest place(&waiting);
-    if (waiting > maxWaitingGuests) {
+    WaitingOutsider place(&waiting);
+    if (waiting > maxWaitingOutsiders) {
         // By a reset, which leaves nothing to wait for in the kernel either.
         error_code ignored;
-        guest.set_option(asio::socket_base::linger(true, 0), ignored);
+        outsider.set_option(asio::socket_base::linger(true, 0), ignored);
         return;
     }
     tcp::socket moved(io);
-    const int descriptor = guest.release();
+    const int descriptor = outsider.release();
     error_code failed;
     moved.assign(protocol, descriptor, failed);
     if (failed) {
@@ -193,7 +193,7 @@ void Lane::Queue(tcp::socket guest, const tcp& protocol) {
     }
     asio::post(io, [this, place = std::move(place), moved = std::move(moved)]() mutable {
         place.reset();
-        Serve(std::move(moved), shared->guests);
+        Serve(std::move(moved), shared->outsiders);
     });
 }
 

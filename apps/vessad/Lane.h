@@ -20,8 +20,8 @@ namespace Vessad {
 // needs no strand: a strand that runs out of memory while it takes a handler never runs another, or ends the
 // process.
 //
-// Users who cannot log in, guests, are served by a lane of their own: however many handshakes they begin, the
-// others accept at once and have no work but for users who can.
+// Users who cannot log in, outsiders, are served by a lane of their own: however many handshakes they begin,
+// the others accept at once and have no work but for users who can.
 //
 // An exception that leaves a handler is logged, and accepting goes on; the connection whose handler it was is
 // closed.
@@ -30,14 +30,14 @@ class Lane {
     using Executor = boost::asio::io_context::executor_type;
 
     static constexpr std::chrono::milliseconds retryDelay{50};  // where files or memory are missing
-    static constexpr unsigned maxWaitingGuests = 32;            // of a lane; each has a descriptor
+    static constexpr unsigned maxWaitingOutsiders = 32;         // of a lane; each has a descriptor
 
     // What the lanes share. Must outlive their threads.
     struct Shared {
         ConnectionContext& context;
         TicketReaders& ticketReaders;
-        ConnectionContext& guests;
-        Lane& guestLane;
+        ConnectionContext& outsiders;
+        Lane& outsiderLane;
         std::atomic<std::uint64_t> accepted = 0;
         std::atomic<bool> exhausted = false;  // whether the last accept ran out of files or memory
     };
@@ -53,8 +53,8 @@ class Lane {
 
     boost::asio::ip::tcp::endpoint GetEndpoint() const { return acceptor.local_endpoint(); }
 
-    // Serves from now on, and accepts unless it is the guests' lane. Call it once. Throws std::system_error
-    // when there is no thread.
+    // Serves from now on, and accepts unless it is the outsiders' lane. Call it once. Throws
+    // std::system_error when there is no thread.
     void Start(Shared& given);
 
     // Returns whether the thread has run a handler since the previous call, true at the first, and was then
@@ -74,10 +74,10 @@ class Lane {
     void OnAccept(const boost::system::error_code& error, boost::asio::ip::tcp::socket socket);
     void RetryLater(const boost::system::error_code& error);
     void Admit(boost::asio::ip::tcp::socket socket);
-    void Queue(boost::asio::ip::tcp::socket guest, const boost::asio::ip::tcp& protocol);
+    void Queue(boost::asio::ip::tcp::socket outsider, const boost::asio::ip::tcp& protocol);
     void Serve(boost::asio::ip::tcp::socket socket, ConnectionContext& context);
 
-    std::atomic<unsigned> waiting = 0;  // accepted guests whom the thread has not begun to serve
+    std::atomic<unsigned> waiting = 0;  // accepted outsiders whom the thread has not begun to serve
     boost::asio::io_context io{1};
     boost::asio::executor_work_guard<Executor> work{io.get_executor()};
     boost::asio::ip::tcp::acceptor acceptor;

@@ -32,9 +32,10 @@ using asio::ip::tcp;
 constexpr unsigned minLanes = 2;
 constexpr unsigned maxLanes = 4;
 // Of users who cannot log in; a session of theirs is one of somebody who has joined the group meanwhile.
-constexpr ConnectionTable::Limits guestLimits{.preamble = 32, .login = 32, .session = 32};
-constexpr rlim_t otherFiles = 64 + 160;  // open files besides connections of users who can log in
-static_assert(otherFiles >= 64 + guestLimits.Total() + Lane::maxWaitingGuests);
+constexpr ConnectionTable::Limits outsiderLimits{.preamble = 32, .login = 32, .session = 32};
+constexpr rlim_t ownFiles = 64;  // open files that are not connections
+// Open files besides connections of users who can log in.
+constexpr rlim_t otherFiles = ownFiles + outsiderLimits.Total() + Lane::maxWaitingOutsiders;
 
 Tessim::FileDescriptor Listen(const tcp::endpoint& endpoint) {
     asio::io_context unused;
@@ -108,12 +109,12 @@ class Server::Implementation {
           tls(MakeTlsContext()),
           tickets(options.tickets, lanes.front().GetExecutor()),
           table(options.connections),
-          guestTable(guestLimits),
+          outsiderTable(outsiderLimits),
           ticketReaders(FindGroup(options.tickets.group), Tessim::FileDescriptor(options.diagnostics)),
           services{backend, tickets},
           context{services, table, tls, options.timeouts},
-          guests{services, guestTable, tls, options.timeouts},
-          shared{context, ticketReaders, guests, lanes.back()} {}
+          outsiders{services, outsiderTable, tls, options.timeouts},
+          shared{context, ticketReaders, outsiders, lanes.back()} {}
 
     Implementation(const Implementation&) = delete;
     Implementation& operator=(const Implementation&) = delete;
@@ -149,7 +150,7 @@ class Server::Implementation {
                     lane.Close();
                 }
                 table.Close("the daemon is stopping");
-                guestTable.Close("the daemon is stopping");
+                outsiderTable.Close("the daemon is stopping");
                 tickets.Close();
                 closed = true;
             } catch (const std::exception&) {
@@ -168,7 +169,7 @@ class Server::Implementation {
             options.listener >= 0 ? Tessim::FileDescriptor(options.listener) : Listen(options.listen);
         const tcp protocol = ListeningEndpoint(listener.Get()).protocol();
         std::deque<Lane> lanes;
-        // The last one is the guests'.
+        // The last one is the outsiders'.
         for (unsigned count = std::clamp(std::thread::hardware_concurrency(), minLanes, maxLanes) + 1;
              count > 0; --count) {
             lanes.emplace_back(protocol, listener.Get());
@@ -180,11 +181,11 @@ class Server::Implementation {
     asio::ssl::context tls;
     TicketStore tickets;
     ConnectionTable table;
-    ConnectionTable guestTable;
+    ConnectionTable outsiderTable;
     TicketReaders ticketReaders;
     Services services;
     ConnectionContext context;
-    ConnectionContext guests;
+    ConnectionContext outsiders;
     Lane::Shared shared;
     bool started = false;
 };

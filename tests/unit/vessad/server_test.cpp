@@ -277,7 +277,7 @@ TEST_F(ServerTest, RecoversFromRunningOutOfFiles) {
 TEST_F(ServerTest, FitsItsConnectionsIntoTheLimitOfOpenFiles) {
     rlimit files{};
     ::getrlimit(RLIMIT_NOFILE, &files);
-    const rlim_t enough = ConnectionTable::Limits().Total() + 224;
+    const rlim_t enough = ConnectionTable::Limits().Total() + 192;
     ASSERT_GE(files.rlim_max, enough);
     std::string served;
     for (const auto& [soft, hard] :
@@ -291,9 +291,9 @@ TEST_F(ServerTest, FitsItsConnectionsIntoTheLimitOfOpenFiles) {
     }
     EXPECT_EQ(
         served,
-        "4320 files: 1024 512 2560\n4319 files: 1365 1365 1365\n524 files: 100 100 100\n200 files: 1 1 1\n");
+        "4288 files: 1024 512 2560\n4287 files: 1365 1365 1365\n524 files: 110 110 110\n200 files: 2 2 2\n");
     EXPECT_THAT(log.GetText(),
-                HasSubstr("warning Limit of 524 open files, serving at most 300 connections\n"));
+                HasSubstr("warning Limit of 524 open files, serving at most 330 connections\n"));
 }
 
 TEST_F(ServerTest, ClosesEverythingWhenItStops) {
