@@ -39,7 +39,7 @@ void LogLimit::Flush() {
     }
     for (std::size_t kind = 0; kind < kinds; ++kind) {
         if (suppressed.at(kind) > 0) {
-            spdlog::warn("{} more lines about {} within a minute are suppressed", suppressed.at(kind),
+            spdlog::warn("Suppressed {} more lines about {} within a minute", suppressed.at(kind),
                          names.at(kind));
         }
     }

@@ -170,9 +170,9 @@ std::string TicketStore::Describe(std::uint64_t owner) const {
     if (ticket == tickets.end()) {
         return {};
     }
-    return "the ticket " + (options.directory / ticket->second.file).string() +
-           " was not used, which besides root and this user " +
-           (options.group.empty() ? "nobody can read" : "the group " + options.group + " can read");
+    return "the ticket " + (options.directory / ticket->second.file).string() + " was not used; " +
+           (options.group.empty() ? "only root and this user can read it"
+                                  : "root, this user and the group " + options.group + " can read it");
 }
 
 void TicketStore::Drop(std::uint64_t owner) {

@@ -130,8 +130,9 @@ void ReportProgress(Vessad::Server& server, Vessad::Backend& backend) {
         if (serves && backend.IsMakingProgress()) {
             NotifyServiceManager("WATCHDOG=1");
         } else {
-            spdlog::error("{} stands still, the service manager restarts the daemon unless that ends",
-                          serves ? "The collector" : "A thread that accepts and serves");
+            spdlog::error(
+                "{} makes no progress; the service manager will restart the daemon unless it resumes",
+                serves ? "The collector" : "A thread that accepts and serves");
         }
     } catch (const std::exception& failure) {
         spdlog::error("No progress is reported to the service manager: {}", failure.what());

@@ -29,13 +29,13 @@ TEST(LogLimit, AdmitsTwentyLinesOfAKindInAMinuteAndThenSaysHowManyMoreThereWere)
     now += seconds(1);
     limit.Flush();
     limit.Flush();
-    const std::string first = "warning 481 more lines about rejected logins within a minute are suppressed\n";
+    const std::string first = "warning Suppressed 481 more lines about rejected logins within a minute\n";
     EXPECT_EQ(log.GetText(), first);
     EXPECT_EQ(admitted(LogLimit::Kind::Login, 22), 20);
     now += seconds(60);
     EXPECT_EQ(admitted(LogLimit::Kind::Accept, 1), 1) << "which flushes";
     EXPECT_EQ(log.GetText(),
-              first + "warning 2 more lines about rejected logins within a minute are suppressed\n");
+              first + "warning Suppressed 2 more lines about rejected logins within a minute\n");
 }
 
 }  // namespace

@@ -190,9 +190,10 @@ TEST_F(ServerTest, NamesTheTicketThatWasNotUsedAndWhoCanReadIt) {
         const auto client = Opened();
         EXPECT_NE(client->AcquireTicket(), "");
         const std::string ticket = options.tickets.directory / TicketFiles().at(0);
-        EXPECT_TRUE(log.AwaitLine("warning Connection 1: login timed out, closing: the ticket " + ticket +
-                                  " was not used, which besides root and this user " +
-                                  (group.empty() ? "nobody can read" : "the group " + group + " can read")));
+        EXPECT_TRUE(log.AwaitLine(
+            "warning Connection 1: login timed out, closing: the ticket " + ticket + " was not used; " +
+            (group.empty() ? "only root and this user can read it"
+                           : "root, this user and the group " + group + " can read it")));
     }
 }
 

@@ -66,7 +66,7 @@ TEST(Uri, OfAHostThatIsDownYieldsAnInventoryWithoutVms) {
                            directory.GetPath() / "state", {});
     EXPECT_TRUE(backend->GetInventory()->vms.empty());
     EXPECT_EQ(log.Count("warning The host's libvirt cannot be reached: Failed to connect socket"), 1);
-    EXPECT_EQ(log.Count("; there is no inventory until it can"), 1);
+    EXPECT_EQ(log.Count("; there is no inventory until this succeeds"), 1);
     EXPECT_EQ(log.Count("the last inventory serves"), 0);
 }
 

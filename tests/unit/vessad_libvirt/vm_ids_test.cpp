@@ -103,10 +103,15 @@ TEST_F(VmIdsTest, ThatCannotBeSavedAreHiddenUntilTheyAre) {
         Restart();
         ids->Admit({a});
         EXPECT_THAT(log.GetText(), IsEmpty()) << "known VMs need no write";
+        PassDays(1);
+        ids->Admit({a});
+        ids->Admit({a});
+        EXPECT_EQ(log.Count("error VM ids are not saved: cannot write " + file.string()), 1);
+        EXPECT_EQ(log.Count("; known VMs keep theirs"), 1);
         ids->Admit({a, b});
         ids->Admit({a, b, c});
         EXPECT_THAT(Ids(), ElementsAre(1000, 0, 0));
-        EXPECT_EQ(log.Count("error VM ids are not saved: cannot write " + file.string()), 1);
+        EXPECT_EQ(log.Count("error VM ids are not saved: cannot write " + file.string()), 2);
         EXPECT_EQ(log.Count("; 1 new VMs stay hidden until they are"), 1);
     }
     ids->Admit({a, b});

@@ -255,7 +255,7 @@ std::optional<HostReading> Collector::FetchReading() {
             }
             try {
                 if (describesAnew) {
-                    reader->Forget();
+                    reader->Clear();
                 }
                 reading = reader->Read(*connection, pools);
             } catch (const ApiError& error) {
@@ -309,7 +309,7 @@ void Collector::ReportFailure(std::unique_lock<std::mutex>& lock, const char* wh
             spdlog::warn("{}: {}; the last inventory serves for {} s", what, failure.what(),
                          std::chrono::duration_cast<std::chrono::seconds>(options.keep).count());
         } else {
-            spdlog::warn("{}: {}; there is no inventory until it can", what, failure.what());
+            spdlog::warn("{}: {}; there is no inventory until this succeeds", what, failure.what());
         }
         lock.lock();
     }

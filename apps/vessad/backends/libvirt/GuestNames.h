@@ -23,7 +23,7 @@ class GuestNames {
     std::optional<std::string> Find(const std::string& id);
 
     // Looks every name up anew.
-    void Forget() { known.clear(); }
+    void Clear() { known.clear(); }
 
   private:
     std::vector<std::filesystem::path> directories;

@@ -40,8 +40,8 @@ class HostReader {
     HostReading Read(Connection& connection, const std::vector<std::string>& pools);
 
     // Describes every domain anew, with what the osinfo database has by then.
-    void Forget() {
-        guestNames.Forget();
+    void Clear() {
+        guestNames.Clear();
         cache.clear();
     }
 

@@ -32,7 +32,7 @@ constexpr std::size_t MaxLines(std::size_t vms) {
 // A line has at most two numbers of ten digits, two blanks, a UUID and the line end; heading and next number
 // fit in two lines.
 constexpr std::int64_t maxFileSize =
-    static_cast<std::int64_t>(MaxLines(largest / VmIds::step) + 2) * (10 + 1 + 36 + 1 + 10 + 1);
+    static_cast<std::int64_t>((MaxLines(largest / VmIds::step) + 2) * (10 + 1 + uuidLength + 1 + 10 + 1));
 
 bool IsUuid(std::string_view text) {
     if (text.size() != uuidLength) {
@@ -167,8 +167,10 @@ void VmIds::Admit(const std::vector<std::string>& uuids) {
     } catch (const std::runtime_error& error) {
         const auto failure = unsaved.empty() ? Failure::OfKnownVms : Failure::OfNewVms;
         if (failure > loggedFailure) {
-            spdlog::error("VM ids are not saved: {}; {} new VMs stay hidden until they are", error.what(),
-                          unsaved.size());
+            const std::string effect =
+                unsaved.empty() ? "known VMs keep theirs"
+                                : std::to_string(unsaved.size()) + " new VMs stay hidden until they are";
+            spdlog::error("VM ids are not saved: {}; {}", error.what(), effect);
             loggedFailure = failure;
         }
     }
