@@ -161,7 +161,7 @@ Message::Message(std::string_view text, const Limits& limits) : document(std::ma
         throw std::bad_alloc();
     }
     if (!result) {
-        throw Tessim::InvalidArgumentException("no XML: " + std::string(result.description()) + " at byte " +
+        throw Tessim::InvalidArgumentException("not XML: " + std::string(result.description()) + " at byte " +
                                                std::to_string(result.offset));
     }
     for (const pugi::xml_node child : document->xml.children()) {

@@ -51,7 +51,7 @@ struct Member {
     std::string_view referenceType;    // of Reference members: the managed type; empty for any
 
     // Calls `visit` for each value that is set: once at most for a member that is no list. An object is never
-    // null; null elements of a list are left out.
+    // null; null elements of a list are skipped.
     void (*forEach)(const DataObject& object, const std::function<void(const Value&)>& visit);
     // Sets the member, or appends to a list. The value must be of the member's kind and type.
     void (*append)(DataObject& object, const Value& value);

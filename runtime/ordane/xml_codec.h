@@ -9,10 +9,10 @@
 
 namespace Ordane::Xml {
 
-// What to do with what the declarations do not have: an element that is no member of its type, an xsi:type, a
-// text of an enumeration; and with a text or reference that fails IsText. A server refuses them. A client, to
-// which a newer daemon may send more, ignores the element, reads the object as its declared type, keeps the
-// enumeration's text (EnumType::KeepUnknown) and accepts the text.
+// What to do with what the declarations do not have: an element that is not a member of its type, an
+// xsi:type, a text of an enumeration; and with a text or reference that fails IsText. A server refuses them.
+// A client, to which a newer daemon may send more, ignores the element, reads the object as its declared
+// type, keeps the enumeration's text (EnumType::KeepUnknown) and accepts the text.
 enum class Unknown { Ignore, Refuse };
 
 // Appends the element `name` that holds `text`, as far as its first NUL. This and everything below that

@@ -91,7 +91,7 @@ class Candidate {
 
     void CheckPath() const {
         if (!path.starts_with('/') || path.find('\0') != std::string::npos) {
-            Refuse("it is no absolute path");
+            Refuse("it is not an absolute path");
         }
         if (path.size() >= PATH_MAX) {
             Refuse("the path is too long");
@@ -125,7 +125,7 @@ class Candidate {
 
     void CheckStatus(const struct statx& status) const {
         if (!S_ISREG(status.stx_mode)) {
-            Refuse("it is no regular file");
+            Refuse("it is not a regular file");
         }
         if (status.stx_nlink != 1) {
             Refuse("it has more than one name");

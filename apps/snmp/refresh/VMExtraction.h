@@ -14,7 +14,7 @@
 template <class Device>
 using DeviceArray = Ordane::DataArray<Device>;
 
-// Returns the VM's managed-object id as a number, or -1, logged once per VM and rebuild, when it is none.
+// Returns the VM's managed-object id as a number, or -1, logged once per VM and rebuild, when it is not one.
 int GetVMID(Hask::VirtualMachine* vm);
 // Makes GetVMID log every VM again. Called at the start of a rebuild.
 void ClearReportedVMID();

@@ -134,7 +134,7 @@ std::string ReadFile(const std::filesystem::path& file) {
         FailToRead(file, std::generic_category().message(errno));
     }
     if (!S_ISREG(status.st_mode)) {
-        FailToRead(file, "it is no regular file");
+        FailToRead(file, "it is not a regular file");
     }
     std::string text;
     std::array<char, 65536> buffer{};

@@ -38,7 +38,7 @@ struct Value {
     std::size_t weight = 1;           // number of values with aliases expanded
 
     // The kinds of scalar are those of YAML 1.2's core schema; a plain scalar that is a number, a truth value
-    // or nothing is no text.
+    // or nothing is not a text.
     bool IsNothing() const;
     bool IsText() const;
     bool IsNumber() const;  // in any notation of the schema

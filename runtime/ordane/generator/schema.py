@@ -49,7 +49,7 @@ class MemberType:
     def __init__(self, text, schema, where):
         match = TYPE_PATTERN.match(text)
         if not match:
-            raise SchemaError(f"{where}: '{text}' is no type")
+            raise SchemaError(f"{where}: '{text}' is not a type")
         self.text = text
         self.base = match["base"]
         self.target = match["target"] or ""
@@ -60,13 +60,13 @@ class MemberType:
         elif self.base == "ref":
             self.kind = "Reference"
             if self.target and self.target not in schema.managed:
-                raise SchemaError(f"{where}: '{self.target}' is no managed type")
+                raise SchemaError(f"{where}: '{self.target}' is not a managed type")
         elif self.base in schema.enums:
             self.kind = "Enum"
         elif self.base in schema.types:
             self.kind = "Object"
         else:
-            raise SchemaError(f"{where}: '{self.base}' is no type of this description")
+            raise SchemaError(f"{where}: '{self.base}' is not a type of this description")
         self.schema = schema
 
     @property
@@ -94,7 +94,7 @@ class Schema:
                 member["parsed"] = MemberType(member["type"], self, f"{path}: {name}.{member['name']}")
             base = entry.get("base")
             if base is not None and base not in self.types:
-                raise SchemaError(f"{path}: {name}: base '{base}' is no type of this description")
+                raise SchemaError(f"{path}: {name}: base '{base}' is not a type of this description")
         for name, entry in self.managed.items():
             for method in by_name("method", entry.get("methods", []), f"{path}: {name}").values():
                 where = f"{path}: {name}.{method['name']}"

@@ -120,7 +120,7 @@ TEST_F(SoapStubAdapterTest, ThrowsInvalidResponseForAReplyThatDoesNotFitAndIgnor
     EXPECT_EQ(thing->GetDataObjectType(), GetType<Sample::RedToy>());
 }
 
-TEST_F(SoapStubAdapterTest, IsBrokenForGoodByAReplyThatIsNone) {
+TEST_F(SoapStubAdapterTest, StaysBrokenAfterAMalformedReply) {
     const std::string sent = "the daemon sent ";
     const std::string name(10'000, 'n');
     for (const auto& [reply, failure] : {

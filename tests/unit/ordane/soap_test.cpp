@@ -115,7 +115,7 @@ TEST(SoapFault, IsFoundByItsTypeAmongTheDetails) {
 
 TEST(SoapMessage, RefusesWhatIsNoXml) {
     auto cases = Sample::ReadCases("invalid_xml");
-    cases.push_back({Repeated("<a>", 100'000), "no XML"});
+    cases.push_back({Repeated("<a>", 100'000), "not XML"});
     for (const auto& [text, refusal] : cases) {
         EXPECT_THAT(Refusal(text), StartsWith(refusal + ": ")) << text.substr(0, 100);
     }
@@ -183,7 +183,7 @@ TEST(SoapMessage, TruncatedAtAnyByteIsRefused) {
           EncodeRequest(MoRef("Shop", "shop-1"), Method("Sweep"), *Method("Sweep").request->create())}) {
         ASSERT_EQ(Refusal(whole), "nothing");
         for (std::size_t length = 0; length < whole.size(); ++length) {
-            EXPECT_THAT(Refusal(whole.substr(0, length)), StartsWith("no XML: ")) << length;
+            EXPECT_THAT(Refusal(whole.substr(0, length)), StartsWith("not XML: ")) << length;
         }
     }
 }

@@ -131,7 +131,7 @@ TEST_F(SecretFileTest, IsAReadOnlyStreamOfThisProcess) {
     EXPECT_EQ(OpenDescriptors(), descriptors);
 }
 
-TEST_F(SecretFileTest, IsRefusedForWhatItsPathIsOrLeadsTo) {
+TEST_F(SecretFileTest, RejectsUnsafePaths) {
     Make(path);
     const std::string name = "ticket";
     const std::string longest = folder + std::string(PATH_MAX - 1 - folder.size() - name.size(), '/') + name;
@@ -143,10 +143,10 @@ TEST_F(SecretFileTest, IsRefusedForWhatItsPathIsOrLeadsTo) {
     ASSERT_TRUE(std::filesystem::exists("/etc/shadow"));
 
     const std::map<std::string, std::vector<std::string>> refusals = {
-        {"no absolute path", {"ticket", "./ticket", "", path + std::string("\0x", 2)}},
+        {"not an absolute path", {"ticket", "./ticket", "", path + std::string("\0x", 2)}},
         {"leads upwards", {folder + "/inner/../ticket", "/.."}},
         {"the path is too long", {"/" + longest, "/" + std::string(1000000, 'a')}},
-        {"no regular file", {"/dev/null", "/", folder, folder + "/", folder + "/fifo", folder + "/link"}},
+        {"not a regular file", {"/dev/null", "/", folder, folder + "/", folder + "/fifo", folder + "/link"}},
         {"more than one name", {folder + "/named"}},
         // The environment is always fresh, root's, and readable by root alone.
         {"empty", {folder + "/empty", "/proc/self/environ"}},
@@ -199,7 +199,7 @@ TEST_F(SecretFileTest, IsNotFromTheFuture) {
     EXPECT_EQ(Content(path, TimePoint::min()), "password");
 }
 
-TEST_F(SecretFileTest, IsNoOldFileThatWasChangedSince) {
+TEST_F(SecretFileTest, RejectsAnOldFileChangedSince) {
     Make(path);
     struct statx status {};
     ASSERT_EQ(::statx(AT_FDCWD, path.c_str(), 0, STATX_BTIME, &status), 0);
@@ -277,7 +277,7 @@ TEST_F(DaemonDirectoryTest, MakesItsOwnerTrustedForFilesDirectlyInThereAndNobody
         {"ln -s tovric-vessad ../alias", "/run/alias/ticket", untrusted},
         {"cp -p ticket ..", "/run/ticket", untrusted},
         {"mkdir inner; cp -p ticket inner", "/run/tovric-vessad/inner/ticket", untrusted},
-        {"ln -s ticket link", "/run/tovric-vessad/link", "no regular file"},
+        {"ln -s ticket link", "/run/tovric-vessad/link", "not a regular file"},
         {"chown 65533 ticket", "/run/tovric-vessad/ticket", untrusted},
         {"chown 65534 ticket; chmod 644 ticket", "/run/tovric-vessad/ticket", "others can"},
         {"chmod 640 ticket; chmod 775 /run", "/run/tovric-vessad/ticket", untrusted},

@@ -76,9 +76,9 @@ TEST_F(DescribedHostFile, IsRejectedUnlessItIsARegularFileOfAtMost64MiB) {
         EXPECT_THAT([&] { MakeDescribedHost(path); }, ThrowsMessage<std::exception>(HasSubstr(mistake)));
     };
     expectMistake(file, file.string() + ": cannot read it: No such file or directory");
-    expectMistake(directory.GetPath(), "it is no regular file");
+    expectMistake(directory.GetPath(), "it is not a regular file");
     directory.Run("mkfifo host.yaml");
-    expectMistake(file, "it is no regular file");
+    expectMistake(file, "it is not a regular file");
     directory.Run("rm host.yaml && truncate -s 67108865 host.yaml");
     expectMistake(file, "it is larger than 67108864 bytes");
 }

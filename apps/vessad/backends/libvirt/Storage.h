@@ -33,7 +33,8 @@ struct Pool {
 // Returns the mounts of this system, those that hide others last. Empty when `table` cannot be read.
 std::vector<Mount> ReadMounts(const char* table = "/proc/self/mounts");
 
-// Returns the pool that libvirt's XML describes; nothing for one that is no directory of files, or no XML.
+// Returns the pool that libvirt's XML describes; nothing for one that is not a
+// directory of files, and for a text that is not XML.
 std::optional<Pool> ParsePool(const std::string& xml);
 
 // Where a file lies.
