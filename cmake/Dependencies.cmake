@@ -21,6 +21,6 @@ add_library(net-snmp INTERFACE)
 target_include_directories(net-snmp SYSTEM INTERFACE ${NET_SNMP_INCLUDE})
 target_link_libraries(net-snmp INTERFACE ${NET_SNMP_AGENT_LIBRARY} ${NET_SNMP_LIBRARY})
 
-# Debian's Boost headers raise warnings that are not ours to mend.
+# Debian's Boost headers cause warnings that we cannot fix.
 add_library(boost-headers INTERFACE)
 target_include_directories(boost-headers SYSTEM INTERFACE ${Boost_INCLUDE_DIRS})

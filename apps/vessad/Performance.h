@@ -11,8 +11,8 @@ namespace Vessad {
 // The value of the series at `elapsed` after the daemon's start.
 std::int64_t ValueAt(const Series& series, std::chrono::nanoseconds elapsed);
 
-// Returns the latest statistics of the entities in `specs`, in that order; an entity that is no VM of the
-// inventory is left out. The statistics of one entity are in the order of its metric ids and, within one, of
+// Returns the latest statistics of the entities in `specs`, in that order; an entity that is not a VM of the
+// inventory is skipped. The statistics of one entity are in the order of its metric ids and, within one, of
 // the VM's series. Throws InvalidArgument's exception for an interval other than the latest, and for more
 // statistics than one response can carry.
 Tessim::Ref<Ordane::DataArray<Hask::PerformanceManager::EntityMetricBase>> QueryPerformance(

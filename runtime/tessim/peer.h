@@ -13,17 +13,17 @@
 
 namespace Tessim {
 
-// The pause after a timeout, in which a peer is not tried again: 5 s, twice as long for each further timeout
-// up to 20 s, and 5 s again once a minute without one has followed the last pause. It ends after 5 s when the
-// peer has replied on the connection that timed out, or closed it: then its process runs again, or a new one.
-// Each of the two counts once until 20 s without a timeout have followed a pause, so that a peer that is always
-// late is not tried more often.
+// The backoff after a timeout, during which the peer is not tried again: 5 s, doubled after each further
+// timeout up to 20 s, and 5 s again after a minute without one. It ends after 5 s when the peer has replied
+// on the connection that timed out, or closed it: then its process runs again, or a new one. Each of the two
+// counts once until 20 s without a timeout have followed a backoff, so that a peer that is always late is not
+// tried more often.
 class Backoff {
   public:
-    // Starts the pause after a timeout at `now`, about which `message` tells. `connection` is a duplicate of
-    // the one that timed out, or none; it is closed when the pause ends, or at once if it is not needed.
+    // Starts the backoff at `now`; `message` describes the timeout. `connection` is a duplicate of the one
+    // that timed out, or none; it is closed when the backoff ends, or at once if it is not needed.
     void Start(Clock::time_point now, std::string message, FileDescriptor connection = {});
-    // Does not wait. In a child of fork, which must not use the connection, the pause has its full length.
+    // Does not wait. In a child of fork, which must not use the connection, the backoff has its full length.
     bool IsActive(Clock::time_point now);
     // Of the last timeout.
     const std::string& GetMessage() const { return message; }

@@ -21,9 +21,9 @@
 namespace Tessim {
 namespace {
 
-struct Query {
+struct Request {
     nlmsghdr header;
-    inet_diag_req_v2 request;
+    inet_diag_req_v2 body;
 };
 
 struct Reply {
@@ -35,7 +35,7 @@ struct Reply {
     std::array<char, 4096> attributes;
 };
 
-// Copies an address and a port, both in network byte order, as the query has them.
+// Copies an address and a port, both in network byte order, as the request has them.
 void Fill(const sockaddr& from, __be32 (&address)[4], __be16& port) {
     if (from.sa_family == AF_INET6) {
         const auto& v6 = reinterpret_cast<const sockaddr_in6&>(from);
@@ -48,22 +48,22 @@ void Fill(const sockaddr& from, __be32 (&address)[4], __be16& port) {
     }
 }
 
-// The kernel's reply to the query for the socket at the other end. False, with errno, when there is none.
-bool Ask(int socket, const sockaddr& peer, int diagnostics, Reply& reply) {
+// The kernel's reply about the socket at the other end. False, with errno, when there is none.
+bool Query(int socket, const sockaddr& peer, int diagnostics, Reply& reply) {
     // Starts where no earlier process did.
     static std::atomic sequence =
         static_cast<std::uint32_t>(std::chrono::steady_clock::now().time_since_epoch().count());
     sockaddr_storage own{};
     socklen_t ownLength = sizeof own;
-    Query query{};
-    query.header.nlmsg_len = sizeof query;
-    query.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
-    query.header.nlmsg_flags = NLM_F_REQUEST;
-    query.header.nlmsg_seq = ++sequence;
-    query.request.sdiag_family = static_cast<std::uint8_t>(peer.sa_family);
-    query.request.sdiag_protocol = IPPROTO_TCP;
-    query.request.idiag_states = ~0U;
-    inet_diag_sockid& id = query.request.id;
+    Request request{};
+    request.header.nlmsg_len = sizeof request;
+    request.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+    request.header.nlmsg_flags = NLM_F_REQUEST;
+    request.header.nlmsg_seq = ++sequence;
+    request.body.sdiag_family = static_cast<std::uint8_t>(peer.sa_family);
+    request.body.sdiag_protocol = IPPROTO_TCP;
+    request.body.idiag_states = ~0U;
+    inet_diag_sockid& id = request.body.id;
     id.idiag_cookie[0] = INET_DIAG_NOCOOKIE;
     id.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
     const FileDescriptor made(
@@ -74,13 +74,13 @@ bool Ask(int socket, const sockaddr& peer, int diagnostics, Reply& reply) {
     }
     Fill(peer, id.idiag_src, id.idiag_sport);
     Fill(reinterpret_cast<const sockaddr&>(own), id.idiag_dst, id.idiag_dport);
-    if (::send(netlink, &query, sizeof query, 0) < 0) {
+    if (::send(netlink, &request, sizeof request, 0) < 0) {
         return false;
     }
-    // The kernel replies before it returns from send. A reply to a query of an earlier process may wait in a
-    // socket that outlives processes.
+    // The kernel replies before it returns from send. A reply to a request of an earlier process may wait in
+    // a socket that outlives processes.
     while (::recv(netlink, &reply, sizeof reply, MSG_DONTWAIT) >= 0) {
-        if (reply.header.nlmsg_seq == query.header.nlmsg_seq) {
+        if (reply.header.nlmsg_seq == request.header.nlmsg_seq) {
             return true;
         }
     }
@@ -91,12 +91,12 @@ bool Ask(int socket, const sockaddr& peer, int diagnostics, Reply& reply) {
 
 std::optional<uid_t> FindPeerOwner(int socket, const sockaddr& peer, int diagnostics) {
     Reply reply{};
-    int error = Ask(socket, peer, diagnostics, reply) ? 0 : errno;
+    int error = Query(socket, peer, diagnostics, reply) ? 0 : errno;
     if (error == 0 && reply.header.nlmsg_type == NLMSG_ERROR) {
         error = -reply.error.error;
     }
     if (error != 0 && error != ENOENT) {
-        throw SystemException("the kernel does not tell who owns a connection (tcp_diag): " +
+        throw SystemException("cannot determine who owns a connection (tcp_diag): " +
                               std::generic_category().message(error));
     }
     // A socket that no process holds, not accepted yet or closed already, counts as root's in `idiag_uid`.

@@ -179,7 +179,7 @@ bool TlsConnection::IsOwn() const noexcept {
 }
 
 bool TlsConnection::IsConnected() const noexcept {
-    // POLLRDHUP tells of the end also while bytes before it wait to be read.
+    // POLLRDHUP reports the end even while bytes before it wait to be read.
     pollfd poll{socket.descriptor.Get(), POLLRDHUP, 0};
     return usable && ::poll(&poll, 1, 0) == 0;
 }

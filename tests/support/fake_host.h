@@ -49,7 +49,7 @@ class FakeHost {
     std::vector<Tessim::Ref<Ordane::DataArray<Hask::PerformanceManager::QuerySpec>>> queries;
 
     // Makes the objects run `action` before they reply to that method. What it throws becomes a fault.
-    void WhenAsked(const std::string& method, std::function<void()> action) {
+    void WhenRequested(const std::string& method, std::function<void()> action) {
         actions[method] = std::move(action);
     }
 

@@ -1,5 +1,4 @@
-// Tells the agent's log how long the tables are empty because rebuilds fail. Used on the agent's one request
-// thread.
+// Logs how long the tables are empty because rebuilds fail. Used on the agent's one request thread.
 #pragma once
 
 #include <chrono>

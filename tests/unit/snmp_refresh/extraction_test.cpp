@@ -203,7 +203,7 @@ TEST(DiskWithoutMemoryForItsName, HasNoStatistics) {
 
 // The scalars.
 
-TEST_F(FillerTest, HasTheCoresAndTheReservationOfTheProcessWideClientInOneInteger) {
+TEST_F(FillerTest, NarrowsCoresAndReservation) {
     const std::string down = R"(
   6 Disconnect: not connected.
   4 OrdaneClient::Init: :connection refused (7 backtrace)

@@ -54,7 +54,7 @@ DaemonTest::DaemonTest() {
     });
     Add("repair", [this](const std::string& method) { daemon.WhenCalled(method, nullptr); });
     Add("fault", [this](const std::string& method) {
-        host.WhenAsked(method, [] { throw Tessim::Exception("not today, %1 %s"); });
+        host.WhenRequested(method, [] { throw Tessim::Exception("not today, %1 %s"); });
     });
     // Once.
     Add("break", [this](const std::string& method) {

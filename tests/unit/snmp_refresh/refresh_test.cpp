@@ -143,7 +143,7 @@ class RefreshTest : public DaemonTest {
 
 const bool registered = RegisterSessions<RefreshTest>("RefreshTest", "refresh");
 
-TEST(Outage, IsToldOnceAMinuteWhileItLasts) {
+TEST(Outage, IsLoggedOnceAMinute) {
     LogCapture log;
     SNMP::Outage outage;
     const SNMP::Outage::Clock::time_point begin{1h};

@@ -326,17 +326,17 @@ TEST(Backoff, DoublesWithEachTimeoutUpTo20SecondsUntilAMinuteWithoutOne) {
     Clock::time_point now{1h};
     EXPECT_FALSE(backoff.IsActive(now));
     const std::chrono::nanoseconds minute = 1min;
-    for (const auto& [pause, next] : {std::pair{5s, minute},
-                                      {10s, minute},
-                                      {20s, minute},
-                                      {20s, minute + 1ns},
-                                      {5s, minute},
-                                      {10s, minute}}) {
+    for (const auto& [length, next] : {std::pair{5s, minute},
+                                       {10s, minute},
+                                       {20s, minute},
+                                       {20s, minute + 1ns},
+                                       {5s, minute},
+                                       {10s, minute}}) {
         backoff.Start(now, "late");
-        EXPECT_TRUE(backoff.IsActive(now + pause - 1ns));
-        EXPECT_FALSE(backoff.IsActive(now + pause));
+        EXPECT_TRUE(backoff.IsActive(now + length - 1ns));
+        EXPECT_FALSE(backoff.IsActive(now + length));
         EXPECT_EQ(backoff.GetMessage(), "late");
-        now += pause + next;
+        now += length + next;
     }
 }
 

@@ -155,7 +155,7 @@ TEST_F(ServiceTest, RefusesAllButOneSocketThatListensAtALoopbackAddress) {
     }
 }
 
-TEST(ServerProgress, IsThatAnAcceptIsPendingBetweenTwoChecks) {
+TEST(ServerProgress, RequiresEveryLaneToRunBetweenTwoChecks) {
     const TemporaryDirectory directory;
     TestBackend backend;
     Vessad::ServerOptions options;

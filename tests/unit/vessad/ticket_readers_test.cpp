@@ -75,7 +75,7 @@ TEST(TicketReadersTest, AreAllUsersWhereTheKernelDoesNotTellWhoConnects) {
     EXPECT_TRUE(IncludesUser(readers, 1));
     EXPECT_TRUE(IncludesUser(readers, 1));
     EXPECT_EQ(log.GetText(),
-              "warning All local users are served alike: the kernel does not tell who owns a connection "
+              "warning All local users are served alike: cannot determine who owns a connection "
               "(tcp_diag): Socket operation on non-socket\n");
 }
 

@@ -38,13 +38,13 @@ void DescribeHost(const Host& host, Inventory& inventory) {
     inventory.serviceConsole = memory;
 }
 
-std::shared_ptr<Vm> MakeVm(const DescribedDomain& domain, std::int32_t number) {
+std::shared_ptr<Vm> MakeVm(const DescribedDomain& domain, std::int32_t id) {
     auto runtime = MakeRef<Hask::Vm::RuntimeInfo>();
     runtime->SetPowerState(PowerStateOf(domain.state, domain.active));
     auto guest = MakeRef<Hask::Vm::GuestInfo>();
     guest->SetGuestState(GuestStateOf(domain.state, domain.active));
     auto vm = std::make_shared<Vm>();
-    vm->id = std::to_string(number);
+    vm->id = std::to_string(id);
     vm->runtime = runtime;
     vm->guest = guest;
     if (domain.description) {
@@ -116,13 +116,13 @@ std::shared_ptr<const Inventory> BuildInventory(const HostReading& reading, cons
     inventory->counters = StandardCounters();
     const CounterKeys keys = KeysOf(inventory->counters);
 
-    std::map<std::int32_t, std::shared_ptr<Vm>> byNumber;
+    std::map<std::int32_t, std::shared_ptr<Vm>> byId;
     for (const DescribedDomain& domain : reading.domains) {
-        const std::int32_t number = vmIds.Find(domain.uuid);
-        if (number == 0) {
+        const std::int32_t id = vmIds.Find(domain.uuid);
+        if (id == 0) {
             continue;
         }
-        auto vm = MakeVm(domain, number);
+        auto vm = MakeVm(domain, id);
         if (domain.description) {
             if (const auto found = samples.find(domain.uuid); found != samples.end()) {
                 vm->series = BuildSeries(found->second, *domain.description, keys);
@@ -130,9 +130,9 @@ std::shared_ptr<const Inventory> BuildInventory(const HostReading& reading, cons
             inventory->datastores.insert(domain.description->datastores.begin(),
                                          domain.description->datastores.end());
         }
-        byNumber.emplace(number, std::move(vm));
+        byId.emplace(id, std::move(vm));
     }
-    for (auto& [number, vm] : byNumber) {
+    for (auto& [id, vm] : byId) {
         inventory->Add(std::move(vm));
     }
     for (const auto& vm : before.vms) {

@@ -21,7 +21,8 @@ std::shared_ptr<const Inventory> UnknownHost();
 // Returns the host of `inventory` without its VMs.
 std::shared_ptr<const Inventory> WithoutVms(const Inventory& inventory);
 
-// Returns the VMs that have a number, ordered by it. `samples`: the statistics of running domains by UUID.
+// Returns an inventory of the VMs that have an id, ordered by it. `samples`: the statistics of running
+// domains by UUID.
 //
 // A VM that `before` lists and `reading` lacks is not listed, but is still found by its id, so that a client
 // that listed it a moment ago can finish.

@@ -8,7 +8,7 @@
 namespace Vessad::Libvirt {
 
 // Returns the statistics of an active domain under the names of domstats, read by older and slower calls.
-// Those that the driver does not have are left out; never throws ApiError. The caller keeps the domain.
+// Those that the driver does not have are omitted; never throws ApiError. The caller keeps the domain.
 Statistics LegacyStatistics(virDomainPtr domain);
 
 }  // namespace Vessad::Libvirt

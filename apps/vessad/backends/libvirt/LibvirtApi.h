@@ -55,7 +55,7 @@ struct Volume {
 };
 
 // One sample of a domain's statistics, under the names of `virsh domstats` whatever the driver. Numbers that
-// are negative or not integers are left out.
+// are negative or not integers are omitted.
 using Statistics = std::map<std::string, std::variant<std::uint64_t, std::string>, std::less<>>;
 
 // A read-only connection to a host, for one thread at a time. Every operation throws ApiError and may block
@@ -71,7 +71,7 @@ class Connection {
     virtual bool IsAlive() = 0;
 
     virtual Host GetHost() = 0;
-    // Returns every domain. One that vanishes meanwhile is left out; one that cannot be read has neither
+    // Returns every domain. One that vanishes meanwhile is skipped; one that cannot be read has neither
     // state nor XML. Does not wait for the domains' processes.
     virtual std::vector<Domain> GetDomains() = 0;
     // Returns the XML of the active storage pools; none where the driver has no storage.

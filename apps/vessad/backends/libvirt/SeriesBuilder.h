@@ -10,7 +10,7 @@
 namespace Vessad::Libvirt {
 
 // Returns the series of a domain. Statistics that are not in the sample, and counters that are not in `keys`,
-// are left out.
+// are omitted.
 //
 //   counter     instance                               unit
 //   cpu.used    enabled virtual CPUs, counted from 0   milliseconds
