@@ -74,14 +74,14 @@ void OrderRows() {
 
 }  // namespace
 
-void FillTables(OrdaneClient* client, Ordane::DataArray<Hask::VirtualMachine>* vms,
+bool FillTables(OrdaneClient* client, Ordane::DataArray<Hask::VirtualMachine>* vms,
                 Ordane::DataArray<Hask::Vm::ConfigInfo>* configs) {
     const int count = vms->GetLength();
     auto* const rows = static_cast<vmEntry*>(std::calloc(static_cast<std::size_t>(count), sizeof(vmEntry)));
     *SNMPVMInfoTable_GetPtr() = rows;
     if (rows == nullptr) {
         snmp_log(LOG_WARNING, "SNMPRaskRefreshCache: Out of memory?\n");
-        return;
+        return false;
     }
     if (configs->GetLength() != count) {
         static constexpr const char* bug = "SNMPRaskRefreshCache, BUG - vm & config count.\n";
@@ -97,6 +97,7 @@ void FillTables(OrdaneClient* client, Ordane::DataArray<Hask::VirtualMachine>* v
     }
     OrderRows();
     snmp_log(LOG_INFO, "SNMPRask: refreshing cache completed.\n");
+    return true;
 }
 
 }  // namespace SNMP

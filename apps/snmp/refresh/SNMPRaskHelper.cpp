@@ -136,8 +136,11 @@ void SNMPRaskRefreshCache() {
         }
     }
     allVms->Clear();
-    SNMP::FillTables(client, vms.Get(), configs.Get());
-    outage.End(Tessim::Clock::now());
+    if (SNMP::FillTables(client, vms.Get(), configs.Get())) {
+        outage.End(Tessim::Clock::now());
+    } else {
+        outage.Continue(Tessim::Clock::now());
+    }
 }
 
 int GetNumCpu() {
