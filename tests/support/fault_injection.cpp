@@ -34,8 +34,7 @@ std::time_t __wrap_time(std::time_t* stored) {
 }
 
 void* __wrap_calloc(std::size_t count, std::size_t size) {
-    if (faults != nullptr && (faults->callocElementSize == size || faults->callocElementSize == 0) &&
-        faults->calloc.Expires()) {
+    if (faults != nullptr && faults->calloc.Expires()) {
         errno = ENOMEM;
         return nullptr;
     }

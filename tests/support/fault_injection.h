@@ -23,12 +23,8 @@ class FaultInjection {
     // time() returns this from now on.
     void SetTime(std::time_t now) { time = now; }
 
-    // The nth call from now on fails, once. For calloc only calls with this element size count, unless it is
-    // 0.
-    void FailCalloc(std::size_t elementSize, int nth = 1) {
-        callocElementSize = elementSize;
-        calloc = {nth, 1};
-    }
+    // The nth call from now on fails, once.
+    void FailCalloc(int nth = 1) { calloc = {nth, 1}; }
     void FailStrdup() { strdup = {1, 1}; }
     void FailNew(int nth = 1, int times = 1) { operatorNew = {nth, times}; }  // `times` in a row
 
@@ -52,7 +48,6 @@ class FaultInjection {
         bool Expires();
     };
     std::optional<std::time_t> time;
-    std::size_t callocElementSize = 0;
     Countdown calloc;
     Countdown strdup;
     Countdown operatorNew;

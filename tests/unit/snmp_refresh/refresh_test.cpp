@@ -84,9 +84,8 @@ class RefreshTest : public DaemonTest {
         Add("slow-call", [this](const std::string& method) {
             daemon.WhenSent(method, [this] { clock->SetTime(start + 15); });
         });
-        Add("no-memory", [this] { clock->FailCalloc(sizeof(vmEntry)); });
-        Add("no-adapter-memory", [this] { clock->FailCalloc(sizeof(vmHBANode)); });
-        Add("no-memory-for-row", [this](const std::string& nth) { clock->FailCalloc(0, std::stoi(nth)); });
+        Add("no-memory", [this] { clock->FailCalloc(); });
+        Add("no-memory-for-row", [this](const std::string& nth) { clock->FailCalloc(std::stoi(nth)); });
         Add("module", [] { return SNMPRaskHelper_Init() != 0; });
         Add("ending", [] { netsnmp_running = 0; });
         Add("running", [] { netsnmp_running = 1; });
