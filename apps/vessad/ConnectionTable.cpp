@@ -66,11 +66,6 @@ void ConnectionTable::Close(std::string_view why) {
     }
 }
 
-std::size_t ConnectionTable::Count(Stage stage) const {
-    const std::lock_guard lock(mutex);
-    return queues.at(static_cast<std::size_t>(stage)).size();
-}
-
 void ConnectionTable::RemoveLocked(std::uint64_t number) {
     const auto found = positions.find(number);
     if (found != positions.end()) {

@@ -56,9 +56,6 @@ class ConnectionTable {
     // then.
     void Close(std::string_view why);
 
-    // The number of connections at a stage.
-    std::size_t Count(Stage stage) const;
-
   private:
     struct Position {
         Stage stage;
@@ -75,7 +72,7 @@ class ConnectionTable {
     std::shared_ptr<Entry> TakeOldestLocked(Queue& queue);
 
     const std::array<std::size_t, 3> limits;
-    mutable std::mutex mutex;  // guards all below
+    std::mutex mutex;  // guards all below
     std::array<Queue, 3> queues;
     std::unordered_map<std::uint64_t, Position> positions;
     std::uint64_t nextTurn = 0;

@@ -12,17 +12,19 @@ namespace Vessad {
 namespace {
 
 struct FakeConnection final : ConnectionTable::Entry {
-    FakeConnection(std::uint64_t number, std::ostream& log) : number(number), log(log) {}
-    void Evict(std::string_view why) override { log << number << ' ' << why << ", "; }
+    FakeConnection(std::uint64_t number, std::ostringstream& log) : number(number), log(log) {}
+    void Evict(std::string_view why) override {
+        log << (log.str().empty() ? "" : ", ") << number << ' ' << why;
+    }
 
     std::uint64_t number;
-    std::ostream& log;
+    std::ostringstream& log;
 };
 
 // Returns what a table of at most two connections at each stage does when the words of `script` are followed:
 // a stage or "remove" with the connections to place there or to remove, "make-room", "close", and "release",
-// which ends all connections. "NUMBER REASON" for each eviction, then the number of connections at the
-// stages.
+// which ends all connections. "NUMBER REASON" for each eviction. At the end the table is closed, which evicts
+// the connections that are left, stage by stage and the oldest first.
 std::string Follow(const std::string& script) {
     static const std::map<std::string, Stage> stages{
         {"preamble", Stage::Preamble}, {"login", Stage::Login}, {"session", Stage::Session}};
@@ -50,7 +52,7 @@ std::string Follow(const std::string& script) {
             table.Place(connection->number, connection, stages.at(command));
         }
     }
-    transcript << table.Count(Stage::Preamble) << table.Count(Stage::Login) << table.Count(Stage::Session);
+    table.Close("left");
     return transcript.str();
 }
 

@@ -116,7 +116,6 @@ TEST_F(TicketStoreTest, ReplacesTheOwnersPreviousTicket) {
     const std::string first = IssuePassword(1);
     const fs::path second = Store().Issue(1);
     EXPECT_THAT(Files(), ElementsAre(second.filename().string()));
-    EXPECT_EQ(Store().Count(), 1U);
     EXPECT_FALSE(Store().Redeem(1, first));
 }
 
@@ -130,7 +129,6 @@ TEST_F(TicketStoreTest, RemovesExpiredTickets) {
     Store().Issue(3);
     io.run();  // returns when no ticket is left to expire
     EXPECT_THAT(Files(), IsEmpty());
-    EXPECT_EQ(Store().Count(), 0U);
 }
 
 TEST_F(TicketStoreTest, RemovesDroppedTicketsAndAllOnClose) {
@@ -214,7 +212,6 @@ TEST_F(TicketStoreTest, LeavesNoFileWhenTheDiskIsFull) {
         const VessadTest::FullDisk full(size);
         EXPECT_THROW(Store().Issue(1), std::system_error);
         EXPECT_THAT(Files(), IsEmpty());
-        EXPECT_EQ(Store().Count(), 0U);
     }
     EXPECT_TRUE(Store().Redeem(1, IssuePassword(1)));
 }
