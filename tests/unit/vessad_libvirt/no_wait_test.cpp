@@ -6,7 +6,7 @@
 #include <array>
 #include <string>
 
-#include "apps/vessad/backends/libvirt/LibvirtApi.h"
+#include "apps/vessad/backends/libvirt/RealLibvirt.h"
 
 namespace {
 

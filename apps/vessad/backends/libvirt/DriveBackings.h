@@ -6,7 +6,7 @@
 #include <pugixml.hpp>
 #include <string>
 
-#include "apps/vessad/backends/libvirt/DomainXml.h"
+#include "apps/vessad/backends/libvirt/DomainDescription.h"
 
 namespace Vessad::Libvirt {
 

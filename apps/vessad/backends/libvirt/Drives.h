@@ -4,7 +4,7 @@
 #include <pugixml.hpp>
 
 #include "apps/vessad/backends/libvirt/DeviceList.h"
-#include "apps/vessad/backends/libvirt/DomainXml.h"
+#include "apps/vessad/backends/libvirt/DomainDescription.h"
 
 namespace Vessad::Libvirt {
 

@@ -5,6 +5,7 @@
 #include <set>
 #include <utility>
 
+#include "apps/vessad/backends/libvirt/DomainXml.h"
 #include "apps/vessad/backends/libvirt/Uri.h"
 
 namespace Vessad::Libvirt {

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "apps/vessad/backends/libvirt/DomainXml.h"
+#include "apps/vessad/backends/libvirt/DomainDescription.h"
 #include "apps/vessad/backends/libvirt/GuestNames.h"
 #include "apps/vessad/backends/libvirt/LibvirtApi.h"
 #include "apps/vessad/backends/libvirt/Storage.h"

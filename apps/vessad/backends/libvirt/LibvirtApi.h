@@ -96,7 +96,4 @@ class Api {
     virtual std::unique_ptr<Connection> Open(const std::string& uri) = 0;
 };
 
-// Returns the installed libvirt. Throws ApiError.
-std::shared_ptr<Api> MakeApi();
-
 }  // namespace Vessad::Libvirt

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "apps/vessad/backends/libvirt/Collector.h"
-#include "apps/vessad/backends/libvirt/LibvirtApi.h"
+#include "apps/vessad/backends/libvirt/RealLibvirt.h"
 #include "apps/vessad/backends/libvirt/Uri.h"
 #include "apps/vessad/backends/libvirt/VmIds.h"
 

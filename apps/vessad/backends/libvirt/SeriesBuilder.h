@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "apps/vessad/backends/Backend.h"
-#include "apps/vessad/backends/libvirt/DomainXml.h"
+#include "apps/vessad/backends/libvirt/DomainDescription.h"
 #include "apps/vessad/backends/libvirt/LibvirtApi.h"
 
 namespace Vessad::Libvirt {

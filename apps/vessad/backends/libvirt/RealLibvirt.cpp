@@ -1,4 +1,4 @@
-#include "apps/vessad/backends/libvirt/LibvirtApi.h"
+#include "apps/vessad/backends/libvirt/RealLibvirt.h"
 
 #include <libvirt/libvirt.h>
 #include <libvirt/virterror.h>
@@ -15,6 +15,7 @@
 
 #include "apps/vessad/backends/libvirt/EventLoop.h"
 #include "apps/vessad/backends/libvirt/LegacyStatistics.h"
+#include "apps/vessad/backends/libvirt/LibvirtError.h"
 
 namespace Vessad::Libvirt {
 namespace {
@@ -37,55 +38,6 @@ using DomainHandle = std::unique_ptr<virDomain, Freer<virDomainFree>>;
 using PoolHandle = std::unique_ptr<virStoragePool, Freer<virStoragePoolFree>>;
 using VolumeHandle = std::unique_ptr<virStorageVol, Freer<virStorageVolFree>>;
 using CString = std::unique_ptr<char, Freer<std::free>>;
-
-// Errors of opening a connection that a retry cannot cure. A driver that is not there may only not be active
-// yet.
-bool IsPermanentCode(const virError& error) {
-    switch (error.code) {
-        case VIR_ERR_INVALID_ARG:
-        case VIR_ERR_NO_SUPPORT:
-        case VIR_ERR_XML_ERROR:
-        case VIR_ERR_XML_DETAIL:
-        case VIR_ERR_CONF_SYNTAX:
-        case VIR_ERR_CONFIG_UNSUPPORTED:
-            return true;
-        case VIR_ERR_INTERNAL_ERROR:
-            return error.domain == VIR_FROM_URI || error.domain == VIR_FROM_TEST;
-        default:
-            return false;
-    }
-}
-
-// The calling thread's latest libvirt error.
-ApiError LastError() {
-    const virError* error = virGetLastError();
-    if (error == nullptr) {
-        return {"libvirt failed without a reason", ApiError::Kind::Temporary};
-    }
-    const char* text = error->message != nullptr ? error->message : "unknown error";
-    if (error->code == VIR_ERR_NO_DOMAIN) {
-        return {text, ApiError::Kind::Gone};
-    }
-    return {text, IsPermanentCode(*error) ? ApiError::Kind::Permanent : ApiError::Kind::Temporary};
-}
-
-// Throws the latest error unless the call was `done`.
-void Check(bool done) {
-    if (!done) {
-        throw LastError();
-    }
-}
-
-// Whether the latest call failed with this code.
-bool HasCode(int code) {
-    const virError* error = virGetLastError();
-    return error != nullptr && error->code == code;
-}
-
-// Whether the latest call failed because the driver has nothing of the kind.
-bool IsUnsupported() {
-    return HasCode(VIR_ERR_NO_SUPPORT);
-}
 
 template <class Handle, class Raw>
 std::vector<Handle> TakeList(Raw* list, int count) {
