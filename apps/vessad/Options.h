@@ -6,6 +6,7 @@
 #include <string>
 
 #include "runtime/hask/host_agent.h"
+#include "runtime/tessim/daemon_directory.h"
 
 namespace Vessad {
 
@@ -13,7 +14,7 @@ struct Options {
     std::optional<std::filesystem::path> host;  // neither this nor libvirt: the built-in host
     std::optional<std::string> libvirt;
     std::string listen = "127.0.0.1:" + std::to_string(Hask::HostAgent::port);
-    std::filesystem::path ticketDirectory = "/run/tovric-vessad";
+    std::filesystem::path ticketDirectory = Tessim::DaemonDirectory::path;
     std::string ticketGroup;
     std::filesystem::path stateDirectory = "/var/lib/tovric-vessad";
     int forgetAfterDays = 400;  // 0: never

@@ -190,11 +190,6 @@ void TicketStore::Close() {
     RemoveAll(std::move(removed));
 }
 
-std::size_t TicketStore::Count() const {
-    const std::lock_guard lock(mutex);
-    return tickets.size();
-}
-
 void TicketStore::WriteFile(const std::string& file, std::string_view password) const {
     Tessim::FileDescriptor descriptor(
         ::openat(directory.Get(), file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));

@@ -9,7 +9,6 @@
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <map>
@@ -55,9 +54,6 @@ class TicketStore {
 
     // Removes every ticket; Issue fails from then on.
     void Close();
-
-    // The number of tickets.
-    std::size_t Count() const;
 
   private:
     using Clock = std::chrono::steady_clock;

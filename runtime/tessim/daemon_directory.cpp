@@ -10,7 +10,8 @@ namespace Tessim {
 namespace {
 
 constexpr const char* runDirectory = "/run";
-constexpr const char* daemonDirectory = "tovric-vessad";
+static_assert(DaemonDirectory::path.starts_with("/run/"));
+constexpr const char* daemonDirectory = DaemonDirectory::path.data() + DaemonDirectory::path.rfind('/') + 1;
 
 }  // namespace
 

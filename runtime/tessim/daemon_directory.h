@@ -1,10 +1,10 @@
-// The management daemon's directory, /run/tovric-vessad: its owner is the daemon's user. Internal to the
-// runtime.
+// The management daemon's directory: its owner is the daemon's user.
 #pragma once
 
 #include <sys/types.h>
 
 #include <optional>
+#include <string_view>
 
 #include "runtime/tessim/file_descriptor.h"
 
@@ -12,6 +12,8 @@ namespace Tessim {
 
 class DaemonDirectory {
   public:
+    static constexpr std::string_view path = "/run/tovric-vessad";
+
     // The directory as it is now; not open when it does not exist, is a link, or lies in a /run that others
     // than root can write. Never throws. Thread-safe.
     static DaemonDirectory Open() noexcept;

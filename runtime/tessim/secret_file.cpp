@@ -8,7 +8,6 @@
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <string_view>
 #include <system_error>
 #include <tuple>
 #include <utility>
@@ -26,7 +25,6 @@ using TimePoint = std::chrono::system_clock::time_point;
 
 constexpr std::size_t maxShownPath = 256;
 constexpr std::chrono::seconds clockSlack{2};
-constexpr std::string_view daemonPrefix = "/run/tovric-vessad/";
 
 class FileStream final : public virtual Stream, public ObjectImpl {
   public:
@@ -106,12 +104,13 @@ class Candidate {
     // directory whose owner is the daemon must be the one that the file is opened in. When the directory is
     // not as expected, no daemon's user is trusted.
     void OpenDaemonDirectory() {
-        if (!path.starts_with(daemonPrefix) || path.find('/', daemonPrefix.size()) != std::string::npos) {
+        const std::size_t slash = path.rfind('/');
+        if (path.substr(0, slash) != DaemonDirectory::path) {
             return;
         }
         directory = DaemonDirectory::Open();
         if (directory.IsOpen()) {
-            name = path.substr(daemonPrefix.size());
+            name = path.substr(slash + 1);
         }
     }
 
