@@ -5,7 +5,8 @@ buildPackages=(cmake ninja-build g++ pkg-config python3 python3-yaml
     libsnmp-dev libssl-dev libpugixml-dev libyaml-cpp-dev libcli11-dev libspdlog-dev
     libvirt-dev libsystemd-dev libgtest-dev libgmock-dev libbenchmark-dev)
 runPackages=(snmpd snmp iproute2 util-linux)
-testPackages=(python3-pytest python3-pytest-xdist python3-pysnmp4 binutils clang-format libvirt-clients openssl valgrind)
+testPackages=(python3-pytest python3-pytest-xdist python3-pysnmp4
+    binutils clang-format libvirt-clients openssl valgrind)
 # Of scripts/lint and scripts/test --all. Other versions of clang have other opinions.
 lintPackages=(clang-14 clang-format-14 clang-tidy-14 clang shellcheck flake8 smitools mandoc)
 # The tests with live guests are skipped without these.
