@@ -2,10 +2,13 @@
 
 #include <limits>
 
+#include "apps/snmp/agent/Guard.h"
 #include "apps/snmp/collections/ResTables.h"
+#include "apps/snmp/columns/AnswerBuffers.h"
 #include "apps/snmp/columns/CheckParam.h"
 #include "apps/snmp/columns/Registration.h"
 #include "apps/snmp/columns/TableHandler.h"
+#include "apps/snmp/refresh/SNMPRaskHelper.h"
 
 namespace {
 

@@ -62,7 +62,7 @@ struct DataObjectType {
     const DataObjectType* base;
     std::span<const Member> ownMembers;
     std::span<const DataObjectType* const> descendants;  // every type below this one
-    Tessim::Ref<DataObject> (*create)();
+    Tessim::Ref<DataObject> (*create)();                 // a new object, never null
 
     // Whether a value of this type may stand where `other` is declared.
     bool IsA(const DataObjectType* other) const;
@@ -89,7 +89,7 @@ struct ManagedType {
     std::string_view name;
     std::span<const MethodInfo> methods;
 
-    const MethodInfo* FindMethod(std::string_view methodName) const;
+    const MethodInfo* FindMethod(std::string_view methodName) const;  // null for an unknown name
 };
 
 // The exact type of a data class, to be compared with DataObject::GetDataObjectType().

@@ -69,10 +69,11 @@ class OrdaneClient : public Tessim::ObjectImpl, public virtual Tessim::Object {
     bool IsServiceInstanceContentKept() const { return static_cast<bool>(serviceContent); }
     // The information of the datastore with the id `datastore`; its type tells the kind. Null on failure.
     void GetDatastoreInfo(const std::string& datastore, Tessim::Ref<Hask::Datastore::Info>& out);
-    // The host's CPU cores, truncated to a signed 16-bit count; cached once it is not 0. 0 on failure.
+    // The host's CPU cores, truncated to a signed 16-bit count; cached for the process, whatever its client,
+    // once it is not 0. 0 on failure.
     int GetNumCpuCores();
     // The service console's memory in kilobytes; 0 on failure. `reserved` is in bytes on the call that
-    // fetches it and in kilobytes on the later, cached ones: managers rely on these values.
+    // fetches it and in kilobytes on the later ones, cached for the process: managers rely on these values.
     std::int64_t GetMemoryReservation(std::int64_t& reserved);
 
     // The performance manager, or null when the service has none.

@@ -3,7 +3,7 @@
 // `index` is the VM's position among the examined VMs, which every row of it carries. A list filler appends
 // through the list's cursor (see ListFiller.h) and returns the list's last row, null while the list is empty;
 // a row that cannot be allocated is logged and ends that filler. Arrays of devices must not be null, nor may
-// their elements. Exceptions of the management API are not caught.
+// their elements. Exceptions of the management API are not caught. Used on the agent's one request thread.
 #pragma once
 
 #include <string>

@@ -71,7 +71,8 @@ struct TableFacts {
 template <class Row>
 const TableFacts<Row>& Facts();
 
-// The facts of a table; the last arguments are its fields, with `Row` for the row's type.
+// The facts of a table; the last arguments are its fields, with `Row` for the row's type. Written out on
+// purpose, as a reference that does not depend on the column tables. A new column needs no entry.
 #define TABLE_FACTS(rowType, table, unknownColumn, head, indexVariable, traversal, order, fields, ...) \
     template <>                                                                                        \
     inline const TableFacts<rowType>& Facts() {                                                        \

@@ -18,9 +18,9 @@ struct DriveAddress {
     int unit = 0;
 };
 
+// Return the unit number that the API shows. Some SCSI controllers number targets, others logical units of
+// target 0; where both are in use, the number has both.
 int UnitOfAddress(const DriveAddress& address);
-// Some controllers number targets, others logical units of target 0; where both are in use, the number has
-// both.
 int ScsiUnitOfAddress(const DriveAddress& address);
 
 using ControllerRef = Tessim::Ref<Hask::Vm::Device::VirtualController>;
@@ -58,7 +58,9 @@ struct DrivePlace {
     const Bus& bus;
     DriveAddress address;
 
+    // The key of the API's controller; a channel beyond the controller's last counts as the last.
     int ControllerKey() const;
+    // The unit number on that controller, not negative.
     int Unit() const { return bus.unit(address); }
 };
 
