@@ -16,34 +16,35 @@ constexpr const char* apiNamespace = "urn:ordane";
 constexpr std::string_view targetElement = "_this";  // what names the object that a request calls
 
 // An envelope that is being written; the one element goes into `body`.
-struct Envelope {
-    pugi::xml_document document;
-    pugi::xml_node body;
-
+class Envelope {
+  public:
     Envelope() {
-        const pugi::xml_node envelope = Xml::AppendElement(document, "soapenv:Envelope", {});
-        Xml::AppendAttribute(envelope, "xmlns:soapenv", "http://schemas.xmlsoap.org/soap/envelope/");
-        Xml::AppendAttribute(envelope, "xmlns:xsi", "http://www.w3.org/2001/XMLSchema-instance");
-        body = Xml::AppendElement(envelope, "soapenv:Body", {});
+        body.Open("soapenv:Envelope");
+        body.AddAttribute("xmlns:soapenv", "http://schemas.xmlsoap.org/soap/envelope/");
+        body.AddAttribute("xmlns:xsi", "http://www.w3.org/2001/XMLSchema-instance");
+        body.Open("soapenv:Body");
     }
 
-    pugi::xml_node AppendCall(const std::string& name) const {
-        const pugi::xml_node call = Xml::AppendElement(body, name, {});
-        Xml::AppendAttribute(call, "xmlns", apiNamespace);
-        return call;
+    // Returns the message.
+    std::string End() {
+        body.Close("soapenv:Body");
+        body.Close("soapenv:Envelope");
+        return R"(<?xml version="1.0" encoding="UTF-8"?>)" + body.Take();
     }
 
-    std::string Text() const {
-        struct Sink final : pugi::xml_writer {
-            std::string text = R"(<?xml version="1.0" encoding="UTF-8"?>)";
-            void write(const void* data, std::size_t size) override {
-                text.append(static_cast<const char*>(data), size);
-            }
-        } sink;
-        document.save(sink, "", pugi::format_raw | pugi::format_no_declaration, pugi::encoding_utf8);
-        return std::move(sink.text);
-    }
+    Xml::Writer body;
 };
+
+// Writes the message of a call or of its response.
+template <class WriteContent>
+std::string Encode(const std::string& name, WriteContent writeContent) {
+    Envelope envelope;
+    envelope.body.Open(name);
+    envelope.body.AddAttribute("xmlns", apiNamespace);
+    writeContent(envelope.body);
+    envelope.body.Close(name);
+    return envelope.End();
+}
 
 // A walker that stops at the first element beyond the depth allowed.
 struct DepthCheck final : pugi::xml_tree_walker {
@@ -126,29 +127,31 @@ struct Message::Document {
 };
 
 std::string EncodeRequest(const MoRef& target, const MethodInfo& method, const DataObject& request) {
-    const Envelope envelope;
-    const pugi::xml_node call = envelope.AppendCall(std::string(method.name));
-    Xml::WriteReference(call, targetElement, target);
-    Xml::WriteMembers(call, request);
-    return envelope.Text();
+    return Encode(std::string(method.name), [&](Xml::Writer& call) {
+        Xml::WriteReference(call, targetElement, target);
+        Xml::WriteMembers(call, request);
+    });
 }
 
 std::string EncodeResponse(const MethodInfo& method, const DataObject& response) {
-    const Envelope envelope;
-    Xml::WriteMembers(envelope.AppendCall(std::string(method.name) + "Response"), response);
-    return envelope.Text();
+    return Encode(std::string(method.name) + "Response",
+                  [&](Xml::Writer& reply) { Xml::WriteMembers(reply, response); });
 }
 
 std::string EncodeFault(const Fault::MethodFault& fault) {
-    const Envelope envelope;
     const std::string type(fault.GetDataObjectType()->name);
-    const pugi::xml_node element = Xml::AppendElement(envelope.body, "soapenv:Fault", {});
-    Xml::AppendElement(element, "faultcode", "soapenv:Server");
-    Xml::AppendElement(element, "faultstring", fault.GetMessage().value_or(type));
-    const pugi::xml_node detail = Xml::AppendElement(element, "detail", {});
-    Xml::WriteObject(detail, type, fault, *fault.GetDataObjectType());
-    Xml::AppendAttribute(detail.first_child(), "xmlns", apiNamespace);
-    return envelope.Text();
+    Envelope envelope;
+    envelope.body.Open("soapenv:Fault");
+    envelope.body.AddElement("faultcode", "soapenv:Server");
+    envelope.body.AddElement("faultstring", fault.GetMessage().value_or(type));
+    envelope.body.Open("detail");
+    envelope.body.Open(type);
+    envelope.body.AddAttribute("xmlns", apiNamespace);
+    Xml::WriteMembers(envelope.body, fault);
+    envelope.body.Close(type);
+    envelope.body.Close("detail");
+    envelope.body.Close("soapenv:Fault");
+    return envelope.End();
 }
 
 Message::Message(std::string_view text, const Limits& limits) : document(std::make_unique<Document>()) {

@@ -68,6 +68,16 @@ struct DataObjectType {
     bool IsA(const DataObjectType* other) const;
     // This type or the descendant of that name, or null.
     const DataObjectType* FindSubtype(std::string_view subtypeName) const;
+    // Calls `visit` for every member, the base's first.
+    template <class Visit>
+    void VisitMembers(Visit&& visit) const {
+        if (base != nullptr) {
+            base->VisitMembers(visit);
+        }
+        for (const Member& member : ownMembers) {
+            visit(member);
+        }
+    }
     // Every member, the base's first.
     std::vector<const Member*> GetMembers() const;
 };

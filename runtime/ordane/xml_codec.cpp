@@ -2,7 +2,6 @@
 
 #include <charconv>
 #include <limits>
-#include <new>
 
 #include "runtime/tessim/exception.h"
 #include "runtime/tessim/string_util.h"
@@ -23,38 +22,29 @@ constexpr std::size_t maxPlaceLength = 200;
         ": expected " + expected);
 }
 
-// pugixml returns null for what it could not allocate, and would leave it out of the message.
-template <class Node>
-Node Allocated(Node made) {
-    if (!made) {
-        throw std::bad_alloc();
-    }
-    return made;
-}
-
 std::string_view WithoutPrefix(std::string_view name) {
     const std::size_t colon = name.find(':');
     return colon == std::string_view::npos ? name : name.substr(colon + 1);
 }
 
 struct MemberWriter {
-    pugi::xml_node parent;
+    Writer& writer;
     const Member& member;
 
-    void operator()(bool value) const { AppendElement(parent, member.name, value ? "true" : "false"); }
+    void operator()(bool value) const { writer.AddElement(member.name, value ? "true" : "false"); }
     void operator()(std::int64_t value) const {
         if (member.kind == ValueKind::Enum) {
-            AppendElement(parent, member.name, member.enumType->GetText(static_cast<int>(value)));
+            writer.AddElement(member.name, member.enumType->GetText(static_cast<int>(value)));
         } else {
-            AppendElement(parent, member.name, std::to_string(value));
+            writer.AddElement(member.name, std::to_string(value));
         }
     }
-    void operator()(std::string_view value) const { AppendElement(parent, member.name, value); }
+    void operator()(std::string_view value) const { writer.AddElement(member.name, value); }
     void operator()(Any* value) const {
         if (member.kind == ValueKind::Reference) {
-            WriteReference(parent, member.name, static_cast<const MoRef&>(*value));
+            WriteReference(writer, member.name, static_cast<const MoRef&>(*value));
         } else {
-            WriteObject(parent, member.name, static_cast<const DataObject&>(*value), *member.objectType);
+            WriteObject(writer, member.name, static_cast<const DataObject&>(*value), *member.objectType);
         }
     }
 };
@@ -136,21 +126,91 @@ std::string TextOf(pugi::xml_node element) {
     return text;
 }
 
-pugi::xml_node AppendElement(pugi::xml_node parent, std::string_view name, std::string_view text) {
-    pugi::xml_node element = Allocated(parent.append_child(pugi::node_element));
-    Allocated(element.set_name(std::string(name).c_str()));
-    if (!text.empty()) {
-        Allocated(Allocated(element.append_child(pugi::node_pcdata)).set_value(std::string(text).c_str()));
+void Writer::Open(std::string_view name) {
+    EndTag();
+    text += '<';
+    text += name;
+    inTag = true;
+}
+
+void Writer::Close(std::string_view name) {
+    if (std::exchange(inTag, false)) {
+        text += "/>";
+        return;
     }
-    return element;
+    text += "</";
+    text += name;
+    text += '>';
 }
 
-void AppendAttribute(pugi::xml_node element, const char* name, std::string_view value) {
-    Allocated(Allocated(element.append_attribute(name)).set_value(std::string(value).c_str()));
+void Writer::AddAttribute(std::string_view name, std::string_view value) {
+    text += ' ';
+    text += name;
+    text += "=\"";
+    Escape(value, "&<>\"\n\r");
+    text += '"';
 }
 
-void WriteReference(pugi::xml_node parent, std::string_view name, const MoRef& reference) {
-    AppendAttribute(AppendElement(parent, name, reference.GetId()), "type", reference.GetType());
+void Writer::AddText(std::string_view content) {
+    if (content.empty() || content.front() == '\0') {
+        return;
+    }
+    EndTag();
+    Escape(content, "&<>");
+}
+
+void Writer::AddElement(std::string_view name, std::string_view content) {
+    Open(name);
+    AddText(content);
+    Close(name);
+}
+
+void Writer::EndTag() {
+    if (std::exchange(inTag, false)) {
+        text += '>';
+    }
+}
+
+void Writer::Escape(std::string_view content, std::string_view special) {
+    constexpr std::string_view whiteSpace = "\t\n\r";
+    content = content.substr(0, content.find('\0'));
+    std::size_t begin = 0;
+    for (std::size_t at = 0; at < content.size(); ++at) {
+        const char character = content[at];
+        const bool isControl = static_cast<unsigned char>(character) < ' ' &&
+                               whiteSpace.find(character) == std::string_view::npos;
+        if (!isControl && special.find(character) == std::string_view::npos) {
+            continue;
+        }
+        text += content.substr(begin, at - begin);
+        begin = at + 1;
+        switch (character) {
+            case '&':
+                text += "&amp;";
+                break;
+            case '<':
+                text += "&lt;";
+                break;
+            case '>':
+                text += "&gt;";
+                break;
+            case '"':
+                text += "&quot;";
+                break;
+            default: {
+                const std::string code = std::to_string(static_cast<int>(character));
+                text += (code.size() < 2 ? "&#0" : "&#") + code + ';';
+            }
+        }
+    }
+    text += content.substr(begin);
+}
+
+void WriteReference(Writer& writer, std::string_view name, const MoRef& reference) {
+    writer.Open(name);
+    writer.AddAttribute("type", reference.GetType());
+    writer.AddText(reference.GetId());
+    writer.Close(name);
 }
 
 Tessim::Ref<MoRef> ReadReference(pugi::xml_node element, std::string_view declaredType, Unknown unknown) {
@@ -170,21 +230,22 @@ std::string EscapeName(std::string_view name) {
     return Tessim::StringUtil::EscapeUntrusted(name, maxNameLength);
 }
 
-void WriteMembers(pugi::xml_node element, const DataObject& object) {
-    for (const Member* member : object.GetDataObjectType()->GetMembers()) {
-        const MemberWriter writer{element, *member};
-        member->forEach(object, [&](const Value& value) { std::visit(writer, value); });
-    }
+void WriteMembers(Writer& writer, const DataObject& object) {
+    object.GetDataObjectType()->VisitMembers([&](const Member& member) {
+        const MemberWriter write{writer, member};
+        member.forEach(object, [&](const Value& value) { std::visit(write, value); });
+    });
 }
 
-void WriteObject(pugi::xml_node parent, std::string_view name, const DataObject& object,
+void WriteObject(Writer& writer, std::string_view name, const DataObject& object,
                  const DataObjectType& declared) {
-    const pugi::xml_node element = AppendElement(parent, name, {});
+    writer.Open(name);
     const DataObjectType& type = *object.GetDataObjectType();
     if (&type != &declared) {
-        AppendAttribute(element, concreteType, type.name);
+        writer.AddAttribute(concreteType, type.name);
     }
-    WriteMembers(element, object);
+    WriteMembers(writer, object);
+    writer.Close(name);
 }
 
 Tessim::Ref<DataObject> ReadObject(pugi::xml_node element, const DataObjectType& declared, Unknown unknown) {

@@ -4,6 +4,7 @@
 #include <pugixml.hpp>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "runtime/ordane/objects.h"
 
@@ -15,18 +16,37 @@ namespace Ordane::Xml {
 // type, keeps the enumeration's text (EnumType::KeepUnknown) and accepts the text.
 enum class Unknown { Ignore, Refuse };
 
-// Appends the element `name` that holds `text`, as far as its first NUL. This and everything below that
-// appends throws std::bad_alloc rather than leave something out.
-pugi::xml_node AppendElement(pugi::xml_node parent, std::string_view name, std::string_view text);
-void AppendAttribute(pugi::xml_node element, const char* name, std::string_view value);
+// Writes elements as text, one after the other, without white space between them. Texts and values end at
+// their first NUL; control characters become references.
+class Writer {
+  public:
+    // Starts an element, which ends with Close; what is written in between is its content. `name` must be the
+    // same for both.
+    void Open(std::string_view name);
+    void Close(std::string_view name);
+    // Adds an attribute to the element that was just opened.
+    void AddAttribute(std::string_view name, std::string_view value);
+    void AddText(std::string_view content);
+    // A whole element.
+    void AddElement(std::string_view name, std::string_view content);
 
-// Appends the element `name` with the object's members to `parent`. A type other than `declared` is named in
-// xsi:type.
-void WriteObject(pugi::xml_node parent, std::string_view name, const DataObject& object,
+    // Returns what was written; nothing is left.
+    std::string Take() { return std::exchange(text, {}); }
+
+  private:
+    void EndTag();
+    void Escape(std::string_view content, std::string_view special);
+
+    std::string text;
+    bool inTag = false;  // of the element that was just opened
+};
+
+// Writes the element `name` with the object's members. A type other than `declared` is named in xsi:type.
+void WriteObject(Writer& writer, std::string_view name, const DataObject& object,
                  const DataObjectType& declared);
 
-// Appends the members of `object` to `element`.
-void WriteMembers(pugi::xml_node element, const DataObject& object);
+// Writes the members of `object`.
+void WriteMembers(Writer& writer, const DataObject& object);
 
 // Returns the object that `element` holds, of type `declared` or the descendant that xsi:type names. Throws
 // Tessim::InvalidArgumentException with the place and what was expected: a missing, repeated or ill-typed
@@ -43,8 +63,8 @@ std::string TextOf(pugi::xml_node element);
 // that is empty. Throws as ReadObject does.
 Tessim::Ref<MoRef> ReadReference(pugi::xml_node element, std::string_view declaredType,
                                  Unknown unknown = Unknown::Refuse);
-// Appends the reference to `parent` as the element `name`.
-void WriteReference(pugi::xml_node parent, std::string_view name, const MoRef& reference);
+// Writes the reference as the element `name`.
+void WriteReference(Writer& writer, std::string_view name, const MoRef& reference);
 
 // A name from a peer for a message: its first 64 bytes, escaped (StringUtil::EscapeUntrusted).
 std::string EscapeName(std::string_view name);

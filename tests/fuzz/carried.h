@@ -2,7 +2,6 @@
 #pragma once
 
 #include <pugixml.hpp>
-#include <sstream>
 #include <string>
 
 #include "runtime/ordane/xml_codec.h"
@@ -11,11 +10,9 @@
 namespace Fuzz {
 
 inline std::string Write(const Ordane::DataObject& object, const Ordane::DataObjectType& declared) {
-    pugi::xml_document document;
-    Ordane::Xml::WriteObject(document, declared.name, object, declared);
-    std::ostringstream text;
-    document.save(text, "", pugi::format_raw | pugi::format_no_declaration, pugi::encoding_utf8);
-    return text.str();
+    Ordane::Xml::Writer writer;
+    Ordane::Xml::WriteObject(writer, declared.name, object, declared);
+    return writer.Take();
 }
 
 // What a description may hold, the wire must carry: a strict reader gets the same object. `object` may be

@@ -1,5 +1,4 @@
 #include <pugixml.hpp>
-#include <sstream>
 #include <string_view>
 
 #include "runtime/hask/api.h"
@@ -31,11 +30,9 @@ std::string Rewrite(std::string_view text, const Ordane::DataObjectType& type, X
     pugi::xml_document given;
     given.load_buffer(text.data(), text.size(), parsing, pugi::encoding_utf8);
     const auto object = Xml::ReadObject(given.document_element(), type, unknown);
-    pugi::xml_document written;
-    Xml::WriteObject(written, type.name, *object, type);
-    std::ostringstream result;
-    written.save(result, "", pugi::format_raw | pugi::format_no_declaration, pugi::encoding_utf8);
-    return result.str();
+    Xml::Writer writer;
+    Xml::WriteObject(writer, type.name, *object, type);
+    return writer.Take();
 }
 
 void Check(std::string_view text, const Ordane::DataObjectType& type, Xml::Unknown unknown) try {

@@ -100,8 +100,10 @@ TEST(HaskTypes, ReadAndWriteTheirSamplesLetterForLetter) {
         const auto object =
             Ordane::Xml::ReadObject(sample.document_element(), *type, Ordane::Xml::Unknown::Refuse);
         EXPECT_EQ(object->GetDataObjectType(), type);
+        Ordane::Xml::Writer writer;
+        Ordane::Xml::WriteObject(writer, type->name, *object, *type);
         pugi::xml_document document;
-        Ordane::Xml::WriteObject(document, type->name, *object, *type);
+        ASSERT_TRUE(document.load_string(writer.Take().c_str()));
         std::ostringstream written;
         document.save(written, "  ", pugi::format_indent | pugi::format_no_declaration, pugi::encoding_utf8);
         EXPECT_EQ(written.str(), text);

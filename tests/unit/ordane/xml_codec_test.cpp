@@ -3,8 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <sstream>
-
 #include "runtime/tessim/exception.h"
 #include "tests/unit/ordane/messages.h"
 #include "tests/unit/ordane/sample_shop.h"
@@ -23,11 +21,9 @@ Tessim::Ref<T> Read(const std::string& text, Unknown unknown = Unknown::Ignore) 
 }
 
 std::string Write(const DataObject& object) {
-    pugi::xml_document document;
-    WriteObject(document, "x", object, *object.GetDataObjectType());
-    std::ostringstream text;
-    document.save(text, "", pugi::format_raw | pugi::format_no_declaration, pugi::encoding_utf8);
-    return text.str();
+    Writer writer;
+    WriteObject(writer, "x", object, *object.GetDataObjectType());
+    return writer.Take();
 }
 
 // What is written of the T that `text` is read as; else why it is refused.
@@ -116,10 +112,14 @@ TEST(XmlCodec, TruncatesTheNamesOfAPeer) {
 }
 
 TEST(XmlCodec, CarriesAReferenceOfAnyText) {
+    Writer writer;
+    WriteReference(writer, "r", MoRef("A \"quoted\"\n<type>", "id & \xc3\xa9"));
+    const std::string text = writer.Take();
+    EXPECT_EQ(text, "<r type=\"A &quot;quoted&quot;&#10;&lt;type&gt;\">id &amp; \xc3\xa9</r>");
     pugi::xml_document document;
-    WriteReference(document, "r", MoRef("A \"quoted\" <type>", "id & \xc3\xa9"));
+    document.load_buffer(text.data(), text.size(), pugi::parse_escapes);
     const auto reference = ReadReference(document.first_child(), {});
-    EXPECT_EQ(reference->GetType(), "A \"quoted\" <type>");
+    EXPECT_EQ(reference->GetType(), "A \"quoted\"\n<type>");
     EXPECT_EQ(reference->GetId(), "id & \xc3\xa9");
 }
 

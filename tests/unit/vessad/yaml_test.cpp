@@ -6,8 +6,6 @@
 #include <functional>
 #include <limits>
 #include <map>
-#include <pugixml.hpp>
-#include <sstream>
 #include <string>
 
 #include "apps/vessad/backends/YamlReader.h"
@@ -34,11 +32,9 @@ std::string Outcome(const std::string& text, const Use& use) {
 template <class T>
 std::string ReadObject(const Cursor& cursor) {
     const auto object = Read<T>(cursor);
-    pugi::xml_document members;
+    Ordane::Xml::Writer members;
     Ordane::Xml::WriteMembers(members, *object);
-    std::ostringstream text;
-    members.save(text, "", pugi::format_raw | pugi::format_no_declaration);
-    return std::string(object->GetDataObjectType()->name) + " " + text.str();
+    return std::string(object->GetDataObjectType()->name) + " " + members.Take();
 }
 
 std::string ReadWhole(const Cursor& cursor, std::int64_t low, std::int64_t high) {
