@@ -7,10 +7,9 @@ namespace SNMP {
 void StatsIndex::Add(const Hask::PerformanceManager::EntityMetric& metric) {
     Samples& samples = metric.GetEntity() != nullptr ? samplesById[metric.GetEntity()->GetId()] : nameless;
     for (const auto& element : *metric.GetValue()) {
-        const auto* series = Tessim::NarrowToType<Hask::PerformanceManager::IntSeries>(element);
+        auto* series = Tessim::NarrowToType<Hask::PerformanceManager::IntSeries>(element);
         if (series != nullptr && series->GetId() != nullptr && !series->GetValue().empty()) {
-            samples.push_back({series->GetId()->GetCounterId(), series->GetId()->GetInstance(),
-                               series->GetValue().front()});
+            samples.emplace_back(series);
         }
     }
 }
@@ -34,10 +33,11 @@ std::optional<std::int64_t> StatsIndex::Find(const Ordane::MoRef* entity, std::i
     if (samples == nullptr) {
         return std::nullopt;
     }
-    const auto found = std::find_if(samples->begin(), samples->end(), [&](const Sample& sample) {
-        return sample.counterId == counterId && (instance == nullptr || sample.instance == instance);
+    const auto found = std::find_if(samples->begin(), samples->end(), [&](const auto& series) {
+        return series->GetId()->GetCounterId() == counterId &&
+               (instance == nullptr || series->GetId()->GetInstance() == instance);
     });
-    return found == samples->end() ? std::nullopt : std::optional(found->value);
+    return found == samples->end() ? std::nullopt : std::optional((*found)->GetValue().front());
 }
 
 }  // namespace SNMP

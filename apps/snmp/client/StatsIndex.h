@@ -26,13 +26,8 @@ class StatsIndex {
                                      const char* instance) const;
 
   private:
-    struct Sample {
-        std::int32_t counterId;
-        std::string instance;
-        std::int64_t value;
-    };
-    // The samples of one entity, in the order of the results.
-    using Samples = std::vector<Sample>;
+    // The series of one entity that have a counter and a sample, in the order of the results.
+    using Samples = std::vector<Tessim::Ref<Hask::PerformanceManager::IntSeries>>;
 
     // Returns null for an entity without results.
     const Samples* FindSamples(const Ordane::MoRef* entity) const;
