@@ -16,8 +16,8 @@ using InventoryPointer = std::shared_ptr<const Inventory>;
 
 class FolderObject final : public Hask::Folder {
   public:
-    FolderObject(Tessim::Ref<Ordane::MoRef> reference, InventoryPointer inventory)
-        : Folder(std::move(reference)), inventory(std::move(inventory)) {}
+    FolderObject(Tessim::Ref<Ordane::MoRef> reference, InventoryPointer inventory, ChangeTracker& changes)
+        : Folder(std::move(reference)), inventory(std::move(inventory)), changes(changes) {}
 
     void GetChildEntity(Tessim::Ref<Ordane::DataArray<Ordane::MoRef>>& out) override {
         const std::string type(Hask::VirtualMachine::staticType.name);
@@ -28,8 +28,13 @@ class FolderObject final : public Hask::Folder {
         }
     }
 
+    void RetrieveChanges(const std::optional<std::string>& since, Tessim::Ref<Changes>& out) override {
+        out = changes.GetChanges(inventory, since);
+    }
+
   private:
     InventoryPointer inventory;
+    ChangeTracker& changes;
 };
 
 class VmObject final : public Hask::VirtualMachine {
@@ -99,6 +104,12 @@ class PerformanceObject final : public Hask::PerformanceManager {
         out = QueryPerformance(*inventory, *querySpec, elapsed);
     }
 
+    void QueryLatest(Ordane::DataArray<Ordane::MoRef>* entity, Ordane::DataArray<MetricId>* metricId,
+                     Tessim::Ref<LatestSamples>& out) override {
+        spdlog::debug("QueryLatest for {} entities", entity->GetLength());
+        out = QueryLatestSamples(*inventory, *entity, *metricId, elapsed);
+    }
+
   private:
     InventoryPointer inventory;
     std::chrono::nanoseconds elapsed;
@@ -107,7 +118,7 @@ class PerformanceObject final : public Hask::PerformanceManager {
 }  // namespace
 
 Tessim::Ref<Ordane::ManagedObject> FindHostObject(const std::shared_ptr<const Inventory>& inventory,
-                                                  const Ordane::MoRef& reference,
+                                                  ChangeTracker& changes, const Ordane::MoRef& reference,
                                                   std::chrono::nanoseconds elapsed) {
     namespace Ids = Hask::HostAgent;
     const auto name = Tessim::MakeRef<Ordane::MoRef>(reference.GetType(), reference.GetId());
@@ -122,7 +133,7 @@ Tessim::Ref<Ordane::ManagedObject> FindHostObject(const std::shared_ptr<const In
         return Tessim::MakeRef<DatastoreObject>(name, found->second);
     }
     if (IsReferenceTo<Hask::Folder>(reference, Ids::moid_vmfolder)) {
-        return Tessim::MakeRef<FolderObject>(name, inventory);
+        return Tessim::MakeRef<FolderObject>(name, inventory, changes);
     }
     if (IsReferenceTo<Hask::HostSystem>(reference, Ids::moid_hostsystem)) {
         return Tessim::MakeRef<HostObject>(name, inventory);

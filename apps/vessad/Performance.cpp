@@ -3,7 +3,11 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <functional>
 #include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "runtime/ordane/faults.h"
@@ -17,6 +21,9 @@ using Hask::PerformanceManager;
 constexpr const char* everyInstance = "*";
 // A statistic takes five elements of a response, of which a client reads at most a million.
 constexpr std::size_t maxStatistics = 190'000;
+// In the compact form it takes some 15 bytes, of the 32 MiB that a client reads; no more than 27, besides a
+// series of its own.
+constexpr std::size_t maxCompactStatistics = 1'000'000;
 
 // A VM's series by counter; those of one counter in the VM's order.
 class CounterIndex {
@@ -54,6 +61,64 @@ Tessim::Ref<PerformanceManager::MetricSeries> MakeStatistic(const Series& series
     return statistic;
 }
 
+// Calls `visit` with the series of the VM that match, in the order of the metrics and, within one, of the VM.
+template <class Visit>
+void ForEachMatch(const Vm& vm, const Ordane::DataArray<PerformanceManager::MetricId>& metrics, Visit visit) {
+    const CounterIndex index(vm);
+    for (const auto& metric : metrics) {
+        const std::string& instance = metric->GetInstance();
+        index.ForEach(metric->GetCounterId(), [&](const Series& series) {
+            if (instance == everyInstance || instance == series.instance) {
+                visit(series);
+            }
+        });
+    }
+}
+
+void CheckCount(std::size_t count, std::size_t limit) {
+    if (count > limit) {
+        throw Ordane::Fault::InvalidArgument::Exception("more than " + std::to_string(limit) +
+                                                        " statistics are requested at once");
+    }
+}
+
+// Gives each pair of counter and instance a number, from 0.
+class SeriesNumbers {
+  public:
+    std::size_t Of(const Series& series) {
+        const auto [entry, added] =
+            numbers.try_emplace(Key(series.counterKey, series.instance), numbers.size());
+        if (added) {
+            auto id = Tessim::MakeRef<PerformanceManager::MetricId>();
+            id->SetCounterId(series.counterKey);
+            id->SetInstance(series.instance);
+            list->Append(id);
+        }
+        return entry->second;
+    }
+    // The pairs by number.
+    Tessim::Ref<Ordane::DataArray<PerformanceManager::MetricId>> List() const { return list; }
+
+  private:
+    using Key = std::pair<std::int32_t, std::string_view>;
+    struct Hash {
+        std::size_t operator()(const Key& key) const {
+            return std::hash<std::string_view>()(key.second) + static_cast<std::size_t>(key.first);
+        }
+    };
+
+    std::unordered_map<Key, std::size_t, Hash> numbers;
+    Tessim::Ref<Ordane::DataArray<PerformanceManager::MetricId>> list =
+        Tessim::MakeRef<Ordane::DataArray<PerformanceManager::MetricId>>();
+};
+
+void AppendNumber(std::string& text, std::int64_t number) {
+    if (!text.empty()) {
+        text += ' ';
+    }
+    text += std::to_string(number);
+}
+
 }  // namespace
 
 std::int64_t ValueAt(const Series& series, std::chrono::nanoseconds elapsed) {
@@ -82,26 +147,41 @@ Tessim::Ref<Ordane::DataArray<PerformanceManager::EntityMetricBase>> QueryPerfor
         if (vm == nullptr) {
             continue;
         }
-        const CounterIndex index(*vm);
         auto found = Tessim::MakeRef<Ordane::DataArray<PerformanceManager::MetricSeries>>();
-        for (const auto& metric : *spec->GetMetricId()) {
-            const std::string& instance = metric->GetInstance();
-            index.ForEach(metric->GetCounterId(), [&](const Series& series) {
-                if (instance != everyInstance && instance != series.instance) {
-                    return;
-                }
-                if (++count > maxStatistics) {
-                    throw Ordane::Fault::InvalidArgument::Exception(
-                        "more than " + std::to_string(maxStatistics) + " statistics are requested at once");
-                }
-                found->Append(MakeStatistic(series, elapsed));
-            });
-        }
+        ForEachMatch(*vm, *spec->GetMetricId(), [&](const Series& series) {
+            CheckCount(++count, maxStatistics);
+            found->Append(MakeStatistic(series, elapsed));
+        });
         auto metric = Tessim::MakeRef<PerformanceManager::EntityMetric>();
         metric->SetEntity(Tessim::Ref<Ordane::MoRef>(spec->GetEntity()));
         metric->SetValue(found);
         result->Append(Tessim::Ref<PerformanceManager::EntityMetricBase>(metric));
     }
+    return result;
+}
+
+Tessim::Ref<PerformanceManager::LatestSamples> QueryLatestSamples(
+    const Inventory& inventory, const Ordane::DataArray<Ordane::MoRef>& entities,
+    const Ordane::DataArray<PerformanceManager::MetricId>& metricIds, std::chrono::nanoseconds elapsed) {
+    SeriesNumbers numbers;
+    std::vector<std::string> samples;
+    std::size_t count = 0;
+    for (int position = 0; position < entities.GetLength(); ++position) {
+        const std::shared_ptr<const Vm> vm = inventory.FindVm(*entities[position]);
+        if (vm == nullptr) {
+            continue;
+        }
+        std::string& text = samples.emplace_back();
+        AppendNumber(text, position);
+        ForEachMatch(*vm, metricIds, [&](const Series& series) {
+            CheckCount(++count, maxCompactStatistics);
+            AppendNumber(text, static_cast<std::int64_t>(numbers.Of(series)));
+            AppendNumber(text, ValueAt(series, elapsed));
+        });
+    }
+    auto result = Tessim::MakeRef<PerformanceManager::LatestSamples>();
+    result->SetSeries(numbers.List());
+    result->SetSamples(std::move(samples));
     return result;
 }
 

@@ -19,4 +19,10 @@ Tessim::Ref<Ordane::DataArray<Hask::PerformanceManager::EntityMetricBase>> Query
     const Inventory& inventory, const Ordane::DataArray<Hask::PerformanceManager::QuerySpec>& specs,
     std::chrono::nanoseconds elapsed);
 
+// Returns the same for the latest statistics of the metrics `metricId` of each of `entities`, in a compact
+// form. Throws InvalidArgument's exception for more statistics than one response can carry.
+Tessim::Ref<Hask::PerformanceManager::LatestSamples> QueryLatestSamples(
+    const Inventory& inventory, const Ordane::DataArray<Ordane::MoRef>& entities,
+    const Ordane::DataArray<Hask::PerformanceManager::MetricId>& metricIds, std::chrono::nanoseconds elapsed);
+
 }  // namespace Vessad

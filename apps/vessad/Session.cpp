@@ -112,7 +112,7 @@ Tessim::Ref<Ordane::ManagedObject> Session::Find(const Ordane::MoRef& reference)
     if (IsReferenceTo<Hask::SessionManager>(reference, Hask::HostAgent::moid_sessionmanager)) {
         return Tessim::MakeRef<SessionManagerObject>(*this);
     }
-    return FindHostObject(services.backend.GetInventory(), reference,
+    return FindHostObject(services.backend.GetInventory(), services.changes, reference,
                           std::chrono::steady_clock::now() - services.started);
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+#include "apps/vessad/ChangeTracker.h"
 #include "apps/vessad/LogLimit.h"
 #include "apps/vessad/TicketStore.h"
 #include "apps/vessad/backends/Backend.h"
@@ -17,6 +18,7 @@ struct Services {
     Backend& backend;
     TicketStore& tickets;
     LogLimit log{};
+    ChangeTracker changes{};
     std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
 };
 

@@ -23,8 +23,9 @@ class MoFactory : public virtual Tessim::Object {
     virtual void GetPerformanceManager(const std::string& id, Tessim::Ref<PerformanceManager>& out) = 0;
 };
 
-// Puts a factory into `out` whose stubs call over `adapter`. The one flavour is "solo": one message
-// per call. Throws Tessim::InvalidArgumentException for another flavour and leaves `out` unchanged.
+// Puts a factory into `out` whose stubs call over `adapter`. The one flavour is "solo": for one client, whose
+// VMs, datastores and performance manager get what they can from one ObjectCache. Throws
+// Tessim::InvalidArgumentException for another flavour and leaves `out` unchanged.
 void GetMoStubFactory(const std::string& flavour, Ordane::StubAdapter* adapter, Tessim::Ref<MoFactory>& out);
 
 }  // namespace Hask

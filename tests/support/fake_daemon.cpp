@@ -202,6 +202,9 @@ void FakeDaemon::Step(const std::string& event) {
 }
 
 void FakeDaemon::Send(const std::string& method) {
+    if (!FakeHost::Knows(method)) {
+        return;
+    }
     calls.push_back(method);
     Record("call " + method);
     Run(whenSent, method);

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "runtime/hask/host_agent.h"
+#include "runtime/ordane/faults.h"
 
 namespace TestSupport {
 
@@ -89,6 +90,10 @@ Ref<Ordane::ManagedObject> FakeHost::Find(const MoRef& reference) {
     return known ? MakeRef<FakeObject>(*this, reference) : nullptr;
 }
 
+bool FakeHost::Knows(const std::string& method) {
+    return method != "RetrieveChanges" && method != "QueryLatest";
+}
+
 FakeVm FakeHost::FindVm(const std::string& id) const {
     const auto vm = std::find_if(vms.begin(), vms.end(), [&](const FakeVm& each) { return each.id == id; });
     return vm != vms.end() ? *vm : FakeVm{};
@@ -97,6 +102,9 @@ FakeVm FakeHost::FindVm(const std::string& id) const {
 Ref<DataObject> FakeHost::Reply(const std::string& id, const Ordane::MethodInfo& method,
                                 const DataObject& request) {
     const std::string name(method.name);
+    if (!Knows(name)) {
+        throw Ordane::Fault::InvalidRequest::Exception(name);
+    }
     const FakeVm vm = FindVm(id);
     Record(name, request);
     if (const auto action = actions.find(name); action != actions.end() && action->second) {

@@ -53,6 +53,9 @@ class FakeHost {
         actions[method] = std::move(action);
     }
 
+    // Whether the daemon has the method: this one is of the time before the calls that return much at once.
+    static bool Knows(const std::string& method);
+
     // The object of that type and id, or null. It uses this host and must not outlive it.
     Tessim::Ref<Ordane::ManagedObject> Find(const Ordane::MoRef& reference);
 

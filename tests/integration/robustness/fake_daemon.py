@@ -294,6 +294,8 @@ class GoodBehaviour(Behaviour):
         """The bytes of the HTTP reply."""
         if call.type == "VirtualMachine" and call.id not in self.vms:
             return fault("ManagedObjectNotFound")
+        if not hasattr(self, call.method):
+            return fault("InvalidRequest")      # as a daemon does that knows the calls below only
         content = getattr(self, call.method)(call)
         return fault("InvalidLogin") if content is None else response(call.method, content)
 

@@ -108,6 +108,7 @@ class OddFolder final : public Hask::Folder {
     explicit OddFolder(Ref<Ordane::DataArray<Ordane::MoRef>> children)
         : Folder(Reference("Folder", "ha-folder-vm")), children(std::move(children)) {}
     void GetChildEntity(Ref<Ordane::DataArray<Ordane::MoRef>>& out) override { out = children; }
+    void RetrieveChanges(const std::optional<std::string>& /*since*/, Ref<Changes>& /*out*/) override {}
 
   private:
     Ref<Ordane::DataArray<Ordane::MoRef>> children;

@@ -5,12 +5,15 @@
 #include <chrono>
 #include <cstdint>
 #include <limits>
+#include <map>
 #include <regex>
 #include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
 
+#include "apps/vessad/HostObjects.h"
+#include "runtime/hask/object_cache.h"
 #include "runtime/ordane/faults.h"
 #include "tests/support/files.h"
 #include "tests/unit/vessad/sample_host.h"
@@ -22,32 +25,12 @@ using Hask::PerformanceManager;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-// Returns what a query on the sample host returns after two seconds. `query`: words, of which
-// "TYPE:ID:INTERVAL", where the interval may be empty, starts a query of an entity, and
-// "COUNTER/INSTANCE" names its metrics. The result has "ID:" and "COUNTER/INSTANCE=VALUE".
-std::string Query(const std::string& query) {
-    static const auto inventory = ReadHost(VessadTest::sampleHost, "test");
-    Ordane::DataArray<PerformanceManager::QuerySpec> specs;
-    Tessim::Ref<PerformanceManager::QuerySpec> spec;
-    std::istringstream stream(query);
-    for (std::string word; stream >> word;) {
-        static const std::regex entity("(.*):(.*):(.*)");
-        if (std::smatch parts; std::regex_match(word, parts, entity)) {
-            spec = Tessim::MakeRef<PerformanceManager::QuerySpec>();
-            spec->SetEntity(Tessim::MakeRef<Ordane::MoRef>(parts[1], parts[2]));
-            spec->SetIntervalId(parts[3].length() == 0 ? std::nullopt
-                                                       : std::optional(std::stoi(parts[3].str())));
-            specs.Append(spec);
-        } else {
-            auto metric = Tessim::MakeRef<PerformanceManager::MetricId>();
-            metric->SetCounterId(std::stoi(word));
-            metric->SetInstance(word.substr(word.find('/') + 1));
-            spec->GetMetricId()->Append(metric);
-        }
-    }
+using Results = Ordane::DataArray<PerformanceManager::EntityMetricBase>;
+
+// Returns "ID:" and "COUNTER/INSTANCE=VALUE" of each result.
+std::string Render(const Results& found) {
     std::string results;
-    const auto found = QueryPerformance(*inventory, specs, seconds(2));
-    for (const auto& base : *found) {
+    for (const auto& base : found) {
         const auto* metric = Tessim::NarrowToType<PerformanceManager::EntityMetric>(base);
         results += metric->GetEntity()->GetId() + ": ";
         for (const auto& series : *metric->GetValue()) {
@@ -59,6 +42,47 @@ std::string Query(const std::string& query) {
             results += " ";
         }
     }
+    return results;
+}
+
+// Returns what a query on the sample host returns after two seconds, in either form. `query`: words, of which
+// "TYPE:ID:INTERVAL", where the interval may be empty, starts a query of an entity, and
+// "COUNTER/INSTANCE" names its metrics; queries with equal metrics share them.
+std::string Query(const std::string& query) {
+    static const auto inventory = ReadHost(VessadTest::sampleHost, "test");
+    Ordane::DataArray<PerformanceManager::QuerySpec> specs;
+    Tessim::Ref<PerformanceManager::QuerySpec> spec;
+    std::vector<std::string> metrics;  // of each
+    std::istringstream stream(query);
+    for (std::string word; stream >> word;) {
+        static const std::regex entity("(.*):(.*):(.*)");
+        if (std::smatch parts; std::regex_match(word, parts, entity)) {
+            spec = Tessim::MakeRef<PerformanceManager::QuerySpec>();
+            spec->SetEntity(Tessim::MakeRef<Ordane::MoRef>(parts[1], parts[2]));
+            spec->SetIntervalId(parts[3].length() == 0 ? std::nullopt
+                                                       : std::optional(std::stoi(parts[3].str())));
+            specs.Append(spec);
+            metrics.emplace_back();
+        } else {
+            metrics.back() += word + ' ';
+            auto metric = Tessim::MakeRef<PerformanceManager::MetricId>();
+            metric->SetCounterId(std::stoi(word));
+            metric->SetInstance(word.substr(word.find('/') + 1));
+            spec->GetMetricId()->Append(metric);
+        }
+    }
+    std::map<std::string, Ordane::DataArray<PerformanceManager::MetricId>*> shared;
+    for (int index = 0; index < specs.GetLength(); ++index) {
+        specs[index]->SetMetricId(
+            shared.try_emplace(metrics[static_cast<std::size_t>(index)], specs[index]->GetMetricId())
+                .first->second);
+    }
+    const std::string results = Render(*QueryPerformance(*inventory, specs, seconds(2)));
+    ChangeTracker changes;
+    const auto manager = FindHostObject(inventory, changes, {"PerformanceManager", "ha-perfmgr"}, seconds(2));
+    Tessim::Ref<Results> compact;
+    Hask::ObjectCache(nullptr).QueryPerf(*Tessim::NarrowToType<PerformanceManager>(manager), &specs, compact);
+    EXPECT_EQ(Render(*compact), results) << query;
     return results;
 }
 

@@ -1,0 +1,57 @@
+// What changed of a host's VMs and datastores, for clients that keep what they received.
+//
+// Every change has a number: the first time that an object appears, and each time that what its getters
+// return does. A client passes the number up to which it has the changes, and receives later ones a part at a
+// time, oldest first.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "apps/vessad/backends/Backend.h"
+
+namespace Vessad {
+
+class ChangeTracker {
+  public:
+    ChangeTracker();
+
+    // Returns changes since `version`, one that an earlier call returned, up to those of `inventory`; all of
+    // them, from the start, for any other text. May be called from any thread.
+    Tessim::Ref<Hask::Folder::Changes> GetChanges(const std::shared_ptr<const Inventory>& inventory,
+                                                  const std::optional<std::string>& version);
+
+  private:
+    using Number = std::int64_t;
+    using Info = Tessim::Ref<Hask::Datastore::Info>;
+
+    struct Datastore {
+        std::string id;
+        Info info;
+    };
+    struct TheList {};  // of the objects that exist
+    struct Change {
+        Number number;
+        std::variant<TheList, std::shared_ptr<const Vm>, Datastore> what;
+    };
+
+    // Returns the number in a version of this tracker, or 0.
+    Number Parse(std::string_view version) const;
+    // Takes the changes from the previous inventory to this one.
+    void Track(const std::shared_ptr<const Inventory>& inventory);
+    Tessim::Ref<Hask::Folder::Objects> ListObjects() const;
+
+    const std::string tracker;  // begins every version of this one
+    std::mutex mutex;
+    std::shared_ptr<const Inventory> tracked;
+    std::vector<Change> changes;  // the latest of each object, by number
+    Number latest = 0;
+};
+
+}  // namespace Vessad
