@@ -56,7 +56,7 @@ def tls_context(newest=None):
 
 
 # The keys of the counters; the module requests these and no others.
-_KEYS = {name: str(key) for key, name in enumerate(expected_tree.COUNTERS, 101)}
+COUNTER_KEYS = {name: str(key) for key, name in enumerate(expected_tree.COUNTERS, 101)}
 
 
 def http_reply(body, status="200 OK"):
@@ -352,12 +352,12 @@ class GoodBehaviour(Behaviour):
         return "".join(
             element("returnval", {"key": key, "nameInfo": named(name.partition(".")[2]),
                                   "groupInfo": named(name.partition(".")[0]), "rollupType": "none"})
-            for name, key in _KEYS.items())
+            for name, key in COUNTER_KEYS.items())
 
     def QueryPerf(self, _):
         return element("returnval", [
             {"type": "PerfEntityMetric", "entity": id, "value": [
-                {"type": "PerfMetricIntSeries", "id": {"counterId": _KEYS[name], "instance": instance},
+                {"type": "PerfMetricIntSeries", "id": {"counterId": COUNTER_KEYS[name], "instance": instance},
                  "value": [sample]}
                 for name, series in (vm.get("stats") or {}).items() for instance, sample in series.items()]}
             for id, vm in self.vms.items()])
