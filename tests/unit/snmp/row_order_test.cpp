@@ -66,7 +66,7 @@ class RowOrder : public testing::Test {
 TYPED_TEST_SUITE(RowOrder, ListRowTypes<testing::Types>);
 
 TYPED_TEST(RowOrder, ChangesNoAnswer) {
-    for (const std::size_t count : {0, 1, 2, 5, 60}) {
+    for (const std::size_t count : {0U, 1U, 2U, 5U, 60U}) {
         this->table.destroy();
         this->LinkNewRows(count);
         this->ExpectAnswers();
