@@ -208,8 +208,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
             if (few != times.end() && many != times.end()) {
                 const double ratio = many->second / few->second;
                 good = good && ratio <= maxRatio;
-                std::cout << name << ": a statistic among " << manyVms << " VMs costs " << ratio
-                          << " times one among " << fewVms << " (at most " << maxRatio << ")\n";
+                std::cout << name << " among " << manyVms << " VMs, to " << fewVms << " VMs: " << ratio
+                          << " (at most " << maxRatio << ")\n";
             }
         }
         return good;
