@@ -46,7 +46,7 @@ class ObjectCache : public Tessim::ObjectImpl, public virtual Tessim::Object {
     bool retrievesChanges = true;  // as far as known, the daemon has these methods
     bool queriesLatest = true;
     std::optional<std::string> version;  // of what is below
-    States<Vm::State> vms;   // by id
+    States<Vm::State> vms;               // by id
     States<Datastore::State> datastores;
     Tessim::Ref<Ordane::DataArray<Ordane::MoRef>> children;  // in the folder's order
     TimePoint currentUntil{};

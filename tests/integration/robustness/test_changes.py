@@ -101,7 +101,7 @@ FAULTS = {
     "VM that is not sent": (changes(lambda good: good.changes(
         "".join(map(good.datastore, good.host["datastores"])) + good.objects())),
         ["RetrieveChanges", "GetConfig", "QueryLatest", "GetRuntime", "GetGuest"]),
-    "VM that does not exist": (changes(lambda good: good.changes(good.everything("99"))), None),
+    "VM that does not exist": (changes(lambda good: good.changes(good.everything("99"), VERSION + "9")), None),
     "statistics of no series": (samples("0 1 5"), ["RetrieveChanges", "QueryLatest", "QueryPerf"]),
     "statistics of no entity": (samples("1 0 5"), ["RetrieveChanges", "QueryLatest", "QueryPerf"]),
     "statistics fault": (lambda good: Replaced(good, QueryLatest=fault("InvalidRequest")),
