@@ -1,5 +1,6 @@
 // Walks the module's network table and the yardstick's, first one or the other in turn, for each line of its
-// standard input, and prints what a variable of each costs in nanoseconds: walk_client CLOCK
+// standard input, and prints nanoseconds: of a variable of each, of the refresh before the walks and of the
+// whole walk of the yardstick's. At first it prints those of the agent's first refresh: walk_client CLOCK
 //
 // CLOCK is the file with the agent's time, which is advanced before each round so that the module rebuilds
 // its tables outside of the walks. Fails when a walk returns anything but the rows that the yardstick copied.
@@ -140,17 +141,24 @@ class Clock {
     volatile std::time_t* now;
 };
 
-// The number of variables in either table, which are copied anew.
-std::size_t CopyTable(Session& session, Clock& clock) {
+// Makes the module rebuild its tables, and returns how long that takes.
+std::chrono::nanoseconds Refresh(Session& session, Clock& clock) {
     clock.Advance(rebuildInterval);
+    const auto start = std::chrono::steady_clock::now();
     session.Request(SNMP_MSG_GETNEXT, ours);
+    return std::chrono::steady_clock::now() - start;
+}
+
+// The number of variables in either table, which are copied anew.
+std::size_t CopyTable(Session& session) {
     const Response copied = session.Request(SNMP_MSG_GET, copyRows);
     return static_cast<std::size_t>(*copied->variables->val.integer) * columns;
 }
 
 // One round. In the first, one variable more than there are is asked for, and values are compared.
 void Measure(Session& session, Clock& clock, int round) {
-    const std::size_t variables = CopyTable(session, clock);
+    const std::chrono::nanoseconds refresh = Refresh(session, clock);
+    const std::size_t variables = CopyTable(session);
     const bool oursFirst = round % 2 == 0;
     const std::size_t count = round == 0 ? variables + 1 : variables;
     Walk first = WalkTable(session, oursFirst ? ours : theirs, count, round == 0);
@@ -164,8 +172,11 @@ void Measure(Session& session, Clock& clock, int round) {
     if (!oursFirst) {
         std::swap(first, second);
     }
-    if (round != 0) {
-        std::cout << first.PerVariable() << ' ' << second.PerVariable() << std::endl;
+    if (round == 0) {
+        std::cout << refresh.count() << std::endl;
+    } else {
+        std::cout << first.PerVariable() << ' ' << second.PerVariable() << ' ' << refresh.count() << ' '
+                  << second.time.count() << std::endl;
     }
 }
 

@@ -7,6 +7,8 @@
 #include <unordered_map>
 #include <utility>
 
+#include "runtime/ordane/xml_codec.h"
+
 namespace Vessad {
 
 namespace {
@@ -30,9 +32,23 @@ std::size_t SizeOf(const Vm& vm) {
     return 1 + (devices != nullptr ? static_cast<std::size_t>(devices->GetLength()) : 0);
 }
 
-// Objects of an inventory are constant, and backends keep those that do not change.
+std::string TextOf(const Ordane::DataObject& object) {
+    Ordane::Xml::Writer writer;
+    Ordane::Xml::WriteMembers(writer, object);
+    return writer.Take();
+}
+
+// Objects of an inventory are constant, so that one that a backend keeps is the same.
+bool IsSame(const Ordane::DataObject* a, const Ordane::DataObject* b) {
+    if (a == nullptr || b == nullptr || a == b) {
+        return a == b;
+    }
+    return a->GetDataObjectType() == b->GetDataObjectType() && TextOf(*a) == TextOf(*b);
+}
+
 bool IsSame(const Vm& a, const Vm& b) {
-    return a.config == b.config && a.runtime == b.runtime && a.guest == b.guest;
+    return IsSame(a.config.Get(), b.config.Get()) && IsSame(a.runtime.Get(), b.runtime.Get()) &&
+           IsSame(a.guest.Get(), b.guest.Get());
 }
 
 bool HaveSameObjects(const Inventory& a, const Inventory& b) {
@@ -127,7 +143,8 @@ void ChangeTracker::Track(const std::shared_ptr<const Inventory>& inventory) {
     }
     for (const auto& [id, info] : inventory->datastores) {
         const auto found = datastores.find(id);
-        if (found != datastores.end() && std::get<Datastore>(found->second->what).info == info) {
+        if (found != datastores.end() &&
+            IsSame(std::get<Datastore>(found->second->what).info.Get(), info.Get())) {
             kept.push_back(*found->second);
         } else {
             added.push_back({0, Datastore{id, info}});

@@ -66,8 +66,9 @@ class ShiftedAgent(system.Agent):
             log = directory / "snmpd.log"
             log.touch()
             os.chown(log, pwd.getpwnam(user).pw_uid, -1)
-        # Without the threads' caches, whose content counts as in use, the heap's size is exact. With the usual threshold
-        # fixed, the resident memory is, too: otherwise the C library keeps up to 64 MiB after freeing a large reply.
+        # Without the threads' caches, whose content counts as in use, the heap's size is exact. With the usual
+        # threshold fixed, the resident memory is, too: otherwise the C library keeps up to 64 MiB after freeing a large
+        # reply.
         tunables = "glibc.malloc.tcache_count=0:glibc.malloc.trim_threshold=131072"
         with unittest.mock.patch.dict(os.environ, LD_PRELOAD=str(library), KELV_PROBE=str(self.shared),
                                       GLIBC_TUNABLES=tunables):

@@ -153,4 +153,5 @@ def test_a_daemon_that_hangs_holds_the_agent_for_five_seconds_a_minute(start_dae
     assert longest < 2.3 + watch.SLACK / 3
     assert 2 < worst < 5 + watch.SLACK / 3
     watch.report("tovric-vessad is stopped for 80 and 33 s",
-                 f"whole again after {recoveries[0]:.0f} and {recoveries[1]:.0f} s, waits {worst:.1f} s in the worst minute", longest, prober)
+                 f"whole after {recoveries[0]:.0f} and {recoveries[1]:.0f} s, waits {worst:.1f} s in the worst minute",
+                 longest, prober)
