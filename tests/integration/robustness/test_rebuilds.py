@@ -54,7 +54,7 @@ def test_rebuilds_cost_no_memory_and_one_statistics_query_each(directory, start_
     file.write_text(HOST)
     daemon = start_daemon(file, "--log-level", "debug")
     agent = shifted_agent()
-    queries = daemon.log_text().count("QueryPerf for")
+    queries = daemon.log_text().count("QueryLatest for")
     resident, heap = [], []     # in kB and in bytes, after each tenth of the rebuilds
     for number in range(1, REBUILDS + 1):
         assert agent.refresh()[1], f"rebuild {number}"
@@ -62,7 +62,7 @@ def test_rebuilds_cost_no_memory_and_one_statistics_query_each(directory, start_
             resident.append(watch.memory(agent.pid))
             heap.append(agent.heap())
     early, late = resident[0], resident[-1]
-    assert daemon.log_text().count(f"QueryPerf for {VMS} entities") - queries == REBUILDS
+    assert daemon.log_text().count(f"QueryLatest for {VMS} entities") - queries == REBUILDS
     watch.report(f"{REBUILDS} rebuilds of {VMS} VMs", "holds as much memory after the last as after a tenth of them", 0,
                  resident_kilobytes=resident, heap_bytes=heap)
     assert late <= early * 1.01

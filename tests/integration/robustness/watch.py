@@ -59,7 +59,7 @@ class Prober:
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.socket.connect(self.address)
         self.socket.settimeout(0.2)
-        self.stopping = threading.Event()
+        self.stopping, self.asked = threading.Event(), threading.Event()
         self.threads = [threading.Thread(target=loop, daemon=True) for loop in (self._ask, self._listen)]
         for thread in self.threads:
             thread.start()
@@ -79,11 +79,11 @@ class Prober:
             self.stopping.wait(max(0, due - time.monotonic()))
 
     def _listen(self):
-        while not self.stopping.is_set() or len(self.delays) < len(self.sent):
+        while not self.asked.is_set() or len(self.delays) < len(self.sent):
             try:
                 answer = self.socket.recv(65535)
             except TimeoutError:
-                if self.stopping.is_set() and time.monotonic() > self.last + 10:
+                if self.asked.is_set() and time.monotonic() > self.last + 10:
                     return
                 continue
             except ConnectionRefusedError:
@@ -95,10 +95,12 @@ class Prober:
             self.delays[number] = now - self.sent[number]
 
     def __exit__(self, *_):
-        self.last = time.monotonic()
+        asking, listening = self.threads
         self.stopping.set()
-        for thread in self.threads:
-            thread.join()
+        asking.join()       # may still send one
+        self.last = time.monotonic()
+        self.asked.set()
+        listening.join()
         self.socket.close()
 
     def check(self, budget):

@@ -218,7 +218,7 @@ TEST_F(ObjectCacheTest, ListsTheChildrenWhereTheirChangesCannotBeRetrieved) {
         std::function<Ref<Changes>()> reply;
         int attempts;  // in two listings
     };
-    for (const auto& [name, reply, expected] : std::vector<Case>{
+    for (const Case& each : std::vector<Case>{
              {"unknown", []() -> Ref<Changes> { throw Fault::InvalidRequest::Exception("no such method"); },
               1},
              {"malformed", []() -> Ref<Changes> { throw Fault::InvalidResponse::Exception("no XML"); }, 1},
@@ -229,14 +229,14 @@ TEST_F(ObjectCacheTest, ListsTheChildrenWhereTheirChangesCannotBeRetrieved) {
         int attempts = 0;
         folder->reply = [&](const auto& /*since*/) {
             ++attempts;
-            return reply();
+            return each.reply();
         };
         cache = MakeRef<Hask::ObjectCache>(adapter, [] { return now; });
         for (int listing = 0; listing < 2; ++listing) {
-            EXPECT_TRUE(List().ends_with("children; ->")) << name;
-            EXPECT_EQ(cache->FindVm("0"), nullptr) << name;
+            EXPECT_TRUE(List().ends_with("children; ->")) << each.name;
+            EXPECT_EQ(cache->FindVm("0"), nullptr) << each.name;
         }
-        EXPECT_EQ(attempts, expected) << name;
+        EXPECT_EQ(attempts, each.attempts) << each.name;
     }
     folder->reply = [](const auto& /*since*/) -> Ref<Changes> {
         throw Fault::HostCommunication::Exception("gone");

@@ -77,7 +77,7 @@ std::string Query(const std::string& query) {
             shared.try_emplace(metrics[static_cast<std::size_t>(index)], specs[index]->GetMetricId())
                 .first->second);
     }
-    const std::string results = Render(*QueryPerformance(*inventory, specs, seconds(2)));
+    std::string results = Render(*QueryPerformance(*inventory, specs, seconds(2)));
     ChangeTracker changes;
     const auto manager = FindHostObject(inventory, changes, {"PerformanceManager", "ha-perfmgr"}, seconds(2));
     Tessim::Ref<Results> compact;
