@@ -27,6 +27,7 @@ struct FakeState {
     bool holdsDomains = false;
     int breaks = 0;          // counts what broke every connection
     int waiting = 0;         // calls for statistics that have not returned
+    int sampled = 0;         // those that returned statistics
     int schedulerCalls = 0;  // one for each description
 };
 
@@ -114,6 +115,7 @@ class FakeApi::FakeConnection final : public Connection {
         if (state.refused.contains(uuid)) {
             throw ApiError("refused", ApiError::Kind::Temporary);
         }
+        ++state.sampled;
         return state.statistics[uuid];
     }
 

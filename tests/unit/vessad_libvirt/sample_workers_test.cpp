@@ -67,7 +67,9 @@ TEST_F(SampleWorkersTest, SampleTheOthersWhenAConnectionBreaksInACall) {
     StartWith({.call = hours(1)});
     api->Freeze("0");
     auto samples = SampleInBackground();
-    ASSERT_TRUE(Await([&] { return api->CountWaiting() == 1; }));
+    ASSERT_TRUE(Await([&] {
+        return api->With([](const FakeState& state) { return state.waiting == 1 && state.sampled == 2; });
+    }));
     api->SetDown(false);  // which breaks the connections
     api->Release();
     EXPECT_THAT(samples.get(), SizeIs(2));
