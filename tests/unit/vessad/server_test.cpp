@@ -87,7 +87,7 @@ TEST_F(ServerTest, RejectsOtherPreambles) {
     EXPECT_THAT(RawClient(port).Open("OPEN 2 \"" + filler + "\" \"\"\r\n"), StartsWith("200 "));
     for (const auto& [line, reply] : std::vector<std::pair<std::string, std::string>>{
              {"OPEN 1 \"\" \"\"\r\n", "404 no service 1"},
-             {"HELO\r\n", "400 expected OPEN <selector> \"<text>\" \"<text>\""},
+             {"HELO\r\n", R"(400 expected OPEN <selector> "<text>" "<text>")"},
              {"OPEN 2 \"" + filler + "x\" \"\"\r\n", "400 the line is too long"}}) {
         RawClient client(port);
         EXPECT_EQ(client.Open(line), reply);
@@ -169,9 +169,9 @@ TEST_F(ServerTest, DelaysTheReplyToARejectedLoginWithoutBlockingOthers) {
 
 TEST_F(ServerTest, ClosesConnectionsThatTimeOut) {
     StartServer({.preamble = 100ms, .login = 200ms});
-    std::vector<std::unique_ptr<RawClient>> clients;
-    for (int count = 0; count < 3; ++count) {
-        clients.push_back(std::make_unique<RawClient>(port));
+    std::vector<std::unique_ptr<RawClient>> clients(3);
+    for (auto& client : clients) {
+        client = std::make_unique<RawClient>(port);
     }
     clients[1]->SendRaw("\x16\x03\x01");
     clients[2]->Handshake();

@@ -76,7 +76,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::HasSubstr;
-using testing::StartsWith;
 using VessadTest::RawClient;
 
 class ExhaustionTest : public testing::Test {
