@@ -89,12 +89,7 @@ const DataObjectType* DataObjectType::FindSubtype(std::string_view subtypeName) 
 
 std::vector<const Member*> DataObjectType::GetMembers() const {
     std::vector<const Member*> members;
-    if (base != nullptr) {
-        members = base->GetMembers();
-    }
-    for (const Member& member : ownMembers) {
-        members.push_back(&member);
-    }
+    VisitMembers([&](const Member& member) { members.push_back(&member); });
     return members;
 }
 

@@ -66,6 +66,13 @@ def directory():
     shutil.rmtree(path)
 
 
+def stop_cleanly(daemon):
+    """Stops the daemon, which must end with 0 unless the test has ended it."""
+    was_stopped = daemon.process.poll() is not None
+    code = daemon.stop()
+    assert was_stopped or code == 0, f"the daemon ended with {code}: {daemon.log_text()}"
+
+
 @pytest.fixture
 def start_daemon(directory):
     """start_daemon(host file, options …) starts the daemon; at the end it must stop cleanly and leave no ticket."""
@@ -76,9 +83,7 @@ def start_daemon(directory):
             return daemon
 
         def check_stop(daemon):
-            was_stopped = daemon.process.poll() is not None
-            code = daemon.stop()
-            assert was_stopped or code == 0, f"the daemon ended with {code}: {daemon.log_text()}"
+            stop_cleanly(daemon)
             assert not list(daemon.tickets.iterdir()), "tickets are left"
 
         yield start
@@ -90,13 +95,8 @@ def start_libvirt_daemon(directory):
     with contextlib.ExitStack() as stack:
         def start(uri, *options):
             daemon = libvirt_host.Daemon(uri, directory, *options)
-            stack.callback(check_stop, daemon)
+            stack.callback(stop_cleanly, daemon)
             return daemon
-
-        def check_stop(daemon):
-            was_stopped = daemon.process.poll() is not None
-            code = daemon.stop()
-            assert was_stopped or code == 0, f"the daemon ended with {code}: {daemon.log_text()}"
 
         yield start
 
