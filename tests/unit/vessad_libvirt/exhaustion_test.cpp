@@ -37,6 +37,7 @@ thread_local bool isTestThread = false;
 
 }  // namespace
 
+#ifndef __clang_analyzer__  // It takes memory that a delete in a library frees for leaked.
 void* operator new(std::size_t size) {
     if (!isTestThread && (refusesMemory || (allocationsLeft > 0 && --allocationsLeft == 0))) {
         ++refusals;
@@ -57,6 +58,7 @@ __attribute__((noinline)) void operator delete(void* memory) noexcept {
 __attribute__((noinline)) void operator delete(void* memory, std::size_t /*size*/) noexcept {
     std::free(memory);
 }
+#endif
 
 extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* thread,
                                                                      const pthread_attr_t* attributes,

@@ -179,17 +179,22 @@ TEST_F(VmIdsTest, EndWithTheLargestNumberThatAnAgentCanShow) {
 }
 
 TEST_F(VmIdsTest, RecogniseADamagedFile) {
+    const std::vector<std::string> texts = {
+        oldHeading + "next 3000\n1000 " + a + "\n1000 " + b + "\n",
+        oldHeading + "next 3000\n1000 " + a + "\n2000 " + a + "\n",
+        oldHeading + "next 1000\n1000 " + a + "\n",
+        oldHeading + "1000 " + a + "\n",
+        oldHeading + "next 2000\n-5 " + a + "\n",
+        oldHeading + "next 2000\n1000 0000000000000-4000-8000-00000000000a\n",
+        heading + "next 3000\n1000 " + a + " 1\n1000 " + b + " 1\n",
+        heading + "next 3000\n1000 " + a + " 1\n2000 " + a + " 1\n",
+        heading + "next 2000\n1000 " + a + "\n",
+        heading + "next 2000\n1000 " + a + " 0\n",
+        heading + "1000 " + a + " 1\n",
+        "other heading\nnext 1000\n",
+        ""};
     int number = 0;
-    for (const std::string& text : std::vector<std::string>{
-             oldHeading + "next 3000\n1000 " + a + "\n1000 " + b + "\n",
-             oldHeading + "next 3000\n1000 " + a + "\n2000 " + a + "\n",
-             oldHeading + "next 1000\n1000 " + a + "\n", oldHeading + "1000 " + a + "\n",
-             oldHeading + "next 2000\n-5 " + a + "\n",
-             oldHeading + "next 2000\n1000 0000000000000-4000-8000-00000000000a\n",
-             heading + "next 3000\n1000 " + a + " 1\n1000 " + b + " 1\n",
-             heading + "next 3000\n1000 " + a + " 1\n2000 " + a + " 1\n",
-             heading + "next 2000\n1000 " + a + "\n", heading + "next 2000\n1000 " + a + " 0\n",
-             heading + "1000 " + a + " 1\n", "other heading\nnext 1000\n", ""}) {
+    for (const std::string& text : texts) {
         StartWith(text);
         EXPECT_EQ(ReadAll(path / ("identities.damaged-" + std::to_string(++number))), text);
     }
