@@ -3,6 +3,7 @@
 import re
 
 import mib
+import net_snmp
 import pytest
 import system
 from mib import ENTERPRISE
@@ -37,22 +38,32 @@ def test_object_is_current_read_only_and_described(declared):
     assert (declared.size is not None) == (declared.type == "OCTET STRING")
 
 
-def units_described(number):
-    """The units that a number's description names; for the low 32 bits of a number, those of the whole number."""
-    whole = re.match(r"The low 32 bits of (\w+)\.$", number.description)
-    if whole:
-        return units_described(mib.objects()[whole[1]])
-    return {unit for unit in ALL_UNITS if re.search(rf"\b{unit}\b", number.description)}
+def first_sentence(declared):
+    """What tools show that have room for no more."""
+    return re.match(r".*?[.](?= |$)", declared.description)[0]
 
 
 @pytest.mark.parametrize("number", NUMBERS, ids=lambda o: o.name)
-def test_number_states_its_unit_where_its_description_names_one(number):
-    if number.name in OF_CHANGING_UNIT:
-        assert number.units is None
-    elif number.units:
-        assert number.units in units_described(number)
+def test_number_states_its_unit_at_once_or_why_it_has_none(number):
+    if number.units:
+        assert re.search(rf"\b{number.units}\b", first_sentence(number))
     else:
-        assert units_described(number) == set()
+        assert ("has no fixed unit" if number.name in OF_CHANGING_UNIT else "has no unit") in number.description
+        named = {unit for unit in ALL_UNITS if re.search(rf"\b{unit}\b", number.description)}
+        assert named == set() or number.name in OF_CHANGING_UNIT
+
+
+@pytest.mark.parametrize("declared", OBJECTS, ids=lambda o: o.name)
+def test_description_says_what_an_unknown_value_reads_as_and_whether_a_number_wraps(declared):
+    assert re.search("unknown|not known|always known|is not a number", declared.description)
+    assert declared.type not in ("INTEGER", "Counter64") or re.search(r"\bwraps?\b", declared.description)
+
+
+def test_the_page_about_the_file_lists_every_index_column_that_can_be_read():
+    page = (net_snmp.ROOT / "docs/mib.md").read_text()
+    section = re.search(r"^## Index columns that can be read$(.*?)^## ", page, re.M | re.S)[1]
+    cells = re.findall(r"^\| `\w+` \|(.*?)\|", section, re.M)
+    assert [name for cell in cells for name in re.findall(r"`(\w+)`", cell)] == [name for table in mib.tables().values() for name in table.index]
 
 
 @pytest.mark.parametrize("table", mib.tables().values(), ids=lambda t: t.name)
