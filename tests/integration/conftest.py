@@ -7,7 +7,7 @@ import tempfile
 
 import pytest
 
-for helper in ("mib", "expected_tree", "system", "snmp_client", "wire", "libvirt_host"):
+for helper in ("mib", "expected_tree", "system", "snmp_client", "wire", "libvirt_host", "module_table"):
     pytest.register_assert_rewrite(helper)
 
 import fault_report  # noqa: E402

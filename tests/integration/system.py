@@ -114,7 +114,7 @@ def agent_account():
 class Daemon:
     """tovric-vessad on the loopback port that the module connects to."""
 
-    def __init__(self, host, directory, *options, ready=True):
+    def __init__(self, host, directory, *options, ready=True, program=DAEMON):
         self.tickets = directory / "tickets"
         self.state = directory / "state"
         for folder in (self.tickets, self.state):
@@ -124,7 +124,7 @@ class Daemon:
         self.output = self.log.open("ab")
         self.started = time.monotonic()
         self.process = subprocess.Popen(
-            [DAEMON, "--host", host, "--listen", "{}:{}".format(*DAEMON_ADDRESS), "--ticket-dir", self.tickets,
+            [program, "--host", host, "--listen", "{}:{}".format(*DAEMON_ADDRESS), "--ticket-dir", self.tickets,
              "--state-dir", self.state, "--foreground", *options],
             stdin=subprocess.DEVNULL, stdout=self.output, stderr=subprocess.STDOUT, preexec_fn=_die_with_parent)
         if ready:
@@ -166,14 +166,14 @@ class Agent:
     """
 
     def __init__(self, directory, user=None, background=False, timeout=10, module=MODULE,
-                 access="rocommunity public 127.0.0.1", configuration="", under=()):
+                 access="rocommunity public 127.0.0.1", configuration="", under=(), port=161):
         self.log = directory / "snmpd.log"
         self.allowed = []
         persistent = directory / "persistent"
         persistent.mkdir(exist_ok=True)
         configuration_file = directory / "snmpd.conf"
         configuration_file.write_text(f"""
-agentaddress udp:127.0.0.1:161
+agentaddress udp:127.0.0.1:{port}
 dontLogTCPWrappersConnects yes
 {access}
 createUser kelv SHA authentication AES encryption
@@ -209,7 +209,7 @@ rouser kelv priv
             self.pid = int(wait_until(pid, "the agent's pid"))
         else:
             self.pid = self.process.pid
-        self.client = Client(timeout=timeout)
+        self.client = Client(("127.0.0.1", port), timeout=timeout)
         wait_until(self.answers, "the agent to answer", timeout)
 
     def answers(self):

@@ -10,18 +10,12 @@ import time
 
 import expected_tree
 import mib
-import net_snmp
 import pytest
 import system
 import watch
 from fake_daemon import Replaced, response
+from module_table import LOAD, LOADED, UNLOAD, UNLOADED, WRITABLE, change_module, load, status
 from snmp_client import Client
-
-WRITABLE = "rwcommunity private 127.0.0.1"
-
-# The table of loaded modules: name, path, error and status of each.
-DLMOD = ".1.3.6.1.4.1.2021.13.14.2.1."
-LOADED, UNLOADED, LOAD, UNLOAD, CREATE = 1, 2, 4, 5, 6
 
 # What one cycle may leave in the heap beyond what it leaves without the module, in bytes.
 LEAK = 16
@@ -60,24 +54,6 @@ class Walker:
         self.client.close()
         assert self.wrong is None, self.wrong
         assert self.walks > 0
-
-
-def set_module(*bindings):
-    """SET of the module table's columns: (column, index, type, value) each."""
-    arguments = [part for column, index, kind, value in bindings for part in (f"{DLMOD}{column}.{index}", kind, value)]
-    return net_snmp.run("snmpset", "-v2c", "-c", "private", "-On", "-t", "10", "-r", "0", "127.0.0.1", *arguments,
-                        mibs="")
-
-
-def load(index, path, name="SNMPKelv"):
-    for bindings in ([(5, index, "i", CREATE)], [(2, index, "s", name), (3, index, "s", path)],
-                     [(5, index, "i", LOAD)]):
-        result = set_module(*bindings)
-        assert result.returncode == 0, result.stderr
-
-
-def status(agent, index):
-    return agent.client.get(net_snmp.parse_oid(DLMOD) + (5, index))[0].value
 
 
 def hang_up(agent, times):
@@ -150,8 +126,8 @@ def test_a_hundred_unloads_and_loads_under_a_walk_change_nothing(shifted_agent, 
     started = time.monotonic()
     with watch.Prober() as prober, Walker(host, may_be_empty=True) as walker:
         for _ in range(100):
-            assert set_module((5, 1, "i", UNLOAD)).returncode == 0
-            assert set_module((5, 1, "i", LOAD)).returncode == 0
+            change_module(1, UNLOAD)
+            change_module(1, LOAD)
     prober.check(1)
     assert status(agent, 1) == LOADED
     agent.refresh()
@@ -167,10 +143,10 @@ def test_an_unloaded_module_serves_nothing(shifted_agent, fake, host):
     agent.refresh()
     agent.assert_right(host)
     with watch.unharmed(agent, 1):
-        assert set_module((5, 1, "i", UNLOAD)).returncode == 0
+        change_module(1, UNLOAD)
         assert status(agent, 1) == UNLOADED
         assert agent.client.bulk_walk() == []
-        assert set_module((5, 1, "i", LOAD)).returncode == 0
+        change_module(1, LOAD)
         agent.refresh()
         agent.assert_right(host)
 
@@ -183,8 +159,8 @@ def test_unloading_and_loading_leaks_no_more_than_the_agent_does(shifted_agent, 
 
         def cycle(times):
             for _ in range(times):
-                assert set_module((5, 1, "i", UNLOAD)).returncode == 0
-                assert set_module((5, 1, "i", LOAD)).returncode == 0
+                change_module(1, UNLOAD)
+                change_module(1, LOAD)
                 agent.refresh()
 
         bytes_per_cycle.append(growth(agent, cycle, 20, 100))
@@ -274,8 +250,8 @@ def test_a_second_load_changes_nothing(shifted_agent, fake, host, directory):
         assert status(agent, 2) == LOADED
         load(3, system.MODULE)      # the same image again
         assert status(agent, 3) == LOADED
-        assert set_module((5, 2, "i", UNLOAD)).returncode == 0
-        assert set_module((5, 3, "i", UNLOAD)).returncode == 0
+        change_module(2, UNLOAD)
+        change_module(3, UNLOAD)
     prober.check(1)
     # An image keeps its client, and with it one connection, for the life of the process.
     assert watch.descriptors(agent.pid) == sorted([*before, "socket:"])
@@ -283,11 +259,11 @@ def test_a_second_load_changes_nothing(shifted_agent, fake, host, directory):
     agent.assert_right(host)
     # The other order: what the first load registered goes with the last unload.
     load(4, system.MODULE)
-    assert set_module((5, 1, "i", UNLOAD)).returncode == 0
+    change_module(1, UNLOAD)
     agent.assert_right(host)
-    assert set_module((5, 4, "i", UNLOAD)).returncode == 0
+    change_module(4, UNLOAD)
     assert agent.client.bulk_walk() == []
-    assert set_module((5, 1, "i", LOAD)).returncode == 0
+    change_module(1, LOAD)
     agent.refresh()
     agent.assert_right(host)
     watch.report("a second load, of a copy and of the same file", "registers nothing, serves what it did before", 0,
@@ -301,12 +277,12 @@ def test_a_copy_takes_over_when_it_is_loaded_anew(shifted_agent, fake, host, dir
     load(2, copy)
     with watch.unharmed(agent, 1):
         for index, change in ((1, UNLOAD), (2, UNLOAD), (2, LOAD)):
-            assert set_module((5, index, "i", change)).returncode == 0
+            change_module(index, change)
         agent.refresh()
         agent.assert_right(host)
         # The first is loaded over the copy and unloaded again: the copy's subtrees stay.
         for change in (LOAD, UNLOAD):
-            assert set_module((5, 1, "i", change)).returncode == 0
+            change_module(1, change)
             agent.assert_right(host)
 
 

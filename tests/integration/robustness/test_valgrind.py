@@ -6,7 +6,7 @@ import xml.etree.ElementTree
 
 import pytest
 import system
-from test_lifecycle import UNLOAD, UNLOADED, WRITABLE, load, set_module, status
+from module_table import UNLOAD, UNLOADED, WRITABLE, change_module, load, status
 
 REFRESHES = 100
 
@@ -42,7 +42,7 @@ def test_a_load_a_hundred_refreshes_and_an_unload_lose_nothing(directory, fake, 
         else:
             time.sleep(0.2)
     agent.assert_right(host)
-    assert set_module((5, 1, "i", UNLOAD)).returncode == 0
+    change_module(1, UNLOAD)
     assert status(agent, 1) == UNLOADED
     agent.stop()
     found = list(findings(report))
