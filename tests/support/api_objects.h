@@ -35,7 +35,7 @@ Ref<Performance::MetricSeries> Series(std::int32_t counterId, const std::string&
 Ref<Performance::EntityMetric> Metric(const std::optional<std::string>& id,
                                       const std::vector<Ref<Performance::MetricSeries>>& series);
 
-// Makes the host the one that `yaml`, in the format of hosts/README.md, describes: its datastores, counters,
+// Makes the host the one that `yaml`, in the format of tovric-host(5), describes: its datastores, counters,
 // VMs and their statistics.
 void Describe(TestSupport::FakeHost& host, const std::string& yaml);
 
