@@ -2,7 +2,7 @@
 # shellcheck shell=bash disable=SC2034
 
 buildPackages=(cmake ninja-build g++ pkg-config python3 python3-yaml
-    libsnmp-dev libssl-dev libpugixml-dev libyaml-cpp-dev libcli11-dev libspdlog-dev
+    libsnmp-dev libssl-dev libpugixml-dev libyaml-dev libcli11-dev libspdlog-dev
     libvirt-dev libsystemd-dev libgtest-dev libgmock-dev libbenchmark-dev)
 runPackages=(snmpd snmp iproute2 util-linux)
 testPackages=(python3-pytest python3-pytest-xdist python3-pysnmp4

@@ -24,6 +24,23 @@ std::optional<T> Parse(std::string_view text) {
     return value;
 }
 
+// The way from the root to `value`, as "vms[0].config"; empty for the root.
+std::string PathOf(const Value& value) {
+    std::string path;
+    for (const Value* at = &value; at->parent != nullptr; at = at->parent) {
+        if (at->parent->kind == Value::Kind::Sequence) {
+            path.insert(0, "[" + std::to_string(at->position) + "]");
+            continue;
+        }
+        const std::string& key = at->parent->entries[at->position].key->text;
+        // In quotes when it could be taken for several steps of the path, or for none.
+        const bool plain = !key.empty() && key.find_first_of(".[]\"") == std::string::npos;
+        const std::string shown = Shorten(key);
+        path.insert(0, (at->parent->parent == nullptr ? "" : ".") + (plain ? shown : "\"" + shown + "\""));
+    }
+    return path;
+}
+
 }  // namespace
 
 const std::string& Cursor::Text() const {
@@ -76,7 +93,7 @@ std::vector<Cursor> Cursor::Items() const {
     std::vector<Cursor> items;
     items.reserve(value->items.size());
     for (const Value* item : value->items) {
-        items.push_back(Cursor(*this, *item, path + "[" + std::to_string(items.size()) + "]"));
+        items.push_back(Cursor(*this, *item));
     }
     return items;
 }
@@ -88,10 +105,17 @@ void Cursor::RequireMap() const {
 }
 
 void Cursor::RefuseRepeated() const {
+    constexpr std::size_t few = 16;  // comparing all of them is faster than a set
+    const auto& entries = value->entries;
     std::unordered_set<std::string_view> seen;
-    for (const Value::Entry& entry : value->entries) {
-        if (!seen.insert(entry.key->text).second) {
-            RefuseAt(entry.key->place, "each key once", Shorten(entry.key->text) + " again");
+    for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
+        const std::string& key = entry->key->text;
+        const bool repeated = entries.size() <= few
+                                  ? std::any_of(entries.begin(), entry,
+                                                [&](const auto& other) { return other.key->text == key; })
+                                  : !seen.insert(key).second;
+        if (repeated) {
+            RefuseAt(entry->key->place, "each key once", Shorten(key) + " again");
         }
     }
 }
@@ -104,7 +128,7 @@ void Cursor::ForEachMember(
         if (!Ordane::Xml::IsText(entry.key->text)) {
             RefuseKey(entry.key->text, "a key without control characters");
         }
-        visit(entry.key->text, Member(entry));
+        visit(entry.key->text, Cursor(*this, *entry.value));
     }
 }
 
@@ -122,7 +146,7 @@ std::optional<Cursor> Cursor::Find(std::string_view key) const {
     RequireMap();
     for (const Value::Entry& entry : value->entries) {
         if (entry.key->text == key) {
-            return Member(entry);
+            return Cursor(*this, *entry.value);
         }
     }
     return std::nullopt;
@@ -134,14 +158,6 @@ Cursor Cursor::Require(std::string_view key) const {
         RefuseAt(value->place, "the member " + std::string(key), "none");
     }
     return *std::move(found);
-}
-
-Cursor Cursor::Member(const Value::Entry& entry) const {
-    const std::string& key = entry.key->text;
-    // In quotes when it could be taken for several steps of the path, or for none.
-    const bool plain = !key.empty() && key.find_first_of(".[]\"") == std::string::npos;
-    const std::string shown = Shorten(key);
-    return {*this, *entry.value, path + (path.empty() ? "" : ".") + (plain ? shown : "\"" + shown + "\"")};
 }
 
 void Cursor::Refuse(const std::string& expected) const {
@@ -158,6 +174,7 @@ void Cursor::RefuseKey(std::string_view key, const std::string& expected) const 
 }
 
 void Cursor::RefuseAt(const Place& place, const std::string& expected, const std::string& found) const {
+    const std::string path = PathOf(*value);
     throw Error(document->GetName(), place,
                 (path.empty() ? "" : path + ": ") + "expected " + expected + ", found " + found);
 }

@@ -8,14 +8,13 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "apps/vessad/backends/YamlDocument.h"
 
 namespace Vessad::Yaml {
 
-// One value of a document, reached by a path. The document must outlive it.
+// One value of a document, which must outlive it.
 class Cursor {
   public:
     explicit Cursor(const Document& document) : document(&document), value(&document.GetRoot()) {}
@@ -45,10 +44,8 @@ class Cursor {
     [[noreturn]] void RefuseKey(std::string_view key, const std::string& expected) const;
 
   private:
-    Cursor(const Cursor& parent, const Value& value, std::string path)
-        : document(parent.document), value(&value), path(std::move(path)) {}
+    Cursor(const Cursor& parent, const Value& value) : document(parent.document), value(&value) {}
 
-    Cursor Member(const Value::Entry& entry) const;
     [[noreturn]] void RefuseAt(const Place& place, const std::string& expected,
                                const std::string& found) const;
     void RequireMap() const;
@@ -56,7 +53,6 @@ class Cursor {
 
     const Document* document;
     const Value* value;
-    std::string path;  // empty: the whole document
 };
 
 // "one of a, b, c"; empty for no words.

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <stdexcept>
 #include <string>
@@ -10,10 +11,10 @@
 
 namespace Vessad::Yaml {
 
-// Lines and columns (in bytes) count from 1.
+// Lines and columns (in characters) count from 1.
 struct Place {
-    std::size_t line = 1;
-    std::size_t column = 1;
+    std::uint32_t line = 1;
+    std::uint32_t column = 1;
 };
 
 // A mistake in a document. The message is complete: "DOCUMENT:LINE:COLUMN: what".
@@ -23,15 +24,17 @@ class Error : public std::runtime_error {
 };
 
 struct Value {
-    enum class Kind { Null, Scalar, Sequence, Map };
+    enum class Kind : std::uint8_t { Scalar, Sequence, Map };
     struct Entry {
         const Value* key;  // always a scalar
         const Value* value;
     };
 
-    Kind kind = Kind::Null;
+    Kind kind = Kind::Scalar;
     bool quoted = false;  // of scalars: text whatever it looks like
     Place place;
+    const Value* parent = nullptr;  // null: the root
+    std::uint32_t position = 0;     // among the parent's items, or of the entry among its entries
     std::string text;
     std::vector<const Value*> items;  // of a sequence
     std::vector<Entry> entries;       // of a map, in the order of the file; keys may repeat
@@ -53,8 +56,8 @@ std::string Shorten(std::string_view text);
 // Immutable; may be read from any thread.
 class Document {
   public:
-    // Parses `text`, which must hold exactly one document; `name` is its name in messages. Throws Error: not
-    // YAML, not UTF-8, or more than `maxValues` values with aliases expanded.
+    // Parses `text`, which must hold one document at most; `name` is its name in messages. Throws Error: not
+    // YAML, not UTF-8, nested more than 100 deep, or more than `maxValues` values with aliases expanded.
     Document(std::string_view text, std::string name, std::size_t maxValues = 4'000'000);
 
     const std::string& GetName() const { return name; }
@@ -63,6 +66,7 @@ class Document {
 
   private:
     class Builder;
+    class Parser;
 
     std::string name;
     std::deque<Value> values;
