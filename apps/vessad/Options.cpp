@@ -1,16 +1,24 @@
 #include "apps/vessad/Options.h"
 
 #include <CLI/CLI.hpp>
+#include <cstdlib>
 #include <stdexcept>
 
 #include "apps/vessad/Server.h"
 
 namespace Vessad {
 
+namespace {
+
+constexpr int usageError = 2;
+
+}  // namespace
+
 Parsed ParseCommandLine(int count, const char* const* arguments) {
     Options options;
     std::string host;
     std::string libvirt;
+    std::string check;
     CLI::App app{"Serves the management API of a virtualisation host to local clients.", "tovric-vessad"};
     CLI::Option* hostOption =
         app.add_option("--host", host, "Serve the host that this YAML file describes")->type_name("FILE");
@@ -47,17 +55,25 @@ Parsed ParseCommandLine(int count, const char* const* arguments) {
         ->capture_default_str()
         ->check(CLI::IsMember({"debug", "info", "warning", "error"}));
     app.add_flag("--foreground", options.foreground, "Stay in the foreground and log to standard error");
+    CLI::Option* checkOption =
+        app.add_option("--check", check, "Check a file for --host, print its mistakes or a summary, and exit")
+            ->type_name("FILE")
+            ->excludes(hostOption)
+            ->excludes(libvirtOption);
     app.footer("Without --host and --libvirt a small sample host is served.");
     try {
         app.parse(count, arguments);
     } catch (const CLI::ParseError& stop) {
-        return {std::nullopt, app.exit(stop)};
+        return {std::nullopt, app.exit(stop) == EXIT_SUCCESS ? EXIT_SUCCESS : usageError};
     }
     if (*hostOption) {
         options.host = std::filesystem::absolute(host);
     }
     if (*libvirtOption) {
         options.libvirt = libvirt;
+    }
+    if (*checkOption) {
+        options.check = check;
     }
     options.ticketDirectory = std::filesystem::absolute(options.ticketDirectory);
     options.stateDirectory = std::filesystem::absolute(options.stateDirectory);

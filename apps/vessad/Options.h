@@ -20,6 +20,7 @@ struct Options {
     int forgetAfterDays = 400;  // 0: never
     std::string logLevel = "info";
     bool foreground = false;
+    std::optional<std::filesystem::path> check;  // to be validated in place of serving; as it was given
 };
 
 // Options to run with, or an exit code to end with (after help, or a mistake, which has been printed).
@@ -28,7 +29,7 @@ struct Parsed {
     int exitCode = 0;
 };
 
-// Parses the command line; prints help and mistakes. The paths of the result are absolute.
+// Parses the command line; prints help and mistakes. The paths of the result are absolute, but for `check`.
 Parsed ParseCommandLine(int count, const char* const* arguments);
 
 }  // namespace Vessad

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <exception>
+#include <iostream>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -25,6 +26,7 @@
 #include "apps/vessad/Options.h"
 #include "apps/vessad/Server.h"
 #include "apps/vessad/backends/DescribedHost.h"
+#include "apps/vessad/backends/HostCheck.h"
 #ifdef VESSAD_HAVE_LIBVIRT
 #include "apps/vessad/backends/LibvirtBackend.h"
 #endif
@@ -204,6 +206,9 @@ int main(int argc, char** argv) {
     const Vessad::Parsed parsed = Vessad::ParseCommandLine(argc, argv);
     if (!parsed.options) {
         return parsed.exitCode;
+    }
+    if (parsed.options->check) {
+        return Vessad::CheckHost(*parsed.options->check, std::cout, std::cerr);
     }
     const auto log = LogToStandardError(*parsed.options);
     try {

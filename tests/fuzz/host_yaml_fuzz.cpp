@@ -1,6 +1,6 @@
 #include <string_view>
 
-#include "apps/vessad/backends/DescribedHost.h"
+#include "apps/vessad/backends/HostDescription.h"
 #include "runtime/ordane/xml_codec.h"
 #include "runtime/tessim/assertion.h"
 #include "tests/fuzz/carried.h"
@@ -38,9 +38,16 @@ void CheckHost(const Vessad::Inventory& host) {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using Vessad::Yaml::Mistakes;
+    const std::string_view text(reinterpret_cast<const char*>(data), size);
+    Mistakes all(Mistakes::Policy::Collect);
+    Vessad::ReadHost(text, "host.yaml", all);
+    Mistakes tolerated(Mistakes::Policy::Throw);
     try {
-        CheckHost(*Vessad::ReadHost({reinterpret_cast<const char*>(data), size}, "host.yaml"));
+        CheckHost(*Vessad::ReadHost(text, "host.yaml", tolerated));
+        Tessim::Assert(all.GetCount() == tolerated.GetCount(), "a check finds no more than loading does");
     } catch (const Vessad::Yaml::Error& mistake) {
+        Tessim::Assert(all.GetCount() > 0, "a check finds a mistake where loading does");
         Tessim::Assert(std::string_view(mistake.what()).starts_with("host.yaml:"),
                        "a mistake is reported with its place");
     }

@@ -22,8 +22,8 @@ GUARDED = [
 ]
 
 
-def run(*arguments):
-    return subprocess.run([system.DAEMON, *arguments], capture_output=True, text=True, timeout=20,
+def run(*arguments, cwd=None):
+    return subprocess.run([system.DAEMON, *arguments], capture_output=True, text=True, timeout=20, cwd=cwd,
                           stdin=subprocess.DEVNULL)
 
 
@@ -291,6 +291,47 @@ def test_help_names_every_option():
     for option in ("--host", "--libvirt", "--listen", "--ticket-dir", "--ticket-group", "--state-dir", "--forget-after",
                    "--foreground"):
         assert option in result.stdout
+
+
+SUMMARY = """\
+VMs: 2, powered on: 1
+virtual CPUs: 3
+disks: 2
+network cards: 2
+CD-ROM drives: 1
+floppy drives: 1
+other devices: 3
+statistics: 11
+datastores: 1
+counters: 10
+"""
+
+
+@pytest.mark.parametrize("changes, code, output, errors", [
+    ({}, 0, SUMMARY, ""),
+    ({"web-1\n": "web-1\n      colour: red\n", "datastore: ds-1}}": "datastore: ds-2}}", "numCPU: 1": "numCPU: one"},
+     1, "", """\
+host.yaml:11:7: vms[0].config: expected one of name, guestFullName, files, datastoreUrl, hardware, cpuAllocation, \
+memoryAllocation, found colour
+host.yaml:23:122: vms[0].config.hardware.device[1].backing.datastore: expected the id of a datastore (one of ds-1), \
+found the text "ds-2"
+host.yaml:53:17: vms[1].config.hardware.numCPU: expected a whole number from -2147483648 to 2147483647, found the \
+text "one"
+""")], ids=["good", "mistaken"])
+def test_a_description_can_be_checked(directory, changes, code, output, errors):
+    text = SMALL.read_text()
+    for old, new in changes.items():
+        assert old in text
+        text = text.replace(old, new, 1)
+    (directory / "host.yaml").write_text(text)
+    result = run("--check", "host.yaml", cwd=directory)
+    assert (result.returncode, result.stdout, result.stderr) == (code, output, errors)
+
+
+def test_a_file_that_cannot_be_checked_is_explained(directory):
+    result = run("--check", "missing.yaml", cwd=directory)
+    assert (result.returncode, result.stdout) == (1, "")
+    assert result.stderr == "missing.yaml: cannot read it: No such file or directory\n"
 
 
 def test_a_port_that_is_taken_is_logged(start_daemon, directory):

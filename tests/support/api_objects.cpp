@@ -1,6 +1,6 @@
 #include "tests/support/api_objects.h"
 
-#include "apps/vessad/backends/DescribedHost.h"
+#include "apps/vessad/backends/HostDescription.h"
 
 namespace ApiObjects {
 

@@ -43,6 +43,10 @@ std::string PathOf(const Value& value) {
 
 }  // namespace
 
+bool Cursor::IsText() const {
+    return value->IsText() && Ordane::Xml::IsText(value->text);
+}
+
 const std::string& Cursor::Text() const {
     if (!value->IsText()) {
         Refuse(value->kind == Value::Kind::Scalar && !IsNull() ? "text in quotes" : "text");
@@ -115,7 +119,7 @@ void Cursor::RefuseRepeated() const {
                                                 [&](const auto& other) { return other.key->text == key; })
                                   : !seen.insert(key).second;
         if (repeated) {
-            RefuseAt(entry->key->place, "each key once", Shorten(key) + " again");
+            mistakes->Refuse(MistakeAt(entry->key->place, "each key once", Shorten(key) + " again"));
         }
     }
 }
@@ -125,10 +129,12 @@ void Cursor::ForEachMember(
     RequireMap();
     RefuseRepeated();
     for (const Value::Entry& entry : value->entries) {
-        if (!Ordane::Xml::IsText(entry.key->text)) {
-            RefuseKey(entry.key->text, "a key without control characters");
-        }
-        visit(entry.key->text, Cursor(*this, *entry.value));
+        Attempt([&] {
+            if (!Ordane::Xml::IsText(entry.key->text)) {
+                RefuseKey(entry.key->text, "a key without control characters");
+            }
+            visit(entry.key->text, Cursor(*this, *entry.value));
+        });
     }
 }
 
@@ -137,7 +143,8 @@ void Cursor::CheckKeys(std::span<const std::string_view> known) const {
     RefuseRepeated();
     for (const Value::Entry& entry : value->entries) {
         if (std::find(known.begin(), known.end(), entry.key->text) == known.end()) {
-            RefuseKey(entry.key->text, known.empty() ? "no member" : OneOf(known));
+            mistakes->Refuse(MistakeAt(entry.key->place, known.empty() ? "no member" : OneOf(known),
+                                       Shorten(entry.key->text)));
         }
     }
 }
@@ -155,28 +162,51 @@ std::optional<Cursor> Cursor::Find(std::string_view key) const {
 Cursor Cursor::Require(std::string_view key) const {
     std::optional<Cursor> found = Find(key);
     if (!found) {
-        RefuseAt(value->place, "the member " + std::string(key), "none");
+        throw MistakeAt(value->place, "the member " + std::string(key), "none");
     }
     return *std::move(found);
 }
 
+void Cursor::ForEachAt(std::span<const std::string_view> path,
+                       const std::function<void(const Cursor& value)>& visit) const {
+    if (value->kind == Value::Kind::Sequence) {
+        for (const Value* item : value->items) {
+            Cursor(*this, *item).ForEachAt(path, visit);
+        }
+        return;
+    }
+    if (path.empty()) {
+        visit(*this);
+        return;
+    }
+    for (const Value::Entry& entry : value->entries) {
+        if (entry.key->text == path.front()) {
+            Cursor(*this, *entry.value).ForEachAt(path.subspan(1), visit);
+        }
+    }
+}
+
 void Cursor::Refuse(const std::string& expected) const {
-    RefuseAt(value->place, expected, value->Describe());
+    throw MistakeAt(value->place, expected, value->Describe());
 }
 
 void Cursor::RefuseKey(std::string_view key, const std::string& expected) const {
     for (const Value::Entry& entry : value->entries) {
         if (entry.key->text == key) {
-            RefuseAt(entry.key->place, expected, Shorten(key));
+            throw MistakeAt(entry.key->place, expected, Shorten(key));
         }
     }
     Refuse(expected);
 }
 
-void Cursor::RefuseAt(const Place& place, const std::string& expected, const std::string& found) const {
+void Cursor::Tolerate(const std::string& expected) const {
+    mistakes->Tolerate(MistakeAt(value->place, expected, value->Describe()));
+}
+
+Error Cursor::MistakeAt(const Place& place, const std::string& expected, const std::string& found) const {
     const std::string path = PathOf(*value);
-    throw Error(document->GetName(), place,
-                (path.empty() ? "" : path + ": ") + "expected " + expected + ", found " + found);
+    return {document->GetName(), place,
+            (path.empty() ? "" : path + ": ") + "expected " + expected + ", found " + found};
 }
 
 std::string OneOf(std::span<const std::string_view> words) {

@@ -17,10 +17,21 @@ namespace Vessad::Yaml {
 // One value of a document, which must outlive it.
 class Cursor {
   public:
-    explicit Cursor(const Document& document) : document(&document), value(&document.GetRoot()) {}
+    // The root of `document`. What is wrong with the values goes to `mistakes`, which must outlive the
+    // cursor.
+    Cursor(const Document& document, Mistakes& mistakes)
+        : document(&document), mistakes(&mistakes), value(&document.GetRoot()) {}
 
     bool IsNull() const { return value->IsNothing(); }
     bool IsMap() const { return value->kind == Value::Kind::Map; }
+    bool IsText() const;  // that Text() returns
+
+    Mistakes& GetMistakes() const { return *mistakes; }
+    // Mistakes::Attempt.
+    template <class Read>
+    void Attempt(const Read& read) const {
+        mistakes->Attempt(read);
+    }
 
     // Each of these throws Error when the value is something else.
     const std::string& Text() const;
@@ -29,9 +40,12 @@ class Cursor {
     double Number() const;
     // The elements of a sequence.
     std::vector<Cursor> Items() const;
-    // Visits the members of a map in the order of the file. Throws Error for a repeated key.
+
+    // Both throw Error when this is no map. A repeated key and other mistakes are attempts of their own.
+
+    // Visits the members of a map in the order of the file.
     void ForEachMember(const std::function<void(const std::string& key, const Cursor& value)>& visit) const;
-    // Throws Error unless this is a map whose keys are among `known`, each at most once.
+    // Checks that the keys are among `known`.
     void CheckKeys(std::span<const std::string_view> known) const;
 
     // A map's member of that key, or nothing. Throws Error when this is no map.
@@ -39,19 +53,27 @@ class Cursor {
     // The same; throws Error when there is none.
     Cursor Require(std::string_view key) const;
 
+    // Visits the values at a path of keys; lists on the way are visited element by element. Visits nothing
+    // where the path leads to a value of another kind.
+    void ForEachAt(std::span<const std::string_view> path,
+                   const std::function<void(const Cursor& value)>& visit) const;
+
     // Throws Error: at this value, or at a map's key.
     [[noreturn]] void Refuse(const std::string& expected) const;
     [[noreturn]] void RefuseKey(std::string_view key, const std::string& expected) const;
+    // Reports a mistake at this value with which the document can be used.
+    void Tolerate(const std::string& expected) const;
 
   private:
-    Cursor(const Cursor& parent, const Value& value) : document(parent.document), value(&value) {}
+    Cursor(const Cursor& parent, const Value& value)
+        : document(parent.document), mistakes(parent.mistakes), value(&value) {}
 
-    [[noreturn]] void RefuseAt(const Place& place, const std::string& expected,
-                               const std::string& found) const;
+    Error MistakeAt(const Place& place, const std::string& expected, const std::string& found) const;
     void RequireMap() const;
     void RefuseRepeated() const;
 
     const Document* document;
+    Mistakes* mistakes;
     const Value* value;
 };
 

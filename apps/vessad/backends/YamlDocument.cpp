@@ -46,10 +46,6 @@ bool IsOneOf(std::string_view text, std::initializer_list<std::string_view> word
 
 }  // namespace
 
-Error::Error(const std::string& document, const Place& place, const std::string& what)
-    : runtime_error(document + ":" + std::to_string(place.line) + ":" + std::to_string(place.column) + ": " +
-                    what) {}
-
 std::string Shorten(std::string_view text) {
     return Tessim::StringUtil::EscapeUntrusted(text, maxShown);
 }
@@ -115,7 +111,7 @@ class Document::Builder {
                 }
                 break;
             case YAML_SCALAR_EVENT:
-                AddScalar(event, event.data.scalar);
+                AddScalar(event);
                 break;
             case YAML_SEQUENCE_START_EVENT:
                 Open(event, Value::Kind::Sequence, event.data.sequence_start.tag,
@@ -146,7 +142,8 @@ class Document::Builder {
         throw Error(document.name, PlaceOf(event.start_mark), what);
     }
 
-    void AddScalar(const yaml_event_t& event, decltype(yaml_event_t::data.scalar) const& scalar) {
+    void AddScalar(const yaml_event_t& event) {
+        const auto& scalar = event.data.scalar;
         const std::string_view tag = TextOf(scalar.tag);
         const bool isTaggedText = tag == YAML_STR_TAG;
         if (!isTaggedText) {

@@ -4,24 +4,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "apps/vessad/backends/YamlMistakes.h"
+
 namespace Vessad::Yaml {
-
-// Lines and columns (in characters) count from 1.
-struct Place {
-    std::uint32_t line = 1;
-    std::uint32_t column = 1;
-};
-
-// A mistake in a document. The message is complete: "DOCUMENT:LINE:COLUMN: what".
-class Error : public std::runtime_error {
-  public:
-    Error(const std::string& document, const Place& place, const std::string& what);
-};
 
 struct Value {
     enum class Kind : std::uint8_t { Scalar, Sequence, Map };

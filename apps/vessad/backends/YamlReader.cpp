@@ -49,6 +49,20 @@ void ReadValue(const Cursor& cursor, const Ordane::Member& member, Ordane::DataO
     }
 }
 
+void ReadMember(const Cursor& cursor, const Ordane::Member& member, Ordane::DataObject& object) {
+    if (member.list) {
+        if (const std::optional<Cursor> list = cursor.Find(member.name)) {
+            for (const Cursor& item : list->Items()) {
+                item.Attempt([&] { ReadValue(item, member, object); });
+            }
+        }
+    } else if (!member.optional) {
+        ReadValue(cursor.Require(member.name), member, object);
+    } else if (const std::optional<Cursor> value = cursor.Find(member.name)) {
+        ReadValue(*value, member, object);
+    }
+}
+
 const Ordane::DataObjectType& ReadType(const Cursor& cursor, const Ordane::DataObjectType& declared) {
     const std::optional<Cursor> named = cursor.Find(typeKey);
     if (!named) {
@@ -81,17 +95,7 @@ Tessim::Ref<Ordane::DataObject> ReadObject(const Cursor& cursor, const Ordane::D
 
     Tessim::Ref<Ordane::DataObject> object = type.create();
     for (const Ordane::Member* member : members) {
-        if (member->list) {
-            if (const std::optional<Cursor> list = cursor.Find(member->name)) {
-                for (const Cursor& item : list->Items()) {
-                    ReadValue(item, *member, *object);
-                }
-            }
-        } else if (!member->optional) {
-            ReadValue(cursor.Require(member->name), *member, *object);
-        } else if (const std::optional<Cursor> value = cursor.Find(member->name)) {
-            ReadValue(*value, *member, *object);
-        }
+        cursor.Attempt([&] { ReadMember(cursor, *member, *object); });
     }
     return object;
 }

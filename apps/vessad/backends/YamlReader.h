@@ -11,8 +11,10 @@ namespace Vessad::Yaml {
 
 // Returns a new object from the mapping at `cursor`: of type `declared`, or of the descendant that its key
 // "type" names. Members have the API's names; a list is a sequence, a reference is the object's id, and an
-// optional member that is absent stays unset. The keys in `callerKeys` are ignored. Throws Error for
-// everything else: an unknown or missing key, a value of another kind, a number that its type cannot hold.
+// optional member that is absent stays unset. The keys in `callerKeys` are ignored. Everything else is a
+// mistake: an unknown or missing key, a value of another kind, a number that its type cannot hold. Throws
+// Error unless there is a mapping of a known type; mistakes in its members are attempts of their own, and
+// leave members out.
 Tessim::Ref<Ordane::DataObject> ReadObject(const Cursor& cursor, const Ordane::DataObjectType& declared,
                                            std::initializer_list<std::string_view> callerKeys = {});
 

@@ -7,6 +7,7 @@
 #include <sstream>
 #include <string>
 
+#include "apps/vessad/backends/HostDescription.h"
 #include "tests/support/files.h"
 #include "tests/unit/vessad/log_lines.h"
 #include "tests/unit/vessad/temporary_directory.h"
@@ -81,6 +82,19 @@ TEST_F(DescribedHostFile, IsRejectedUnlessItIsARegularFileOfAtMost64MiB) {
     expectMistake(file, "it is not a regular file");
     directory.Run("rm host.yaml && truncate -s 67108865 host.yaml");
     expectMistake(file, "it is larger than 67108864 bytes");
+}
+
+TEST_F(DescribedHostFile, IsServedWithAWarningForADatastoreThatDoesNotExist) {
+    WriteAll(file,
+             "vms: [{id: a, config: {name: b, guestFullName: c, files: {vmPathName: '[gone] a.cfg'}}}]");
+    const LogLines log;
+    EXPECT_EQ(MakeDescribedHost(file)->GetInventory()->vms.size(), 1U);
+    EXPECT_EQ(
+        log.GetText(),
+        "warning Unknown datastore in the host description: " + file.string() +
+            ":1:71: vms[0].config.files.vmPathName: expected the name of a datastore in brackets, found "
+            "the text \"[gone] a.cfg\"\ninfo Read " +
+            file.string() + ": 1 VMs, 0 datastores\n");
 }
 
 TEST_F(DescribedHostFile, IsReadAgainOnReloadAndKeptWhenThatFails) {

@@ -24,7 +24,10 @@ std::string Parse(const std::string& arguments) {
     }
     const Parsed parsed = ParseCommandLine(static_cast<int>(pointers.size()), pointers.data());
     if (!parsed.options) {
-        return parsed.exitCode == 0 ? "success" : "failure";
+        return "exit code " + std::to_string(parsed.exitCode);
+    }
+    if (parsed.options->check) {
+        return "check " + parsed.options->check->string();
     }
     const auto shorten = [](const std::filesystem::path& path) {
         const auto relative = path.lexically_relative(std::filesystem::current_path());

@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-#include "apps/vessad/backends/DescribedHost.h"
+#include "apps/vessad/backends/HostDescription.h"
 
 namespace VessadTest {
 

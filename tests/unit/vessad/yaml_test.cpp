@@ -22,7 +22,8 @@ using Use = std::function<std::string(const Cursor&)>;
 std::string Outcome(const std::string& text, const Use& use) {
     try {
         const Document document(text, "h.yaml");
-        return use(Cursor(document));
+        Mistakes mistakes(Mistakes::Policy::Throw);
+        return use(Cursor(document, mistakes));
     } catch (const Error& error) {
         return error.what();
     }
