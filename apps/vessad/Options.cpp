@@ -14,7 +14,7 @@ constexpr int usageError = 2;
 
 }  // namespace
 
-Parsed ParseCommandLine(int count, const char* const* arguments) {
+Parsed ParseCommandLine(int count, const char* const* arguments, const std::string& version) {
     Options options;
     std::string host;
     std::string libvirt;
@@ -60,6 +60,7 @@ Parsed ParseCommandLine(int count, const char* const* arguments) {
             ->type_name("FILE")
             ->excludes(hostOption)
             ->excludes(libvirtOption);
+    app.set_version_flag("--version", version, "Print the version and its commit and exit");
     app.footer("Without --host and --libvirt a small sample host is served.");
     try {
         app.parse(count, arguments);

@@ -29,7 +29,8 @@ struct Parsed {
     int exitCode = 0;
 };
 
-// Parses the command line; prints help and mistakes. The paths of the result are absolute, but for `check`.
-Parsed ParseCommandLine(int count, const char* const* arguments);
+// Parses the command line; prints help, mistakes, and `version` for --version. The paths of the result are
+// absolute, but for `check`.
+Parsed ParseCommandLine(int count, const char* const* arguments, const std::string& version);
 
 }  // namespace Vessad

@@ -25,6 +25,7 @@
 #include "apps/vessad/LogFormat.h"
 #include "apps/vessad/Options.h"
 #include "apps/vessad/Server.h"
+#include "apps/vessad/Version.h"
 #include "apps/vessad/backends/DescribedHost.h"
 #include "apps/vessad/backends/HostCheck.h"
 #ifdef VESSAD_HAVE_LIBVIRT
@@ -203,7 +204,7 @@ void Serve(const Options& options, LogDestination& log) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const Vessad::Parsed parsed = Vessad::ParseCommandLine(argc, argv);
+    const Vessad::Parsed parsed = Vessad::ParseCommandLine(argc, argv, Vessad::version);
     if (!parsed.options) {
         return parsed.exitCode;
     }

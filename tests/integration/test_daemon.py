@@ -334,6 +334,12 @@ def test_a_file_that_cannot_be_checked_is_explained(directory):
     assert result.stderr == "missing.yaml: cannot read it: No such file or directory\n"
 
 
+def test_the_version_names_the_commit():
+    result = run("--version")
+    assert (result.returncode, result.stderr) == (0, "")
+    assert re.fullmatch(r"tovric-vessad \d+\.\d+\.\d+ \(commit [\w-]+\)\n", result.stdout)
+
+
 def test_a_port_that_is_taken_is_logged(start_daemon, directory):
     start_daemon(SMALL)
     result = run("--host", SMALL, "--listen", "127.0.0.1:902", "--ticket-dir", directory, "--state-dir", directory,

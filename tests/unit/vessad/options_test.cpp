@@ -22,7 +22,7 @@ std::string Parse(const std::string& arguments) {
     for (const std::string& word : words) {
         pointers.push_back(word.c_str());
     }
-    const Parsed parsed = ParseCommandLine(static_cast<int>(pointers.size()), pointers.data());
+    const Parsed parsed = ParseCommandLine(static_cast<int>(pointers.size()), pointers.data(), "1.2.3");
     if (!parsed.options) {
         return "exit code " + std::to_string(parsed.exitCode);
     }
