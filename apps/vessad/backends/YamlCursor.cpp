@@ -160,11 +160,11 @@ std::optional<Cursor> Cursor::Find(std::string_view key) const {
 }
 
 Cursor Cursor::Require(std::string_view key) const {
-    std::optional<Cursor> found = Find(key);
+    const std::optional<Cursor> found = Find(key);
     if (!found) {
         throw MistakeAt(value->place, "the member " + std::string(key), "none");
     }
-    return *std::move(found);
+    return *found;
 }
 
 void Cursor::ForEachAt(std::span<const std::string_view> path,

@@ -1,6 +1,7 @@
 #include "apps/vessad/backends/YamlMistakes.h"
 
 #include <algorithm>
+#include <tuple>
 
 namespace Vessad::Yaml {
 
@@ -32,7 +33,9 @@ void Mistakes::Tolerate(const Error& mistake) {
 std::vector<std::string> Mistakes::List() const {
     std::vector<Error> ordered = kept;
     std::stable_sort(ordered.begin(), ordered.end(), [](const Error& left, const Error& right) {
-        return left.GetPlace() < right.GetPlace();
+        const Place& before = left.GetPlace();
+        const Place& after = right.GetPlace();
+        return std::tie(before.line, before.column) < std::tie(after.line, after.column);
     });
     std::vector<std::string> lines;
     for (const Error& mistake : ordered) {

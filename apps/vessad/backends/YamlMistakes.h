@@ -13,8 +13,6 @@ namespace Vessad::Yaml {
 struct Place {
     std::uint32_t line = 1;
     std::uint32_t column = 1;
-
-    auto operator<=>(const Place&) const = default;
 };
 
 // A mistake in a document. The message is complete: "DOCUMENT:LINE:COLUMN: what".
