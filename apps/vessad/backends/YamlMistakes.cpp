@@ -38,6 +38,7 @@ std::vector<std::string> Mistakes::List() const {
         return std::tie(before.line, before.column) < std::tie(after.line, after.column);
     });
     std::vector<std::string> lines;
+    lines.reserve(ordered.size() + 1);
     for (const Error& mistake : ordered) {
         lines.emplace_back(mistake.what());
     }
