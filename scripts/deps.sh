@@ -9,6 +9,10 @@ testPackages=(python3-pytest python3-pytest-xdist python3-pysnmp4
     binutils clang-format libvirt-clients openssl valgrind)
 # Of scripts/lint and scripts/test --all. Other versions of clang have other opinions.
 lintPackages=(clang-14 clang-format-14 clang-tidy-14 clang shellcheck flake8 smitools mandoc)
+# Of scripts/package.
+packagePackages=(debhelper dpkg-dev lintian)
+# Of the packages' own test, which installs them in a bare root.
+packageTestPackages=(mmdebstrap)
 # The tests with live guests are skipped without these.
 livePackages=(libvirt-daemon-system qemu-system-x86)
 
