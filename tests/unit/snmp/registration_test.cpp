@@ -162,7 +162,7 @@ TEST_F(Module, RegistersEachGroupsVariablesInOrderAndNothingElse) {
     for (const auto* each = SNMP::Registration::First(); each != nullptr; each = each->Next()) {
         const Oid base(each->Base().begin(), each->Base().end());
         std::string line;
-        const FindVarMethod* handler = nullptr;
+        FindVarMethod* handler = nullptr;
         for (std::size_t i = 0; i < each->Count(); ++i) {
             const variable* const entry = each->Entry(i);
             const Oid suffix(entry->name, entry->name + entry->namelen);
@@ -226,7 +226,7 @@ TEST_F(Module, TracesEachRefusalWhileTheAgentIsDebugging) {
 
 TEST_F(Module, RegistersOneTableOfAGroupWhenTheOtherIsRefused) {
     snmp_set_do_debugging(1);
-    for (const oid taken : {2, 6}) {
+    for (const oid taken : {oid{2}, oid{6}}) {
         const oid other = taken == 2 ? 3 : 5;
         const ForeignColumn foreign(Enterprise({2, taken, 1, 1}));
         log.Take();

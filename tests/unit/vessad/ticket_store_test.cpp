@@ -182,7 +182,8 @@ TEST_F(TicketStoreTest, RejectsADirectoryThatIsNotPrivateOrWithoutItsGroup) {
 
 TEST_F(TicketStoreTest, LeavesNothingThatItsGroupCannotRead) {
     directory.Run("chmod 777 .");
-    if (::geteuid() == 0) {
+    const uid_t user = ::geteuid();
+    if (user == 0) {
         ASSERT_EQ(::seteuid(65534), 0);  // who is not in the group
     }
     options.group = "daemon";
@@ -192,6 +193,7 @@ TEST_F(TicketStoreTest, LeavesNothingThatItsGroupCannotRead) {
     EXPECT_THAT([this] { Store().Issue(1); },
                 ThrowsMessage<std::exception>(HasSubstr("cannot set the group of a ticket file")));
     EXPECT_THAT(Files(), IsEmpty());
+    ASSERT_EQ(::seteuid(user), 0);
 }
 
 TEST_F(TicketStoreTest, LogsThatAFileCannotBeRemovedUnlessItIsGone) {
