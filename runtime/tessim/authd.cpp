@@ -24,7 +24,7 @@ class ServiceStreamImpl final : public virtual ServiceStream, public ObjectImpl 
     ServiceStreamImpl(const Ssl::SSLContext& context, Peer peer, const std::string& request,
                       Clock::time_point deadline)
         : connection(context, std::move(peer), deadline) {
-        connection.CheckOwner();
+        peerOwner = connection.CheckOwner();
         connection.Write(request.data(), request.size(), deadline);
         // One byte at a time: what follows the line belongs to the service, and OpenSSL keeps it for the next
         // Read.
@@ -33,6 +33,7 @@ class ServiceStreamImpl final : public virtual ServiceStream, public ObjectImpl 
     }
 
     const std::string& GetConnectionPath() const override { return path; }
+    uid_t GetPeerOwner() const override { return peerOwner; }
 
     std::size_t Read(void* buffer, std::size_t size) override {
         return connection.Read(buffer, size, Deadline());
@@ -47,6 +48,7 @@ class ServiceStreamImpl final : public virtual ServiceStream, public ObjectImpl 
 
   private:
     TlsConnection connection;
+    uid_t peerOwner = 0;
     std::string path;
 };
 

@@ -4,6 +4,8 @@
 // then on the stream belongs to the service that the client's line selected.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <string>
 
@@ -19,6 +21,8 @@ class ServiceStream : public virtual System::Stream {
   public:
     // The path of the connection, from the service's reply line. Not empty; lives as long as the stream.
     virtual const std::string& GetConnectionPath() const = 0;
+    // The user whose process is the service.
+    virtual uid_t GetPeerOwner() const = 0;
 };
 
 class Client : public virtual Object {

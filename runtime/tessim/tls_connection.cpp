@@ -163,7 +163,7 @@ void TlsConnection::Close() noexcept {
     socket.descriptor.Close();
 }
 
-void TlsConnection::CheckOwner() const {
+uid_t TlsConnection::CheckOwner() const {
     const std::optional<uid_t> user = FindPeerOwner(socket.descriptor.Get(), *peer.GetAddress());
     if (!user) {
         ThrowBroken("checking its owner", closedByPeer);
@@ -172,6 +172,7 @@ void TlsConnection::CheckOwner() const {
         throw SystemException(peer.GetName() + " belongs to user " + std::to_string(*user) +
                               ", who does not run the daemon");
     }
+    return *user;
 }
 
 bool TlsConnection::IsOwn() const noexcept {

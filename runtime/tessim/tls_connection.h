@@ -37,10 +37,10 @@ class TlsConnection {
     // Sends close_notify, without waiting, on a connection that works, and closes it.
     void Close() noexcept;
 
-    // Throws SystemException unless the process at the other end belongs to a user from whom the daemon can
-    // be (daemon_directory.h): until then anybody may have the port, and nothing that was read can be
-    // trusted. StreamException when no process of this host holds that end any more.
-    void CheckOwner() const;
+    // Returns the user whose process is at the other end. Throws SystemException unless the daemon can be
+    // that user's (daemon_directory.h): until then anybody may have the port, and nothing that was read can
+    // be trusted. StreamException when no process of this host holds that end any more.
+    uid_t CheckOwner() const;
 
     bool IsOwn() const noexcept;
     // Whether the connection works and its end has not arrived yet. Does not wait.

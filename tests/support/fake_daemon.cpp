@@ -40,6 +40,7 @@ class FakeStream final : public virtual Tessim::Authd::ServiceStream, public Tes
     ~FakeStream() override { Count(-1); }
 
     const std::string& GetConnectionPath() const override { return path; }
+    uid_t GetPeerOwner() const override { return 0; }
     std::size_t Read(void* /*buffer*/, std::size_t /*size*/) override {
         throw Tessim::StreamException("the stream carries nothing");
     }

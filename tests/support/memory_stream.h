@@ -53,6 +53,7 @@ class MemoryStream final : public virtual Tessim::Authd::ServiceStream, public T
     bool IsOwn() const noexcept override { return true; }
     bool IsConnected() const noexcept override { return !closed; }
     const std::string& GetConnectionPath() const override { return path; }
+    uid_t GetPeerOwner() const override { return 0; }
 
   private:
     void CheckOpen() const {

@@ -77,6 +77,7 @@ TEST(AuthdClient, RequestsTheServiceAndOpensTheStreamBehindTheReply) {
     const auto* service = NarrowToType<Authd::ServiceStream>(stream);
     ASSERT_NE(service, nullptr);
     EXPECT_EQ(service->GetConnectionPath(), "/c");
+    EXPECT_EQ(service->GetPeerOwner(), ::getuid());
     EXPECT_TRUE(stream->IsOwn());
     EXPECT_EQ(ReadBytes(*stream, 19), "HTTP/1.1 200 OK\r\n\r\n");
     stream.Reset();
