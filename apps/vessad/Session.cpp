@@ -22,6 +22,7 @@ namespace Fault = Ordane::Fault;
 // The only user of the API.
 constexpr std::string_view onlyUser = "root";
 constexpr std::size_t maxShownName = 40;
+constexpr std::size_t maxShownText = 1000;
 
 template <class Object>
 Tessim::Ref<Ordane::MoRef> MakeReference(const std::string& id) {
@@ -41,6 +42,24 @@ class Session::ServiceInstanceObject final : public Hask::ServiceInstance {
         out->SetAbout(session.services.backend.GetInventory()->about);
         out->SetSessionManager(MakeReference<Hask::SessionManager>(Hask::HostAgent::moid_sessionmanager));
         out->SetPerfManager(MakeReference<Hask::PerformanceManager>(Hask::HostAgent::moid_perfmanager));
+    }
+
+    void QueryStatus(Tessim::Ref<Hask::ServiceStatus>& out) override {
+        // Paths and the texts of libraries can hold what XML cannot carry.
+        const auto escape = [](const std::string& text) {
+            return Tessim::StringUtil::EscapeUntrusted(text, maxShownText);
+        };
+        const SourceStatus status = session.services.backend.GetStatus();
+        out = Tessim::MakeRef<Hask::ServiceStatus>();
+        out->SetSource(escape(status.source));
+        out->SetConnected(status.connected);
+        if (status.lastError) {
+            out->SetLastError(escape(*status.lastError));
+        }
+        if (status.age) {
+            out->SetSnapshotAge(status.age->count());
+        }
+        out->SetVms(static_cast<std::int32_t>(session.services.backend.GetInventory()->vms.size()));
     }
 
   private:

@@ -1,10 +1,12 @@
 // The inventory that the daemon serves, and the interface of its sources.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -47,6 +49,14 @@ struct Inventory {
     bool Add(std::shared_ptr<const Vm> vm);
 };
 
+// Where a backend's inventory comes from, for people, and whether that could be read.
+struct SourceStatus {
+    std::string source;
+    bool connected = false;                   // the latest attempt succeeded
+    std::optional<std::string> lastError;     // why it failed, if it did
+    std::optional<std::chrono::seconds> age;  // since the newest inventory was read; none before the first
+};
+
 // A source of inventories. Every operation may be called from any thread.
 class Backend {
   public:
@@ -57,6 +67,9 @@ class Backend {
 
     // The newest complete inventory; never null, never waits for the host.
     virtual std::shared_ptr<const Inventory> GetInventory() = 0;
+
+    // Never waits for the host.
+    virtual SourceStatus GetStatus() = 0;
 
     // Reads the source again (SIGHUP). Logs a failure, and keeps the current inventory then. Does not throw.
     virtual void Reload() = 0;

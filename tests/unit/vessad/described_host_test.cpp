@@ -105,6 +105,7 @@ TEST_F(DescribedHostFile, IsReadAgainOnReloadAndKeptWhenThatFails) {
     EXPECT_EQ(backend->GetInventory(), first);
     backend->Reload();
     const auto second = backend->GetInventory();
+    const SourceStatus read = backend->GetStatus();
     EXPECT_EQ(first->vms[0]->id, "first");
     EXPECT_EQ(second->vms[0]->id, "second");
     const LogLines log;
@@ -116,6 +117,15 @@ TEST_F(DescribedHostFile, IsReadAgainOnReloadAndKeptWhenThatFails) {
     const std::string failed = "error Reload failed, keeping the current host description: " + file.string();
     EXPECT_EQ(log.GetText(), failed + ":1:7: vms[0]: expected the member config, found none\n" + failed +
                                  ": cannot read it: No such file or directory\n");
+    const SourceStatus unread = backend->GetStatus();
+    EXPECT_EQ(read.source, "described host " + file.string());
+    EXPECT_TRUE(read.connected && read.age && !read.lastError);
+    EXPECT_EQ(unread.source, read.source);
+    EXPECT_TRUE(!unread.connected && unread.age >= read.age);
+    EXPECT_EQ(unread.lastError, file.string() + ": cannot read it: No such file or directory");
+    WriteAll(file, "vms: []");
+    backend->Reload();
+    EXPECT_TRUE(backend->GetStatus().connected && !backend->GetStatus().lastError);
 }
 
 }  // namespace

@@ -40,8 +40,11 @@ class TestBackend final : public Vessad::Backend {
     explicit TestBackend(const std::string& host = sampleHost) : inventory(Vessad::ReadHost(host, "test")) {}
 
     std::shared_ptr<const Vessad::Inventory> GetInventory() override { return inventory; }
+    Vessad::SourceStatus GetStatus() override { return status; }
     void Reload() override {}
     void Replace(const std::string& host) { inventory = Vessad::ReadHost(host, "test"); }
+
+    Vessad::SourceStatus status;
 
   private:
     std::shared_ptr<const Vessad::Inventory> inventory;

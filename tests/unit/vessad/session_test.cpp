@@ -118,5 +118,24 @@ TEST_F(SessionTest, ReturnsNothingForWhatTheInventoryDoesNotHave) {
     EXPECT_THAT(Call("ServiceInstance", "ServiceInstance", "RetrieveContent"), Not(HasSubstr("<about")));
 }
 
+TEST_F(SessionTest, ReturnsTheStatusOfTheSourceAndTheNumberOfVmsServed) {
+    client = LoggedIn();
+    const auto query = [&] {
+        const std::string reply = Call("ServiceInstance", "ServiceInstance", "QueryStatus");
+        const std::size_t begin = reply.find("<returnval>");
+        return reply.substr(begin, reply.find("</QueryStatusResponse>") - begin);
+    };
+    EXPECT_EQ(query(), "<returnval><source/><connected>false</connected><vms>3</vms></returnval>");
+    backend.status = {"described host /h\xff\n.yaml", false, "line 3", std::chrono::seconds(7)};
+    EXPECT_EQ(query(),
+              "<returnval><source>described host /h\\xff\\x0a.yaml</source><connected>false</connected>"
+              "<lastError>line 3</lastError><snapshotAge>7</snapshotAge><vms>3</vms></returnval>");
+    backend.status = {"libvirt test:///default", true, {}, std::chrono::seconds(0)};
+    backend.Replace("vms: []");
+    EXPECT_EQ(query(),
+              "<returnval><source>libvirt test:///default</source><connected>true</connected>"
+              "<snapshotAge>0</snapshotAge><vms>0</vms></returnval>");
+}
+
 }  // namespace
 }  // namespace Vessad

@@ -168,6 +168,34 @@ TEST_F(CollectorTest, ServesTheHostAnewByTheNextCollectionHoweverLongACallHung) 
     }
 }
 
+TEST_F(CollectorTest, SaysWhetherTheHostWasReachedWhyNotAndHowOldTheInventoryIs) {
+    std::atomic<std::chrono::seconds> passed{std::chrono::seconds(0)};
+    const auto start = std::chrono::steady_clock::now();
+    options.now = [&] { return start + passed.load(); };
+    options.interval = std::chrono::hours(1);
+    const auto expectStatus = [&](bool connected, const std::optional<std::string>& lastError,
+                                  const std::optional<std::chrono::seconds>& age) {
+        const SourceStatus status = collector->GetStatus();
+        EXPECT_EQ(status.connected, connected);
+        EXPECT_EQ(status.lastError, lastError);
+        EXPECT_EQ(status.age, age);
+    };
+    api->SetDown(true);
+    Start();
+    expectStatus(false, "the host is down", std::nullopt);
+    api->SetDown(false);
+    collector->CollectNow();
+    AwaitVms({vmA, vmB});
+    expectStatus(true, std::nullopt, std::chrono::seconds(0));
+    passed = std::chrono::seconds(4);
+    expectStatus(true, std::nullopt, std::chrono::seconds(4));
+    api->SetDown(true);
+    collector->CollectNow();
+    EXPECT_TRUE(log.AwaitLine("the last inventory serves"));
+    VessadTest::Await([&] { return collector->GetStatus().lastError.has_value(); });
+    expectStatus(false, "the host is down", std::chrono::seconds(4));
+}
+
 // The time starts when the host is found unreachable, not with the last collection.
 TEST_F(CollectorTest, KeepsTheInventoryUntilTheNextCollectionHoweverLateItIs) {
     options.interval = std::chrono::hours(1);

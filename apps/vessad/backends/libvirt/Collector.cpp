@@ -41,7 +41,7 @@ struct Collector::Shared {
 
     std::shared_ptr<const Inventory> newest = UnknownHost();
     std::shared_ptr<const Inventory> newestWithoutVms = newest;
-    bool published = false;  // whether `newest` was collected
+    std::optional<Clock::time_point> publishedAt;  // unless `newest` was not collected
     std::optional<Clock::time_point> unreachableSince;
 
     std::vector<std::string> pools;  // the XML of the active ones, as last received
@@ -105,6 +105,19 @@ std::shared_ptr<const Inventory> Collector::Get() {
     const std::lock_guard lock(shared->mutex);
     const bool expired = shared->unreachableSince && options.now() - *shared->unreachableSince > options.keep;
     return expired ? shared->newestWithoutVms : shared->newest;
+}
+
+SourceStatus Collector::GetStatus() {
+    SourceStatus status;
+    const std::lock_guard lock(shared->mutex);
+    status.connected = shared->publishedAt && !shared->unreachableSince;
+    if (!status.connected && shared->failure) {
+        status.lastError = shared->failure->what();
+    }
+    if (shared->publishedAt) {
+        status.age = std::chrono::duration_cast<std::chrono::seconds>(options.now() - *shared->publishedAt);
+    }
+    return status;
 }
 
 bool Collector::IsMakingProgress() const {
@@ -222,7 +235,7 @@ void Collector::FetchPools() {
 // their disks would be in other datastores until the next collection.
 bool Collector::HaveFirstPoolsCome() {
     std::unique_lock lock(shared->mutex);
-    if (shared->published || !poolsLate) {
+    if (shared->publishedAt || !poolsLate) {
         return false;
     }
     const bool come = shared->Wait(lock, options.now() + options.poolTimeout,
@@ -288,7 +301,7 @@ bool Collector::Publish(std::shared_ptr<const Inventory> inventory) {
     auto withoutVms = WithoutVms(*inventory);
     const std::lock_guard lock(shared->mutex);
     shared->newest = std::move(inventory);
-    shared->published = true;
+    shared->publishedAt = options.now();
     shared->newestWithoutVms = std::move(withoutVms);
     return std::exchange(shared->unreachableSince, std::nullopt).has_value();
 }
@@ -303,7 +316,7 @@ bool Collector::MarkUnreachable() {
 
 void Collector::ReportFailure(std::unique_lock<std::mutex>& lock, const char* what, const ApiError& failure) {
     if (MarkUnreachable()) {
-        const bool published = shared->published;
+        const bool published = shared->publishedAt.has_value();
         lock.unlock();
         if (published) {
             spdlog::warn("{}: {}; the last inventory serves for {} s", what, failure.what(),

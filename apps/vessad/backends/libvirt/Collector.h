@@ -46,6 +46,9 @@ class Collector {
     // Never null.
     std::shared_ptr<const Inventory> Get();
 
+    // The status of the host, without the name of the source.
+    SourceStatus GetStatus();
+
     // Starts the next collection now, or as soon as the running one ends. It describes every VM anew, with
     // the names that the osinfo database has by then.
     void CollectNow();

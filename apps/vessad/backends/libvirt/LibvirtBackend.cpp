@@ -17,7 +17,7 @@ constexpr std::chrono::seconds firstTimeout{10};
 class LibvirtBackend final : public Backend {
   public:
     LibvirtBackend(const std::string& uri, Libvirt::VmIds vmIds)
-        : collector(Libvirt::MakeApi(), uri, std::move(vmIds), Libvirt::CollectorOptions{}) {
+        : uri(uri), collector(Libvirt::MakeApi(), uri, std::move(vmIds), Libvirt::CollectorOptions{}) {
         const auto failure = collector.WaitForFirst(firstTimeout);
         if (failure && failure->GetKind() == Libvirt::ApiError::Kind::Permanent) {
             throw std::runtime_error("the libvirt URI " + uri + " cannot be used: " + failure->what());
@@ -25,10 +25,16 @@ class LibvirtBackend final : public Backend {
     }
 
     std::shared_ptr<const Inventory> GetInventory() override { return collector.Get(); }
+    SourceStatus GetStatus() override {
+        SourceStatus status = collector.GetStatus();
+        status.source = "libvirt " + uri;
+        return status;
+    }
     void Reload() override { collector.CollectNow(); }
     bool IsMakingProgress() override { return collector.IsMakingProgress(); }
 
   private:
+    const std::string uri;
     Libvirt::Collector collector;
 };
 
