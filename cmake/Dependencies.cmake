@@ -17,9 +17,12 @@ pkg_check_modules(SYSTEMD IMPORTED_TARGET libsystemd)
 find_path(NET_SNMP_INCLUDE net-snmp/net-snmp-config.h REQUIRED)
 find_library(NET_SNMP_LIBRARY netsnmp REQUIRED)
 find_library(NET_SNMP_AGENT_LIBRARY netsnmpagent REQUIRED)
+# For managers, and with the agent's library for what is loaded into it.
+add_library(net-snmp-manager INTERFACE)
+target_include_directories(net-snmp-manager SYSTEM INTERFACE ${NET_SNMP_INCLUDE})
+target_link_libraries(net-snmp-manager INTERFACE ${NET_SNMP_LIBRARY})
 add_library(net-snmp INTERFACE)
-target_include_directories(net-snmp SYSTEM INTERFACE ${NET_SNMP_INCLUDE})
-target_link_libraries(net-snmp INTERFACE ${NET_SNMP_AGENT_LIBRARY} ${NET_SNMP_LIBRARY})
+target_link_libraries(net-snmp INTERFACE ${NET_SNMP_AGENT_LIBRARY} net-snmp-manager)
 
 # Debian's Boost headers cause warnings that we cannot fix.
 add_library(boost-headers INTERFACE)

@@ -1,0 +1,55 @@
+// kelv-status: says which parts of the chain from the virtualisation host to a manager work.
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <exception>
+#include <iostream>
+
+#include "apps/status/AgentProcesses.h"
+#include "apps/status/DaemonProbe.h"
+#include "apps/status/Judgement.h"
+#include "apps/status/Names.h"
+#include "apps/status/TestQuery.h"
+
+namespace {
+
+constexpr int cannotTell = 2;
+
+int Run(int argc, const char* const* argv) {
+    bool json = false;
+    CLI::App app{"Says what works between this virtualisation host and its managers.", "kelv-status"};
+    app.add_flag("--json", json, "Print one JSON object");
+    app.prefix_command();
+    app.footer(
+        "Further arguments are those of snmpget: [SNMP OPTIONS] [AGENT]; see kelv-status(8).\n"
+        "Exit code: 0 everything works, 1 something fails, 2 something cannot be told.");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& stop) {
+        return app.exit(stop) == 0 ? 0 : cannotTell;
+    }
+    KelvStatus::TestQuery query(app.remaining());
+    if (query.GetExitCode()) {
+        return *query.GetExitCode();
+    }
+    KelvStatus::Facts facts;
+    facts.isRoot = ::geteuid() == 0;
+    facts.user = KelvStatus::UserName(::geteuid());
+    facts.daemon = KelvStatus::ProbeDaemon();
+    facts.agents = KelvStatus::ListAgents();
+    facts.query = query.Run();
+    const KelvStatus::Report report = Judge(facts);
+    std::cout << (json ? ToJson(report) : ToText(report)) << std::flush;
+    return ExitCode(report);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return Run(argc, argv);
+    } catch (const std::exception& failure) {
+        std::cerr << "kelv-status: " << failure.what() << "\n";
+        return cannotTell;
+    }
+}

@@ -1,0 +1,206 @@
+"""kelv-status: what an operator is told of daemon, agent and module."""
+
+import json
+import os
+import pwd
+import re
+import shutil
+import signal
+import subprocess
+import time
+
+import pytest
+import system
+from net_snmp import V2C, auth_priv
+
+SMALL = system.HOSTS / "small.yaml"
+PROGRAM = system.BUILD / "apps/status/kelv-status"
+
+DAEMON = f"""\
+ok    daemon: accepts connections, belongs to user root
+ok    login: the daemon accepted a ticket
+ok    source: described host {SMALL} is connected
+ok    snapshot: 2 VMs, read N s ago
+"""
+NO_DAEMON = """\
+FAIL  daemon: cannot connect to localhost:902: Connection refused
+      systemctl status tovric-vessad says why it does not run; ss -lptn 'sport = :902' names another program on its port
+?     source: unknown without a login
+"""
+NOT_LOADED = """\
+FAIL  module: snmpd (process N, user root) has not loaded it
+      check the line dlmod of the agent's configuration and what the agent's log says about SNMPKelv, then: \
+systemctl restart snmpd
+"""
+ANSWERS = "ok    query: localhost answers prodName (Tovric Kelv Server) in N ms\n"
+NOT_TESTED = """\
+?     query: not tested
+      give the options of snmpget, or as root: SNMPCONFPATH=/etc/snmp/kelv kelv-status
+"""
+SILENT = """\
+FAIL  query: localhost does not answer within N ms
+      systemctl status snmpd says whether the agent runs; it listens where agentaddress says, and ignores an unknown \
+community and a wrong privacy passphrase
+"""
+RECIPES = "      put a recipe of /etc/snmp/snmpd.conf.d/kelv.conf into force for this user or community, then: systemctl restart snmpd\n"
+
+
+def loaded(user="root"):
+    return f"ok    module: snmpd (process N, user {user}) has loaded it\n"
+
+
+def may_read(user="root"):
+    return f"ok    ticket: snmpd (process N, user {user}) may read tickets\n"
+
+
+def run(*arguments, program=PROGRAM, **how):
+    """Returns the exit code and the text, with N for numbers that differ from run to run."""
+    started = time.monotonic()
+    result = subprocess.run([program, *arguments], capture_output=True, text=True, timeout=60,
+                            env={**os.environ, "SNMPCONFPATH": "/nonexistent"}, **how)
+    assert time.monotonic() - started < 8       # whatever hangs; a busy computer counts for some of it
+    assert result.stderr == ""
+    return result.returncode, re.sub(r"\d+(?= m?s\b)|(?<=process )\d+", "N", result.stdout)
+
+
+def test_everything_works(start_daemon, start_agent):
+    account = system.agent_account()
+    daemon = start_daemon(SMALL, "--ticket-group", account.pw_name)
+    start_agent(user=account.pw_name, background=True).allow_log(r"SNMP\w+: .*")
+    local = DAEMON + loaded(account.pw_name) + may_read(account.pw_name)
+    for options in (V2C, ["-v1", "-c", "public"], auth_priv("kelv")):
+        assert run(*options) == (0, local + ANSWERS)
+    assert run(*V2C, "127.0.0.1:161") == (0, local + ANSWERS.replace("localhost", "127.0.0.1:161"))
+    assert run() == (2, local + NOT_TESTED)
+    assert daemon.log_text().count("logged out") >= 5
+
+
+def test_the_same_as_json(start_daemon, start_agent):
+    start_daemon(SMALL)
+    start_agent()
+    code, text = run("--json", *V2C)
+    report = json.loads(text)
+    checks = report.pop("checks")
+    time_ = report.pop("queryTime")
+    assert report.pop("snapshotAge") in range(60)
+    assert code == 0 and time_ in range(8000)
+    assert report == {"exitCode": 0, "source": f"described host {SMALL}", "connected": True, "vms": 2}
+    assert [(check["check"], check["result"]) for check in checks] == [
+        (name, "ok") for name in ("daemon", "login", "source", "snapshot", "module", "ticket", "query")]
+    assert run("--json")[0] == 2
+
+
+def test_neither_daemon_nor_agent():
+    assert run(*V2C) == (1, NO_DAEMON + "FAIL  module: no snmpd runs in this network\n"
+                         "      systemctl status snmpd\n" + SILENT)
+
+
+def test_an_agent_without_the_module_and_no_daemon(start_agent):
+    start_agent(module=None)
+    assert run(*V2C) == (1, NO_DAEMON + NOT_LOADED +
+                         "?     ticket: whether snmpd (process N, user root) may read tickets is unknown without one\n"
+                         "FAIL  query: localhost shows no prodName: the module is not loaded\n")
+
+
+def test_programs_that_hang(start_daemon, start_agent):
+    daemon = start_daemon(SMALL)
+    agent = start_agent()
+    assert run(*V2C) == (0, DAEMON + loaded() + may_read() + ANSWERS)
+    for pid in (daemon.process.pid, agent.pid):
+        os.kill(pid, signal.SIGSTOP)
+    try:
+        hangs = run(*V2C)
+    finally:
+        for pid in (daemon.process.pid, agent.pid):
+            os.kill(pid, signal.SIGCONT)
+    assert hangs == (1, "FAIL  daemon: localhost:902: no reply in time (TLS handshake)\n"
+                     "      systemctl restart tovric-vessad\n"
+                     "?     source: unknown without a login\n" + loaded() +
+                     "?     ticket: whether snmpd (process N, user root) may read tickets is unknown without one\n" +
+                     SILENT)
+
+
+def test_a_module_that_was_replaced(start_daemon, start_agent, directory):
+    start_daemon(SMALL)
+    module = directory / "SNMPKelv.so"
+    shutil.copy(system.MODULE, module)
+    start_agent(module=module)
+    shutil.copy(system.MODULE, directory / "new")
+    (directory / "new").rename(module)
+    assert run(*V2C) == (1, DAEMON + "FAIL  module: snmpd (process N, user root) runs one whose file was replaced "
+                         "since\n      systemctl restart snmpd\n" + may_read() + ANSWERS)
+
+
+def test_a_ticket_that_the_agent_may_not_read(start_daemon, start_agent):
+    account = system.agent_account()
+    start_daemon(SMALL)
+    agent = start_agent(user=account.pw_name)       # logs in before it drops its rights
+    agent.allow_log(r"SNMP\w+: .*")
+    user = account.pw_name
+    assert run(*V2C) == (1, DAEMON + loaded(user) +
+                         f"FAIL  ticket: snmpd (process N, user {user}) may not read tickets (user root, group root, "
+                         f"mode 0600)\n      TICKET_GROUP={user} in /etc/default/tovric-vessad (option --ticket-group),"
+                         " then: systemctl restart tovric-vessad\n" + ANSWERS)
+
+
+@pytest.mark.parametrize("options, line", [
+    (V2C, "FAIL  query: localhost shows no prodName: the view of this user or community excludes it\n" + RECIPES),
+    (["-v1", "-c", "public"],
+     "FAIL  query: localhost shows no prodName: the view of this user or community excludes it\n" + RECIPES),
+    (["-v2c", "-c", "unknown"], SILENT),
+    (["-v3", "-l", "noAuthNoPriv", "-u", "kelv"],
+     "FAIL  query: localhost gives this user or community no access\n" + RECIPES),
+    (["-v3", "-l", "noAuthNoPriv", "-u", "unknown"],
+     "FAIL  query: localhost refuses it: Unknown user name\n      check the user, the level and the passphrases\n"),
+    ([option.replace("authentication", "another phrase") for option in auth_priv("kelv")],
+     "FAIL  query: localhost refuses it: Authentication failure (incorrect password, community or key)\n"
+     "      check the user, the level and the passphrases\n"),
+    ([option.replace("encryption", "another phrase") for option in auth_priv("kelv")], SILENT),
+], ids=["view", "view of version 1", "community", "level", "user", "passphrase", "privacy passphrase"])
+def test_who_may_not_query(start_daemon, start_agent, options, line):
+    start_daemon(SMALL)
+    agent = start_agent(access="view systemonly included .1.3.6.1.2.1.1\nrocommunity public 127.0.0.1 -V systemonly")
+    agent.allow_log("Authentication failed for kelv", "security service 3 error parsing ScopedPDU")
+    assert run(*options) == (1, DAEMON + loaded() + may_read() + line)
+
+
+def test_a_description_that_cannot_be_read_again(start_daemon, start_agent, directory):
+    path = directory / "host.yaml"
+    path.write_text(SMALL.read_text())
+    daemon = start_daemon(path)
+    start_agent()
+    path.write_text("vms: 7")
+    daemon.signal(signal.SIGHUP)
+    system.wait_until(lambda: "Reload failed" in daemon.log_text(), "the reload in the log")
+    code, text = run(*V2C)
+    assert code == 1
+    assert re.search(r"^FAIL  source: described host (\S+) cannot be read: \1:1:6: .*\n      libvirt: systemctl status "
+                     r"libvirtd, .*\nok    snapshot: 2 VMs, read N s ago and still served$", text, re.MULTILINE)
+
+
+def test_what_an_outsider_is_told(start_daemon, start_agent, directory):
+    system.agent_account()      # root can become another user
+    nobody = pwd.getpwnam("nobody")
+    start_daemon(SMALL)
+    agent = start_agent()
+    program = directory / "kelv-status"     # the build may be where only root can go
+    shutil.copy(PROGRAM, program)
+    result = subprocess.run([program], capture_output=True, text=True, timeout=60, user=nobody.pw_uid,
+                            group=nobody.pw_gid, extra_groups=[])
+    # Nor is an outsider told whether other agents are in this network.
+    ours = re.sub(rf".* snmpd \(process (?!{agent.pid},).*\n(?:  .*\n)?", "", result.stdout)
+    assert (result.returncode, ours) == (
+        2, "ok    daemon: accepts connections, belongs to user root\n"
+        "?     login: user nobody may not read tickets (user root, group root, mode 0600)\n"
+        "      run kelv-status as root\n"
+        "?     source: unknown without a login\n"
+        f"?     module: snmpd (process {agent.pid}, user root) does not show what it has loaded\n"
+        "      run kelv-status as root\n" + may_read().replace("N", str(agent.pid)) + NOT_TESTED)
+
+
+@pytest.mark.parametrize("arguments", [["-v9"], ["-v2c", "-c"], ["-v2c"], [*V2C, "localhost", "more"]])
+def test_wrong_arguments(arguments):
+    result = subprocess.run([PROGRAM, *arguments], capture_output=True, text=True, timeout=20,
+                            env={**os.environ, "SNMPCONFPATH": "/nonexistent"})
+    assert (result.returncode, result.stdout) == (2, "")
+    assert "kelv-status [" in result.stderr
