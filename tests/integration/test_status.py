@@ -42,7 +42,10 @@ FAIL  query: localhost does not answer within N ms
       systemctl status snmpd says whether the agent runs; it listens where agentaddress says, and ignores an unknown \
 community and a wrong privacy passphrase
 """
-RECIPES = "      put a recipe of /etc/snmp/snmpd.conf.d/kelv.conf into force for this user or community, then: systemctl restart snmpd\n"
+RECIPES = """\
+      put a recipe of /etc/snmp/snmpd.conf.d/kelv.conf into force for this user or community, then: systemctl restart \
+snmpd
+"""
 
 
 def loaded(user="root"):
