@@ -148,7 +148,7 @@ TEST(Judgement, OfTheLogin) {
 }
 
 TEST(Judgement, OfTheSourceAndItsSnapshot) {
-    const auto status = [](ServiceStatus status) {
+    const auto status = [](const ServiceStatus& status) {
         return [=](Facts& facts) { facts.daemon.status = status; };
     };
     const std::string unreadable =
