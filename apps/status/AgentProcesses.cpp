@@ -33,10 +33,11 @@ bool IsAgent(const fs::path& process) {
     return std::getline(std::ifstream(process / "comm"), name) && name == agentName;
 }
 
-bool IsInNetwork(const fs::path& process, const fs::path& own) {
-    std::error_code unseen;
-    const fs::path network = fs::read_symlink(process / "ns/net", unseen);
-    return unseen || network == own;
+// Only root can tell for the processes of other users; a process that has ended is in none.
+bool MayBeInNetwork(const fs::path& process, const fs::path& own) {
+    std::error_code error;
+    const fs::path network = fs::read_symlink(process / "ns/net", error);
+    return error ? error == std::errc::permission_denied : network == own;
 }
 
 // Nothing when the process has ended.
@@ -99,13 +100,15 @@ std::vector<AgentFacts> ListAgents(const fs::path& proc) {
          entry.increment(error)) {
         const fs::path process = entry->path();
         const auto id = ProcessId(process.filename().string());
-        if (!id || !IsAgent(process) || !IsInNetwork(process, own)) {
+        if (!id || !IsAgent(process) || !MayBeInNetwork(process, own)) {
             continue;
         }
+        const AgentFacts::Module module = FindModule(process);
+        // Last, because it tells whether the process was there when the module was looked for.
         if (const auto credentials = ReadCredentials(process)) {
             agents.push_back({*id, *credentials, UserName(credentials->user),
                               credentials->groups.empty() ? "" : GroupName(credentials->groups.front()),
-                              FindModule(process)});
+                              module});
         }
     }
     std::ranges::sort(agents, {}, &AgentFacts::process);
