@@ -37,7 +37,7 @@ bool IsAgent(const fs::path& process) {
 bool MayBeInNetwork(const fs::path& process, const fs::path& own) {
     std::error_code error;
     const fs::path network = fs::read_symlink(process / "ns/net", error);
-    return error ? error == std::errc::permission_denied : network == own;
+    return error ? error != std::errc::no_such_file_or_directory : network == own;
 }
 
 // Nothing when the process has ended.

@@ -49,11 +49,14 @@ TEST_F(AgentProcesses, AreThoseOfThisNetworkInTheOrderOfTheirIds) {
         Add(process, "snmpd", mapping);
         Link(process, std::string(process) == "300" ? "net:[1]" : network);
     }
-    Add("5", "snmpd", mapping);  // does not show its network
+    Add("5", "snmpd", mapping);
+    std::ofstream(Folder("5") / "ns/net") << "cannot be read as a link";
     Add("6", "snmpd", mapping, "Z (zombie)");
+    Link("6", network);
     Add("7", "snmptrapd", mapping);
     Add("8x", "snmpd", mapping);
-    Folder("9");  // has ended
+    Add("9", "snmpd", mapping);  // ended since its folder was listed
+    Folder("10");
     EXPECT_THAT(
         List(),
         ElementsAre(testing::Field(&AgentFacts::process, 4), testing::Field(&AgentFacts::process, 5),
@@ -62,6 +65,7 @@ TEST_F(AgentProcesses, AreThoseOfThisNetworkInTheOrderOfTheirIds) {
 
 TEST_F(AgentProcesses, OpenFilesAsTheirFileSystemUserWithAllGroups) {
     Add("4", "snmpd", mapping);
+    Link("4", network);
     const AgentFacts agent = List().at(0);
     EXPECT_EQ(agent.credentials.user, 4000000001U);
     EXPECT_THAT(agent.credentials.groups, ElementsAre(4000000002U, 4000000003U, 9U));
@@ -83,6 +87,7 @@ TEST_F(AgentProcesses, HaveTheModuleThatTheirMapsName) {
         {mapping + "/usr/sbin/snmpd (deleted)\n", Module::NotLoaded},
         {mapping + folder + "/SNMPKelv.so (deleted)\n" + mapping + folder + "/SNMPKelv.so\n", Module::Loaded},
     };
+    Link("4", network);
     for (const auto& [maps, module] : cases) {
         Add("4", "snmpd", maps);
         EXPECT_EQ(List().at(0).module, module) << maps;
