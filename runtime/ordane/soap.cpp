@@ -1,6 +1,5 @@
 #include "runtime/ordane/soap.h"
 
-#include <algorithm>
 #include <new>
 #include <pugixml.hpp>
 
@@ -29,10 +28,10 @@ class Envelope {
     std::string End() {
         body.Close("soapenv:Body");
         body.Close("soapenv:Envelope");
-        return R"(<?xml version="1.0" encoding="UTF-8"?>)" + body.Take();
+        return body.Take();
     }
 
-    Xml::Writer body;
+    Xml::Writer body{R"(<?xml version="1.0" encoding="UTF-8"?>)"};
 };
 
 // Writes the message of a call or of its response.
@@ -57,14 +56,8 @@ struct DepthCheck final : pugi::xml_tree_walker {
 
 // Refuses a message beyond `limits`. Reads the text alone and allocates nothing.
 void CheckCounts(std::string_view text, const Limits& limits) {
-    std::size_t elements = 0;
-    for (std::size_t at = text.find('<'); at != std::string_view::npos; at = text.find('<', at + 1)) {
-        if (at + 1 == text.size() || text[at + 1] != '/') {
-            ++elements;
-        }
-    }
-    const auto attributes = static_cast<std::size_t>(std::count(text.begin(), text.end(), '='));
-    if (elements > limits.maxElements || attributes > limits.maxElements) {
+    const Xml::Size size = Xml::SizeOf(text);
+    if (size.elements > limits.maxElements || size.attributes > limits.maxElements) {
         throw Tessim::InvalidArgumentException(
             "a SOAP message of more than " + std::to_string(limits.maxElements) + " elements or attributes");
     }

@@ -1,5 +1,6 @@
 #include "runtime/ordane/xml_codec.h"
 
+#include <algorithm>
 #include <charconv>
 #include <limits>
 
@@ -27,27 +28,93 @@ std::string_view WithoutPrefix(std::string_view name) {
     return colon == std::string_view::npos ? name : name.substr(colon + 1);
 }
 
-struct MemberWriter {
-    Writer& writer;
-    const Member& member;
-
-    void operator()(bool value) const { writer.AddElement(member.name, value ? "true" : "false"); }
-    void operator()(std::int64_t value) const {
-        if (member.kind == ValueKind::Enum) {
-            writer.AddElement(member.name, member.enumType->GetText(static_cast<int>(value)));
-        } else {
-            writer.AddElement(member.name, std::to_string(value));
+// Counts what a Writer would write. The texts' special characters count as their longest escape.
+class Counter {
+  public:
+    void Open(std::string_view name) {
+        ++size.elements;
+        size.bytes += name.size() + std::string_view("<>").size();
+    }
+    void Close(std::string_view name) { size.bytes += name.size() + std::string_view("</>").size(); }
+    void AddAttribute(std::string_view name, std::string_view value) {
+        ++size.attributes;
+        size.bytes += name.size() + std::string_view(" =\"\"").size();
+        AddText(value);
+    }
+    void AddText(std::string_view content) {
+        constexpr std::size_t longestEscape = 6;
+        size.bytes += content.size();
+        for (const char character : content) {
+            const bool isSpecial = static_cast<unsigned char>(character) < ' ' || character == '&' ||
+                                   character == '<' || character == '>' || character == '"';
+            size.bytes += isSpecial ? longestEscape - 1 : 0;
+            size.attributes += character == '=' ? 1 : 0;
         }
     }
-    void operator()(std::string_view value) const { writer.AddElement(member.name, value); }
+    void AddElement(std::string_view name, std::string_view content) {
+        Open(name);
+        AddText(content);
+        Close(name);
+    }
+
+    Size size;
+};
+
+// What follows writes to a Writer or a Counter.
+
+template <class Output>
+void PutMembers(Output& output, const DataObject& object);
+
+template <class Output>
+void PutReference(Output& output, std::string_view name, const MoRef& reference) {
+    output.Open(name);
+    output.AddAttribute("type", reference.GetType());
+    output.AddText(reference.GetId());
+    output.Close(name);
+}
+
+template <class Output>
+void PutObject(Output& output, std::string_view name, const DataObject& object,
+               const DataObjectType& declared) {
+    output.Open(name);
+    const DataObjectType& type = *object.GetDataObjectType();
+    if (&type != &declared) {
+        output.AddAttribute(concreteType, type.name);
+    }
+    PutMembers(output, object);
+    output.Close(name);
+}
+
+template <class Output>
+struct MemberWriter {
+    Output& output;
+    const Member& member;
+
+    void operator()(bool value) const { output.AddElement(member.name, value ? "true" : "false"); }
+    void operator()(std::int64_t value) const {
+        if (member.kind == ValueKind::Enum) {
+            output.AddElement(member.name, member.enumType->GetText(static_cast<int>(value)));
+        } else {
+            output.AddElement(member.name, std::to_string(value));
+        }
+    }
+    void operator()(std::string_view value) const { output.AddElement(member.name, value); }
     void operator()(Any* value) const {
         if (member.kind == ValueKind::Reference) {
-            WriteReference(writer, member.name, static_cast<const MoRef&>(*value));
+            PutReference(output, member.name, static_cast<const MoRef&>(*value));
         } else {
-            WriteObject(writer, member.name, static_cast<const DataObject&>(*value), *member.objectType);
+            PutObject(output, member.name, static_cast<const DataObject&>(*value), *member.objectType);
         }
     }
 };
+
+template <class Output>
+void PutMembers(Output& output, const DataObject& object) {
+    object.GetDataObjectType()->VisitMembers([&](const Member& member) {
+        const MemberWriter<Output> write{output, member};
+        member.forEach(object, [&](const Value& value) { std::visit(write, value); });
+    });
+}
 
 std::int64_t ReadInteger(pugi::xml_node element, std::int64_t low, std::int64_t high) {
     const std::string text = Tessim::StringUtil::Trim(TextOf(element));
@@ -207,10 +274,7 @@ void Writer::Escape(std::string_view content, std::string_view special) {
 }
 
 void WriteReference(Writer& writer, std::string_view name, const MoRef& reference) {
-    writer.Open(name);
-    writer.AddAttribute("type", reference.GetType());
-    writer.AddText(reference.GetId());
-    writer.Close(name);
+    PutReference(writer, name, reference);
 }
 
 Tessim::Ref<MoRef> ReadReference(pugi::xml_node element, std::string_view declaredType, Unknown unknown) {
@@ -231,21 +295,35 @@ std::string EscapeName(std::string_view name) {
 }
 
 void WriteMembers(Writer& writer, const DataObject& object) {
-    object.GetDataObjectType()->VisitMembers([&](const Member& member) {
-        const MemberWriter write{writer, member};
-        member.forEach(object, [&](const Value& value) { std::visit(write, value); });
-    });
+    PutMembers(writer, object);
+}
+
+Size& Size::operator+=(const Size& other) {
+    bytes += other.bytes;
+    elements += other.elements;
+    attributes += other.attributes;
+    return *this;
+}
+
+Size SizeOf(std::string_view text) {
+    Size size{text.size(), 0, static_cast<std::size_t>(std::count(text.begin(), text.end(), '='))};
+    for (std::size_t at = text.find('<'); at != std::string_view::npos; at = text.find('<', at + 1)) {
+        if (at + 1 == text.size() || text[at + 1] != '/') {
+            ++size.elements;
+        }
+    }
+    return size;
+}
+
+Size SizeOf(const DataObject& object) {
+    Counter counter;
+    PutMembers(counter, object);
+    return counter.size;
 }
 
 void WriteObject(Writer& writer, std::string_view name, const DataObject& object,
                  const DataObjectType& declared) {
-    writer.Open(name);
-    const DataObjectType& type = *object.GetDataObjectType();
-    if (&type != &declared) {
-        writer.AddAttribute(concreteType, type.name);
-    }
-    WriteMembers(writer, object);
-    writer.Close(name);
+    PutObject(writer, name, object, declared);
 }
 
 Tessim::Ref<DataObject> ReadObject(pugi::xml_node element, const DataObjectType& declared, Unknown unknown) {

@@ -1,6 +1,7 @@
 // Data objects as XML elements and back, driven by their type objects. May be called from any thread.
 #pragma once
 
+#include <cstddef>
 #include <pugixml.hpp>
 #include <string>
 #include <string_view>
@@ -20,6 +21,9 @@ enum class Unknown { Ignore, Refuse };
 // their first NUL; control characters become references.
 class Writer {
   public:
+    // What is written follows `begin`.
+    explicit Writer(std::string_view begin = {}) : text(begin) {}
+
     // Starts an element, which ends with Close; what is written in between is its content. `name` must be the
     // same for both.
     void Open(std::string_view name);
@@ -47,6 +51,23 @@ void WriteObject(Writer& writer, std::string_view name, const DataObject& object
 
 // Writes the members of `object`.
 void WriteMembers(Writer& writer, const DataObject& object);
+
+// How much of a message a text takes, as its reader's limits count.
+struct Size {
+    std::size_t bytes = 0;
+    std::size_t elements = 0;
+    std::size_t attributes = 0;  // and other "="
+
+    // Whether none exceeds that of `limit`.
+    bool FitsIn(const Size& limit) const {
+        return bytes <= limit.bytes && elements <= limit.elements && attributes <= limit.attributes;
+    }
+    Size& operator+=(const Size& other);
+};
+
+Size SizeOf(std::string_view text);
+// Of the members of `object`. Its bytes are at least those that WriteMembers writes.
+Size SizeOf(const DataObject& object);
 
 // Returns the object that `element` holds, of type `declared` or the descendant that xsi:type names. Throws
 // Tessim::InvalidArgumentException with the place and what was expected: a missing, repeated or ill-typed

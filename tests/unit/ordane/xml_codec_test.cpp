@@ -56,6 +56,23 @@ TEST(XmlCodec, WritesAndReadsEveryKindOfMemberInTheOrderOfItsType) {
     EXPECT_EQ(Carried<Sample::Everything>(Sample::everything, Unknown::Refuse), Sample::everything);
 }
 
+TEST(XmlCodec, CountsWhatItWrites) {
+    EXPECT_EQ(SizeOf("<a b='='><c/>=</a><").elements, 3U);
+    EXPECT_EQ(SizeOf("<a b='='><c/>=</a><").attributes, 3U);
+    const auto object = Read<Sample::Everything>(Sample::everything);
+    for (const char* const text : {"", "a text", "a=b", "<&>\"\x01\n", "\x7f\xc3\xa4"}) {
+        object->SetText(text);
+        Writer writer;
+        WriteMembers(writer, *object);
+        const std::string written = writer.Take();
+        const Size size = SizeOf(*object);
+        EXPECT_EQ(size.elements, SizeOf(written).elements) << text;
+        EXPECT_EQ(size.attributes, SizeOf(written).attributes) << text;
+        EXPECT_GE(size.bytes, written.size()) << text;
+        EXPECT_LE(size.bytes, written.size() + written.size() / 10) << text;
+    }
+}
+
 TEST(XmlCodec, CarriesMembers) {
     for (const auto& [read, written] : Sample::ReadCases("carried_members")) {
         EXPECT_EQ(CarriedMembers(read), written) << read;
