@@ -20,7 +20,7 @@ void SNMPResCPUTable_Destroy() {
 }
 
 resCPUNode** SNMPResCPUTable_GetPtr() {
-    resCPUOrder.Forget();
+    resCPUOrder.ShareHead();
     return &resCPUList;
 }
 
@@ -42,7 +42,7 @@ void SNMPResMemTable_Destroy() {
 }
 
 resMemNode** SNMPResMemTable_GetPtr() {
-    resMemOrder.Forget();
+    resMemOrder.ShareHead();
     return &resMemList;
 }
 
@@ -64,7 +64,7 @@ void SNMPResDiskTable_Destroy() {
 }
 
 resDiskNode** SNMPResDiskTable_GetPtr() {
-    resDiskOrder.Forget();
+    resDiskOrder.ShareHead();
     return &resDiskList;
 }
 
@@ -86,6 +86,6 @@ void SNMPResNetTable_Destroy() {
 }
 
 resNetNode** SNMPResNetTable_GetPtr() {
-    resNetOrder.Forget();
+    resNetOrder.ShareHead();
     return &resNetList;
 }

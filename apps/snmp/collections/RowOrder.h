@@ -25,8 +25,9 @@ RowIndex<indexFields<Row>.size()> IndexOf(const Row& row) noexcept {
     return index;
 }
 
-// Made after a rebuild and forgotten when rows may be linked or released. Used on the agent's one request
-// thread.
+// Made after a rebuild and forgotten when the rows are released. Whoever got the address of the head may link
+// or release rows at any later time, so there is no order then for the rest of the process. Used on the
+// agent's one request thread.
 template <class Row>
 class RowOrder {
   public:
@@ -35,12 +36,15 @@ class RowOrder {
     RowOrder(const RowOrder&) = delete;
     RowOrder& operator=(const RowOrder&) = delete;
 
-    // Orders the rows that are linked, equal ones as they are linked. Without memory there is no order.
+    // Orders the rows that are linked, equal ones as they are linked. Without memory, and after ShareHead,
+    // there is no order.
     void Make() noexcept {
         Forget();
+        if (headIsShared) {
+            return;
+        }
         std::size_t count = 0;
-        for (Row* row = head; row != nullptr; row = row->next) {
-            last = row;
+        for (const Row* row = head; row != nullptr; row = row->next) {
             ++count;
         }
         try {
@@ -51,18 +55,22 @@ class RowOrder {
         for (Row* row = head; row != nullptr; row = row->next) {
             rows.push_back(row);
         }
-        first = head;
         hint = 0;
         std::stable_sort(rows.begin(), rows.end(),
                          [](const Row* left, const Row* right) { return IndexOf(*left) < IndexOf(*right); });
     }
 
-    // There is no order from now on. Releases its memory.
+    // There is no order until the next Make. Releases its memory.
     void Forget() noexcept { std::vector<Row*>().swap(rows); }
 
-    // Whether there is an order of the list as it is. Sees rows that were linked at either end since, not
-    // those that were linked between others.
-    bool IsKnown() const noexcept { return !rows.empty() && first == head && last->next == nullptr; }
+    // The head's address leaves the module: there is no order from now on, whatever Make does.
+    void ShareHead() noexcept {
+        Forget();
+        headIsShared = true;
+    }
+
+    // Whether there is an order.
+    bool IsKnown() const noexcept { return !rows.empty(); }
 
     // The first row in the order that `reaches` holds for, as it must for all later ones; null when it holds
     // for none. There must be an order.
@@ -87,9 +95,8 @@ class RowOrder {
   private:
     Row* const& head;
     std::vector<Row*> rows;
-    Row* first = nullptr;  // of the list as it was ordered
-    Row* last = nullptr;
     std::size_t hint = 0;  // the position that the last request found
+    bool headIsShared = false;
 };
 
 }  // namespace SNMP

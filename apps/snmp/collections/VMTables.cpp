@@ -58,7 +58,7 @@ void SNMPVMHBATable_Destroy() {
 }
 
 vmHBANode** SNMPVMHBATable_GetPtr() {
-    vmHBAOrder.Forget();
+    vmHBAOrder.ShareHead();
     return &vmHBAList;
 }
 
@@ -80,7 +80,7 @@ void SNMPVMHBATgtTable_Destroy() {
 }
 
 vmHBATgtNode** SNMPVMHBATgtTable_GetPtr() {
-    vmHBATgtOrder.Forget();
+    vmHBATgtOrder.ShareHead();
     return &vmHBATgtList;
 }
 
@@ -102,7 +102,7 @@ void SNMPVMNetTable_Destroy() {
 }
 
 vmNetNode** SNMPVMNetTable_GetPtr() {
-    vmNetOrder.Forget();
+    vmNetOrder.ShareHead();
     return &vmNetList;
 }
 
@@ -124,7 +124,7 @@ void SNMPVMFloppyTable_Destroy() {
 }
 
 vmFloppyNode** SNMPVMFloppyTable_GetPtr() {
-    vmFloppyOrder.Forget();
+    vmFloppyOrder.ShareHead();
     return &vmFloppyList;
 }
 
@@ -146,6 +146,6 @@ void SNMPVMCDROMTable_Destroy() {
 }
 
 vmCDROMNode** SNMPVMCDROMTable_GetPtr() {
-    vmCDROMOrder.Forget();
+    vmCDROMOrder.ShareHead();
     return &vmCDROMList;
 }

@@ -4,11 +4,13 @@
 // or with a refresh. The operations of a list collection:
 //   Init     rewinds to the first row.
 //   GetNext  stores the next row and returns its position in the list; stores null and returns -1 at the end.
+//   The
+//            row is for reading.
 //   Destroy  releases the rows and the strings that they own, and leaves the list empty. Rows
 //            returned before are invalid then; the cursor stays as it is until the next Init.
-//   GetPtr   returns the address of the head variable, through which rows are linked in until the next
-//            Destroy, and forgets the order of the rows. Rows are `calloc`-ed, and the collection owns
-//            them.
+//   GetPtr   returns the address of the head variable, through which its caller may link, unlink and release
+//            rows at any time; every later request walks the list. Rows are `calloc`-ed, and the collection
+//            owns them while they are linked. The rebuild uses the head variable itself.
 #pragma once
 
 #include "apps/snmp/collections/RowOrder.h"

@@ -48,15 +48,15 @@ class CacheFiller {
   private:
     OrdaneClient* client;
     vmEntry* rows;
-    TailCursor<vmNetNode> net{SNMPVMNetTable_GetPtr()};
-    TailCursor<vmHBANode> hba{SNMPVMHBATable_GetPtr()};
-    TailCursor<vmHBATgtNode> tgt{SNMPVMHBATgtTable_GetPtr()};
-    TailCursor<vmCDROMNode> cdrom{SNMPVMCDROMTable_GetPtr()};
-    TailCursor<vmFloppyNode> floppy{SNMPVMFloppyTable_GetPtr()};
-    TailCursor<resCPUNode> resCPU{SNMPResCPUTable_GetPtr()};
-    TailCursor<resMemNode> resMem{SNMPResMemTable_GetPtr()};
-    TailCursor<resDiskNode> resDisk{SNMPResDiskTable_GetPtr()};
-    TailCursor<resNetNode> resNet{SNMPResNetTable_GetPtr()};
+    TailCursor<vmNetNode> net{&vmNetList};
+    TailCursor<vmHBANode> hba{&vmHBAList};
+    TailCursor<vmHBATgtNode> tgt{&vmHBATgtList};
+    TailCursor<vmCDROMNode> cdrom{&vmCDROMList};
+    TailCursor<vmFloppyNode> floppy{&vmFloppyList};
+    TailCursor<resCPUNode> resCPU{&resCPUList};
+    TailCursor<resMemNode> resMem{&resMemList};
+    TailCursor<resDiskNode> resDisk{&resDiskList};
+    TailCursor<resNetNode> resNet{&resNetList};
 };
 
 // Of every list.
@@ -78,7 +78,7 @@ bool FillTables(OrdaneClient* client, Ordane::DataArray<Hask::VirtualMachine>* v
                 Ordane::DataArray<Hask::Vm::ConfigInfo>* configs) {
     const int count = vms->GetLength();
     auto* const rows = static_cast<vmEntry*>(std::calloc(static_cast<std::size_t>(count), sizeof(vmEntry)));
-    *SNMPVMInfoTable_GetPtr() = rows;
+    vmInfoTable = rows;
     if (rows == nullptr) {
         snmp_log(LOG_WARNING, "SNMPRaskRefreshCache: Out of memory?\n");
         return false;

@@ -173,10 +173,11 @@ void OrderRows(const TableFacts<Row>& table) {
     }
 }
 
-// Links `rows` in that order.
+// Links `rows` in that order, as a rebuild does.
 template <class Row>
 void LinkRows(const TableFacts<Row>& table, const std::vector<Row*>& rows) {
-    Row** link = table.getPtr();
+    table.order->Forget();
+    Row** link = table.head;
     for (Row* const row : rows) {
         *link = row;
         link = &row->next;
