@@ -18,8 +18,7 @@ bool IsReferenceTo(const Ordane::MoRef& reference, std::string_view id) {
 
 // Returns a new object for what `reference` names in `inventory`, or null: the folder of VMs, a VM, a
 // datastore, the host, its memory manager or its performance manager. `elapsed` is the time since the daemon
-// started, for statistics. The object keeps the inventory alive, and must
-// not outlive `changes`.
+// started, for statistics. The object keeps the inventory alive, and must not outlive `changes`.
 Tessim::Ref<Ordane::ManagedObject> FindHostObject(const std::shared_ptr<const Inventory>& inventory,
                                                   ChangeTracker& changes, const Ordane::MoRef& reference,
                                                   std::chrono::nanoseconds elapsed);

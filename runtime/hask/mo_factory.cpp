@@ -8,7 +8,8 @@ namespace Hask {
 
 namespace {
 
-// The stubs below answer from the cache where they can, and else ask the daemon.
+// The stubs below return what the cache keeps, and else call the daemon. The cache itself calls the methods
+// that pass through them unchanged, on the stubs that they hold.
 
 class CachedFolder final : public Folder {
   public:

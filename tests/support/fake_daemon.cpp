@@ -203,7 +203,7 @@ void FakeDaemon::Step(const std::string& event) {
 }
 
 void FakeDaemon::Send(const std::string& method) {
-    if (!FakeHost::Knows(method)) {
+    if (!host.Knows(method)) {
         return;
     }
     calls.push_back(method);

@@ -90,8 +90,64 @@ Ref<Ordane::ManagedObject> FakeHost::Find(const MoRef& reference) {
     return known ? MakeRef<FakeObject>(*this, reference) : nullptr;
 }
 
-bool FakeHost::Knows(const std::string& method) {
-    return method != "RetrieveChanges" && method != "QueryLatest";
+bool FakeHost::Knows(const std::string& method) const {
+    return newer || (method != "RetrieveChanges" && method != "QueryLatest");
+}
+
+Ref<Hask::Folder::Changes> FakeHost::MakeChanges() const {
+    auto changes = MakeRef<Hask::Folder::Changes>();
+    changes->SetVersion("1");
+    changes->SetComplete(true);
+    changes->SetReset(true);
+    auto objects = MakeRef<Hask::Folder::Objects>();
+    for (const FakeVm& vm : vms) {
+        auto state = MakeRef<Hask::Vm::State>();
+        state->SetEntity(MakeRef<MoRef>("VirtualMachine", vm.id));
+        state->SetConfig(vm.config);
+        state->SetRuntime(vm.runtime);
+        state->SetGuest(vm.guest);
+        changes->GetVm()->Append(state);
+        objects->GetVm()->Append(state->GetEntity());
+    }
+    for (const auto& [id, info] : datastores) {
+        auto state = MakeRef<Hask::Datastore::State>();
+        state->SetEntity(MakeRef<MoRef>("Datastore", id));
+        state->SetInfo(info);
+        changes->GetDatastore()->Append(state);
+        objects->GetDatastore()->Append(state->GetEntity());
+    }
+    changes->SetObjects(objects);
+    return changes;
+}
+
+Ref<Hask::PerformanceManager::LatestSamples> FakeHost::MakeSamples(const DataObject& query) const {
+    using Performance = Hask::PerformanceManager;
+    auto latest = MakeRef<Performance::LatestSamples>();
+    std::map<std::pair<int, std::string>, int> numbers;
+    std::vector<std::string> texts;
+    int position = 0;
+    query.GetDataObjectType()->ownMembers[0].forEach(query, [&](const Ordane::Value& value) {
+        const auto& entity = static_cast<const MoRef&>(*std::get<Ordane::Any*>(value));
+        for (const auto& element : *metrics) {
+            const auto* const metric = Tessim::NarrowToType<Performance::EntityMetric>(element);
+            if (metric->GetEntity()->GetId() != entity.GetId()) {
+                continue;
+            }
+            std::string& text = texts.emplace_back(std::to_string(position));
+            for (const auto& each : *metric->GetValue()) {
+                const auto* const series = Tessim::NarrowToType<Performance::IntSeries>(each);
+                const auto [number, added] = numbers.try_emplace(
+                    {series->GetId()->GetCounterId(), series->GetId()->GetInstance()}, numbers.size());
+                if (added) {
+                    latest->GetSeries()->Append(series->GetId());
+                }
+                text += ' ' + std::to_string(number->second) + ' ' + std::to_string(series->GetValue().at(0));
+            }
+        }
+        ++position;
+    });
+    latest->SetSamples(texts);
+    return latest;
 }
 
 FakeVm FakeHost::FindVm(const std::string& id) const {
@@ -123,7 +179,9 @@ Ref<DataObject> FakeHost::Reply(const std::string& id, const Ordane::MethodInfo&
         {"GetHardware", [&] { return Objects{hardware}; }},
         {"GetConsoleReservationInfo", [&] { return Objects{consoleReservation}; }},
         {"GetPerfCounter", [&] { return Objects(counters->begin(), counters->end()); }},
-        {"QueryPerf", [&] { return Objects(metrics->begin(), metrics->end()); }}};
+        {"QueryPerf", [&] { return Objects(metrics->begin(), metrics->end()); }},
+        {"RetrieveChanges", [&] { return Objects{MakeChanges()}; }},
+        {"QueryLatest", [&] { return Objects{MakeSamples(request)}; }}};
     Ref<DataObject> response = method.response->create();
     for (const Ref<Ordane::Any>& result : results.at(name)()) {
         if (result) {

@@ -53,8 +53,9 @@ class FakeHost {
         actions[method] = std::move(action);
     }
 
-    // Whether the daemon has the method: this one is of the time before the calls that return much at once.
-    static bool Knows(const std::string& method);
+    // Whether the daemon has the calls that return much at once, RetrieveChanges and QueryLatest.
+    bool newer = false;
+    bool Knows(const std::string& method) const;
 
     // The object of that type and id, or null. It uses this host and must not outlive it.
     Tessim::Ref<Ordane::ManagedObject> Find(const Ordane::MoRef& reference);
@@ -67,6 +68,10 @@ class FakeHost {
     // Keeps the parameters of a call.
     void Record(const std::string& method, const Ordane::DataObject& request);
     FakeVm FindVm(const std::string& id) const;
+    // Everything, as if nothing had been received before.
+    Tessim::Ref<Hask::Folder::Changes> MakeChanges() const;
+    // The metrics of the entities in `query`.
+    Tessim::Ref<Hask::PerformanceManager::LatestSamples> MakeSamples(const Ordane::DataObject& query) const;
     Tessim::Ref<Hask::SessionManager::LocalTicket> MakeTicket();
     std::string MakeTicketFile();
 

@@ -1,5 +1,7 @@
 """A daemon that sends many objects in one call, and what it can get wrong there."""
 
+import copy
+
 import expected_tree
 import fake_daemon
 import mib
@@ -54,6 +56,15 @@ class NewerBehaviour(fake_daemon.GoodBehaviour):
 
 
 @pytest.fixture
+def host():
+    """Three VMs alike: a fault can be in the middle one."""
+    host = expected_tree.load(fake_daemon.HOST)
+    first, = host["vms"]
+    host["vms"] += [copy.deepcopy(first) | {"id": id} for id in ("32", "48")]
+    return host
+
+
+@pytest.fixture
 def good(host, directory):
     return NewerBehaviour(host, directory)
 
@@ -84,28 +95,38 @@ def truncated(good):
 STALE = {"runtime": {"powerState": "poweredOff"}, "guest": None, "config": {"name": "old", "guestFullName": "old"}}
 
 # What goes wrong and the calls that a refresh makes all the same; without calls, it leaves the tables empty.
-ONE_BY_ONE = ["GetChildEntity", "GetConfig", "QueryLatest", "GetRuntime", "GetGuest", "GetInfo"]
+NEW = ["GetChildEntity", "RetrieveChanges", "QueryLatest"]
+GETTERS = ["GetRuntime", "GetGuest", "GetInfo"]
+ONE_BY_ONE = ["GetChildEntity", "RetrieveChanges", *["GetConfig"] * 3, "QueryLatest", *GETTERS * 3]
+NOT_SENT = ["GetChildEntity", "RetrieveChanges", "GetConfig", "QueryLatest", "GetRuntime", "GetGuest"]
 FAULTS = {
-    "nothing": (Replaced, ["RetrieveChanges", "QueryLatest"]),
-    "fault": (lambda good: Replaced(good, RetrieveChanges=fault("SystemError")), ["RetrieveChanges", *ONE_BY_ONE]),
-    "VM without a name": (changes(lambda good: good.changes("<vm/>" + good.objects())),
-                          ["RetrieveChanges", *ONE_BY_ONE]),
-    "no list": (changes(lambda good: good.changes("")), ["RetrieveChanges", *ONE_BY_ONE]),
-    "no version": (changes(lambda good: good.changes("").replace("version", "vision")),
-                   ["RetrieveChanges", *ONE_BY_ONE]),
+    "nothing": (Replaced, NEW),
+    "fault": (lambda good: Replaced(good, RetrieveChanges=fault("SystemError")), ONE_BY_ONE),
+    "VM without a name": (changes(lambda good: good.changes("".join(
+        good.vm(vm, **({"entity": None} if vm["id"] == "32" else {})) for vm in good.host["vms"]) + good.objects())),
+        ONE_BY_ONE),
+    "no list": (changes(lambda good: good.changes("")), ONE_BY_ONE),
+    "no version": (changes(lambda good: good.changes("").replace("version", "vision")), ONE_BY_ONE),
     "no progress": (changes(lambda good: good.changes(good.everything(), complete="false", reset="false")),
-                    ["RetrieveChanges", "RetrieveChanges", *ONE_BY_ONE]),
+                    [*NEW[:2], *ONE_BY_ONE[1:]]),
+    "no progress from nothing": (changes(lambda good: good.changes(good.everything(), complete="false")),
+                                 [*NEW[:2], *ONE_BY_ONE[1:]]),
     "duplicates": (changes(lambda good: good.changes(
-        "".join(good.vm(vm, **STALE) for vm in good.host["vms"]) + good.everything())),
-        ["RetrieveChanges", "QueryLatest"]),
-    "VM that is not sent": (changes(lambda good: good.changes(
-        "".join(map(good.datastore, good.host["datastores"])) + good.objects())),
-        ["RetrieveChanges", "GetConfig", "QueryLatest", "GetRuntime", "GetGuest"]),
-    "VM that does not exist": (changes(lambda good: good.changes(good.everything("99"), VERSION + "9")), None),
-    "statistics of no series": (samples("0 1 5"), ["RetrieveChanges", "QueryLatest", "QueryPerf"]),
-    "statistics of no entity": (samples("1 0 5"), ["RetrieveChanges", "QueryLatest", "QueryPerf"]),
-    "statistics fault": (lambda good: Replaced(good, QueryLatest=fault("InvalidRequest")),
-                         ["RetrieveChanges", "QueryLatest", "QueryPerf"]),
+        "".join(good.vm(vm, **STALE) for vm in good.host["vms"]) + good.everything())), NEW),
+    "VM that is not sent": (changes(lambda good: good.changes("".join(
+        good.vm(vm) for vm in good.host["vms"] if vm["id"] != "32") + "".join(
+            map(good.datastore, good.host["datastores"])) + good.objects())),
+        NOT_SENT),
+    "VM that does not exist": (lambda good: Replaced(
+        good, GetChildEntity=response("GetChildEntity", good.GetChildEntity(None).replace(">32<", ">99<")),
+        RetrieveChanges=response("RetrieveChanges", good.changes(good.everything("99"), VERSION + "9"))), None),
+    "too many elements": (lambda good: Replaced(good, RetrieveChanges=response("RetrieveChanges", "<vm/>" * 1000001)),
+                          None),
+    "statistics of no series": (samples("0 1 5"), [*NEW, "QueryPerf"]),
+    "statistics of no entity": (samples("3 0 5"), [*NEW, "QueryPerf"]),
+    "too many statistics": (samples("0" + " 0 5" * 1000001), [*NEW, "QueryPerf"]),
+    "statistics fault": (lambda good: Replaced(good, QueryLatest=fault("InvalidRequest")), [*NEW, "QueryPerf"]),
+    "oversized statistics": (lambda good: Replaced(good, QueryLatest=http_reply(b" " * (33 << 20))), None),
     "no end": (endless, None),
     "truncated": (truncated, None),
     "oversized": (lambda good: Replaced(good, RetrieveChanges=http_reply(b" " * (33 << 20))), None),
@@ -126,7 +147,12 @@ def test_a_refresh_is_whole_or_empty_whatever_the_changes_are(fake, good, host, 
     else:
         assert rows and made[-len(calls):] == calls
         agent.assert_right(host)
+        assert agent.log.read_text().count("Making other calls in place of") == (calls not in (NEW, NOT_SENT))
     fake.behave(good)
+    if calls:
+        before = len(fake.calls)
+        assert agent.refresh()[1]
+        assert {*NEW} <= {call.method for call in fake.calls[before:]}
     agent.recover(host)
     assert not fake.errors
 
@@ -135,7 +161,7 @@ def test_a_refresh_receives_what_changed_alone(fake, good, host, agent):
     before, sent = len(fake.calls), len(fake.sent)
     fake.recording = True
     assert agent.refresh()[1]
-    assert [call.method for call in fake.calls[before:]] == ["RetrieveChanges", "QueryLatest"]
+    assert [call.method for call in fake.calls[before:]] == NEW
     assert len(fake.sent) > sent and b"<config>" not in fake.sent[sent:]
     host["vms"][0]["config"]["name"] = "renamed"
     changed = Replaced(good, RetrieveChanges=response("RetrieveChanges", good.changes(
@@ -144,3 +170,14 @@ def test_a_refresh_receives_what_changed_alone(fake, good, host, agent):
     assert agent.refresh()[1]
     assert agent.client.get(mib.oid("vmDisplayName", 0))[0].value == b"renamed"
     agent.assert_right(expected_tree.load(fake_daemon.HOST) | {"vms": host["vms"]})
+
+
+def test_a_connection_that_ends_in_the_changes_is_a_failure_of_the_refresh(fake, good, host, agent):
+    fake.behave(truncated(good))
+    fake.drop_connections()
+    assert not agent.refresh()[1]
+    fake.behave(good)
+    assert agent.client.get(mib.oid("vmDisplayName", 0))[0].type == "OCTET STRING"    # at once, not after 20 s
+    log = agent.log.read_text()
+    assert "SNMPRaskRefreshCache exception:" in log and "SNMPRaskRefreshCache: no VM found." not in log
+    agent.assert_right(host)

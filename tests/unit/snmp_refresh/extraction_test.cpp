@@ -89,6 +89,7 @@ class ExtractionTest : public FillerTest, public testing::WithParamInterface<std
 
 TEST_P(ExtractionTest, MakesTheRowsAndLogsWhatIsMissing) {
     const ExtractionCase expected(GetParam());
+    host.newer = true;
     Rebuild(expected.vms);
     const std::map<std::string, std::string (*)()> texts{
         {"VMs", TestRows::VmText}, {"devices", TestRows::DeviceText}, {"resources", TestRows::ResourceText}};
@@ -143,7 +144,7 @@ TEST_F(FillerTest, ShowsASubtypeOfANamedModelAsUnknown) {
                                               MakeRef<NewerModel<Device::VirtualBusLogicController>>()});
     const Ordane::DataObjectType* const newer = (*controllers)[0]->GetDataObjectType();
     ASSERT_TRUE(Ordane::GetDoType<Device::VirtualLsiLogicController>().Includes(newer));
-    SetStorageHBA(0, controllers.Get(), SNMPVMHBATable_GetPtr());
+    SetStorageHBA(0, controllers.Get(), &vmHBAList);
     EXPECT_EQ(TestRows::DeviceText(),
               "hba 0 0 \"SNMP Error\" \"unknown\"\nhba 0 0 \"SNMP Error\" \"unknown\"\n");
 }
@@ -164,8 +165,7 @@ TEST_F(FillerTest, MakesAtMost65536CpuRowsOfAVm) {
     constexpr std::int32_t most = 65536;
     for (const std::int32_t cpus : {most - 1, most, most + 1, INT32_MAX}) {
         config->GetHardware()->SetNumCPU(cpus);
-        resCPUNode* const last =
-            SetCPUResource(client.Get(), (*vms)[0], config.Get(), SNMPResCPUTable_GetPtr());
+        resCPUNode* const last = SetCPUResource(client.Get(), (*vms)[0], config.Get(), &resCPUList);
         log.Take();
         EXPECT_EQ(TestRows::List<resCPUNode>().size(), static_cast<std::size_t>(std::min(cpus, most)))
             << cpus;
@@ -195,7 +195,7 @@ TEST(DiskWithoutMemoryForItsName, HasNoStatistics) {
     {
         TestSupport::FaultInjection faults;
         faults.FailNew(1, 2);  // for the disk's own name, and for the one that takes its place
-        SetDiskResource(client.Get(), (*vms)[0], disks.Get(), SNMPResDiskTable_GetPtr());
+        SetDiskResource(client.Get(), (*vms)[0], disks.Get(), &resDiskList);
     }
     EXPECT_EQ(TestRows::ResourceText(), "disk 1 null 16 1000 -1 -1 -1 -1\n");
     SNMPResDiskTable_Destroy();

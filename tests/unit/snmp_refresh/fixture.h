@@ -62,7 +62,7 @@ class DaemonTest : public testing::Test {
     }
     // Whether sessions show that event of the daemon, or that line of the log.
     virtual bool Shows(const std::string& event) const;
-    virtual bool Shows(const LogLine& /*line*/) const { return true; }
+    virtual bool Shows(const LogLine& line) const;
 
     FakeDaemon daemon;
     FakeHost& host = daemon.host;
@@ -93,9 +93,12 @@ class ClientTest : public DaemonTest {
 // std::runtime_error when there is no such file.
 std::map<std::string, std::string> ReadSessions(const std::string& file);
 
-// Registers a test of `Fixture` for each session of sessions/`file`.txt: that it happens as it says.
+// Registers a test of `Fixture` for each session of sessions/`file`.txt that `filter` admits: that it happens
+// as it says.
 template <class Fixture>
-bool RegisterSessions(const char* fixture, const std::string& file) {
+bool RegisterSessions(
+    const char* fixture, const std::string& file,
+    bool (*filter)(const std::string& session) = [](const std::string&) { return true; }) {
     class Test final : public Fixture {
       public:
         explicit Test(std::string text) : text(std::move(text)) {}
@@ -105,6 +108,9 @@ bool RegisterSessions(const char* fixture, const std::string& file) {
         std::string text;
     };
     for (const auto& [name, text] : ReadSessions(file)) {
+        if (!filter(text)) {
+            continue;
+        }
         testing::RegisterTest(fixture, name.c_str(), nullptr, nullptr, __FILE__, __LINE__,
                               [text = text]() -> Fixture* { return new Test(text); });
     }

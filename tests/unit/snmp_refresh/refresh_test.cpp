@@ -97,6 +97,7 @@ class RefreshTest : public DaemonTest {
             return std::to_string(host.queries.size()) + ". of " +
                    std::to_string(host.queries.back()->GetLength()) + " VMs";
         });
+        Add("newer", [this] { host.newer = true; });
         Add("show-outages", [this] { showsOutages = true; });
         Add("show-log", [this] { showsLog = true; });
         Add("show-calls", [this] { showsCalls = true; });
@@ -123,9 +124,10 @@ class RefreshTest : public DaemonTest {
     }
     // The end of a rebuild stands for its other lines.
     bool Shows(const LogLine& line) const override {
-        return showsLog || (!line.text.starts_with("SNMPRask: start") &&
-                            (showsOutages || !line.text.starts_with("SNMPRask: tables")) &&
-                            !line.text.starts_with("SNMPRaskRefreshCache: Examining"));
+        return DaemonTest::Shows(line) &&
+               (showsLog || (!line.text.starts_with("SNMPRask: start") &&
+                             (showsOutages || !line.text.starts_with("SNMPRask: tables")) &&
+                             !line.text.starts_with("SNMPRaskRefreshCache: Examining")));
     }
     // The counts, and the rows on lines of their own, indented.
     static std::string RowText(const std::string& rows) {
@@ -141,6 +143,19 @@ class RefreshTest : public DaemonTest {
 };
 
 const bool registered = RegisterSessions<RefreshTest>("RefreshTest", "refresh");
+const bool changesRegistered = RegisterSessions<RefreshTest>("ChangesTest", "changes");
+
+class NewerDaemonTest : public RefreshTest {
+  protected:
+    NewerDaemonTest() { host.newer = true; }
+};
+
+// A daemon that returns much at once makes no difference, but to sessions about other calls.
+const bool newerRegistered =
+    RegisterSessions<NewerDaemonTest>("NewerDaemonTest", "refresh", [](const std::string& session) {
+        static const std::regex otherCalls("GetConfig|GetRuntime|GetGuest|QueryPerf|queries|show-calls");
+        return !std::regex_search(session, otherCalls);
+    });
 
 TEST(Outage, IsLoggedOnceAMinute) {
     LogCapture log;
@@ -231,6 +246,16 @@ TEST(RefreshWithoutMemory, KeepsNoPartialCacheWhenNotEvenTheReportCanBeMade) {
     SNMPRaskTable_Init();
     EXPECT_EQ(TestRows::List<vmEntry>().size(), 1U);
     SNMPRaskTable_Destroy();
+}
+
+TEST_F(RefreshTest, OrdersTheRowsOfEveryList) {
+    AddVm(host, FullVm("16", "poweredOn"));
+    SNMPRaskTable_Init();
+    ForEachTable([](const auto& table) {
+        if constexpr (!std::is_null_pointer_v<decltype(table.order)>) {
+            EXPECT_TRUE(table.order->IsKnown()) << table.handlerName;
+        }
+    });
 }
 
 TEST_F(RefreshTest, EmptiesTheTablesInAFixedOrder) {
