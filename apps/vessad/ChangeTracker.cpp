@@ -1,12 +1,13 @@
 #include "apps/vessad/ChangeTracker.h"
 
-#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <string_view>
+#include <type_traits>
 #include <unordered_map>
 #include <utility>
 
+#include "runtime/ordane/faults.h"
 #include "runtime/ordane/xml_codec.h"
 
 namespace Vessad {
@@ -17,19 +18,16 @@ using Tessim::MakeRef;
 using Tessim::Ref;
 
 constexpr char separator = '-';
-// What one part of the changes holds at most: a part of this size is some megabyte on the wire.
-constexpr std::size_t maxDevices = 2000;
+// A client reads messages of 32 MiB and 1,000,000 elements or attributes (wire.md). A part of this size is
+// soon sent and read; an object that is larger is one of its own.
+constexpr Ordane::Xml::Size partLimit{2UL << 20U, 40'000, 40'000};
+// A larger object is sent in no part. Below what a client reads, because the message holds more than the
+// object.
+constexpr Ordane::Xml::Size objectLimit{24UL << 20U, 800'000, 800'000};
 
 template <class Object>
 Ref<Ordane::MoRef> MakeReference(const std::string& id) {
     return MakeRef<Ordane::MoRef>(std::string(Object::staticType.name), id);
-}
-
-// How much of a part the object takes, in devices.
-std::size_t SizeOf(const Vm& vm) {
-    const auto* const hardware = vm.config ? vm.config->GetHardware() : nullptr;
-    const auto* const devices = hardware != nullptr ? hardware->GetDevice() : nullptr;
-    return 1 + (devices != nullptr ? static_cast<std::size_t>(devices->GetLength()) : 0);
 }
 
 std::string TextOf(const Ordane::DataObject& object) {
@@ -46,16 +44,13 @@ bool IsSame(const Ordane::DataObject* a, const Ordane::DataObject* b) {
     return a->GetDataObjectType() == b->GetDataObjectType() && TextOf(*a) == TextOf(*b);
 }
 
-bool IsSame(const Vm& a, const Vm& b) {
-    return IsSame(a.config.Get(), b.config.Get()) && IsSame(a.runtime.Get(), b.runtime.Get()) &&
-           IsSame(a.guest.Get(), b.guest.Get());
+bool IsSame(const Hask::Vm::State& a, const Hask::Vm::State& b) {
+    return IsSame(a.GetConfig(), b.GetConfig()) && IsSame(a.GetRuntime(), b.GetRuntime()) &&
+           IsSame(a.GetGuest(), b.GetGuest());
 }
 
-bool HaveSameObjects(const Inventory& a, const Inventory& b) {
-    return std::equal(a.vms.begin(), a.vms.end(), b.vms.begin(), b.vms.end(),
-                      [](const auto& left, const auto& right) { return left->id == right->id; }) &&
-           std::equal(a.datastores.begin(), a.datastores.end(), b.datastores.begin(), b.datastores.end(),
-                      [](const auto& left, const auto& right) { return left.first == right.first; });
+bool IsSame(const Hask::Datastore::State& a, const Hask::Datastore::State& b) {
+    return IsSame(a.GetInfo(), b.GetInfo());
 }
 
 Ref<Hask::Vm::State> StateOf(const Vm& vm) {
@@ -66,6 +61,21 @@ Ref<Hask::Vm::State> StateOf(const Vm& vm) {
     state->SetGuest(vm.guest);
     return state;
 }
+
+Ref<Hask::Datastore::State> StateOf(const std::string& id, const Ref<Hask::Datastore::Info>& info) {
+    auto state = MakeRef<Hask::Datastore::State>();
+    state->SetEntity(MakeReference<Hask::Datastore>(id));
+    state->SetInfo(info);
+    return state;
+}
+
+struct Adder {
+    Hask::Folder::Changes& part;
+
+    void operator()(const Ref<Hask::Vm::State>& state) const { part.GetVm()->Append(state); }
+    void operator()(const Ref<Hask::Datastore::State>& state) const { part.GetDatastore()->Append(state); }
+    void operator()(const Ref<Hask::Folder::Objects>& objects) const { part.SetObjects(objects); }
+};
 
 // A number that no other tracker of this host has used: a daemon that restarts begins anew.
 std::string MakeName() {
@@ -83,22 +93,21 @@ Ref<Hask::Folder::Changes> ChangeTracker::GetChanges(const std::shared_ptr<const
     Number last = version ? Parse(*version) : 0;
     auto result = MakeRef<Hask::Folder::Changes>();
     result->SetReset(last == 0);
-    auto change = std::upper_bound(changes.begin(), changes.end(), last,
-                                   [](Number number, const Change& each) { return number < each.number; });
-    for (std::size_t size = 0; change != changes.end() && size < maxDevices; ++change) {
-        last = change->number;
-        if (const auto* const vm = std::get_if<std::shared_ptr<const Vm>>(&change->what)) {
-            size += SizeOf(**vm);
-            result->GetVm()->Append(StateOf(**vm));
-        } else if (const auto* const datastore = std::get_if<Datastore>(&change->what)) {
-            ++size;
-            auto state = MakeRef<Hask::Datastore::State>();
-            state->SetEntity(MakeReference<Hask::Datastore>(datastore->id));
-            state->SetInfo(datastore->info);
-            result->GetDatastore()->Append(state);
-        } else {
-            result->SetObjects(ListObjects());
+    auto change = changes.upper_bound(last);
+    Ordane::Xml::Size size;
+    for (; change != changes.end(); ++change) {
+        const auto& [number, what] = *change;
+        if (what.size.FitsIn(objectLimit)) {
+            const bool isFirst = size.bytes == 0;
+            size += what.size;
+            if (!isFirst && !size.FitsIn(partLimit)) {
+                break;
+            }
+            std::visit(Adder{*result}, what.what);
+        } else if (std::holds_alternative<Objects>(what.what)) {
+            throw Ordane::Fault::SystemError::Exception("more objects than one response can list");
         }
+        last = number;
     }
     result->SetComplete(change == changes.end());
     result->SetVersion(tracker + separator + std::to_string(last));
@@ -120,57 +129,53 @@ void ChangeTracker::Track(const std::shared_ptr<const Inventory>& inventory) {
     if (inventory == tracked) {
         return;
     }
-    std::unordered_map<std::string_view, const Change*> vms;
-    std::unordered_map<std::string_view, const Change*> datastores;
-    std::vector<Change> kept;
-    std::vector<Change> added;
-    for (const Change& change : changes) {
-        if (const auto* const vm = std::get_if<std::shared_ptr<const Vm>>(&change.what)) {
-            vms.emplace((*vm)->id, &change);
-        } else if (const auto* const datastore = std::get_if<Datastore>(&change.what)) {
-            datastores.emplace(datastore->id, &change);
-        } else if (HaveSameObjects(*tracked, *inventory)) {
-            kept.push_back(change);
+    std::unordered_map<std::string_view, Changes::const_iterator> vms;
+    std::unordered_map<std::string_view, Changes::const_iterator> datastores;
+    auto list = changes.cend();
+    for (auto change = changes.cbegin(); change != changes.cend(); ++change) {
+        if (const auto* const vm = std::get_if<VmState>(&change->second.what)) {
+            vms.emplace((*vm)->GetEntity()->GetId(), change);
+        } else if (const auto* const datastore = std::get_if<DatastoreState>(&change->second.what)) {
+            datastores.emplace((*datastore)->GetEntity()->GetId(), change);
+        } else {
+            list = change;
         }
     }
+    Changes now;
+    // Adds a state under the number that it has, or a new one if it is a change. Returns whether it can be
+    // sent.
+    const auto add = [&](const auto& state, const auto& before) {
+        using State = std::decay_t<decltype(state)>;
+        const auto found = before.find(state->GetEntity()->GetId());
+        if (found != before.end()) {
+            const auto& [number, change] = *found->second;
+            if (IsSame(*std::get<State>(change.what), *state)) {
+                now.emplace(number, Change{state, change.size});
+                return change.size.FitsIn(objectLimit);
+            }
+        }
+        const Ordane::Xml::Size size = Ordane::Xml::SizeOf(*state);
+        now.emplace(++latest, Change{state, size});
+        return size.FitsIn(objectLimit);
+    };
+    const auto objects = MakeRef<Hask::Folder::Objects>();
     for (const auto& vm : inventory->vms) {
-        const auto found = vms.find(vm->id);
-        if (found != vms.end() && IsSame(*std::get<std::shared_ptr<const Vm>>(found->second->what), *vm)) {
-            kept.push_back({found->second->number, vm});
-        } else {
-            added.push_back({0, vm});
+        if (const VmState state = StateOf(*vm); add(state, vms)) {
+            objects->GetVm()->Append(state->GetEntity());
         }
     }
     for (const auto& [id, info] : inventory->datastores) {
-        const auto found = datastores.find(id);
-        if (found != datastores.end() &&
-            IsSame(std::get<Datastore>(found->second->what).info.Get(), info.Get())) {
-            kept.push_back(*found->second);
-        } else {
-            added.push_back({0, Datastore{id, info}});
+        if (const DatastoreState state = StateOf(id, info); add(state, datastores)) {
+            objects->GetDatastore()->Append(state->GetEntity());
         }
     }
-    if (!tracked || !HaveSameObjects(*tracked, *inventory)) {
-        added.push_back({0, TheList{}});
+    if (list != changes.cend() && IsSame(std::get<Objects>(list->second.what).Get(), objects.Get())) {
+        now.insert(*list);
+    } else {
+        now.emplace(++latest, Change{objects, Ordane::Xml::SizeOf(*objects)});
     }
-    std::sort(kept.begin(), kept.end(), [](const Change& a, const Change& b) { return a.number < b.number; });
-    for (Change& change : added) {
-        change.number = ++latest;
-        kept.push_back(std::move(change));
-    }
-    changes = std::move(kept);
+    changes = std::move(now);
     tracked = inventory;
-}
-
-Ref<Hask::Folder::Objects> ChangeTracker::ListObjects() const {
-    auto objects = MakeRef<Hask::Folder::Objects>();
-    for (const auto& vm : tracked->vms) {
-        objects->GetVm()->Append(MakeReference<Hask::VirtualMachine>(vm->id));
-    }
-    for (const auto& [id, info] : tracked->datastores) {
-        objects->GetDatastore()->Append(MakeReference<Hask::Datastore>(id));
-    }
-    return objects;
 }
 
 }  // namespace Vessad

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "runtime/ordane/faults.h"
+#include "runtime/ordane/xml_codec.h"
 
 namespace Vessad {
 
@@ -21,9 +22,12 @@ using Hask::PerformanceManager;
 constexpr const char* everyInstance = "*";
 // A statistic takes five elements of a response, of which a client reads at most a million.
 constexpr std::size_t maxStatistics = 190'000;
-// In the compact form it takes some 15 bytes, of the 32 MiB that a client reads; no more than 27, besides a
-// series of its own.
+// In the compact form: no more than a client expands.
 constexpr std::size_t maxCompactStatistics = 1'000'000;
+// What the series and texts of the compact form may take; the message around them is small.
+constexpr Ordane::Xml::Size maxCompactSize{30UL << 20U, 990'000, 990'000};
+// "<samples></samples>", which is longer than that of a series.
+constexpr Ordane::Xml::Size elementOfList{19, 1, 0};
 
 // A VM's series by counter; those of one counter in the VM's order.
 class CounterIndex {
@@ -82,6 +86,14 @@ void CheckCount(std::size_t count, std::size_t limit) {
     }
 }
 
+void CheckSize(Ordane::Xml::Size samples, const Ordane::Xml::Size& series) {
+    samples += series;
+    if (!samples.FitsIn(maxCompactSize)) {
+        throw Ordane::Fault::InvalidArgument::Exception(
+            "more statistics are requested at once than one response can carry");
+    }
+}
+
 // Gives each pair of counter and instance a number, from 0.
 class SeriesNumbers {
   public:
@@ -92,10 +104,14 @@ class SeriesNumbers {
             auto id = Tessim::MakeRef<PerformanceManager::MetricId>();
             id->SetCounterId(series.counterKey);
             id->SetInstance(series.instance);
+            size += Ordane::Xml::SizeOf(*id);
+            size += elementOfList;
             list->Append(id);
         }
         return entry->second;
     }
+    // What the list takes.
+    const Ordane::Xml::Size& GetSize() const { return size; }
     // The pairs by number.
     Tessim::Ref<Ordane::DataArray<PerformanceManager::MetricId>> List() const { return list; }
 
@@ -107,6 +123,7 @@ class SeriesNumbers {
         }
     };
 
+    Ordane::Xml::Size size;
     std::unordered_map<Key, std::size_t, Hash> numbers;
     Tessim::Ref<Ordane::DataArray<PerformanceManager::MetricId>> list =
         Tessim::MakeRef<Ordane::DataArray<PerformanceManager::MetricId>>();
@@ -165,6 +182,7 @@ Tessim::Ref<PerformanceManager::LatestSamples> QueryLatestSamples(
     const Ordane::DataArray<PerformanceManager::MetricId>& metricIds, std::chrono::nanoseconds elapsed) {
     SeriesNumbers numbers;
     std::vector<std::string> samples;
+    Ordane::Xml::Size size;  // of the samples
     std::size_t count = 0;
     for (int position = 0; position < entities.GetLength(); ++position) {
         const std::shared_ptr<const Vm> vm = inventory.FindVm(*entities[position]);
@@ -172,11 +190,15 @@ Tessim::Ref<PerformanceManager::LatestSamples> QueryLatestSamples(
             continue;
         }
         std::string& text = samples.emplace_back();
+        size += elementOfList;
         AppendNumber(text, position);
         ForEachMatch(*vm, metricIds, [&](const Series& series) {
+            const std::size_t before = text.size();
             CheckCount(++count, maxCompactStatistics);
             AppendNumber(text, static_cast<std::int64_t>(numbers.Of(series)));
             AppendNumber(text, ValueAt(series, elapsed));
+            size.bytes += text.size() - before;
+            CheckSize(size, numbers.GetSize());
         });
     }
     auto result = Tessim::MakeRef<PerformanceManager::LatestSamples>();

@@ -15,6 +15,7 @@
 #include "apps/vessad/HostObjects.h"
 #include "runtime/hask/object_cache.h"
 #include "runtime/ordane/faults.h"
+#include "runtime/ordane/soap.h"
 #include "tests/support/files.h"
 #include "tests/unit/vessad/sample_host.h"
 
@@ -101,6 +102,58 @@ TEST(Performance, RejectsOtherIntervalsAndMoreStatisticsThanAResponseCanCarry) {
          {std::string("VirtualMachine:16:20"), std::string("VirtualMachine:gone:-1"), excess}) {
         EXPECT_THROW(Query(query), Ordane::Fault::InvalidArgument::Exception) << query.substr(0, 30);
     }
+}
+
+// The response to a QueryLatest of the VMs for `metrics` metrics of that instance; it must be one that a
+// client can read.
+void QueryLatest(const std::vector<std::vector<Series>>& vms, int metrics, const std::string& instance) {
+    constexpr std::size_t maxBytes = 32UL << 20U;
+    Inventory inventory;
+    Ordane::DataArray<Ordane::MoRef> entities;
+    for (const std::vector<Series>& series : vms) {
+        auto vm = std::make_shared<Vm>();
+        vm->id = std::to_string(inventory.vms.size());
+        vm->series = series;
+        inventory.Add(vm);
+        entities.Append(Tessim::MakeRef<Ordane::MoRef>("VirtualMachine", vm->id));
+    }
+    auto metric = Tessim::MakeRef<PerformanceManager::MetricId>();
+    metric->SetCounterId(1);
+    metric->SetInstance(instance);
+    Ordane::DataArray<PerformanceManager::MetricId> metricIds;
+    for (int count = 0; count < metrics; ++count) {
+        metricIds.Append(metric);
+    }
+    const auto latest = QueryLatestSamples(inventory, entities, metricIds, seconds(0));
+    const Ordane::MethodInfo& method = *PerformanceManager::staticType.FindMethod("QueryLatest");
+    const auto response = method.response->create();
+    method.response->ownMembers[0].append(*response, Ordane::Value(static_cast<Ordane::Any*>(latest.Get())));
+    const std::string text = Ordane::Soap::EncodeResponse(method, *response);
+    EXPECT_LE(text.size(), maxBytes);
+    EXPECT_NO_THROW(Ordane::Soap::Message(text, {}));
+}
+
+TEST(Performance, RejectsMoreCompactStatisticsThanAClientReads) {
+    using Excess = Ordane::Fault::InvalidArgument::Exception;
+    const auto series = [](int count, const std::string& instance) {
+        std::vector<Series> made;
+        for (int number = 0; number < count; ++number) {
+            made.push_back({1, instance + std::to_string(number), 0, 0});
+        }
+        return made;
+    };
+    constexpr std::int64_t low = std::numeric_limits<std::int64_t>::min();
+    // Samples of one series.
+    EXPECT_NO_THROW(QueryLatest({{{1, "", low, 0}}, {{1, "", 0, 0}}}, 500'000, "*"));
+    EXPECT_THROW(QueryLatest({{{1, "", 0, 0}}, {{1, "", 0, 0}}}, 500'001, "*"), Excess);
+    // Series of their own, of three elements each.
+    EXPECT_NO_THROW(QueryLatest({series(160'000, "a"), series(160'000, "b")}, 1, "*"));
+    EXPECT_THROW(QueryLatest({series(167'000, "a"), series(167'000, "b")}, 1, "*"), Excess);
+    // Long and special instances.
+    EXPECT_NO_THROW(QueryLatest({series(2'500, std::string(10'000, 'x'))}, 1, "*"));
+    EXPECT_THROW(QueryLatest({series(3'500, std::string(10'000, 'x'))}, 1, "*"), Excess);
+    EXPECT_THROW(QueryLatest({series(700, std::string(10'000, '&'))}, 1, "*"), Excess);
+    EXPECT_THROW(QueryLatest({series(100, std::string(10'000, '='))}, 1, "*"), Excess);
 }
 
 TEST(Performance, ComputesRatesFromTheStartOfTheDaemonAndWrapsAtSixtyFourBits) {
