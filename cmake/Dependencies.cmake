@@ -2,6 +2,9 @@
 find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
 find_package(OpenSSL 3 REQUIRED)
+if(POLICY CMP0167)
+  cmake_policy(SET CMP0167 NEW)  # Boost's own configuration; later releases of CMake have no other.
+endif()
 find_package(Boost 1.81 REQUIRED)
 find_package(pugixml REQUIRED)
 find_package(CLI11 REQUIRED)
