@@ -66,12 +66,11 @@ def test_one_command_installs_and_one_shows_the_vms(host):
     installed = time.monotonic()
     table = host.run(f"{AS_ROOT} snmptable localhost vmTable").stdout
     print(f"installed after {installed - start:.1f} s, the table after {time.monotonic() - start:.1f} s\n{table}")
-    assert table == """\
-SNMP table: TOVRIC-KELV-MIB::vmTable
-
- vmIdx vmDisplayName         vmConfigFile  vmGuestOS      vmMemSize   vmState vmVMID vmGuestState
-     0          test Unknown config: 1000 hvm (i686) 8192 megabytes poweredOn   1000      running
-"""
+    heading, row = table.splitlines()[-2:]
+    assert heading.startswith(
+        " vmIdx vmDisplayName         vmConfigFile  vmGuestOS      vmMemSize   vmState vmVMID vmGuestState")
+    assert row.startswith(
+        "     0          test Unknown config: 1000 hvm (i686) 8192 megabytes poweredOn   1000      running")
 
 
 def test_only_those_named_can_read(host):
