@@ -1,5 +1,5 @@
 // Walks the module's network table and the yardstick's, first one or the other in turn, for each line of its
-// standard input, and prints nanoseconds: of a variable of each, of the refresh before the walks and of the
+// standard input, and prints nanoseconds: of a variable of each, of the refresh before the walks and of one
 // whole walk of the yardstick's. At first it prints those of the agent's first refresh: walk_client CLOCK
 //
 // CLOCK is the file with the agent's time, which is advanced before each round so that the module rebuilds
@@ -16,7 +16,6 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "apps/snmp/agent/NetSnmp.h"
@@ -27,7 +26,8 @@ using Oid = std::vector<oid>;
 
 constexpr std::size_t maxRepetitions = 50;
 constexpr std::size_t columns = 13;
-constexpr std::time_t rebuildInterval = 30;  // seconds, more than the module's
+constexpr std::size_t leastVariables = 200'000;  // of a round
+constexpr std::time_t rebuildInterval = 30;      // seconds, more than the module's
 
 const Oid ours{1, 3, 6, 1, 4, 1, 32473, 3, 4, 1};
 const Oid theirs{1, 3, 6, 1, 4, 1, 32473, 99, 4, 1};
@@ -89,6 +89,10 @@ struct Walk {
         for (std::size_t at = 0; at < count; ++at) {
             hash = (hash ^ static_cast<const u_char*>(bytes)[at]) * 1099511628211U;
         }
+    }
+    void Add(const Walk& other) {
+        variables += other.variables;
+        time += other.time;
     }
     double PerVariable() const { return static_cast<double>(time.count()) / static_cast<double>(variables); }
 };
@@ -155,29 +159,42 @@ std::size_t CopyTable(Session& session) {
     return static_cast<std::size_t>(*copied->variables->val.integer) * columns;
 }
 
-// One round. In the first, one variable more than there are is asked for, and values are compared.
-void Measure(Session& session, Clock& clock, int round) {
-    const std::chrono::nanoseconds refresh = Refresh(session, clock);
-    const std::size_t variables = CopyTable(session);
-    const bool oursFirst = round % 2 == 0;
-    const std::size_t count = round == 0 ? variables + 1 : variables;
-    Walk first = WalkTable(session, oursFirst ? ours : theirs, count, round == 0);
-    Walk second = WalkTable(session, oursFirst ? theirs : ours, count, round == 0);
+// A pair of walks, one right after the other. `count` variables are asked for, and `variables` must be there.
+void WalkBoth(Session& session, std::size_t variables, std::size_t count, bool oursFirst, bool hashed,
+              Walk& own, Walk& container) {
+    Walk first = WalkTable(session, oursFirst ? ours : theirs, count, hashed);
+    Walk second = WalkTable(session, oursFirst ? theirs : ours, count, hashed);
     if (variables == 0 || first.variables != variables || second.variables != variables ||
         first.hash != second.hash) {
         throw std::runtime_error(std::to_string(first.variables) + " and " +
                                  std::to_string(second.variables) + " variables instead of " +
                                  std::to_string(variables) + ", or different ones");
     }
-    if (!oursFirst) {
-        std::swap(first, second);
+    own.Add(oursFirst ? first : second);
+    container.Add(oursFirst ? second : first);
+}
+
+// The round before the measured ones: asks for one variable more than there are, and compares the values.
+void Check(Session& session, Clock& clock) {
+    const std::chrono::nanoseconds refresh = Refresh(session, clock);
+    const std::size_t variables = CopyTable(session);
+    Walk own;
+    Walk container;
+    WalkBoth(session, variables, variables + 1, true, true, own, container);
+    std::cout << refresh.count() << std::endl;
+}
+
+// A small table is walked again and again, so that each round takes as long as with a large one.
+void Measure(Session& session, Clock& clock, bool oursFirst) {
+    const std::chrono::nanoseconds refresh = Refresh(session, clock);
+    const std::size_t variables = CopyTable(session);
+    Walk own;
+    Walk container;
+    for (; container.variables < leastVariables; oursFirst = !oursFirst) {
+        WalkBoth(session, variables, variables, oursFirst, false, own, container);
     }
-    if (round == 0) {
-        std::cout << refresh.count() << std::endl;
-    } else {
-        std::cout << first.PerVariable() << ' ' << second.PerVariable() << ' ' << refresh.count() << ' '
-                  << second.time.count() << std::endl;
-    }
+    std::cout << own.PerVariable() << ' ' << container.PerVariable() << ' ' << refresh.count() << ' '
+              << container.PerVariable() * static_cast<double>(variables) << std::endl;
 }
 
 }  // namespace
@@ -193,9 +210,10 @@ int main(int argc, char** argv) {
     try {
         Clock clock(argv[1]);
         Session session;
+        Check(session, clock);
         std::string line;
-        for (int round = 0; round == 0 || std::getline(std::cin, line); ++round) {
-            Measure(session, clock, round);
+        for (bool oursFirst = true; std::getline(std::cin, line); oursFirst = !oursFirst) {
+            Measure(session, clock, oursFirst);
         }
     } catch (const std::exception& failure) {
         std::cerr << "walk_client: " << failure.what() << '\n';
