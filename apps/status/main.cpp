@@ -4,12 +4,14 @@
 #include <CLI/CLI.hpp>
 #include <exception>
 #include <iostream>
+#include <string>
 
 #include "apps/status/AgentProcesses.h"
 #include "apps/status/DaemonProbe.h"
 #include "apps/status/Judgement.h"
 #include "apps/status/Names.h"
 #include "apps/status/TestQuery.h"
+#include "apps/version/Version.h"
 
 namespace {
 
@@ -19,6 +21,8 @@ int Run(int argc, const char* const* argv) {
     bool json = false;
     CLI::App app{"Says what works between this virtualisation host and its managers.", "kelv-status"};
     app.add_flag("--json", json, "Print one JSON object");
+    app.set_version_flag("--version", std::string("kelv-status ") + Kelv::version,
+                         "Print the version and its commit and exit");
     app.prefix_command();
     app.footer(
         "Further arguments are those of snmpget: [SNMP OPTIONS] [AGENT]; see kelv-status(8).\n"

@@ -18,14 +18,15 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <string>
 #include <system_error>
 #include <utility>
 
+#include "apps/version/Version.h"
 #include "apps/vessad/Background.h"
 #include "apps/vessad/LogFormat.h"
 #include "apps/vessad/Options.h"
 #include "apps/vessad/Server.h"
-#include "apps/vessad/Version.h"
 #include "apps/vessad/backends/DescribedHost.h"
 #include "apps/vessad/backends/HostCheck.h"
 #ifdef VESSAD_HAVE_LIBVIRT
@@ -204,7 +205,8 @@ void Serve(const Options& options, LogDestination& log) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const Vessad::Parsed parsed = Vessad::ParseCommandLine(argc, argv, Vessad::version);
+    const Vessad::Parsed parsed =
+        Vessad::ParseCommandLine(argc, argv, std::string("tovric-vessad ") + Kelv::version);
     if (!parsed.options) {
         return parsed.exitCode;
     }

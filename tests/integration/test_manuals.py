@@ -13,6 +13,11 @@ sys.path.append(str(net_snmp.ROOT / "scripts"))
 import log_lines  # noqa: E402
 
 PAGES = net_snmp.ROOT / "man"
+# The programs with options: the page, and the section of it that has them.
+PROGRAMS = {
+    system.DAEMON: ("tovric-vessad.8", "OPTIONS"),
+    system.BUILD / "apps/status/kelv-status": ("kelv-status.8", "DESCRIPTION"),
+}
 
 # Where in a description each subsection of tovric-host.5 says what is allowed: the parts of its members.
 PLACES = {
@@ -36,15 +41,14 @@ def section(text, name, macro="Sh"):
     return re.search(rf'^\.{macro} {name}\n(.*?)(?=^\.S[hs] |\Z)', text, re.M | re.S)[1]
 
 
-def daemon(*arguments):
-    return subprocess.run([system.DAEMON, *arguments], capture_output=True, text=True, timeout=20,
-                          stdin=subprocess.DEVNULL)
+def run(program, *arguments):
+    return subprocess.run([program, *arguments], capture_output=True, text=True, timeout=20, stdin=subprocess.DEVNULL)
 
 
-def options_of_help():
+def options_of_help(program):
     """Each option's argument and default, None where it has none, as --help prints them."""
     found = {}
-    for line in re.findall(r"^  (-.*)$", daemon("--help").stdout, re.M):
+    for line in re.findall(r"^  (-.*)$", run(program, "--help").stdout, re.M):
         # Without what is allowed, such as ":INT in [0 - 9]" and ":{one,another}".
         line = re.sub(r":INT in \[.*?\]|:\{.*?\}", "", line)
         name, argument, default = re.match(r"(?:-\w,)?(--[\w-]+)(?: ([A-Z]+(?::[A-Z]+)*)(?:=(\S+))?)?", line).groups()
@@ -52,25 +56,28 @@ def options_of_help():
     return found
 
 
-def options_of_page():
+def options_of_page(program):
     """The same of the manual."""
+    name, options = PROGRAMS[program]
     found = {}
     for head, text in re.findall(r"^\.It Fl (.*)\n((?:(?!\.It|\.El).*\n)*)",
-                                 section(page("tovric-vessad.8"), "OPTIONS"), re.M):
-        name, argument = re.match(r"(?:\w , Fl )?-([\w-]+)(?: Ar (\S+))?$", head).groups()
+                                 section(page(name), options), re.M):
+        option, argument = re.match(r"(?:\w , Fl )?-([\w-]+)(?: Ar (\S+))?$", head).groups()
         default = re.search(r"^The default is\n\.\w+ (\S+) \.$", text, re.M)
-        found["--" + name] = (argument, default and default[1])
+        found["--" + option] = (argument, default and default[1])
     return found
 
 
-def test_the_manual_of_the_daemon_has_the_options_of_its_help():
-    assert options_of_page() == options_of_help()
+@pytest.mark.parametrize("program", PROGRAMS, ids=lambda program: program.name)
+def test_the_manual_has_the_options_of_the_help(program):
+    assert options_of_page(program) == options_of_help(program)
 
 
-def test_the_synopsis_of_the_daemon_has_its_options_with_their_arguments():
-    synopsis = section(page("tovric-vessad.8"), "SYNOPSIS")
+@pytest.mark.parametrize("program", PROGRAMS, ids=lambda program: program.name)
+def test_the_synopsis_has_the_options_with_their_arguments(program):
+    synopsis = section(page(PROGRAMS[program][0]), "SYNOPSIS")
     named = {"--" + name: argument or None for name, argument in re.findall(r"Fl -([\w-]+)(?: Ar (\S+))?", synopsis)}
-    assert named == {name: argument for name, (argument, _) in options_of_page().items()}
+    assert named == {name: argument for name, (argument, _) in options_of_page(program).items()}
 
 
 @pytest.mark.parametrize("place", PLACES)
@@ -78,7 +85,7 @@ def test_the_manual_of_described_hosts_has_the_members_that_are_allowed(place, t
     allowed = set()
     for text in PLACES[place]:
         (tmp_path / "host.yaml").write_text(text)
-        error = daemon("--host", tmp_path / "host.yaml", "--foreground").stderr
+        error = run(system.DAEMON, "--host", tmp_path / "host.yaml", "--foreground").stderr
         allowed |= set(re.search(r"expected one of (.*), found unknown", error)[1].split(", "))
     heads = re.findall(r"^\.It (.*)$", section(page("tovric-host.5"), place, "Ss"), re.M)
     assert {name for head in heads for name in re.findall(r"Cm (\w+)", head)} == allowed

@@ -93,6 +93,11 @@ def test_the_same_as_json(start_daemon, start_agent):
     assert run("--json")[0] == 2
 
 
+def test_the_version_is_that_of_the_daemon():
+    daemon = subprocess.run([system.DAEMON, "--version"], capture_output=True, text=True, check=True).stdout
+    assert run("--version") == (0, daemon.replace("tovric-vessad", "kelv-status"))
+
+
 def test_neither_daemon_nor_agent():
     assert run(*V2C) == (1, NO_DAEMON + "FAIL  module: no snmpd runs in this network\n"
                          "      systemctl status snmpd\n" + SILENT)
