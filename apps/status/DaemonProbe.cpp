@@ -3,23 +3,21 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <optional>
 #include <sstream>
 #include <system_error>
 
 #include "apps/status/Names.h"
 #include "runtime/hask/host_agent.h"
+#include "runtime/hask/local_login.h"
 #include "runtime/hask/mo_factory.h"
 #include "runtime/ordane/faults.h"
 #include "runtime/ordane/zarn_stub_adapter.h"
 #include "runtime/tessim/authd.h"
-#include "runtime/tessim/crypto.h"
 #include "runtime/tessim/exception.h"
-#include "runtime/tessim/ssl.h"
 #include "runtime/tessim/time_budget.h"
 #include "runtime/tessim/zarn.h"
 
@@ -29,18 +27,11 @@ namespace {
 
 using Tessim::Ref;
 
-constexpr std::chrono::seconds limit{2};
-constexpr std::size_t maxTicketSize = 1023;
-const std::string user = "root";
+constexpr std::chrono::seconds queryLimit{1};
 
 Ref<Tessim::System::Stream> Connect() {
-    Ref<Tessim::Crypto::KeyStore> keyStore;
-    Tessim::Crypto::CreateKeyStore("", "", {}, keyStore);
-    Tessim::Ssl::InitSSL("");
-    Ref<Tessim::Ssl::SSLContext> context;
-    Tessim::Ssl::CreateSSLContext(keyStore.Get(), Tessim::Ssl::SupportedVersion::Tls12OrNewer, context);
     Ref<Tessim::Authd::Client> client;
-    Tessim::Authd::CreateClient(context.Get(), client);
+    Tessim::Authd::CreateLocalClient(client);
     Ref<Tessim::System::Stream> stream;
     client->Open(Tessim::Authd::Selector::ManagementApi, "localhost", Hask::HostAgent::port, "", "", stream);
     return stream;
@@ -62,32 +53,18 @@ Ref<Hask::MoFactory> MakeStubs(Tessim::System::Stream* stream, Ref<Tessim::Zarn:
 Access StatusOf(const std::filesystem::path& path) {
     struct stat status {};
     if (::fstatat(AT_FDCWD, path.c_str(), &status, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT) != 0) {
-        throw std::system_error(errno, std::generic_category(), "cannot look at the ticket");
+        throw std::system_error(errno, std::generic_category(), "cannot check the ticket");
     }
     return {status.st_uid, status.st_gid, status.st_mode};
 }
 
-Ticket LookAt(const std::filesystem::path& path) {
+Ticket CheckTicket(const std::filesystem::path& path) {
     Ticket ticket{StatusOf(path), StatusOf(path.parent_path()), ""};
     std::ostringstream description;
     description << "user " << UserName(ticket.file.owner) << ", group " << GroupName(ticket.file.group)
                 << ", mode 0" << std::oct << (ticket.file.mode & 07777U);
     ticket.description = description.str();
     return ticket;
-}
-
-// As the module does: the password is one printable word, and anything else is never sent.
-std::string ReadPassword(const std::string& path, std::chrono::system_clock::time_point requested) {
-    Ref<Tessim::System::Stream> file;
-    Tessim::System::GetSystemFactory()->OpenSecretFile(path, requested, file);
-    std::array<char, maxTicketSize + 1> buffer{};
-    const std::size_t count = file->Read(buffer.data(), buffer.size());
-    std::string password(buffer.data(), count);
-    const auto isPrintable = [](char character) { return character > ' ' && character < 0x7f; };
-    if (count > maxTicketSize || !std::ranges::all_of(password, isPrintable)) {
-        throw Tessim::InvalidArgumentException("the ticket file does not hold a password");
-    }
-    return password;
 }
 
 ServiceStatus QueryStatus(Hask::MoFactory& stubs) {
@@ -117,7 +94,7 @@ bool Try(std::string& failure, Step step) {
 }  // namespace
 
 DaemonFacts ProbeDaemon() {
-    const Tessim::TimeBudget budget(limit);
+    std::optional<Tessim::TimeBudget> budget(Hask::LocalLogin::limit);
     DaemonFacts facts;
     Ref<Tessim::System::Stream> stream;
     try {
@@ -139,19 +116,24 @@ DaemonFacts ProbeDaemon() {
     Ref<Hask::SessionManager::LocalTicket> ticket;
     const auto requested = std::chrono::system_clock::now();
     if (!Try(facts.ticketFailure, [&] {
-            sessions->AcquireLocalTicket(user, ticket);
-            facts.ticket = LookAt(ticket->GetPasswordFilePath());
+            sessions->AcquireLocalTicket(Hask::LocalLogin::user, ticket);
+            facts.ticket = CheckTicket(ticket->GetPasswordFilePath());
         })) {
         return facts;
     }
     facts.loggedIn = Try(facts.loginFailure, [&] {
         Ref<Hask::UserSession> session;
-        const std::string password = ReadPassword(ticket->GetPasswordFilePath(), requested);
-        sessions->Login(ticket->GetUserName(), password, "en", session);
+        const auto password = Hask::LocalLogin::ReadPassword(ticket->GetPasswordFilePath(), requested);
+        if (!password) {
+            throw Tessim::InvalidArgumentException("the ticket file is too long");
+        }
+        sessions->Login(ticket->GetUserName(), *password, Hask::LocalLogin::locale, session);
     });
     if (!facts.loggedIn) {
         return facts;
     }
+    budget.reset();
+    budget.emplace(queryLimit);
     Try(facts.statusFailure, [&] {
         try {
             facts.status = QueryStatus(*stubs);

@@ -5,8 +5,8 @@
 
 namespace KelvStatus {
 
-// Connects to the daemon, logs in as the module does and queries its status, within 2 s in total. Does not
-// throw for what the daemon does.
+// Connects to the daemon and logs in as the module does, within the same limit of 1 s, and queries its
+// status, for which it has another second. Does not throw for what the daemon does.
 DaemonFacts ProbeDaemon();
 
 }  // namespace KelvStatus

@@ -77,4 +77,13 @@ void CreateClient(Ssl::SSLContext* context, Ref<Client>& out) {
     out = MakeRef<ClientImpl>(context);
 }
 
+void CreateLocalClient(Ref<Client>& out) {
+    Ref<Crypto::KeyStore> keys;
+    Crypto::CreateKeyStore("", "", {}, keys);
+    Ssl::InitSSL("");
+    Ref<Ssl::SSLContext> context;
+    Ssl::CreateSSLContext(keys.Get(), Ssl::SupportedVersion::Tls12OrNewer, context);
+    CreateClient(context.Get(), out);
+}
+
 }  // namespace Tessim::Authd

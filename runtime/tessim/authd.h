@@ -34,9 +34,9 @@ class Client : public virtual Object {
     // Waits at most until the deadline of the time budget in force. On failure `out` is unchanged. Throws
     // StreamException when the service is not there, refuses the stream or breaks the protocol;
     // TimeoutException when it does not reply in time; SystemException when the operating system has no
-    // socket; InvalidArgumentException for a bad host or text. For 5 s after a TimeoutException of any stream
-    // to the same address and port, opening throws it again at once, so that a daemon that hangs does not
-    // block the agent at each request. Any number of threads may open streams.
+    // socket; InvalidArgumentException for a bad host or text. During the backoff after a TimeoutException of
+    // any stream to the same address and port (peer.h), opening throws it again at once, so that a daemon
+    // that hangs does not block the agent at each request. Any number of threads may open streams.
     virtual void Open(Selector selector, const std::string& host, std::uint16_t port,
                       const std::string& text1, const std::string& text2, Ref<System::Stream>& out) = 0;
 };
@@ -44,5 +44,8 @@ class Client : public virtual Object {
 // Puts a client that opens its streams with `context`, which it keeps, into `out`. Throws
 // InvalidArgumentException when `context` is null.
 void CreateClient(Ssl::SSLContext* context, Ref<Client>& out);
+// Puts a client without keys or trusted certificates into `out`: the loopback connection's, whose peer proves
+// itself in another way (Ssl::CreateSSLContext). Throws SystemException when OpenSSL refuses.
+void CreateLocalClient(Ref<Client>& out);
 
 }  // namespace Tessim::Authd

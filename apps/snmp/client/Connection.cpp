@@ -1,12 +1,12 @@
 #include "apps/snmp/client/Connection.h"
 
-#include <algorithm>
-#include <array>
 #include <chrono>
 #include <exception>
+#include <optional>
 
 #include "apps/snmp/client/Endpoint.h"
 #include "runtime/hask/host_agent.h"
+#include "runtime/hask/local_login.h"
 #include "runtime/tessim/exception.h"
 #include "runtime/tessim/peer.h"
 #include "runtime/tessim/time_budget.h"
@@ -21,19 +21,6 @@ using LogLevel = Tessim::Service::Logger::LogLevel;
 
 const std::string sHostname = "localhost";
 const std::string localPath = "/ordane/";
-const std::string sUser = "root";
-const std::string locale = "en";
-constexpr std::size_t ticketBufferSize = 1024;
-// The agent serves no other request while it connects.
-constexpr std::chrono::seconds connectLimit{1};
-
-// The password is one word. Anything else was not written as a ticket and is never sent.
-void CheckPassword(const std::string& password) {
-    const auto isPrintable = [](char character) { return character > ' ' && character < 0x7f; };
-    if (!std::all_of(password.begin(), password.end(), isPrintable)) {
-        throw Tessim::InvalidArgumentException("the ticket file does not hold a password");
-    }
-}
 
 }  // namespace
 
@@ -52,7 +39,6 @@ Connection::~Connection() {
         }
         zarnSvc.Reset();
     }
-    serviceInstance.Reset();
     userSession.Reset();
     moFactory.Reset();
     stubAdapter.Reset();
@@ -62,7 +48,7 @@ Connection::~Connection() {
 }
 
 void Connection::Init(Tessim::Writer* writer) {
-    const Tessim::TimeBudget budget(connectLimit);
+    const Tessim::TimeBudget budget(Hask::LocalLogin::limit);
     try {
         Tessim::Service::InitApp();
     } catch (const Tessim::AlreadyInitializedException&) {
@@ -101,30 +87,23 @@ void Connection::Login() {
     Ref<Hask::SessionManager> sessionManager;
     moFactory->GetSessionManager(sessionManager);
     std::string userName;
-    std::string password;
+    std::optional<std::string> password;
     try {
         const auto requested = std::chrono::system_clock::now();
         Ref<Hask::SessionManager::LocalTicket> ticket;
-        sessionManager->AcquireLocalTicket(sUser, ticket);
+        sessionManager->AcquireLocalTicket(Hask::LocalLogin::user, ticket);
         userName = ticket->GetUserName();
-        Ref<Tessim::System::Stream> file;
-        Tessim::System::GetSystemFactory()->OpenSecretFile(ticket->GetPasswordFilePath(), requested, file);
-        std::array<char, ticketBufferSize> buffer{};
-        const std::size_t count = file->Read(buffer.data(), buffer.size());
-        file->Close();
-        if (count > buffer.size() - 1) {
+        password = Hask::LocalLogin::ReadPassword(ticket->GetPasswordFilePath(), requested);
+        if (!password) {
             Log(logger.Get(), LogLevel::Error, "Failed to read ticket. Ticket file too long.");
             return;
         }
-        buffer.at(count) = '\0';
-        password = buffer.data();
-        CheckPassword(password);
     } catch (const Tessim::Exception& failure) {
         Log(logger.Get(), LogLevel::Error,
             Tessim::PrintFormatter("Failed to acquire local ticket: %1") << failure.what());
         return;
     }
-    sessionManager->Login(userName, password, locale, userSession);
+    sessionManager->Login(userName, *password, Hask::LocalLogin::locale, userSession);
 }
 
 void Connection::Logout() {

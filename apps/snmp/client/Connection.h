@@ -58,8 +58,6 @@ class Connection : public Tessim::ObjectImpl, public virtual Tessim::Object {
     Tessim::Ref<Ordane::StubAdapter> stubAdapter;
     Tessim::Ref<Hask::MoFactory> moFactory;
     Tessim::Ref<Hask::UserSession> userSession;  // set: logged in
-    // Always null: queries take theirs from the factory. Released as part of the session.
-    Tessim::Ref<Hask::ServiceInstance> serviceInstance;
 };
 
 }  // namespace SNMP

@@ -2,8 +2,6 @@
 
 #include "runtime/ordane/zarn_stub_adapter.h"
 #include "runtime/tessim/authd.h"
-#include "runtime/tessim/crypto.h"
-#include "runtime/tessim/ssl.h"
 
 namespace SNMP {
 
@@ -21,13 +19,8 @@ void Endpoint::CreateService(Tessim::Service::Logger* logger, Ref<Tessim::Zarn::
 }
 
 void Endpoint::OpenStream(const std::string& host, std::uint16_t port, Ref<Tessim::System::Stream>& out) {
-    Ref<Tessim::Crypto::KeyStore> keyStore;
-    Tessim::Crypto::CreateKeyStore("", "", {}, keyStore);
-    Tessim::Ssl::InitSSL("");
-    Ref<Tessim::Ssl::SSLContext> context;
-    Tessim::Ssl::CreateSSLContext(keyStore.Get(), Tessim::Ssl::SupportedVersion::Tls12OrNewer, context);
     Ref<Tessim::Authd::Client> client;
-    Tessim::Authd::CreateClient(context.Get(), client);
+    Tessim::Authd::CreateLocalClient(client);
     client->Open(Tessim::Authd::Selector::ManagementApi, host, port, "", "", out);
 }
 

@@ -21,9 +21,11 @@
 #include <tuple>
 #include <vector>
 
+#include "runtime/tessim/crypto.h"
 #include "runtime/tessim/exception.h"
 #include "runtime/tessim/file_descriptor.h"
 #include "runtime/tessim/peer.h"
+#include "runtime/tessim/ssl.h"
 #include "runtime/tessim/time_budget.h"
 #include "tests/support/tls_test_server.h"
 #include "tests/unit/tessim/open_stream.h"
@@ -57,6 +59,16 @@ std::string Try(std::uint16_t port, const std::string& host = "localhost") {
     return outcome;
 }
 
+Ref<Authd::Client> MakeTrustingClient(const std::string& certificate) {
+    Ref<Crypto::KeyStore> keys;
+    Crypto::CreateKeyStore("", "", {certificate}, keys);
+    Ref<Ssl::SSLContext> context;
+    Ssl::CreateSSLContext(keys.Get(), Ssl::SupportedVersion::Tls12OrNewer, context);
+    Ref<Authd::Client> client;
+    Authd::CreateClient(context.Get(), client);
+    return client;
+}
+
 void Serve(ServedConnection& connection) {
     connection.Serve();
 }
@@ -87,8 +99,8 @@ TEST(AuthdClient, RequestsTheServiceAndOpensTheStreamBehindTheReply) {
 
 TEST(AuthdClient, AcceptsOnlyAPeerThatTheTrustedCertificatesVouchFor) {
     TlsTestServer server(Serve);
-    EXPECT_TRUE(OpenStream(server.GetPort(), "localhost", MakeClient({server.GetCertificate()})));
-    const auto other = MakeClient({KelvTest::Identity().certificate});
+    EXPECT_TRUE(OpenStream(server.GetPort(), "localhost", MakeTrustingClient(server.GetCertificate())));
+    const auto other = MakeTrustingClient(KelvTest::Identity().certificate);
     EXPECT_THAT(MessageOf<StreamException>([&] { OpenStream(server.GetPort(), "localhost", other); }),
                 ContainsRegex("TLS handshake.*self-signed certificate"));
 }

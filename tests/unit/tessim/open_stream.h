@@ -15,8 +15,6 @@
 #include <vector>
 
 #include "runtime/tessim/authd.h"
-#include "runtime/tessim/crypto.h"
-#include "runtime/tessim/ssl.h"
 #include "runtime/tessim/stream.h"
 
 namespace Tessim {
@@ -24,14 +22,9 @@ namespace Tessim {
 // Long enough for any busy host, short enough to distinguish a wait for the budget from a hang.
 constexpr std::chrono::seconds soon{20};
 
-inline Ref<Authd::Client> MakeClient(const std::vector<std::string>& trusted = {}) {
-    Ref<Crypto::KeyStore> keys;
-    Crypto::CreateKeyStore("", "", trusted, keys);
-    Ssl::InitSSL("");
-    Ref<Ssl::SSLContext> context;
-    Ssl::CreateSSLContext(keys.Get(), Ssl::SupportedVersion::Tls12OrNewer, context);
+inline Ref<Authd::Client> MakeClient() {
     Ref<Authd::Client> client;
-    Authd::CreateClient(context.Get(), client);
+    Authd::CreateLocalClient(client);
     return client;
 }
 
