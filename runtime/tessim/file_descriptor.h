@@ -1,4 +1,4 @@
-// A file descriptor that closes itself. Internal to the runtime.
+// A file descriptor that closes itself.
 #pragma once
 
 #include <unistd.h>

@@ -1,4 +1,4 @@
-// The other end of a connection, with the backoff after a timeout. Internal to the runtime.
+// The other end of a connection, with the backoff after a timeout.
 #pragma once
 
 #include <sys/socket.h>

@@ -42,7 +42,7 @@ void FreeStrings(const Row& row) {
 // invalid then; count and traversal keep their values until the next rewind, and there is no order.
 template <class Row>
 void DestroyRows(Row*& head, RowOrder<Row>& order) {
-    order.Forget();
+    order.Clear();
     while (head != nullptr) {
         Row* const row = head;
         FreeStrings(*row);

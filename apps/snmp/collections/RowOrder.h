@@ -39,7 +39,7 @@ class RowOrder {
     // Orders the rows that are linked, equal ones as they are linked. Without memory, and after ShareHead,
     // there is no order.
     void Make() noexcept {
-        Forget();
+        Clear();
         if (headIsShared) {
             return;
         }
@@ -61,11 +61,11 @@ class RowOrder {
     }
 
     // There is no order until the next Make. Releases its memory.
-    void Forget() noexcept { std::vector<Row*>().swap(rows); }
+    void Clear() noexcept { std::vector<Row*>().swap(rows); }
 
     // The head's address leaves the module: there is no order from now on, whatever Make does.
     void ShareHead() noexcept {
-        Forget();
+        Clear();
         headIsShared = true;
     }
 

@@ -3,11 +3,10 @@
 // Used on the agent's one request thread; a walk must not be interleaved with another walk of the same table
 // or with a refresh. The operations of a list collection:
 //   Init     rewinds to the first row.
-//   GetNext  stores the next row and returns its position in the list; stores null and returns -1 at the end.
-//   The
-//            row is for reading.
-//   Destroy  releases the rows and the strings that they own, and leaves the list empty. Rows
-//            returned before are invalid then; the cursor stays as it is until the next Init.
+//   GetNext  stores the next row, which is for reading, and returns its position in the list; stores null
+//            and returns -1 at the end.
+//   Destroy  releases the rows and the strings that they own, and leaves the list empty. Rows returned
+//            before are invalid then; the cursor stays as it is until the next Init.
 //   GetPtr   returns the address of the head variable, through which its caller may link, unlink and release
 //            rows at any time; every later request walks the list. Rows are `calloc`-ed, and the collection
 //            owns them while they are linked. The rebuild uses the head variable itself.

@@ -176,7 +176,7 @@ void OrderRows(const TableFacts<Row>& table) {
 // Links `rows` in that order, as a rebuild does.
 template <class Row>
 void LinkRows(const TableFacts<Row>& table, const std::vector<Row*>& rows) {
-    table.order->Forget();
+    table.order->Clear();
     Row** link = table.head;
     for (Row* const row : rows) {
         *link = row;
