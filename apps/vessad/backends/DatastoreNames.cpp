@@ -38,24 +38,6 @@ std::optional<std::string_view> TextAt(const Cursor& from, std::string_view key)
     return text;
 }
 
-// " (one of a, b)"; nothing for none, or for more than a message should have.
-std::string Choice(const Names& names, const Names& more = {}) {
-    constexpr std::size_t most = 10;
-    if (names.size() + more.size() > most) {
-        return "";
-    }
-    Names all = names;
-    all.insert(more.begin(), more.end());
-    if (all.empty()) {
-        return "";
-    }
-    std::vector<std::string> shown;
-    for (const std::string_view name : all) {
-        shown.push_back(Yaml::Shorten(name));
-    }
-    return " (" + Yaml::OneOf(std::vector<std::string_view>(shown.begin(), shown.end())) + ")";
-}
-
 // The name in the brackets of a datastore path; empty for none.
 std::string NameIn(std::string_view path) {
     const std::size_t open = path.find('[');
@@ -69,13 +51,15 @@ std::string NameIn(std::string_view path) {
 void CheckPath(const Cursor& path, const Names& hostNames, const Names& vmNames) {
     const std::string name = path.IsText() ? NameIn(path.Text()) : "";
     if (!name.empty() && !hostNames.contains(name) && !vmNames.contains(name)) {
-        path.Tolerate("the name of a datastore in brackets" + Choice(hostNames, vmNames));
+        Names all = hostNames;
+        all.insert(vmNames.begin(), vmNames.end());
+        path.Tolerate("the name of a datastore in brackets" + Yaml::Choice(all));
     }
 }
 
 void CheckId(const Cursor& id, const Names& ids) {
     if (id.IsText() && !ids.contains(id.Text())) {
-        id.Tolerate("the id of a datastore" + Choice(ids));
+        id.Tolerate("the id of a datastore" + Yaml::Choice(ids));
     }
 }
 

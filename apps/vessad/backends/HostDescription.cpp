@@ -166,7 +166,12 @@ class HostReader {
         stats->ForEachMember([&](const std::string& name, const Cursor& instances) {
             const auto counter = keys.find(name);
             if (counter == keys.end() && isCatalogueComplete) {
-                stats->Attempt([&] { stats->RefuseKey(name, "a counter of the catalogue"); });
+                std::set<std::string_view> names;
+                for (const auto& [known, key] : keys) {
+                    names.insert(known);
+                }
+                stats->Attempt(
+                    [&] { stats->RefuseKey(name, "a counter of the catalogue" + Yaml::Choice(names)); });
             }
             const std::int32_t key = counter == keys.end() ? 0 : counter->second;
             instances.ForEachMember([&](const std::string& instance, const Cursor& value) {

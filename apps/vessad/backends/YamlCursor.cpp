@@ -217,4 +217,16 @@ std::string OneOf(std::span<const std::string_view> words) {
     return text;
 }
 
+std::string Choice(const std::set<std::string_view>& words) {
+    constexpr std::size_t most = 10;
+    if (words.empty() || words.size() > most) {
+        return "";
+    }
+    std::vector<std::string> shown;
+    for (const std::string_view word : words) {
+        shown.push_back(Shorten(word));
+    }
+    return " (" + OneOf(std::vector<std::string_view>(shown.begin(), shown.end())) + ")";
+}
+
 }  // namespace Vessad::Yaml

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
@@ -79,5 +80,8 @@ class Cursor {
 
 // "one of a, b, c"; empty for no words.
 std::string OneOf(std::span<const std::string_view> words);
+// " (one of a, b, c)", with long words shortened; empty for no words, and for more than a message should
+// have.
+std::string Choice(const std::set<std::string_view>& words);
 
 }  // namespace Vessad::Yaml

@@ -2,7 +2,9 @@
 
 #include <cstdint>
 #include <limits>
+#include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Vessad::Yaml {
@@ -70,7 +72,11 @@ const Ordane::DataObjectType& ReadType(const Cursor& cursor, const Ordane::DataO
     }
     const Ordane::DataObjectType* type = declared.FindSubtype(named->Text());
     if (type == nullptr) {
-        named->Refuse("a kind of " + std::string(declared.name));
+        std::set<std::string_view> names{declared.name};
+        for (const Ordane::DataObjectType* descendant : declared.descendants) {
+            names.insert(descendant->name);
+        }
+        named->Refuse("a kind of " + std::string(declared.name) + Choice(names));
     }
     return *type;
 }
