@@ -6,9 +6,11 @@ buildPackages=(cmake ninja-build g++ pkg-config python3 python3-yaml
     libvirt-dev libsystemd-dev libgtest-dev libgmock-dev libbenchmark-dev)
 runPackages=(snmpd snmp iproute2 util-linux)
 testPackages=(python3-pytest python3-pytest-xdist python3-pysnmp4
-    binutils clang-format libvirt-clients openssl valgrind)
-# Of scripts/lint and scripts/test --all. Other versions of clang have other opinions.
-lintPackages=(clang-14 clang-format-14 clang-tidy-14 clang shellcheck flake8 smitools mandoc)
+    binutils libvirt-clients openssl valgrind)
+# Of scripts/lint --quick, and what the whole of it and scripts/test --all need more. Other versions of clang have other
+# opinions.
+quickLintPackages=(clang-format-14 shellcheck flake8 smitools mandoc)
+lintPackages=(clang-14 clang-tidy-14 clang)
 # Of scripts/package.
 packagePackages=(debhelper dpkg-dev lintian)
 # Of the packages' own test, which installs them in a bare root.
