@@ -7,6 +7,7 @@
 
 #include <array>
 #include <chrono>
+#include <cstddef>
 #include <cstdlib>
 #include <iostream>
 #include <utility>
@@ -24,11 +25,10 @@ constexpr int mistake = 2;
 
 // Whether the options or snmp.conf say who queries.
 bool HasCredentials(const netsnmp_session& session) {
-    if (session.version != SNMP_VERSION_3) {
-        return session.community_len > 0;
-    }
-    return session.securityNameLen > 0 ||
-           netsnmp_ds_get_string(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_SECNAME) != nullptr;
+    const bool isUser = session.version == SNMP_VERSION_3;
+    const std::size_t given = isUser ? session.securityNameLen : session.community_len;
+    const int byDefault = isUser ? NETSNMP_DS_LIB_SECNAME : NETSNMP_DS_LIB_COMMUNITY;
+    return given > 0 || netsnmp_ds_get_string(NETSNMP_DS_LIBRARY_ID, byDefault) != nullptr;
 }
 
 void SetError(QueryFacts& facts, int error, char* text) {
@@ -76,8 +76,10 @@ TestQuery::TestQuery(std::vector<std::string> given)
     : arguments(std::move(given)), session(std::make_unique<Session>()) {
     // Its commands would read every MIB, for a name that is not needed.
     ::setenv("MIBS", "", 1);
-    // They keep nothing on the disk for this program.
-    netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_PERSIST_STATE, 1);
+    // Where the library would make a directory and files, also for certificates: nowhere.
+    set_persistent_directory("/dev/null");
+    // Without a community the query is not tested, as without a user.
+    netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_IGNORE_NO_COMMUNITY, 1);
     arguments.insert(arguments.begin(), "kelv-status");
     // The agent, unless an earlier argument is it.
     arguments.emplace_back("localhost");

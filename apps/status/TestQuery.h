@@ -13,7 +13,8 @@ namespace KelvStatus {
 // Not thread-safe, and one per process: net-snmp's library has global state.
 class TestQuery {
   public:
-    // `arguments` are those of snmpget before the objects; without an agent it is localhost. Reads snmp.conf.
+    // `arguments` are those of snmpget before the objects; without an agent it is localhost. Reads snmp.conf
+    // and writes no file.
     explicit TestQuery(std::vector<std::string> arguments);
     TestQuery(const TestQuery&) = delete;
     TestQuery& operator=(const TestQuery&) = delete;

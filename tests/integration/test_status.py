@@ -56,11 +56,14 @@ def may_read(user="root"):
     return f"ok    ticket: snmpd (process N, user {user}) may read tickets\n"
 
 
-def run(*arguments, program=PROGRAM, **how):
-    """Returns the exit code and the text, with N for numbers that differ from run to run."""
+def run(*arguments, program=PROGRAM, configuration="/nonexistent", **how):
+    """Returns the exit code and the text, with N for numbers that differ from run to run.
+
+    `configuration`: the folder of snmp.conf.
+    """
     started = time.monotonic()
     result = subprocess.run([program, *arguments], capture_output=True, text=True, timeout=60,
-                            env={**os.environ, "SNMPCONFPATH": "/nonexistent"}, **how)
+                            env={**os.environ, "SNMPCONFPATH": str(configuration)}, **how)
     assert time.monotonic() - started < 8       # whatever hangs; a busy computer counts for some of it
     assert result.stderr == ""
     return result.returncode, re.sub(r"\d+(?= m?s\b)|(?<=process )\d+", "N", result.stdout)
@@ -74,8 +77,56 @@ def test_everything_works(start_daemon, start_agent):
     for options in (V2C, ["-v1", "-c", "public"], auth_priv("kelv")):
         assert run(*options) == (0, local + ANSWERS)
     assert run(*V2C, "127.0.0.1:161") == (0, local + ANSWERS.replace("localhost", "127.0.0.1:161"))
-    assert run() == (2, local + NOT_TESTED)
+    for options in ([], ["-v2c"], ["-v3", "-l", "authPriv"]):
+        assert run(*options) == (2, local + NOT_TESTED)
     assert daemon.log_text().count("logged out") >= 5
+
+
+USER = """\
+defSecurityName kelv
+defAuthType SHA
+defAuthPassphrase authentication
+defPrivType AES
+defPrivPassphrase encryption
+"""
+
+
+@pytest.mark.parametrize("configuration, options, result", [
+    # As the Debian package makes it; the MIB is not needed, and is not read.
+    ("defVersion 2c\ndefCommunity public\nmibdirs +/nonexistent\nmibs NO-SUCH-MIB\n", [], (0, ANSWERS)),
+    (USER, ["-v", "3", "-l", "authPriv"], (0, ANSWERS)),
+    (USER + "defVersion 3\ndefSecurityLevel authPriv\n", [], (0, ANSWERS)),
+    ("defVersion 2c\ndefCommunity unknown\n", ["-c", "public"], (0, ANSWERS)),
+    ("defVersion 2c\ndefCommunity unknown\n", [], (1, SILENT)),
+    ("defVersion 2c\n", [], (2, NOT_TESTED)),
+], ids=["community", "user", "all of version 3", "option", "unknown community", "version"])
+def test_credentials_of_snmp_conf(start_daemon, start_agent, directory, configuration, options, result):
+    start_daemon(SMALL)
+    start_agent()
+    folder = directory / "snmp"
+    folder.mkdir()
+    (folder / "snmp.conf").write_text(configuration)
+    code, line = result
+    assert run(*options, configuration=folder) == (code, DAEMON + loaded() + may_read() + line)
+
+
+@pytest.mark.parametrize("folder", ["etc", "home/.snmp"])
+def test_snmp_conf_in_its_usual_places_and_nothing_written(start_daemon, start_agent, directory, folder):
+    start_daemon(SMALL)
+    start_agent()
+    host = directory / "host"
+    (host / folder).mkdir(parents=True)
+    (host / folder / "snmp.conf").write_text("defVersion 2c\ndefCommunity public\n")
+    (host / "etc").mkdir(exist_ok=True)
+    before = sorted(host.rglob("*"))
+    environment = {name: value for name, value in os.environ.items() if not name.startswith("SNMP")}
+    # In a mount namespace of its own, where nothing of this computer's is read or written.
+    result = subprocess.run(
+        ["unshare", "--mount", "sh", "-ec",
+         'mount --bind "$1/etc" /etc/snmp; mount --bind "$1" /var/lib/snmp; exec "$2"', "sh", host, PROGRAM],
+        capture_output=True, text=True, timeout=60, env={**environment, "HOME": str(host / "home")})
+    assert (result.returncode, result.stderr) == (0, "")
+    assert sorted(host.rglob("*")) == before
 
 
 def test_the_same_as_json(start_daemon, start_agent):
@@ -206,7 +257,7 @@ def test_what_an_outsider_is_told(start_daemon, start_agent, directory):
         "      run kelv-status as root\n" + may_read().replace("N", str(agent.pid)) + NOT_TESTED)
 
 
-@pytest.mark.parametrize("arguments", [["-v9"], ["-v2c", "-c"], ["-v2c"], [*V2C, "localhost", "more"]])
+@pytest.mark.parametrize("arguments", [["-v9"], ["-v2c", "-c"], [*V2C, "localhost", "more"]])
 def test_wrong_arguments(arguments):
     result = subprocess.run([PROGRAM, *arguments], capture_output=True, text=True, timeout=20,
                             env={**os.environ, "SNMPCONFPATH": "/nonexistent"})
