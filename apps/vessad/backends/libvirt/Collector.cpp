@@ -268,7 +268,7 @@ std::optional<HostReading> Collector::FetchReading() {
             }
             try {
                 if (describesAnew) {
-                    reader->Clear();
+                    reader->MarkOutdated();
                 }
                 reading = reader->Read(*connection, pools);
             } catch (const ApiError& error) {

@@ -42,7 +42,8 @@ struct DomainDescription {
     std::vector<Disk> disks;  // those whose statistics the agent requests
     std::vector<Card> cards;  // in the domain's order
     std::map<std::string, Tessim::Ref<Hask::Datastore::Info>> datastores;  // that its devices name
-    bool provisional = false;  // a volume was not found; the next description may find it
+    std::map<std::string, Place> places;  // of the files of its drives, by libvirt's path
+    bool provisional = false;             // a volume was not found; the next description may find it
 };
 
 }  // namespace Vessad::Libvirt

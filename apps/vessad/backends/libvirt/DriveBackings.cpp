@@ -91,6 +91,7 @@ DriveBackings::Backing DriveBackings::Make(const DriveSource& source) {
     if (place.device) {
         device = WireText(*place.device);
     }
+    description.places.emplace(source.name, place);
     description.datastores.emplace(id, MakeDatastore(name, device));
     urls.emplace(name, WireText(place.url));
     auto backing = MakeRef<Device::VirtualDevice::FileBackingInfo>();

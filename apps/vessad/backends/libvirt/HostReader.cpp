@@ -2,6 +2,7 @@
 
 #include <spdlog/spdlog.h>
 
+#include <algorithm>
 #include <set>
 #include <utility>
 
@@ -21,15 +22,23 @@ Storage ReadStorage(const Host& host, const std::vector<std::string>& poolXmls) 
     return {IsLocal(host.uri) ? std::optional(ReadMounts()) : std::nullopt, std::move(pools)};
 }
 
+// Whether the description is the same with `storage`.
+bool IsCurrent(const DomainDescription* description, const Storage& storage) {
+    return description == nullptr ||
+           std::all_of(description->places.begin(), description->places.end(),
+                       [&](const auto& entry) { return storage.Locate(entry.first) == entry.second; });
+}
+
 }  // namespace
 
 HostReading HostReader::Read(Connection& connection, const std::vector<std::string>& pools) {
     HostReading reading;
     reading.host = connection.GetHost();
-    // Descriptions depend on the storage.
     if (Storage now = ReadStorage(reading.host, pools); now != storage) {
+        for (auto& [uuid, entry] : cache) {
+            entry.outdated = entry.outdated || !IsCurrent(entry.description.get(), now);
+        }
         storage = std::move(now);
-        cache.clear();
     }
     const auto configDirectory = ConfigDirectory(reading.host.uri);
     std::set<std::string> present;
@@ -47,11 +56,19 @@ HostReading HostReader::Read(Connection& connection, const std::vector<std::stri
     return reading;
 }
 
+void HostReader::MarkOutdated() {
+    guestNames.Clear();
+    for (auto& [uuid, entry] : cache) {
+        entry.outdated = true;
+    }
+}
+
 std::shared_ptr<const DomainDescription> HostReader::Describe(Connection& connection, Domain& domain,
                                                               std::optional<std::string> configFile) {
     const auto found = cache.find(domain.uuid);
     if (found != cache.end() &&
-        (domain.xml.empty() || (found->second.xml == domain.xml && found->second.configFile == configFile))) {
+        (domain.xml.empty() || (!found->second.outdated && found->second.xml == domain.xml &&
+                                found->second.configFile == configFile))) {
         return found->second.description;
     }
     const DescribeContext context{
@@ -75,10 +92,9 @@ std::shared_ptr<const DomainDescription> HostReader::Describe(Connection& connec
         spdlog::error("The XML of VM {} cannot be read, it has no configuration: {}", domain.uuid,
                       error.what());
     }
-    cache.erase(domain.uuid);
-    if (!description || !description->provisional) {
-        cache.emplace(domain.uuid, CacheEntry{std::move(domain.xml), std::move(configFile), description});
-    }
+    const bool outdated = description && description->provisional;
+    cache.insert_or_assign(domain.uuid,
+                           CacheEntry{std::move(domain.xml), std::move(configFile), description, outdated});
     return description;
 }
 

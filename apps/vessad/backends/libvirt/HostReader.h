@@ -36,20 +36,19 @@ class HostReader {
         : guestNames(std::move(osinfoDirectories)) {}
 
     // Reads the host, which may take as long as the host does. A domain that the host does not describe keeps
-    // its cached description. `pools`: the XML of the active pools. Throws ApiError.
+    // its cached description, also an outdated one. `pools`: the XML of the active pools. Throws ApiError.
     HostReading Read(Connection& connection, const std::vector<std::string>& pools);
 
-    // Describes every domain anew, with what the osinfo database has by then.
-    void Clear() {
-        guestNames.Clear();
-        cache.clear();
-    }
+    // Makes every cached description outdated: the next reading describes each domain anew, with what the
+    // osinfo database has by then.
+    void MarkOutdated();
 
   private:
     struct CacheEntry {
         std::string xml;
         std::optional<std::string> configFile;
         std::shared_ptr<const DomainDescription> description;
+        bool outdated = false;  // serves only while the host does not describe the domain
     };
 
     std::shared_ptr<const DomainDescription> Describe(Connection& connection, Domain& domain,

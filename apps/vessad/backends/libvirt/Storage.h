@@ -45,6 +45,8 @@ struct Place {
     std::string relative;  // the file within it
     // The device below the datastore; nothing when it lies on no device of the host.
     std::optional<std::string> device;
+
+    bool operator==(const Place&) const = default;
 };
 
 // The host's storage at one moment. Immutable, so any thread may use it.
