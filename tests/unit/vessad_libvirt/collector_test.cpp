@@ -58,6 +58,9 @@ class CollectorTest : public testing::Test {
     VessadTest::LogLines log;
     std::shared_ptr<FakeApi> api = std::make_shared<FakeApi>();
     CollectorOptions options;
+    // For the clocks of tests, which the collector's thread reads.
+    const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
+    std::atomic<milliseconds> passed{milliseconds(0)};
     std::unique_ptr<Collector> collector;
 };
 
@@ -143,9 +146,8 @@ TEST_F(CollectorTest, DropsTheVmsAlsoWhileACallHangs) {
 
 // As when libvirtd was stopped and continues, having closed the connections that it left without a reply.
 TEST_F(CollectorTest, ServesTheHostAnewByTheNextCollectionHoweverLongACallHung) {
-    std::atomic<std::chrono::seconds> passed{std::chrono::seconds(0)};
     options.readingTimeout = milliseconds(50);
-    options.now = [&] { return std::chrono::steady_clock::now() + passed.load(); };
+    options.now = [this] { return std::chrono::steady_clock::now() + passed.load(); };
     int hangs = 0;
     for (const auto hang :
          {std::chrono::seconds(30), std::chrono::seconds(180), std::chrono::seconds(3600)}) {
@@ -169,9 +171,7 @@ TEST_F(CollectorTest, ServesTheHostAnewByTheNextCollectionHoweverLongACallHung) 
 }
 
 TEST_F(CollectorTest, SaysWhetherTheHostWasReachedWhyNotAndHowOldTheInventoryIs) {
-    std::atomic<std::chrono::seconds> passed{std::chrono::seconds(0)};
-    const auto start = std::chrono::steady_clock::now();
-    options.now = [&] { return start + passed.load(); };
+    options.now = [this] { return start + passed.load(); };
     options.interval = std::chrono::hours(1);
     const auto expectStatus = [&](bool connected, const std::optional<std::string>& lastError,
                                   const std::optional<std::chrono::seconds>& age) {
@@ -194,7 +194,6 @@ TEST_F(CollectorTest, SaysWhetherTheHostWasReachedWhyNotAndHowOldTheInventoryIs)
     EXPECT_TRUE(log.AwaitLine("the last inventory serves"));
     VessadTest::Await([&] { return collector->GetStatus().lastError.has_value(); });
     expectStatus(false, "the host is down", std::chrono::seconds(4));
-    collector.reset();  // whose thread uses the clock above
 }
 
 // The time starts when the host is found unreachable, not with the last collection.
