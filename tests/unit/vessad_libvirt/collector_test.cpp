@@ -49,6 +49,25 @@ class CollectorTest : public testing::Test {
     }
 
     std::vector<std::string> Vms() const { return VmLines(*collector->Get()); }
+    // Sets one VM, with a system that no osinfo database has.
+    void SetDomainOfUnknownSystem() {
+        options.osinfoDirectories = {directory.GetPath()};
+        Domain domain = SmallDomain(uuidA, "vm-a");
+        domain.xml = DomainXmlWith(
+            "",
+            "<metadata><osinfo:libosinfo xmlns:osinfo='http://libosinfo.org/xmlns/libvirt/domain/1.0'>"
+            "<osinfo:os id='http://debian.org/debian/12'/></osinfo:libosinfo></metadata>");
+        SetDomains({domain});
+    }
+    // Installs a database that has it, as "Debian 12".
+    void InstallOsinfo() const {
+        std::filesystem::create_directories(directory.GetPath() / "os/debian.org");
+        VessadTest::WriteAll(
+            directory.GetPath() / "os/debian.org/debian-12.xml",
+            "<libosinfo><os id='http://debian.org/debian/12'><name>Debian 12</name></os></libosinfo>");
+    }
+    std::string GuestName() const { return collector->Get()->vms.at(0)->config->GetGuestFullName(); }
+
     void AwaitVms(const std::vector<std::string>& lines) const {
         VessadTest::Await([&] { return Vms() == lines; });
         EXPECT_EQ(Vms(), lines);
@@ -209,22 +228,28 @@ TEST_F(CollectorTest, KeepsTheInventoryUntilTheNextCollectionHoweverLateItIs) {
 }
 
 TEST_F(CollectorTest, FindsTheGuestNamesOfADatabaseThatWasInstalledWhenItIsToldToCollect) {
-    options.osinfoDirectories = {directory.GetPath()};
-    Domain domain = SmallDomain(uuidA, "vm-a");
-    domain.xml = DomainXmlWith(
-        "",
-        "<metadata><osinfo:libosinfo xmlns:osinfo='http://libosinfo.org/xmlns/libvirt/domain/1.0'>"
-        "<osinfo:os id='http://debian.org/debian/12'/></osinfo:libosinfo></metadata>");
-    SetDomains({domain});
+    SetDomainOfUnknownSystem();
     Start();
-    const auto name = [&] { return collector->Get()->vms.at(0)->config->GetGuestFullName(); };
-    EXPECT_EQ(name(), "hvm (x86_64)");
-    std::filesystem::create_directories(directory.GetPath() / "os/debian.org");
-    VessadTest::WriteAll(
-        directory.GetPath() / "os/debian.org/debian-12.xml",
-        "<libosinfo><os id='http://debian.org/debian/12'><name>Debian 12</name></os></libosinfo>");
+    EXPECT_EQ(GuestName(), "hvm (x86_64)");
+    InstallOsinfo();
     collector->CollectNow();
-    EXPECT_TRUE(VessadTest::Await([&] { return name() == "Debian 12"; })) << name();
+    EXPECT_TRUE(VessadTest::Await([&] { return GuestName() == "Debian 12"; })) << GuestName();
+}
+
+TEST_F(CollectorTest, DescribesVmsAnewOnceTheHostIsBackThatWasDownWhenItWasToldToCollect) {
+    options.progress = milliseconds(60);  // to see the clock every 10 ms
+    options.now = [this] { return start + passed.load(); };
+    SetDomainOfUnknownSystem();
+    Start();
+    InstallOsinfo();
+    api->SetDown(true);
+    collector->CollectNow();
+    EXPECT_TRUE(log.AwaitLine("cannot be reached"));
+    api->SetDown(false);
+    EXPECT_TRUE(VessadTest::Await([&] {
+        passed = passed.load() + options.interval;
+        return GuestName() == "Debian 12";
+    })) << GuestName();
 }
 
 TEST_F(CollectorTest, ServesAReadingThatIsLate) {

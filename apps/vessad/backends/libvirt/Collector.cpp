@@ -262,14 +262,14 @@ std::optional<HostReading> Collector::FetchReading() {
                 shared->readingPending = false;
                 shared->changed.notify_all();
             }};
+            if (describesAnew) {
+                reader->MarkOutdated();
+            }
             if (failure != nullptr) {
                 readingError = *failure;
                 return;
             }
             try {
-                if (describesAnew) {
-                    reader->MarkOutdated();
-                }
                 reading = reader->Read(*connection, pools);
             } catch (const ApiError& error) {
                 readingError = error;

@@ -49,8 +49,8 @@ class Collector {
     // The status of the host, without the name of the source.
     SourceStatus GetStatus();
 
-    // Starts the next collection now, or as soon as the running one ends. It describes every VM anew, with
-    // the names that the osinfo database has by then.
+    // Starts the next collection now, or as soon as the running one ends. It, or the first one after it that
+    // reaches the host, describes every VM anew, with the names that the osinfo database has by then.
     void CollectNow();
 
     // Returns whether the collector's thread has run within the time that `options.progress` is.
