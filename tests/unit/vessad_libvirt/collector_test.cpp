@@ -1,8 +1,11 @@
 #include "apps/vessad/backends/libvirt/Collector.h"
 
 #include <gtest/gtest.h>
+#include <spdlog/sinks/base_sink.h>
+#include <spdlog/spdlog.h>
 
 #include <atomic>
+#include <mutex>
 
 #include "tests/unit/vessad/log_lines.h"
 #include "tests/unit/vessad/temporary_directory.h"
@@ -20,6 +23,29 @@ Domain SmallDomain(const std::string& uuid, const std::string& name,
     return {uuid, name,  state != DomainState::ShutOff,
             true, state, "<domain><name>" + name + "</name><memory>65536</memory><vcpu>1</vcpu></domain>"};
 }
+
+// Keeps the status that the collector has while it logs a warning.
+class StatusSink final : public spdlog::sinks::base_sink<std::mutex> {
+  public:
+    explicit StatusSink(const std::unique_ptr<Collector>& collector) : collector(collector) {}
+
+    // Empty before the first warning.
+    std::optional<SourceStatus> Get() {
+        const std::lock_guard lock(mutex_);
+        return status;
+    }
+
+  private:
+    void sink_it_(const spdlog::details::log_msg& message) override {
+        if (message.level == spdlog::level::warn) {
+            status = collector->GetStatus();
+        }
+    }
+    void flush_() override {}
+
+    const std::unique_ptr<Collector>& collector;
+    std::optional<SourceStatus> status;
+};
 
 const std::string vmA = "1000 vm-a poweredOn running cpu.used 0=1";
 const std::string vmB = "2000 vm-b poweredOn running cpu.used 0=2";
@@ -211,8 +237,38 @@ TEST_F(CollectorTest, SaysWhetherTheHostWasReachedWhyNotAndHowOldTheInventoryIs)
     api->SetDown(true);
     collector->CollectNow();
     EXPECT_TRUE(log.AwaitLine("the last inventory serves"));
-    VessadTest::Await([&] { return collector->GetStatus().lastError.has_value(); });
     expectStatus(false, "the host is down", std::chrono::seconds(4));
+}
+
+TEST_F(CollectorTest, SaysWhyTheHostWasNotReachedFromTheBeginningOfTheOutage) {
+    const auto sink = std::make_shared<StatusSink>(collector);
+    spdlog::default_logger()->sinks().push_back(sink);
+    options.interval = std::chrono::hours(1);
+    Start();
+    api->SetDown(true);
+    collector->CollectNow();
+    ASSERT_TRUE(VessadTest::Await([&] {
+        const auto status = sink->Get();
+        return status && !status->connected;
+    }));
+    EXPECT_EQ(sink->Get()->lastError, "the host is down");
+}
+
+TEST_F(CollectorTest, SaysWhyTheHostWasNotReachedUntilTheNextInventoryIsComplete) {
+    options.interval = std::chrono::hours(1);
+    options.sampling.call = std::chrono::minutes(1);
+    api->SetDown(true);
+    Start();
+    api->SetDown(false);
+    api->Freeze(uuidA);
+    collector->CollectNow();
+    ASSERT_TRUE(VessadTest::Await([&] { return api->CountWaiting() == 1; }));
+    EXPECT_FALSE(collector->GetStatus().connected);
+    EXPECT_EQ(collector->GetStatus().lastError, "the host is down");
+    api->Release();
+    AwaitVms({vmA, vmB});
+    EXPECT_TRUE(collector->GetStatus().connected);
+    EXPECT_EQ(collector->GetStatus().lastError, std::nullopt);
 }
 
 // The time starts when the host is found unreachable, not with the last collection.

@@ -288,7 +288,6 @@ std::optional<HostReading> Collector::FetchReading() {
         return std::nullopt;
     }
     if (shared->reading) {
-        shared->failure.reset();
         return std::exchange(shared->reading, std::nullopt);
     }
     const std::optional<ApiError> failure = std::exchange(shared->readingError, std::nullopt);
@@ -302,6 +301,7 @@ bool Collector::Publish(std::shared_ptr<const Inventory> inventory) {
     const std::lock_guard lock(shared->mutex);
     shared->newest = std::move(inventory);
     shared->publishedAt = options.now();
+    shared->failure.reset();
     shared->newestWithoutVms = std::move(withoutVms);
     return std::exchange(shared->unreachableSince, std::nullopt).has_value();
 }
@@ -315,6 +315,7 @@ bool Collector::MarkUnreachable() {
 }
 
 void Collector::ReportFailure(std::unique_lock<std::mutex>& lock, const char* what, const ApiError& failure) {
+    shared->failure = failure;
     if (MarkUnreachable()) {
         const bool published = shared->publishedAt.has_value();
         lock.unlock();
@@ -326,7 +327,6 @@ void Collector::ReportFailure(std::unique_lock<std::mutex>& lock, const char* wh
         }
         lock.lock();
     }
-    shared->failure = failure;
     shared->attempted = true;
     shared->changed.notify_all();
 }
