@@ -5,6 +5,7 @@
 #include <exception>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include "apps/status/AgentProcesses.h"
 #include "apps/status/DaemonProbe.h"
@@ -32,7 +33,9 @@ int Run(int argc, const char* const* argv) {
     } catch (const CLI::ParseError& stop) {
         return app.exit(stop) == 0 ? 0 : cannotTell;
     }
-    KelvStatus::TestQuery query(app.remaining());
+    std::vector<std::string> arguments = app.remaining();
+    json = std::erase(arguments, "--json") > 0 || json;
+    KelvStatus::TestQuery query(arguments);
     if (query.GetExitCode()) {
         return *query.GetExitCode();
     }

@@ -142,6 +142,8 @@ def test_the_same_as_json(start_daemon, start_agent):
     assert [(check["check"], check["result"]) for check in checks] == [
         (name, "ok") for name in ("daemon", "login", "source", "snapshot", "module", "ticket", "query")]
     assert run("--json")[0] == 2
+    code, text = run(*V2C, "--json")
+    assert code == 0 and json.loads(text)["vms"] == 2
 
 
 def test_the_version_is_that_of_the_daemon():
