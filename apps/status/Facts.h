@@ -73,8 +73,8 @@ struct QueryFacts {
 };
 
 struct Facts {
-    bool isRoot = false;
-    std::string user;  // who runs this program
+    Credentials self;  // of this process
+    std::string user;  // its user
     DaemonFacts daemon;
     std::vector<AgentFacts> agents;
     QueryFacts query;

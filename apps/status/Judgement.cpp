@@ -41,14 +41,21 @@ bool Allows(const Access& access, mode_t bits, const Credentials& credentials) {
     return (access.mode & bits) != 0;
 }
 
+bool MayRead(const Ticket& ticket, const Credentials& credentials) {
+    return Allows(ticket.directory, S_IXOTH, credentials) && Allows(ticket.file, S_IROTH, credentials);
+}
+
 Check JudgeDaemon(const DaemonFacts& daemon) {
     if (daemon.owner) {
         return {Result::Ok, "daemon", "accepts connections, belongs to user " + Show(*daemon.owner), ""};
     }
     return {Result::Fail, "daemon", Show(daemon.connectFailure),
-            daemon.timedOut ? "systemctl restart tovric-vessad"
-                            : "systemctl status tovric-vessad says why it does not run; ss -lptn 'sport = "
-                              ":902' names another program on its port"};
+            daemon.timedOut
+                ? "journalctl -u tovric-vessad says whether it ends at its start, and why; where it hangs: "
+                  "systemctl restart tovric-vessad"
+                : "systemctl start tovric-vessad.socket tovric-vessad; if that fails, journalctl "
+                  "-u tovric-vessad says why, and ss -lptn 'sport = :902' names another program on "
+                  "its port"};
 }
 
 Check JudgeLogin(const Facts& facts) {
@@ -57,10 +64,13 @@ Check JudgeLogin(const Facts& facts) {
         return {Result::Ok, "login", "the daemon accepted a ticket", ""};
     }
     if (!daemon.ticket) {
+        const bool isNoMember = daemon.ticketFailure.find("cannot set the group") != std::string::npos;
         return {Result::Fail, "login", "the daemon issued no ticket: " + Show(daemon.ticketFailure),
-                "journalctl -u tovric-vessad"};
+                isNoMember ? "usermod --append --groups GROUP tovric-vessad, where GROUP is TICKET_GROUP of "
+                             "/etc/default/tovric-vessad, then: systemctl restart tovric-vessad"
+                           : "journalctl -u tovric-vessad"};
     }
-    if (!facts.isRoot) {
+    if (!MayRead(*daemon.ticket, facts.self)) {
         return {
             Result::Unknown, "login",
             "user " + Show(facts.user) + " may not read tickets (" + Show(daemon.ticket->description) + ")",
@@ -86,15 +96,18 @@ Check JudgeSource(const DaemonFacts& daemon) {
     if (!status.lastError && !status.snapshotAge) {
         return {Result::Unknown, "source", source + " has not been read yet", "run kelv-status again"};
     }
-    return {Result::Fail, "source", source + " cannot be read: " + Show(status.lastError.value_or("unknown")),
-            "libvirt: systemctl status libvirtd, the daemon finds it again by itself; a described host: "
-            "correct the file, then systemctl reload tovric-vessad"};
+    return {
+        Result::Fail, "source", source + " cannot be read: " + Show(status.lastError.value_or("unknown")),
+        status.source.starts_with("described host ")
+            ? "correct the file, then: systemctl reload tovric-vessad"
+            : "systemctl status libvirtd, the daemon finds it again by itself; where there is none: install "
+              "libvirt-daemon-system, or name the source in /etc/default/tovric-vessad"};
 }
 
 Check JudgeSnapshot(const ServiceStatus& status) {
     const std::string vms = std::to_string(status.vms) + (status.vms == 1 ? " VM" : " VMs");
     if (!status.snapshotAge) {
-        return {Result::Fail, "snapshot", "none yet, " + vms, ""};
+        return {status.lastError ? Result::Fail : Result::Unknown, "snapshot", "none yet, " + vms, ""};
     }
     const std::string text = vms + ", read " + Seconds(*status.snapshotAge) + " ago";
     if (status.vms > 0) {
@@ -131,12 +144,12 @@ Check JudgeTicket(const AgentFacts& agent, const std::optional<Ticket>& ticket) 
         return {Result::Unknown, "ticket",
                 "whether " + Name(agent) + " may read tickets is unknown without one", ""};
     }
-    if (Allows(ticket->directory, S_IXOTH, agent.credentials) &&
-        Allows(ticket->file, S_IROTH, agent.credentials)) {
+    if (MayRead(*ticket, agent.credentials)) {
         return {Result::Ok, "ticket", Name(agent) + " may read tickets", ""};
     }
+    const std::string group = Show(agent.group);
     return {Result::Fail, "ticket", Name(agent) + " may not read tickets (" + Show(ticket->description) + ")",
-            "TICKET_GROUP=" + Show(agent.group) +
+            "usermod --append --groups " + group + " tovric-vessad, and TICKET_GROUP=" + group +
                 " in /etc/default/tovric-vessad (option --ticket-group), then: systemctl restart "
                 "tovric-vessad"};
 }

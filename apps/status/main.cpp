@@ -2,6 +2,9 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <climits>
+#include <cstddef>
 #include <exception>
 #include <iostream>
 #include <string>
@@ -17,6 +20,13 @@
 namespace {
 
 constexpr int cannotTell = 2;
+
+KelvStatus::Credentials OwnCredentials() {
+    std::vector<gid_t> groups(NGROUPS_MAX);
+    groups.resize(static_cast<std::size_t>(std::max(::getgroups(NGROUPS_MAX, groups.data()), 0)));
+    groups.push_back(::getegid());
+    return {::geteuid(), groups};
+}
 
 int Run(int argc, const char* const* argv) {
     bool json = false;
@@ -40,8 +50,8 @@ int Run(int argc, const char* const* argv) {
         return *query.GetExitCode();
     }
     KelvStatus::Facts facts;
-    facts.isRoot = ::geteuid() == 0;
-    facts.user = KelvStatus::UserName(::geteuid());
+    facts.self = OwnCredentials();
+    facts.user = KelvStatus::UserName(facts.self.user);
     facts.daemon = KelvStatus::ProbeDaemon();
     facts.agents = KelvStatus::ListAgents();
     facts.query = query.Run();

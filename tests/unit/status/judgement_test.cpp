@@ -24,7 +24,6 @@ const Ticket ticketOfTheGroup{{daemonUser, agentGroup, 0100640},
 // Of a host on which everything works.
 Facts Good() {
     Facts facts;
-    facts.isRoot = true;
     facts.user = "root";
     facts.daemon.owner = "tovric-vessad";
     facts.daemon.ticket = ticketOfTheGroup;
@@ -101,9 +100,9 @@ TEST(Judgement, OfTheDaemon) {
              facts.daemon.connectFailure = "cannot connect to localhost:902: Connection refused";
          },
          "FAIL  daemon: cannot connect to localhost:902: Connection refused\n"
-         "      systemctl status tovric-vessad says why it does not run; ss -lptn 'sport = :902' names "
-         "another "
-         "program on its port\n" +
+         "      systemctl start tovric-vessad.socket tovric-vessad; if that fails, journalctl -u "
+         "tovric-vessad "
+         "says why, and ss -lptn 'sport = :902' names another program on its port\n" +
              unknown},
         {[](Facts& facts) {
              facts.daemon = {};
@@ -111,7 +110,8 @@ TEST(Judgement, OfTheDaemon) {
              facts.daemon.timedOut = true;
          },
          "FAIL  daemon: localhost:902: TLS handshake timed out\n"
-         "      systemctl restart tovric-vessad\n" +
+         "      journalctl -u tovric-vessad says whether it ends at its start, and why; where it hangs: "
+         "systemctl restart tovric-vessad\n" +
              unknown},
         {[](Facts& facts) {
              facts.daemon = {};
@@ -121,6 +121,16 @@ TEST(Judgement, OfTheDaemon) {
          "ok    daemon: accepts connections, belongs to user root\n"
          "FAIL  login: the daemon issued no ticket: no\\x0aspace\n"
          "      journalctl -u tovric-vessad\n" +
+             unknown},
+        {[](Facts& facts) {
+             facts.daemon = {};
+             facts.daemon.owner = "tovric-vessad";
+             facts.daemon.ticketFailure = "cannot set the group of a ticket file: Operation not permitted";
+         },
+         "FAIL  login: the daemon issued no ticket: cannot set the group of a ticket file: Operation not "
+         "permitted\n"
+         "      usermod --append --groups GROUP tovric-vessad, where GROUP is TICKET_GROUP of "
+         "/etc/default/tovric-vessad, then: systemctl restart tovric-vessad\n" +
              unknown},
     });
 }
@@ -136,9 +146,17 @@ TEST(Judgement, OfTheLogin) {
          "FAIL  login: the ticket is from the future\n"
          "      journalctl -u tovric-vessad\n"
          "?     source: unknown without a login\n1"},
+        // A member of the ticket's group may do what root does here.
         {[&](Facts& facts) {
              reject(facts);
-             facts.isRoot = false;
+             facts.self = {1000, {1000, agentGroup}};
+         },
+         "FAIL  login: the ticket is from the future\n"
+         "      journalctl -u tovric-vessad\n"
+         "?     source: unknown without a login\n1"},
+        {[&](Facts& facts) {
+             reject(facts);
+             facts.self = {1000, {1000}};
              facts.user = "alice";
          },
          "?     login: user alice may not read tickets (user tovric-vessad, group Debian-snmp, mode 0640)\n"
@@ -153,9 +171,8 @@ TEST(Judgement, OfTheSourceAndItsSnapshot) {
     };
     const std::string unreadable =
         "FAIL  source: libvirt x cannot be read: no reply in time\n"
-        "      libvirt: systemctl status libvirtd, the daemon finds it again by itself; a described host: "
-        "correct the "
-        "file, then systemctl reload tovric-vessad\n";
+        "      systemctl status libvirtd, the daemon finds it again by itself; where there is none: install "
+        "libvirt-daemon-system, or name the source in /etc/default/tovric-vessad\n";
     Expect({
         {status({"described host /h.yaml", true, {}, 86400, 1}),
          "ok    source: described host /h.yaml is connected\n"
@@ -173,7 +190,11 @@ TEST(Judgement, OfTheSourceAndItsSnapshot) {
         {status({"libvirt x", false, {}, {}, 0}),
          "?     source: libvirt x has not been read yet\n"
          "      run kelv-status again\n"
-         "FAIL  snapshot: none yet, 0 VMs\n1"},
+         "?     snapshot: none yet, 0 VMs\n2"},
+        {status({"described host /h.yaml", false, "/h.yaml: expected", 40, 3}),
+         "FAIL  source: described host /h.yaml cannot be read: /h.yaml: expected\n"
+         "      correct the file, then: systemctl reload tovric-vessad\n"
+         "ok    snapshot: 3 VMs, read 40 s ago and still served\n1"},
         {[](Facts& facts) {
              facts.daemon.status.reset();
              facts.daemon.isOlder = true;
@@ -243,7 +264,8 @@ TEST(Judgement, OfWhoMayReadTickets) {
                 ? "0"
                 : "FAIL  ticket: snmpd (process 812, user Debian-snmp) may not read tickets (user A, group "
                   "B, mode C)\n"
-                  "      TICKET_GROUP=Debian-snmp in /etc/default/tovric-vessad (option --ticket-group), "
+                  "      usermod --append --groups Debian-snmp tovric-vessad, and TICKET_GROUP=Debian-snmp "
+                  "in /etc/default/tovric-vessad (option --ticket-group), "
                   "then: systemctl restart tovric-vessad\n1");
     }
 }
