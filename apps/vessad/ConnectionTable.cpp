@@ -5,25 +5,22 @@ namespace Vessad {
 ConnectionTable::ConnectionTable(const Limits& given) : limits{given.preamble, given.login, given.session} {}
 
 void ConnectionTable::Place(std::uint64_t number, const std::shared_ptr<Entry>& entry, Stage stage) {
-    std::shared_ptr<Entry> evicted;
-    {
-        const std::lock_guard lock(mutex);
-        RemoveLocked(number);
-        if (closed) {
-            evicted = entry;
-        } else {
-            Queue& queue = At(stage);
-            const std::uint64_t turn = nextTurn++;
-            // In this order: without memory for the second, Remove clears the first.
-            positions[number] = {stage, turn};
-            queue.emplace(turn, Queued{number, entry});
-            if (queue.size() > limits.at(static_cast<std::size_t>(stage))) {
-                evicted = TakeOldestLocked(queue);
-            }
-        }
+    std::unique_lock lock(mutex);
+    RemoveLocked(number);
+    if (closed) {
+        const std::string why = *closed;
+        lock.unlock();
+        entry->Evict(why);
+        return;
     }
-    if (evicted) {
-        evicted->Evict("too many connections");
+    Queue& queue = At(stage);
+    const std::uint64_t turn = nextTurn++;
+    // In this order: without memory for the second, Remove clears the first.
+    positions[number] = {stage, turn};
+    queue.emplace(turn, Queued{number, entry});
+    // More than one when another thread is evicting.
+    while (queue.size() > limits.at(static_cast<std::size_t>(stage))) {
+        EvictOldest(lock, queue, "too many connections");
     }
 }
 
@@ -33,35 +30,21 @@ void ConnectionTable::Remove(std::uint64_t number) {
 }
 
 void ConnectionTable::MakeRoom(std::string_view why) {
-    std::shared_ptr<Entry> evicted;
-    {
-        const std::lock_guard lock(mutex);
-        for (const Stage stage : {Stage::Preamble, Stage::Login}) {
-            if (Queue& queue = At(stage); !queue.empty()) {
-                evicted = TakeOldestLocked(queue);
-                break;
-            }
+    std::unique_lock lock(mutex);
+    for (const Stage stage : {Stage::Preamble, Stage::Login}) {
+        if (Queue& queue = At(stage); !queue.empty()) {
+            EvictOldest(lock, queue, why);
+            return;
         }
-    }
-    if (evicted) {
-        evicted->Evict(why);
     }
 }
 
 void ConnectionTable::Close(std::string_view why) {
     std::unique_lock lock(mutex);
-    closed = true;
+    closed = why;
     for (Queue& queue : queues) {
         while (!queue.empty()) {
-            const std::uint64_t number = queue.begin()->second.number;
-            std::shared_ptr<Entry> evicted = queue.begin()->second.entry.lock();
-            lock.unlock();
-            if (evicted) {
-                evicted->Evict(why);
-                evicted.reset();
-            }
-            lock.lock();
-            RemoveLocked(number);
+            EvictOldest(lock, queue, why);
         }
     }
 }
@@ -74,13 +57,18 @@ void ConnectionTable::RemoveLocked(std::uint64_t number) {
     }
 }
 
-// Null when the connection is being destroyed.
-std::shared_ptr<ConnectionTable::Entry> ConnectionTable::TakeOldestLocked(Queue& queue) {
-    const auto place = queue.begin();
-    std::shared_ptr<Entry> entry = place->second.entry.lock();
-    positions.erase(place->second.number);
-    queue.erase(place);
-    return entry;
+void ConnectionTable::EvictOldest(std::unique_lock<std::mutex>& lock, const Queue& queue,
+                                  std::string_view why) {
+    const std::uint64_t number = queue.begin()->second.number;
+    // Null when the connection is being destroyed.
+    std::shared_ptr<Entry> evicted = queue.begin()->second.entry.lock();
+    lock.unlock();
+    if (evicted) {
+        evicted->Evict(why);
+        evicted.reset();
+    }
+    lock.lock();
+    RemoveLocked(number);
 }
 
 }  // namespace Vessad

@@ -11,6 +11,8 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <unordered_map>
 
@@ -42,14 +44,14 @@ class ConnectionTable {
 
     // Adds the connection `number` to a stage, or moves it there, as that stage's newest. When the stage is
     // full, its oldest connection is evicted; when the table is closed, this one is. Does not keep the entry
-    // alive.
+    // alive. Throws what Evict throws; the connection that was to be evicted is still in the table then.
     void Place(std::uint64_t number, const std::shared_ptr<Entry>& entry, Stage stage);
 
     // Removes the connection, if it is there.
     void Remove(std::uint64_t number);
 
     // Evicts the oldest connection that has not logged in, if any; in the preamble stage before the login
-    // stage.
+    // stage. Throws as Place does.
     void MakeRoom(std::string_view why);
 
     // Evicts every connection, and each that is placed later. Throws what Evict throws; may be called again
@@ -69,14 +71,15 @@ class ConnectionTable {
 
     Queue& At(Stage stage) { return queues.at(static_cast<std::size_t>(stage)); }
     void RemoveLocked(std::uint64_t number);
-    std::shared_ptr<Entry> TakeOldestLocked(Queue& queue);
+    // Evicts the queue's oldest connection and removes it; unlocks meanwhile.
+    void EvictOldest(std::unique_lock<std::mutex>& lock, const Queue& queue, std::string_view why);
 
     const std::array<std::size_t, 3> limits;
     std::mutex mutex;  // guards all below
     std::array<Queue, 3> queues;
     std::unordered_map<std::uint64_t, Position> positions;
     std::uint64_t nextTurn = 0;
-    bool closed = false;
+    std::optional<std::string> closed;  // why
 };
 
 }  // namespace Vessad
