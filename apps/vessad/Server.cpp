@@ -228,10 +228,11 @@ ConnectionTable::Limits RaiseFileLimit() {
         ::getrlimit(RLIMIT_NOFILE, &files);
     }
     if (files.rlim_cur < wanted) {
-        // An equal share for each of the three stages.
-        const std::size_t share =
-            std::max<std::size_t>(1, (files.rlim_cur > otherFiles ? files.rlim_cur - otherFiles : 0) / 3);
-        limits = {share, share, share};
+        const rlim_t available = files.rlim_cur > otherFiles ? files.rlim_cur - otherFiles : 0;
+        const rlim_t total = limits.Total();
+        for (std::size_t* const limit : {&limits.preamble, &limits.login, &limits.session}) {
+            *limit = std::max<std::size_t>(1, *limit * available / total);
+        }
         spdlog::warn("Limit of {} open files, serving at most {} connections", files.rlim_cur,
                      limits.Total());
     }

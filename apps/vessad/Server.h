@@ -60,7 +60,7 @@ class Server {
 };
 
 // Raises the limit of open files as far as needed and allowed, and returns how many connections of users who
-// can log in it permits.
+// can log in it permits: fewer in proportion, but one at each stage, where it does not allow all.
 ConnectionTable::Limits RaiseFileLimit();
 
 }  // namespace Vessad
