@@ -30,7 +30,7 @@ struct Parsed {
 };
 
 // Parses the command line; prints help, mistakes, and `version` for --version. The paths of the result are
-// absolute, but for `check`.
+// absolute, but for `check`. Throws std::filesystem::filesystem_error where there is no working directory.
 Parsed ParseCommandLine(int count, const char* const* arguments, const std::string& version);
 
 }  // namespace Vessad

@@ -81,13 +81,12 @@ std::optional<std::chrono::microseconds> WatchdogInterval() {
 // Where the log goes. Threads may use the logger at any time, so it stays and its sinks are replaced.
 using LogDestination = spdlog::sinks::dist_sink_mt;
 
-std::shared_ptr<LogDestination> LogToStandardError(const Options& options) {
+std::shared_ptr<LogDestination> LogToStandardError() {
     auto sink = std::make_shared<spdlog::sinks::stderr_sink_mt>();
     sink->set_formatter(Vessad::MakeLogFormatter("%Y-%m-%dT%H:%M:%S.%e %l %*", "\n"));
     auto destination = std::make_shared<LogDestination>();
     destination->set_sinks({sink});
     auto logger = std::make_shared<spdlog::logger>(programName, destination);
-    logger->set_level(spdlog::level::from_str(options.logLevel));
     logger->flush_on(spdlog::level::trace);
     spdlog::set_default_logger(logger);
     return destination;
@@ -205,16 +204,17 @@ void Serve(const Options& options, LogDestination& log) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const Vessad::Parsed parsed =
-        Vessad::ParseCommandLine(argc, argv, std::string("tovric-vessad ") + Kelv::version);
-    if (!parsed.options) {
-        return parsed.exitCode;
-    }
-    if (parsed.options->check) {
-        return Vessad::CheckHost(*parsed.options->check, std::cout, std::cerr);
-    }
-    const auto log = LogToStandardError(*parsed.options);
+    const auto log = LogToStandardError();
     try {
+        const Vessad::Parsed parsed =
+            Vessad::ParseCommandLine(argc, argv, std::string("tovric-vessad ") + Kelv::version);
+        if (!parsed.options) {
+            return parsed.exitCode;
+        }
+        if (parsed.options->check) {
+            return Vessad::CheckHost(*parsed.options->check, std::cout, std::cerr);
+        }
+        spdlog::set_level(spdlog::level::from_str(parsed.options->logLevel));
         Serve(*parsed.options, *log);
     } catch (const std::exception& failure) {
         spdlog::critical("Exiting: {}", failure.what());

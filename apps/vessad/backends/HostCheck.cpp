@@ -1,7 +1,7 @@
 #include "apps/vessad/backends/HostCheck.h"
 
 #include <cstdlib>
-#include <stdexcept>
+#include <exception>
 #include <string>
 
 #include "apps/vessad/backends/HostDescription.h"
@@ -77,7 +77,7 @@ int CheckHost(const std::filesystem::path& file, std::ostream& summary, std::ost
         for (const std::string& mistake : found.List()) {
             mistakes << mistake << "\n";
         }
-    } catch (const std::runtime_error& failure) {
+    } catch (const std::exception& failure) {
         mistakes << failure.what() << "\n";
     }
     return EXIT_FAILURE;

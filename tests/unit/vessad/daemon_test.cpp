@@ -82,6 +82,13 @@ TEST_F(DaemonTest, WithoutLibvirtServesADescribedHostOnly) {
     EXPECT_THAT(Log(), HasSubstr("SIGINT received, stopping"));
 }
 
+TEST_F(DaemonTest, ExitsWithTheReasonWhereItsWorkingDirectoryIsGone) {
+    directory.Run("mkdir gone && cd gone && rmdir ../gone && { " + CommandLine("--host host.yaml") +
+                  "; echo exit code $?; } >>" + logPath.string() + " 2>&1");
+    EXPECT_THAT(Log(), HasSubstr("critical Exiting: "));
+    EXPECT_THAT(Log(), HasSubstr("exit code 1\n"));
+}
+
 TEST_F(DaemonTest, ListensInTheBackgroundWhenTheStarterReturns) {
     Start();
     EXPECT_THAT(Log(), HasSubstr("Serving the built-in sample host"));
