@@ -7,6 +7,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "apps/vessad/HostObjects.h"
 #include "runtime/ordane/faults.h"
 #include "runtime/ordane/xml_codec.h"
 
@@ -24,11 +25,6 @@ constexpr Ordane::Xml::Size partLimit{2UL << 20U, 40'000, 40'000};
 // A larger object is sent in no part. Below what a client reads, because the message holds more than the
 // object.
 constexpr Ordane::Xml::Size objectLimit{24UL << 20U, 800'000, 800'000};
-
-template <class Object>
-Ref<Ordane::MoRef> MakeReference(const std::string& id) {
-    return MakeRef<Ordane::MoRef>(std::string(Object::staticType.name), id);
-}
 
 std::string TextOf(const Ordane::DataObject& object) {
     Ordane::Xml::Writer writer;

@@ -2,6 +2,7 @@
 
 #include <spdlog/spdlog.h>
 
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -20,11 +21,10 @@ class FolderObject final : public Hask::Folder {
         : Folder(std::move(reference)), inventory(std::move(inventory)), changes(changes) {}
 
     void GetChildEntity(Tessim::Ref<Ordane::DataArray<Ordane::MoRef>>& out) override {
-        const std::string type(Hask::VirtualMachine::staticType.name);
         out = Tessim::MakeRef<Ordane::DataArray<Ordane::MoRef>>();
         out->Reserve(static_cast<int>(inventory->vms.size()));
         for (const auto& vm : inventory->vms) {
-            out->Append(Tessim::MakeRef<Ordane::MoRef>(type, vm->id));
+            out->Append(MakeReference<Hask::VirtualMachine>(vm->id));
         }
     }
 

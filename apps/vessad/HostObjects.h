@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include "apps/vessad/ChangeTracker.h"
@@ -14,6 +15,12 @@ namespace Vessad {
 template <class Object>
 bool IsReferenceTo(const Ordane::MoRef& reference, std::string_view id) {
     return reference.GetType() == Object::staticType.name && reference.GetId() == id;
+}
+
+// Returns a reference to the managed object of class Object with that id.
+template <class Object>
+Tessim::Ref<Ordane::MoRef> MakeReference(const std::string& id) {
+    return Tessim::MakeRef<Ordane::MoRef>(std::string(Object::staticType.name), id);
 }
 
 // Returns a new object for what `reference` names in `inventory`, or null: the folder of VMs, a VM, a

@@ -24,11 +24,6 @@ constexpr std::string_view onlyUser = "root";
 constexpr std::size_t maxShownName = 40;
 constexpr std::size_t maxShownText = 1000;
 
-template <class Object>
-Tessim::Ref<Ordane::MoRef> MakeReference(const std::string& id) {
-    return Tessim::MakeRef<Ordane::MoRef>(std::string(Object::staticType.name), id);
-}
-
 }  // namespace
 
 class Session::ServiceInstanceObject final : public Hask::ServiceInstance {
