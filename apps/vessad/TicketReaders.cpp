@@ -48,27 +48,26 @@ bool IsMember(uid_t user, gid_t group) {
 
 }  // namespace
 
-Group FindGroup(const std::string& name) {
+Group FindGroup(gid_t id) {
     Group group;
+    group.includes = [id](uid_t user) { return IsMember(user, id); };
     std::vector<char> buffer(entrySize);
     ::group entry{};
     ::group* found = nullptr;
-    if (name.empty() || ::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0 ||
-        found == nullptr) {
+    if (::getgrgid_r(id, &entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr) {
         return group;
     }
-    group.includes = [id = entry.gr_gid](uid_t user) { return IsMember(user, id); };
     std::vector<std::string> names;
     for (char** member = entry.gr_mem; *member != nullptr && names.size() < maxListed; ++member) {
         names.emplace_back(*member);
     }
     const auto listed = static_cast<std::ptrdiff_t>(names.size());
-    names.push_back(name);
+    names.emplace_back(entry.gr_name);
     for (auto member = names.begin(); member != names.end(); ++member) {
         passwd user{};
         passwd* known = nullptr;
         if (::getpwnam_r(member->c_str(), &user, buffer.data(), buffer.size(), &known) == 0 &&
-            known != nullptr && (member - names.begin() < listed || user.pw_gid == entry.gr_gid)) {
+            known != nullptr && (member - names.begin() < listed || user.pw_gid == id)) {
             group.members.push_back(user.pw_uid);
         }
     }

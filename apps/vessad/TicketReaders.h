@@ -6,7 +6,6 @@
 
 #include <functional>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "runtime/tessim/file_descriptor.h"
@@ -20,8 +19,8 @@ struct Group {
     std::vector<uid_t> members;  // some of those who are: the user of its name, and whom it lists
 };
 
-// An unknown or empty name is a group of nobody.
-Group FindGroup(const std::string& name);
+// The group of that id. Looks up its members that are known by name, as far as the database can be read.
+Group FindGroup(gid_t id);
 
 class TicketReaders {
   public:

@@ -51,7 +51,10 @@ bool IsTicketName(std::string_view name) {
            name.find_first_not_of("0123456789abcdef", filePrefix.size()) == std::string_view::npos;
 }
 
-gid_t FindGroup(const std::string& name) {
+std::optional<gid_t> FindGroup(const std::string& name) {
+    if (name.empty()) {
+        return std::nullopt;
+    }
     std::vector<char> buffer(64UL * 1024);
     group entry{};
     group* found = nullptr;
@@ -66,10 +69,7 @@ gid_t FindGroup(const std::string& name) {
 }  // namespace
 
 TicketStore::TicketStore(TicketOptions given, const boost::asio::any_io_executor& executor)
-    : options(std::move(given)), timer(executor) {
-    if (!options.group.empty()) {
-        group = FindGroup(options.group);
-    }
+    : options(std::move(given)), group(FindGroup(options.group)), timer(executor) {
     OpenDirectory();
     RemoveStale();
 }
@@ -84,7 +84,6 @@ TicketStore::~TicketStore() {
 
 void TicketStore::OpenDirectory() {
     const std::string name = "the ticket directory " + options.directory.string();
-    const bool forGroup = !options.group.empty();
     const bool created = ::mkdir(options.directory.c_str(), 0700) == 0;
     RequireCall(created || errno == EEXIST, "cannot create " + name);
     directory = Tessim::FileDescriptor(
@@ -92,8 +91,8 @@ void TicketStore::OpenDirectory() {
     RequireCall(directory.Get() >= 0, "cannot open " + name);
     if (created) {
         try {
-            RequireCall((!forGroup || ::fchown(directory.Get(), static_cast<uid_t>(-1), group) == 0) &&
-                            ::fchmod(directory.Get(), forGroup ? groupDirectoryMode : openDirectoryMode) == 0,
+            RequireCall((!group || ::fchown(directory.Get(), static_cast<uid_t>(-1), *group) == 0) &&
+                            ::fchmod(directory.Get(), group ? groupDirectoryMode : openDirectoryMode) == 0,
                         "cannot set group and mode of " + name);
         } catch (...) {
             ::rmdir(options.directory.c_str());
@@ -101,8 +100,8 @@ void TicketStore::OpenDirectory() {
         }
     }
     const struct stat status = CheckPrivate(directory.Get(), name);
-    const mode_t search = forGroup && status.st_gid == group ? S_IXGRP : S_IXOTH;
-    if (forGroup && (status.st_mode & search) == 0) {
+    const mode_t search = status.st_gid == group ? S_IXGRP : S_IXOTH;
+    if (group && (status.st_mode & search) == 0) {
         throw std::runtime_error("the group " + options.group + " cannot reach files in " + name);
     }
 }
@@ -171,8 +170,8 @@ std::string TicketStore::Describe(std::uint64_t owner) const {
         return {};
     }
     return "the ticket " + (options.directory / ticket->second.file).string() + " was not used; " +
-           (options.group.empty() ? "only root and this user can read it"
-                                  : "root, this user and the group " + options.group + " can read it");
+           (group ? "root, this user and the group " + options.group + " can read it"
+                  : "only root and this user can read it");
 }
 
 void TicketStore::Drop(std::uint64_t owner) {
@@ -195,10 +194,9 @@ void TicketStore::WriteFile(const std::string& file, std::string_view password) 
         ::openat(directory.Get(), file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     RequireCall(descriptor.Get() >= 0, "cannot create a ticket file");
     try {
-        RequireCall(
-            options.group.empty() || (::fchown(descriptor.Get(), static_cast<uid_t>(-1), group) == 0 &&
-                                      ::fchmod(descriptor.Get(), 0640) == 0),
-            "cannot set the group of a ticket file");
+        RequireCall(!group || (::fchown(descriptor.Get(), static_cast<uid_t>(-1), *group) == 0 &&
+                               ::fchmod(descriptor.Get(), 0640) == 0),
+                    "cannot set the group of a ticket file");
         while (!password.empty()) {
             const ssize_t written = ::write(descriptor.Get(), password.data(), password.size());
             RequireCall(written > 0 || (written < 0 && errno == EINTR), "cannot write a ticket file");

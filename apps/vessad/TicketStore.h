@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -36,6 +37,9 @@ class TicketStore {
     TicketStore& operator=(const TicketStore&) = delete;
     // Removes every ticket. The executor must have stopped.
     ~TicketStore();
+
+    // Returns the group that may read the tickets too, if any.
+    std::optional<gid_t> GetGroup() const { return group; }
 
     // Creates a ticket for the connection `owner` and returns the path of its file, whose content is the
     // password without a line end. It replaces the connection's previous ticket. Throws std::system_error
@@ -79,7 +83,7 @@ class TicketStore {
     void RemoveExpired();
 
     const TicketOptions options;
-    gid_t group = static_cast<gid_t>(-1);
+    const std::optional<gid_t> group;
     Tessim::FileDescriptor directory;
 
     mutable std::mutex mutex;  // guards all below

@@ -35,19 +35,23 @@ TEST(TicketReadersTest, AreRootTheDaemonsUserAndTheGroupOfTheTickets) {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "only root can become another user";
     }
-    // Debian's users "daemon" and "bin" are each in the group of their name only; nobody has the last number.
+    // Debian's users "daemon" and "bin" are each in the group of their name and number only; nobody and no
+    // group has the last number.
     constexpr uid_t daemon = 1;
     constexpr uid_t bin = 2;
     constexpr uid_t missing = 4'000'000;
-    for (const auto& [group, expected] : std::vector<std::pair<std::string, std::string>>{
-             {"", "1000"}, {"daemon", "1100"}, {"bin", "1010"}, {"no-such-group-here", "1000"}}) {
-        TicketReaders readers(FindGroup(group), {});
+    for (const auto& [group, expected] :
+         std::vector<std::pair<Group, std::string>>{{{}, "1000"},
+                                                    {FindGroup(daemon), "1100"},
+                                                    {FindGroup(bin), "1010"},
+                                                    {FindGroup(missing), "1000"}}) {
+        TicketReaders readers(group, {});
         for (const char* const address : {"127.0.0.1", "127.0.0.1", "::1"}) {
             std::string included;
             for (const uid_t user : {uid_t{0}, daemon, bin, missing}) {
                 included += IncludesUser(readers, user, address) ? '1' : '0';
             }
-            EXPECT_EQ(included, expected) << group << " at " << address;
+            EXPECT_EQ(included, expected) << "expected at " << address;
         }
     }
 }
