@@ -302,6 +302,18 @@ TEST_F(ServerTest, FitsItsConnectionsIntoTheLimitOfOpenFiles) {
                 HasSubstr("warning Limit of 524 open files, serving at most 331 connections\n"));
 }
 
+TEST_F(ServerTest, FitsAllItsConnectionsIntoTheLimitOfTheUnit) {
+    const std::string unit = VessadTest::ReadAll(VESSAD_TEST_UNIT);
+    const std::string setting = "\nLimitNOFILE=";
+    ASSERT_THAT(unit, HasSubstr(setting));
+    const rlim_t files = std::stoul(unit.substr(unit.find(setting) + setting.size()));
+    const rlimit given{files, files};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &given), 0);
+    EXPECT_EQ(RaiseFileLimit().Total(), ConnectionTable::Limits().Total());
+    const std::string guide = VessadTest::ReadAll(VESSAD_TEST_GUIDE);
+    EXPECT_NE(guide.find("below the service's " + std::to_string(files) + " |"), std::string::npos);
+}
+
 TEST_F(ServerTest, ClosesEverythingWhenItStops) {
     RawClient silent(port);
     const auto waiting = Opened();
