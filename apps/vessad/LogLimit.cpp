@@ -26,6 +26,7 @@ bool LogLimit::Admit(Kind kind) {
 }
 
 void LogLimit::Flush() {
+    static_assert(names.size() == kinds);
     std::array<std::size_t, kinds> suppressed{};
     {
         const std::lock_guard lock(mutex);

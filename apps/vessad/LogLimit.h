@@ -14,11 +14,11 @@ namespace Vessad {
 class LogLimit {
   public:
     using Clock = std::chrono::steady_clock;
-    enum class Kind : std::size_t { Timeout, Preamble, Request, Login, Ticket, Accept };
+    enum class Kind : std::size_t { Timeout, Preamble, Request, Login, Ticket, Accept, Count };
 
     explicit LogLimit(std::function<Clock::time_point()> now = Clock::now) : now(std::move(now)) {}
 
-    // Returns whether the caller is to log a line of that kind. Flushes first.
+    // Returns whether the caller is to log a line of that kind, which is not Count. Flushes first.
     bool Admit(Kind kind);
 
     // Logs how many lines were suppressed in each minute that is over.
@@ -29,7 +29,7 @@ class LogLimit {
         Clock::time_point begin;
         std::size_t lines = 0;
     };
-    static constexpr std::size_t kinds = 6;
+    static constexpr auto kinds = static_cast<std::size_t>(Kind::Count);
 
     const std::function<Clock::time_point()> now;
     std::mutex mutex;  // guards what follows
