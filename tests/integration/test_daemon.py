@@ -12,13 +12,15 @@ from wire import Connection, Fault, logged_in, read_ticket
 
 SMALL = system.HOSTS / "small.yaml"
 
-# One call of each kind that needs a login.
+# Each call that needs a login, but Logout.
 GUARDED = [
-    ("Folder", "ha-folder-vm", "GetChildEntity"),
+    ("ServiceInstance", "ServiceInstance", "QueryStatus"),
+    ("Folder", "ha-folder-vm", "GetChildEntity"), ("Folder", "ha-folder-vm", "RetrieveChanges"),
     ("VirtualMachine", "16", "GetConfig"), ("VirtualMachine", "16", "GetRuntime"),
     ("VirtualMachine", "16", "GetGuest"), ("Datastore", "ds-1", "GetInfo"), ("HostSystem", "ha-host", "GetHardware"),
     ("MemoryManagerSystem", "memoryManagerSystem", "GetConsoleReservationInfo"),
     ("PerformanceManager", "ha-perfmgr", "GetPerfCounter"), ("PerformanceManager", "ha-perfmgr", "QueryPerf"),
+    ("PerformanceManager", "ha-perfmgr", "QueryLatest"),
 ]
 
 
