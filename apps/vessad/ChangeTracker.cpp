@@ -9,6 +9,7 @@
 
 #include "apps/vessad/HostObjects.h"
 #include "runtime/ordane/faults.h"
+#include "runtime/ordane/soap.h"
 #include "runtime/ordane/xml_codec.h"
 
 namespace Vessad {
@@ -19,12 +20,15 @@ using Tessim::MakeRef;
 using Tessim::Ref;
 
 constexpr char separator = '-';
-// A client reads messages of 32 MiB and 1,000,000 elements or attributes (wire.md). A part of this size is
-// soon sent and read; an object that is larger is one of its own.
+// A part of this size is soon sent and read; an object that is larger is one of its own.
 constexpr Ordane::Xml::Size partLimit{2UL << 20U, 40'000, 40'000};
-// A larger object is sent in no part. Below what a client reads, because the message holds more than the
-// object.
+// A larger object is sent in no part.
 constexpr Ordane::Xml::Size objectLimit{24UL << 20U, 800'000, 800'000};
+// A client reads such a part, of which less than 1 KiB is not the object.
+constexpr Ordane::Soap::Limits clientLimits;
+static_assert(partLimit.FitsIn(objectLimit) &&
+              objectLimit.FitsIn({clientLimits.maxBytes - 1024, clientLimits.maxElements - 1024,
+                                  clientLimits.maxElements - 1024}));
 
 std::string TextOf(const Ordane::DataObject& object) {
     Ordane::Xml::Writer writer;

@@ -43,11 +43,11 @@ constexpr std::size_t maxShownPreamble = 80;
 // Before the login the client is untrusted, and no call that it may make needs more.
 struct SizeLimits {
     std::uint32_t header;
-    std::uint64_t body;
     Ordane::Soap::Limits message;
 };
-constexpr SizeLimits beforeLogin{8 * 1024, 16UL * 1024, {.maxElements = 100, .maxDepth = 16}};
-constexpr SizeLimits afterLogin{8 * 1024, 8UL * 1024 * 1024, {.maxElements = 400'000, .maxDepth = 64}};
+constexpr SizeLimits beforeLogin{8 * 1024, {.maxBytes = 16UL * 1024, .maxElements = 100, .maxDepth = 16}};
+constexpr SizeLimits afterLogin{8 * 1024,
+                                {.maxBytes = 8UL * 1024 * 1024, .maxElements = 400'000, .maxDepth = 64}};
 
 // Everything but Evict runs in the thread of the socket's executor. Each pending operation holds a reference
 // to the connection.
@@ -201,7 +201,7 @@ class Connection final : public ConnectionTable::Entry, public std::enable_share
     void ReceiveRequest() {
         parser.emplace();
         parser->header_limit(Limits().header);
-        parser->body_limit(Limits().body);
+        parser->body_limit(Limits().message.maxBytes);
         SetTimeout(context.timeouts.request);
         http::async_read(stream, buffer, *parser, Then(&Connection::OnRequest));
     }

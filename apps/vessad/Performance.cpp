@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "runtime/ordane/faults.h"
+#include "runtime/ordane/soap.h"
 #include "runtime/ordane/xml_codec.h"
 
 namespace Vessad {
@@ -20,12 +21,16 @@ namespace {
 using Hask::PerformanceManager;
 
 constexpr const char* everyInstance = "*";
-// A statistic takes five elements of a response, of which a client reads at most a million.
+constexpr Ordane::Soap::Limits clientLimits;
 constexpr std::size_t maxStatistics = 190'000;
+// A statistic takes five elements of a response.
+static_assert(5 * maxStatistics < clientLimits.maxElements);
 // In the compact form: no more than a client expands.
-constexpr std::size_t maxCompactStatistics = 1'000'000;
-// What the series and texts of the compact form may take; the message around them is small.
+constexpr std::size_t maxCompactStatistics = clientLimits.maxElements;
+// What the series and texts of the compact form may take; the message around them takes less than 1 KiB.
 constexpr Ordane::Xml::Size maxCompactSize{30UL << 20U, 990'000, 990'000};
+static_assert(maxCompactSize.FitsIn({clientLimits.maxBytes - 1024, clientLimits.maxElements - 1024,
+                                     clientLimits.maxElements - 1024}));
 // "<samples></samples>", which is longer than that of a series.
 constexpr Ordane::Xml::Size elementOfList{19, 1, 0};
 

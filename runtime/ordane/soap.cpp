@@ -55,7 +55,11 @@ struct DepthCheck final : pugi::xml_tree_walker {
 };
 
 // Refuses a message beyond `limits`. Reads the text alone and allocates nothing.
-void CheckCounts(std::string_view text, const Limits& limits) {
+void CheckSize(std::string_view text, const Limits& limits) {
+    if (text.size() > limits.maxBytes) {
+        throw Tessim::InvalidArgumentException("a SOAP message of more than " +
+                                               std::to_string(limits.maxBytes) + " bytes");
+    }
     const Xml::Size size = Xml::SizeOf(text);
     if (size.elements > limits.maxElements || size.attributes > limits.maxElements) {
         throw Tessim::InvalidArgumentException(
@@ -148,7 +152,7 @@ std::string EncodeFault(const Fault::MethodFault& fault) {
 }
 
 Message::Message(std::string_view text, const Limits& limits) : document(std::make_unique<Document>()) {
-    CheckCounts(text, limits);
+    CheckSize(text, limits);
     const pugi::xml_parse_result result = document->xml.load_buffer(
         text.data(), text.size(),
         pugi::parse_escapes | pugi::parse_cdata | pugi::parse_ws_pcdata | pugi::parse_doctype,

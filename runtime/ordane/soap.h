@@ -15,8 +15,11 @@
 
 namespace Ordane::Soap {
 
-// Limits of a message, for the sake of the reader's memory and stack.
+// Limits of a message, for the sake of the reader's memory and stack. The defaults are those of a reply that
+// a client reads after its login.
 struct Limits {
+    // Of its text. Who receives the text rejects a longer one before it takes the memory.
+    std::size_t maxBytes = 32UL * 1024 * 1024;
     // Of elements and of attributes. Counted on the text, before anything is built from it: a "<" or "="
     // within a text counts too.
     std::size_t maxElements = 1'000'000;

@@ -59,7 +59,7 @@ struct Size {
     std::size_t attributes = 0;  // and other "="
 
     // Whether none exceeds that of `limit`.
-    bool FitsIn(const Size& limit) const {
+    constexpr bool FitsIn(const Size& limit) const {
         return bytes <= limit.bytes && elements <= limit.elements && attributes <= limit.attributes;
     }
     Size& operator+=(const Size& other);

@@ -5,6 +5,7 @@
 #include <boost/beast/http.hpp>
 #include <chrono>
 
+#include "runtime/ordane/soap.h"
 #include "runtime/ordane/soap_stub_adapter.h"
 #include "runtime/tessim/exception.h"
 #include "runtime/tessim/time_budget.h"
@@ -18,8 +19,7 @@ namespace beast = boost::beast;
 namespace http = boost::beast::http;
 
 constexpr std::uint32_t maxHeaderBytes = 8U * 1024;
-constexpr std::uint64_t maxReplyBytes = 32ULL * 1024 * 1024;
-constexpr std::uint64_t maxReplyBytesBeforeLogin = 64ULL * 1024;
+constexpr std::size_t maxReplyBytesBeforeLogin = 64UL * 1024;
 constexpr std::chrono::seconds callLimit{5};
 
 // The size of one read, a TLS record. It is also the most that may be read but not yet parsed, so that an
@@ -125,7 +125,7 @@ class ZarnStubAdapter final : public SoapStubAdapter {
         buffer.reserve(bufferBytes);
         http::response_parser<http::string_body> parser;
         parser.header_limit(maxHeaderBytes);
-        parser.body_limit(IsLoggedIn() ? maxReplyBytes : maxReplyBytesBeforeLogin);
+        parser.body_limit(IsLoggedIn() ? Soap::Limits{}.maxBytes : maxReplyBytesBeforeLogin);
         const std::size_t headerBytes = http::read_header(stream, buffer, parser, error);
         HttpStream::Check(error);
         // The parser's own limit does not count what it parsed of the first piece.

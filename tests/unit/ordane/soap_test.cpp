@@ -138,6 +138,13 @@ TEST(SoapMessage, IsRefusedBeyondTheLimitOfItsDepth) {
     EXPECT_EQ(Refusal(nested(5), {.maxDepth = 4}), "a SOAP message nested deeper than 4");
 }
 
+TEST(SoapMessage, IsRefusedBeyondTheLimitOfItsBytes) {
+    const std::string text = CallOf("Sweep", "", "");
+    EXPECT_EQ(Refusal(text, {.maxBytes = text.size()}), "nothing");
+    EXPECT_EQ(Refusal(text, {.maxBytes = text.size() - 1}),
+              "a SOAP message of more than " + std::to_string(text.size() - 1) + " bytes");
+}
+
 TEST(SoapMessage, IsRefusedBeyondTheLimitOfElementsAndAttributes) {
     const auto withAttributes = [](std::size_t count) {
         return Enveloped("<Sweep" + Repeated(" a='1'", count) + "/>");

@@ -22,7 +22,7 @@ using testing::Eq;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-constexpr std::size_t maxReplyBytes = 32UL * 1024 * 1024;
+constexpr std::size_t maxReplyBytes = Soap::Limits{}.maxBytes;
 constexpr std::size_t maxReplyBytesBeforeLogin = 64UL * 1024;
 constexpr std::size_t maxHeaderBytes = 8UL * 1024;
 

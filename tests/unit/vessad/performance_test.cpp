@@ -107,7 +107,6 @@ TEST(Performance, RejectsOtherIntervalsAndMoreStatisticsThanAResponseCanCarry) {
 // The response to a QueryLatest of the VMs for `metrics` metrics of that instance; it must be one that a
 // client can read.
 void QueryLatest(const std::vector<std::vector<Series>>& vms, int metrics, const std::string& instance) {
-    constexpr std::size_t maxBytes = 32UL << 20U;
     Inventory inventory;
     Ordane::DataArray<Ordane::MoRef> entities;
     for (const std::vector<Series>& series : vms) {
@@ -129,7 +128,6 @@ void QueryLatest(const std::vector<std::vector<Series>>& vms, int metrics, const
     const auto response = method.response->create();
     method.response->ownMembers[0].append(*response, Ordane::Value(static_cast<Ordane::Any*>(latest.Get())));
     const std::string text = Ordane::Soap::EncodeResponse(method, *response);
-    EXPECT_LE(text.size(), maxBytes);
     EXPECT_NO_THROW(Ordane::Soap::Message(text, {}));
 }
 
