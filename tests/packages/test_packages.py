@@ -7,13 +7,15 @@ import subprocess
 import time
 
 import pytest
-from bare_host import BareHost, output, packages
+from bare_host import ROOT, BareHost, output, packages
 
 pytestmark = pytest.mark.skipif(os.geteuid() != 0, reason="needs root")
 
 SMALL = "--host /usr/share/doc/tovric-vessad/examples/hosts/small.yaml"
 VMS = ["web-1", "backup"]
 AS_ROOT = "SNMPCONFPATH=/etc/snmp/kelv"
+SNIPPET = "/etc/snmp/snmpd.conf.d/kelv.conf"
+COMMUNITY = "/etc/snmp/snmpd.conf.d/kelv-local.conf"
 UNITS = "systemctl show --property=Id,MainPID,ActiveEnterTimestampMonotonic --type=service,socket '*'"
 
 
@@ -31,7 +33,7 @@ def install(*names):
 
 @pytest.fixture
 def archives(tmp_path):
-    """A folder with the packages and, in older/, those of a version before, whose settings' file is another one."""
+    """A folder with the packages and, in older/, those of a version before, whose settings are other files."""
     folder = tmp_path / "archives"
     (folder / "older").mkdir(parents=True)
     for file in packages().values():
@@ -40,7 +42,7 @@ def archives(tmp_path):
         subprocess.run(["dpkg-deb", "--raw-extract", file, tree], check=True)
         control = tree / "DEBIAN/control"
         control.write_text(re.sub(r"^Version: .*", "Version: 0.0.1", control.read_text(), flags=re.MULTILINE))
-        for setting in tree.glob("etc/default/*"):
+        for setting in [*tree.glob("etc/default/*"), *tree.glob("etc/snmp/*/*")]:
             setting.write_text(setting.read_text() + "# of an older version\n")
         subprocess.run(["dpkg-deb", "-Zgzip", "--root-owner-group", "--build", tree, folder / "older"], check=True,
                        stdout=subprocess.DEVNULL)
@@ -53,6 +55,10 @@ def host(tmp_path, archives):
     booted = BareHost(tmp_path, archives)
     yield booted
     booted.close()
+
+
+def access(host, *files):
+    return host.run(f"stat -c '%a %U %G' {' '.join(files)}").stdout.splitlines()
 
 
 def names(host):
@@ -71,6 +77,23 @@ def test_one_command_installs_and_one_shows_the_vms(host):
         " vmIdx vmDisplayName         vmConfigFile  vmGuestOS      vmMemSize   vmState vmVMID vmGuestState")
     assert row.startswith(
         "     0          test Unknown config: 1000 hvm (i686) 8192 megabytes poweredOn   1000      running")
+    host.run(f"{AS_ROOT} kelv-status")
+
+
+def test_the_status_tells_what_is_stopped_or_withdrawn(host):
+    host.run(describe_host(SMALL))
+    host.run(install())
+    host.run("systemctl stop tovric-vessad.socket tovric-vessad")
+    stopped = host.run(f"{AS_ROOT} kelv-status", check=False)
+    assert stopped.returncode == 1
+    assert re.search("^FAIL +daemon: .*refused", stopped.stdout, re.M), stopped.stdout
+    remedy = "systemctl start tovric-vessad.socket tovric-vessad"
+    assert remedy in stopped.stdout
+    host.run(f"{remedy} && {AS_ROOT} kelv-status")
+    host.run(f"rm {COMMUNITY} && systemctl restart snmpd")
+    withdrawn = host.run(f"{AS_ROOT} kelv-status", check=False)
+    assert withdrawn.returncode == 1
+    assert re.findall("^FAIL +(\\w+): ", withdrawn.stdout, re.M) == ["query"], withdrawn.stdout
 
 
 def test_only_those_named_can_read(host):
@@ -79,24 +102,34 @@ def test_only_those_named_can_read(host):
     assert names(host) == VMS
     module = "-M +/usr/share/kelv-mibs/smi -m TOVRIC-KELV-MIB localhost vmDisplayName"
     assert "No more variables left" in host.run(f"snmpwalk -v2c -c public {module}", check=False).stdout
-    secrets = "/etc/snmp/snmpd.conf.d/kelv-local.conf /etc/snmp/kelv/snmp.conf"
-    assert host.run(f"stat -c '%a %U %G' {secrets}").stdout == "640 root Debian-snmp\n600 root root\n"
+    assert access(host, SNIPPET, COMMUNITY, "/etc/snmp/kelv/snmp.conf") == \
+        ["640 root Debian-snmp", "640 root Debian-snmp", "600 root root"]
     # As the snippet's comments say.
-    host.run("""
+    host.run(f"""
         systemctl stop snmpd
         echo 'createUser manager SHA-256 "authentication" AES "privacy phrase"' >>/var/lib/snmp/snmpd.conf
-        sed -i 's/^#rouser/rouser/; s/^#rocommunity COMMUNITY 192.0.2.1/rocommunity open 127.0.0.1/' \
-            /etc/snmp/snmpd.conf.d/kelv.conf
+        sed -i 's/^#rouser/rouser/; s/^#rocommunity COMMUNITY 192.0.2.1/rocommunity open 127.0.0.1/' {SNIPPET}
         systemctl start snmpd""")
-    v3 = "-v3 -l authPriv -u manager -a SHA-256 -A authentication -x AES -X 'privacy phrase'"
-    for access in (v3, "-v2c -c open"):
-        assert host.run(f"snmpwalk {access} -Oqv {module}").stdout.split() == VMS
+    passphrases = "-a SHA-256 -A authentication -x AES -X 'privacy phrase'"
+    v3 = f"-v3 -l authPriv -u manager {passphrases}"
+    for credentials in (v3, "-v2c -c open"):
+        assert host.run(f"snmpwalk {credentials} -Oqv {module}").stdout.split() == VMS
+    # As the manual's examples say.
+    page = (ROOT / "man/SNMPKelv.8").read_text().partition(".Sh EXAMPLES\n")[2]
+    commands, configuration = re.findall(r"^\.Bd -literal.*?\n(.*?)^\.Ed", page, re.M | re.S)[:2]
+    commands = commands.replace("...", passphrases).replace("HOST", "localhost")
+    shown = host.run(f"set -e\n{commands}").stdout
+    assert shown.startswith("SNMP table: TOVRIC-KELV-MIB::vmTable\n"), shown
+    assert "TOVRIC-KELV-MIB::netHCTx.1 = " in shown, shown
+    assert configuration in (ROOT / "docs/mib.md").read_text().replace("    ", "")
+    host.run(f"mkdir -p /root/.snmp && cat >/root/.snmp/snmp.conf <<'END'\n{configuration}END")
+    assert host.run(f"snmpwalk {v3} -Oqv localhost vmDisplayName").stdout.split() == VMS
 
 
 def test_an_upgrade_keeps_settings_and_the_port(host):
     host.run(describe_host(SMALL))
     host.run("apt-get install -y /packages/older/*.deb")
-    host.run("echo '# edited' >>/etc/default/tovric-vessad")
+    host.run(f"for file in /etc/default/tovric-vessad {SNIPPET}; do echo '# edited' >>$file; done; chmod 644 {SNIPPET}")
     community = host.run("cat /etc/snmp/kelv/snmp.conf").stdout
     before = host.run(UNITS).stdout
     walking = host.start(f"while [ ! -e /run/upgraded ]; do {AS_ROOT} snmpbulkwalk -r 9 -t 1 -Oqv localhost vmTable "
@@ -106,7 +139,9 @@ def test_an_upgrade_keeps_settings_and_the_port(host):
     host.run("touch /run/upgraded")
     walks = set(walking.communicate(timeout=60)[0].split())
     assert len(walks) == 1 and walks != {"0"}, walks
-    assert "# edited" in host.run("cat /etc/default/tovric-vessad").stdout
+    for file in ("/etc/default/tovric-vessad", SNIPPET):
+        assert host.run(f"tail -2 {file}").stdout == "# of an older version\n# edited\n"
+    assert access(host, SNIPPET) == ["640 root Debian-snmp"]
     assert host.run("cat /etc/snmp/kelv/snmp.conf").stdout == community
     after = host.run(UNITS).stdout
     changed = set(after.split("\n\n")) - set(before.split("\n\n"))
@@ -114,6 +149,8 @@ def test_an_upgrade_keeps_settings_and_the_port(host):
     assert restarted == {"snmpd.service", "tovric-vessad.service"}
     # A replaced file would be named with "(deleted)".
     assert " (deleted)" not in host.run("grep SNMPKelv /proc/$(pidof snmpd)/maps").stdout
+    host.run(f"dpkg-statoverride --update --add root adm 640 {SNIPPET} && {install('snmpd-kelv')} --reinstall")
+    assert access(host, SNIPPET) == ["640 root adm"]
 
 
 FILES = "find / -xdev -path /proc -prune -o -path /sys -prune -o -path /packages -prune -o -print; find /run /etc"
@@ -130,11 +167,11 @@ def test_a_purge_leaves_only_the_user(host):
     others = [relation for relation in map(str.strip, relations) if relation and relation.split()[0] not in packages()]
     host.run(f"apt-get satisfy -y '{', '.join(others)}, osinfo-db, snmp' && systemctl is-active snmpd")
     before = traces(host)
-    host.run(describe_host(SMALL))
+    host.run(describe_host("--libvirt test:///default"))
     host.run(install())
-    assert names(host) == VMS
+    assert names(host) == ["test"]
     everything = " ".join(packages())
-    host.run(f"apt-get remove -y {everything}")
+    host.run(f"apt-get remove -y {everything} && test -s /var/lib/tovric-vessad/identities")
     assert host.run("systemctl is-active snmpd; pidof tovric-vessad", check=False).stdout == "active\n"
     assert "SNMPKelv" not in host.run("cat /proc/$(pidof snmpd)/maps").stdout
     assert "Timeticks" in host.run("snmpget -v2c -c public localhost .1.3.6.1.2.1.1.3.0").stdout
@@ -149,6 +186,16 @@ def test_the_agent_can_come_later_and_again(host):
     host.run(install("tovric-vessad"))
     host.run(install())
     assert names(host) == VMS
-    host.run("apt-get purge -y snmpd && groupadd another")
+    # Only where nobody is a member of the agent's group, a purge of the agent deletes it.
+    host.run(f"""
+        set -e
+        gpasswd --delete tovric-vessad Debian-snmp
+        apt-get remove -y snmpd-kelv
+        apt-get purge -y snmpd
+        groupadd --system --gid $(stat -c %g {COMMUNITY}) another""")
     host.run(install())
+    assert names(host) == VMS
+    assert access(host, SNIPPET, COMMUNITY) == ["640 root Debian-snmp"] * 2
+    # The agent reads them as its own user then.
+    host.run("kill -HUP $(pidof snmpd)")
     assert names(host) == VMS
