@@ -223,6 +223,7 @@ std::string Choice(const std::set<std::string_view>& words) {
         return "";
     }
     std::vector<std::string> shown;
+    shown.reserve(words.size());
     for (const std::string_view word : words) {
         shown.push_back(Shorten(word));
     }
