@@ -66,7 +66,7 @@ TEST(LastingString, ReadsAsAnErrorWithoutASource) {
 
 TEST(LastingString, ReadsAsAnErrorBeyond16MiBOfTexts) {
     TestSupport::LogCapture log;
-    const std::string mebibyte(1024 * 1024, 'x');
+    const std::string mebibyte(1UL << 20U, 'x');
     for (int i = 0; i < 15; ++i) {
         const std::string text = std::to_string(i) + mebibyte;
         EXPECT_EQ(SNMPLastingString(text.c_str()), text);
