@@ -135,6 +135,7 @@ TEST(Performance, RejectsMoreCompactStatisticsThanAClientReads) {
     using Excess = Ordane::Fault::InvalidArgument::Exception;
     const auto series = [](int count, const std::string& instance) {
         std::vector<Series> made;
+        made.reserve(static_cast<std::size_t>(count));
         for (int number = 0; number < count; ++number) {
             made.push_back({1, instance + std::to_string(number), 0, 0});
         }
