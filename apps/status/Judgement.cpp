@@ -100,8 +100,8 @@ Check JudgeSource(const DaemonFacts& daemon) {
         Result::Fail, "source", source + " cannot be read: " + Show(status.lastError.value_or("unknown")),
         status.source.starts_with("described host ")
             ? "correct the file, then: systemctl reload tovric-vessad"
-            : "systemctl status libvirtd, the daemon finds it again by itself; where there is none: install "
-              "libvirt-daemon-system, or name the source in /etc/default/tovric-vessad"};
+            : "of this host: systemctl status libvirtd, the daemon finds it again by itself; where there is "
+              "none: install libvirt-daemon-system, or name the source in /etc/default/tovric-vessad"};
 }
 
 Check JudgeSnapshot(const ServiceStatus& status) {

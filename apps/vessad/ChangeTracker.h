@@ -49,8 +49,8 @@ class ChangeTracker {
 
     const std::string tracker;  // begins every version of this one
     std::mutex mutex;
-    std::shared_ptr<const Inventory> tracked;
-    Changes changes;  // the latest of each object
+    std::shared_ptr<const Inventory> tracked;  // the latest that a client asked for, until the next
+    Changes changes;                           // the latest of each object
     Number latest = 0;
 };
 

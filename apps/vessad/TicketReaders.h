@@ -31,7 +31,7 @@ class TicketReaders {
     ~TicketReaders();
 
     // Returns whether the process at the other end of the TCP socket `socket`, connected to `peer`, may read
-    // tickets; true also where the kernel does not tell whose it is, false when it has closed its end, and
+    // tickets; true also where the kernel does not return its owner, false when it has closed its end, and
     // while its user is looked up, which a thread does once. Does not wait for that. Thread-safe. Throws
     // std::bad_alloc.
     bool Include(int socket, const sockaddr& peer);

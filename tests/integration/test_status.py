@@ -278,7 +278,7 @@ def test_what_an_outsider_is_told(start_daemon, start_agent, directory):
                             group=nobody.pw_gid, extra_groups=[], env={**os.environ, "SNMPCONFPATH": "/nonexistent"})
     # Nor is an outsider told whether other agents are in this network.
     ours = re.sub(rf".* snmpd \(process (?!{agent.pid},).*\n(?:  .*\n)?", "", result.stdout)
-    assert result.returncode == 2 or ours != result.stdout
+    assert result.returncode == 2 or (result.returncode == 1 and ours != result.stdout)
     assert ours == (
         "ok    daemon: accepts connections, belongs to user root\n"
         "?     login: user nobody may not read tickets (user root, group root, mode 0600)\n"

@@ -171,8 +171,8 @@ TEST(Judgement, OfTheSourceAndItsSnapshot) {
     };
     const std::string unreadable =
         "FAIL  source: libvirt x cannot be read: no reply in time\n"
-        "      systemctl status libvirtd, the daemon finds it again by itself; where there is none: install "
-        "libvirt-daemon-system, or name the source in /etc/default/tovric-vessad\n";
+        "      of this host: systemctl status libvirtd, the daemon finds it again by itself; where there is "
+        "none: install libvirt-daemon-system, or name the source in /etc/default/tovric-vessad\n";
     Expect({
         {status({"described host /h.yaml", true, {}, 86400, 1}),
          "ok    source: described host /h.yaml is connected\n"

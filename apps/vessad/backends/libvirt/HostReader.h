@@ -39,8 +39,8 @@ class HostReader {
     // its cached description, also an outdated one. `pools`: the XML of the active pools. Throws ApiError.
     HostReading Read(Connection& connection, const std::vector<std::string>& pools);
 
-    // Makes every cached description outdated: the next reading describes each domain anew, with what the
-    // osinfo database has by then.
+    // Makes every cached description outdated: each domain is described anew by the next reading in which the
+    // host describes it, with what the osinfo database has by then.
     void MarkOutdated();
 
   private:
