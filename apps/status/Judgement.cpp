@@ -51,8 +51,8 @@ Check JudgeDaemon(const DaemonFacts& daemon) {
     }
     return {Result::Fail, "daemon", Show(daemon.connectFailure),
             daemon.timedOut
-                ? "journalctl -u tovric-vessad says whether it ends at its start, and why; where it hangs: "
-                  "systemctl restart tovric-vessad"
+                ? "journalctl -u tovric-vessad says whether it ends at its start, and why; ss -lptn 'sport = "
+                  ":902' names another program on its port; where it hangs: systemctl restart tovric-vessad"
                 : "systemctl start tovric-vessad.socket tovric-vessad; if that fails, journalctl "
                   "-u tovric-vessad says why, and ss -lptn 'sport = :902' names another program on "
                   "its port"};
@@ -66,9 +66,11 @@ Check JudgeLogin(const Facts& facts) {
     if (!daemon.ticket) {
         const bool isNoMember = daemon.ticketFailure.find("cannot set the group") != std::string::npos;
         return {Result::Fail, "login", "the daemon issued no ticket: " + Show(daemon.ticketFailure),
-                isNoMember ? "usermod --append --groups GROUP tovric-vessad, where GROUP is TICKET_GROUP of "
-                             "/etc/default/tovric-vessad, then: systemctl restart tovric-vessad"
-                           : "journalctl -u tovric-vessad"};
+                isNoMember
+                    ? "TICKET_GROUP in /etc/default/tovric-vessad is to be the agent's group; if it is: "
+                      "usermod --append --groups GROUP tovric-vessad; then: systemctl restart "
+                      "tovric-vessad"
+                    : "journalctl -u tovric-vessad"};
     }
     if (!MayRead(*daemon.ticket, facts.self)) {
         return {
@@ -207,7 +209,7 @@ Check JudgeQuery(const QueryFacts& query, const std::vector<AgentFacts>& agents)
                 "ignores an unknown community and a wrong privacy passphrase"};
         case QueryFacts::Outcome::Failed:
             return {Result::Fail, "query", agent + " refuses it: " + Show(query.text),
-                    "check the user, the level and the passphrases"};
+                    "check the name of the agent, the user, the level and the passphrases"};
     }
     return {Result::Unknown, "query", "not tested",
             "give the options of snmpget, or as root: SNMPCONFPATH=/etc/snmp/kelv kelv-status"};

@@ -31,8 +31,8 @@ ss -lptn 'sport = :902' names another program on its port
 """
 NO_REPLY = """\
 FAIL  daemon: localhost:902: no reply in time (TLS handshake)
-      journalctl -u tovric-vessad says whether it ends at its start, and why; where it hangs: systemctl \
-restart tovric-vessad
+      journalctl -u tovric-vessad says whether it ends at its start, and why; ss -lptn 'sport = :902' names another \
+program on its port; where it hangs: systemctl restart tovric-vessad
 ?     source: unknown without a login
 """
 NOT_LOADED = """\
@@ -227,8 +227,8 @@ def test_a_daemon_that_is_not_in_the_group_of_the_tickets(start_daemon, start_ag
     code, text = run(*V2C)
     assert code == 1 and (
         "FAIL  login: the daemon issued no ticket: cannot set the group of a ticket file: Operation not permitted\n"
-        "      usermod --append --groups GROUP tovric-vessad, where GROUP is TICKET_GROUP of "
-        "/etc/default/tovric-vessad, then: systemctl restart tovric-vessad\n") in text
+        "      TICKET_GROUP in /etc/default/tovric-vessad is to be the agent's group; if it is: usermod --append "
+        "--groups GROUP tovric-vessad; then: systemctl restart tovric-vessad\n") in text
 
 
 @pytest.mark.parametrize("options, line", [
@@ -239,10 +239,11 @@ def test_a_daemon_that_is_not_in_the_group_of_the_tickets(start_daemon, start_ag
     (["-v3", "-l", "noAuthNoPriv", "-u", "kelv"],
      "FAIL  query: localhost gives this user or community no access\n" + RECIPES),
     (["-v3", "-l", "noAuthNoPriv", "-u", "unknown"],
-     "FAIL  query: localhost refuses it: Unknown user name\n      check the user, the level and the passphrases\n"),
+     "FAIL  query: localhost refuses it: Unknown user name\n"
+     "      check the name of the agent, the user, the level and the passphrases\n"),
     ([option.replace("authentication", "another phrase") for option in auth_priv("kelv")],
      "FAIL  query: localhost refuses it: Authentication failure (incorrect password, community or key)\n"
-     "      check the user, the level and the passphrases\n"),
+     "      check the name of the agent, the user, the level and the passphrases\n"),
     ([option.replace("encryption", "another phrase") for option in auth_priv("kelv")], SILENT),
 ], ids=["view", "view of version 1", "community", "level", "user", "passphrase", "privacy passphrase"])
 def test_who_may_not_query(start_daemon, start_agent, options, line):

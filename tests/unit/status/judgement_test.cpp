@@ -110,8 +110,9 @@ TEST(Judgement, OfTheDaemon) {
              facts.daemon.timedOut = true;
          },
          "FAIL  daemon: localhost:902: TLS handshake timed out\n"
-         "      journalctl -u tovric-vessad says whether it ends at its start, and why; where it hangs: "
-         "systemctl restart tovric-vessad\n" +
+         "      journalctl -u tovric-vessad says whether it ends at its start, and why; ss -lptn 'sport = "
+         ":902' "
+         "names another program on its port; where it hangs: systemctl restart tovric-vessad\n" +
              unknown},
         {[](Facts& facts) {
              facts.daemon = {};
@@ -129,8 +130,8 @@ TEST(Judgement, OfTheDaemon) {
          },
          "FAIL  login: the daemon issued no ticket: cannot set the group of a ticket file: Operation not "
          "permitted\n"
-         "      usermod --append --groups GROUP tovric-vessad, where GROUP is TICKET_GROUP of "
-         "/etc/default/tovric-vessad, then: systemctl restart tovric-vessad\n" +
+         "      TICKET_GROUP in /etc/default/tovric-vessad is to be the agent's group; if it is: usermod "
+         "--append --groups GROUP tovric-vessad; then: systemctl restart tovric-vessad\n" +
              unknown},
     });
 }
@@ -304,7 +305,7 @@ TEST(Judgement, OfTheQuery) {
          "ignores an unknown community and a wrong privacy passphrase\n1"},
         {query(Outcome::Failed, "Unknown user name"),
          "FAIL  query: ho\\x09st refuses it: Unknown user name\n"
-         "      check the user, the level and the passphrases\n1"},
+         "      check the name of the agent, the user, the level and the passphrases\n1"},
         {query(Outcome::NoSuchObject),
          "FAIL  query: ho\\x09st shows no prodName: the view of this user or community excludes it\n" +
              recipes},
