@@ -181,14 +181,24 @@ BENCHMARK(IndexFind)->Arg(fewVms)->Arg(manyVms)->Repetitions(repetitions);
 BENCHMARK(RetrieveStats)->Arg(fewVms)->Arg(manyVms)->Repetitions(repetitions);
 BENCHMARK(RetrieveHCStats)->Arg(fewVms)->Arg(manyVms)->Repetitions(repetitions);
 
+// A template, because newer versions of the library have `skipped` in place of `error_occurred`.
+template <class Run>
+bool HasFailed(const Run& run) {
+    if constexpr (requires { run.error_occurred; }) {
+        return run.error_occurred;
+    } else {
+        return run.skipped != decltype(run.skipped){};
+    }
+}
+
 // Prints as always, and keeps the best time per statistic of each benchmark and size.
 class RatioReporter : public benchmark::ConsoleReporter {
   public:
     void ReportRuns(const std::vector<Run>& runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (const Run& run : runs) {
-            failed = failed || run.error_occurred;
-            if (run.run_type == Run::RT_Iteration && !run.error_occurred) {
+            failed = failed || HasFailed(run);
+            if (run.run_type == Run::RT_Iteration && !HasFailed(run)) {
                 const double seconds = run.counters.at("per_statistic");
                 auto& best = perStatistic[run.run_name.function_name]
                                  .try_emplace(run.run_name.args, std::numeric_limits<double>::max())
