@@ -51,9 +51,7 @@ std::string NameIn(std::string_view path) {
 void CheckPath(const Cursor& path, const Names& hostNames, const Names& vmNames) {
     const std::string name = path.IsText() ? NameIn(path.Text()) : "";
     if (!name.empty() && !hostNames.contains(name) && !vmNames.contains(name)) {
-        Names all = hostNames;
-        all.insert(vmNames.begin(), vmNames.end());
-        path.Tolerate("the name of a datastore in brackets" + Yaml::Choice(all));
+        path.Tolerate("the name of a datastore in brackets" + Yaml::Choice(hostNames, vmNames));
     }
 }
 

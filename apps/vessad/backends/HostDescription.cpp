@@ -107,6 +107,11 @@ class HostReader {
             inventory->counters = StandardCounters();
         }
         keys = KeysOf(inventory->counters);
+        std::set<std::string_view> names;
+        for (const auto& [name, key] : keys) {
+            names.insert(name);
+        }
+        counter = "a counter of the catalogue" + Yaml::Choice(names);
         isCatalogueComplete = host.GetMistakes().GetCount() == mistakes;
     }
 
@@ -164,16 +169,11 @@ class HostReader {
             return;
         }
         stats->ForEachMember([&](const std::string& name, const Cursor& instances) {
-            const auto counter = keys.find(name);
-            if (counter == keys.end() && isCatalogueComplete) {
-                std::set<std::string_view> names;
-                for (const auto& [known, key] : keys) {
-                    names.insert(known);
-                }
-                stats->Attempt(
-                    [&] { stats->RefuseKey(name, "a counter of the catalogue" + Yaml::Choice(names)); });
+            const auto found = keys.find(name);
+            if (found == keys.end() && isCatalogueComplete) {
+                stats->Attempt([&] { stats->RefuseKey(name, counter); });
             }
-            const std::int32_t key = counter == keys.end() ? 0 : counter->second;
+            const std::int32_t key = found == keys.end() ? 0 : found->second;
             instances.ForEachMember([&](const std::string& instance, const Cursor& value) {
                 all.push_back(ReadSeries(value, key, instance));
             });
@@ -184,6 +184,7 @@ class HostReader {
     const std::shared_ptr<Inventory> inventory = std::make_shared<Inventory>();
     CounterKeys keys;
     bool isCatalogueComplete = false;
+    std::string counter;  // what a statistic is of, for messages
 };
 
 [[noreturn]] void FailToRead(const std::filesystem::path& file, const std::string& why) {

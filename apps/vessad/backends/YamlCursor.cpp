@@ -217,14 +217,20 @@ std::string OneOf(std::span<const std::string_view> words) {
     return text;
 }
 
-std::string Choice(const std::set<std::string_view>& words) {
+std::string Choice(const std::set<std::string_view>& words, const std::set<std::string_view>& more) {
     constexpr std::size_t most = 10;
-    if (words.empty() || words.size() > most) {
+    // Before they are copied: a description may have a mistake of many names in each of its disks.
+    if (words.size() + more.size() > most) {
+        return "";
+    }
+    std::set<std::string_view> all = words;
+    all.insert(more.begin(), more.end());
+    if (all.empty()) {
         return "";
     }
     std::vector<std::string> shown;
-    shown.reserve(words.size());
-    for (const std::string_view word : words) {
+    shown.reserve(all.size());
+    for (const std::string_view word : all) {
         shown.push_back(Shorten(word));
     }
     return " (" + OneOf(std::vector<std::string_view>(shown.begin(), shown.end())) + ")";

@@ -82,6 +82,6 @@ class Cursor {
 std::string OneOf(std::span<const std::string_view> words);
 // " (one of a, b, c)", with long words shortened; empty for no words, and for more than a message should
 // have.
-std::string Choice(const std::set<std::string_view>& words);
+std::string Choice(const std::set<std::string_view>& words, const std::set<std::string_view>& more = {});
 
 }  // namespace Vessad::Yaml
