@@ -111,8 +111,7 @@ TEST(Judgement, OfTheDaemon) {
          },
          "FAIL  daemon: localhost:902: TLS handshake timed out\n"
          "      journalctl -u tovric-vessad says whether it ends at its start, and why; ss -lptn 'sport = "
-         ":902' "
-         "names another program on its port; where it hangs: systemctl restart tovric-vessad\n" +
+         ":902' names another program on its port; where it hangs: systemctl restart tovric-vessad\n" +
              unknown},
         {[](Facts& facts) {
              facts.daemon = {};
