@@ -5,16 +5,26 @@
 #include <net-snmp/net-snmp-includes.h>
 
 #include <ostream>
+#include <stdexcept>
 #include <string_view>
 #include <utility>
 
 namespace TestSupport {
 namespace {
 
-int OnLogLine(int, int, void* message, void* capture) {
-    const auto* const line = static_cast<const snmp_log_message*>(message);
-    static_cast<LogCapture*>(capture)->Add(line->priority, line->msg);
-    return SNMPERR_SUCCESS;
+int OnLogLine(netsnmp_log_handler* handler, int priority, const char* text) {
+    static_cast<LogCapture*>(handler->magic)->Add(priority, text);
+    return 1;
+}
+
+// Returns a handler that the library's own option has made for every priority. The result of
+// netsnmp_register_loghandler takes every priority in net-snmp 5.9.3, but only LOG_EMERG in 5.9.5.
+netsnmp_log_handler* MakeHandler() {
+    std::string option = "o";
+    if (snmp_log_options(option.data(), 0, nullptr) != 0) {
+        throw std::runtime_error("the library has no log to standard output");
+    }
+    return netsnmp_find_loghandler("stdout");
 }
 
 }  // namespace
@@ -23,13 +33,13 @@ std::ostream& operator<<(std::ostream& stream, const LogLine& line) {
     return stream << line.priority << " \"" << line.text << '"';
 }
 
-LogCapture::LogCapture() : handler(netsnmp_register_loghandler(NETSNMP_LOGHANDLER_CALLBACK, LOG_DEBUG)) {
-    snmp_register_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_LOGGING, OnLogLine, this);
+LogCapture::LogCapture() : handler(MakeHandler()) {
+    handler->handler = OnLogLine;
+    handler->magic = this;
 }
 
 LogCapture::~LogCapture() {
-    snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_LOGGING, OnLogLine, this, 1);
-    netsnmp_remove_loghandler(static_cast<netsnmp_log_handler*>(handler));
+    netsnmp_remove_loghandler(handler);
 }
 
 std::vector<LogLine> LogCapture::Take() {

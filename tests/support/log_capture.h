@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+struct netsnmp_log_handler_s;
+
 namespace TestSupport {
 
 // One call of snmp_log: its priority (as in syslog) and its text, line feed included. A debug message is two
@@ -37,7 +39,7 @@ class LogCapture {
 
   private:
     std::vector<LogLine> lines;
-    void* handler;
+    netsnmp_log_handler_s* handler;
 };
 
 // The text that snmp_set_detail left since the last call, or the empty string.

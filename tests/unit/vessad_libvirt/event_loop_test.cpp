@@ -15,17 +15,28 @@ namespace {
 std::atomic<bool> pollFails = false;
 std::atomic<int> failures = 0;
 
+bool FailPoll() {
+    if (!pollFails) {
+        return false;
+    }
+    ++failures;
+    errno = EINTR;  // the one error that the event loop below libvirt's does not log
+    return true;
+}
+
 }  // namespace
 
+// GLib calls the one or the other, as its release wants it.
 extern "C" __attribute__((visibility("default"))) int poll(pollfd* descriptors, nfds_t count, int timeout) {
-    using Poll = int (*)(pollfd*, nfds_t, int);
-    static const auto original = reinterpret_cast<Poll>(::dlsym(RTLD_NEXT, "poll"));
-    if (pollFails) {
-        ++failures;
-        errno = EINTR;  // the one error that the event loop below libvirt's does not log
-        return -1;
-    }
-    return original(descriptors, count, timeout);
+    static const auto original = reinterpret_cast<decltype(&poll)>(::dlsym(RTLD_NEXT, "poll"));
+    return FailPoll() ? -1 : original(descriptors, count, timeout);
+}
+
+extern "C" __attribute__((visibility("default"))) int ppoll(pollfd* descriptors, nfds_t count,
+                                                            const timespec* timeout,
+                                                            const sigset_t* signals) {
+    static const auto original = reinterpret_cast<decltype(&ppoll)>(::dlsym(RTLD_NEXT, "ppoll"));
+    return FailPoll() ? -1 : original(descriptors, count, timeout, signals);
 }
 
 namespace Vessad::Libvirt {

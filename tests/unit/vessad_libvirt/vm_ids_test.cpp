@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <optional>
+#include <memory>
 
 #include "tests/unit/vessad/log_lines.h"
 #include "tests/unit/vessad/temporary_directory.h"
@@ -36,7 +36,7 @@ class VmIdsTest : public testing::Test {
     std::vector<int> Ids() const { return {ids->Find(a), ids->Find(b), ids->Find(c)}; }
     void Restart() {
         ids.reset();
-        ids.emplace(path, options);
+        ids = std::make_unique<VmIds>(path, options);
     }
     void StartWith(const std::string& text) {
         ids.reset();
@@ -54,7 +54,7 @@ class VmIdsTest : public testing::Test {
     const std::filesystem::path obstacle = path / "identities.new";
     std::chrono::sys_days now{std::chrono::days(20000)};
     VmIdsOptions options{.now = [this] { return now; }};
-    std::optional<VmIds> ids{std::in_place, path, options};
+    std::unique_ptr<VmIds> ids = std::make_unique<VmIds>(path, options);
 };
 
 TEST_F(VmIdsTest, AreAssignedInOrderAndKeptInATextThatOnlyTheOwnerReads) {
