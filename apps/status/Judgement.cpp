@@ -15,6 +15,7 @@ constexpr std::size_t maxShownText = 300;
 constexpr const char* recipes =
     "put a recipe of /etc/snmp/snmpd.conf.d/kelv.conf into force for this user or community, then: systemctl "
     "restart snmpd";
+constexpr const char* asForSource = "as for source above";
 constexpr const char* loadModule =
     "check the line dlmod of the agent's configuration and what the agent's log says about SNMPKelv, then: "
     "systemctl restart snmpd";
@@ -109,7 +110,9 @@ Check JudgeSource(const DaemonFacts& daemon) {
 Check JudgeSnapshot(const ServiceStatus& status) {
     const std::string vms = std::to_string(status.vms) + (status.vms == 1 ? " VM" : " VMs");
     if (!status.snapshotAge) {
-        return {status.lastError ? Result::Fail : Result::Unknown, "snapshot", "none yet, " + vms, ""};
+        return status.lastError
+                   ? Check{Result::Fail, "snapshot", "none yet, " + vms, asForSource}
+                   : Check{Result::Unknown, "snapshot", "none yet, " + vms, "run kelv-status again"};
     }
     const std::string text = vms + ", read " + Seconds(*status.snapshotAge) + " ago";
     if (status.vms > 0) {
@@ -118,7 +121,8 @@ Check JudgeSnapshot(const ServiceStatus& status) {
     if (status.connected) {
         return {Result::Ok, "snapshot", text, "libvirt: virsh -c URI list --all, as root, shows what it has"};
     }
-    return {Result::Fail, "snapshot", text + "; an inventory that cannot be renewed is served for 60 s", ""};
+    return {Result::Fail, "snapshot", text + "; an inventory that cannot be renewed is served for 60 s",
+            asForSource};
 }
 
 std::string Name(const AgentFacts& agent) {
@@ -181,7 +185,7 @@ Check JudgeMissingObject(const QueryFacts& query, const std::vector<AgentFacts>&
     if (*loaded) {
         return {Result::Fail, "query", missing + "the view of this user or community excludes it", recipes};
     }
-    return {Result::Fail, "query", missing + "the module is not loaded", ""};
+    return {Result::Fail, "query", missing + "the module is not loaded", "as for module above"};
 }
 
 Check JudgeQuery(const QueryFacts& query, const std::vector<AgentFacts>& agents) {

@@ -184,13 +184,16 @@ TEST(Judgement, OfTheSourceAndItsSnapshot) {
          unreadable + "ok    snapshot: 3 VMs, read 40 s ago and still served\n1"},
         {status({"libvirt x", false, "no reply in time", 95, 0}),
          unreadable + "FAIL  snapshot: 0 VMs, read 95 s ago; an inventory that cannot be renewed is served "
-                      "for 60 s\n1"},
-        {status({"libvirt x", false, "no reply in time", {}, 0}),
-         unreadable + "FAIL  snapshot: none yet, 0 VMs\n1"},
+                      "for 60 s\n"
+                      "      as for source above\n1"},
+        {status({"libvirt x", false, "no reply in time", {}, 0}), unreadable +
+                                                                      "FAIL  snapshot: none yet, 0 VMs\n"
+                                                                      "      as for source above\n1"},
         {status({"libvirt x", false, {}, {}, 0}),
          "?     source: libvirt x has not been read yet\n"
          "      run kelv-status again\n"
-         "?     snapshot: none yet, 0 VMs\n2"},
+         "?     snapshot: none yet, 0 VMs\n"
+         "      run kelv-status again\n2"},
         {status({"described host /h.yaml", false, "/h.yaml: expected", 40, 3}),
          "FAIL  source: described host /h.yaml cannot be read: /h.yaml: expected\n"
          "      correct the file, then: systemctl reload tovric-vessad\n"
@@ -313,7 +316,8 @@ TEST(Judgement, OfTheQuery) {
          "      check the line dlmod of the agent's configuration and what the agent's log says about "
          "SNMPKelv, then: "
          "systemctl restart snmpd\n"
-         "FAIL  query: ho\\x09st shows no prodName: the module is not loaded\n1"},
+         "FAIL  query: ho\\x09st shows no prodName: the module is not loaded\n"
+         "      as for module above\n1"},
         {missing(Module::Unknown),
          "?     module: snmpd (process 812, user Debian-snmp) does not show what it has loaded\n"
          "      run kelv-status as root\n"
