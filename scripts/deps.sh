@@ -13,8 +13,8 @@ quickLintPackages=(clang-format-14 shellcheck flake8 smitools mandoc)
 lintPackages=(clang-14 clang-tidy-14 clang)
 # Of scripts/package.
 packagePackages=(debhelper dpkg-dev lintian)
-# Of the packages' own test, which installs them in a bare root.
-packageTestPackages=(mmdebstrap)
+# Of the packages' own test and of scripts/test-release, which install into bare roots.
+bareRootPackages=(mmdebstrap)
 # The tests with live guests are skipped without these.
 livePackages=(libvirt-daemon-system qemu-system-x86)
 
