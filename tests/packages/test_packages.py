@@ -80,6 +80,14 @@ def test_one_command_installs_and_one_shows_the_vms(host):
     host.run(f"{AS_ROOT} kelv-status")
 
 
+def test_the_module_needs_an_agent_of_the_release_it_was_built_with():
+    version = output("dpkg-query", "-W", "-f=${source:Upstream-Version}", "libsnmp-dev")
+    series, patch = re.match(r"(\d+\.\d+)\.(\d+)", version).groups()
+    depends = output("dpkg-deb", "-f", packages()["snmpd-kelv"], "Depends").strip().split(", ")
+    assert [relation for relation in depends if relation.startswith("snmpd ")] == \
+        [f"snmpd (>= {series}.{patch})", f"snmpd (<< {series}.{int(patch) + 1}~)"]
+
+
 def test_the_status_tells_what_is_stopped_or_withdrawn(host):
     host.run(describe_host(SMALL))
     host.run(install())
