@@ -15,7 +15,7 @@ constexpr std::size_t maxShownText = 300;
 constexpr const char* recipes =
     "put a recipe of /etc/snmp/snmpd.conf.d/kelv.conf into force for this user or community, then: systemctl "
     "restart snmpd";
-constexpr const char* asForSource = "as for source above";
+constexpr const char* asForSource = "see the remedy of source";
 constexpr const char* loadModule =
     "check the line dlmod of the agent's configuration and what the agent's log says about SNMPKelv, then: "
     "systemctl restart snmpd";
@@ -185,7 +185,7 @@ Check JudgeMissingObject(const QueryFacts& query, const std::vector<AgentFacts>&
     if (*loaded) {
         return {Result::Fail, "query", missing + "the view of this user or community excludes it", recipes};
     }
-    return {Result::Fail, "query", missing + "the module is not loaded", "as for module above"};
+    return {Result::Fail, "query", missing + "the module is not loaded", "see the remedy of module"};
 }
 
 Check JudgeQuery(const QueryFacts& query, const std::vector<AgentFacts>& agents) {

@@ -169,7 +169,7 @@ def test_an_agent_without_the_module_and_no_daemon(start_agent):
     assert run(*V2C) == (1, NO_DAEMON + NOT_LOADED +
                          "?     ticket: whether snmpd (process N, user root) may read tickets is unknown without one\n"
                          "FAIL  query: localhost shows no prodName: the module is not loaded\n"
-                         "      as for module above\n")
+                         "      see the remedy of module\n")
 
 
 def test_a_port_that_systemd_holds_for_a_daemon_that_ends_at_its_start():

@@ -69,6 +69,7 @@ std::string Difference(const Facts& facts) {
     const Report report = Judge(facts);
     Report changed;
     for (const Check& check : report.checks) {
+        EXPECT_TRUE(check.result != Result::Fail || !check.remedy.empty()) << check.text;
         if (works.find(ToText({{check}, {}, {}, {}, {}, {}})) == std::string::npos) {
             changed.checks.push_back(check);
         }
@@ -185,10 +186,10 @@ TEST(Judgement, OfTheSourceAndItsSnapshot) {
         {status({"libvirt x", false, "no reply in time", 95, 0}),
          unreadable + "FAIL  snapshot: 0 VMs, read 95 s ago; an inventory that cannot be renewed is served "
                       "for 60 s\n"
-                      "      as for source above\n1"},
+                      "      see the remedy of source\n1"},
         {status({"libvirt x", false, "no reply in time", {}, 0}), unreadable +
                                                                       "FAIL  snapshot: none yet, 0 VMs\n"
-                                                                      "      as for source above\n1"},
+                                                                      "      see the remedy of source\n1"},
         {status({"libvirt x", false, {}, {}, 0}),
          "?     source: libvirt x has not been read yet\n"
          "      run kelv-status again\n"
@@ -317,7 +318,7 @@ TEST(Judgement, OfTheQuery) {
          "SNMPKelv, then: "
          "systemctl restart snmpd\n"
          "FAIL  query: ho\\x09st shows no prodName: the module is not loaded\n"
-         "      as for module above\n1"},
+         "      see the remedy of module\n1"},
         {missing(Module::Unknown),
          "?     module: snmpd (process 812, user Debian-snmp) does not show what it has loaded\n"
          "      run kelv-status as root\n"
