@@ -340,7 +340,8 @@ def test_the_version_names_the_commit():
     result = run("--version")
     assert (result.returncode, result.stderr) == (0, "")
     commit = "[0-9a-f]{7,40}(-dirty)?" if (system.ROOT / ".git").exists() else "[0-9a-f]{7,40}|unknown"
-    assert re.fullmatch(rf"tovric-vessad \d+\.\d+\.\d+ \(commit ({commit})\)\n", result.stdout)
+    assert re.fullmatch(rf"tovric-vessad \d+\.\d+\.\d+ \(commit ({commit})\)\n", result.stdout), \
+        "does git describe work here?"
 
 
 def test_a_port_that_is_taken_is_logged(start_daemon, directory):

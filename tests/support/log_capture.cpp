@@ -17,14 +17,16 @@ int OnLogLine(netsnmp_log_handler* handler, int priority, const char* text) {
     return 1;
 }
 
-// Returns a handler that the library's own option has made for every priority. The result of
-// netsnmp_register_loghandler takes every priority in net-snmp 5.9.3, but only LOG_EMERG in 5.9.5.
+// The handlers of netsnmp_register_loghandler receive only LOG_EMERG in net-snmp 5.9.5; those of the option
+// -Lo receive every priority in each release.
 netsnmp_log_handler* MakeHandler() {
     std::string option = "o";
-    if (snmp_log_options(option.data(), 0, nullptr) != 0) {
+    const int failed = snmp_log_options(option.data(), 0, nullptr);
+    netsnmp_log_handler* const handler = netsnmp_find_loghandler("stdout");
+    if (failed != 0 || handler == nullptr) {
         throw std::runtime_error("the library has no log to standard output");
     }
-    return netsnmp_find_loghandler("stdout");
+    return handler;
 }
 
 }  // namespace

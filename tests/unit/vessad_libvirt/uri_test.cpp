@@ -50,7 +50,10 @@ TEST(ConfigDirectoryDeathTest, OfASessionIsInTheUsersOwn) {
 TEST(Uri, ThatCanNeverWorkIsRefusedAtOnceWithTheReason) {
     const VessadTest::LogLines log;
     const VessadTest::TemporaryDirectory directory;
-    for (const auto& [uri, reason] : TestSupport::ReadCases(LIBVIRT_TEST_CASES "/useless_uris.txt")) {
+    VessadTest::WriteAll(directory.GetPath() / "host.xml", "<other/>");
+    auto cases = TestSupport::ReadCases(LIBVIRT_TEST_CASES "/useless_uris.txt");
+    cases.push_back({"test://" + (directory.GetPath() / "host.xml").string(), "'node', not 'other'"});
+    for (const auto& [uri, reason] : cases) {
         const auto make = [&, uri = uri] { MakeLibvirtBackend(uri, directory.GetPath() / "state", {}); };
         EXPECT_THAT(make, ThrowsMessage<std::runtime_error>(AllOf(
                               HasSubstr("the libvirt URI " + uri + " cannot be used: "), HasSubstr(reason))))

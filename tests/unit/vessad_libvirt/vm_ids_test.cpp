@@ -54,6 +54,7 @@ class VmIdsTest : public testing::Test {
     const std::filesystem::path obstacle = path / "identities.new";
     std::chrono::sys_days now{std::chrono::days(20000)};
     VmIdsOptions options{.now = [this] { return now; }};
+    // In an optional, g++ 16 takes it for uninitialized.
     std::unique_ptr<VmIds> ids = std::make_unique<VmIds>(path, options);
 };
 
