@@ -1,7 +1,7 @@
 # The Debian packages that the tree needs, listed once; sourced by the other scripts.
 # shellcheck shell=bash disable=SC2034
 
-buildPackages=(cmake ninja-build g++ pkg-config python3 python3-yaml
+buildPackages=(git cmake ninja-build g++ pkg-config python3 python3-yaml
     libsnmp-dev libssl-dev libpugixml-dev libyaml-dev libcli11-dev libspdlog-dev
     libvirt-dev libsystemd-dev libgtest-dev libgmock-dev libbenchmark-dev)
 runPackages=(snmpd snmp iproute2 util-linux)
