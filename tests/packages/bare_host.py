@@ -51,16 +51,20 @@ def packages():
     return found
 
 
-def bare_root():
-    """A bare root; what the packages depend on is downloaded in it, not installed. Needs the network the first time."""
+def bare_root(installed=()):
+    """A bare root, with the Debian packages that are named; what ours depend on is downloaded in it, not installed.
+
+    Needs the network the first time.
+    """
+    included = ",".join(["systemd-sysv", "dbus", *installed])
     relations = [output("dpkg-deb", "-f", file, "Depends", "Recommends") for _, file in sorted(packages().items())]
-    root = ROOT / f"build/bare-root-{hashlib.sha256(''.join(relations).encode()).hexdigest()[:12]}"
+    root = ROOT / f"build/bare-root-{hashlib.sha256(''.join([included, *relations]).encode()).hexdigest()[:12]}"
     if not root.is_dir():
         root.parent.mkdir(exist_ok=True)
         new = root.with_suffix(".new")
         subprocess.run(["rm", "-rf", "--one-file-system", new], check=True)
         archives = " ".join(str(file) for file in packages().values())
-        subprocess.run(["mmdebstrap", "--quiet", "--variant=apt", "--include=systemd-sysv,dbus", "--skip=cleanup/apt",
+        subprocess.run(["mmdebstrap", "--quiet", "--variant=apt", f"--include={included}", "--skip=cleanup/apt",
                         f"--customize-hook=mkdir \"$1/new\" && cp {archives} \"$1/new\"",
                         f"--customize-hook=chroot \"$1\" sh -c '{DOWNLOAD}'",
                         "--customize-hook=rm -r \"$1/new\" && echo 127.0.0.1 localhost >\"$1/etc/hosts\"",
@@ -72,12 +76,12 @@ def bare_root():
 class BareHost:
     """A booted copy of the bare root; `folder` is an empty one, `archives` a folder seen as /packages."""
 
-    def __init__(self, folder, archives):
+    def __init__(self, folder, archives, installed=()):
         self.log = (folder / "boot.log").open("w")
         (folder / "mounts").mkdir()
         self.process = subprocess.Popen(
             ["unshare", "--mount", "--pid", "--net", "--cgroup", "--uts", "--ipc", "--fork", "--kill-child",
-             "bash", "-c", BOOT, "boot", bare_root(), folder / "mounts", archives],
+             "bash", "-c", BOOT, "boot", bare_root(installed), folder / "mounts", archives],
             stdin=subprocess.DEVNULL, stdout=self.log, stderr=self.log)
         deadline = time.monotonic() + 120
         while self.run("systemctl is-system-running", check=False).stdout.strip() not in ("running", "degraded"):

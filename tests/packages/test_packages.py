@@ -51,6 +51,13 @@ def archives(tmp_path):
 
 
 @pytest.fixture
+def libvirt_host(tmp_path, archives):
+    booted = BareHost(tmp_path, archives, ("libvirt-daemon-system", "libvirt-clients", "qemu-system-x86"))
+    yield booted
+    booted.close()
+
+
+@pytest.fixture
 def host(tmp_path, archives):
     booted = BareHost(tmp_path, archives)
     yield booted
@@ -78,6 +85,31 @@ def test_one_command_installs_and_one_shows_the_vms(host):
     assert row.startswith(
         "     0          test Unknown config: 1000 hvm (i686) 8192 megabytes poweredOn   1000      running")
     host.run(f"{AS_ROOT} kelv-status")
+
+
+GUEST = """
+    <domain type='qemu'>
+      <name>{name}</name><memory unit='MiB'>64</memory><os><type arch='x86_64' machine='pc'>hvm</type></os>
+      <devices>
+        <disk type='file'><source file='/var/lib/libvirt/images/{name}.img'/><target dev='sda' bus='scsi'/></disk>
+        <controller type='scsi' model='virtio-scsi'/>
+      </devices>
+    </domain>"""
+
+
+def test_a_host_with_guests_shows_them_once_the_packages_are_installed(libvirt_host, archives):
+    for name in ("mail", "web"):
+        (archives / f"{name}.xml").write_text(GUEST.format(name=name))
+        libvirt_host.run(f"truncate -s 8M /var/lib/libvirt/images/{name}.img && virsh define /packages/{name}.xml")
+    libvirt_host.run("virsh start mail")
+    libvirt_host.run(install())
+    walks = [libvirt_host.run(f"{AS_ROOT} snmpwalk -Oqv localhost {column}").stdout.splitlines()
+             for column in ("vmDisplayName", "vmMemSize", "vmState", "tgtLabel")]
+    assert sorted(zip(*walks)) == [("mail", "64 megabytes", "poweredOn", "Hard disk 1 (sda)"),
+                                   ("web", "64 megabytes", "poweredOff", "Hard disk 1 (sda)")]
+    libvirt_host.run(f"{AS_ROOT} kelv-status")
+    libvirt_host.run("apt-get purge -y tovric-vessad snmpd-kelv")
+    assert libvirt_host.run("virsh list --name").stdout.split() == ["mail"]
 
 
 def test_the_module_needs_an_agent_of_the_release_it_was_built_with():
