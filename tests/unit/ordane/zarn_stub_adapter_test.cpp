@@ -227,8 +227,7 @@ TEST_F(ZarnStubAdapterTest, RefusesWhatIsTooLongBeforeItIsRead) {
     auto cases = Sample::ReadCases("endless_replies");
     cases.push_back({ok + Sample::Repeated("X-Field: value\r\n", 62'500), "header limit exceeded"});
     for (const auto& [reply, reason] : cases) {
-        EXPECT_THAT(FailureOf(reply + std::string(1'000'000, reply.back())),
-                    MatchesRegex(unusable + "(" + reason + ")"));
+        EXPECT_THAT(FailureOf(reply + std::string(1'000'000, reply.back())), MatchesRegex(unusable + reason));
         EXPECT_GT(stream->GetUnread(), 900'000U) << reply.substr(0, 100);
     }
 }
