@@ -13,9 +13,9 @@ DEMO = system.ROOT / "scripts/demo"
 pytestmark = system.needs_plain_build
 
 
-def demo(*arguments, timeout=300):
+def demo(*arguments, timeout=300, cwd=None):
     return subprocess.run([DEMO, *arguments], capture_output=True, text=True, stdin=subprocess.DEVNULL, timeout=timeout,
-                          env={**os.environ, "COLUMNS": "200"})
+                          cwd=cwd, env={**os.environ, "COLUMNS": "200"})
 
 
 def tables(output, name):
@@ -82,7 +82,7 @@ def test_the_demo_names_what_is_wrong_with_its_arguments(arguments, word):
 @pytest.mark.slow
 def test_the_demo_shows_why_a_daemon_does_not_start(tmp_path):
     (tmp_path / "bad.yaml").write_text("about: [1]\n")
-    result = demo("--host", tmp_path / "bad.yaml")
+    result = demo("--host", "bad.yaml", cwd=tmp_path)
     assert result.returncode != 0
     assert re.search(r"bad\.yaml:\d+:\d+: .*expected", result.stderr)
     assert "did not start" in result.stderr
