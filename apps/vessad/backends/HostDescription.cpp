@@ -111,7 +111,7 @@ class HostReader {
         for (const auto& [name, key] : keys) {
             names.insert(name);
         }
-        counter = "a counter of the catalogue" + Yaml::Choice(names);
+        expectedCounter = "a counter of the catalogue" + Yaml::Choice(names);
         isCatalogueComplete = host.GetMistakes().GetCount() == mistakes;
     }
 
@@ -171,7 +171,7 @@ class HostReader {
         stats->ForEachMember([&](const std::string& name, const Cursor& instances) {
             const auto found = keys.find(name);
             if (found == keys.end() && isCatalogueComplete) {
-                stats->Attempt([&] { stats->RefuseKey(name, counter); });
+                stats->Attempt([&] { stats->RefuseKey(name, expectedCounter); });
             }
             const std::int32_t key = found == keys.end() ? 0 : found->second;
             instances.ForEachMember([&](const std::string& instance, const Cursor& value) {
@@ -184,7 +184,7 @@ class HostReader {
     const std::shared_ptr<Inventory> inventory = std::make_shared<Inventory>();
     CounterKeys keys;
     bool isCatalogueComplete = false;
-    std::string counter;  // what a statistic is of, for messages
+    std::string expectedCounter;  // for messages
 };
 
 [[noreturn]] void FailToRead(const std::filesystem::path& file, const std::string& why) {

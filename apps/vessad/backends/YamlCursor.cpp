@@ -219,13 +219,13 @@ std::string OneOf(std::span<const std::string_view> words) {
 
 std::string Choice(const std::set<std::string_view>& words, const std::set<std::string_view>& more) {
     constexpr std::size_t most = 10;
-    // Before they are copied: a description may have a mistake of many names in each of its disks.
-    if (words.size() + more.size() > most) {
+    // Before they are copied: the sets may be large, and each of thousands of disks may have a mistake.
+    if (words.size() > most || more.size() > most) {
         return "";
     }
     std::set<std::string_view> all = words;
     all.insert(more.begin(), more.end());
-    if (all.empty()) {
+    if (all.empty() || all.size() > most) {
         return "";
     }
     std::vector<std::string> shown;

@@ -80,8 +80,8 @@ class Cursor {
 
 // "one of a, b, c"; empty for no words.
 std::string OneOf(std::span<const std::string_view> words);
-// " (one of a, b, c)", with long words shortened; empty for no words, and for more than a message should
-// have.
+// " (one of a, b, c)" of the words in either set, with long ones shortened; empty for no words, and for more
+// than a message should have.
 std::string Choice(const std::set<std::string_view>& words, const std::set<std::string_view>& more = {});
 
 }  // namespace Vessad::Yaml

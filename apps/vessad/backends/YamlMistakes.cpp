@@ -1,6 +1,7 @@
 #include "apps/vessad/backends/YamlMistakes.h"
 
 #include <algorithm>
+#include <string_view>
 #include <tuple>
 
 namespace Vessad::Yaml {
@@ -24,6 +25,11 @@ void Mistakes::Refuse(const Error& mistake) {
 }
 
 void Mistakes::Tolerate(const Error& mistake) {
+    // What an alias repeats is read again, at the same place.
+    if (std::ranges::any_of(
+            kept, [&](const Error& known) { return std::string_view(known.what()) == mistake.what(); })) {
+        return;
+    }
     ++count;
     if (kept.size() < maxKept) {
         kept.push_back(mistake);

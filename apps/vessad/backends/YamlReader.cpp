@@ -65,10 +65,10 @@ void ReadMember(const Cursor& cursor, const Ordane::Member& member, Ordane::Data
     }
 }
 
-const Ordane::DataObjectType& ReadType(const Cursor& cursor, const Ordane::DataObjectType& declared) {
+const Ordane::DataObjectType* ReadType(const Cursor& cursor, const Ordane::DataObjectType& declared) {
     const std::optional<Cursor> named = cursor.Find(typeKey);
     if (!named) {
-        return declared;
+        return &declared;
     }
     const Ordane::DataObjectType* type = declared.FindSubtype(named->Text());
     if (type == nullptr) {
@@ -78,7 +78,7 @@ const Ordane::DataObjectType& ReadType(const Cursor& cursor, const Ordane::DataO
         }
         named->Refuse("a kind of " + std::string(declared.name) + Choice(names));
     }
-    return *type;
+    return type;
 }
 
 }  // namespace
@@ -88,8 +88,10 @@ Tessim::Ref<Ordane::DataObject> ReadObject(const Cursor& cursor, const Ordane::D
     if (!cursor.IsMap()) {
         cursor.Refuse("a mapping with the members of " + std::string(declared.name));
     }
-    const Ordane::DataObjectType& type = ReadType(cursor, declared);
-    const std::vector<const Ordane::Member*> members = type.GetMembers();
+    const Ordane::DataObjectType* type = nullptr;
+    cursor.Attempt([&] { type = ReadType(cursor, declared); });
+    // Of an unknown type, what every kind has is checked.
+    const std::vector<const Ordane::Member*> members = (type == nullptr ? declared : *type).GetMembers();
     std::vector<std::string_view> known(callerKeys);
     for (const Ordane::Member* member : members) {
         known.push_back(member->name);
@@ -97,9 +99,11 @@ Tessim::Ref<Ordane::DataObject> ReadObject(const Cursor& cursor, const Ordane::D
     if (!declared.descendants.empty()) {
         known.push_back(typeKey);
     }
-    cursor.CheckKeys(known);
+    if (type != nullptr) {
+        cursor.CheckKeys(known);
+    }
 
-    Tessim::Ref<Ordane::DataObject> object = type.create();
+    Tessim::Ref<Ordane::DataObject> object = (type == nullptr ? declared : *type).create();
     for (const Ordane::Member* member : members) {
         cursor.Attempt([&] { ReadMember(cursor, *member, *object); });
     }
