@@ -17,8 +17,8 @@ constexpr const char* recipes =
     "restart snmpd";
 constexpr const char* asForSource = "see the remedy of source";
 constexpr const char* loadModule =
-    "check the line dlmod of the agent's configuration and what the agent's log says about SNMPKelv, then: "
-    "systemctl restart snmpd";
+    "check the line dlmod of the agent's configuration, that /etc/snmp/snmpd.conf has includeDir "
+    "/etc/snmp/snmpd.conf.d, and what the agent's log says about SNMPKelv, then: systemctl restart snmpd";
 
 std::string Show(std::string_view text) {
     return Tessim::StringUtil::EscapeUntrusted(text, maxShownText);
@@ -66,12 +66,13 @@ Check JudgeLogin(const Facts& facts) {
     }
     if (!daemon.ticket) {
         const bool isNoMember = daemon.ticketFailure.find("cannot set the group") != std::string::npos;
-        return {Result::Fail, "login", "the daemon issued no ticket: " + Show(daemon.ticketFailure),
-                isNoMember
-                    ? "TICKET_GROUP in /etc/default/tovric-vessad is to be the agent's group; if it is: "
-                      "usermod --append --groups GROUP tovric-vessad; then: systemctl restart "
-                      "tovric-vessad"
-                    : "journalctl -u tovric-vessad"};
+        return {
+            Result::Fail, "login", "the daemon issued no ticket: " + Show(daemon.ticketFailure),
+            isNoMember
+                ? "set TICKET_GROUP in /etc/default/tovric-vessad to the agent's group; if it already is, "
+                  "usermod --append --groups GROUP tovric-vessad with that group; then: systemctl "
+                  "restart tovric-vessad"
+                : "journalctl -u tovric-vessad"};
     }
     if (!MayRead(*daemon.ticket, facts.self)) {
         return {
@@ -93,6 +94,11 @@ Check JudgeSource(const DaemonFacts& daemon) {
     }
     const ServiceStatus& status = *daemon.status;
     const std::string source = Show(status.source);
+    if (status.source == "built-in sample host") {
+        return {
+            Result::Ok, "source", "the built-in sample host: its VMs do not exist",
+            "name the source in /etc/default/tovric-vessad (SOURCE), then: systemctl restart tovric-vessad"};
+    }
     if (status.connected) {
         return {Result::Ok, "source", source + " is connected", ""};
     }
@@ -102,9 +108,12 @@ Check JudgeSource(const DaemonFacts& daemon) {
     return {
         Result::Fail, "source", source + " cannot be read: " + Show(status.lastError.value_or("unknown")),
         status.source.starts_with("described host ")
-            ? "correct the file, then: systemctl reload tovric-vessad"
-            : "of this host: systemctl status libvirtd, the daemon finds it again by itself; where there is "
-              "none: install libvirt-daemon-system, or name the source in /etc/default/tovric-vessad"};
+            ? "correct the file, which the user tovric-vessad must be able to read, then: systemctl reload "
+              "tovric-vessad"
+            : "of this host: systemctl status libvirtd virtqemud, the daemon finds it again by itself; where "
+              "there is none: install libvirt-daemon-system, or name the source in "
+              "/etc/default/tovric-vessad; of another host: "
+              "/usr/share/doc/tovric-vessad/examples/remote-libvirt.conf"};
 }
 
 Check JudgeSnapshot(const ServiceStatus& status) {

@@ -37,8 +37,8 @@ program on its port; where it hangs: systemctl restart tovric-vessad
 """
 NOT_LOADED = """\
 FAIL  module: snmpd (process N, user root) has not loaded it
-      check the line dlmod of the agent's configuration and what the agent's log says about SNMPKelv, then: \
-systemctl restart snmpd
+      check the line dlmod of the agent's configuration, that /etc/snmp/snmpd.conf has includeDir \
+/etc/snmp/snmpd.conf.d, and what the agent's log says about SNMPKelv, then: systemctl restart snmpd
 """
 ANSWERS = "ok    query: localhost answers prodName (Tovric Kelv Server) in N ms\n"
 NOT_TESTED = """\
@@ -228,8 +228,8 @@ def test_a_daemon_that_is_not_in_the_group_of_the_tickets(start_daemon, start_ag
     code, text = run(*V2C)
     assert code == 1 and (
         "FAIL  login: the daemon issued no ticket: cannot set the group of a ticket file: Operation not permitted\n"
-        "      TICKET_GROUP in /etc/default/tovric-vessad is to be the agent's group; if it is: usermod --append "
-        "--groups GROUP tovric-vessad; then: systemctl restart tovric-vessad\n") in text
+        "      set TICKET_GROUP in /etc/default/tovric-vessad to the agent's group; if it already is, usermod --append "
+        "--groups GROUP tovric-vessad with that group; then: systemctl restart tovric-vessad\n") in text
 
 
 @pytest.mark.parametrize("options, line", [
@@ -265,7 +265,8 @@ def test_a_description_that_cannot_be_read_again(start_daemon, start_agent, dire
     code, text = run(*V2C)
     assert code == 1
     assert re.search(r"^FAIL  source: described host (\S+) cannot be read: \1:1:6: .*\n"
-                     r"      correct the file, then: systemctl reload tovric-vessad\n"
+                     r"      correct the file, which the user tovric-vessad must be able to read, then: systemctl "
+                     r"reload tovric-vessad\n"
                      r"ok    snapshot: 2 VMs, read N s ago and still served$", text, re.MULTILINE)
 
 

@@ -130,8 +130,9 @@ TEST(Judgement, OfTheDaemon) {
          },
          "FAIL  login: the daemon issued no ticket: cannot set the group of a ticket file: Operation not "
          "permitted\n"
-         "      TICKET_GROUP in /etc/default/tovric-vessad is to be the agent's group; if it is: usermod "
-         "--append --groups GROUP tovric-vessad; then: systemctl restart tovric-vessad\n" +
+         "      set TICKET_GROUP in /etc/default/tovric-vessad to the agent's group; if it already is, "
+         "usermod "
+         "--append --groups GROUP tovric-vessad with that group; then: systemctl restart tovric-vessad\n" +
              unknown},
     });
 }
@@ -172,12 +173,18 @@ TEST(Judgement, OfTheSourceAndItsSnapshot) {
     };
     const std::string unreadable =
         "FAIL  source: libvirt x cannot be read: no reply in time\n"
-        "      of this host: systemctl status libvirtd, the daemon finds it again by itself; where there is "
-        "none: install libvirt-daemon-system, or name the source in /etc/default/tovric-vessad\n";
+        "      of this host: systemctl status libvirtd virtqemud, the daemon finds it again by itself; where "
+        "there is none: install libvirt-daemon-system, or name the source in /etc/default/tovric-vessad; of "
+        "another host: /usr/share/doc/tovric-vessad/examples/remote-libvirt.conf\n";
     Expect({
         {status({"described host /h.yaml", true, {}, 86400, 1}),
          "ok    source: described host /h.yaml is connected\n"
          "ok    snapshot: 1 VM, read 86400 s ago\n0"},
+        {status({"built-in sample host", true, {}, 0, 2}),
+         "ok    source: the built-in sample host: its VMs do not exist\n"
+         "      name the source in /etc/default/tovric-vessad (SOURCE), then: systemctl restart "
+         "tovric-vessad\n"
+         "ok    snapshot: 2 VMs, read 0 s ago\n0"},
         {status({"libvirt qemu:///system", true, {}, 0, 0}),
          "ok    snapshot: 0 VMs, read 0 s ago\n"
          "      libvirt: virsh -c URI list --all, as root, shows what it has\n0"},
@@ -197,7 +204,8 @@ TEST(Judgement, OfTheSourceAndItsSnapshot) {
          "      run kelv-status again\n2"},
         {status({"described host /h.yaml", false, "/h.yaml: expected", 40, 3}),
          "FAIL  source: described host /h.yaml cannot be read: /h.yaml: expected\n"
-         "      correct the file, then: systemctl reload tovric-vessad\n"
+         "      correct the file, which the user tovric-vessad must be able to read, then: systemctl reload "
+         "tovric-vessad\n"
          "ok    snapshot: 3 VMs, read 40 s ago and still served\n1"},
         {[](Facts& facts) {
              facts.daemon.status.reset();
@@ -222,9 +230,9 @@ TEST(Judgement, OfTheModuleInEachAgent) {
     Expect({
         {[&](Facts& facts) { facts.agents.push_back(agent("root", Module::NotLoaded)); },
          "FAIL  module: snmpd (process 7, user root) has not loaded it\n"
-         "      check the line dlmod of the agent's configuration and what the agent's log says about "
-         "SNMPKelv, then: "
-         "systemctl restart snmpd\n" +
+         "      check the line dlmod of the agent's configuration, that /etc/snmp/snmpd.conf has includeDir "
+         "/etc/snmp/snmpd.conf.d, and what the agent's log says about SNMPKelv, then: systemctl restart "
+         "snmpd\n" +
              may + "1"},
         {[&](Facts& facts) { facts.agents.push_back(agent("root", Module::Replaced)); },
          "FAIL  module: snmpd (process 7, user root) runs one whose file was replaced since\n"
@@ -314,9 +322,9 @@ TEST(Judgement, OfTheQuery) {
              recipes},
         {missing(Module::NotLoaded),
          "FAIL  module: snmpd (process 812, user Debian-snmp) has not loaded it\n"
-         "      check the line dlmod of the agent's configuration and what the agent's log says about "
-         "SNMPKelv, then: "
-         "systemctl restart snmpd\n"
+         "      check the line dlmod of the agent's configuration, that /etc/snmp/snmpd.conf has includeDir "
+         "/etc/snmp/snmpd.conf.d, and what the agent's log says about SNMPKelv, then: systemctl restart "
+         "snmpd\n"
          "FAIL  query: ho\\x09st shows no prodName: the module is not loaded\n"
          "      see the remedy of module\n1"},
         {missing(Module::Unknown),
