@@ -3,6 +3,7 @@
 import hashlib
 import os
 import pathlib
+import shlex
 import subprocess
 import time
 
@@ -16,8 +17,9 @@ set -e
 mount --make-rprivate /
 mount -t tmpfs tmpfs "$2"
 cd "$2"
-mkdir upper work root
-mount -t overlay -o lowerdir="$1",upperdir=upper,workdir=work overlay root
+mkdir lower upper work root
+mount --bind "$1" lower
+mount -t overlay -o lowerdir=lower,upperdir=upper,workdir=work overlay root
 cd root
 mount -t proc proc proc
 mount -t sysfs -o ro sysfs sys
@@ -58,12 +60,14 @@ def bare_root(installed=()):
     """
     included = ",".join(["systemd-sysv", "dbus", *installed])
     relations = [output("dpkg-deb", "-f", file, "Depends", "Recommends") for _, file in sorted(packages().items())]
-    root = ROOT / f"build/bare-root-{hashlib.sha256(''.join([included, *relations]).encode()).hexdigest()[:12]}"
+    kind, state = (hashlib.sha256(text.encode()).hexdigest()[:8] for text in (included, "".join(relations)))
+    root = ROOT / f"build/bare-root-{kind}-{state}"
     if not root.is_dir():
+        outdated = list(root.parent.glob(f"bare-root-{kind}-*"))
+        subprocess.run(["rm", "-rf", "--one-file-system", *outdated], check=True)
         root.parent.mkdir(exist_ok=True)
         new = root.with_suffix(".new")
-        subprocess.run(["rm", "-rf", "--one-file-system", new], check=True)
-        archives = " ".join(str(file) for file in packages().values())
+        archives = shlex.join(str(file) for file in packages().values())
         subprocess.run(["mmdebstrap", "--quiet", "--variant=apt", f"--include={included}", "--skip=cleanup/apt",
                         f"--customize-hook=mkdir \"$1/new\" && cp {archives} \"$1/new\"",
                         f"--customize-hook=chroot \"$1\" sh -c '{DOWNLOAD}'",
@@ -83,9 +87,15 @@ class BareHost:
             ["unshare", "--mount", "--pid", "--net", "--cgroup", "--uts", "--ipc", "--fork", "--kill-child",
              "bash", "-c", BOOT, "boot", bare_root(installed), folder / "mounts", archives],
             stdin=subprocess.DEVNULL, stdout=self.log, stderr=self.log)
-        deadline = time.monotonic() + 120
+        try:
+            self._wait_until_booted(time.monotonic() + 120)
+        except BaseException:
+            self.close()
+            raise
+
+    def _wait_until_booted(self, deadline):
         while self.run("systemctl is-system-running", check=False).stdout.strip() not in ("running", "degraded"):
-            assert self.process.poll() is None and time.monotonic() < deadline, (folder / "boot.log").read_text()
+            assert self.process.poll() is None and time.monotonic() < deadline, pathlib.Path(self.log.name).read_text()
             time.sleep(0.2)
 
     def close(self):

@@ -7,7 +7,7 @@ import subprocess
 import time
 
 import pytest
-from bare_host import ROOT, BareHost, output, packages
+from bare_host import PACKAGES, ROOT, BareHost, output, packages
 
 pytestmark = pytest.mark.skipif(os.geteuid() != 0, reason="needs root")
 
@@ -36,8 +36,9 @@ def archives(tmp_path):
     """A folder with the packages and, in older/, those of a version before, whose settings are other files."""
     folder = tmp_path / "archives"
     (folder / "older").mkdir(parents=True)
-    for file in packages().values():
+    for file in PACKAGES.glob("*.deb"):
         shutil.copy(file, folder)
+    for file in packages().values():
         tree = tmp_path / "tree"
         subprocess.run(["dpkg-deb", "--raw-extract", file, tree], check=True)
         control = tree / "DEBIAN/control"
@@ -105,8 +106,8 @@ def test_a_host_with_guests_shows_them_once_the_packages_are_installed(libvirt_h
     libvirt_host.run(install())
     walks = [libvirt_host.run(f"{AS_ROOT} snmpwalk -Oqv localhost {column}").stdout.splitlines()
              for column in ("vmDisplayName", "vmMemSize", "vmState", "tgtLabel")]
-    assert sorted(zip(*walks)) == [("mail", "64 megabytes", "poweredOn", "Hard disk 1 (sda)"),
-                                   ("web", "64 megabytes", "poweredOff", "Hard disk 1 (sda)")]
+    assert sorted(zip(*walks, strict=True)) == [("mail", "64 megabytes", "poweredOn", "Hard disk 1 (sda)"),
+                                                ("web", "64 megabytes", "poweredOff", "Hard disk 1 (sda)")]
     libvirt_host.run(f"{AS_ROOT} kelv-status")
     libvirt_host.run("apt-get purge -y tovric-vessad snmpd-kelv")
     assert libvirt_host.run("virsh list --name").stdout.split() == ["mail"]
@@ -121,8 +122,12 @@ def test_the_module_needs_an_agent_of_the_release_it_was_built_with():
 
 
 def test_the_status_tells_what_is_stopped_or_withdrawn(host):
-    host.run(describe_host(SMALL))
-    host.run(install())
+    host.run("apt-get install -y /packages/*.deb")
+    absent = host.run(f"{AS_ROOT} kelv-status", check=False)
+    assert absent.returncode == 1
+    assert re.findall("^FAIL +(\\w+): ", absent.stdout, re.M) == ["source", "snapshot", "query"], absent.stdout
+    assert "install libvirt-daemon-system" in absent.stdout
+    host.run(f"{describe_host(SMALL)} && systemctl daemon-reload && systemctl restart tovric-vessad snmpd")
     host.run("systemctl stop tovric-vessad.socket tovric-vessad")
     stopped = host.run(f"{AS_ROOT} kelv-status", check=False)
     assert stopped.returncode == 1
@@ -140,7 +145,7 @@ def test_only_those_named_can_read(host):
     host.run(describe_host(SMALL))
     host.run(install())
     assert names(host) == VMS
-    module = "-M +/usr/share/kelv-mibs/smi -m TOVRIC-KELV-MIB localhost vmDisplayName"
+    module = "-M -/usr/share/kelv-mibs/smi -m TOVRIC-KELV-MIB localhost vmDisplayName"
     assert "No more variables left" in host.run(f"snmpwalk -v2c -c public {module}", check=False).stdout
     assert access(host, SNIPPET, COMMUNITY, "/etc/snmp/kelv/snmp.conf") == \
         ["640 root Debian-snmp", "640 root Debian-snmp", "600 root root"]

@@ -46,12 +46,12 @@ class Delays:
 
 
 class Prober:
-    """Requests sysUpTime at a steady pace, whether answers come or not, and measures the delay of each answer from the
-    time when its request was due."""
+    """Requests sysUpTime at a steady pace, with at most WAITING requests unanswered, and measures the delay of each
+    answer from the time when its request was due."""
 
     FIRST = 0x10000000
     INTERVAL = 0.03
-    # A socket's receive buffer holds 256 of them; what is sent to a full one is lost.
+    # A socket with Linux's default buffer of 212,992 bytes holds 256 of them and drops what comes then.
     WAITING = 200
 
     def __init__(self, address=("127.0.0.1", 161)):
