@@ -112,7 +112,7 @@ def agent_account():
 
 
 class Daemon:
-    """tovric-vessad on the loopback port that the module connects to."""
+    """tovric-vessad on the loopback port that the module connects to; host None is the built-in one."""
 
     def __init__(self, host, directory, *options, ready=True, program=DAEMON):
         self.tickets = directory / "tickets"
@@ -124,8 +124,8 @@ class Daemon:
         self.output = self.log.open("ab")
         self.started = time.monotonic()
         self.process = subprocess.Popen(
-            [program, "--host", host, "--listen", "{}:{}".format(*DAEMON_ADDRESS), "--ticket-dir", self.tickets,
-             "--state-dir", self.state, "--foreground", *options],
+            [program, *(["--host", host] if host else []), "--listen", "{}:{}".format(*DAEMON_ADDRESS),
+             "--ticket-dir", self.tickets, "--state-dir", self.state, "--foreground", *options],
             stdin=subprocess.DEVNULL, stdout=self.output, stderr=subprocess.STDOUT, preexec_fn=_die_with_parent)
         if ready:
             wait_until(self.is_listening, "the daemon to listen")

@@ -254,6 +254,12 @@ def test_who_may_not_query(start_daemon, start_agent, options, line):
     assert run(*options) == (1, DAEMON + loaded() + may_read() + line)
 
 
+def test_the_built_in_host_is_not_taken_for_this_one(start_daemon):
+    start_daemon(None)
+    assert re.search(r"^ok    source: the built-in sample host: its VMs do not exist\n      name the source", run()[1],
+                     re.MULTILINE)
+
+
 def test_a_description_that_cannot_be_read_again(start_daemon, start_agent, directory):
     path = directory / "host.yaml"
     path.write_text(SMALL.read_text())

@@ -86,6 +86,10 @@ def test_one_command_installs_and_one_shows_the_vms(host):
     assert row.startswith(
         "     0          test Unknown config: 1000 hvm (i686) 8192 megabytes poweredOn   1000      running")
     host.run(f"{AS_ROOT} kelv-status")
+    # Standard modules are preferred where there are some.
+    host.run("sed '$ i standard OBJECT IDENTIFIER ::= { enterprises 99999 }' /usr/share/kelv-mibs/smi/SNMPv2-SMI.txt "
+             ">/usr/share/snmp/mibs/SNMPv2-SMI.txt")
+    assert host.run(f"{AS_ROOT} snmptranslate -On SNMPv2-SMI::standard").stdout == ".1.3.6.1.4.1.99999\n"
 
 
 GUEST = """
@@ -177,7 +181,9 @@ def test_an_upgrade_keeps_settings_and_the_port(host):
     host.run(f"for file in /etc/default/tovric-vessad {SNIPPET}; do echo '# edited' >>$file; done; chmod 644 {SNIPPET}")
     community = host.run("cat /etc/snmp/kelv/snmp.conf").stdout
     before = host.run(UNITS).stdout
-    walking = host.start(f"while [ ! -e /run/upgraded ]; do {AS_ROOT} snmpbulkwalk -r 9 -t 1 -Oqv localhost vmTable "
+    # By number: the files of the MIB are replaced too.
+    walking = host.start(f"while [ ! -e /run/upgraded ]; do {AS_ROOT} snmpbulkwalk -m '' -r 9 -t 1 -Oqv localhost "
+                         ".1.3.6.1.4.1.32473.2.1 "
                          ">/run/walk 2>/run/error && wc -l </run/walk || grep -o genError /run/error "
                          "|| cat /run/error; done")
     host.run(f"{install()} -o Dpkg::Options::=--force-confold")

@@ -36,7 +36,8 @@ class Mistakes {
 
     // Takes a mistake that makes the document unusable: throws or keeps it.
     void Refuse(const Error& mistake);
-    // Takes a mistake with which the document can be used: keeps it.
+    // Takes a mistake with which the document can be used: keeps it, unless the same at the same place is
+    // kept.
     void Tolerate(const Error& mistake);
 
     // Runs `read`, and takes the Error that it throws; after a mistake that is kept, reading goes on behind.

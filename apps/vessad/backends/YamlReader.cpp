@@ -88,22 +88,23 @@ Tessim::Ref<Ordane::DataObject> ReadObject(const Cursor& cursor, const Ordane::D
     if (!cursor.IsMap()) {
         cursor.Refuse("a mapping with the members of " + std::string(declared.name));
     }
-    const Ordane::DataObjectType* type = nullptr;
-    cursor.Attempt([&] { type = ReadType(cursor, declared); });
+    const Ordane::DataObjectType* known = nullptr;
+    cursor.Attempt([&] { known = ReadType(cursor, declared); });
     // Of an unknown type, what every kind has is checked.
-    const std::vector<const Ordane::Member*> members = (type == nullptr ? declared : *type).GetMembers();
-    std::vector<std::string_view> known(callerKeys);
+    const Ordane::DataObjectType& type = known == nullptr ? declared : *known;
+    const std::vector<const Ordane::Member*> members = type.GetMembers();
+    std::vector<std::string_view> keys(callerKeys);
     for (const Ordane::Member* member : members) {
-        known.push_back(member->name);
+        keys.push_back(member->name);
     }
     if (!declared.descendants.empty()) {
-        known.push_back(typeKey);
+        keys.push_back(typeKey);
     }
-    if (type != nullptr) {
-        cursor.CheckKeys(known);
+    if (known != nullptr) {
+        cursor.CheckKeys(keys);
     }
 
-    Tessim::Ref<Ordane::DataObject> object = (type == nullptr ? declared : *type).create();
+    Tessim::Ref<Ordane::DataObject> object = type.create();
     for (const Ordane::Member* member : members) {
         cursor.Attempt([&] { ReadMember(cursor, *member, *object); });
     }

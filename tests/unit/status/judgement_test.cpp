@@ -131,8 +131,8 @@ TEST(Judgement, OfTheDaemon) {
          "FAIL  login: the daemon issued no ticket: cannot set the group of a ticket file: Operation not "
          "permitted\n"
          "      set TICKET_GROUP in /etc/default/tovric-vessad to the agent's group; if it already is, "
-         "usermod "
-         "--append --groups GROUP tovric-vessad with that group; then: systemctl restart tovric-vessad\n" +
+         "usermod --append --groups GROUP tovric-vessad with that group; then: systemctl restart "
+         "tovric-vessad\n" +
              unknown},
     });
 }
